@@ -1,0 +1,109 @@
+// A runtime for tests: a library pair with the real runtime's names that records every call and
+// answers as told. C++ tests link vorda_scripted_runtime; Python tests load both libraries with
+// ctypes (global scope, before the first connect, so that the loader finds them by their names) and
+// call these functions on the first. Not thread-safe. All texts are 8-bit UTF-8.
+//
+// What it models by itself: handles, prepare, parameters, execute, result sets, bound columns,
+// fetch, diagnostics. Every other function is recorded and succeeds without effect.
+#pragma once
+
+#include "util/def.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Back to the start: no log, answers, handler, diagnostics, results, handles, counts or errors.
+VORDA_EXPORT void scripted_reset(void);
+
+// --- What was called
+// ---------------------------------------------------------------------------------
+
+// One line per call, joined by newlines, for example
+//   SQLAllocHandle(3, dbc1, stmt1)          the new handle in place of the output pointer
+//   SQLPrepareW(stmt1, "SELECT @1 ", 10)
+//   SQLBindParameter(stmt1, 1, in, ctype=4, sqltype=4, size=4, digits=0, buflen=4, values=[5],
+//   lens=[4]) SQLSetStmtAttr(stmt1, 22, 3)            the three attribute setters come without
+//   their length SQLExecute(stmt1)
+//     1: values=[5, 6, NULL], lens=[4, 4, -1]
+// The indented lines after an execution show what the bound memory held for each parameter, all
+// sets. Handles are named by kind and order of allocation ("stmt2"), with "(freed)" once freed;
+// other pointers are "ptr" or "null". Texts are in quotes with \n, \\, \" and \xNN for control
+// characters, binary values as x'00ff', dates as 2024-02-29, 13:14:15 or 2024-02-29
+// 13:14:15.000000250. The result is valid until the next call of this function.
+VORDA_EXPORT const char* scripted_log(void);
+// Empties the log and nothing else.
+VORDA_EXPORT void scripted_log_clear(void);
+// Calls of a function ("SQLFetch") since the reset, and of all functions for a null name.
+VORDA_EXPORT int scripted_call_count(const char* function);
+// The path that the last call brought as its first argument.
+VORDA_EXPORT const char* scripted_last_path(void);
+
+// --- Answers
+// -----------------------------------------------------------------------------------------
+
+// The nth call of a function since the reset (0: every call that has no answer of its own) returns
+// this status instead of acting: outputs stay untouched.
+VORDA_EXPORT void scripted_answer(const char* function, int nth, int status);
+// The same, but the call acts first and only its status is replaced.
+VORDA_EXPORT void scripted_answer_after(const char* function, int nth, int status);
+VORDA_EXPORT void scripted_answers_clear(void);
+
+// Sees every call first, with all arguments after the path, signed and unsigned numbers and
+// pointers alike as 64-bit integers; returns 1 when it has answered, having set *status. Null
+// removes it.
+typedef int (*scripted_handler_function)(const char* name, const long long* args, int nargs,
+                                         int* status);
+VORDA_EXPORT void scripted_handler(scripted_handler_function handler);
+
+// Appends a diagnostic. SQLError(W) takes the first one away, SQLGetDiagRec(W) reads it by number;
+// with none left both return SQL_NO_DATA. Only the statuses 0 and 1 write anything.
+// `reported_length` is the length that is claimed for the text, -1 for the true one.
+VORDA_EXPORT void scripted_diag(const char* state, int native, const char* text,
+                                int reported_length, int status);
+
+// --- Results
+// -----------------------------------------------------------------------------------------
+
+// Each statement that executes takes the oldest result that was defined; with none left it yields
+// no columns, no rows and row count 0. The functions below add to the newest result (the first of
+// them makes one); scripted_result begins another.
+VORDA_EXPORT void scripted_result(void);
+VORDA_EXPORT void scripted_row_count(long long count);
+// `sqltype` and the rest are reported as they are, whatever the cells hold.
+VORDA_EXPORT void scripted_column(const char* name, int sqltype, int length, int precision,
+                                  int scale, int nullable);
+// The length reported for the last column's name in place of the true one.
+VORDA_EXPORT void scripted_column_name_length(int reported_length);
+
+// Begins a row; then one cell for each column, from the left. Missing cells are NULL.
+VORDA_EXPORT void scripted_row(void);
+VORDA_EXPORT void scripted_cell_null(void);
+VORDA_EXPORT void scripted_cell_int(long long value);
+VORDA_EXPORT void scripted_cell_double(double value);
+VORDA_EXPORT void scripted_cell_text(const char* text);
+// Any bytes, for text and for binary columns.
+VORDA_EXPORT void scripted_cell_bytes(const char* bytes, int length);
+VORDA_EXPORT void scripted_cell_timestamp(int year, int month, int day, int hour, int minute,
+                                          int second, unsigned fraction_nanoseconds);
+// The length/indicator reported for the last cell in place of the true one. The cell is delivered
+// all the same; with -1 (NULL) too.
+VORDA_EXPORT void scripted_cell_indicator(long long indicator);
+
+// A fetch writes each cell into its bound column: text (cut to the buffer, terminated), binary
+// (cut), numbers by C type, timestamps. A cut value makes the fetch succeed with information,
+// without a diagnostic unless scripted_diag gave one. After the last row: SQL_NO_DATA.
+
+// --- Handles
+// -----------------------------------------------------------------------------------------
+
+// Handles not freed, of kind 1 (environment), 2 (connection), 3 (statement) or 0 (all).
+// Disconnecting frees the connection's statements.
+VORDA_EXPORT int scripted_live_handles(int kind);
+// Number of log lines that begin with "ERROR:": a freed or unknown handle was used, a handle was
+// freed while others still hang on it, or a bound length does not fit its buffer.
+VORDA_EXPORT int scripted_errors(void);
+
+#ifdef __cplusplus
+}
+#endif
