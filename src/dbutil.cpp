@@ -1,0 +1,107 @@
+#include "dbutil.h"
+
+#include <algorithm>
+#include <new>
+
+#include "util/core.h"
+
+namespace {
+
+struct Verb {
+    const char* word;
+    int sqlType;
+};
+constexpr Verb kVerbs[] = {
+    {"SELECT", SQLTYPE_SELECT}, {"INSERT", SQLTYPE_INSERT},   {"UPDATE", SQLTYPE_UPDATE},
+    {"DELETE", SQLTYPE_DELETE}, {"EXECUTE", SQLTYPE_EXECUTE}, {"EXEC", SQLTYPE_EXEC},
+};
+
+// Only a plain word is a verb, not a string or a quoted name that reads like one.
+int Classify(const SQL_TOKEN& first) {
+    if ((first.tkKind != TK_IDENTIFIER && first.tkKind != TK_KEYWORD) || first.bWasQuoted) {
+        return SQLTYPE_OTHER;
+    }
+    const auto* const verb = std::find_if(std::begin(kVerbs), std::end(kVerbs), [&](const Verb& v) {
+        return mystrcmpi(first.sValue.Deref(), v.word) == 0;
+    });
+    return verb != std::end(kVerbs) ? verb->sqlType : SQLTYPE_OTHER;
+}
+
+// The kind and the first byte decide, so a quoted name that begins with ":" or "@" is a marker too.
+bool IsMarker(const SQL_TOKEN& token) {
+    const char first = *token.sValue.Deref();
+    return token.IsParameter() || (token.tkKind == TK_IDENTIFIER && (first == ':' || first == '@'));
+}
+
+void Check(int status) {
+    if (status != VORDA_OK) throw std::bad_alloc();
+}
+
+}  // namespace
+
+bool IsStoredProcedure(int sqlType) {
+    return sqlType == SQLTYPE_EXECUTE || sqlType == SQLTYPE_EXEC;
+}
+
+bool IsStoredProceduresqlType(int sqlType) {
+    return IsStoredProcedure(sqlType);
+}
+
+bool SQLTypeHasResultSet(int sqlType) {
+    return sqlType == SQLTYPE_SELECT || IsStoredProcedure(sqlType);
+}
+
+MarkerWalk::MarkerWalk(const char* sql) {
+    Check(m_tokenizer.InitWithUTF8(sql));
+    m_tokenizer.MarkStart();
+    m_sqlType = Classify(NextToken());
+}
+
+const SQL_TOKEN& MarkerWalk::NextToken() {
+    const SQL_TOKEN* const token = m_tokenizer.NextToken();
+    if (m_tokenizer.LastErrorCode() == VORDA_OUT_OF_MEMORY) throw std::bad_alloc();
+    return *token;
+}
+
+const SQL_TOKEN* MarkerWalk::NextMarker() {
+    while (!m_tokenizer.IsEOF()) {
+        const char* const before = m_tokenizer.Position();
+        const SQL_TOKEN& token = NextToken();
+        // A character that starts no token stays where it is.
+        if (m_tokenizer.Position() == before) m_tokenizer.SkipCharacter();
+        const bool marker = IsMarker(token);
+        // In a procedure call names stand on the left of "=", only what follows it is a value.
+        if (marker && IsStoredProcedure(m_sqlType) && !m_afterEquals) continue;
+        m_afterEquals = token.Equals(TK_OPERATOR, "=") && !token.bWasQuoted;
+        if (marker) return &token;
+    }
+    return nullptr;
+}
+
+std::string_view MarkerWalk::TakeText() {
+    const std::string_view text = m_tokenizer.MarkedText();
+    m_tokenizer.MarkStart();
+    return text;
+}
+
+int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, int* sqlType, int* paramCount) {
+    const auto append = [&](std::string_view text) {
+        Check(normalizedSql.Append(text.data(), static_cast<long long>(text.size())));
+    };
+    MarkerWalk walk(originalSql);
+    *sqlType = walk.SqlType();
+    int paramIndex = 0;
+    while (const SQL_TOKEN* marker = walk.NextMarker()) {
+        std::string_view text = walk.TakeText();
+        // What is cut is the marker's text without quotes: of "[:x]" the bracket "[" stays behind,
+        // and an "@1 " follows it. Never more than there is.
+        text.remove_suffix(std::min(marker->Text().size(), text.size()));
+        append(text);
+        append("@");
+        Check(normalizedSql.AppendInt(++paramIndex));
+        append(" ");
+    }
+    append(walk.TakeText());
+    if (paramCount != nullptr) *paramCount = paramIndex;
+    return VORDA_OK;
+}
