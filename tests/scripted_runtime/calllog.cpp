@@ -1,0 +1,258 @@
+#include "calllog.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+template <typename T>
+T Load(const char* from) {
+    T value;
+    std::memcpy(&value, from, sizeof value);
+    return value;
+}
+
+std::string Quoted(std::string_view text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        if (c == '\n') {
+            out += "\\n";
+        } else if (c == '"' || c == '\\') {
+            out += {'\\', c};
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + '"';
+}
+
+std::string Hex(std::string_view bytes) {
+    std::string out = "x'";
+    for (const char c : bytes) {
+        char digits[3];
+        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(c));
+        out += digits;
+    }
+    return out + '\'';
+}
+
+template <typename T>
+std::string Number(const char* data) {
+    char digits[32];
+    const auto [end, error] = std::to_chars(digits, digits + sizeof digits, Load<T>(data));
+    return {digits, end};
+}
+
+std::string Byte(const char* data) {
+    return std::to_string(static_cast<unsigned char>(*data));
+}
+
+std::string Date(const char* data) {
+    const auto d = Load<SQL_DATE_STRUCT>(data);
+    char out[32];
+    std::snprintf(out, sizeof out, "%04d-%02d-%02d", d.year, d.month, d.day);
+    return out;
+}
+
+std::string Time(const char* data) {
+    const auto t = Load<SQL_TIME_STRUCT>(data);
+    char out[32];
+    std::snprintf(out, sizeof out, "%02d:%02d:%02d", t.hour, t.minute, t.second);
+    return out;
+}
+
+std::string Timestamp(const char* data) {
+    const auto t = Load<SQL_TIMESTAMP_STRUCT>(data);
+    char out[64];
+    std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d.%09u", t.year, t.month, t.day,
+                  t.hour, t.minute, t.second, static_cast<unsigned>(t.fraction));
+    return out;
+}
+
+// C types whose values have one size; the slots of all others are as wide as their buffer length.
+struct FixedType {
+    int cType;
+    int size;
+    std::string (*format)(const char* data);
+};
+constexpr FixedType kFixedTypes[] = {
+    {SQL_C_BIT, 1, Byte},
+    {SQL_C_UTINYINT, 1, Byte},
+    {SQL_C_TINYINT, 1, Number<signed char>},
+    {SQL_C_STINYINT, 1, Number<signed char>},
+    {SQL_C_SHORT, 2, Number<SQLSMALLINT>},
+    {SQL_C_SSHORT, 2, Number<SQLSMALLINT>},
+    {SQL_C_USHORT, 2, Number<SQLUSMALLINT>},
+    {SQL_C_LONG, 4, Number<SQLINTEGER>},
+    {SQL_C_SLONG, 4, Number<SQLINTEGER>},
+    {SQL_C_ULONG, 4, Number<SQLUINTEGER>},
+    {SQL_C_SBIGINT, 8, Number<long long>},
+    {SQL_C_UBIGINT, 8, Number<unsigned long long>},
+    {SQL_C_FLOAT, 4, Number<float>},
+    {SQL_C_DOUBLE, 8, Number<double>},
+    {SQL_C_DATE, sizeof(SQL_DATE_STRUCT), Date},
+    {SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT), Date},
+    {SQL_C_TIME, sizeof(SQL_TIME_STRUCT), Time},
+    {SQL_C_TYPE_TIME, sizeof(SQL_TIME_STRUCT), Time},
+    {SQL_C_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
+    {SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
+};
+
+const FixedType* FindFixed(int cType) {
+    const auto found = std::find_if(std::begin(kFixedTypes), std::end(kFixedTypes),
+                                    [=](const FixedType& type) { return type.cType == cType; });
+    return found == std::end(kFixedTypes) ? nullptr : found;
+}
+
+SQLLEN IndicatorOf(const Binding& binding, long long set) {
+    return binding.indicators ? binding.indicators[set] : SQL_NTS;
+}
+
+std::string FormatValue(const Binding& binding, long long set) {
+    const SQLLEN indicator = IndicatorOf(binding, set);
+    if (indicator == SQL_NULL_DATA) return "NULL";
+    if (!binding.data) return "null";
+    if (const FixedType* const fixed = FindFixed(binding.cType)) {
+        return fixed->format(binding.data + set * fixed->size);
+    }
+    const SQLLEN room = std::max<SQLLEN>(binding.bufferLength, 0);
+    const char* const data = binding.data + set * room;
+    const auto capacity = static_cast<std::size_t>(room);
+    if (indicator != SQL_NTS && indicator < 0) return "?";
+    const std::size_t length = indicator == SQL_NTS
+                                   ? strnlen(data, capacity)
+                                   : std::min(static_cast<std::size_t>(indicator), capacity);
+    const bool isText = binding.cType == SQL_C_CHAR || binding.cType == SQL_C_WCHAR;
+    return isText ? Quoted({data, length}) : Hex({data, length});
+}
+
+// "values=[...], lens=[...]" for all parameter sets.
+std::string FormatValues(const Binding& binding, long long sets) {
+    std::string values, lengths;
+    for (long long set = 0; set < sets; ++set) {
+        const char* const separator = set == 0 ? "" : ", ";
+        values += separator + FormatValue(binding, set);
+        lengths += separator;
+        lengths += binding.indicators ? std::to_string(binding.indicators[set]) : "null";
+    }
+    return "values=[" + values + "], lens=[" + lengths + "]";
+}
+
+// Functions whose first texts are input, each followed by its length. Wide forms are alike.
+struct InputTexts {
+    std::string_view function;
+    int count;
+};
+constexpr InputTexts kInputTexts[] = {
+    {"SQLPrepare", 1},    {"SQLExecDirect", 1},    {"SQLDriverConnect", 1}, {"SQLConnect", 3},
+    {"SQLNativeSql", 1},  {"SQLSetCursorName", 1}, {"SQLTables", 4},        {"SQLColumns", 4},
+    {"SQLStatistics", 3}, {"SQLPrimaryKeys", 3},   {"SQLProcedures", 3},
+};
+
+std::string_view NarrowName(std::string_view name) {
+    return name.ends_with('W') ? name.substr(0, name.size() - 1) : name;
+}
+
+int CountInputTexts(std::string_view name) {
+    for (const InputTexts& entry : kInputTexts) {
+        if (entry.function == NarrowName(name)) return entry.count;
+    }
+    return 0;
+}
+
+std::string FormatText(const char* text, long long length) {
+    if (!text) return "null";
+    if (length == SQL_NTS) return Quoted(text);
+    return length < 0 ? "ptr" : Quoted({text, static_cast<std::size_t>(length)});
+}
+
+std::string FormatOpaque(const Model& model, long long value) {
+    constexpr long long kLargestNumber = 0xffff;
+    if (value != 0 && value <= kLargestNumber) return std::to_string(value);
+    return FormatHandle(model, reinterpret_cast<SQLHANDLE>(value));
+}
+
+std::string FormatArguments(const Model& model, const Call& call) {
+    std::string out;
+    int inputTexts = CountInputTexts(call.name);
+    for (std::size_t i = 0; i < call.arguments.size(); ++i) {
+        const Argument& argument = call.arguments[i];
+        if (i > 0) out += ", ";
+        if (argument.kind == Argument::Kind::Number) {
+            out += std::to_string(argument.value);
+        } else if (argument.kind == Argument::Kind::Opaque) {
+            out += FormatOpaque(model, argument.value);
+        } else if (argument.kind == Argument::Kind::Text && inputTexts > 0) {
+            --inputTexts;
+            out += FormatText(call.Pointer<char>(i), call.Number(i + 1));
+        } else {
+            out += argument.value ? "ptr" : "null";
+        }
+    }
+    return out;
+}
+
+std::string FormatAttribute(const Model& model, const Call& call) {
+    const long long value = call.Number(2);
+    return FormatHandle(model, call.Handle(0)) + ", " + std::to_string(call.Number(1)) + ", " +
+           (value == 0 ? "0" : FormatOpaque(model, value));
+}
+
+std::string FormatBindParameter(const Model& model, const Call& call) {
+    static constexpr std::array kDirections = {"0", "in", "inout", "3", "out"};
+    const auto direction = static_cast<std::size_t>(call.Number(2));
+    const Binding binding{.cType = static_cast<int>(call.Number(3)),
+                          .data = call.Pointer<char>(7),
+                          .bufferLength = static_cast<SQLLEN>(call.Number(8)),
+                          .indicators = call.Pointer<SQLLEN>(9)};
+    const Handle* const statement = model.Find(call.Handle(0));
+    const auto labelled = [&](const char* label, std::size_t i) {
+        return label + std::to_string(call.Number(i)) + ", ";
+    };
+    return FormatHandle(model, call.Handle(0)) + ", " + std::to_string(call.Number(1)) + ", " +
+           (direction < kDirections.size() ? kDirections[direction] : "?") + ", " +
+           labelled("ctype=", 3) + labelled("sqltype=", 4) + labelled("size=", 5) +
+           labelled("digits=", 6) + labelled("buflen=", 8) +
+           FormatValues(binding, statement ? statement->parameterSets : 1);
+}
+
+}  // namespace
+
+std::string FormatHandle(const Model& model, SQLHANDLE handle) {
+    static constexpr std::array kNames = {"", "env", "dbc", "stmt"};
+    if (!handle) return "null";
+    const Handle* const found = model.Find(handle);
+    if (!found) return "ptr";
+    return kNames[static_cast<std::size_t>(found->kind)] + std::to_string(found->number) +
+           (found->isLive ? "" : "(freed)");
+}
+
+std::string FormatCall(const Model& model, const Call& call) {
+    const bool isSetter =
+        call.name.starts_with("SQLSet") && NarrowName(call.name).ends_with("Attr");
+    return std::string(call.name) + '(' +
+           (isSetter                          ? FormatAttribute(model, call)
+            : call.name == "SQLBindParameter" ? FormatBindParameter(model, call)
+                                              : FormatArguments(model, call)) +
+           ')';
+}
+
+void LogParameters(Model& model, const Call& call, const Handle& statement) {
+    for (const auto& [number, binding] : statement.parameters) {
+        model.log.push_back("  " + std::to_string(number) + ": " +
+                            FormatValues(binding, statement.parameterSets));
+        if (FindFixed(binding.cType)) continue;
+        for (long long set = 0; set < statement.parameterSets; ++set) {
+            if (IndicatorOf(binding, set) <= binding.bufferLength) continue;
+            model.Error(call, "parameter " + std::to_string(number) + ", set " +
+                                  std::to_string(set + 1) + ": the length is beyond the slot");
+        }
+    }
+}

@@ -1,0 +1,42 @@
+// The runtime's exported functions: each packs its arguments and hands them on.
+#include <type_traits>
+
+#include "model.h"
+#include "util/def.h"
+
+namespace {
+
+template <typename T>
+Argument Pack(T value) {
+    using Kind = Argument::Kind;
+    if constexpr (std::is_pointer_v<T>) {
+        using Target = std::remove_pointer_t<T>;
+        constexpr Kind kKind = std::is_void_v<Target> ? Kind::Opaque
+                               : std::is_same_v<Target, SQLCHAR> || std::is_same_v<Target, SQLWCHAR>
+                                   ? Kind::Text
+                                   : Kind::Pointer;
+        return {reinterpret_cast<long long>(value), kKind};
+    } else {
+        return {static_cast<long long>(value), Kind::Number};
+    }
+}
+
+template <typename... T>
+SQLRETURN Enter(const char* name, const char* path, T... values) {
+    const Argument arguments[] = {Pack(values)...};
+    return Answer(path, {name, arguments});
+}
+
+}  // namespace
+
+#define ODBC_UNPACK(...) __VA_ARGS__
+#define ODBC_CALL(name, parameters, arguments)                               \
+    extern "C" VORDA_EXPORT SQLRETURN RT_SQL##name(const char* modulePath,   \
+                                                   ODBC_UNPACK parameters) { \
+        return Enter("SQL" #name, modulePath, ODBC_UNPACK arguments);        \
+    }
+#include "mono/odbc_functions.def"
+
+extern "C" VORDA_EXPORT int RT_Version() {
+    return 6;
+}

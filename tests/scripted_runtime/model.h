@@ -1,0 +1,105 @@
+// The scripted runtime's model of a provider, and the calls that reach it. Internal to this folder.
+#pragma once
+
+#include <array>
+#include <deque>
+#include <map>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "include/sqltypes.h"
+
+// One argument of a call, as a 64-bit integer and what its type says about it. An opaque one is a
+// handle, a buffer or a small number that travels in a pointer.
+struct Argument {
+    enum class Kind { Number, Opaque, Text, Pointer };
+    long long value;
+    Kind kind;
+};
+
+struct Call {
+    std::string_view name;
+    std::span<const Argument> arguments;
+
+    long long Number(std::size_t i) const { return arguments[i].value; }
+    template <typename T>
+    T* Pointer(std::size_t i) const {
+        return reinterpret_cast<T*>(arguments[i].value);
+    }
+    SQLHANDLE Handle(std::size_t i) const { return Pointer<void>(i); }
+};
+
+struct Cell {
+    std::variant<std::monostate, long long, double, std::string, SQL_TIMESTAMP_STRUCT> value;
+    std::optional<SQLLEN> indicator;
+};
+
+struct Column {
+    std::string name;
+    long long sqlType, length, precision, scale, nullable;
+    std::optional<int> nameLength;
+};
+
+struct Result {
+    std::vector<Column> columns;
+    std::vector<std::vector<Cell>> rows;
+    SQLLEN rowCount = 0;
+};
+
+// What SQLBindParameter and SQLBindCol were given: memory that the caller owns.
+struct Binding {
+    int cType = 0;
+    char* data = nullptr;
+    SQLLEN bufferLength = 0;
+    SQLLEN* indicators = nullptr;
+};
+
+struct Handle {
+    int kind = 0;
+    int number = 0;
+    SQLHANDLE parent = nullptr;
+    bool isLive = true;
+    // Connections.
+    bool isConnected = false;
+    // Statements.
+    bool isPrepared = false;
+    bool isExecuted = false;
+    long long parameterSets = 1;
+    std::map<int, Binding> parameters;
+    std::map<int, Binding> columns;
+    Result result;
+    std::size_t nextRow = 0;
+};
+
+struct Diagnostic {
+    std::string state;
+    SQLINTEGER native;
+    std::string text;
+    int reportedLength;
+    SQLRETURN status;
+};
+
+struct Model {
+    // Freed ones stay, so that their use is recognised.
+    std::map<SQLHANDLE, Handle> handles;
+    // By kind; numbers the handles.
+    std::array<int, 4> allocated{};
+    std::deque<Result> results;
+    std::deque<Diagnostic> diagnostics;
+    std::vector<std::string> log;
+    int errors = 0;
+
+    const Handle* Find(SQLHANDLE handle) const;
+    // Logs a misuse of the runtime.
+    void Error(const Call& call, const std::string& what);
+};
+
+// Carries a call out. Functions without a model succeed without effect.
+SQLRETURN Act(Model& model, const Call& call);
+
+// Counts, logs and answers a call; every entry point ends here.
+SQLRETURN Answer(const char* path, const Call& call);
