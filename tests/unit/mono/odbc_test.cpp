@@ -1,0 +1,338 @@
+#include "mono/odbc.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "scripted_runtime/scripted_runtime.h"
+
+namespace {
+
+// The bound functions by name, as the table has them now.
+std::map<std::string, void*> Table() {
+    return {
+#define ODBC_CALL(name, parameters, arguments) \
+    {"RT_SQL" #name, reinterpret_cast<void*>(g_mtdSQL##name)},
+#include "mono/odbc_functions.def"
+    };
+}
+
+std::ptrdiff_t CountBound() {
+    const auto table = Table();
+    return std::count_if(table.begin(), table.end(),
+                         [](const auto& entry) { return entry.second != nullptr; });
+}
+
+class OdbcTest : public ::testing::Test {
+  protected:
+    void SetUp() override { StartAfresh(); }
+    void TearDown() override { StartAfresh(); }
+
+    static void StartAfresh() {
+        unsetenv("VORDA_UNLOAD_RUNTIME");
+        scripted_reset();
+        UnloadMethods();
+        g_driver_handle_counter = 0;
+    }
+
+    static SQLHENV NewEnvironment() {
+        SQLHENV environment = nullptr;
+        EXPECT_EQ(SQLAllocEnv(&environment), SQL_SUCCESS);
+        return environment;
+    }
+};
+
+// --- Forwarders
+// --------------------------------------------------------------------------------------
+
+struct Arrival {
+    std::string name;
+    std::vector<long long> arguments;
+};
+Arrival g_arrival;
+constexpr int kOddStatus = 4242;
+
+int RecordArrival(const char* name, const long long* arguments, int count, int* status) {
+    g_arrival = {name, {arguments, arguments + count}};
+    *status = kOddStatus;
+    return 1;
+}
+
+// Memory for pointer arguments to point to; the runtime's log reads a little of it.
+long long g_arena[64];
+
+// A different value for each position, at the end of the type's range that a wrong width or sign
+// would damage.
+template <typename T>
+T Distinct(int position) {
+    if constexpr (std::is_pointer_v<T>) {
+        return reinterpret_cast<T>(&g_arena[position]);
+    } else if constexpr (std::is_signed_v<T>) {
+        return static_cast<T>(std::numeric_limits<T>::min() + position);
+    } else {
+        return static_cast<T>(std::numeric_limits<T>::max() - static_cast<T>(position));
+    }
+}
+
+template <typename T>
+long long AsNumber(T value) {
+    if constexpr (std::is_pointer_v<T>) {
+        return reinterpret_cast<long long>(value);
+    } else {
+        return static_cast<long long>(value);
+    }
+}
+
+template <typename... Parameters>
+SQLRETURN CallWithDistinct(SQLRETURN (*function)(Parameters...), std::vector<long long>& sent) {
+    return [&]<int... positions>(std::integer_sequence<int, positions...>) {
+        sent = {AsNumber(Distinct<Parameters>(positions))...};
+        return function(Distinct<Parameters>(positions)...);
+    }
+    (std::make_integer_sequence<int, sizeof...(Parameters)>());
+}
+
+struct Forwarder {
+    const char* name;
+    SQLRETURN (*call)(std::vector<long long>& sent);
+};
+const Forwarder kForwarders[] = {
+#define ODBC_HANDLE_CALL(name, parameters, arguments)
+#define ODBC_CALL(name, parameters, arguments) \
+    {"SQL" #name, [](std::vector<long long>& sent) { return CallWithDistinct(SQL##name, sent); }},
+#include "mono/odbc_functions.def"
+};
+
+TEST_F(OdbcTest, ForwardersPassThePathAndTheArgumentsUnchanged) {
+    EXPECT_EQ(std::size(kForwarders), 106u);
+    NewEnvironment();
+    scripted_handler(RecordArrival);
+    for (const Forwarder& forwarder : kForwarders) {
+        std::vector<long long> sent;
+        EXPECT_EQ(forwarder.call(sent), kOddStatus) << forwarder.name;
+        EXPECT_EQ(g_arrival.name, forwarder.name);
+        EXPECT_EQ(g_arrival.arguments, sent) << forwarder.name;
+        EXPECT_STREQ(scripted_last_path(), g_driverPath);
+    }
+}
+
+TEST_F(OdbcTest, ForwardersFailWithoutATableAndTouchNothing) {
+    std::fill(std::begin(g_arena), std::end(g_arena), 7);
+    for (const Forwarder& forwarder : kForwarders) {
+        std::vector<long long> sent;
+        EXPECT_EQ(forwarder.call(sent), SQL_ERROR) << forwarder.name;
+    }
+    EXPECT_EQ(std::count(std::begin(g_arena), std::end(g_arena), 7), std::ssize(g_arena));
+    EXPECT_EQ(scripted_call_count(nullptr), 0);
+    std::fill(std::begin(g_arena), std::end(g_arena), 0);
+}
+
+TEST_F(OdbcTest, OneMissingFunctionFailsAlone) {
+    NewEnvironment();
+    g_mtdSQLFetch = nullptr;
+    EXPECT_EQ(SQLFetch(nullptr), SQL_ERROR);
+    EXPECT_EQ(SQLMoreResults(nullptr), SQL_SUCCESS);
+    EXPECT_EQ(scripted_call_count("SQLFetch"), 0);
+}
+
+// --- Method table
+// ------------------------------------------------------------------------------------
+
+TEST_F(OdbcTest, EveryNameIsBoundToItsOwnFunction) {
+    NewEnvironment();
+    const auto table = Table();
+    EXPECT_EQ(table.size(), 113u);
+    for (const auto& [name, function] : table) {
+        ASSERT_NE(function, nullptr) << name;
+        EXPECT_EQ(function, dlsym(g_runtimeHandle, name.c_str())) << name;
+    }
+}
+
+TEST_F(OdbcTest, WithoutARuntimeNothingIsBound) {
+    void* const runtime = std::exchange(g_runtimeHandle, nullptr);
+    LoadMethods();
+    EXPECT_EQ(CountBound(), 0);
+    g_runtimeHandle = runtime;
+}
+
+TEST_F(OdbcTest, ARuntimeWithoutFunctionsFailsTheFirstEnvironment) {
+    // The companion has none of the functions.
+    void* const runtime =
+        std::exchange(g_runtimeHandle, dlopen("libvordart-compat.x64.so.6", RTLD_NOW));
+    ASSERT_NE(g_runtimeHandle, nullptr);
+    SQLHENV environment = &environment;
+    EXPECT_EQ(SQLAllocEnv(&environment), SQL_ERROR);
+    EXPECT_EQ(environment, &environment);
+    EXPECT_EQ(SQLFreeEnv(environment), SQL_ERROR);
+    SQLHDBC connection = nullptr;
+    EXPECT_EQ(SQLAllocConnect(environment, &connection), SQL_ERROR);
+    EXPECT_EQ(g_driver_handle_counter, 0);
+
+    // The failed attempt also lets go of the library where that is allowed.
+    EXPECT_NE(g_runtimeHandle, nullptr);
+    setenv("VORDA_UNLOAD_RUNTIME", "1", 1);
+    EXPECT_EQ(SQLAllocEnv(&environment), SQL_ERROR);
+    EXPECT_EQ(g_runtimeHandle, nullptr);
+    g_runtimeHandle = runtime;
+}
+
+// --- Handles
+// -----------------------------------------------------------------------------------------
+
+TEST_F(OdbcTest, AllHandlesGoThroughTheTwoGeneralCalls) {
+    SQLHENV environment = nullptr;
+    SQLHDBC connection = nullptr;
+    SQLHSTMT statement = nullptr;
+    SQLHSTMT second = nullptr;
+    EXPECT_EQ(SQLAllocEnv(&environment), SQL_SUCCESS);
+    EXPECT_EQ(SQLAllocConnect(environment, &connection), SQL_SUCCESS);
+    EXPECT_EQ(SQLAllocStmt(connection, &statement), SQL_SUCCESS);
+    EXPECT_EQ(SQLAllocHandle(SQL_HANDLE_STMT, connection, &second), SQL_SUCCESS);
+    EXPECT_EQ(SQLFreeHandle(SQL_HANDLE_STMT, second), SQL_SUCCESS);
+    EXPECT_EQ(SQLFreeStmt(statement, SQL_DROP), SQL_SUCCESS);
+    EXPECT_EQ(SQLFreeConnect(connection), SQL_SUCCESS);
+    EXPECT_EQ(g_driver_handle_counter, 1);
+    EXPECT_EQ(SQLFreeEnv(environment), SQL_SUCCESS);
+    EXPECT_EQ(g_driver_handle_counter, 0);
+    EXPECT_STREQ(scripted_log(),
+                 "SQLAllocHandle(1, null, env1)\n"
+                 "SQLAllocHandle(2, env1, dbc1)\n"
+                 "SQLAllocHandle(3, dbc1, stmt1)\n"
+                 "SQLAllocHandle(3, dbc1, stmt2)\n"
+                 "SQLFreeHandle(3, stmt2)\n"
+                 "SQLFreeStmt(stmt1, 1)\n"
+                 "SQLFreeHandle(2, dbc1)\n"
+                 "SQLFreeHandle(1, env1)");
+    EXPECT_EQ(scripted_live_handles(0), 0);
+}
+
+TEST_F(OdbcTest, TheTableLivesAsLongAsAnEnvironment) {
+    const SQLHENV first = NewEnvironment();
+    const SQLHENV second = NewEnvironment();
+    EXPECT_EQ(g_driver_handle_counter, 2);
+    EXPECT_EQ(SQLFreeEnv(first), SQL_SUCCESS);
+    EXPECT_EQ(CountBound(), 113);
+    EXPECT_EQ(SQLFreeEnv(second), SQL_SUCCESS);
+    EXPECT_EQ(CountBound(), 0);
+    EXPECT_EQ(SQLFreeEnv(second), SQL_ERROR);
+    EXPECT_NE(g_runtimeHandle, nullptr);
+
+    NewEnvironment();
+    EXPECT_EQ(CountBound(), 113);
+}
+
+TEST_F(OdbcTest, AFailedFirstEnvironmentClearsTheTable) {
+    // Every status is judged as an unsigned 16-bit number.
+    for (const int status : {SQL_ERROR, SQL_INVALID_HANDLE, SQL_NO_DATA, 2}) {
+        scripted_answer("SQLAllocHandle", 0, status);
+        SQLHENV environment = nullptr;
+        EXPECT_EQ(SQLAllocEnv(&environment), status);
+        EXPECT_EQ(g_driver_handle_counter, 0);
+        EXPECT_EQ(CountBound(), 0);
+    }
+    EXPECT_EQ(scripted_call_count("SQLAllocHandle"), 4);
+}
+
+TEST_F(OdbcTest, OnlySuccessfulEnvironmentsAreCounted) {
+    scripted_answer_after("SQLAllocHandle", 1, SQL_SUCCESS_WITH_INFO);
+    SQLHENV environment = nullptr;
+    EXPECT_EQ(SQLAllocEnv(&environment), SQL_SUCCESS_WITH_INFO);
+    EXPECT_EQ(g_driver_handle_counter, 1);
+
+    scripted_answer("SQLAllocHandle", 2, SQL_ERROR);
+    SQLHENV failed = nullptr;
+    EXPECT_EQ(SQLAllocEnv(&failed), SQL_ERROR);
+    EXPECT_EQ(g_driver_handle_counter, 1);
+    EXPECT_EQ(CountBound(), 113);
+
+    scripted_answer("SQLFreeHandle", 1, SQL_ERROR);
+    EXPECT_EQ(SQLFreeEnv(environment), SQL_ERROR);
+    EXPECT_EQ(g_driver_handle_counter, 1);
+
+    scripted_answer_after("SQLFreeHandle", 2, SQL_SUCCESS_WITH_INFO);
+    EXPECT_EQ(SQLFreeEnv(environment), SQL_SUCCESS_WITH_INFO);
+    EXPECT_EQ(g_driver_handle_counter, 0);
+    EXPECT_EQ(CountBound(), 0);
+}
+
+TEST_F(OdbcTest, FreeingAnEnvironmentThatWasNotCountedResetsTheCount) {
+    LoadRuntime();
+    LoadMethods();
+    SQLHENV environment = nullptr;
+    ASSERT_EQ(g_mtdSQLAllocHandle(g_driverPath, SQL_HANDLE_ENV, nullptr, &environment),
+              SQL_SUCCESS);
+    EXPECT_EQ(SQLFreeEnv(environment), SQL_SUCCESS);
+    EXPECT_EQ(g_driver_handle_counter, 0);
+    EXPECT_EQ(CountBound(), 0);
+}
+
+TEST_F(OdbcTest, TheRuntimeIsClosedOnlyWhereThatIsAllowed) {
+    for (const char* const value : {"", "0", "01", "1 ", " 1", "yes", "11"}) {
+        setenv("VORDA_UNLOAD_RUNTIME", value, 1);
+        EXPECT_EQ(AllowUnloadRuntime(), 0);
+        SQLFreeEnv(NewEnvironment());
+        EXPECT_NE(g_runtimeHandle, nullptr) << value;
+    }
+    setenv("VORDA_UNLOAD_RUNTIME", "1", 1);
+    EXPECT_EQ(AllowUnloadRuntime(), 1);
+    const std::string path = g_driverPath;
+    void* const companion = g_runtimeCompatHandle;
+    EXPECT_NE(companion, nullptr);
+    SQLFreeEnv(NewEnvironment());
+    EXPECT_EQ(g_runtimeHandle, nullptr);
+    EXPECT_EQ(g_runtimeCompatHandle, companion);
+    EXPECT_EQ(g_driverPath, path);
+
+    NewEnvironment();
+    EXPECT_NE(g_runtimeHandle, nullptr);
+}
+
+// --- Supported functions
+// -----------------------------------------------------------------------------
+
+TEST(SupportedFunctions, AllThreeAnswersAgree) {
+    SQLUSMALLINT flags[101];
+    SQLUSMALLINT bits[251];
+    std::fill(std::begin(flags), std::end(flags), SQLUSMALLINT{0xabcd});
+    std::fill(std::begin(bits), std::end(bits), SQLUSMALLINT{0xabcd});
+    EXPECT_EQ(SQLGetFunctions(nullptr, SQL_API_ALL_FUNCTIONS, flags), SQL_SUCCESS);
+    EXPECT_EQ(SQLGetFunctions(nullptr, SQL_API_ODBC3_ALL_FUNCTIONS, bits), SQL_SUCCESS);
+    EXPECT_EQ(flags[100], 0xabcd);
+    EXPECT_EQ(bits[250], 0xabcd);
+    EXPECT_EQ(std::count(flags, flags + 100, SQLUSMALLINT{1}), 54);
+    EXPECT_EQ(std::count(flags, flags + 100, SQLUSMALLINT{0}), 46);
+
+    int supported = 0;
+    for (SQLUSMALLINT id = 1; id < 4000; ++id) {
+        if (id == SQL_API_ODBC3_ALL_FUNCTIONS) continue;
+        const bool isSet = SQL_FUNC_EXISTS(bits, id) == SQL_TRUE;
+        SQLUSMALLINT single = 7;
+        EXPECT_EQ(SQLGetFunctions(nullptr, id, &single), isSet ? SQL_SUCCESS : SQL_ERROR) << id;
+        EXPECT_EQ(single, isSet ? 1 : 0) << id;
+        if (id < 100) {
+            EXPECT_EQ(flags[id], single) << id;
+        }
+        supported += isSet;
+    }
+    EXPECT_EQ(supported, 72);
+    for (const int id : {46, 51, 64, 1002}) EXPECT_FALSE(SQL_FUNC_EXISTS(bits, id)) << id;
+    for (const int id : {1, 16, 44, 72, 1021}) EXPECT_TRUE(SQL_FUNC_EXISTS(bits, id)) << id;
+}
+
+TEST(SupportedFunctions, NeedNoPlaceForTheAnswer) {
+    EXPECT_EQ(SQLGetFunctions(nullptr, SQL_API_ALL_FUNCTIONS, nullptr), SQL_SUCCESS);
+    EXPECT_EQ(SQLGetFunctions(nullptr, SQL_API_ODBC3_ALL_FUNCTIONS, nullptr), SQL_SUCCESS);
+    EXPECT_EQ(SQLGetFunctions(nullptr, SQL_API_SQLFETCH, nullptr), SQL_SUCCESS);
+    EXPECT_EQ(SQLGetFunctions(nullptr, SQL_API_SQLGETSTMTOPTION, nullptr), SQL_ERROR);
+    EXPECT_EQ(SQLGetFunctions(nullptr, 65535, nullptr), SQL_ERROR);
+}
+
+}  // namespace
