@@ -99,8 +99,8 @@ char* mystrtok(char* str, char delimiter) {
 char mystrtok2(char* str, const char* delimiters, char*& next) {
     char* const found = str + std::strcspn(str, delimiters);
     const char delimiter = *found;
-    *found = '\0';
-    next = delimiter != '\0' ? found + 1 : found;
+    next = found;
+    if (delimiter != '\0') *next++ = '\0';
     return delimiter;
 }
 

@@ -44,5 +44,5 @@ VORDA_EXPORT int mypisspace(char c);
 /// Decimal text to double after leading white space. The first 18 digits count. `endPtr`, unless
 /// null, receives the end of what was read: `string` itself when there were no digits. An "e"
 /// without digits is not read, and then the decimal point is not applied either ("1.5e" is 15). Too
-/// large becomes infinity, too small 0.
+/// large becomes infinity, too small 0, and 0 times an infinite power of ten NaN.
 VORDA_EXPORT double mystrtod(const char* string, char** endPtr);

@@ -205,8 +205,8 @@ int DynStrTemplate<N>::AppendDouble(double doubleVal) {
     if (fraction == 0) return VORDA_OK;
 
     char text[] = ".00000000";
-    for (char* digit = text + 8; digit > text; --digit, fraction /= 10) {
-        *digit = static_cast<char>('0' + fraction % 10);
+    for (char* place = text + 8; place > text; --place, fraction /= 10) {
+        *place = static_cast<char>('0' + fraction % 10);
     }
     int length = 9;
     while (text[length - 1] == '0') --length;

@@ -2,7 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <climits>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -205,6 +210,61 @@ TEST(NormalizeSqlTest, BigStatementsOnASmallStack) {
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&attributes);
 }
+
+// A text of more than 2 GB made of one megabyte mapped over and over: it cannot be handled, and
+// must not be handled in part.
+TEST(NormalizeSqlTest, TooLongIsNotShortened) {
+    constexpr std::size_t kPart = 1 << 20;
+    constexpr std::size_t kParts = 2049;
+    const int file = memfd_create("statement", 0);
+    ASSERT_GE(file, 0);
+    const std::string part(kPart, 'a');
+    ASSERT_EQ(write(file, part.data(), kPart), static_cast<ssize_t>(kPart));
+    void* const reserved = mmap(nullptr, (kParts + 1) * kPart, PROT_READ,
+                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(reserved, MAP_FAILED);
+    char* const text = static_cast<char*>(reserved);
+    for (std::size_t i = 0; i < kParts; ++i) {
+        ASSERT_NE(mmap(text + i * kPart, kPart, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0),
+                  MAP_FAILED);
+    }
+    DynStr out;
+    int type = 0;
+    EXPECT_THROW(NormalizeSQL(text, out, &type, nullptr), std::bad_alloc);
+    EXPECT_EQ(out.Length(), 0);
+    munmap(reserved, (kParts + 1) * kPart);
+    close(file);
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+// Runs `action` in a process that can get no more big blocks; whether it threw std::bad_alloc.
+template <typename Action>
+void ExpectBadAlloc(Action action) {
+    const auto run = [&] {
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_AS, &none);
+        try {
+            action();
+        } catch (const std::bad_alloc&) {
+            _exit(0);
+        }
+        _exit(1);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
+
+TEST(NormalizeSqlTest, WithoutMemoryNothingIsShortenedOrMistaken) {
+    const std::string big(64 << 20, 'a');
+    const std::string words = "SELECT (" + big + ")?";
+    ExpectBadAlloc([&] {
+        DynStr out;
+        int type = 0;
+        NormalizeSQL(words.c_str(), out, &type, nullptr);
+    });
+    const std::string literal = "SELECT '" + big + "\\x ? '";
+    ExpectBadAlloc([&] { MarkerWalk(literal.c_str()).NextMarker(); });
+}
+#endif
 
 TEST(NormalizeSqlTest, LightFormOnlyClassifies) {
     const struct {

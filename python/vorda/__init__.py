@@ -1,0 +1,1 @@
+"""Python access to the Zelqa data provider; see vorda.zelqa."""

@@ -1,0 +1,187 @@
+#include "include/conversion.h"
+
+#include <cstdarg>
+#include <cstring>
+
+#include "include/errors.h"
+#include "include/pydatetime.h"
+
+namespace {
+
+PyRef DateTimeType(PyTypeObject* type) {
+    return PyRef::Borrow(reinterpret_cast<PyObject*>(type));
+}
+
+template <class Unit>
+int CountUnits(const char* text) {
+    int count = 0;
+    for (Unit unit;; ++count) {
+        std::memcpy(&unit, text + static_cast<size_t>(count) * sizeof unit, sizeof unit);
+        if (unit == 0) return count;
+    }
+}
+
+// All of the C API's date and time objects with a time begin alike.
+bool HasTimeZone(PyObject* value) {
+    return reinterpret_cast<_PyDateTime_BaseTZInfo*>(value)->hastzinfo != 0;
+}
+
+bool Warn(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const PyRef text(PyUnicode_FromFormatV(format, args));
+    va_end(args);
+    const char* utf8 = text ? PyUnicode_AsUTF8(text.Get()) : nullptr;
+    return utf8 != nullptr && PyErr_WarnEx(PyExc_RuntimeWarning, utf8, 1) == 0;
+}
+
+}  // namespace
+
+PyRef ConvertSQLTypeToPyType(int sqlType) {
+    const auto builtin = [](PyTypeObject& type) {
+        return PyRef::Borrow(reinterpret_cast<PyObject*>(&type));
+    };
+    switch (sqlType) {
+        case DBTYPE_BINARY:
+            return builtin(PyByteArray_Type);
+        case DBTYPE_TINYINT:
+        case DBTYPE_SMALLINT:
+        case DBTYPE_INTEGER:
+        case DBTYPE_BIGINT:
+            return builtin(PyLong_Type);
+        case DBTYPE_BIT:
+            return builtin(PyBool_Type);
+        case DBTYPE_DATE:
+            return DateTimeType(PyDateTimeAPI->DateType);
+        case DBTYPE_DATETIME:
+            return DateTimeType(PyDateTimeAPI->DateTimeType);
+        case DBTYPE_TIME:
+            return DateTimeType(PyDateTimeAPI->TimeType);
+        case DBTYPE_NUMERIC:
+        case DBTYPE_DECIMAL:
+            return GetPyClass("decimal", "Decimal");
+        case DBTYPE_DOUBLE:
+        case DBTYPE_FLOAT:
+            return builtin(PyFloat_Type);
+        case DBTYPE_GUID:
+            return GetPyClass("uuid", "UUID");
+        default:
+            return builtin(PyUnicode_Type);
+    }
+}
+
+PyRef GetPyClass(const char* moduleName, const char* className) {
+    PyObject* const cache = PyThreadState_GetDict();
+    if (cache == nullptr) {
+        return Raise(PyExc_Exception, "vorda: PyThreadState_GetDict returned NULL");
+    }
+    const PyRef key(PyUnicode_FromString(className));
+    if (!key) return PyRef();
+    if (PyObject* known = PyDict_GetItemWithError(cache, key.Get())) return PyRef::Borrow(known);
+    if (PyErr_Occurred()) return PyRef();
+
+    const PyRef module(PyImport_ImportModule(moduleName));
+    if (!module) return PyRef();
+    PyRef found(PyObject_GetAttr(module.Get(), key.Get()));
+    if (!found || PyDict_SetItem(cache, key.Get(), found.Get()) < 0) return PyRef();
+    return found;
+}
+
+int GetStringLength(const char* c, int encoding) {
+    switch (encoding) {
+        case 2:
+            return CountUnits<unsigned short>(c);
+        case 3:
+            return CountUnits<unsigned int>(c);
+        default:
+            return CountUnits<char>(c);
+    }
+}
+
+int GetPyObjectAsInt(PyObject* object, int& value) {
+    value = static_cast<int>(PyLong_AsLong(object));
+    return 0;
+}
+
+int GetPyObjectAsLongLong(PyObject* object, long long& value) {
+    value = PyLong_AsLongLong(object);
+    return 0;
+}
+
+int GetPyObjectAsDouble(PyObject* object, double& value) {
+    value = PyFloat_AsDouble(object);
+    return 0;
+}
+
+int GetPyObjectAsBool(PyObject* object, bool& value) {
+    value = object == Py_True;
+    return 0;
+}
+
+int GetPyObjectAsDatetime(PyObject* object, _db_datetime_& value) {
+    value = {PyDateTime_GET_YEAR(object),
+             PyDateTime_GET_MONTH(object),
+             PyDateTime_GET_DAY(object),
+             PyDateTime_DATE_GET_HOUR(object),
+             PyDateTime_DATE_GET_MINUTE(object),
+             PyDateTime_DATE_GET_SECOND(object),
+             PyDateTime_DATE_GET_MICROSECOND(object)};
+    return 0;
+}
+
+int GetPyObjectAsDate(PyObject* object, _db_date_& value) {
+    value = {PyDateTime_GET_YEAR(object), PyDateTime_GET_MONTH(object), PyDateTime_GET_DAY(object)};
+    return 0;
+}
+
+int GetPyObjectAsTime(PyObject* object, _db_time_& value) {
+    value = {1, PyDateTime_TIME_GET_HOUR(object), PyDateTime_TIME_GET_MINUTE(object),
+             PyDateTime_TIME_GET_SECOND(object), PyDateTime_TIME_GET_MICROSECOND(object)};
+    return 0;
+}
+
+int GetPyObjectAsString(PyObject* object, DynStr& value) {
+    const PyRef encoded(PyUnicode_AsEncodedString(object, "utf-8", "strict"));
+    if (!encoded) {
+        if (!PyErr_ExceptionMatches(PyExc_UnicodeError)) {
+            PyErr_Clear();
+            throw std::bad_alloc();
+        }
+        PyErr_Clear();
+        return -1;
+    }
+    if (value.Set(PyBytes_AS_STRING(encoded.Get())) != VORDA_OK) throw std::bad_alloc();
+    return 0;
+}
+
+int GetArgumentAsString(PyObject* pyArgs, int index, DynStr& value) {
+    PyObject* const item = PyTuple_GET_ITEM(pyArgs, index);
+    return PyUnicode_Check(item) ? GetPyObjectAsString(item, value) : -1;
+}
+
+int MicrosecondsFrom(int fraction, int scale) {
+    if (scale > 0) return fraction / 1000;
+    while (fraction > 999'999) fraction /= 10;
+    return fraction;
+}
+
+bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position) {
+    if (PyUnicode_Check(value)) {
+        const Py_ssize_t length = PyUnicode_GetLength(value);
+        const Py_ssize_t nul = PyUnicode_FindChar(value, 0, 0, length, 1);
+        return nul < 0 || Warn(
+                              "The %s at position [%zd] of arguments is cut at its NUL character, "
+                              "from %zd characters to %zd.",
+                              what, position, length, nul);
+    }
+    const bool isDateTime = PyDateTime_Check(value), isTime = PyTime_Check(value);
+    if (!isDateTime && !isTime) return true;
+    if (isTime && PyDateTime_TIME_GET_MICROSECOND(value) != 0 &&
+        !Warn("The time at position [%zd] of arguments loses its fraction of a second, %d "
+              "microseconds.",
+              position, PyDateTime_TIME_GET_MICROSECOND(value))) {
+        return false;
+    }
+    return !HasTimeZone(value) ||
+           Warn("The %s at position [%zd] of arguments loses its time zone.", what, position);
+}

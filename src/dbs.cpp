@@ -1,0 +1,186 @@
+#include "include/dbs.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+constexpr DBSSMALLINT kConnectionHandle = 2;
+constexpr DBSINTEGER kParamsetSize = 22;
+constexpr int kFirstBufferSize = 256;
+
+}  // namespace
+
+Dbs::Dbs() : buffer(new char[kFirstBufferSize]), currentBufferSize(kFirstBufferSize) {}
+
+Dbs::~Dbs() = default;
+
+int Dbs::Init() {
+    return DBSAllocHandle(kConnectionHandle, nullptr, &handler);
+}
+
+int Dbs::Captured(int status) {
+    if (status == VORDA_OUT_OF_MEMORY) {
+        errCode = status;
+        std::strcpy(errMsg, "out of memory");
+    } else if (status != VORDA_OK) {
+        GetLastErrAndMsg();
+    }
+    return status;
+}
+
+int Dbs::Open(const char* connStr, int len) {
+    const int status = DBSDriverConnect(handler, connStr, static_cast<DBSSMALLINT>(len));
+    if (status == VORDA_OK) opened = 1;
+    return Captured(status);
+}
+
+int Dbs::Close() {
+    // Not only when opened: a failed Open keeps the handles that it got until the source is closed.
+    DBSDisconnect(handler);
+    DBSFreeHandle(kConnectionHandle, handler);
+    handler = nullptr;
+    opened = 0;
+    return VORDA_OK;
+}
+
+int Dbs::SetBatchSize(int size) {
+    return Captured(DBSSetStmtAttr(handler, kParamsetSize,
+                                   reinterpret_cast<DBSPOINTER>(static_cast<intptr_t>(size)),
+                                   sizeof size));
+}
+
+int Dbs::Prepare(const char* sql, int len) {
+    return Captured(DBSPrepare(handler, sql, len, nullptr));
+}
+
+int Dbs::AddParam(int index, int type, const void* data, int len, const int* lenPtr) {
+    return Captured(DBSBindParameter(handler, static_cast<DBSUSMALLINT>(index), 0,
+                                     static_cast<DBSSMALLINT>(type), 0, 0, 0, data, len, lenPtr));
+}
+
+int Dbs::Execute() {
+    return Captured(DBSExecute(handler));
+}
+
+int Dbs::Execute(const char* sql, int len) {
+    return Captured(DBSExecDirect(handler, sql, len));
+}
+
+int Dbs::Next() {
+    return DBSFetch(handler) == VORDA_NO_MORE_DATA ? 0 : 1;
+}
+
+bool Dbs::FetchFailed() {
+    return ReadError(DBSFetchError) == VORDA_OK;
+}
+
+int Dbs::GetRowCount() {
+    DBSLEN count = 0;
+    DBSRowCount(handler, &count);
+    return count;
+}
+
+int Dbs::GetColumnCount() {
+    DBSSMALLINT count = 0;
+    return DBSNumResultCols(handler, &count) == VORDA_OK ? count : 0;
+}
+
+DbColumnInfo Dbs::GetColumnInfo(int index) {
+    DBSSMALLINT nameLength = 0, dataType = 0, precision = 0, decimalDigits = 0, nullable = 0;
+    DBSULEN columnSize = 0;
+    const auto describe = [&](DBSCHAR* name) {
+        DBSDescribeCol(handler, index, name, &nameLength, &dataType, &columnSize, &precision,
+                       &decimalDigits, &nullable);
+    };
+    describe(nullptr);
+    ResizeBufferSize(nameLength);
+    describe(buffer.get());
+    return DbColumnInfo(buffer.get(), static_cast<int>(std::strlen(buffer.get())), dataType,
+                        static_cast<int>(columnSize), precision, decimalDigits, nullable);
+}
+
+int Dbs::GetInt(int i, int* v) {
+    return DBSGetData(handler, i, DBTYPE_INTEGER, v, 0, nullptr);
+}
+
+int Dbs::GetBigint(int i, long long* v) {
+    return DBSGetData(handler, i, DBTYPE_BIGINT, v, 0, nullptr);
+}
+
+int Dbs::GetDouble(int i, double* v) {
+    return DBSGetData(handler, i, DBTYPE_DOUBLE, v, 0, nullptr);
+}
+
+int Dbs::GetDate(int i, _db_date_* v) {
+    return DBSGetData(handler, i, DBTYPE_DATE, v, 0, nullptr);
+}
+
+int Dbs::GetTime(int i, _db_time_* v) {
+    return DBSGetData(handler, i, DBTYPE_TIME, v, 0, nullptr);
+}
+
+int Dbs::GetDateTime(int i, _db_datetime_* v) {
+    return DBSGetData(handler, i, DBTYPE_DATETIME, v, 0, nullptr);
+}
+
+int Dbs::GetStringAsUTF8(int i, char** out, int* len) {
+    return ReadText(i, out, len);
+}
+
+int Dbs::GetStringAsUCS2(int i, char** out, int* len) {
+    return ReadText(i, out, len);
+}
+
+int Dbs::ReadText(int i, char** out, int* len) {
+    DBSLEN length = 0;
+    DBSGetData(handler, i, DBTYPE_STRING, nullptr, 0, &length);
+    ResizeBufferSize(length * 2);
+    const int status = DBSGetData(handler, i, DBTYPE_STRING, buffer.get(), 0, &length);
+    if (status == VORDA_OK) {
+        *len = length;
+        *out = buffer.get();
+    }
+    return status;
+}
+
+bool Dbs::IsCut(int i, long long* reported) {
+    int isCut = 0;
+    return DBSGetDataExtent(handler, i, &isCut, reported) == VORDA_OK && isCut != 0;
+}
+
+DBSRETURN Dbs::ReadError(ErrorReader read) {
+    DBSINTEGER native = 0;
+    DBSSMALLINT length = 0;
+    if (const DBSRETURN status = read(handler, &native, nullptr, &length); status != VORDA_OK) {
+        return status;
+    }
+    // The text may be longer than errMsg, which keeps as much of it as fits.
+    std::vector<char> text(static_cast<size_t>(length) + 1);
+    read(handler, &native, text.data(), &length);
+    errCode = static_cast<int>(native);
+    const size_t kept = std::min(std::strlen(text.data()), sizeof errMsg - 1);
+    std::memcpy(errMsg, text.data(), kept);
+    errMsg[kept] = '\0';
+    return VORDA_OK;
+}
+
+void Dbs::GetLastErrAndMsg() {
+    ReadError(DBSError);
+}
+
+void Dbs::ResizeBufferSize(int size) {
+    ResizeBufferSizeInternal(size + 2);
+}
+
+void Dbs::ResizeBufferSizeInternal(int size) {
+    if (currentBufferSize >= size) return;
+    int grown = currentBufferSize;
+    while (grown < size) grown = grown > INT_MAX / 2 ? INT_MAX : grown * 2;
+    // A failed allocation leaves the old buffer in place.
+    buffer.reset(new char[static_cast<size_t>(grown)]);
+    currentBufferSize = grown;
+}

@@ -1,0 +1,287 @@
+// Cursor.executemany: each parameter column is bound as an array of its values in all rows, and the
+// statement runs once. As in execute, everything that can run Python code comes first: the values
+// are gathered, the cursor is looked at again, and only then does the provider hear of the batch.
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "include/binding.h"
+#include "include/conversion.h"
+#include "include/cursor.h"
+#include "include/errors.h"
+
+namespace {
+
+struct Batch {
+    int Rows = 0;
+    int Columns = 0;
+    std::vector<PyRef> Values;  // row by row; dates and times of the first row's kind as their text
+
+    PyObject* At(int row, int column) const {
+        return Values[static_cast<size_t>(row) * static_cast<size_t>(Columns) +
+                      static_cast<size_t>(column)]
+            .Get();
+    }
+};
+
+bool IsDateOrTime(ParamKind kind) {
+    return kind == ParamKind::DateTime || kind == ParamKind::Date || kind == ParamKind::Time;
+}
+
+bool RowError(const char* what, Py_ssize_t row, Py_ssize_t position) {
+    Raise(ProgrammingError, "%s at row [%zd], position [%zd] of executemany.", what, row, position);
+    return false;
+}
+
+// The value as the batch keeps it. A date or a time is sent as its text, which is made here, since
+// a subclass makes it with code of its own.
+PyRef GatherValue(PyObject* value, ParamKind firstKind) {
+    const bool asText = IsDateOrTime(firstKind) && ParamKindOf(value) == firstKind;
+    return asText ? PyRef(PyObject_Str(value)) : PyRef::Borrow(value);
+}
+
+bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, Batch& batch) {
+    const Py_ssize_t size = PySequence_Size(row);
+    if (size < 0) return false;
+    if (number == 0) {
+        if (size > USHRT_MAX) return RowError("There is no room for a parameter", 0, USHRT_MAX);
+        batch.Columns = static_cast<int>(size);
+    } else if (size != batch.Columns) {
+        return RowError(size < batch.Columns ? "A value is missing" : "There is a value too many",
+                        number, std::min<Py_ssize_t>(size, batch.Columns));
+    }
+    for (Py_ssize_t i = 0; i < size; ++i) {
+        const PyRef value(PySequence_GetItem(row, i));
+        if (!value) return false;
+        const ParamKind kind = ParamKindOf(value.Get());
+        if (number == 0) kinds.push_back(kind);
+        const ParamKind firstKind = kinds[static_cast<size_t>(i)];
+        // After a None or a value that cannot be sent, the rest of the column is not looked at.
+        const bool any = firstKind == ParamKind::None || firstKind == ParamKind::Unsupported;
+        if (!any && kind != firstKind) {
+            return RowError("The value is of another type than in the first row", number, i);
+        }
+        PyRef kept = GatherValue(value.Get(), firstKind);
+        if (!kept) return false;
+        batch.Values.push_back(std::move(kept));
+    }
+    return true;
+}
+
+bool GatherRows(PyObject* rows, std::vector<ParamKind>& kinds, Batch& batch) {
+    const Py_ssize_t count = PySequence_Size(rows);
+    if (count < 0) return false;
+    if (count == 0) {
+        Raise(ProgrammingError, "The second parameter to executemany must not be empty.");
+        return false;
+    }
+    if (count > INT_MAX) {
+        Raise(ProgrammingError, "The second parameter to executemany has too many rows.");
+        return false;
+    }
+    batch.Rows = static_cast<int>(count);
+    for (Py_ssize_t r = 0; r < count; ++r) {
+        const PyRef row(PySequence_GetItem(rows, r));
+        if (!row || !GatherRow(row.Get(), r, kinds, batch)) return false;
+    }
+    return true;
+}
+
+// A None in the first row makes the whole column None, whatever the other rows hold.
+bool WarnAboutLostValues(const std::vector<ParamKind>& kinds, const Batch& batch) {
+    for (int column = 0; column < batch.Columns; ++column) {
+        if (kinds[static_cast<size_t>(column)] != ParamKind::None) continue;
+        int row = 1;
+        while (row < batch.Rows && batch.At(row, column) == Py_None) ++row;
+        if (row < batch.Rows &&
+            PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                             "The values at position [%d] of executemany are not sent, since the "
+                             "first row has None there (the first one lost is in row [%d]).",
+                             column, row) < 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Binds arrays of a batch to the prepared statement, column by column. The layer below copies them.
+class ColumnBinder {
+  public:
+    ColumnBinder(Dbs& dbs, const Batch& batch) : m_dbs(dbs), m_batch(batch) {}
+
+    // False with an error set.
+    bool Bind(int column, ParamKind kind) {
+        switch (kind) {
+            case ParamKind::Text:
+            case ParamKind::DateTime:
+            case ParamKind::Date:
+            case ParamKind::Time:
+                return BindTexts(column);
+            case ParamKind::Int:
+                return BindFixed<long long>(column, DBTYPE_BIGINT, [](PyObject* v, long long& out) {
+                    int overflow = 0;
+                    out = PyLong_AsLongLongAndOverflow(v, &overflow);
+                    return overflow == 0;
+                });
+            case ParamKind::Float:
+                return BindFixed<double>(column, DBTYPE_DOUBLE, [](PyObject* v, double& out) {
+                    GetPyObjectAsDouble(v, out);
+                    return true;
+                });
+            case ParamKind::None:
+                return BindNones(column);
+            case ParamKind::Unsupported:
+                break;
+        }
+        Raise(NotSupportedError, "Unsupported data type at position [%d] of arguments.", column);
+        return false;
+    }
+
+  private:
+    bool Added(int status) {
+        if (status != VORDA_OK) RaiseProviderError(m_dbs, status);
+        return status == VORDA_OK;
+    }
+
+    template <class Value, class Convert>
+    bool BindFixed(int column, int type, Convert convert) {
+        std::vector<Value> values(static_cast<size_t>(m_batch.Rows));
+        for (int row = 0; row < m_batch.Rows; ++row) {
+            if (!convert(m_batch.At(row, column), values[static_cast<size_t>(row)])) {
+                return RowError("Invalid value", row, column);
+            }
+        }
+        const std::vector<int> lengths(values.size(), int{sizeof(Value)});
+        return Added(
+            m_dbs.AddParam(column, type, values.data(), int{sizeof(Value)}, lengths.data()));
+    }
+
+    bool BindTexts(int column) {
+        // The encoded forms, all alive until the widest is known.
+        std::vector<PyRef> texts;
+        texts.reserve(static_cast<size_t>(m_batch.Rows));
+        Py_ssize_t width = 0;
+        for (int row = 0; row < m_batch.Rows; ++row) {
+            PyRef text(PyUnicode_AsUTF8String(m_batch.At(row, column)));
+            if (!text) {
+                if (PyErr_ExceptionMatches(PyExc_MemoryError)) return false;
+                PyErr_Clear();
+                return RowError("Invalid value", row, column);
+            }
+            width = std::max(width, PyBytes_GET_SIZE(text.Get()));
+            texts.push_back(std::move(text));
+        }
+        if (width > INT_MAX) throw std::bad_alloc();
+        std::unique_ptr<char[]> slots(
+            new char[static_cast<size_t>(width) * static_cast<size_t>(m_batch.Rows) + 1]);
+        std::vector<int> lengths;
+        lengths.reserve(texts.size());
+        char* slot = slots.get();
+        for (const PyRef& text : texts) {
+            const Py_ssize_t size = PyBytes_GET_SIZE(text.Get());
+            std::memcpy(slot, PyBytes_AS_STRING(text.Get()), static_cast<size_t>(size));
+            lengths.push_back(static_cast<int>(size));
+            slot += width;
+        }
+        return Added(m_dbs.AddParam(column, DBTYPE_STRING, slots.get(), static_cast<int>(width),
+                                    lengths.data()));
+    }
+
+    bool BindNones(int column) {
+        const std::vector<int> lengths(static_cast<size_t>(m_batch.Rows), 0);
+        return Added(m_dbs.AddParam(column, DBTYPE_NONE, nullptr, 0, lengths.data()));
+    }
+
+    Dbs& m_dbs;
+    const Batch& m_batch;
+};
+
+// Sets the batch size for as long as it lives: whatever the way out, the next statement is a single
+// one.
+class BatchSize {
+  public:
+    explicit BatchSize(Dbs& dbs) : m_dbs(dbs) {}
+    ~BatchSize() {
+        if (m_set) m_dbs.SetBatchSize(1);
+    }
+    BatchSize(const BatchSize&) = delete;
+    BatchSize& operator=(const BatchSize&) = delete;
+    int Set(int rows) {
+        m_set = true;
+        return m_dbs.SetBatchSize(rows);
+    }
+    int Reset() {
+        m_set = false;
+        return m_dbs.SetBatchSize(1);
+    }
+
+  private:
+    Dbs& m_dbs;
+    bool m_set = false;
+};
+
+PyRef ExecuteBatch(PyCursor* cursor, const DynStr& sql, const std::vector<ParamKind>& kinds,
+                   const Batch& batch) {
+    Dbs& dbs = *cursor->dbs;
+    BatchSize batchSize(dbs);
+    int status = batchSize.Set(batch.Rows);
+    if (status == VORDA_OK) status = dbs.Prepare(sql.Deref(), sql.Length());
+    if (status != VORDA_OK) return RaiseProviderError(dbs, status);
+
+    ColumnBinder binder(dbs, batch);
+    for (int column = 0; column < batch.Columns; ++column) {
+        if (!binder.Bind(column, kinds[static_cast<size_t>(column)])) return PyRef();
+    }
+    status = dbs.Execute();
+    if (status == VORDA_OK) status = batchSize.Reset();
+    if (status != VORDA_OK) return RaiseProviderError(dbs, status);
+    cursor->RowCount = dbs.GetRowCount();
+    return PyRef::Borrow(reinterpret_cast<PyObject*>(cursor));
+}
+
+}  // namespace
+
+PyRef PyCursor_ExecuteMany(PyObject* self, PyObject* args) {
+    PyCursor* const cursor = CursorValidate(self, true, false);
+    if (cursor == nullptr) return PyRef();
+    cursor->RowCount = -1;
+    switch (PyTuple_GET_SIZE(args)) {
+        case 0:
+            return Raise(ProgrammingError, "executemany() takes at least 1 argument (0 given)");
+        case 1:
+            return Raise(ProgrammingError,
+                         "The second parameter to executemany must not be empty.");
+        case 2:
+            break;
+        default:
+            return Raise(ProgrammingError, "executemany() takes at most 2 arguments");
+    }
+    DynStr sql;
+    if (GetArgumentAsString(args, 0, sql) != 0) {
+        return Raise(ProgrammingError,
+                     "The first argument to execute must be a string or unicode query.");
+    }
+    PyRef rows = PyRef::Borrow(PyTuple_GET_ITEM(args, 1));
+    if (!PyIter_Check(rows.Get()) && !PySequence_Check(rows.Get())) {
+        return Raise(ProgrammingError,
+                     "The second parameter to executemany must be a sequence, iterator, or "
+                     "generator.");
+    }
+    if (PyIter_Check(rows.Get())) {
+        rows = PyRef(PySequence_Tuple(rows.Get()));
+        if (!rows) {
+            return RaiseFromCurrent(ProgrammingError,
+                                    "The second parameter to executemany is invalid.");
+        }
+    }
+    std::vector<ParamKind> kinds;
+    Batch batch;
+    if (!WarnIfCut(PyTuple_GET_ITEM(args, 0), "statement", 0) ||
+        !GatherRows(rows.Get(), kinds, batch) || !WarnAboutLostValues(kinds, batch) ||
+        CursorValidate(self, true, false) == nullptr) {
+        return PyRef();
+    }
+    return ExecuteBatch(cursor, sql, kinds, batch);
+}

@@ -1,0 +1,84 @@
+// Reading operations of a cursor: one provider row at a time.
+#include <climits>
+
+#include "include/cursor.h"
+#include "include/errors.h"
+#include "include/row.h"
+
+namespace {
+
+void CountRow(PyCursor* cursor) {
+    if (cursor->RowCount < INT_MAX) ++cursor->RowCount;
+}
+
+// The next row, or empty: with an error set, or at the end of the rows without one.
+PyRef FetchRow(PyCursor* cursor) {
+    if (!cursor->dbs->Next()) return PyRef();
+    CountRow(cursor);
+    return PyRow_New(cursor);
+}
+
+PyRef Fetch(PyCursor* cursor, Py_ssize_t maxRows) {
+    PyRef rows(PyList_New(0));
+    if (!rows || (maxRows < 1 && maxRows != -1)) return rows;
+    const auto self = reinterpret_cast<PyObject*>(cursor);
+    for (Py_ssize_t left = maxRows; left != 0; left -= maxRows != -1) {
+        // Making the last row may have run code that closed the cursor or its connection.
+        if (CursorValidate(self, true, true) == nullptr) return PyRef();
+        if (!cursor->dbs->Next()) break;
+        const PyRef row = PyRow_New(cursor);
+        if (!row) return PyErr_Occurred() ? PyRef() : std::move(rows);
+        if (PyList_Append(rows.Get(), row.Get()) < 0) return PyRef();
+        CountRow(cursor);
+    }
+    return rows;
+}
+
+// The next row; at the end of the rows, StopIteration with `atEnd`.
+PyRef NextRow(PyObject* self, const char* atEnd) {
+    PyCursor* const cursor = CursorValidate(self, true, true);
+    if (cursor == nullptr) return PyRef();
+    PyRef row = FetchRow(cursor);
+    if (!row && !PyErr_Occurred()) return Raise(PyExc_StopIteration, atEnd);
+    return row;
+}
+
+}  // namespace
+
+PyRef PyCursor_FetchOne(PyObject* self, PyObject*) {
+    PyCursor* const cursor = CursorValidate(self, true, true);
+    if (cursor == nullptr) return PyRef();
+    PyRef row = FetchRow(cursor);
+    if (!row && !PyErr_Occurred()) return PyRef::Borrow(Py_None);
+    return row;
+}
+
+PyRef PyCursor_FetchMany(PyObject* self, PyObject* args) {
+    if (CursorValidate(self, true, true) == nullptr) return PyRef();
+    long size = -1;
+    // Parsing may run the argument's __index__, and that may close anything.
+    if (!PyArg_ParseTuple(args, "|l:fetchmany", &size)) return PyRef();
+    PyCursor* const cursor = CursorValidate(self, true, true);
+    if (cursor == nullptr) return PyRef();
+    return Fetch(cursor, size == -1 ? cursor->ArraySize : size);
+}
+
+// Honours arraysize: only its initial -1 means everything.
+PyRef PyCursor_FetchAll(PyObject* self, PyObject*) {
+    PyCursor* const cursor = CursorValidate(self, true, true);
+    return cursor != nullptr ? Fetch(cursor, cursor->ArraySize) : PyRef();
+}
+
+PyRef PyCursor_Next(PyObject* self, PyObject*) {
+    return NextRow(self, "attempt to fetch next row when there is no rows anymore");
+}
+
+PyObject* PyCursor_Iter(PyObject* self) {
+    Py_INCREF(self);
+    return self;
+}
+
+PyObject* PyCursor_IterNext(PyObject* self) {
+    return CalledFromPython<PyObject*>(
+        nullptr, [&] { return NextRow(self, "Cursor object has no more rows.").Release(); });
+}

@@ -1,0 +1,75 @@
+// Dbs, the only door from the Python layer to the statement handle API: one handle, the last error,
+// and a scratch buffer for names and texts.
+#pragma once
+
+#include <memory>
+
+#include "include/dbsapi.h"
+#include "include/dbsource.h"
+
+class VORDA_EXPORT Dbs {
+  public:
+    Dbs();
+    // Releases the scratch buffer only; Close comes first.
+    ~Dbs();
+    Dbs(const Dbs&) = delete;
+    Dbs& operator=(const Dbs&) = delete;
+
+    // Statuses are those of the DBS functions. Open to Execute record the error that they meet, for
+    // GetLastError and GetLastErrorMessage.
+    int Init();
+    int Open(const char* connStr, int len);
+    // Disconnects and frees the handle, also after a failed Open; always 0.
+    int Close();
+    int SetBatchSize(int size);
+    int Prepare(const char* sql, int len);
+    // `type` is a DB type code; for the rest see DBSBindParameter.
+    int AddParam(int index, int type, const void* data, int len, const int* lenPtr);
+    int Execute();
+    int Execute(const char* sql, int len);
+
+    // 1 for a row and for a failed fetch, which FetchFailed and the getters then tell; 0 at the
+    // end.
+    int Next();
+    // Whether the last fetch failed; if so, its error becomes the last error.
+    bool FetchFailed();
+    int GetRowCount();
+    // 0 without a result set.
+    int GetColumnCount();
+    DbColumnInfo GetColumnInfo(int index);
+
+    // Values of the current row by 0-based column: 0, -1 for NULL, or a positive code.
+    int GetInt(int i, int* v);
+    int GetBigint(int i, long long* v);
+    int GetDouble(int i, double* v);
+    int GetDate(int i, _db_date_* v);
+    int GetTime(int i, _db_time_* v);
+    int GetDateTime(int i, _db_datetime_* v);
+    // *out stays valid until the next name or text is read.
+    int GetStringAsUTF8(int i, char** out, int* len);
+    int GetStringAsUCS2(int i, char** out, int* len);
+    // Whether the value was cut at its buffer, and the provider's own length (negative: unknown).
+    bool IsCut(int i, long long* reported);
+
+    int GetLastError() const { return errCode; }
+    const char* GetLastErrorMessage() const { return errMsg; }
+    int IsOpen() const { return opened; }
+
+    void GetLastErrAndMsg();
+    // Makes room for `size` bytes and a 2-byte terminator. The contents are lost when it grows.
+    void ResizeBufferSize(int size);
+    void ResizeBufferSizeInternal(int size);
+
+  private:
+    using ErrorReader = DBSRETURN (*)(DBSHANDLE, DBSINTEGER*, DBSCHAR*, DBSSMALLINT*);
+    DBSRETURN ReadError(ErrorReader read);
+    int Captured(int status);
+    int ReadText(int i, char** out, int* len);
+
+    DBSHANDLE handler = nullptr;
+    int opened = 0;
+    char errMsg[512] = {};
+    int errCode = 0;
+    std::unique_ptr<char[]> buffer;
+    int currentBufferSize;
+};

@@ -1,0 +1,54 @@
+// PyRef, the owner of one Python reference, and the frame around every function that Python calls.
+#pragma once
+
+#define PY_SSIZE_T_CLEAN
+#include <Python.h>
+
+#include <new>
+#include <utility>
+
+class PyRef {
+  public:
+    PyRef() = default;
+    // Takes over a new reference; null stands for a failure with an error set.
+    explicit PyRef(PyObject* owned) : m_object(owned) {}
+    // Adds a reference of its own to a borrowed one.
+    static PyRef Borrow(PyObject* borrowed) {
+        Py_XINCREF(borrowed);
+        return PyRef(borrowed);
+    }
+    PyRef(PyRef&& other) noexcept : m_object(other.Release()) {}
+    PyRef& operator=(PyRef&& other) noexcept {
+        // The old object dies last: its destructor may run any code.
+        PyRef old(std::exchange(m_object, other.Release()));
+        return *this;
+    }
+    PyRef(const PyRef&) = delete;
+    PyRef& operator=(const PyRef&) = delete;
+    ~PyRef() { Py_XDECREF(m_object); }
+
+    PyObject* Get() const { return m_object; }
+    // Hands the reference over to the caller.
+    PyObject* Release() { return std::exchange(m_object, nullptr); }
+    explicit operator bool() const { return m_object != nullptr; }
+
+  private:
+    PyObject* m_object = nullptr;
+};
+
+// Runs `body` for a caller in C: an exception for want of memory becomes MemoryError.
+template <class Result, class Body>
+Result CalledFromPython(Result failed, Body&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        PyErr_NoMemory();
+        return failed;
+    }
+}
+
+// Adapts `Method`, which returns a PyRef for (self, args), to the C calling convention.
+template <PyRef (*Method)(PyObject*, PyObject*)>
+PyObject* AsMethod(PyObject* self, PyObject* args) noexcept {
+    return CalledFromPython<PyObject*>(nullptr, [&] { return Method(self, args).Release(); });
+}

@@ -1,0 +1,87 @@
+// The connection: environment and connection handle, at most one prepared statement, its
+// parameters.
+#pragma once
+
+#include <memory>
+
+#include "include/dbsource.h"
+#include "mono/lasterror.h"
+#include "mono/resultset.h"
+#include "util/javavector.h"
+
+// Statement attributes that apply to the next execution.
+struct _odbc_attribute_ {
+    int ODBC_ATTR_PARAMSET_SIZE = 1;
+};
+using ODBCAttributes = _odbc_attribute_;
+
+// One bound parameter: the values of all parameter sets, which the driver reads at execution. Owns
+// both arrays. `Count` is the number of sets that they hold.
+struct _odbc_parameter_ {
+    int ColumnSize = 0;
+    int DataType = 0;
+    std::unique_ptr<char[]> Data;
+    std::unique_ptr<SQLLEN[]> DataLen;
+    int Count = 0;
+
+    // A deep copy, owned by the caller.
+    std::unique_ptr<_odbc_parameter_> Clone() const;
+};
+
+class ODBCSourceImpl : public LastError {
+  public:
+    int Init();
+    // Connects; `connStr` is NUL-terminated UTF-8, `len` plays no part. An open source stays as it
+    // is. A failed Open keeps the handles that it got; the next one uses them, Close frees them.
+    int Open(const char* connStr, int len);
+    // Frees everything; always 0.
+    int Close();
+    // Only SQL_ATTR_PARAMSET_SIZE is known; the number travels in the pointer.
+    int Config(int attribute, void* value, int length);
+    // Replaces the prepared statement and forgets its parameters. UTF-8, length in bytes.
+    int Prepare(const char* sql, int len);
+    // Binds the next parameter of the prepared statement: value k of the batch lies at values + k *
+    // len, its length in bytes at lengths[k] (-1 for NULL). The values are copied. Binding is by
+    // position; the name plays no part.
+    int AddParam(const char* name, int nameLen, int dbType, const void* values, int len,
+                 const int* lengths);
+    // Runs the prepared statement. `rs`, when given, takes the statement over; `rowCount` may be
+    // null.
+    int Execute(IntDbResultSet* rs, int* rowCount);
+    // Runs a text on a statement of its own.
+    int Execute(const char* sql, int len, IntDbResultSet* rs, int* rowCount);
+    int IsOpen() const { return m_isOpen; }
+
+  private:
+    int FillParameter(_odbc_parameter_* p, int dbType, const void* values, int len,
+                      const int* lengths);
+    int ClearParameters();
+    bool ResetStaleBindings();
+    bool BatchMatchesParameters();
+    int HandOver(SQLHSTMT hstmt, IntDbResultSet* rs);
+    int ReadRowCount(SQLHSTMT hstmt, int* rowCount);
+    void DropPrepared();
+    bool StatementPassed(SQLRETURN result, SQLHSTMT hstmt) {
+        return Passed(result, nullptr, nullptr, hstmt);
+    }
+
+    SQLHENV m_henv = nullptr;
+    SQLHDBC m_hdbc = nullptr;
+    int m_isOpen = 0;
+    ODBCAttributes m_odbcAttrs;
+    SQLHSTMT m_preparedHstmt = nullptr;
+    JavaVector<_odbc_parameter_> m_parameters;
+    // The driver still holds addresses of parameter buffers that an execution has released.
+    bool m_hasStaleBindings = false;
+};
+
+using IntDbSource = DbSource<ODBCSourceImpl, IntDbResultSet>;
+
+// Type maps between DB type codes, ODBC C types and ODBC SQL types. Each gives its default for a
+// value that it does not know.
+int DbTypeToODBCType(int dbType);
+int ODBCTypeToDbType(int odbcCType);
+int ODBCTypeToSQLType(int odbcCType);
+int SQLTypeToODBCType(int sqlType);
+// Bytes of a fixed-size ODBC C type, or `defaultSize` for one without a size of its own.
+int ODBCTypeSize(int odbcCType, int defaultSize);

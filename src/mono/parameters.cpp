@@ -1,0 +1,219 @@
+// Parameter binding: the caller's values are copied, in their ODBC C form, into arrays that live
+// until the execution.
+#include <algorithm>
+#include <cstring>
+
+#include "mono/dbsource.h"
+#include "util/def.h"
+
+std::unique_ptr<_odbc_parameter_> _odbc_parameter_::Clone() const {
+    auto copy = std::make_unique<_odbc_parameter_>();
+    copy->ColumnSize = ColumnSize;
+    copy->DataType = DataType;
+    copy->Count = Count;
+    if (Data) {
+        const auto bytes = static_cast<size_t>(ColumnSize) * static_cast<size_t>(Count);
+        copy->Data = std::make_unique<char[]>(bytes + 1);
+        std::memcpy(copy->Data.get(), Data.get(), bytes);
+        copy->DataLen = std::make_unique<SQLLEN[]>(static_cast<size_t>(Count));
+        std::copy_n(DataLen.get(), Count, copy->DataLen.get());
+    }
+    return copy;
+}
+
+namespace {
+
+// Writes one value in its ODBC C form at `slot` and returns its length in bytes.
+using StoreValue = SQLLEN (*)(char* slot, const char* value, int length);
+
+template <class T>
+T Load(const char* value) {
+    T loaded;
+    std::memcpy(&loaded, value, sizeof loaded);
+    return loaded;
+}
+
+template <class T>
+SQLLEN Store(char* slot, const T& value) {
+    std::memcpy(slot, &value, sizeof value);
+    return sizeof value;
+}
+
+template <class T>
+SQLLEN StoreSame(char* slot, const char* value, int) {
+    return Store(slot, Load<T>(value));
+}
+
+// The caller's value is a double, the slot has room for a single.
+SQLLEN StoreFloat(char* slot, const char* value, int) {
+    return Store(slot, static_cast<SQLREAL>(Load<double>(value)));
+}
+
+SQLLEN StoreBytes(char* slot, const char* value, int length) {
+    if (length > 0) std::memcpy(slot, value, static_cast<size_t>(length));
+    return length;
+}
+
+SQLLEN StoreDate(char* slot, const char* value, int) {
+    const auto date = Load<_db_date_>(value);
+    return Store(slot, SQL_DATE_STRUCT{static_cast<SQLSMALLINT>(date.Year),
+                                       static_cast<SQLUSMALLINT>(date.Month),
+                                       static_cast<SQLUSMALLINT>(date.Day)});
+}
+
+SQLLEN StoreTime(char* slot, const char* value, int) {
+    const auto time = Load<_db_time_>(value);
+    return Store(slot, SQL_TIME_STRUCT{static_cast<SQLUSMALLINT>(time.Hour),
+                                       static_cast<SQLUSMALLINT>(time.Minute),
+                                       static_cast<SQLUSMALLINT>(time.Second)});
+}
+
+// UnitsPerSecond tells what the record's fraction field counts. A fraction of a second or more is
+// impossible; the last moment of the second stands in for it.
+template <int UnitsPerSecond>
+SQLLEN StoreDateTime(char* slot, const char* value, int) {
+    const auto stamp = Load<_db_datetime_>(value);
+    const int fraction = std::clamp(stamp.Millisecond, 0, UnitsPerSecond - 1);
+    return Store(
+        slot, SQL_TIMESTAMP_STRUCT{
+                  static_cast<SQLSMALLINT>(stamp.Year), static_cast<SQLUSMALLINT>(stamp.Month),
+                  static_cast<SQLUSMALLINT>(stamp.Day), static_cast<SQLUSMALLINT>(stamp.Hour),
+                  static_cast<SQLUSMALLINT>(stamp.Minute), static_cast<SQLUSMALLINT>(stamp.Second),
+                  static_cast<SQLUINTEGER>(fraction) * (1'000'000'000u / UnitsPerSecond)});
+}
+
+// Null for a type that cannot be sent.
+StoreValue StoreFor(int dataType, bool inMicroseconds) {
+    switch (dataType) {
+        case SQL_C_SBIGINT:
+        case SQL_C_DOUBLE:
+            return StoreSame<long long>;
+        case SQL_C_FLOAT:
+            return StoreFloat;
+        case SQL_C_BIT:
+        case SQL_C_TINYINT:
+            return StoreSame<char>;
+        case SQL_C_SHORT:
+            return StoreSame<short>;
+        case SQL_C_LONG:
+            return StoreSame<int>;
+        case SQL_C_DATE:
+            return StoreDate;
+        case SQL_C_TIME:
+            return StoreTime;
+        case SQL_C_TIMESTAMP:
+            return inMicroseconds ? StoreDateTime<1'000'000> : StoreDateTime<1'000>;
+        case SQL_C_NUMERIC:
+            return nullptr;
+        default:
+            return StoreBytes;
+    }
+}
+
+}  // namespace
+
+int ODBCSourceImpl::AddParam(const char* /*name*/, int /*nameLen*/, int dbType, const void* values,
+                             int len, const int* lengths) {
+    if (!m_isOpen) {
+        SetError(VORDA_NOT_OPEN, "The connection is not open.");
+        return VORDA_NOT_OPEN;
+    }
+    if (m_preparedHstmt == nullptr) {
+        SetError(VORDA_NOT_PREPARED, "The prepared statement is required");
+        return VORDA_NOT_PREPARED;
+    }
+    if (!ResetStaleBindings()) return VORDA_ODBC_ERROR;
+
+    m_parameters.Add();
+    _odbc_parameter_* const p = m_parameters.LastElement();
+    if (const int status = FillParameter(p, dbType, values, len, lengths); status != VORDA_OK) {
+        return status;
+    }
+    const auto number = static_cast<SQLUSMALLINT>(m_parameters.Size());
+    if (!StatementPassed(SQLBindParameter(m_preparedHstmt, number, SQL_PARAM_INPUT,
+                                          static_cast<SQLSMALLINT>(p->DataType),
+                                          static_cast<SQLSMALLINT>(ODBCTypeToSQLType(p->DataType)),
+                                          static_cast<SQLULEN>(p->ColumnSize), 0, p->Data.get(),
+                                          p->ColumnSize, p->DataLen.get()),
+                         m_preparedHstmt)) {
+        return VORDA_ODBC_ERROR;
+    }
+    return VORDA_OK;
+}
+
+int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* values, int len,
+                                  const int* lengths) {
+    const bool inMicroseconds = dbType == DBTYPE_DATETIME_MICRO;
+    const int dataType = DbTypeToODBCType(inMicroseconds ? int{DBTYPE_DATETIME} : dbType);
+    const StoreValue store = StoreFor(dataType, inMicroseconds);
+    const int sets = std::max(m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE, 1);
+    const int slotSize = ODBCTypeSize(dataType, std::max(len, 0));
+
+    // The spare byte gives a batch of empty texts an address of its own.
+    const auto slots = static_cast<size_t>(slotSize) * static_cast<size_t>(sets);
+    auto data = std::make_unique<char[]>(slots + 1);
+    auto dataLen = std::make_unique<SQLLEN[]>(static_cast<size_t>(sets));
+
+    bool supported = true;
+    for (int k = 0; k < sets; ++k) {
+        const int length = lengths != nullptr ? lengths[k] : len;
+        if (length == SQL_NULL_DATA) {
+            dataLen[static_cast<size_t>(k)] = SQL_NULL_DATA;
+            continue;
+        }
+        if (store == nullptr) {
+            supported = false;
+            continue;
+        }
+        // A length that leaves its slot would be read from, and sent as, somebody else's memory.
+        const bool outOfRange = store == StoreBytes && (length < 0 || length > slotSize);
+        if (outOfRange || (values == nullptr && length != 0)) {
+            SetError(VORDA_INDEX_OUT_OF_RANGE, "The parameter length is out of range");
+            return VORDA_INDEX_OUT_OF_RANGE;
+        }
+        const auto* value = static_cast<const char*>(values) + static_cast<ptrdiff_t>(k) * len;
+        char* slot = data.get() + static_cast<size_t>(k) * static_cast<size_t>(slotSize);
+        dataLen[static_cast<size_t>(k)] = store(slot, value, length);
+    }
+    if (!supported) {
+        SetError(VORDA_UNKNOWN_PARAMETER_TYPE, "Unknown parameter data type.");
+        return VORDA_UNKNOWN_PARAMETER_TYPE;
+    }
+    p->ColumnSize = slotSize;
+    p->DataType = dataType;
+    p->Data = std::move(data);
+    p->DataLen = std::move(dataLen);
+    p->Count = sets;
+    return VORDA_OK;
+}
+
+int ODBCSourceImpl::ClearParameters() {
+    if (m_preparedHstmt != nullptr && m_parameters.Size() > 0) m_hasStaleBindings = true;
+    m_parameters.Reset();
+    return VORDA_OK;
+}
+
+// The driver must not read released buffers when a statement runs again without binding.
+bool ODBCSourceImpl::ResetStaleBindings() {
+    if (!m_hasStaleBindings) return true;
+    if (!StatementPassed(SQLFreeStmt(m_preparedHstmt, SQL_RESET_PARAMS), m_preparedHstmt)) {
+        return false;
+    }
+    m_hasStaleBindings = false;
+    return true;
+}
+
+// The driver reads as many sets as the execution names: arrays bound under another batch size would
+// be read past their end.
+bool ODBCSourceImpl::BatchMatchesParameters() {
+    const int sets = std::max(m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE, 1);
+    for (int i = 0; i < m_parameters.Size(); ++i) {
+        const _odbc_parameter_* p = m_parameters.Get(i);
+        if (p->Data && p->Count < sets) {
+            SetError(VORDA_INDEX_OUT_OF_RANGE,
+                     "The batch size was raised after a parameter was bound");
+            return false;
+        }
+    }
+    return true;
+}

@@ -1,0 +1,375 @@
+#include "mono/resultset.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "mono/dbsource.h"
+#include "util/def.h"
+
+_db_column_info_::_db_column_info_(const char* name, int nameLength, int dataType, int columnSize,
+                                   int precision, int scale, int isNullable)
+    : DataType(dataType),
+      ColumnSize(columnSize),
+      Precision(precision),
+      Scale(scale),
+      IsNullable(isNullable) {
+    if (ColumnName.Set(name, nameLength) != VORDA_OK) throw std::bad_alloc();
+}
+
+std::unique_ptr<_db_column_info_> _db_column_info_::Clone() const {
+    return std::make_unique<_db_column_info_>(ColumnName.Deref(), ColumnName.Length(), DataType,
+                                              ColumnSize, Precision, Scale, IsNullable);
+}
+
+std::unique_ptr<_col_binding_info_> _col_binding_info_::Clone() const {
+    auto copy = std::make_unique<_col_binding_info_>();
+    copy->DataType = DataType;
+    copy->NativeVal = NativeVal;
+    copy->ValLen = ValLen;
+    if (copy->StringVal.Set(StringVal.Deref(), StringVal.Length()) != VORDA_OK) {
+        throw std::bad_alloc();
+    }
+    return copy;
+}
+
+namespace {
+
+constexpr int kTextBufferSize = 2048;
+constexpr int kBinaryBufferSize = 4096;
+
+// How a column of a mapped C type is bound; a buffer size of 0 means the fixed-size target.
+struct BindingRule {
+    SQLSMALLINT BoundType;
+    int BufferSize;
+};
+
+// Decimals travel as text, which keeps their digits; every date and time as a full timestamp.
+BindingRule RuleFor(int mappedType) {
+    switch (mappedType) {
+        case SQL_C_CHAR:
+        case SQL_C_NUMERIC:
+        case SQL_C_WCHAR:
+            return {SQL_C_WCHAR, kTextBufferSize};
+        case SQL_C_BINARY:
+            return {SQL_C_BINARY, kBinaryBufferSize};
+        case SQL_C_DATE:
+        case SQL_C_TIME:
+        case SQL_C_TIMESTAMP:
+            return {SQL_C_TIMESTAMP, 0};
+        default:
+            return {static_cast<SQLSMALLINT>(mappedType), 0};
+    }
+}
+
+// The length up to the end of the last whole UTF-8 character in the first `length` bytes. Text that
+// is not UTF-8 at its end is left as it is: then there is no character to keep whole.
+int WholeCharacters(const char* text, int length) {
+    int start = length;
+    while (start > 0 && length - start < 4) {
+        --start;
+        const auto byte = static_cast<unsigned char>(text[start]);
+        if (byte < 0x80) return length;
+        if (byte >= 0xC0) {
+            const int size = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : 2;
+            return length - start < size ? start : length;
+        }
+    }
+    return length;
+}
+
+}  // namespace
+
+int ODBCResultSetImpl::Init() {
+    m_errCode = VORDA_OK;
+    m_hstmt = nullptr;
+    m_initedMetadata = 0;
+    m_initedColBinding = 0;
+    m_fetchFailed = false;
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::Close() {
+    SetError(VORDA_OK, "");
+    // The statement goes first: until then the driver may still write into the bound buffers.
+    if (m_hstmt != nullptr) {
+        SQLFreeStmt(m_hstmt, SQL_DROP);
+        m_hstmt = nullptr;
+    }
+    m_columns.Reset();
+    m_colBindingInfo.Reset();
+    m_initedMetadata = 0;
+    m_initedColBinding = 0;
+    m_fetchFailed = false;
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::SetStmtHandle(SQLHSTMT hstmt) {
+    m_hstmt = hstmt;
+    if (hstmt == nullptr) return VORDA_NOT_EXECUTED;
+    if (const int status = InitMetadata(); status != VORDA_OK) {
+        return ComposeError("Unable to InitMetadata", m_errMsg.Deref(), status);
+    }
+    if (const int status = InitColumnBinding(); status != VORDA_OK) {
+        return ComposeError("Unable to InitColumnBinding", m_errMsg.Deref(), status);
+    }
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::InitMetadata() {
+    if (m_hstmt == nullptr) {
+        SetError(VORDA_NOT_EXECUTED, "The query is not executed.");
+        return VORDA_NOT_EXECUTED;
+    }
+    if (m_initedMetadata) return VORDA_OK;
+
+    SQLLEN count = 0;
+    if (!ReadNumber(1, SQL_COLUMN_COUNT, count)) return VORDA_ODBC_ERROR;
+    // A statement cannot have more columns than ODBC can number: such a count is invented, and
+    // memory for it must not even be asked for.
+    if (count > SHRT_MAX) {
+        return ComposeError("Unable to m_columns.SetSize", m_errMsg.Deref(), VORDA_OUT_OF_MEMORY);
+    }
+    const int columns = static_cast<int>(std::max<SQLLEN>(count, 0));
+    m_columns.Resize(columns);
+    for (int column = 1; column <= columns; ++column) {
+        if (const int status = ReadColumn(column); status != VORDA_OK) return status;
+    }
+    m_initedMetadata = 1;
+    return VORDA_OK;
+}
+
+bool ODBCResultSetImpl::ReadNumber(int column, SQLUSMALLINT field, SQLLEN& value) {
+    return StatementPassed(SQLColAttributeW(m_hstmt, static_cast<SQLUSMALLINT>(column), field,
+                                            nullptr, 0, nullptr, &value));
+}
+
+int ODBCResultSetImpl::ReadColumn(int column) {
+    char name[128] = {};
+    SQLSMALLINT nameLength = 0;
+    if (!StatementPassed(SQLColAttributeW(m_hstmt, static_cast<SQLUSMALLINT>(column),
+                                          SQL_COLUMN_NAME, name, sizeof name, &nameLength,
+                                          nullptr))) {
+        return VORDA_ODBC_ERROR;
+    }
+    // A longer name was cut by the driver, somewhere before the end of the buffer.
+    const int kept = nameLength < static_cast<int>(sizeof name)
+                         ? std::max<int>(nameLength, 0)
+                         : static_cast<int>(strnlen(name, sizeof name - 1));
+
+    SQLLEN type = 0, size = 0, precision = 0, scale = 0, nullable = 0;
+    const struct {
+        SQLUSMALLINT Field;
+        SQLLEN& Value;
+    } numbers[] = {{SQL_COLUMN_TYPE, type},
+                   {SQL_COLUMN_LENGTH, size},
+                   {SQL_COLUMN_PRECISION, precision},
+                   {SQL_COLUMN_SCALE, scale},
+                   {SQL_COLUMN_NULLABLE, nullable}};
+    for (const auto& number : numbers) {
+        if (!ReadNumber(column, number.Field, number.Value)) return VORDA_ODBC_ERROR;
+    }
+    const int dbType = ODBCTypeToDbType(SQLTypeToODBCType(static_cast<int>(type)));
+    auto info = std::make_unique<DbColumnInfo>(name, kept, dbType, static_cast<int>(size),
+                                               static_cast<int>(precision), static_cast<int>(scale),
+                                               static_cast<int>(nullable));
+    m_columns.SetElementAt(info.release(), column - 1);
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::InitColumnBinding() {
+    if (m_hstmt == nullptr) {
+        SetError(VORDA_NOT_EXECUTED, "The query is not executed.");
+        return VORDA_NOT_EXECUTED;
+    }
+    if (m_initedColBinding) return VORDA_OK;
+
+    const int columns = m_columns.Size();
+    m_colBindingInfo.Resize(columns);
+    for (int i = 0; i < columns; ++i) {
+        if (m_colBindingInfo.Get(i) == nullptr) {
+            m_colBindingInfo.SetElementAt(std::make_unique<_col_binding_info_>().release(), i);
+        }
+        _col_binding_info_& binding = *m_colBindingInfo.Get(i);
+        binding.DataType = DbTypeToODBCType(m_columns.Get(i)->DataType);
+        binding.ValLen = SQL_NULL_DATA;
+        const BindingRule rule = RuleFor(binding.DataType);
+        SQLPOINTER target = &binding.NativeVal;
+        if (rule.BufferSize > 0) {
+            if (binding.StringVal.Resize(rule.BufferSize, nullptr) != VORDA_OK) {
+                return VORDA_OUT_OF_MEMORY;
+            }
+            // Readers may look at any byte of the buffer, whatever the driver has written.
+            target =
+                std::memset(binding.StringVal.Deref(), 0, static_cast<size_t>(rule.BufferSize));
+        }
+        if (!StatementPassed(SQLBindCol(m_hstmt, static_cast<SQLUSMALLINT>(i + 1), rule.BoundType,
+                                        target, rule.BufferSize, &binding.ValLen))) {
+            return VORDA_ODBC_ERROR;
+        }
+    }
+    m_initedColBinding = 1;
+    return VORDA_OK;
+}
+
+const DbColumnInfo* ODBCResultSetImpl::GetColumnInfo(int index) const {
+    static const DbColumnInfo none;
+    if (index < 0) return nullptr;
+    const DbColumnInfo* info = index < m_columns.Size() ? m_columns.Get(index) : nullptr;
+    return info != nullptr ? info : &none;
+}
+
+int ODBCResultSetImpl::Next() {
+    m_fetchFailed = false;
+    if (m_hstmt == nullptr) {
+        SetError(VORDA_NOT_EXECUTED, "The query is not executed.");
+        return VORDA_NOT_EXECUTED;
+    }
+    const SQLRETURN result = SQLFetch(m_hstmt);
+    if (result == SQL_SUCCESS) return VORDA_OK;
+    if (result == SQL_NO_DATA) {
+        SetError(VORDA_NO_MORE_DATA, "No more data");
+        return VORDA_NO_MORE_DATA;
+    }
+    SetError(nullptr, nullptr, m_hstmt);
+    m_fetchFailed = result != SQL_SUCCESS_WITH_INFO;
+    // The driver's own code must not read as "a row" after a failure, nor ever as the end of the
+    // rows: that would lose the rest of them silently.
+    if (m_fetchFailed) {
+        const bool misleading = m_errCode == VORDA_OK || m_errCode == VORDA_NO_MORE_DATA;
+        return misleading ? VORDA_ODBC_ERROR : m_errCode;
+    }
+    return m_errCode == VORDA_NO_MORE_DATA ? VORDA_OK : m_errCode;
+}
+
+int ODBCResultSetImpl::Readable(int index, const _col_binding_info_*& binding) {
+    binding = index >= 0 && index < m_colBindingInfo.Size() ? m_colBindingInfo.Get(index) : nullptr;
+    if (binding == nullptr) {
+        SetError(VORDA_INDEX_OUT_OF_RANGE, "The value index is out of range");
+        return VORDA_INDEX_OUT_OF_RANGE;
+    }
+    if (m_fetchFailed) return m_errCode > 0 ? m_errCode : VORDA_NOT_EXECUTED;
+    return binding->ValLen == SQL_NULL_DATA ? SQL_NULL_DATA : VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetInt(int index, int& value) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    switch (binding->DataType) {
+        case SQL_C_SHORT:
+            value = binding->NativeVal.VSmall;
+            break;
+        case SQL_C_BIT:
+        case SQL_C_TINYINT:
+            value = binding->NativeVal.VTiny;
+            break;
+        default:
+            value = binding->NativeVal.VInteger;
+    }
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetBigint(int index, long long& value) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    value = binding->NativeVal.VBigInt;
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetDouble(int index, double& value) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    value = binding->DataType == SQL_C_FLOAT ? static_cast<double>(binding->NativeVal.VReal)
+                                             : binding->NativeVal.VDouble;
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetDate(int index, _db_date_& value) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    const SQL_TIMESTAMP_STRUCT& stamp = binding->NativeVal.VTimeStamp;
+    value = {stamp.year, stamp.month, stamp.day};
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetTime(int index, _db_time_& value) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    const SQL_TIMESTAMP_STRUCT& stamp = binding->NativeVal.VTimeStamp;
+    value = {stamp.day, stamp.hour, stamp.minute, stamp.second, static_cast<int>(stamp.fraction)};
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetDateTime(int index, _db_datetime_& value) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    const SQL_TIMESTAMP_STRUCT& stamp = binding->NativeVal.VTimeStamp;
+    value = {stamp.year,
+             stamp.month,
+             stamp.day,
+             stamp.hour,
+             stamp.minute,
+             stamp.second,
+             static_cast<int>(stamp.fraction / 1'000'000)};
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetExtent(int index, ValueExtent& extent) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    const DynStr& buffer = binding->StringVal;
+    const char* bytes = buffer.Deref();
+    const int size = buffer.Length();
+    const bool isText = RuleFor(binding->DataType).BoundType == SQL_C_WCHAR;
+    const SQLLEN reported = binding->ValLen;
+    // A text needs a byte more than its length; a fixed-size column has no buffer at all.
+    const int room = isText ? size - 1 : size;
+
+    if (reported >= 0 && reported <= room) {
+        extent = {static_cast<int>(reported), false, reported};
+    } else if (size == 0) {
+        extent = {0, false, reported};
+    } else if (!isText) {
+        extent = {size, true, reported};
+    } else if (reported < 0) {
+        // The driver does not know how long the value is; what it wrote ends with a NUL. It may
+        // have cut the value where the buffer is full but for less than a character.
+        const int length = static_cast<int>(strnlen(bytes, static_cast<size_t>(size)));
+        extent = {WholeCharacters(bytes, length), length > size - 5, reported};
+    } else {
+        // Drivers cut at a whole character or anywhere; the terminator is within the last four
+        // bytes. Looking only there keeps NULs inside the value.
+        const int tail = size - 4;
+        int length = tail + static_cast<int>(strnlen(bytes + tail, 4));
+        while (length > 0 && bytes[length - 1] == '\0') --length;
+        extent = {WholeCharacters(bytes, length), true, reported};
+    }
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetStringAsUTF8(int index, char** text, int* length) {
+    ValueExtent extent;
+    if (const int status = GetExtent(index, extent); status != VORDA_OK) return status;
+    if (text != nullptr) *text = m_colBindingInfo.Get(index)->StringVal.Deref();
+    if (length != nullptr) *length = extent.Length;
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetStringAsUCS2(int, char**, int*) {
+    SetError(VORDA_NOT_IMPLEMENTED, "The method is not implemented");
+    return VORDA_NOT_IMPLEMENTED;
+}
+
+int ODBCResultSetImpl::GetBytes(int index, char** data, int* length) {
+    const _col_binding_info_* binding;
+    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
+    if (data != nullptr) *data = m_colBindingInfo.Get(index)->StringVal.Deref();
+    if (length != nullptr) *length = binding->StringVal.Length();
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::GetBufferSize(int index) const {
+    const bool known = index >= 0 && index < m_colBindingInfo.Size();
+    const _col_binding_info_* binding = known ? m_colBindingInfo.Get(index) : nullptr;
+    return binding != nullptr ? binding->StringVal.Length() : 0;
+}
