@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <limits>
 #include <map>
+#include <regex>
 #include <set>
 #include <string>
 #include <utility>
@@ -122,6 +123,19 @@ TEST_F(OdbcTest, ForwardersPassThePathAndTheArgumentsUnchanged) {
         EXPECT_EQ(g_arrival.arguments, sent) << forwarder.name;
         EXPECT_STREQ(scripted_last_path(), g_driverPath);
     }
+}
+
+// "(SQLHSTMT statement, SQLCHAR* name)" without the types: "(statement, name)".
+std::string NamesOnly(const std::string& parameters) {
+    return std::regex_replace(parameters, std::regex(R"(\w+\*? (\w+))"), "$1");
+}
+
+// The scripted runtime is made from the same table, so a swapped pair of arguments would be swapped
+// back there and arrive in order.
+TEST(FunctionTable, ListsTheArgumentsAsTheParametersAre) {
+#define ODBC_CALL(name, parameters, arguments) \
+    EXPECT_EQ(NamesOnly(#parameters), #arguments) << #name;
+#include "mono/odbc_functions.def"
 }
 
 TEST_F(OdbcTest, ForwardersFailWithoutATableAndTouchNothing) {
