@@ -318,7 +318,7 @@ int SqlTokenizer::ReadUntil(char terminator, DynStr& out) {
     while (!IsEOF()) {
         const char c = *m_lpszSQLSeek++;
         if (c != terminator && c != '\\') continue;
-        const bool doubled = c == '\'' && c == terminator && PeekChar() == '\'';
+        const bool doubled = c == '\'' && PeekChar() == '\'';
         // The first quote of a doubled pair stays, a terminator and a backslash do not.
         const char* const keptEnd = doubled ? m_lpszSQLSeek : m_lpszSQLSeek - 1;
         if (const int status = AppendBytes(out, kept, keptEnd); status != VORDA_OK) return status;

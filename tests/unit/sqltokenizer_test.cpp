@@ -74,6 +74,7 @@ TEST(SqlTokenizerTest, QuotedText) {
         {"'a'''b", {{TK_STR, "a'"}, {TK_IDENTIFIER, "b"}}},
         {"''''''x", {{TK_STR, "''"}, {TK_IDENTIFIER, "x"}}},
         {"'abc''", {{TK_STR, "abc'"}}},
+        {"\"a\"'b'", {{TK_IDENTIFIER, "a"}, {TK_STR, "b"}}},
         {"'\\n\\\\\\'x'y", {{TK_STR, "n\\'x"}, {TK_IDENTIFIER, "y"}}},
         {"'a\\''", {{TK_STR, "a'"}}},
         {"[Order Details]", {{TK_IDENTIFIER, "Order Details"}}},
@@ -176,7 +177,7 @@ TEST(SqlTokenizerTest, FailuresAndResults) {
     EXPECT_EQ(tokenizer.NextToken(), &NONE_TOKEN);
 
     // A quoted name that breaks off after a comment must not look like a marker.
-    tokenizer.InitWithUTF8("/**/[:x");
+    tokenizer.InitWithUTF8("/**/[:x\\y");
     EXPECT_TRUE(tokenizer.NextToken()->Equals(NONE_TOKEN));
     EXPECT_EQ(tokenizer.LastErrorCode(), VORDA_SQL_UNCLOSED_QUOTE);
 }
@@ -204,6 +205,9 @@ TEST(SqlTokenizerTest, ReadsNoFurtherThanTold) {
     tokenizer.SkipCharacter();
     tokenizer.SkipCharacter();
     EXPECT_TRUE(tokenizer.IsEOF());
+    tokenizer.InitWithUTF8("#run x");
+    tokenizer.NextToken();
+    EXPECT_STREQ(tokenizer.Position(), "x");  // the blank went with the run
     tokenizer.InitWithUTF8(nullptr);
     EXPECT_EQ(tokenizer.NextToken(), &NONE_TOKEN);
 }
