@@ -1,0 +1,109 @@
+"""Where the runtime is found, and what other ODBC libraries in the process cannot change."""
+
+import ctypes.util
+import glob
+import os
+import shutil
+import subprocess
+import sys
+
+import pytest
+
+BUILD = os.environ["VORDA_BUILD"]
+PACKAGE = os.path.join(BUILD, "python", "vorda")
+SCRIPTED = os.path.join(BUILD, "scripted")
+PAIR = ("libvordart.x64.so.6", "libvordart-compat.x64.so.6")
+
+# Prints the answer of the runtime that was found, and the path it was loaded from.
+PROGRAM = """
+import sys
+{prelude}
+from vorda import zelqa
+try:
+    connection = zelqa.connect("Database=:memory:")
+    print(connection.execute("SELECT ? + 1 AS n", (41,)).fetchall())
+except zelqa.Error as error:
+    print(error)
+print([line.split()[-1] for line in open("/proc/self/maps") if "libvordart.x64" in line][:1])
+"""
+
+
+def run(prelude="", folder=os.path.join(BUILD, "python"), **environment):
+    env = {**os.environ, "PYTHONPATH": folder, **environment}
+    done = subprocess.run([sys.executable, "-c", PROGRAM.format(prelude=prelude)], env=env, text=True,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+@pytest.fixture
+def package(tmp_path):
+    """A copy of the package without its runtime."""
+    target = tmp_path / "python" / "vorda"
+    shutil.copytree(PACKAGE, target, ignore=shutil.ignore_patterns("libvordart*"))
+    return target
+
+
+def test_the_bundled_pair_is_found_beside_the_module():
+    output = run()
+    assert "[(42)]" in output and PACKAGE in output
+
+
+def test_an_installed_runtime_wins_over_the_bundled_one():
+    assert SCRIPTED in run(LD_LIBRARY_PATH=SCRIPTED)
+
+
+@pytest.mark.skipif(os.path.exists("/opt/vorda/rt/lib") or os.geteuid() != 0,
+                    reason="the fixed folder cannot be tried out")
+def test_the_fixed_folder_comes_before_the_bundled_pair():
+    os.makedirs("/opt/vorda/rt/lib")
+    try:
+        for name in PAIR:
+            shutil.copy(os.path.join(PACKAGE, name), "/opt/vorda/rt/lib")
+        assert "'/opt/vorda/rt/lib/libvordart" in run()
+    finally:
+        shutil.rmtree("/opt/vorda")
+
+
+def test_without_a_companion_the_main_library_is_used(package):
+    shutil.copy(os.path.join(PACKAGE, PAIR[0]), package)
+    assert "[(42)]" in run(folder=str(package.parent))
+
+
+def test_without_any_runtime_connecting_is_an_error(package):
+    output = run(folder=str(package.parent))
+    assert "Unable to alloc env handle" in output and "[]" in output
+
+
+def test_the_module_has_no_run_path():
+    (module,) = glob.glob(os.path.join(PACKAGE, "zelqa*.so"))
+    dynamic = subprocess.check_output(["readelf", "-d", module], text=True)
+    assert "RUNPATH" not in dynamic and "RPATH" not in dynamic
+
+
+DRIVER_MANAGER = ctypes.util.find_library("odbc")
+
+
+@pytest.mark.skipif(DRIVER_MANAGER is None, reason="no driver manager is installed")
+@pytest.mark.parametrize("way", ["preloaded", "global"])
+def test_a_driver_manager_in_the_process_changes_nothing(way):
+    if way == "preloaded":
+        preload = " ".join([os.environ.get("LD_PRELOAD", ""), DRIVER_MANAGER]).strip()
+        output = run(LD_PRELOAD=preload)
+    else:
+        output = run("import ctypes; ctypes.CDLL(%r, ctypes.RTLD_GLOBAL)" % DRIVER_MANAGER)
+    assert "[(42)]" in output
+
+
+def test_the_exported_names():
+    (module,) = glob.glob(os.path.join(PACKAGE, "zelqa*.so"))
+    lines = subprocess.check_output(["nm", "-DC", "--defined-only", module], text=True).splitlines()
+    names = {line.split(maxsplit=2)[2] for line in lines}
+    expected = {"GetCoreName", "GetCoreName(char const*, char*, int)", "SQLAllocHandle", "SQLExecDirectW",
+                "SQLGetFunctions", "DBSPrepare", "Dbs::Prepare(char const*, int)", "PyInit_zelqa",
+                "mystrcmpi(char const*, char const*)", "ucs4_to_utf8(unsigned int, char*)",
+                "SqlTokenizer::NextToken()", "DynStrTemplate<99>::AppendDouble(double)",
+                "NormalizeSQL(char const*, DynStrTemplate<99>&, int*, int*)"}
+    assert expected <= names
+    # Nothing of the Python layer, whose names are not ours alone.
+    assert not {name for name in names if name.startswith("Py") and name != "PyInit_zelqa"}

@@ -1,0 +1,121 @@
+"""Statements of unusual size, shape and fate; connection strings; locks."""
+
+import gc
+import resource
+import threading
+
+import pytest
+
+from vorda import zelqa
+
+
+def test_an_abandoned_result_blocks_nothing(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x INTEGER)")
+    stdlib.execute("INSERT INTO t VALUES (1), (2), (3)")
+    cursor.execute("PRAGMA table_info(t)")
+    cursor.execute("WITH w AS (SELECT x FROM t) SELECT * FROM w")
+    cursor.execute("SELECT * FROM t").fetchone()
+    cursor.execute("DROP TABLE t")
+    assert stdlib.execute("SELECT count(*) FROM sqlite_master").fetchone() == (0,)
+
+
+def test_returning_runs_to_its_end(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x INTEGER)")
+    cursor.execute("INSERT INTO t VALUES (1), (2), (3) RETURNING x")
+    stdlib.execute("INSERT INTO t VALUES (4)")
+    assert cursor.execute("SELECT count(*) FROM t").fetchone()[0] == 4
+
+
+@pytest.mark.parametrize("separator", ["-- c\n", "/* ? */", " + 0"], ids=["lines", "blocks", "terms"])
+def test_megabyte_statements(cursor, separator):
+    # SQLite's own limits: a statement of 1,000,000 bytes, an expression 1,000 levels deep.
+    terms = 900 if separator == " + 0" else 900000 // len(separator)
+    sql = "SELECT 1 " + separator * terms + " + ?"
+    assert cursor.execute(sql, (41,)).fetchone()[0] == 42
+
+
+def test_a_thread_with_a_small_stack_executes(path):
+    rows = []
+
+    def run():
+        connection = zelqa.connect("Database={%s}" % path)
+        sql = "SELECT ? /* %s */" % ("é" * 100000)
+        rows.append(tuple(connection.execute(sql, (5,)).fetchone()))
+        connection.close()
+
+    old = threading.stack_size(256 * 1024)
+    try:
+        thread = threading.Thread(target=run)
+        thread.start()
+        thread.join()
+    finally:
+        threading.stack_size(old)
+    assert rows == [(5,)]
+
+
+def test_every_character_of_a_statement_arrives(cursor):
+    for text in ("\U000F0000\U0010FFFF", "\U0001F600\U0001F601", "\uFFFD\uD7FF\uE000", "a\\\\b"):
+        assert cursor.execute("SELECT '%s', ?" % text, (1,)).fetchone()[0] == text
+
+
+def test_memory_stays_flat_over_statements_connects_and_errors(path):
+    def work():
+        connection = zelqa.connect("Database={%s}" % path)
+        cursor = connection.cursor()
+        cursor.execute("CREATE TABLE IF NOT EXISTS t (x TEXT)")
+        for i in range(200):
+            cursor.execute("SELECT ?, 'y'", ("x" * 500,)).fetchall()
+            cursor.execute("DELETE FROM t")
+            try:
+                cursor.execute("SELECT * FROM nowhere WHERE a = ?", (1,))
+            except zelqa.DatabaseError:
+                pass
+        connection.close()
+        try:
+            zelqa.connect("Database={/nowhere/%s};Mode=ro" % ("z" * 50))
+        except zelqa.DatabaseError:
+            pass
+
+    for _ in range(5):
+        work()
+    gc.collect()
+    before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+    for _ in range(30):
+        work()
+    # Peak memory, in KiB: 6,000 rounds that kept even 200 bytes each would show.
+    assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before < 1024
+
+
+@pytest.mark.parametrize(
+    "string, reason",
+    [("", "Database"), ("Mode=ro", "Database"), ("Database=x;Mode=wild", "wild"),
+     ("Database={unclosed", ""), ("Database=/nowhere/at/all.db", "/nowhere/at/all.db")],
+)
+def test_bad_connection_strings_say_what_is_wrong(string, reason):
+    with pytest.raises(zelqa.DatabaseError) as caught:
+        zelqa.connect(string)
+    assert reason in str(caught.value) and str(caught.value)
+
+
+def test_connection_string_keys_and_modes(path, tmp_path, connection, cursor):
+    cursor.execute("CREATE TABLE t (x INTEGER)")
+    reader = zelqa.connect("data source={%s};MODE=ro;Timeout=1;Colour=blue" % path)
+    with pytest.raises(zelqa.DatabaseError):
+        reader.execute("INSERT INTO t VALUES (1)")
+    assert reader.execute("SELECT count(*) FROM t").fetchone()[0] == 0
+    reader.close()
+    with pytest.raises(zelqa.DatabaseError):
+        zelqa.connect("Database={%s};Mode=rw" % (tmp_path / "absent.db"))
+    odd = str(tmp_path / "a;b={}.db")
+    zelqa.connect("Database={%s}" % odd.replace("}", "}}")).execute("CREATE TABLE t (x)")
+    assert (tmp_path / "a;b={}.db").exists()
+
+
+def test_a_locked_database_is_an_error_after_the_timeout(path, connection, cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x INTEGER)")
+    stdlib.execute("BEGIN EXCLUSIVE")
+    impatient = zelqa.connect("Database={%s};Timeout=0" % path)
+    with pytest.raises(zelqa.DatabaseError, match="locked"):
+        impatient.execute("INSERT INTO t VALUES (1)")
+    stdlib.execute("COMMIT")
+    assert impatient.execute("INSERT INTO t VALUES (1)").rowcount == 1

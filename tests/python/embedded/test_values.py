@@ -1,0 +1,148 @@
+"""Values in and out: exact, or an error."""
+
+import datetime
+import decimal
+import math
+import random
+
+import pytest
+
+from vorda import zelqa
+
+
+def round_trip(cursor, declared, value):
+    cursor.execute("CREATE TABLE IF NOT EXISTS v_%s (x %s)" % (abs(hash(declared)), declared))
+    table = "v_%s" % abs(hash(declared))
+    cursor.execute("DELETE FROM " + table)
+    cursor.execute("INSERT INTO %s VALUES (?)" % table, (value,))
+    return cursor.execute("SELECT x FROM " + table).fetchone()[0]
+
+
+@pytest.mark.parametrize(
+    "declared, values",
+    [
+        ("INTEGER", [0, 1, -1, 2**31 - 1, 2**31, -(2**31), -(2**31) - 1, 2**63 - 1, -(2**63)]),
+        ("REAL", [0.0, -0.5, 0.1 + 0.2, 1e308, 5e-324, math.inf, -math.inf, 2.0**53 + 2]),
+        ("TEXT", ["", "a", "é€\U0001F600\U000F1234\U0010FFFF", "x" * 2047, "é" * 1023, "'\"\\?@a:b--/*"]),
+        ("DATE", [datetime.date(1, 1, 1), datetime.date(2024, 2, 29), datetime.date(9999, 12, 31)]),
+        ("TIME", [datetime.time(0, 0), datetime.time(23, 59, 59)]),
+        ("TIMESTAMP", [datetime.datetime(1, 1, 1), datetime.datetime(9999, 12, 31, 23, 59, 59, 999999)]),
+        ("BOOLEAN", [True, False]),
+    ],
+)
+def test_values_come_back_as_they_went_in(cursor, declared, values):
+    for value in values:
+        back = round_trip(cursor, declared, value)
+        assert back == value and type(back) is type(value)
+
+
+def test_every_microsecond_survives(cursor, stdlib):
+    generator = random.Random(7)
+    fractions = [0, 1, 9, 10, 250, 999, 1000, 5000, 123456, 999999]
+    fractions += [generator.randrange(1000000) for _ in range(300)]
+    cursor.execute("CREATE TABLE t (i INTEGER, x DATETIME)")
+    cursor.execute("BEGIN")
+    for i, microsecond in enumerate(fractions):
+        stamp = datetime.datetime(2024, 5, 6, 7, 8, 9, microsecond)
+        cursor.execute("INSERT INTO t VALUES (?, ?)", i, stamp)
+    cursor.execute("COMMIT")
+    rows = cursor.execute("SELECT x FROM t ORDER BY i").fetchall()
+    assert [row[0].microsecond for row in rows] == fractions
+    # The stored text is the one that the standard library's own adapter would have written.
+    stored = [text for (text,) in stdlib.execute("SELECT x FROM t ORDER BY i")]
+    assert stored == [row[0].isoformat(" ") for row in rows]
+
+
+def test_none_is_an_empty_text_and_null_is_none(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (a TEXT, b INTEGER, c REAL, d DATE, e TIMESTAMP, f DECIMAL(8,2), g BOOLEAN)")
+    cursor.execute("INSERT INTO t (a) VALUES (?)", (None,))
+    assert stdlib.execute("SELECT a, b FROM t").fetchall() == [("", None)]
+    assert tuple(cursor.execute("SELECT * FROM t").fetchone()) == ("",) + (None,) * 6
+
+
+def test_decimals_are_exact(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x DECIMAL(12,4))")
+    stdlib.execute("INSERT INTO t VALUES (12.5), (-0.0001), (3), ('0.1'), (99999999.9999)")
+    values = [row[0] for row in cursor.execute("SELECT x FROM t")]
+    assert values == [decimal.Decimal(text) for text in ("12.5", "-0.0001", "3", "0.1", "99999999.9999")]
+    assert cursor.description[0][1] is decimal.Decimal
+    assert cursor.description[0][4:6] == (12, 4)
+
+
+@pytest.mark.parametrize(
+    "declared, stored",
+    [("INTEGER", "'abc'"), ("INTEGER", "1.5"), ("BOOLEAN", "7"), ("DATE", "'2024-13-01'"),
+     ("TIMESTAMP", "'noon'"), ("REAL", "'x'"), ("TEXT", "x'00ff'"), ("DECIMAL(5,2)", "'1e'")],
+)
+def test_a_cell_that_does_not_fit_its_column_is_an_error(cursor, stdlib, declared, stored):
+    cursor.execute("CREATE TABLE t (misfit %s)" % declared)
+    stdlib.execute("INSERT INTO t VALUES (%s)" % stored)
+    cursor.execute("SELECT misfit FROM t")
+    with pytest.raises(zelqa.DatabaseError, match="misfit"):
+        cursor.fetchone()
+
+
+def test_nan_is_refused(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x REAL)")
+    with pytest.raises(zelqa.DatabaseError):
+        cursor.execute("INSERT INTO t VALUES (?)", (math.nan,))
+    assert stdlib.execute("SELECT count(*) FROM t").fetchone() == (0,)
+
+
+def test_binary_columns_are_described_but_not_fetched(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x BLOB)")
+    stdlib.execute("INSERT INTO t VALUES (x'0102')")
+    cursor.execute("SELECT x FROM t")
+    assert cursor.description[0][1] is bytearray
+    with pytest.raises(zelqa.NotSupportedError, match="Binary type not supported yet"):
+        cursor.fetchone()
+
+
+@pytest.mark.parametrize("text", ["x" * 2048, "é" * 1024, "\U0001F600" * 700, "y" * 100000])
+def test_a_cut_text_warns_with_the_column_and_both_lengths(cursor, stdlib, text):
+    cursor.execute("CREATE TABLE t (letter TEXT)")
+    cursor.execute("INSERT INTO t VALUES (?)", (text,))
+    assert stdlib.execute("SELECT letter FROM t").fetchone() == (text,)
+    size = len(text.encode())
+    cursor.execute("SELECT letter FROM t")
+    with pytest.warns(RuntimeWarning, match="letter.* %d .*20[0-9][0-9]" % size):
+        (kept,) = cursor.fetchone()
+    assert text.startswith(kept) and 2044 <= len(kept.encode()) <= 2047
+
+
+def test_text_with_a_nul_comes_back_whole_and_goes_in_with_a_warning(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x TEXT)")
+    stdlib.execute("INSERT INTO t VALUES (?)", ("a\0b",))
+    assert cursor.execute("SELECT x FROM t").fetchone()[0] == "a\0b"
+    with pytest.warns(RuntimeWarning, match="NUL"):
+        cursor.execute("UPDATE t SET x = ?", ("ab\0cd",))
+    assert stdlib.execute("SELECT x FROM t").fetchone() == ("ab",)
+
+
+def test_a_time_parameter_warns_about_its_fraction(cursor, stdlib):
+    cursor.execute("CREATE TABLE t (x TIME)")
+    with pytest.warns(RuntimeWarning, match="fraction"):
+        cursor.execute("INSERT INTO t VALUES (?)", (datetime.time(1, 2, 3, 4),))
+    assert stdlib.execute("SELECT x FROM t").fetchone() == ("01:02:03",)
+    stdlib.execute("UPDATE t SET x = '01:02:03.000004'")
+    assert cursor.execute("SELECT x FROM t").fetchone()[0] == datetime.time(1, 2, 3, 4)
+
+
+def test_expressions_take_their_type_from_the_first_row(cursor):
+    row = cursor.execute("SELECT 1, 2.5, 'x', NULL, ?, ?", (7, "y")).fetchone()
+    assert tuple(row) == (1, 2.5, "x", None, 7, "y")
+
+
+def test_a_random_table_reads_as_the_standard_library_reads_it(cursor, stdlib):
+    generator = random.Random(11)
+    cursor.execute("CREATE TABLE t (i INTEGER PRIMARY KEY, a BIGINT, b REAL, c TEXT)")
+    alphabet = "abc'\" é€\U0001F600\n"
+    rows = [
+        (i, generator.choice([None, generator.randrange(-(2**63), 2**63)]),
+         generator.choice([None, generator.uniform(-1e9, 1e9)]),
+         generator.choice([None, "".join(generator.choices(alphabet, k=generator.randrange(200)))]))
+        for i in range(2000)
+    ]
+    stdlib.executemany("INSERT INTO t VALUES (?, ?, ?, ?)", rows)
+    cursor.execute("SELECT * FROM t ORDER BY i")
+    assert [tuple(row) for row in cursor] == rows
