@@ -1,5 +1,6 @@
 #include "include/conversion.h"
 
+#include <climits>
 #include <cstdarg>
 #include <cstring>
 
@@ -150,7 +151,11 @@ int GetPyObjectAsString(PyObject* object, DynStr& value) {
         PyErr_Clear();
         return -1;
     }
-    if (value.Set(PyBytes_AS_STRING(encoded.Get())) != VORDA_OK) throw std::bad_alloc();
+    // Set takes a length that an int cannot hold for none at all.
+    if (PyBytes_GET_SIZE(encoded.Get()) > INT_MAX ||
+        value.Set(PyBytes_AS_STRING(encoded.Get())) != VORDA_OK) {
+        throw std::bad_alloc();
+    }
     return 0;
 }
 

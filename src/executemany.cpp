@@ -43,6 +43,10 @@ PyRef GatherValue(PyObject* value, ParamKind firstKind) {
 }
 
 bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, Batch& batch) {
+    if (!PySequence_Check(row)) {
+        Raise(ProgrammingError, "Row [%zd] of executemany is not a sequence.", number);
+        return false;
+    }
     const Py_ssize_t size = PySequence_Size(row);
     if (size < 0) return false;
     if (number == 0) {
