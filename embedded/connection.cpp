@@ -1,0 +1,134 @@
+#include "connection.h"
+
+#include <algorithm>
+
+#include "error.h"
+#include "message.h"
+#include "sqliteerror.h"
+#include "statement.h"
+
+namespace embedded {
+namespace {
+
+/// The file name for SQLite. A build that reads "file:" names as URIs would let one override the
+/// mode; here it is a path like any other.
+std::string fileName(const std::string& database) {
+    return database.starts_with("file:") ? "./" + database : database;
+}
+
+Error openError(int code, const char* message, const std::string& database) {
+    return Error::fromSqlite("08001", std::string(message) + ": " + quoted(database), code);
+}
+
+}  // namespace
+
+void executeScript(sqlite3* db, const char* sql) {
+    if (sqlite3_exec(db, sql, nullptr, nullptr, nullptr) != SQLITE_OK) throw sqliteError(db);
+}
+
+Connection::~Connection() = default;
+
+void Connection::open(const ConnectOptions& options) {
+    if (isOpen()) throw Error("08002", "The connection is already open.", SQLITE_MISUSE);
+    sqlite3* raw = nullptr;
+    // The connection's own lock serialises all use.
+    const int result = sqlite3_open_v2(fileName(options.database).c_str(), &raw,
+                                       options.openFlags | SQLITE_OPEN_NOMUTEX, nullptr);
+    std::unique_ptr<sqlite3, CloseDatabase> db(raw);
+    if (!raw) throw std::bad_alloc();
+    sqlite3_extended_result_codes(raw, 1);
+    if (result != SQLITE_OK) {
+        throw openError(sqlite3_extended_errcode(raw), sqlite3_errmsg(raw), options.database);
+    }
+    sqlite3_busy_timeout(raw, options.timeoutMs);
+    // SQLite opens the file lazily; what is no database, or cannot be read, is to be known now. A
+    // database that is only locked at the moment is a good one.
+    const int probe = sqlite3_exec(raw, "PRAGMA schema_version", nullptr, nullptr, nullptr);
+    if (probe != SQLITE_OK && (probe & 0xFF) != SQLITE_BUSY) {
+        throw openError(sqlite3_extended_errcode(raw), sqlite3_errmsg(raw), options.database);
+    }
+    m_database = options.database;
+    const std::lock_guard lock(m_interruptMutex);
+    m_session.emplace(std::move(db));
+}
+
+void Connection::close() {
+    if (!isOpen()) throw Error("08003", "The connection is not open.", SQLITE_MISUSE);
+    closeUnasked();
+    if (!m_autocommit && sqlite3_txn_state(db(), nullptr) == SQLITE_TXN_WRITE) {
+        throw Error("25000", "Commit or roll back the open transaction before disconnecting.",
+                    SQLITE_MISUSE);
+    }
+    while (m_statements) m_statements->drop();
+    const std::lock_guard lock(m_interruptMutex);
+    m_session.reset();
+}
+
+sqlite3* Connection::db() {
+    if (!isOpen()) throw Error("08003", "The connection is not open.", SQLITE_MISUSE);
+    return m_session->db.get();
+}
+
+StatementCache& Connection::cache() {
+    if (!isOpen()) throw Error("08003", "The connection is not open.", SQLITE_MISUSE);
+    return m_session->cache;
+}
+
+void Connection::setAutocommit(bool on) {
+    if (on && !m_autocommit && isOpen()) endTransaction(true);
+    m_autocommit = on;
+}
+
+void Connection::beginFor(Verb verb) {
+    // These end or open a transaction themselves, or do not work inside one.
+    const bool own = verb == Verb::Transaction || verb == Verb::Rollback || verb == Verb::Pragma ||
+                     verb == Verb::Service;
+    if (!m_autocommit && !own && sqlite3_get_autocommit(db())) executeScript(db(), "BEGIN");
+}
+
+void Connection::endTransaction(bool commit) {
+    closeUnasked();
+    if (sqlite3_get_autocommit(db())) return;
+    if (commit) {
+        executeScript(db(), "COMMIT");
+        return;
+    }
+    for (Statement* statement = m_statements; statement; statement = statement->next) {
+        statement->closeCursor();
+    }
+    executeScript(db(), "ROLLBACK");
+    cache().clear();
+}
+
+void Connection::interrupt() noexcept {
+    const std::lock_guard lock(m_interruptMutex);
+    if (m_session) sqlite3_interrupt(m_session->db.get());
+}
+
+void Connection::attach(Statement& statement) noexcept {
+    statement.next = m_statements;
+    if (m_statements) m_statements->previous = &statement;
+    m_statements = &statement;
+}
+
+void Connection::detach(Statement& statement) noexcept {
+    removeUnasked(statement);
+    if (statement.next) statement.next->previous = statement.previous;
+    (statement.previous ? statement.previous->next : m_statements) = statement.next;
+    statement.next = nullptr;
+    statement.previous = nullptr;
+}
+
+void Connection::removeUnasked(Statement& statement) noexcept {
+    m_unasked.erase(std::remove(m_unasked.begin(), m_unasked.end(), &statement), m_unasked.end());
+}
+
+void Connection::closeUnasked() noexcept {
+    while (!m_unasked.empty()) {
+        Statement& statement = *m_unasked.back();
+        m_unasked.pop_back();
+        statement.closeCursor();
+    }
+}
+
+}  // namespace embedded

@@ -1,0 +1,96 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "connectstring.h"
+#include "handle.h"
+#include "statementcache.h"
+
+namespace embedded {
+
+class Environment;
+class Statement;
+
+/// Runs statements without parameters or rows on `db`; throws an `Error`.
+void executeScript(sqlite3* db, const char* sql);
+
+/// A connection handle and, while it is open, an SQLite database.
+///
+/// Its lock serialises all calls on it and on its statements; SQLite itself then needs none.
+class Connection final : public Handle {
+  public:
+    static constexpr SQLSMALLINT kHandleType = SQL_HANDLE_DBC;
+
+    explicit Connection(SQLHANDLE environment) noexcept
+        : Handle(kHandleType), m_environment(environment) {}
+    ~Connection();
+
+    std::mutex& mutex() noexcept { return m_mutex; }
+    SQLHANDLE environment() const noexcept { return m_environment; }
+
+    bool isOpen() const noexcept { return m_session.has_value(); }
+    void open(const ConnectOptions& options);
+
+    /// Frees all statements, rolls an open transaction back and closes the database. Throws 25000
+    /// when autocommit is off and changes are neither committed nor rolled back.
+    void close();
+
+    /// The open database; throws 08003 when there is none.
+    sqlite3* db();
+    StatementCache& cache();
+    const std::string& database() const noexcept { return m_database; }
+
+    bool autocommit() const noexcept { return m_autocommit; }
+
+    /// Switching autocommit on commits an open transaction.
+    void setAutocommit(bool on);
+
+    /// With autocommit off, opens a transaction before a statement of kind `verb` unless one is
+    /// open.
+    void beginFor(Verb verb);
+
+    /// Commits or rolls back the open transaction, if there is one, however it was begun. Rolling
+    /// back closes all cursors.
+    void endTransaction(bool commit);
+
+    /// Interrupts what is running. Callable from any thread, without the connection's lock.
+    void interrupt() noexcept;
+
+    // For statements only: their list, and the ones whose rows nobody has asked about yet.
+    void attach(Statement& statement) noexcept;
+    void detach(Statement& statement) noexcept;
+    void addUnasked(Statement& statement) { m_unasked.push_back(&statement); }
+    void removeUnasked(Statement& statement) noexcept;
+
+    /// Closes the cursors nobody has asked about. Applications run statements that yield rows just
+    /// for their effect and never free them; such a statement must not hold the database.
+    void closeUnasked() noexcept;
+
+  private:
+    struct CloseDatabase {
+        void operator()(sqlite3* db) const noexcept { sqlite3_close_v2(db); }
+    };
+    struct Session {
+        explicit Session(std::unique_ptr<sqlite3, CloseDatabase> opened)
+            : db(std::move(opened)), cache(db.get()) {}
+        std::unique_ptr<sqlite3, CloseDatabase> db;
+        StatementCache cache;  // destroyed first: its statements belong to the database
+    };
+
+    std::mutex m_mutex;
+    std::mutex m_interruptMutex;  ///< keeps the database open while it is being interrupted
+    const SQLHANDLE m_environment;
+    std::optional<Session> m_session;
+    std::string m_database;
+    bool m_autocommit = true;
+    Statement* m_statements = nullptr;  ///< head of the list of all statements
+    std::vector<Statement*> m_unasked;
+};
+
+}  // namespace embedded

@@ -1,0 +1,58 @@
+#include "diagnostics.h"
+
+#include <sqlite3.h>
+
+#include <new>
+
+#include "message.h"
+
+namespace embedded {
+namespace {
+
+const DiagnosticRecord kOutOfMemory{"HY001", SQLITE_NOMEM, "Out of memory."};
+
+using Records = std::vector<DiagnosticRecord>;
+
+Records& made(std::unique_ptr<Records>& records) {
+    if (!records) records = std::make_unique<Records>();
+    return *records;
+}
+
+}  // namespace
+
+void Diagnostics::error(const Error& error) noexcept {
+    try {
+        // In front of any warnings: many callers read only the first record.
+        Records& records = made(m_records);
+        records.insert(records.begin(), {error.state(), error.native(), error.what()});
+    } catch (const std::bad_alloc&) {
+        outOfMemory();
+    }
+}
+
+void Diagnostics::warning(const char* state, std::string_view text) {
+    made(m_records).push_back({state, SQLITE_OK, runtimeMessage(text)});
+}
+
+size_t Diagnostics::count() const noexcept {
+    return (m_records ? m_records->size() : 0) + (m_outOfMemory ? 1 : 0);
+}
+
+const DiagnosticRecord* Diagnostics::at(size_t index) const noexcept {
+    if (m_outOfMemory) {
+        if (index == 0) return &kOutOfMemory;
+        --index;
+    }
+    return m_records && index < m_records->size() ? &(*m_records)[index] : nullptr;
+}
+
+void Diagnostics::consumeFirst() noexcept {
+    if (m_outOfMemory) {
+        m_outOfMemory = false;
+    } else if (m_records) {
+        m_records->erase(m_records->begin());
+        if (m_records->empty()) m_records.reset();
+    }
+}
+
+}  // namespace embedded

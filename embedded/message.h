@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace embedded {
+
+/// Longest diagnostic text in bytes. Callers commonly read diagnostics once, into 1 KiB, and drop a
+/// text that does not fit; SQLite quotes tokens of any length in its messages. Leaves room for what
+/// `Error::in` adds.
+inline constexpr size_t kMaxMessage = 940;
+
+/// `text` with the prefix of this runtime, cut to `kMaxMessage`.
+std::string runtimeMessage(std::string_view text);
+
+/// `text` with the prefix that says that SQLite wrote it, cut to `kMaxMessage`.
+std::string sqliteMessage(std::string_view text);
+
+/// A value from the user's data as it appears in a message: quoted and short.
+std::string quoted(std::string_view value);
+
+}  // namespace embedded

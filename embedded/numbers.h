@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace embedded {
+
+/// Room for any number that `formatInteger` and `formatDouble` write.
+using NumberBuffer = char[32];
+
+std::string_view formatInteger(std::int64_t value, NumberBuffer& buffer) noexcept;
+
+/// The shortest text that reads back as the same double; whole numbers keep a ".0", as SQLite
+/// writes.
+std::string_view formatDouble(double value, NumberBuffer& buffer) noexcept;
+
+/// A decimal number ("-1.50", ".5", "12e3") in plain digits without exponent: "-1.50", "0.5",
+/// "12000". Nothing when `text` is no decimal number or would take more than a thousand digits.
+std::optional<std::string> plainDecimal(std::string_view text);
+
+/// The shortest decimal digits that read back as `value`, without exponent; nothing for an
+/// infinity.
+std::optional<std::string> plainDecimal(double value);
+
+/// Whether `value` is whole and within 64 bits; stores it if so.
+bool exactInteger(double value, std::int64_t& out) noexcept;
+
+}  // namespace embedded

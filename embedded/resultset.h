@@ -1,0 +1,84 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "cell.h"
+#include "columntype.h"
+#include "sql.h"
+#include "sqlext.h"
+
+namespace embedded {
+
+/// The description of one result column.
+struct Column {
+    std::string name;
+    ColumnType type;
+    std::string typeName;  ///< as declared; empty for an expression
+    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
+    std::string schema;  ///< with table and origin: empty when the column is no table's
+    std::string table;
+    std::string origin;
+};
+
+/// The rows of an executed statement, read once from first to last.
+class ResultSet {
+  public:
+    ResultSet() = default;
+    ResultSet(const ResultSet&) = delete;
+    ResultSet& operator=(const ResultSet&) = delete;
+    virtual ~ResultSet() = default;
+
+    /// The columns' descriptions; to be asked for before the first `next`.
+    virtual const std::vector<Column>& columns() = 0;
+
+    /// Number of columns; cheaper than `columns().size()`.
+    virtual int columnCount() const = 0;
+
+    /// Moves to the next row; false at the end. Throws an `Error` when SQLite fails, which ends the
+    /// rows.
+    virtual bool next() = 0;
+
+    /// The value in the 0-based column of the current row; valid until the next `next`.
+    virtual Cell cell(int column) const = 0;
+};
+
+/// The columns of a statement, as far as they are known: types of expressions come from
+/// `statement`'s current row, if it stands on one (`onRow`).
+std::vector<Column> describeColumns(sqlite3_stmt* statement, bool onRow);
+
+/// Rows that SQLite computes as they are read. The compiled statement, which the owner keeps, has
+/// been stepped once: `onRow` says whether that gave a row. Resets it at the end.
+std::unique_ptr<ResultSet> makeLiveRows(sqlite3_stmt* statement, bool onRow);
+
+/// Rows kept in memory.
+class StoredRows final : public ResultSet {
+  public:
+    explicit StoredRows(std::vector<Column> columns) : m_columns(std::move(columns)) {}
+
+    /// Copies the current row of `statement`.
+    void append(sqlite3_stmt* statement);
+
+    /// Appends a row of texts and integers in the order of the columns.
+    void append(std::vector<Cell> row);
+
+    const std::vector<Column>& columns() override { return m_columns; }
+    int columnCount() const override { return static_cast<int>(m_columns.size()); }
+    bool next() override;
+    Cell cell(int column) const override;
+
+  private:
+    struct Value {
+        Cell cell;
+        std::string bytes;  ///< what `cell.bytes` stands for
+    };
+
+    std::vector<Column> m_columns;
+    std::vector<std::vector<Value>> m_rows;
+    size_t m_current = 0;  ///< 1-based; 0 before the first row
+};
+
+}  // namespace embedded

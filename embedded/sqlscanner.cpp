@@ -1,0 +1,157 @@
+#include "sqlscanner.h"
+
+#include <algorithm>
+#include <array>
+
+#include "text.h"
+
+namespace embedded {
+namespace {
+
+bool isDigit(char c) noexcept {
+    return c >= '0' && c <= '9';
+}
+
+bool isWordByte(char c) noexcept {
+    const auto byte = static_cast<unsigned char>(c);
+    return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || c == '$' ||
+           byte >= 0x80;
+}
+
+bool isBlank(char c) noexcept {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\f' || c == '\r';
+}
+
+constexpr std::string_view kVariableStarts = "?@:$#";
+
+}  // namespace
+
+void SqlScanner::skipBlanks() noexcept {
+    while (m_pos < m_sql.size()) {
+        const std::string_view rest = m_sql.substr(m_pos);
+        if (isBlank(rest.front())) {
+            ++m_pos;
+        } else if (rest.starts_with("--")) {
+            m_pos += std::min(rest.find('\n'), rest.size());
+        } else if (rest.starts_with("/*") && rest.size() > 2) {
+            const size_t close = rest.find("*/", 2);
+            m_pos = close == std::string_view::npos ? m_sql.size() : m_pos + close + 2;
+        } else {
+            return;
+        }
+    }
+}
+
+size_t SqlScanner::wordEnd(size_t from) const noexcept {
+    while (from < m_sql.size() && isWordByte(m_sql[from])) ++from;
+    return from;
+}
+
+// A doubled closing quote stands for itself, except in […].
+size_t SqlScanner::quotedEnd(char close) const noexcept {
+    for (size_t at = m_pos + 1; at < m_sql.size(); ++at) {
+        if (m_sql[at] != close) continue;
+        const bool doubled = close != ']' && at + 1 < m_sql.size() && m_sql[at + 1] == close;
+        if (!doubled) return at + 1;
+        ++at;
+    }
+    return m_sql.size();
+}
+
+SqlScanner::Token SqlScanner::next() noexcept {
+    skipBlanks();
+    if (m_pos >= m_sql.size()) return {};
+    const char first = m_sql[m_pos];
+    size_t end = m_pos + 1;
+    Kind kind = Kind::Punctuation;
+    if (first == '\'') {
+        kind = Kind::String;
+        end = quotedEnd('\'');
+    } else if (first == '"' || first == '`' || first == '[') {
+        kind = Kind::QuotedName;
+        end = quotedEnd(first == '[' ? ']' : first);
+    } else if (isWordByte(first) && first != '$') {
+        kind = Kind::Word;
+        end = wordEnd(end);
+    } else if (kVariableStarts.find(first) != std::string_view::npos) {
+        end = wordEnd(end);
+        const std::string_view name = m_sql.substr(m_pos + 1, end - m_pos - 1);
+        const bool number = std::all_of(name.begin(), name.end(), isDigit);
+        if (number && (first == '?' || (first == '@' && !name.empty()))) {
+            kind = Kind::Marker;
+        } else if (!name.empty()) {
+            kind = Kind::Variable;
+        }
+    }
+    const Token token{kind, m_sql.substr(m_pos, end - m_pos)};
+    m_pos = end;
+    return token;
+}
+
+std::string numberedMarkers(std::string_view sql) {
+    std::string result(sql);
+    if (sql.find('@') == std::string_view::npos) return result;
+    SqlScanner scanner(sql);
+    for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
+        if (token.kind == SqlScanner::Kind::Marker) {
+            result[static_cast<size_t>(token.text.data() - sql.data())] = '?';
+        }
+    }
+    return result;
+}
+
+bool isBlankSql(std::string_view sql) noexcept {
+    SqlScanner scanner(sql);
+    auto token = scanner.next();
+    while (token.text == ";") token = scanner.next();
+    return token.kind == SqlScanner::Kind::End;
+}
+
+bool mayJoinOuter(std::string_view sql) noexcept {
+    constexpr std::array<std::string_view, 3> kWords{"LEFT", "RIGHT", "FULL"};
+    SqlScanner scanner(sql);
+    for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
+        if (token.kind == SqlScanner::Kind::Word &&
+            std::any_of(kWords.begin(), kWords.end(),
+                        [&](std::string_view word) { return sameWord(word, token.text); })) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Verb verbOf(std::string_view sql) noexcept {
+    struct Entry {
+        std::string_view word;
+        Verb verb;
+    };
+    static constexpr Entry kVerbs[] = {
+        {"SELECT", Verb::Query},
+        {"VALUES", Verb::Query},
+        {"WITH", Verb::With},
+        {"INSERT", Verb::Change},
+        {"REPLACE", Verb::Change},
+        {"UPDATE", Verb::Change},
+        {"DELETE", Verb::Change},
+        {"BEGIN", Verb::Transaction},
+        {"COMMIT", Verb::Transaction},
+        {"END", Verb::Transaction},
+        {"SAVEPOINT", Verb::Transaction},
+        {"RELEASE", Verb::Transaction},
+        {"ROLLBACK", Verb::Rollback},
+        {"PRAGMA", Verb::Pragma},
+        {"EXPLAIN", Verb::Service},
+        {"ATTACH", Verb::Service},
+        {"DETACH", Verb::Service},
+        {"VACUUM", Verb::Service},
+    };
+    SqlScanner scanner(sql);
+    auto token = scanner.next();
+    while (token.text == ";") token = scanner.next();
+    for (const Entry& entry : kVerbs) {
+        if (sameWord(entry.word, token.text)) return entry.verb;
+    }
+    return Verb::Other;
+}
+
+}  // namespace embedded

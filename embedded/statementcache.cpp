@@ -1,0 +1,98 @@
+#include "statementcache.h"
+
+#include <limits>
+#include <new>
+
+#include "error.h"
+#include "sqliteerror.h"
+
+namespace embedded {
+namespace {
+
+constexpr size_t kMaxIdle = 64;
+constexpr size_t kMaxCachedText = 16 * 1024;
+
+// Texts of other kinds seldom come twice, and most of them make compiled forms out of date.
+bool isWorthKeeping(const CompiledSql& sql) noexcept {
+    return (sql.verb == Verb::Query || sql.verb == Verb::With || sql.verb == Verb::Change) &&
+           sql.text.size() <= kMaxCachedText;
+}
+
+/// What SQLite reports as plain errors while it compiles are mistakes in the text.
+Error compileError(sqlite3* db) {
+    const Error error = sqliteError(db);
+    constexpr std::string_view kGeneral = "HY000";
+    if (error.state() != kGeneral || (error.native() & 0xFF) != SQLITE_ERROR) return error;
+    return Error::fromSqlite("42000", sqlite3_errmsg(db), error.native());
+}
+
+}  // namespace
+
+void CompiledStatement::release() noexcept {
+    if (m_sql) m_cache->giveBack(std::move(m_sql));
+}
+
+std::unique_ptr<CompiledSql> StatementCache::compileNew(std::string_view sql) const {
+    // SQLite stops reading at a NUL; what follows must not vanish unseen.
+    const std::string_view text = sql.substr(0, sql.find_last_not_of('\0') + 1);
+    if (text.find('\0') != std::string_view::npos) {
+        throw Error("42000", "The statement contains a NUL character.");
+    }
+    if (text.size() >= static_cast<size_t>(std::numeric_limits<int>::max())) {
+        throw Error("42000", "The statement is too long.", SQLITE_TOOBIG);
+    }
+    const std::string numbered = numberedMarkers(text);
+    sqlite3_stmt* raw = nullptr;
+    const char* tail = nullptr;
+    const int result =
+        sqlite3_prepare_v3(m_db, numbered.c_str(), static_cast<int>(numbered.size()) + 1,
+                           SQLITE_PREPARE_PERSISTENT, &raw, &tail);
+    if (result != SQLITE_OK) throw compileError(m_db);
+
+    auto compiled = std::make_unique<CompiledSql>();
+    compiled->statement.reset(raw);
+    if (!raw) throw Error("42000", "The statement is empty.");
+    if (!isBlankSql(std::string_view(tail, numbered.data() + numbered.size()))) {
+        throw Error("42000",
+                    "The text holds more than one statement; only one is allowed at a time.");
+    }
+    compiled->text = sql;
+    compiled->verb = verbOf(text);
+    compiled->readOnly = sqlite3_stmt_readonly(raw) != 0;
+    return compiled;
+}
+
+CompiledStatement StatementCache::compile(std::string_view sql) {
+    const auto found = m_byText.find(sql);
+    if (found == m_byText.end()) return {*this, compileNew(sql)};
+    const Idle::iterator idle = found->second;
+    m_byText.erase(found);
+    std::unique_ptr<CompiledSql> compiled = std::move(*idle);
+    m_idle.erase(idle);
+    return {*this, std::move(compiled)};
+}
+
+void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
+    sqlite3_reset(sql->statement.get());
+    if (!isWorthKeeping(*sql) || m_byText.contains(sql->text)) return;
+    sqlite3_clear_bindings(sql->statement.get());
+    try {
+        m_idle.push_front(std::move(sql));
+        m_byText.emplace(m_idle.front()->text, m_idle.begin());
+    } catch (const std::bad_alloc&) {
+        // Keeping it is a convenience; a half-made entry must not stay.
+        if (m_byText.size() < m_idle.size()) m_idle.pop_front();
+        return;
+    }
+    if (m_idle.size() > kMaxIdle) {
+        m_byText.erase(m_idle.back()->text);
+        m_idle.pop_back();
+    }
+}
+
+void StatementCache::clear() noexcept {
+    m_byText.clear();
+    m_idle.clear();
+}
+
+}  // namespace embedded

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <list>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "sqlscanner.h"
+
+namespace embedded {
+
+struct FinalizeStatement {
+    void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
+};
+
+/// An SQL text and its compiled form.
+struct CompiledSql {
+    std::string text;
+    std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement;
+    Verb verb = Verb::Other;
+    bool readOnly = false;
+};
+
+class StatementCache;
+
+/// A compiled statement in use. Gives it back to the cache of its connection when released: reset,
+/// with no values bound, so that an idle statement holds no lock and no memory of values.
+class CompiledStatement {
+  public:
+    CompiledStatement() = default;
+    CompiledStatement(StatementCache& cache, std::unique_ptr<CompiledSql> sql) noexcept
+        : m_cache(&cache), m_sql(std::move(sql)) {}
+    CompiledStatement(CompiledStatement&&) noexcept = default;
+    CompiledStatement& operator=(CompiledStatement&& other) noexcept {
+        release();
+        m_cache = other.m_cache;
+        m_sql = std::move(other.m_sql);
+        return *this;
+    }
+    ~CompiledStatement() { release(); }
+
+    explicit operator bool() const noexcept { return m_sql != nullptr; }
+    sqlite3_stmt* get() const noexcept { return m_sql->statement.get(); }
+    const CompiledSql& sql() const noexcept { return *m_sql; }
+    void release() noexcept;
+
+  private:
+    StatementCache* m_cache = nullptr;
+    std::unique_ptr<CompiledSql> m_sql;
+};
+
+/// The idle compiled statements of one connection, by their text; the least recently used go first.
+class StatementCache {
+  public:
+    explicit StatementCache(sqlite3* db) noexcept : m_db(db) {}
+
+    /// The compiled form of `sql`, cached or new. Throws an `Error` of class 42 for a text that
+    /// SQLite does not accept, that holds no statement, or more than one.
+    CompiledStatement compile(std::string_view sql);
+
+    /// Forgets all idle statements. To be called after a change of the schema: a statement that
+    /// names what is gone must fail when it is prepared, not later.
+    void clear() noexcept;
+
+    size_t size() const noexcept { return m_idle.size(); }
+
+  private:
+    friend class CompiledStatement;
+    using Idle = std::list<std::unique_ptr<CompiledSql>>;
+
+    void giveBack(std::unique_ptr<CompiledSql> sql) noexcept;
+    std::unique_ptr<CompiledSql> compileNew(std::string_view sql) const;
+
+    sqlite3* m_db;
+    Idle m_idle;  ///< most recently used first
+    std::unordered_map<std::string_view, Idle::iterator> m_byText;
+};
+
+}  // namespace embedded
