@@ -60,7 +60,8 @@ bool GatherParameters(PyObject* args, const DynStr& sql, Parameters& parameters)
 bool WarnAboutCuts(const Parameters& parameters) {
     Py_ssize_t position = parameters.FirstPosition;
     for (const PyRef& value : parameters.Values) {
-        const char* what = PyUnicode_Check(value.Get()) ? "text" : "datetime";
+        const bool isText = PyUnicode_Check(value.Get());
+        const char* what = isText ? "text" : PyTime_Check(value.Get()) ? "time" : "datetime";
         if (!WarnIfCut(value.Get(), what, position++)) return false;
     }
     return true;
@@ -189,6 +190,7 @@ PyRef PyCursor_Execute(PyObject* self, PyObject* args, PyObject*) {
     if (BuildCursorDescription(cursor) != 0) {
         return PyErr_Occurred() ? PyRef() : Raise(DatabaseError, "failed to build description");
     }
-    cursor->RowCount = rowCount;
+    // A class that the description needs may be imported, and its module's code closed the cursor.
+    if (cursor->Connection != nullptr) cursor->RowCount = rowCount;
     return PyRef::Borrow(self);
 }

@@ -7,8 +7,9 @@
 
 namespace {
 
+// A cursor that was closed while its row was made keeps the attributes of a closed one.
 void CountRow(PyCursor* cursor) {
-    if (cursor->RowCount < INT_MAX) ++cursor->RowCount;
+    if (cursor->Connection != nullptr && cursor->RowCount < INT_MAX) ++cursor->RowCount;
 }
 
 // The next row, or empty: with an error set, or at the end of the rows without one.

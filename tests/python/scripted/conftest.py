@@ -1,0 +1,221 @@
+"""Fixtures of the tests on the scripted runtime: the runtime itself, and connections to it.
+
+The runtime is the very library that the module finds by its bare name. Here its control functions
+are called through ctypes: a test tells it what to answer and reads what the module called.
+"""
+
+import ctypes
+import gc
+import os
+import sys
+
+import pytest
+
+from vorda import zelqa
+
+SUCCESS, INFO, ERROR, NO_DATA = 0, 1, -1, 100
+
+# Column types as the provider reports them.
+(CHAR, NUMERIC, DECIMAL, INTEGER, SMALLINT, FLOAT, REAL, DOUBLE, DATE, TIME, TIMESTAMP, VARCHAR) = (
+    1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12)
+WVARCHAR, BIT, TINYINT, BIGINT, VARBINARY, GUID = -9, -7, -6, -5, -3, -11
+TYPE_DATE, TYPE_TIME, TYPE_TIMESTAMP = 91, 92, 93
+
+
+class Column:
+    """A result column as the provider describes it."""
+
+    def __init__(self, name, sqltype=INTEGER, length=0, precision=0, scale=0, nullable=1,
+                 name_length=None):
+        self.description = (name if isinstance(name, bytes) else name.encode(), sqltype, length,
+                            precision, scale, nullable)
+        self.name_length = name_length
+
+
+class Cell:
+    """A cell whose length is reported as `indicator`, whatever it holds."""
+
+    def __init__(self, value, indicator):
+        self.value, self.indicator = value, indicator
+
+
+class Timestamp:
+    """A date and time with nanoseconds."""
+
+    def __init__(self, year=1, month=1, day=1, hour=0, minute=0, second=0, nanoseconds=0):
+        self.fields = (year, month, day, hour, minute, second, nanoseconds)
+
+
+class Runtime:
+    """The control functions of the scripted runtime."""
+
+    HANDLER = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_char_p, ctypes.POINTER(ctypes.c_longlong),
+                               ctypes.c_int, ctypes.POINTER(ctypes.c_int))
+
+    def __init__(self, path):
+        self._library = ctypes.CDLL(path)
+        self._library.scripted_log.restype = ctypes.c_char_p
+        self._library.scripted_last_path.restype = ctypes.c_char_p
+        self._handler = None
+
+    def reset(self):
+        self._library.scripted_reset()
+
+    # What was called.
+
+    def take_log(self):
+        """The lines of the log, which is empty afterwards."""
+        log = self._library.scripted_log().decode("utf-8", "surrogateescape")
+        self._library.scripted_log_clear()
+        return log.split("\n") if log else []
+
+    def take_calls(self):
+        """The names of the functions called, in order; the log is empty afterwards."""
+        return [line.split("(")[0] for line in self.take_log() if not line.startswith("  ")]
+
+    def count(self, function=None):
+        return self._library.scripted_call_count(function.encode() if function else None)
+
+    def last_path(self):
+        return os.fsdecode(self._library.scripted_last_path())
+
+    def live_handles(self, kind=0):
+        return self._library.scripted_live_handles(kind)
+
+    def errors(self):
+        return self._library.scripted_errors()
+
+    # What it answers.
+
+    def answer(self, function, status, nth=0):
+        """Instead of acting, the nth call of a function since the reset (0: each) returns this."""
+        self._library.scripted_answer(function.encode(), nth, status)
+
+    def answer_after(self, function, status, nth=0):
+        """The same, but the call acts first."""
+        self._library.scripted_answer_after(function.encode(), nth, status)
+
+    def fail_next(self, function, text=None, native=7, status=ERROR):
+        """The next call of a function fails, with this diagnostic."""
+        self.answer(function, status, self.count(function) + 1)
+        if text is not None:
+            self.diag(text, native)
+
+    def clear_answers(self):
+        self._library.scripted_answers_clear()
+
+    def diag(self, text, native=7, reported_length=-1, status=SUCCESS):
+        data = text if isinstance(text, bytes) else text.encode()
+        self._library.scripted_diag(b"HY000", native, data, reported_length, status)
+
+    def handler(self, function):
+        """`function(name, arguments)` sees each call first; a status that it returns is the answer."""
+        def call(name, arguments, count, status):
+            result = function(name.decode(), arguments[:count])
+            if result is None:
+                return 0
+            status[0] = result
+            return 1
+        self._handler = self.HANDLER(call) if function else None
+        self._library.scripted_handler(self._handler)
+
+    def result(self, *columns, **given):
+        """What the next execution that has none yet yields: columns, rows=[...], row_count=n."""
+        self._library.scripted_result()
+        self._library.scripted_row_count(ctypes.c_longlong(given.get("row_count", 0)))
+        for column in columns:
+            column = column if isinstance(column, Column) else Column(column)
+            self._library.scripted_column(*column.description)
+            if column.name_length is not None:
+                self._library.scripted_column_name_length(column.name_length)
+        for row in given.get("rows", ()):
+            self._library.scripted_row()
+            for value in row:
+                self._cell(value)
+
+    def _cell(self, value):
+        if isinstance(value, Cell):
+            self._cell(value.value)
+            self._library.scripted_cell_indicator(ctypes.c_longlong(value.indicator))
+        elif value is None:
+            self._library.scripted_cell_null()
+        elif isinstance(value, int):
+            self._library.scripted_cell_int(ctypes.c_longlong(value))
+        elif isinstance(value, float):
+            self._library.scripted_cell_double(ctypes.c_double(value))
+        elif isinstance(value, Timestamp):
+            self._library.scripted_cell_timestamp(*value.fields)
+        else:
+            data = value if isinstance(value, bytes) else value.encode()
+            self._library.scripted_cell_bytes(data, len(data))
+
+
+@pytest.fixture(scope="session")
+def scripted_library():
+    return Runtime(os.path.join(os.environ["VORDA_BUILD"], "scripted", "libvordart.x64.so.6"))
+
+
+@pytest.fixture
+def runtime(scripted_library):
+    """The runtime at its start. Every test leaves it without a handle and without a misuse."""
+    scripted_library.reset()
+    yield scripted_library
+    scripted_library.handler(None)
+    gc.collect()
+    misuses = [line for line in scripted_library.take_log() if line.startswith("ERROR:")]
+    assert scripted_library.live_handles() == 0
+    assert scripted_library.errors() == 0, misuses
+
+
+@pytest.fixture
+def connection(runtime):
+    connection = zelqa.connect("Server=there")
+    runtime.take_log()
+    yield connection
+    runtime.clear_answers()
+    close(connection)
+
+
+@pytest.fixture
+def cursor(connection):
+    return connection.cursor()
+
+
+def close(*objects):
+    """Closes what is not closed yet."""
+    for opened in objects:
+        try:
+            opened.close()
+        except zelqa.ProgrammingError:
+            pass
+
+
+def raises(exception, message):
+    """pytest.raises for exactly this class and this whole message."""
+    return Raises(exception, message)
+
+
+class Raises:
+    def __init__(self, exception, message):
+        self.exception, self.message = exception, message
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, kind, value, trace):
+        assert kind is self.exception, "%s expected, not %r" % (self.exception, value)
+        assert str(value) == self.message
+        self.value = value
+        return True
+
+
+def assert_no_growth(operation, times=400):
+    """Repeating an operation leaves no block of the interpreter's memory behind."""
+    for _ in range(50):
+        operation()
+    gc.collect()
+    before = sys.getallocatedblocks()
+    for _ in range(times):
+        operation()
+    gc.collect()
+    assert sys.getallocatedblocks() - before < times // 4
