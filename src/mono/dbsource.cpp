@@ -1,5 +1,6 @@
 #include "mono/dbsource.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "util/def.h"
@@ -47,6 +48,7 @@ void ODBCSourceImpl::DropPrepared() {
         m_preparedHstmt = nullptr;
     }
     m_hasStaleBindings = false;
+    m_isBatched = false;
     // Only now: until here the statement held the addresses of their buffers.
     m_parameters.Reset();
 }
@@ -105,21 +107,26 @@ int ODBCSourceImpl::Execute(IntDbResultSet* rs, int* rowCount) {
     if (!ResetStaleBindings()) return VORDA_ODBC_ERROR;
 
     const SQLHSTMT hstmt = m_preparedHstmt;
-    const int sets = m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE;
+    const int sets = std::max(m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE, 1);
     const auto setSize = [hstmt](int size) {
         return SQLSetStmtAttr(hstmt, SQL_ATTR_PARAMSET_SIZE,
                               reinterpret_cast<SQLPOINTER>(static_cast<intptr_t>(size)), 0);
     };
-    if (sets > 1 && !StatementPassed(setSize(sets), hstmt)) return VORDA_ODBC_ERROR;
+    if (sets > 1 || m_isBatched) {
+        m_isBatched = true;
+        if (!StatementPassed(setSize(sets), hstmt)) return VORDA_ODBC_ERROR;
+        m_isBatched = sets > 1;
+    }
 
     const SQLRETURN result = SQLExecute(hstmt);
     ClearParameters();
     if (!StatementPassed(result, hstmt)) return VORDA_ODBC_ERROR;
-    if (sets > 1) setSize(1);
+    if (sets > 1) m_isBatched = !OdbcSucceeded(setSize(1));
 
     if (rs != nullptr) {
         m_preparedHstmt = nullptr;
         m_hasStaleBindings = false;
+        m_isBatched = false;
         if (const int status = HandOver(hstmt, rs); status != VORDA_OK) return status;
     }
     return rowCount != nullptr ? ReadRowCount(hstmt, rowCount) : VORDA_OK;

@@ -73,6 +73,9 @@ class ODBCSourceImpl : public LastError {
     JavaVector<_odbc_parameter_> m_parameters;
     // The driver still holds addresses of parameter buffers that an execution has released.
     bool m_hasStaleBindings = false;
+    // The driver may still count on more than one set: an execution failed, or putting the
+    // statement back did.
+    bool m_isBatched = false;
 };
 
 using IntDbSource = DbSource<ODBCSourceImpl, IntDbResultSet>;

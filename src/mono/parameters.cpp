@@ -167,11 +167,13 @@ int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* v
         }
         // A length that leaves its slot would be read from, and sent as, somebody else's memory.
         const bool outOfRange = store == StoreBytes && (length < 0 || length > slotSize);
-        if (outOfRange || (values == nullptr && length != 0)) {
+        const bool isEmpty = store == StoreBytes && length == 0;
+        if (outOfRange || (values == nullptr && !isEmpty)) {
             SetError(VORDA_INDEX_OUT_OF_RANGE, "The parameter length is out of range");
             return VORDA_INDEX_OUT_OF_RANGE;
         }
-        const auto* value = static_cast<const char*>(values) + static_cast<ptrdiff_t>(k) * len;
+        const auto* value = static_cast<const char*>(values);
+        if (value != nullptr) value += static_cast<ptrdiff_t>(k) * len;
         char* slot = data.get() + static_cast<size_t>(k) * static_cast<size_t>(slotSize);
         dataLen[static_cast<size_t>(k)] = store(slot, value, length);
     }
