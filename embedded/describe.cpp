@@ -57,11 +57,11 @@ std::optional<std::string_view> textAttribute(const Column& column, SQLUSMALLINT
             return traitsOf(column.type.sqlType).name;
         case SQL_DESC_TABLE_NAME:
         case SQL_DESC_BASE_TABLE_NAME:
-            return column.table;
+            return column.origin.table;
         case SQL_DESC_SCHEMA_NAME:
-            return column.schema;
+            return column.origin.schema;
         case SQL_DESC_BASE_COLUMN_NAME:
-            return column.origin;
+            return column.origin.column;
         case SQL_DESC_CATALOG_NAME:
             return "";
         case SQL_DESC_LITERAL_PREFIX:

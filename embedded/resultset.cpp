@@ -8,39 +8,21 @@
 #include "sqlscanner.h"
 #include "text.h"
 
-// An SQLite built without column metadata lacks these; columns then have no known origin.
-extern "C" {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wredundant-decls"
-__attribute__((weak)) const char* sqlite3_column_database_name(sqlite3_stmt*, int);
-__attribute__((weak)) const char* sqlite3_column_table_name(sqlite3_stmt*, int);
-__attribute__((weak)) const char* sqlite3_column_origin_name(sqlite3_stmt*, int);
-#pragma GCC diagnostic pop
-}
-
 namespace embedded {
 namespace {
 
-using OriginFunction = const char* (*)(sqlite3_stmt*, int);
-
-std::string originPart(OriginFunction function, sqlite3_stmt* statement, int column) {
-    const char* name = function ? function(statement, column) : nullptr;
-    return name ? name : "";
-}
-
-bool isNeverNull(sqlite3* db, const Column& column) {
+bool isNeverNull(sqlite3* db, const Origin& origin) {
     int notNull = 0;
     int primaryKey = 0;
-    int autoIncrement = 0;
     const char* declared = nullptr;
-    const char* collation = nullptr;
-    if (sqlite3_table_column_metadata(db, column.schema.c_str(), column.table.c_str(),
-                                      column.origin.c_str(), &declared, &collation, &notNull,
-                                      &primaryKey, &autoIncrement) != SQLITE_OK) {
+    if (sqlite3_table_column_metadata(db, origin.schema.c_str(), origin.table.c_str(),
+                                      origin.column.c_str(), &declared, nullptr, &notNull,
+                                      &primaryKey, nullptr) != SQLITE_OK) {
         return false;
     }
-    // Of all primary keys only the one that is the row's number cannot be NULL by itself.
-    return notNull || (primaryKey && declared && sameWord(declared, "INTEGER"));
+    if (notNull) return true;
+    return primaryKey && declared && sameWord(declared, "INTEGER") &&
+           sameWord(rowNumberColumn(db, origin.schema, origin.table), origin.column);
 }
 
 Cell cellOf(sqlite3_stmt* statement, int column) {
@@ -136,12 +118,10 @@ std::vector<Column> describeColumns(sqlite3_stmt* statement, bool onRow) {
         } else {
             column.type = typeOfStorage(onRow ? sqlite3_column_type(statement, i) : SQLITE_NULL);
         }
-        column.schema = originPart(sqlite3_column_database_name, statement, i);
-        column.table = originPart(sqlite3_column_table_name, statement, i);
-        column.origin = originPart(sqlite3_column_origin_name, statement, i);
-        if (column.origin.empty()) continue;
+        column.origin = originOf(statement, i);
+        if (column.origin.column.empty()) continue;
         column.nullable = SQL_NULLABLE;
-        if (isNeverNull(sqlite3_db_handle(statement), column)) {
+        if (isNeverNull(sqlite3_db_handle(statement), column.origin)) {
             if (!outer) outer = mayJoinOuter(sqlite3_sql(statement));
             column.nullable = *outer ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
         }

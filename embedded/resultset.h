@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sql.h>
+#include <sqlext.h>
 #include <sqlite3.h>
 
 #include <memory>
@@ -8,8 +10,7 @@
 
 #include "cell.h"
 #include "columntype.h"
-#include "sql.h"
-#include "sqlext.h"
+#include "origin.h"
 
 namespace embedded {
 
@@ -19,9 +20,7 @@ struct Column {
     ColumnType type;
     std::string typeName;  ///< as declared; empty for an expression
     SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
-    std::string schema;  ///< with table and origin: empty when the column is no table's
-    std::string table;
-    std::string origin;
+    Origin origin;
 };
 
 /// The rows of an executed statement, read once from first to last.

@@ -1,0 +1,49 @@
+#include "origin.h"
+
+#include <memory>
+
+#include "statementcache.h"
+
+// An SQLite built without column metadata lacks these; columns then have no known origin.
+extern "C" {
+__attribute__((weak)) const char* sqlite3_column_database_name(sqlite3_stmt*, int);
+__attribute__((weak)) const char* sqlite3_column_table_name(sqlite3_stmt*, int);
+__attribute__((weak)) const char* sqlite3_column_origin_name(sqlite3_stmt*, int);
+}
+
+namespace embedded {
+namespace {
+
+using OriginFunction = const char* (*)(sqlite3_stmt*, int);
+
+std::string part(OriginFunction function, sqlite3_stmt* statement, int column) {
+    const char* name = function ? function(statement, column) : nullptr;
+    return name ? name : "";
+}
+
+}  // namespace
+
+Origin originOf(sqlite3_stmt* statement, int column) {
+    return {part(sqlite3_column_database_name, statement, column),
+            part(sqlite3_column_table_name, statement, column),
+            part(sqlite3_column_origin_name, statement, column)};
+}
+
+std::string rowNumberColumn(sqlite3* db, std::string_view schema, std::string_view table) {
+    const std::string sql = "SELECT rowid FROM " + quotedName(schema) + "." + quotedName(table);
+    sqlite3_stmt* raw = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) return {};
+    const std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(raw);
+    return part(sqlite3_column_origin_name, raw, 0);
+}
+
+std::string quotedName(std::string_view name) {
+    std::string result = "\"";
+    for (const char c : name) {
+        if (c == '"') result += '"';
+        result += c;
+    }
+    return result + '"';
+}
+
+}  // namespace embedded

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <sqlite3.h>
+
+#include <string>
+#include <string_view>
+
+namespace embedded {
+
+/// Where a result column comes from; all empty for an expression, or with an SQLite that cannot
+/// tell.
+struct Origin {
+    std::string schema;
+    std::string table;
+    std::string column;
+};
+
+Origin originOf(sqlite3_stmt* statement, int column);
+
+/// The column of a table that is its row number ("id INTEGER PRIMARY KEY"): of all columns not
+/// declared NOT NULL the only one that never is NULL. Empty when there is none.
+std::string rowNumberColumn(sqlite3* db, std::string_view schema, std::string_view table);
+
+/// `name` as a quoted SQL identifier.
+std::string quotedName(std::string_view name);
+
+}  // namespace embedded
