@@ -85,7 +85,10 @@ std::optional<std::string> plainDecimal(std::string_view text) {
 std::optional<std::string> plainDecimal(double value) {
     if (!std::isfinite(value)) return std::nullopt;
     NumberBuffer buffer;
-    const auto end = std::to_chars(std::begin(buffer), std::end(buffer), value).ptr;
+    // In this form the digits are the shortest; as a plain number, large values get all of theirs.
+    const auto end =
+        std::to_chars(std::begin(buffer), std::end(buffer), value, std::chars_format::scientific)
+            .ptr;
     return plainDecimal(std::string_view(buffer, static_cast<size_t>(end - buffer)));
 }
 

@@ -123,12 +123,11 @@ SQLRETURN Statement::executeDirect(std::string_view sql) {
 
 void Statement::openRows(std::unique_ptr<ResultSet> rows) {
     if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", SQLITE_MISUSE);
-    auto work = std::make_unique<Work>();
-    work->rows = std::move(rows);
-    m_connection->addUnasked(*this);
-    m_work = std::move(work);
+    m_work = std::make_unique<Work>();
+    m_work->rows = std::move(rows);
     m_rowCount = -1;
     m_executed = true;
+    watchRows();
 }
 
 SQLRETURN Statement::run() {
@@ -169,9 +168,9 @@ void Statement::runLive() {
                      BufferLife::Copied);
     const int result = sqlite3_step(statement);
     if (result != SQLITE_ROW && result != SQLITE_DONE) fail(statement);
-    m_connection->addUnasked(*this);
     work.rows = makeLiveRows(statement, result == SQLITE_ROW);
     rewind.cancel();
+    watchRows();
 }
 
 SQLRETURN Statement::runToEnd() {
@@ -184,9 +183,15 @@ SQLRETURN Statement::runToEnd() {
     }
     if (countsRows(work.compiled.sql())) m_rowCount = changed;
     if (!rows) return m_rowCount == 0 ? SQL_NO_DATA : SQL_SUCCESS;
-    m_connection->addUnasked(*this);
     work.rows = std::move(rows);
+    watchRows();
     return SQL_SUCCESS;
+}
+
+// Columns bound beforehand ask for the rows, too.
+void Statement::watchRows() {
+    m_connection->addUnasked(*this);
+    if (!settings().columns.empty()) askedCursor();
 }
 
 SQLLEN Statement::runSets(std::unique_ptr<StoredRows>& rows) {

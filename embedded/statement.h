@@ -163,6 +163,7 @@ class Statement final : public Handle {
     SQLLEN runSets(std::unique_ptr<StoredRows>& rows);
     SQLLEN runSet(SQLULEN set, std::unique_ptr<StoredRows>& rows);
     void checkParameters() const;
+    void watchRows();
 
     void chooseRoutes();
     void deliverRow();

@@ -58,6 +58,7 @@ std::unique_ptr<CompiledSql> StatementCache::compileNew(std::string_view sql) co
     }
     compiled->text = sql;
     compiled->verb = verbOf(text);
+    compiled->generation = m_generation;
     compiled->readOnly = sqlite3_stmt_readonly(raw) != 0;
     return compiled;
 }
@@ -74,7 +75,8 @@ CompiledStatement StatementCache::compile(std::string_view sql) {
 
 void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
     sqlite3_reset(sql->statement.get());
-    if (!isWorthKeeping(*sql) || m_byText.contains(sql->text)) return;
+    if (!isWorthKeeping(*sql) || sql->generation != m_generation || m_byText.contains(sql->text))
+        return;
     sqlite3_clear_bindings(sql->statement.get());
     try {
         m_idle.push_front(std::move(sql));
@@ -91,6 +93,7 @@ void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
 }
 
 void StatementCache::clear() noexcept {
+    ++m_generation;
     m_byText.clear();
     m_idle.clear();
 }

@@ -22,6 +22,7 @@ struct CompiledSql {
     std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement;
     Verb verb = Verb::Other;
     bool readOnly = false;
+    unsigned generation = 0;  ///< of the cache when it was compiled
 };
 
 class StatementCache;
@@ -75,7 +76,8 @@ class StatementCache {
     std::unique_ptr<CompiledSql> compileNew(std::string_view sql) const;
 
     sqlite3* m_db;
-    Idle m_idle;  ///< most recently used first
+    unsigned m_generation = 0;  ///< counts the calls of `clear`
+    Idle m_idle;                ///< most recently used first
     std::unordered_map<std::string_view, Idle::iterator> m_byText;
 };
 

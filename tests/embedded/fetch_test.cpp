@@ -1,0 +1,276 @@
+#include <cmath>
+#include <optional>
+
+#include "fixture.h"
+
+namespace embedded_test {
+namespace {
+
+class FetchTest : public DatabaseTest {
+  protected:
+    /// Stores `literal` in a column declared as `type` and fetches it through a bound column.
+    template <class T>
+    std::optional<T> fetchAs(const std::string& type, const std::string& literal,
+                             SQLSMALLINT cType) {
+        connection.must("DROP TABLE IF EXISTS t");
+        connection.must("CREATE TABLE t (v " + type + ")");
+        connection.must("INSERT INTO t VALUES (" + literal + ")");
+        Statement statement(connection.handle);
+        T value{};
+        SQLLEN indicator = -77;
+        EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT v FROM t"));
+        RT_SQLBindCol(kDriver, statement.handle, 1, cType, &value, sizeof value, &indicator);
+        const SQLRETURN result = statement.fetch();
+        last = statement.error();
+        if (result != SQL_SUCCESS) return std::nullopt;
+        EXPECT_EQ(static_cast<SQLLEN>(sizeof value), indicator);
+        return value;
+    }
+
+    std::optional<std::string> textOf(const std::string& type, const std::string& literal) {
+        connection.must("DROP TABLE IF EXISTS t");
+        connection.must("CREATE TABLE t (v " + type + ")");
+        connection.must("INSERT INTO t VALUES (" + literal + ")");
+        Statement statement(connection.handle);
+        char value[600];
+        SQLLEN length = -77;
+        EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT v FROM t"));
+        RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_WCHAR, value, sizeof value, &length);
+        const SQLRETURN result = statement.fetch();
+        last = statement.error();
+        if (result != SQL_SUCCESS) return std::nullopt;
+        return std::string(value, static_cast<size_t>(length));
+    }
+
+    std::string stamp(const std::string& type, const std::string& literal) {
+        const auto v = fetchAs<SQL_TIMESTAMP_STRUCT>(type, literal, SQL_C_TIMESTAMP);
+        if (!v) return "!" + last.state;
+        char text[64];
+        std::snprintf(text, sizeof text, "%d-%d-%d %d:%d:%d.%u", v->year, v->month, v->day, v->hour,
+                      v->minute, v->second, v->fraction);
+        return text;
+    }
+
+    Diagnostic last;
+};
+
+TEST_F(FetchTest, IntegersFitOrFail) {
+    EXPECT_EQ(INT64_MIN, fetchAs<SQLBIGINT>("INTEGER", "-9223372036854775808", SQL_C_SBIGINT));
+    EXPECT_EQ(2, fetchAs<SQLBIGINT>("", "2.0", SQL_C_SBIGINT));
+    EXPECT_EQ(-7, fetchAs<SQLBIGINT>("", "' -7 '", SQL_C_SBIGINT));
+    EXPECT_EQ(32767, fetchAs<SQLSMALLINT>("INT", "32767", SQL_C_SHORT));
+    EXPECT_EQ(255, fetchAs<SQLCHAR>("INT", "255", SQL_C_TINYINT));
+    EXPECT_EQ(1, fetchAs<SQLCHAR>("BOOLEAN", "1", SQL_C_BIT));
+
+    const struct {
+        const char* literal;
+        SQLSMALLINT cType;
+        const char* state;
+    } refused[] = {
+        {"'abc'", SQL_C_SBIGINT, "22018"},  {"''", SQL_C_SBIGINT, "22018"},
+        {"'1.5'", SQL_C_SBIGINT, "22018"},  {"1.5", SQL_C_SBIGINT, "22003"},
+        {"9.3e18", SQL_C_SBIGINT, "22003"}, {"'99999999999999999999'", SQL_C_SBIGINT, "22003"},
+        {"x'31'", SQL_C_SBIGINT, "22018"},  {"2147483648", SQL_C_LONG, "22003"},
+        {"-1", SQL_C_UBIGINT, "22003"},     {"256", SQL_C_TINYINT, "22003"},
+        {"-32769", SQL_C_SHORT, "22003"},   {"2", SQL_C_BIT, "22003"},
+        {"'true'", SQL_C_BIT, "22018"},     {"9007199254740993", SQL_C_DOUBLE, "22003"},
+        {"'1e999'", SQL_C_DOUBLE, "22003"}, {"'1,5'", SQL_C_DOUBLE, "22018"},
+        {"1e39", SQL_C_FLOAT, "22003"},     {"1", SQL_C_BINARY, "22018"},
+    };
+    for (const auto& expected : refused) {
+        EXPECT_FALSE(fetchAs<SQLBIGINT>("", expected.literal, expected.cType)) << expected.literal;
+        EXPECT_EQ(expected.state, last.state) << expected.literal;
+        EXPECT_NE(0, last.native);
+        EXPECT_TRUE(last.says("\"v\", row 1")) << last.message;
+    }
+}
+
+TEST_F(FetchTest, DoublesAreExact) {
+    EXPECT_EQ(0.1, fetchAs<double>("DOUBLE", "0.1", SQL_C_DOUBLE));
+    EXPECT_EQ(9007199254740992.0, fetchAs<double>("", "9007199254740992", SQL_C_DOUBLE));
+    EXPECT_EQ(0.25, fetchAs<double>("", "'0.25'", SQL_C_DOUBLE));
+    EXPECT_EQ(INFINITY, fetchAs<double>("REAL", "9e999", SQL_C_DOUBLE));
+    EXPECT_EQ(0.1F, fetchAs<float>("REAL", "0.1", SQL_C_FLOAT));
+}
+
+TEST_F(FetchTest, NumbersBecomeTheShortestText) {
+    EXPECT_EQ("0.1", textOf("", "0.1"));
+    EXPECT_EQ("1.0", textOf("", "1.0"));
+    EXPECT_EQ("1e+300", textOf("", "1e300"));
+    EXPECT_EQ("-42", textOf("", "-42"));
+    EXPECT_FALSE(textOf("TEXT", "x'00'"));
+    EXPECT_EQ("22018", last.state);
+    EXPECT_EQ("00FF", textOf("BLOB", "x'00ff'"));
+    EXPECT_EQ(std::string("a\0b", 3), textOf("TEXT", "'a' || char(0) || 'b'"));
+}
+
+TEST_F(FetchTest, DecimalsArePlainAndExact) {
+    EXPECT_EQ("12.5", textOf("DECIMAL(10,2)", "12.5"));
+    EXPECT_EQ("10", textOf("DECIMAL(10,2)", "10.00"));
+    EXPECT_EQ("0.1", textOf("DECIMAL(10,2)", "0.1"));
+    EXPECT_EQ("1" + std::string(22, '0'), textOf("DECIMAL", "1e22"));
+    EXPECT_EQ("0.00000015", textOf("NUMERIC", "1.5e-7"));
+    EXPECT_EQ("12345678901234567000", textOf("NUMERIC", "12345678901234567890.5"));
+    for (const char* literal : {"'abc'", "''", "'1.2.3'", "9e999", "x'31'"}) {
+        EXPECT_FALSE(textOf("DECIMAL(10,2)", literal)) << literal;
+        EXPECT_EQ("22018", last.state) << literal;
+    }
+}
+
+TEST_F(FetchTest, DatesAndTimesAreReadExactlyOrNot) {
+    EXPECT_EQ("2020-2-29 0:0:0.0", stamp("DATE", "'2020-02-29'"));
+    EXPECT_EQ("2020-1-2 0:0:0.0", stamp("TIMESTAMP", "'2020-01-02'"));
+    EXPECT_EQ("2020-1-2 3:4:5.0", stamp("TIMESTAMP", "'2020-01-02T03:04:05'"));
+    EXPECT_EQ("2020-1-2 3:4:0.0", stamp("DATETIME", "'2020-01-02 03:04'"));
+    EXPECT_EQ("2020-1-2 3:4:5.120000000", stamp("DATETIME", "'2020-01-02 03:04:05.12'"));
+    EXPECT_EQ("2020-1-2 3:4:5.123456789",
+              stamp("TIMESTAMP(3)", "'2020-01-02 03:04:05.12345678900'"));
+    EXPECT_EQ("1900-1-1 3:4:5.6000000", stamp("TIME", "'03:04:05.006'"));
+    EXPECT_EQ("2020-1-2 0:0:0.0", stamp("DATE", "'2020-01-02 00:00:00'"));
+
+    const std::pair<const char*, const char*> refused[] = {
+        {"DATE", "'2021-02-29'"},
+        {"DATE", "'2020-01-02 03:04:05'"},
+        {"DATE", "'03:04:05'"},
+        {"DATE", "20200101"},
+        {"TIME", "'2020-01-02 03:04:05'"},
+        {"TIME", "'24:00:00'"},
+        {"TIMESTAMP", "'03:04:05'"},
+        {"TIMESTAMP", "'2020-01-02 03:04:05Z'"},
+        {"TIMESTAMP", "'2020-01-02 03:04:05+01:00'"},
+        {"TIMESTAMP", "'2020-01-02 03:04:05.'"},
+        {"TIMESTAMP", "'2020-01-02 03:04:05.1234567891'"},
+        {"TIMESTAMP", "'2020-01-02  03:04:05'"},
+        {"TIMESTAMP", "''"},
+        {"TIMESTAMP(0)", "'2020-01-02 03:04:05.1'"},
+    };
+    for (const auto& [type, literal] : refused)
+        EXPECT_EQ("!22018", stamp(type, literal)) << literal;
+
+    const auto date = fetchAs<SQL_DATE_STRUCT>("DATE", "'2020-01-02'", SQL_C_TYPE_DATE);
+    ASSERT_TRUE(date);
+    EXPECT_EQ(2, date->day);
+    EXPECT_FALSE(fetchAs<SQL_DATE_STRUCT>("TIMESTAMP", "'2020-01-02 00:00:01'", SQL_C_DATE));
+    const auto time = fetchAs<SQL_TIME_STRUCT>("TIME", "'03:04:05'", SQL_C_TIME);
+    ASSERT_TRUE(time);
+    EXPECT_EQ(5, time->second);
+    EXPECT_FALSE(fetchAs<SQL_TIME_STRUCT>("TIME", "'03:04:05.5'", SQL_C_TIME));
+}
+
+TEST_F(FetchTest, AFailedRowDoesNotStopTheNext) {
+    connection.must("CREATE TABLE t (a TEXT, b INTEGER)");
+    connection.must("INSERT INTO t VALUES ('x', 1), ('y', 'bad'), ('z', 3)");
+    Statement statement(connection.handle);
+    SQLINTEGER value = 0;
+    SQLLEN indicator = 0;
+    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT a, b FROM t"));
+    RT_SQLBindCol(kDriver, statement.handle, 2, SQL_C_LONG, &value, 0, &indicator);
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(SQL_ERROR, statement.fetch());
+    EXPECT_TRUE(statement.error().says("Column 2 \"b\", row 2: the text 'bad'"));
+    EXPECT_EQ("y", statement.get(1));
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(3, value);
+    EXPECT_EQ(SQL_NO_DATA, statement.fetch());
+}
+
+TEST_F(FetchTest, TextIsCutAtAWholeCharacter) {
+    Statement statement(connection.handle);
+    char value[8];
+    SQLLEN length = 0;
+    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT 'ab\xE2\x82\xACz' UNION ALL SELECT 'abc' "));
+    for (const auto& [capacity, expected] :
+         {std::pair<SQLLEN, const char*>{5, "ab"}, {6, "ab\xE2\x82\xAC"}, {7, "ab\xE2\x82\xACz"}}) {
+        std::memset(value, '#', sizeof value);
+        RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_WCHAR, value, capacity, &length);
+        const bool whole = capacity == 7;
+        EXPECT_EQ(whole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO, statement.fetch());
+        EXPECT_STREQ(expected, value);
+        EXPECT_EQ(6, length);
+        EXPECT_EQ(whole ? "" : "01004", statement.error().state);
+        EXPECT_EQ(0, statement.error().native);
+        EXPECT_EQ('#', value[capacity]);
+        statement.close();
+        ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT 'ab\xE2\x82\xACz' "));
+    }
+    std::memset(value, '#', sizeof value);
+    RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_WCHAR, value, 0, &length);
+    EXPECT_EQ(SQL_SUCCESS_WITH_INFO, statement.fetch());
+    EXPECT_EQ('#', value[0]);
+    EXPECT_EQ(6, length);
+}
+
+TEST_F(FetchTest, GetDataReadsLongValuesInParts) {
+    Statement statement(connection.handle);
+    std::string text;
+    for (int i = 0; i < 500; ++i) text += "a\xE2\x82\xAC\xF0\x9F\x98\x80";
+    ASSERT_EQ(SQL_SUCCESS,
+              statement.run("SELECT '" + text + "', CAST('" + text + "' AS BLOB), '', 7"));
+    ASSERT_EQ(SQL_SUCCESS, statement.fetch());
+    for (const SQLSMALLINT cType : {SQLSMALLINT{SQL_C_WCHAR}, SQLSMALLINT{SQL_C_BINARY}}) {
+        // Buffers smaller than one character, too, get on.
+        for (const SQLLEN capacity : {2, 3, 5, 64, 10000}) {
+            std::string read;
+            SQLRETURN result = SQL_SUCCESS;
+            const SQLUSMALLINT column = cType == SQL_C_WCHAR ? 1 : 2;
+            char part[10000];
+            SQLLEN length = 0;
+            while ((result = RT_SQLGetData(kDriver, statement.handle, column, cType, part, capacity,
+                                           &length)) != SQL_NO_DATA) {
+                ASSERT_TRUE(SQL_SUCCEEDED(result));
+                EXPECT_EQ(static_cast<SQLLEN>(text.size() - read.size()), length);
+                read += cType == SQL_C_WCHAR
+                            ? std::string(part)
+                            : std::string(part, static_cast<size_t>(std::min(length, capacity)));
+            }
+            EXPECT_EQ(text, read) << capacity;
+            EXPECT_EQ("7", statement.get(4));  // another column in between starts over
+        }
+    }
+    EXPECT_EQ("", statement.get(3));
+    EXPECT_EQ("!", statement.get(3));  // read already
+    EXPECT_EQ("7", statement.get(4));
+    EXPECT_EQ("!07009", statement.get(9));
+    EXPECT_EQ(SQL_NO_DATA, statement.fetch());
+    EXPECT_EQ("!24000", statement.get(1));
+}
+
+TEST_F(FetchTest, NullNeedsAnIndicator) {
+    Statement statement(connection.handle);
+    SQLINTEGER value = 5;
+    SQLLEN indicator = 0;
+    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT NULL UNION ALL SELECT NULL UNION ALL SELECT 1"));
+    RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_LONG, &value, 0, nullptr);
+    EXPECT_EQ(SQL_ERROR, statement.fetch());
+    EXPECT_EQ("22002", statement.error().state);
+    RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_LONG, &value, 0, &indicator);
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(SQL_NULL_DATA, indicator);
+    EXPECT_EQ(5, value);
+    RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_LONG, nullptr, 0, nullptr);
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(5, value);
+}
+
+TEST_F(FetchTest, ImpossibleBindingsAreRefused) {
+    Statement statement(connection.handle);
+    char buffer[20];
+    const auto bind = [&](SQLUSMALLINT column, SQLSMALLINT cType, SQLLEN capacity) {
+        const SQLRETURN result =
+            RT_SQLBindCol(kDriver, statement.handle, column, cType, buffer, capacity, nullptr);
+        return result == SQL_ERROR ? statement.error().state : "";
+    };
+    EXPECT_EQ("07009", bind(0, SQL_C_WCHAR, 5));
+    EXPECT_EQ("HY090", bind(1, SQL_C_WCHAR, -1));
+    EXPECT_EQ("HYC00", bind(1, SQL_C_NUMERIC, 19));
+    EXPECT_EQ("HY003", bind(1, 4711, 19));
+    EXPECT_EQ("", bind(1, SQL_C_DEFAULT, 19));
+    // Not more columns are delivered than there are.
+    EXPECT_EQ("", bind(40, SQL_C_WCHAR, 5));
+    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT 7"));
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(7, *reinterpret_cast<SQLBIGINT*>(buffer));
+}
+
+}  // namespace
+}  // namespace embedded_test

@@ -1,0 +1,180 @@
+#include <cmath>
+#include <limits>
+
+#include "fixture.h"
+
+namespace embedded_test {
+namespace {
+
+class ParameterTest : public DatabaseTest {
+  protected:
+    ParameterTest() : statement(connection.handle) {
+        connection.must("CREATE TABLE t (v)");
+        EXPECT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t VALUES (@1 )"));
+    }
+
+    /// Stores one value and answers what SQLite finds: its storage class and its text.
+    template <class T>
+    std::string roundTrip(SQLSMALLINT cType, const T& value) {
+        SQLLEN length = sizeof value;
+        connection.must("DELETE FROM t");
+        EXPECT_EQ(SQL_SUCCESS, statement.bind(1, cType, &value, &length))
+            << statement.error().message;
+        if (!SQL_SUCCEEDED(statement.execute())) return "!" + statement.error().state;
+        return stored("SELECT typeof(v), v FROM t").at(0);
+    }
+
+    Statement statement;
+};
+
+TEST_F(ParameterTest, EveryCTypeIsStoredExactly) {
+    EXPECT_EQ("integer|-9223372036854775808",
+              roundTrip(SQL_C_SBIGINT, std::numeric_limits<SQLBIGINT>::min()));
+    EXPECT_EQ("integer|9223372036854775807",
+              roundTrip(SQL_C_UBIGINT, SQLUBIGINT{9223372036854775807U}));
+    EXPECT_EQ("integer|-2147483648", roundTrip(SQL_C_LONG, std::numeric_limits<SQLINTEGER>::min()));
+    EXPECT_EQ("integer|4294967295", roundTrip(SQL_C_ULONG, SQLUINTEGER{4294967295U}));
+    EXPECT_EQ("integer|-32768", roundTrip(SQL_C_SHORT, SQLSMALLINT{-32768}));
+    EXPECT_EQ("integer|200", roundTrip(SQL_C_TINYINT, SQLCHAR{200}));
+    EXPECT_EQ("integer|-5", roundTrip(SQL_C_STINYINT, SQLSCHAR{-5}));
+    EXPECT_EQ("integer|1", roundTrip(SQL_C_BIT, SQLCHAR{1}));
+    EXPECT_EQ("real|0.1", roundTrip(SQL_C_DOUBLE, 0.1));
+    EXPECT_EQ("real|0.5", roundTrip(SQL_C_FLOAT, 0.5F));
+    EXPECT_EQ("real|Inf", roundTrip(SQL_C_DOUBLE, std::numeric_limits<double>::infinity()));
+    EXPECT_EQ("text|2020-02-29", roundTrip(SQL_C_DATE, SQL_DATE_STRUCT{2020, 2, 29}));
+    EXPECT_EQ("text|0001-01-01", roundTrip(SQL_C_TYPE_DATE, SQL_DATE_STRUCT{1, 1, 1}));
+    EXPECT_EQ("text|23:59:59", roundTrip(SQL_C_TIME, SQL_TIME_STRUCT{23, 59, 59}));
+}
+
+TEST_F(ParameterTest, TimestampsHaveTheFractionTheyNeed) {
+    const auto with = [&](SQLUINTEGER fraction) {
+        return roundTrip(SQL_C_TIMESTAMP, SQL_TIMESTAMP_STRUCT{2020, 1, 2, 3, 4, 5, fraction});
+    };
+    EXPECT_EQ("text|2020-01-02 03:04:05", with(0));
+    EXPECT_EQ("text|2020-01-02 03:04:05.250000", with(250000000));
+    EXPECT_EQ("text|2020-01-02 03:04:05.000001", with(1000));
+    EXPECT_EQ("text|2020-01-02 03:04:05.000000001", with(1));
+    EXPECT_EQ("text|2020-01-02 03:04:05.999999999", with(999999999));
+    EXPECT_EQ("!22007", with(1000000000));
+}
+
+TEST_F(ParameterTest, WhatCannotBeStoredExactlyIsRefused) {
+    EXPECT_EQ("!22003", roundTrip(SQL_C_UBIGINT, SQLUBIGINT{9223372036854775808U}));
+    EXPECT_EQ("!22003", roundTrip(SQL_C_DOUBLE, std::nan("")));
+    EXPECT_EQ("!22003", roundTrip(SQL_C_FLOAT, std::nanf("")));
+    EXPECT_EQ("!22003", roundTrip(SQL_C_BIT, SQLCHAR{2}));
+    EXPECT_EQ("!22007", roundTrip(SQL_C_DATE, SQL_DATE_STRUCT{2021, 2, 29}));
+    EXPECT_EQ("!22007", roundTrip(SQL_C_DATE, SQL_DATE_STRUCT{0, 1, 1}));
+    EXPECT_EQ("!22007", roundTrip(SQL_C_TIME, SQL_TIME_STRUCT{24, 0, 0}));
+    EXPECT_EQ("!22007", roundTrip(SQL_C_TIMESTAMP, SQL_TIMESTAMP_STRUCT{2020, 13, 1, 0, 0, 0, 0}));
+    EXPECT_TRUE(statement.error().says("Parameter 1"));
+    EXPECT_NE(0, statement.error().native);
+    EXPECT_EQ(Rows{"0"}, stored("SELECT count(*) FROM t"));
+}
+
+TEST_F(ParameterTest, TextAndBinaryKeepEveryByte) {
+    const auto store = [&](SQLSMALLINT cType, const char* data, SQLLEN length, SQLLEN capacity) {
+        connection.must("DELETE FROM t");
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLBindParameter(kDriver, statement.handle, 1, SQL_PARAM_INPUT,
+                                                   cType, SQL_WVARCHAR, 0, 0,
+                                                   const_cast<char*>(data), capacity, &length));
+        const SQLRETURN result = statement.execute();
+        return SQL_SUCCEEDED(result) ? stored("SELECT typeof(v), hex(v) FROM t").at(0)
+                                     : "!" + statement.error().state;
+    };
+    EXPECT_EQ("text|C3A4F09F98800078", store(SQL_C_WCHAR, "\xC3\xA4\xF0\x9F\x98\x80\0x", 8, 8));
+    EXPECT_EQ("text|616263", store(SQL_C_CHAR, "abc", SQL_NTS, 0));
+    EXPECT_EQ("text|6162", store(SQL_C_CHAR, "abc", SQL_NTS, 2));
+    EXPECT_EQ("text|", store(SQL_C_WCHAR, "", 0, 0));
+    EXPECT_EQ("text|", store(SQL_C_WCHAR, nullptr, 0, 0));
+    EXPECT_EQ("blob|00FF", store(SQL_C_BINARY, "\0\xFF", 2, 2));
+    EXPECT_EQ("blob|", store(SQL_C_BINARY, "", 0, 0));
+    EXPECT_EQ("null|", store(SQL_C_WCHAR, "abc", SQL_NULL_DATA, 3));
+    EXPECT_EQ("!HY090", store(SQL_C_WCHAR, "abc", -7, 3));
+    EXPECT_EQ("!HYC00", store(SQL_C_WCHAR, "abc", SQL_DATA_AT_EXEC, 3));
+    EXPECT_EQ("!HY009", store(SQL_C_WCHAR, nullptr, 3, 3));
+}
+
+TEST_F(ParameterTest, BuffersMayGoOnceExecuted) {
+    Statement reader(connection.handle);
+    connection.must("INSERT INTO t VALUES ('abc'),('abd'),('abe')");
+    ASSERT_EQ(SQL_SUCCESS, reader.prepare("SELECT v || @1  FROM t WHERE v > @2 "));
+    auto first =
+        std::make_unique<std::string>("a long text that lives on the heap, outside the object");
+    SQLLEN length = static_cast<SQLLEN>(first->size());
+    SQLLEN other = 3;
+    ASSERT_EQ(SQL_SUCCESS, reader.bindText(1, first->data(), &length, length));
+    ASSERT_EQ(SQL_SUCCESS, reader.bindText(2, "abc", &other, 3));
+    ASSERT_EQ(SQL_SUCCESS, reader.execute());
+    const std::string expected = *first;
+    first->assign(first->size(), '#');
+    first.reset();
+    EXPECT_EQ(Rows({"abd" + expected, "abe" + expected}), reader.rows());
+}
+
+TEST_F(ParameterTest, MarkersAreNumberedAndFoundOutsideStringsOnly) {
+    const SQLINTEGER values[] = {10, 20, 30, 40};
+    SQLLEN length = sizeof(SQLINTEGER);
+    const auto run = [&](const std::string& sql, SQLUSMALLINT count) {
+        Statement query(connection.handle);
+        EXPECT_EQ(SQL_SUCCESS, query.prepare(sql)) << sql << query.error().message;
+        SQLSMALLINT markers = 0;
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLNumParams(kDriver, query.handle, &markers));
+        EXPECT_EQ(count, markers) << sql;
+        for (SQLUSMALLINT i = 1; i <= count; ++i)
+            query.bind(i, SQL_C_LONG, &values[i - 1], &length);
+        if (!SQL_SUCCEEDED(query.execute())) return query.error().message;
+        const Rows rows = query.rows();
+        return rows.empty() ? "no row" : rows[0];
+    };
+    EXPECT_EQ("10|20", run("SELECT @1 , @2 ", 2));
+    EXPECT_EQ("30|10|20", run("SELECT @3 , @1 , @2 ", 3));
+    EXPECT_EQ("10|10", run("SELECT @1 ,@1 ", 1));
+    EXPECT_EQ("10|20|30", run("SELECT ?, ?, ?", 3));
+    EXPECT_EQ("30|40|10", run("SELECT @3 , ?, @1 ", 4));
+    EXPECT_EQ("10|20", run("SELECT @1 ,?2", 2));
+    EXPECT_EQ("'@1|10", run("SELECT '''@1' , @1 ", 1));
+    EXPECT_EQ("\\|10", run("SELECT '\\', @1  -- @2 ?\n /* @3 ' */", 1));
+    EXPECT_EQ("5|10", run("SELECT 5 AS \"@9 \"\"?\", @1  AS [@8 ?]", 1));
+    EXPECT_EQ("10", run("SELECT `@7 ` FROM (SELECT @1  AS `@7 `)", 1));
+    EXPECT_EQ("\xF0\x9F\x98\x80|10", run("SELECT '\xF0\x9F\x98\x80', @1 ", 1));
+}
+
+TEST_F(ParameterTest, TheNumberOfValuesMustFit) {
+    const SQLINTEGER value = 1;
+    SQLLEN length = sizeof value;
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_EQ("07002", statement.error().state);
+    // A value too many would be lost unseen.
+    statement.bind(1, SQL_C_LONG, &value, &length);
+    statement.bind(2, SQL_C_LONG, &value, &length);
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_EQ("07002", statement.error().state);
+    EXPECT_EQ(Rows{"0"}, stored("SELECT count(*) FROM t"));
+    // Left over from the text before, it is no mistake.
+    EXPECT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t VALUES (?)"));
+    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_EQ(Rows{"1"}, stored("SELECT count(*) FROM t"));
+}
+
+TEST_F(ParameterTest, ImpossibleBindingsAreRefused) {
+    const SQLINTEGER value = 1;
+    SQLLEN length = sizeof value;
+    const struct {
+        SQLRETURN result;
+        const char* state;
+    } cases[] = {
+        {statement.bind(0, SQL_C_LONG, &value, &length), "07009"},
+        {statement.bind(1, 12345, &value, &length), "HY003"},
+        {statement.bind(1, SQL_C_NUMERIC, &value, &length), "HYC00"},
+        {statement.bind<int>(1, SQL_C_LONG, nullptr, nullptr), "HY009"},
+    };
+    for (const auto& expected : cases) EXPECT_EQ(SQL_ERROR, expected.result) << expected.state;
+    EXPECT_EQ("HY009", statement.error().state);
+    EXPECT_EQ(SQL_ERROR, RT_SQLBindParameter(kDriver, statement.handle, 1, SQL_PARAM_OUTPUT,
+                                             SQL_C_LONG, SQL_INTEGER, 0, 0, &length, 0, nullptr));
+    EXPECT_EQ("HYC00", statement.error().state);
+}
+
+}  // namespace
+}  // namespace embedded_test

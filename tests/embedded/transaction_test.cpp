@@ -1,0 +1,196 @@
+#include "fixture.h"
+
+namespace embedded_test {
+namespace {
+
+class TransactionTest : public DatabaseTest {
+  protected:
+    TransactionTest() { connection.must("CREATE TABLE t (a INTEGER PRIMARY KEY, b TEXT)"); }
+    Rows count() { return stored("SELECT count(*) FROM t"); }
+};
+
+TEST_F(TransactionTest, AutocommitIsOnAndCanBeSwitchedOff) {
+    connection.must("INSERT INTO t VALUES (1, 'x')");
+    EXPECT_EQ(Rows{"1"}, count());
+    EXPECT_EQ(SQL_SUCCESS, connection.autocommit(false));
+    connection.must("INSERT INTO t VALUES (2, 'y')");
+    EXPECT_EQ(Rows{"1"}, count());
+    EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_COMMIT));
+    EXPECT_EQ(Rows{"2"}, count());
+    connection.must("INSERT INTO t VALUES (3, 'z')");
+    EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_ROLLBACK));
+    EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_ROLLBACK));
+    EXPECT_EQ(Rows({"1", "2"}), connection.query("SELECT a FROM t"));
+    connection.must("INSERT INTO t VALUES (4, 'w')");
+    EXPECT_EQ(SQL_SUCCESS, connection.autocommit(true));  // commits
+    EXPECT_EQ(Rows{"3"}, count());
+}
+
+TEST_F(TransactionTest, UncommittedChangesAreNotLostUnseen) {
+    connection.autocommit(false);
+    connection.must("INSERT INTO t VALUES (1, 'x')");
+    EXPECT_EQ(SQL_ERROR, RT_SQLDisconnect(kDriver, connection.handle));
+    EXPECT_EQ("25000", connection.error().state);
+    EXPECT_EQ(SQL_SUCCESS,
+              RT_SQLEndTran(kDriver, SQL_HANDLE_ENV, connection.environment, SQL_COMMIT));
+    connection.query("SELECT * FROM t");
+    EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, connection.handle));
+    EXPECT_EQ(Rows{"1"}, count());
+}
+
+TEST_F(TransactionTest, ATransactionOfTheTextEndsWithTheConnection) {
+    {
+        Connection other("Database=" + path);
+        other.must("BEGIN");
+        other.must("INSERT INTO t VALUES (1, 'x')");
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, other.handle));
+    }
+    EXPECT_EQ(Rows{"0"}, count());
+    connection.must("BEGIN");
+    connection.must("INSERT INTO t VALUES (1, 'x')");
+    connection.must("COMMIT");
+    EXPECT_EQ(Rows{"1"}, count());
+}
+
+TEST_F(TransactionTest, RollingBackClosesCursorsAndCommittingKeepsThem) {
+    connection.must("INSERT INTO t VALUES (1, 'x'), (2, 'y')");
+    connection.autocommit(false);
+    Statement statement(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT a FROM t"));
+    ASSERT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_COMMIT));
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ("2", statement.get(1));
+    EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_ROLLBACK));
+    statement.close();
+
+    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT a FROM t"));
+    ASSERT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_ROLLBACK));
+    EXPECT_EQ(SQL_ERROR, statement.fetch());
+    EXPECT_EQ("24000", statement.error().state);
+    // What was compiled against a schema that is rolled back is forgotten.
+    connection.must("CREATE TABLE gone (a)");
+    connection.query("SELECT * FROM gone");
+    connection.end(SQL_ROLLBACK);
+    EXPECT_EQ(SQL_ERROR, statement.prepare("SELECT * FROM gone"));
+}
+
+TEST_F(TransactionTest, PragmasAndVacuumDoNotOpenOne) {
+    connection.autocommit(false);
+    connection.must("PRAGMA foreign_keys = ON");
+    EXPECT_EQ(Rows{"1"}, connection.query("PRAGMA foreign_keys"));
+    connection.must("VACUUM");
+    connection.must("BEGIN IMMEDIATE");
+    connection.must("INSERT INTO t VALUES (1, 'x')");
+    connection.end(SQL_COMMIT);
+    EXPECT_EQ(Rows{"1"}, count());
+}
+
+class BatchTest : public TransactionTest {
+  protected:
+    static constexpr SQLULEN kSets = 3;
+
+    BatchTest() : statement(connection.handle) {
+        EXPECT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t VALUES (@1 , @2 )"));
+        EXPECT_EQ(SQL_SUCCESS, statement.set(SQL_ATTR_PARAMSET_SIZE, kSets));
+        EXPECT_EQ(SQL_SUCCESS, statement.set(SQL_ATTR_PARAMS_PROCESSED_PTR,
+                                             reinterpret_cast<SQLULEN>(&processed)));
+        EXPECT_EQ(SQL_SUCCESS,
+                  statement.set(SQL_ATTR_PARAM_STATUS_PTR, reinterpret_cast<SQLULEN>(status)));
+        EXPECT_EQ(SQL_SUCCESS, statement.bind(1, SQL_C_SBIGINT, numbers, numberLengths));
+        EXPECT_EQ(SQL_SUCCESS, statement.bindText(2, texts, textLengths, 4));
+    }
+
+    SQLBIGINT numbers[kSets] = {1, 2, 3};
+    SQLLEN numberLengths[kSets] = {8, 8, 8};
+    char texts[kSets * 4 + 1] = "abcdxy##\xC3\xA4\xC3\xB6";
+    SQLLEN textLengths[kSets] = {4, 2, 4};
+    SQLULEN processed = 77;
+    SQLUSMALLINT status[kSets] = {77, 77, 77};
+    Statement statement;
+};
+
+TEST_F(BatchTest, RunsOncePerSetAndCountsTheSum) {
+    textLengths[1] = SQL_NULL_DATA;
+    ASSERT_EQ(SQL_SUCCESS, statement.execute()) << statement.error().message;
+    EXPECT_EQ(3, statement.rowCount());
+    EXPECT_EQ(kSets, processed);
+    EXPECT_EQ(SQL_PARAM_SUCCESS, status[2]);
+    EXPECT_EQ(Rows({"1|abcd", "2|NULL", "3|\xC3\xA4\xC3\xB6"}), stored("SELECT * FROM t"));
+
+    // Back to one set, the first is used; and a batch that changes nothing has no data.
+    statement.set(SQL_ATTR_PARAMSET_SIZE, 1);
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("UPDATE t SET b = @2  WHERE a = @1 "));
+    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_EQ(1, statement.rowCount());
+    statement.set(SQL_ATTR_PARAMSET_SIZE, kSets);
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("UPDATE t SET b = @2  WHERE a = 10 * @1 "));
+    EXPECT_EQ(SQL_NO_DATA, statement.execute());
+    EXPECT_EQ(0, statement.rowCount());
+}
+
+TEST_F(BatchTest, IsAllOrNothing) {
+    connection.must("INSERT INTO t VALUES (3, 'old')");
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_EQ("23000", statement.error().state);
+    EXPECT_EQ(SQLITE_CONSTRAINT_PRIMARYKEY, statement.error().native);
+    EXPECT_TRUE(statement.error().says("parameter set 3 of 3")) << statement.error().message;
+    EXPECT_EQ(3U, processed);
+    EXPECT_EQ(SQL_PARAM_ERROR, status[2]);
+    EXPECT_EQ(SQL_PARAM_UNUSED, status[0]);
+    EXPECT_EQ(Rows{"3|old"}, stored("SELECT * FROM t"));
+    connection.must("INSERT INTO t VALUES (9, 'more')");  // nothing is left open
+
+    // Inside a transaction of the application only the batch is undone.
+    connection.must("BEGIN");
+    connection.must("INSERT INTO t VALUES (10, 'mine')");
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    connection.must("COMMIT");
+    EXPECT_EQ(Rows({"3", "9", "10"}), stored("SELECT a FROM t"));
+}
+
+TEST_F(BatchTest, AFailureThatEndsTheTransactionUndoesTheBatchToo) {
+    connection.must(
+        "CREATE TRIGGER r BEFORE INSERT ON t WHEN new.a = 2"
+        " BEGIN SELECT RAISE(ROLLBACK, 'no twos'); END");
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_TRUE(statement.error().says("no twos"));
+    EXPECT_EQ(Rows{"0"}, count());
+    connection.must("INSERT INTO t VALUES (1, 'x')");
+    EXPECT_EQ(Rows{"1"}, count());
+}
+
+TEST_F(BatchTest, AValueThatCannotBeStoredFailsItsSet) {
+    numberLengths[1] = -7;
+    textLengths[1] = -7;
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_EQ("HY090", statement.error().state);
+    EXPECT_TRUE(statement.error().says("Parameter 2")) << statement.error().message;
+    EXPECT_TRUE(statement.error().says("parameter set 2 of 3"));
+    EXPECT_EQ(Rows{"0"}, count());
+}
+
+TEST_F(BatchTest, QueriesTakeOneSet) {
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("SELECT @1 , @2 "));
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_EQ("HYC00", statement.error().state);
+}
+
+TEST_F(BatchTest, RowsOfValuesCanLieTogether) {
+    struct Row {
+        SQLBIGINT number;
+        SQLLEN length;
+    } rows[kSets + 1] = {{0, 0}, {11, 8}, {12, SQL_NULL_DATA}, {13, 8}};
+    SQLULEN offset = sizeof(Row);
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t (b) VALUES (?)"));
+    RT_SQLFreeStmt(kDriver, statement.handle, SQL_RESET_PARAMS);
+    statement.set(SQL_ATTR_PARAM_BIND_TYPE, sizeof(Row));
+    statement.set(SQL_ATTR_PARAM_BIND_OFFSET_PTR, reinterpret_cast<SQLULEN>(&offset));
+    ASSERT_EQ(SQL_SUCCESS, statement.bind(1, SQL_C_SBIGINT, &rows[0].number, &rows[0].length));
+    ASSERT_EQ(SQL_SUCCESS, statement.execute()) << statement.error().message;
+    EXPECT_EQ(Rows({"11", "NULL", "13"}), stored("SELECT b FROM t"));
+}
+
+}  // namespace
+}  // namespace embedded_test
