@@ -125,12 +125,25 @@ PyObject* PyRow_Repr(PyObject* self) {
     return repr;
 }
 
+// A row can hold a row, and so on to any depth: those that die while another one is being released
+// wait in a list, so that the stack does not grow with the depth.
 void PyRow_Dealloc(PyObject* self) {
-    PyRow* const row = AsRow(self);
-    Py_XDECREF(row->Description);
-    for (int i = 0; i < row->columns; ++i) Py_XDECREF(row->values[i]);
-    PyMem_Free(row->values);
-    PyObject_Free(self);
+    static PyRow* waiting = nullptr;
+    static bool isReleasing = false;
+    PyRow* const dead = AsRow(self);
+    // Of no further use as the description, the field links the list.
+    Py_CLEAR(dead->Description);
+    dead->Description = reinterpret_cast<PyObject*>(std::exchange(waiting, dead));
+    if (isReleasing) return;
+
+    isReleasing = true;
+    while (waiting != nullptr) {
+        PyRow* const row = std::exchange(waiting, AsRow(waiting->Description));
+        for (int i = 0; i < row->columns; ++i) Py_XDECREF(row->values[i]);
+        PyMem_Free(row->values);
+        PyObject_Free(row);
+    }
+    isReleasing = false;
 }
 
 PySequenceMethods PyRow_Sequence_Methods = {

@@ -235,7 +235,7 @@ def test_repr_of_values_of_the_program(row):
 
 def test_rows_in_rows(runtime, connection, cursor):
     """A chain of any length has an end, and comes to one without using up the stack."""
-    runtime.result("a", rows=[[i] for i in range(100000)])
+    runtime.result("a", rows=[[i] for i in range(500000)])
     rows = cursor.execute("SELECT a").fetchall()
     for inner, outer in zip(rows, rows[1:]):
         outer[0] = inner
