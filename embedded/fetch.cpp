@@ -26,8 +26,9 @@ const std::vector<Column>& Statement::columns() {
     static const std::vector<Column> kNone;
     if (hasCursor()) return askedCursor().rows->columns();
     if (m_work && m_work->prepared) {
+        const CompiledStatement& compiled = m_work->compiled;
         if (m_work->described.empty())
-            m_work->described = describeColumns(m_work->compiled.get(), false);
+            m_work->described = compiled.sql().columns.describe(compiled.get(), false);
         return m_work->described;
     }
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");

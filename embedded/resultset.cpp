@@ -5,25 +5,9 @@
 #include <utility>
 
 #include "sqliteerror.h"
-#include "sqlscanner.h"
-#include "text.h"
 
 namespace embedded {
 namespace {
-
-bool isNeverNull(sqlite3* db, const Origin& origin) {
-    int notNull = 0;
-    int primaryKey = 0;
-    const char* declared = nullptr;
-    if (sqlite3_table_column_metadata(db, origin.schema.c_str(), origin.table.c_str(),
-                                      origin.column.c_str(), &declared, nullptr, &notNull,
-                                      &primaryKey, nullptr) != SQLITE_OK) {
-        return false;
-    }
-    if (notNull) return true;
-    return primaryKey && declared && sameWord(declared, "INTEGER") &&
-           sameWord(rowNumberColumn(db, origin.schema, origin.table), origin.column);
-}
 
 Cell cellOf(sqlite3_stmt* statement, int column) {
     Cell cell;
@@ -52,13 +36,14 @@ Cell cellOf(sqlite3_stmt* statement, int column) {
 
 class LiveRows final : public ResultSet {
   public:
-    LiveRows(sqlite3_stmt* statement, bool onRow) : m_statement(statement), m_unread(onRow) {
+    LiveRows(CompiledSql& sql, bool onRow)
+        : m_sql(sql), m_statement(sql.statement.get()), m_unread(onRow) {
         if (!onRow) sqlite3_reset(m_statement);
     }
     ~LiveRows() override { sqlite3_reset(m_statement); }
 
     const std::vector<Column>& columns() override {
-        if (!m_columns) m_columns = describeColumns(m_statement, m_unread);
+        if (!m_columns) m_columns = m_sql.columns.describe(m_statement, m_unread);
         return *m_columns;
     }
 
@@ -95,6 +80,7 @@ class LiveRows final : public ResultSet {
         throw error;
     }
 
+    CompiledSql& m_sql;         ///< not to be used behind the last row, either
     sqlite3_stmt* m_statement;  ///< null behind the last row
     bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
     std::optional<std::vector<Column>> m_columns;
@@ -102,35 +88,8 @@ class LiveRows final : public ResultSet {
 
 }  // namespace
 
-std::vector<Column> describeColumns(sqlite3_stmt* statement, bool onRow) {
-    const int count = sqlite3_column_count(statement);
-    std::vector<Column> columns(static_cast<size_t>(count));
-    std::optional<bool> outer;
-    for (int i = 0; i < count; ++i) {
-        Column& column = columns[static_cast<size_t>(i)];
-        const char* name = sqlite3_column_name(statement, i);
-        if (!name) throw std::bad_alloc();
-        column.name = name;
-        const char* declared = sqlite3_column_decltype(statement, i);
-        if (declared && isTyped(declared)) {
-            column.typeName = declared;
-            column.type = typeOfDeclaration(declared);
-        } else {
-            column.type = typeOfStorage(onRow ? sqlite3_column_type(statement, i) : SQLITE_NULL);
-        }
-        column.origin = originOf(statement, i);
-        if (column.origin.column.empty()) continue;
-        column.nullable = SQL_NULLABLE;
-        if (isNeverNull(sqlite3_db_handle(statement), column.origin)) {
-            if (!outer) outer = mayJoinOuter(sqlite3_sql(statement));
-            column.nullable = *outer ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
-        }
-    }
-    return columns;
-}
-
-std::unique_ptr<ResultSet> makeLiveRows(sqlite3_stmt* statement, bool onRow) {
-    return std::make_unique<LiveRows>(statement, onRow);
+std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow) {
+    return std::make_unique<LiveRows>(sql, onRow);
 }
 
 void StoredRows::append(sqlite3_stmt* statement) {

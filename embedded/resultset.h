@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sql.h>
-#include <sqlext.h>
 #include <sqlite3.h>
 
 #include <memory>
@@ -9,19 +7,10 @@
 #include <vector>
 
 #include "cell.h"
-#include "columntype.h"
-#include "origin.h"
+#include "column.h"
+#include "statementcache.h"
 
 namespace embedded {
-
-/// The description of one result column.
-struct Column {
-    std::string name;
-    ColumnType type;
-    std::string typeName;  ///< as declared; empty for an expression
-    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
-    Origin origin;
-};
 
 /// The rows of an executed statement, read once from first to last.
 class ResultSet {
@@ -45,13 +34,9 @@ class ResultSet {
     virtual Cell cell(int column) const = 0;
 };
 
-/// The columns of a statement, as far as they are known: types of expressions come from
-/// `statement`'s current row, if it stands on one (`onRow`).
-std::vector<Column> describeColumns(sqlite3_stmt* statement, bool onRow);
-
 /// Rows that SQLite computes as they are read. The compiled statement, which the owner keeps, has
 /// been stepped once: `onRow` says whether that gave a row. Resets it at the end.
-std::unique_ptr<ResultSet> makeLiveRows(sqlite3_stmt* statement, bool onRow);
+std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow);
 
 /// Rows kept in memory.
 class StoredRows final : public ResultSet {

@@ -133,14 +133,14 @@ void Statement::openRows(std::unique_ptr<ResultSet> rows) {
 SQLRETURN Statement::run() {
     Connection& connection = *m_connection;
     Work& work = *m_work;
-    const CompiledSql& sql = work.compiled.sql();
+    const Verb verb = work.compiled.sql().verb;
     m_executed = false;
     m_rowCount = -1;
     work.described.clear();
 
     checkParameters();
     connection.closeUnasked();
-    connection.beginFor(sql.verb);
+    connection.beginFor(verb);
     const Running running(*this);
     // What changes data is run to its end at once: nobody may come to read its rows. So are
     // pragmas, which change things, too, and have few rows.
@@ -152,7 +152,7 @@ SQLRETURN Statement::run() {
     } else {
         result = runToEnd();
     }
-    if (mayChangeSchema(sql.verb)) connection.cache().clear();
+    if (mayChangeSchema(verb)) connection.cache().clear();
     m_executed = true;
     return result;
 }
@@ -168,7 +168,7 @@ void Statement::runLive() {
                      BufferLife::Copied);
     const int result = sqlite3_step(statement);
     if (result != SQLITE_ROW && result != SQLITE_DONE) fail(statement);
-    work.rows = makeLiveRows(statement, result == SQLITE_ROW);
+    work.rows = makeLiveRows(work.compiled.sql(), result == SQLITE_ROW);
     rewind.cancel();
     watchRows();
 }
@@ -182,6 +182,7 @@ SQLRETURN Statement::runToEnd() {
         changed = runSets(rows);
     }
     if (countsRows(work.compiled.sql())) m_rowCount = changed;
+    if (!work.prepared) work.compiled.release();
     if (!rows) return m_rowCount == 0 ? SQL_NO_DATA : SQL_SUCCESS;
     work.rows = std::move(rows);
     watchRows();
@@ -229,7 +230,8 @@ SQLLEN Statement::runSet(SQLULEN set, std::unique_ptr<StoredRows>& rows) {
     int result = sqlite3_step(statement);
     if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
         sqlite3_column_count(statement) > 0) {
-        rows = std::make_unique<StoredRows>(describeColumns(statement, result == SQLITE_ROW));
+        rows = std::make_unique<StoredRows>(
+            m_work->compiled.sql().columns.describe(statement, result == SQLITE_ROW));
     }
     for (; result == SQLITE_ROW; result = sqlite3_step(statement)) rows->append(statement);
     if (result != SQLITE_DONE) fail(statement);

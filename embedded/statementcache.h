@@ -8,6 +8,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "column.h"
 #include "sqlscanner.h"
 
 namespace embedded {
@@ -22,6 +23,7 @@ struct CompiledSql {
     std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement;
     Verb verb = Verb::Other;
     bool readOnly = false;
+    ColumnMemory columns;
     unsigned generation = 0;  ///< of the cache when it was compiled
 };
 
@@ -45,7 +47,7 @@ class CompiledStatement {
 
     explicit operator bool() const noexcept { return m_sql != nullptr; }
     sqlite3_stmt* get() const noexcept { return m_sql->statement.get(); }
-    const CompiledSql& sql() const noexcept { return *m_sql; }
+    CompiledSql& sql() const noexcept { return *m_sql; }
     void release() noexcept;
 
   private:

@@ -207,6 +207,9 @@ TEST_F(StatementTest, ChangesThatYieldRowsAreDoneWhenExecuted) {
 }
 
 TEST_F(StatementTest, AbandonedStatementsCostNextToNothing) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer's allocator counts otherwise";
+#endif
     constexpr int kCount = 20000;
     connection.must("CREATE TABLE t (a INTEGER, b TEXT)");
     connection.must("INSERT INTO t VALUES (1, 'some text that does not fit a short string')");
@@ -226,9 +229,7 @@ TEST_F(StatementTest, AbandonedStatementsCostNextToNothing) {
     const size_t before = used();
     runAll(kCount);
     const size_t each = (used() - before) / kCount;
-#if !defined(__SANITIZE_ADDRESS__)
     EXPECT_LT(each, 256U);
-#endif
     connection.must("COMMIT");
 }
 

@@ -1,0 +1,68 @@
+#include "column.h"
+
+#include <new>
+#include <optional>
+
+#include "sqlscanner.h"
+#include "text.h"
+
+namespace embedded {
+namespace {
+
+bool isNeverNull(sqlite3* db, const Origin& origin) {
+    int notNull = 0;
+    int primaryKey = 0;
+    const char* declared = nullptr;
+    if (sqlite3_table_column_metadata(db, origin.schema.c_str(), origin.table.c_str(),
+                                      origin.column.c_str(), &declared, nullptr, &notNull,
+                                      &primaryKey, nullptr) != SQLITE_OK) {
+        return false;
+    }
+    if (notNull) return true;
+    return primaryKey && declared && sameWord(declared, "INTEGER") &&
+           sameWord(rowNumberColumn(db, origin.schema, origin.table), origin.column);
+}
+
+std::vector<Column> columnsOf(sqlite3_stmt* statement) {
+    std::vector<Column> columns(static_cast<size_t>(sqlite3_column_count(statement)));
+    std::optional<bool> outer;
+    for (size_t i = 0; i < columns.size(); ++i) {
+        Column& column = columns[i];
+        const int index = static_cast<int>(i);
+        const char* name = sqlite3_column_name(statement, index);
+        if (!name) throw std::bad_alloc();
+        column.name = name;
+        const char* declared = sqlite3_column_decltype(statement, index);
+        if (declared && isTyped(declared)) {
+            column.typeName = declared;
+            column.type = typeOfDeclaration(declared);
+        }
+        column.origin = originOf(statement, index);
+        if (column.origin.column.empty()) continue;
+        column.nullable = SQL_NULLABLE;
+        if (isNeverNull(sqlite3_db_handle(statement), column.origin)) {
+            if (!outer) outer = mayJoinOuter(sqlite3_sql(statement));
+            column.nullable = *outer ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
+        }
+    }
+    return columns;
+}
+
+}  // namespace
+
+std::vector<Column> ColumnMemory::describe(sqlite3_stmt* statement, bool onRow) {
+    const int compilations = sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_REPREPARE, 0);
+    if (compilations != m_compilations) {
+        m_columns = columnsOf(statement);
+        m_compilations = compilations;
+    }
+    std::vector<Column> columns = m_columns;
+    for (size_t i = 0; i < columns.size(); ++i) {
+        if (!columns[i].typeName.empty()) continue;
+        columns[i].type = typeOfStorage(onRow ? sqlite3_column_type(statement, static_cast<int>(i))
+                                              : SQLITE_NULL);
+    }
+    return columns;
+}
+
+}  // namespace embedded
