@@ -144,8 +144,8 @@ SQLRETURN Statement::run() {
     const Running running(*this);
     // What changes data is run to its end at once: nobody may come to read its rows. So are
     // pragmas, which change things, too, and have few rows.
-    const bool live =
-        sql.readOnly && sql.verb != Verb::Pragma && sqlite3_column_count(work.compiled.get()) > 0;
+    const bool live = work.compiled.sql().readOnly && verb != Verb::Pragma &&
+                      sqlite3_column_count(work.compiled.get()) > 0;
     SQLRETURN result = SQL_SUCCESS;
     if (live) {
         runLive();
