@@ -65,6 +65,11 @@ void StartExecution(_dbhandler& handle) {
     handle.affectedRows = 0;
 }
 
+// A column number as an index of the layer below, where a negative one is no column.
+int ColumnIndex(DBSINTEGER columnNumber) {
+    return static_cast<int>(std::clamp<DBSINTEGER>(columnNumber, -1, INT_MAX));
+}
+
 // Copies text with its terminator into a buffer of `size` bytes, cut where it does not fit.
 void CopyText(DBSCHAR* target, size_t size, const char* text) {
     const size_t length = std::min(std::strlen(text), size - 1);
@@ -223,8 +228,8 @@ DBSRETURN DBSDescribeCol(DBSHSTMT statementHandle, DBSINTEGER columnNumber, DBSC
                          DBSSMALLINT* nullable) {
     static const DbColumnInfo none;
     const DbColumnInfo* info = nullptr;
-    if (statementHandle != nullptr && statementHandle->R && columnNumber <= INT_MAX) {
-        info = statementHandle->R->GetColumnInfo(static_cast<int>(columnNumber));
+    if (statementHandle != nullptr && statementHandle->R) {
+        info = statementHandle->R->GetColumnInfo(ColumnIndex(columnNumber));
     }
     if (info == nullptr) info = &none;
     if (columnName != nullptr) CopyText(columnName, kColumnNameSize, info->ColumnName.Deref());
@@ -240,7 +245,7 @@ DBSRETURN DBSDescribeCol(DBSHSTMT statementHandle, DBSINTEGER columnNumber, DBSC
 DBSRETURN DBSGetData(DBSHSTMT statementHandle, DBSINTEGER columnNumber, DBSSMALLINT targetType,
                      DBSPOINTER targetValue, DBSINTEGER, DBSLEN* strLen_or_Ind) {
     return WithResultSet(statementHandle, [&](IntDbResultSet& rs) {
-        const auto column = static_cast<int>(std::clamp<DBSINTEGER>(columnNumber, -1, INT_MAX));
+        const int column = ColumnIndex(columnNumber);
         switch (targetType) {
             case DBTYPE_TINYINT:
             case DBTYPE_BIT:
@@ -271,8 +276,7 @@ DBSRETURN DBSGetDataExtent(DBSHSTMT statementHandle, DBSINTEGER columnNumber, in
                            DBSINTEGER* reported) {
     return WithResultSet(statementHandle, [&](IntDbResultSet& rs) {
         ValueExtent extent;
-        const auto column = static_cast<int>(std::clamp<DBSINTEGER>(columnNumber, -1, INT_MAX));
-        const int status = rs.GetImpl()->GetExtent(column, extent);
+        const int status = rs.GetImpl()->GetExtent(ColumnIndex(columnNumber), extent);
         if (status == VORDA_OK) {
             *isCut = extent.IsCut;
             *reported = extent.Reported;

@@ -1,6 +1,5 @@
 #include "mono/dbsource.h"
 
-#include <algorithm>
 #include <cstdint>
 
 #include "util/def.h"
@@ -104,24 +103,19 @@ int ODBCSourceImpl::Execute(IntDbResultSet* rs, int* rowCount) {
         return VORDA_NOT_PREPARED;
     }
     if (!BatchMatchesParameters()) return VORDA_INDEX_OUT_OF_RANGE;
-    if (!ResetStaleBindings()) return VORDA_ODBC_ERROR;
+    if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
 
     const SQLHSTMT hstmt = m_preparedHstmt;
-    const int sets = std::max(m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE, 1);
-    const auto setSize = [hstmt](int size) {
-        return SQLSetStmtAttr(hstmt, SQL_ATTR_PARAMSET_SIZE,
-                              reinterpret_cast<SQLPOINTER>(static_cast<intptr_t>(size)), 0);
-    };
-    if (sets > 1 || m_isBatched) {
+    const int sets = m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE;
+    if (sets > 1) {
+        if (!StatementPassed(SetSets(sets), hstmt)) return VORDA_ODBC_ERROR;
         m_isBatched = true;
-        if (!StatementPassed(setSize(sets), hstmt)) return VORDA_ODBC_ERROR;
-        m_isBatched = sets > 1;
     }
 
     const SQLRETURN result = SQLExecute(hstmt);
     ClearParameters();
     if (!StatementPassed(result, hstmt)) return VORDA_ODBC_ERROR;
-    if (sets > 1) m_isBatched = !OdbcSucceeded(setSize(1));
+    if (sets > 1) m_isBatched = !OdbcSucceeded(SetSets(1));
 
     if (rs != nullptr) {
         m_preparedHstmt = nullptr;
@@ -150,6 +144,11 @@ int ODBCSourceImpl::Execute(const char* sql, int len, IntDbResultSet* rs, int* r
     }
     int count = 0;
     return ReadRowCount(hstmt, rowCount != nullptr ? rowCount : &count);
+}
+
+SQLRETURN ODBCSourceImpl::SetSets(int sets) {
+    return SQLSetStmtAttr(m_preparedHstmt, SQL_ATTR_PARAMSET_SIZE,
+                          reinterpret_cast<SQLPOINTER>(static_cast<intptr_t>(sets)), 0);
 }
 
 int ODBCSourceImpl::HandOver(SQLHSTMT hstmt, IntDbResultSet* rs) {

@@ -56,8 +56,10 @@ class ODBCSourceImpl : public LastError {
     int FillParameter(_odbc_parameter_* p, int dbType, const void* values, int len,
                       const int* lengths);
     int ClearParameters();
-    bool ResetStaleBindings();
+    bool UndoLastExecution();
     bool BatchMatchesParameters();
+    // Tells the prepared statement how many parameter sets it has.
+    SQLRETURN SetSets(int sets);
     int HandOver(SQLHSTMT hstmt, IntDbResultSet* rs);
     int ReadRowCount(SQLHSTMT hstmt, int* rowCount);
     void DropPrepared();
@@ -73,8 +75,8 @@ class ODBCSourceImpl : public LastError {
     JavaVector<_odbc_parameter_> m_parameters;
     // The driver still holds addresses of parameter buffers that an execution has released.
     bool m_hasStaleBindings = false;
-    // The driver may still count on more than one set: an execution failed, or putting the
-    // statement back did.
+    // The driver may still count on more than one set: a batch failed, or putting the statement
+    // back did.
     bool m_isBatched = false;
 };
 

@@ -122,7 +122,7 @@ int ODBCSourceImpl::AddParam(const char* /*name*/, int /*nameLen*/, int dbType, 
         SetError(VORDA_NOT_PREPARED, "The prepared statement is required");
         return VORDA_NOT_PREPARED;
     }
-    if (!ResetStaleBindings()) return VORDA_ODBC_ERROR;
+    if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
 
     m_parameters.Add();
     _odbc_parameter_* const p = m_parameters.LastElement();
@@ -195,13 +195,19 @@ int ODBCSourceImpl::ClearParameters() {
     return VORDA_OK;
 }
 
-// The driver must not read released buffers when a statement runs again without binding.
-bool ODBCSourceImpl::ResetStaleBindings() {
-    if (!m_hasStaleBindings) return true;
-    if (!StatementPassed(SQLFreeStmt(m_preparedHstmt, SQL_RESET_PARAMS), m_preparedHstmt)) {
-        return false;
+// What an execution left in the driver must not reach the next one: a number of sets that is not
+// its own, and the addresses of released buffers.
+bool ODBCSourceImpl::UndoLastExecution() {
+    if (m_isBatched) {
+        if (!StatementPassed(SetSets(1), m_preparedHstmt)) return false;
+        m_isBatched = false;
     }
-    m_hasStaleBindings = false;
+    if (m_hasStaleBindings) {
+        if (!StatementPassed(SQLFreeStmt(m_preparedHstmt, SQL_RESET_PARAMS), m_preparedHstmt)) {
+            return false;
+        }
+        m_hasStaleBindings = false;
+    }
     return true;
 }
 

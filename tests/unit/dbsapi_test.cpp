@@ -1,0 +1,393 @@
+#include "include/dbsapi.h"
+
+#include <dlfcn.h>
+
+#include <climits>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "include/dbsource.h"
+#include "mono/odbc.h"
+#include "unit/mono/scriptedtest.h"
+
+namespace {
+
+class DbsApiTest : public ScriptedTest {
+  protected:
+    void SetUp() override {
+        ScriptedTest::SetUp();
+        ASSERT_EQ(DBSAllocHandle(SQL_HANDLE_DBC, nullptr, &handle), VORDA_OK);
+        ASSERT_EQ(DBSDriverConnect(handle, "Server=a", 8), VORDA_OK);
+        TakeLog();
+    }
+    void TearDown() override {
+        EXPECT_EQ(DBSDisconnect(handle), VORDA_OK);
+        EXPECT_EQ(DBSFreeHandle(SQL_HANDLE_DBC, handle), VORDA_OK);
+        ScriptedTest::TearDown();
+    }
+
+    int GetData(DBSINTEGER column, int type, void* target, DBSLEN* length = nullptr) {
+        return DBSGetData(handle, column, static_cast<DBSSMALLINT>(type), target, 0, length);
+    }
+    int BindInt(int value) {
+        const int length = 4;
+        return DBSBindParameter(handle, 1, 0, DBTYPE_INTEGER, 0, 0, 0, &value, 4, &length);
+    }
+    // A result of one row and one text column, fetched.
+    void FetchText(const std::string& text) {
+        scripted_result();
+        scripted_column("c", SQL_WVARCHAR, 0, 0, 0, SQL_NULLABLE);
+        scripted_row();
+        scripted_cell_bytes(text.data(), static_cast<int>(text.size()));
+        ASSERT_EQ(DBSExecDirect(handle, "SELECT c FROM t", SQL_NTS), VORDA_OK);
+        ASSERT_GE(DBSFetch(handle), VORDA_OK);
+    }
+    void ExpectError(int code, const std::string& message) {
+        DBSINTEGER native = 7;
+        DBSSMALLINT length = 7;
+        EXPECT_EQ(DBSError(handle, &native, nullptr, &length), VORDA_OK);
+        EXPECT_EQ(native, code);
+        ASSERT_EQ(length, static_cast<int>(message.size()));
+        std::vector<char> text(message.size() + 1, '#');
+        EXPECT_EQ(DBSError(handle, nullptr, text.data(), &length), VORDA_OK);
+        EXPECT_EQ(text.data(), message);
+    }
+
+    DBSHANDLE handle = nullptr;
+};
+
+// --- Handles
+// -----------------------------------------------------------------------------------------
+
+TEST_F(DbsApiTest, OnlyConnectionHandlesAreServed) {
+    DBSHANDLE other = handle;
+    for (const DBSSMALLINT type : {DBSSMALLINT{1}, DBSSMALLINT{3}, DBSSMALLINT{0}}) {
+        EXPECT_EQ(DBSAllocHandle(type, nullptr, &other), VORDA_OK);
+        EXPECT_EQ(other, handle);
+        EXPECT_EQ(DBSFreeHandle(type, handle), VORDA_OK);
+    }
+    EXPECT_EQ(DBSExecDirect(handle, "x", SQL_NTS), VORDA_OK);
+}
+
+// Every function on a handle that cannot work: harmless, and nothing reaches the runtime.
+void ExpectHarmless(DBSHANDLE handle) {
+    int number = 7, length = 7;
+    DBSSMALLINT small[5] = {7, 7, 7, 7, 7};
+    DBSULEN size = 7;
+    DBSINTEGER native = 7;
+    char text[128] = "x";
+    EXPECT_EQ(DBSDriverConnect(handle, "Server=a", 8), VORDA_NOT_OPEN);
+    EXPECT_EQ(DBSSetStmtAttr(handle, 22, nullptr, 4), VORDA_NOT_OPEN);
+    EXPECT_EQ(DBSPrepare(handle, "x", 1, &length), VORDA_NOT_OPEN);
+    EXPECT_EQ(DBSBindParameter(handle, 1, 0, 11, 0, 0, 0, &number, 4, &length), VORDA_NOT_OPEN);
+    EXPECT_EQ(DBSExecute(handle), VORDA_NOT_OPEN);
+    EXPECT_EQ(DBSExecDirect(handle, "x", 1), VORDA_NOT_OPEN);
+    EXPECT_EQ(DBSRowCount(handle, &number), VORDA_OK);
+    EXPECT_EQ(number, 0);
+    EXPECT_EQ(DBSNumResultCols(handle, small), -1);
+    EXPECT_EQ(small[0], -1);
+    EXPECT_EQ(DBSDescribeCol(handle, 0, text, &small[0], &small[1], &size, &small[2], &small[3],
+                             &small[4]),
+              VORDA_OK);
+    EXPECT_STREQ(text, "");
+    EXPECT_EQ(small[0], 0);
+    for (const DBSSMALLINT type : {DBSSMALLINT{11}, DBSSMALLINT{16}, DBSSMALLINT{4}}) {
+        EXPECT_EQ(DBSGetData(handle, 0, type, text, 0, &length), VORDA_NOT_EXECUTED);
+    }
+    EXPECT_EQ(DBSGetDataExtent(handle, 0, &number, &native), VORDA_NOT_EXECUTED);
+    EXPECT_EQ(DBSFetch(handle), VORDA_NOT_EXECUTED);
+    EXPECT_EQ(DBSFetchError(handle, &native, text, small), VORDA_NOT_EXECUTED);
+    EXPECT_EQ(DBSError(handle, &native, text, small), VORDA_OK);
+    EXPECT_EQ(native, VORDA_NOT_OPEN);
+    EXPECT_EQ(DBSGetDiagField(2, handle, 1, 1, text, 8, small), VORDA_OK);
+    EXPECT_EQ(DBSDisconnect(handle), VORDA_OK);
+}
+
+TEST_F(DbsApiTest, NullAndDisconnectedHandlesAreHarmless) {
+    FetchText("abc");
+    DBSDisconnect(handle);
+    EXPECT_EQ(scripted_live_handles(0), 0);
+    TakeLog();
+    ExpectHarmless(handle);
+    ExpectHarmless(nullptr);
+    EXPECT_EQ(DBSFreeHandle(SQL_HANDLE_DBC, nullptr), VORDA_OK);
+    EXPECT_EQ(TakeLog(), "\n");
+}
+
+TEST_F(DbsApiTest, FreeingDoesNotDisconnect) {
+    FetchText("abc");
+    TakeLog();
+    EXPECT_EQ(DBSFreeHandle(SQL_HANDLE_DBC, handle), VORDA_OK);
+    EXPECT_EQ(TakeLog(), "\nSQLFreeStmt(stmt1, 1)\n");
+    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_DBC), 1);
+    // Nobody can free what is left.
+    handle = nullptr;
+    scripted_reset();
+    g_driver_handle_counter = 0;
+    UnloadMethods();
+}
+
+// --- Statements
+// --------------------------------------------------------------------------------------
+
+TEST_F(DbsApiTest, StatementsAreNormalised) {
+    DBSLEN markers = -7;
+    EXPECT_EQ(DBSPrepare(handle, " SELECT ?, '?', @name", 2, &markers), VORDA_OK);
+    EXPECT_EQ(markers, 2);
+    EXPECT_EQ(DBSPrepare(handle, nullptr, 5, nullptr), VORDA_OK);
+    EXPECT_EQ(DBSExecDirect(handle, "UPDATE t SET a = ?", 0), VORDA_OK);
+    EXPECT_EQ(DBSExecDirect(handle, nullptr, 5), VORDA_OK);
+    EXPECT_EQ(TakeLog(), R"(
+SQLAllocHandle(3, dbc1, stmt1)
+SQLPrepareW(stmt1, "SELECT @1 , '?', @2 ", 20)
+SQLFreeStmt(stmt1, 1)
+SQLAllocHandle(3, dbc1, stmt2)
+SQLPrepareW(stmt2, "", 0)
+SQLAllocHandle(3, dbc1, stmt3)
+SQLExecDirectW(stmt3, "UPDATE t SET a = @1 ", 20)
+SQLRowCount(stmt3, ptr)
+SQLAllocHandle(3, dbc1, stmt4)
+SQLExecDirectW(stmt4, "", 0)
+SQLRowCount(stmt4, ptr)
+)");
+}
+
+TEST_F(DbsApiTest, TheKindOfStatementDecidesOnRowsAndCounts) {
+    const struct {
+        const char* sql;
+        bool hasResult;
+    } cases[] = {{"UPDATE t SET a = 1", false},      {"SELECT 1", true},
+                 {"INSERT INTO t VALUES(1)", false}, {"EXEC p", true},
+                 {"DELETE FROM t", false},           {"EXECUTE p", true},
+                 {"CREATE TABLE t(a)", false}};
+    for (const bool isPrepared : {false, true}) {
+        for (const auto& [sql, hasResult] : cases) {
+            SCOPED_TRACE(sql);
+            scripted_result();
+            scripted_row_count(3);
+            scripted_column("c", SQL_INTEGER, 0, 0, 0, 0);
+            if (isPrepared) {
+                EXPECT_EQ(DBSPrepare(handle, sql, SQL_NTS, nullptr), VORDA_OK);
+                EXPECT_EQ(DBSExecute(handle), VORDA_OK);
+            } else {
+                EXPECT_EQ(DBSExecDirect(handle, sql, SQL_NTS), VORDA_OK);
+            }
+            DBSLEN rows = -7;
+            DBSSMALLINT columns = -7;
+            EXPECT_EQ(DBSRowCount(handle, &rows), VORDA_OK);
+            EXPECT_EQ(rows, hasResult ? 0 : 3);
+            EXPECT_EQ(DBSNumResultCols(handle, &columns), hasResult ? VORDA_OK : -1);
+            EXPECT_EQ(columns, hasResult ? 1 : -1);
+        }
+    }
+}
+
+TEST_F(DbsApiTest, AnExecutionEndsThePreviousRowsFirst) {
+    FetchText("abc");
+    TakeLog();
+    scripted_row_count(3);
+    EXPECT_EQ(DBSExecDirect(handle, "DELETE FROM t", SQL_NTS), VORDA_OK);
+    EXPECT_EQ(TakeLog().find("\nSQLFreeStmt(stmt1, 1)\nSQLAllocHandle(3, dbc1, stmt2)"), 0u);
+    EXPECT_EQ(DBSFetch(handle), VORDA_NOT_EXECUTED);
+
+    // Also when the execution then fails, which affects no rows.
+    EXPECT_EQ(DBSPrepare(handle, "DELETE FROM t", SQL_NTS, nullptr), VORDA_OK);
+    FailNext("SQLExecute", 9, "locked");
+    EXPECT_EQ(DBSExecute(handle), VORDA_ODBC_ERROR);
+    ExpectError(9, "locked");
+    DBSLEN rows = -7;
+    DBSRowCount(handle, &rows);
+    EXPECT_EQ(rows, 0);
+}
+
+TEST_F(DbsApiTest, BindingFoldsItsStatuses) {
+    EXPECT_EQ(BindInt(1), -1);
+    ExpectError(1103, "The prepared statement is required");
+    DBSPrepare(handle, "SELECT ?", SQL_NTS, nullptr);
+    FailNext("SQLBindParameter", 61, "no such parameter");
+    EXPECT_EQ(BindInt(1), VORDA_OK);
+    ExpectError(61, "no such parameter");
+    EXPECT_EQ(BindInt(2), VORDA_OK);
+    EXPECT_EQ(DBSBindParameter(handle, 3, 0, DBTYPE_DECIMAL, 0, 0, 0, "", 0, nullptr), -1);
+    ExpectError(1105, "Unknown parameter data type.");
+}
+
+TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
+    if (dlsym(RTLD_DEFAULT, "__asan_init") != nullptr) {
+        GTEST_SKIP() << "the sanitizer ends the process instead";
+    }
+    DBSPrepare(handle, "SELECT ?", SQL_NTS, nullptr);
+    DBSSetStmtAttr(handle, 22, reinterpret_cast<void*>(std::intptr_t{INT_MAX}), 4);
+    const int length = SQL_NULL_DATA;
+    EXPECT_EQ(DBSBindParameter(handle, 1, 0, DBTYPE_STRING, 0, 0, 0, "", INT_MAX, &length),
+              VORDA_OUT_OF_MEMORY);
+    DBSSetStmtAttr(handle, 22, reinterpret_cast<void*>(std::intptr_t{1}), 4);
+    EXPECT_EQ(DBSExecute(handle), VORDA_OK);
+}
+
+// --- Columns
+// -----------------------------------------------------------------------------------------
+
+TEST_F(DbsApiTest, Descriptions) {
+    scripted_column(std::string(200, 'n').c_str(), SQL_DECIMAL, 12, 10, 2, SQL_NULLABLE);
+    DBSExecDirect(handle, "SELECT 1", SQL_NTS);
+    struct {
+        char name[128];
+        char guard;
+    } place;
+    for (const bool withName : {false, true}) {
+        std::memset(&place, '#', sizeof place);
+        DBSSMALLINT length = 0, type = 0, precision = 0, scale = 0, nullable = 0;
+        DBSULEN size = 0;
+        EXPECT_EQ(DBSDescribeCol(handle, 0, withName ? place.name : nullptr, &length, &type, &size,
+                                 &precision, &scale, &nullable),
+                  VORDA_OK);
+        EXPECT_EQ(length, 127);
+        EXPECT_EQ(type, DBTYPE_DECIMAL);
+        EXPECT_EQ(size, 12u);
+        EXPECT_EQ(precision, 10);
+        EXPECT_EQ(scale, 2);
+        EXPECT_EQ(nullable, 1);
+        EXPECT_EQ(std::string(place.name, sizeof place),
+                  withName ? std::string(127, 'n') + '\0' + '#' : std::string(129, '#'));
+    }
+    for (const DBSINTEGER column : {1LL, -1LL, LLONG_MAX, LLONG_MIN}) {
+        DBSSMALLINT length = 7, type = 7, precision = 7, scale = 7, nullable = 7;
+        DBSULEN size = 7;
+        EXPECT_EQ(DBSDescribeCol(handle, column, place.name, &length, &type, &size, &precision,
+                                 &scale, &nullable),
+                  VORDA_OK);
+        EXPECT_STREQ(place.name, "");
+        EXPECT_TRUE(length == 0 && type == 0 && precision == 0 && scale == 0 && nullable == 0);
+        EXPECT_EQ(size, 0u);
+    }
+}
+
+// --- Values
+// ------------------------------------------------------------------------------------------
+
+TEST_F(DbsApiTest, EachTypeHasItsGetter) {
+    scripted_column("i", SQL_INTEGER, 0, 0, 0, 0);
+    scripted_column("b", SQL_BIGINT, 0, 0, 0, 0);
+    scripted_column("d", SQL_DOUBLE, 0, 0, 0, 0);
+    scripted_column("t", SQL_TYPE_TIMESTAMP, 0, 0, 0, 0);
+    scripted_row();
+    scripted_cell_int(-5);
+    scripted_cell_int(LLONG_MAX);
+    scripted_cell_double(0.5);
+    scripted_cell_timestamp(2024, 2, 29, 23, 59, 58, 123456789);
+    DBSExecDirect(handle, "SELECT 1", SQL_NTS);
+    EXPECT_EQ(DBSFetch(handle), VORDA_OK);
+
+    for (const int type : {DBTYPE_TINYINT, DBTYPE_BIT, DBTYPE_SMALLINT, DBTYPE_INTEGER}) {
+        int integer[2] = {7, 7};
+        EXPECT_EQ(GetData(0, type, integer), VORDA_OK);
+        EXPECT_TRUE(integer[0] == -5 && integer[1] == 7);
+    }
+    long long big = 0;
+    EXPECT_EQ(GetData(1, DBTYPE_BIGINT, &big), VORDA_OK);
+    EXPECT_EQ(big, LLONG_MAX);
+    for (const int type : {DBTYPE_DOUBLE, DBTYPE_FLOAT}) {
+        double real = 0;
+        EXPECT_EQ(GetData(2, type, &real), VORDA_OK);
+        EXPECT_EQ(real, 0.5);
+    }
+    _db_date_ date = {};
+    EXPECT_EQ(GetData(3, DBTYPE_DATE, &date), VORDA_OK);
+    EXPECT_EQ(date.Day, 29);
+    _db_time_ time = {};
+    EXPECT_EQ(GetData(3, DBTYPE_TIME, &time), VORDA_OK);
+    EXPECT_TRUE(time.Day == 29 && time.Millisecond == 123456789);
+    _db_datetime_ stamp = {};
+    EXPECT_EQ(GetData(3, DBTYPE_DATETIME, &stamp), VORDA_OK);
+    EXPECT_TRUE(stamp.Second == 58 && stamp.Millisecond == 123);
+    for (const DBSINTEGER column : {4LL, -1LL, 1LL << 32, LLONG_MIN}) {
+        EXPECT_EQ(GetData(column, DBTYPE_INTEGER, &big), VORDA_INDEX_OUT_OF_RANGE);
+    }
+    // Errors of the result set stay there.
+    ExpectError(VORDA_OK, "");
+}
+
+TEST_F(DbsApiTest, TextIsCopiedTwiceAsLongButOnlyFromItsBuffer) {
+    // The copies of the last two are longer than the bound buffer.
+    for (const int length : {0, 10, 1024, 1025, 2047}) {
+        SCOPED_TRACE(length);
+        const std::string text(static_cast<std::size_t>(length), 'x');
+        FetchText(text);
+        for (const int type : {DBTYPE_TEXT, DBTYPE_STRING}) {
+            DBSLEN reported = -7;
+            EXPECT_EQ(GetData(0, type, nullptr, &reported), VORDA_OK);
+            EXPECT_EQ(reported, length);
+            // Not a byte longer, so that the sanitizer sees one too many.
+            std::vector<char> target(text.size() * 2, '#');
+            EXPECT_EQ(GetData(0, type, target.data(), &reported), VORDA_OK);
+            EXPECT_EQ(std::string(target.data(), target.size()),
+                      text + std::string(text.size(), '\0'));
+        }
+    }
+}
+
+TEST_F(DbsApiTest, OtherTypesReadTextUpToItsTerminator) {
+    using namespace std::string_literals;
+    FetchText("abc\0def"s);
+    for (const int type : {1, 4, 7, 9, 14, 18, 19, 20, 21, 0, -3, 99}) {
+        DBSLEN length = -7;
+        EXPECT_EQ(GetData(0, type, nullptr, &length), VORDA_OK);
+        EXPECT_EQ(length, 3);
+        char target[5] = "####";
+        EXPECT_EQ(GetData(0, type, target, &length), VORDA_OK);
+        EXPECT_EQ(std::string(target, 5), "abc\0\0"s);
+    }
+}
+
+TEST_F(DbsApiTest, NullsAndBadIndexesWriteNoText) {
+    scripted_column("c", SQL_WVARCHAR, 0, 0, 0, SQL_NULLABLE);
+    scripted_row();
+    DBSExecDirect(handle, "SELECT c", SQL_NTS);
+    EXPECT_EQ(DBSFetch(handle), VORDA_OK);
+    for (const int type : {DBTYPE_STRING, DBTYPE_BINARY}) {
+        char target[2] = "#";
+        DBSLEN length = -7;
+        EXPECT_EQ(GetData(0, type, target, &length), SQL_NULL_DATA);
+        EXPECT_EQ(GetData(1, type, target, &length), VORDA_INDEX_OUT_OF_RANGE);
+        EXPECT_EQ(length, -7);
+        EXPECT_EQ(target[0], '#');
+    }
+    int isCut = 7;
+    DBSINTEGER reported = 7;
+    EXPECT_EQ(DBSGetDataExtent(handle, 0, &isCut, &reported), SQL_NULL_DATA);
+    EXPECT_TRUE(isCut == 7 && reported == 7);
+}
+
+TEST_F(DbsApiTest, ErrorsOfAFetchAreReadOnTheirOwn) {
+    FetchText("abc");
+    DBSINTEGER native = 7;
+    DBSSMALLINT length = 7;
+    EXPECT_EQ(DBSFetchError(handle, &native, nullptr, &length), VORDA_NO_MORE_DATA);
+    FailNext("SQLFetch", 8, "connection lost");
+    EXPECT_EQ(DBSFetch(handle), 8);
+    char text[16] = "";
+    EXPECT_EQ(DBSFetchError(handle, &native, nullptr, &length), VORDA_OK);
+    EXPECT_EQ(length, 15);
+    EXPECT_EQ(DBSFetchError(handle, &native, text, &length), VORDA_OK);
+    EXPECT_EQ(native, 8);
+    EXPECT_STREQ(text, "connection lost");
+    ExpectError(VORDA_OK, "");
+    EXPECT_EQ(DBSFetch(handle), VORDA_NO_MORE_DATA);
+    EXPECT_EQ(DBSFetchError(handle, nullptr, nullptr, nullptr), VORDA_NO_MORE_DATA);
+}
+
+TEST_F(DbsApiTest, TheErrorNeedsNoPlaceForItsText) {
+    DBSSetStmtAttr(handle, 21, nullptr, 0);
+    DBSINTEGER native = 7;
+    EXPECT_EQ(DBSError(handle, &native, nullptr, nullptr), VORDA_OK);
+    EXPECT_EQ(native, 1103);
+    char text[] = "#";
+    EXPECT_EQ(DBSError(handle, nullptr, text, nullptr), VORDA_OK);
+    EXPECT_STREQ(text, "#");
+    ExpectError(1103, "Unknown dbsource attribute.");
+}
+
+}  // namespace
