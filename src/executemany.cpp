@@ -203,33 +203,37 @@ class ColumnBinder {
 };
 
 // Sets the batch size for as long as it lives: whatever the way out, the next statement is a single
-// one.
+// one. An error on the way is an object, whose making may start the garbage collector and so any
+// finaliser: what has to last is the connection, whose provider may be closed by then.
 class BatchSize {
   public:
-    explicit BatchSize(Dbs& dbs) : m_dbs(dbs) {}
+    explicit BatchSize(PyConnection* connection)
+        : m_owner(PyRef::Borrow(reinterpret_cast<PyObject*>(connection))),
+          m_connection(connection) {}
     ~BatchSize() {
-        if (m_set) m_dbs.SetBatchSize(1);
+        if (m_set && m_connection->dbs != nullptr) m_connection->dbs->SetBatchSize(1);
     }
     BatchSize(const BatchSize&) = delete;
     BatchSize& operator=(const BatchSize&) = delete;
     int Set(int rows) {
         m_set = true;
-        return m_dbs.SetBatchSize(rows);
+        return m_connection->dbs->SetBatchSize(rows);
     }
     int Reset() {
         m_set = false;
-        return m_dbs.SetBatchSize(1);
+        return m_connection->dbs->SetBatchSize(1);
     }
 
   private:
-    Dbs& m_dbs;
+    const PyRef m_owner;
+    PyConnection* const m_connection;
     bool m_set = false;
 };
 
 PyRef ExecuteBatch(PyCursor* cursor, const DynStr& sql, const std::vector<ParamKind>& kinds,
                    const Batch& batch) {
     Dbs& dbs = *cursor->dbs;
-    BatchSize batchSize(dbs);
+    BatchSize batchSize(cursor->Connection);
     int status = batchSize.Set(batch.Rows);
     if (status == VORDA_OK) status = dbs.Prepare(sql.Deref(), sql.Length());
     if (status != VORDA_OK) return RaiseProviderError(dbs, status);
