@@ -7,7 +7,6 @@
 #include <string>
 #include <utility>
 
-#include "columntype.h"
 #include "error.h"
 #include "sqliteerror.h"
 #include "temporal.h"
@@ -140,6 +139,39 @@ const ParameterKind* kindOf(SQLSMALLINT cType) noexcept {
     return found == std::end(kKinds) ? nullptr : found;
 }
 
+/// What SQL_C_DEFAULT stands for with a parameter's SQL type; text for those that are not listed.
+struct DefaultType {
+    SQLSMALLINT sqlType;
+    SQLSMALLINT cType;
+};
+
+constexpr DefaultType kDefaults[] = {
+    {SQL_BIGINT, SQL_C_SBIGINT},
+    {SQL_INTEGER, SQL_C_SLONG},
+    {SQL_SMALLINT, SQL_C_SSHORT},
+    {SQL_TINYINT, SQL_C_TINYINT},
+    {SQL_BIT, SQL_C_BIT},
+    {SQL_REAL, SQL_C_FLOAT},
+    {SQL_FLOAT, SQL_C_DOUBLE},
+    {SQL_DOUBLE, SQL_C_DOUBLE},
+    {SQL_BINARY, SQL_C_BINARY},
+    {SQL_VARBINARY, SQL_C_BINARY},
+    {SQL_LONGVARBINARY, SQL_C_BINARY},
+    {SQL_DATE, SQL_C_DATE},
+    {SQL_TYPE_DATE, SQL_C_DATE},
+    {SQL_TIME, SQL_C_TIME},
+    {SQL_TYPE_TIME, SQL_C_TIME},
+    {SQL_TIMESTAMP, SQL_C_TIMESTAMP},
+    {SQL_TYPE_TIMESTAMP, SQL_C_TIMESTAMP},
+};
+
+SQLSMALLINT defaultType(SQLSMALLINT sqlType) noexcept {
+    const auto found =
+        std::find_if(std::begin(kDefaults), std::end(kDefaults),
+                     [sqlType](const DefaultType& entry) { return entry.sqlType == sqlType; });
+    return found == std::end(kDefaults) ? SQLSMALLINT{SQL_C_CHAR} : found->cType;
+}
+
 SQLLEN terminatedLength(const Slot& slot, SQLLEN bufferLength) noexcept {
     const size_t length = bufferLength > 0 ? strnlen(slot.data, static_cast<size_t>(bufferLength))
                                            : std::strlen(slot.data);
@@ -202,7 +234,7 @@ void bindOne(sqlite3_stmt* statement, int number, const ParameterBinding& bindin
 }  // namespace
 
 SQLSMALLINT parameterCType(SQLSMALLINT cType, SQLSMALLINT sqlType) {
-    if (cType == SQL_C_DEFAULT) cType = traitsOf(sqlType).cType;
+    if (cType == SQL_C_DEFAULT) cType = defaultType(sqlType);
     if (kindOf(cType)) return cType;
     if (cType == SQL_C_NUMERIC || cType == SQL_C_GUID) {
         throw notSupported("Parameters of C type " + std::to_string(cType) + " are not supported.");

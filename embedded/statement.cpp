@@ -168,6 +168,9 @@ void Statement::runLive() {
                      BufferLife::Copied);
     const int result = sqlite3_step(statement);
     if (result != SQLITE_ROW && result != SQLITE_DONE) fail(statement);
+    const StatementOptions& options = settings().options;
+    if (options.parametersProcessed) *options.parametersProcessed = 1;
+    if (options.parameterStatus) *options.parameterStatus = SQL_PARAM_SUCCESS;
     work.rows = makeLiveRows(work.compiled.sql(), result == SQLITE_ROW);
     rewind.cancel();
     watchRows();

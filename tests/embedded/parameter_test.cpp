@@ -46,6 +46,16 @@ TEST_F(ParameterTest, EveryCTypeIsStoredExactly) {
     EXPECT_EQ("text|23:59:59", roundTrip(SQL_C_TIME, SQL_TIME_STRUCT{23, 59, 59}));
 }
 
+TEST_F(ParameterTest, TheDefaultTypeFollowsTheSqlType) {
+    const float real = 0.5F;
+    SQLLEN length = sizeof real;
+    EXPECT_EQ(SQL_SUCCESS,
+              RT_SQLBindParameter(kDriver, statement.handle, 1, SQL_PARAM_INPUT, SQL_C_DEFAULT,
+                                  SQL_REAL, 0, 0, const_cast<float*>(&real), 0, &length));
+    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_EQ(Rows{"real|0.5"}, stored("SELECT typeof(v), v FROM t"));
+}
+
 TEST_F(ParameterTest, TimestampsHaveTheFractionTheyNeed) {
     const auto with = [&](SQLUINTEGER fraction) {
         return roundTrip(SQL_C_TIMESTAMP, SQL_TIMESTAMP_STRUCT{2020, 1, 2, 3, 4, 5, fraction});
