@@ -58,9 +58,6 @@ class DbsApiTest : public ScriptedTest {
     DBSHANDLE handle = nullptr;
 };
 
-// --- Handles
-// -----------------------------------------------------------------------------------------
-
 TEST_F(DbsApiTest, OnlyConnectionHandlesAreServed) {
     DBSHANDLE other = handle;
     for (const DBSSMALLINT type : {DBSSMALLINT{1}, DBSSMALLINT{3}, DBSSMALLINT{0}}) {
@@ -128,9 +125,6 @@ TEST_F(DbsApiTest, FreeingDoesNotDisconnect) {
     g_driver_handle_counter = 0;
     UnloadMethods();
 }
-
-// --- Statements
-// --------------------------------------------------------------------------------------
 
 TEST_F(DbsApiTest, StatementsAreNormalised) {
     DBSLEN markers = -7;
@@ -227,9 +221,6 @@ TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
     EXPECT_EQ(DBSExecute(handle), VORDA_OK);
 }
 
-// --- Columns
-// -----------------------------------------------------------------------------------------
-
 TEST_F(DbsApiTest, Descriptions) {
     scripted_column(std::string(200, 'n').c_str(), SQL_DECIMAL, 12, 10, 2, SQL_NULLABLE);
     DBSExecDirect(handle, "SELECT 1", SQL_NTS);
@@ -265,46 +256,28 @@ TEST_F(DbsApiTest, Descriptions) {
     }
 }
 
-// --- Values
-// ------------------------------------------------------------------------------------------
-
-TEST_F(DbsApiTest, EachTypeHasItsGetter) {
+// The other typed getters are tested through Dbs, which asks for them by one code each.
+TEST_F(DbsApiTest, CodesThatShareAGetter) {
     scripted_column("i", SQL_INTEGER, 0, 0, 0, 0);
-    scripted_column("b", SQL_BIGINT, 0, 0, 0, 0);
     scripted_column("d", SQL_DOUBLE, 0, 0, 0, 0);
-    scripted_column("t", SQL_TYPE_TIMESTAMP, 0, 0, 0, 0);
     scripted_row();
     scripted_cell_int(-5);
-    scripted_cell_int(LLONG_MAX);
     scripted_cell_double(0.5);
-    scripted_cell_timestamp(2024, 2, 29, 23, 59, 58, 123456789);
     DBSExecDirect(handle, "SELECT 1", SQL_NTS);
     EXPECT_EQ(DBSFetch(handle), VORDA_OK);
-
+    int integer[2] = {7, 7};
     for (const int type : {DBTYPE_TINYINT, DBTYPE_BIT, DBTYPE_SMALLINT, DBTYPE_INTEGER}) {
-        int integer[2] = {7, 7};
+        integer[0] = 7;
         EXPECT_EQ(GetData(0, type, integer), VORDA_OK);
         EXPECT_TRUE(integer[0] == -5 && integer[1] == 7);
     }
-    long long big = 0;
-    EXPECT_EQ(GetData(1, DBTYPE_BIGINT, &big), VORDA_OK);
-    EXPECT_EQ(big, LLONG_MAX);
     for (const int type : {DBTYPE_DOUBLE, DBTYPE_FLOAT}) {
         double real = 0;
-        EXPECT_EQ(GetData(2, type, &real), VORDA_OK);
+        EXPECT_EQ(GetData(1, type, &real), VORDA_OK);
         EXPECT_EQ(real, 0.5);
     }
-    _db_date_ date = {};
-    EXPECT_EQ(GetData(3, DBTYPE_DATE, &date), VORDA_OK);
-    EXPECT_EQ(date.Day, 29);
-    _db_time_ time = {};
-    EXPECT_EQ(GetData(3, DBTYPE_TIME, &time), VORDA_OK);
-    EXPECT_TRUE(time.Day == 29 && time.Millisecond == 123456789);
-    _db_datetime_ stamp = {};
-    EXPECT_EQ(GetData(3, DBTYPE_DATETIME, &stamp), VORDA_OK);
-    EXPECT_TRUE(stamp.Second == 58 && stamp.Millisecond == 123);
-    for (const DBSINTEGER column : {4LL, -1LL, 1LL << 32, LLONG_MIN}) {
-        EXPECT_EQ(GetData(column, DBTYPE_INTEGER, &big), VORDA_INDEX_OUT_OF_RANGE);
+    for (const DBSINTEGER column : {2LL, -1LL, 1LL << 32, LLONG_MIN}) {
+        EXPECT_EQ(GetData(column, DBTYPE_INTEGER, integer), VORDA_INDEX_OUT_OF_RANGE);
     }
     // Errors of the result set stay there.
     ExpectError(VORDA_OK, "");

@@ -6,9 +6,6 @@
 
 namespace {
 
-// --- Opening and closing
-// -----------------------------------------------------------------------------
-
 TEST_F(ClosedSourceTest, OpensAndClosesStepByStep) {
     EXPECT_EQ(source.IsOpen(), 0);
     EXPECT_EQ(source.Open("Server=a;Name=\xC5\xBE", 3), VORDA_OK);
@@ -79,15 +76,6 @@ TEST_F(ClosedSourceTest, AFailedOpenKeepsItsHandlesForTheNext) {
     }
 }
 
-TEST_F(ClosedSourceTest, CloseAfterAFailedOpenFreesItsHandles) {
-    FailNext("SQLDriverConnectW", 17, "no such server");
-    EXPECT_EQ(Open(), VORDA_ODBC_ERROR);
-    EXPECT_EQ(scripted_live_handles(0), 2);
-    EXPECT_EQ(source.Close(), VORDA_OK);
-    EXPECT_EQ(scripted_live_handles(0), 0);
-    ExpectError(VORDA_OK, "");
-}
-
 TEST_F(ClosedSourceTest, WithoutAnEnvironmentNothingElseIsTried) {
     scripted_answer("SQLAllocHandle", 1, SQL_ERROR);
     EXPECT_EQ(Open(), VORDA_NO_ENVIRONMENT);
@@ -152,9 +140,6 @@ TEST_F(SourceTest, OnlyTheBatchSizeCanBeConfigured) {
     EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
     EXPECT_NE(TakeLog().find("SQLSetStmtAttr(stmt1, 22, 3)"), std::string::npos);
 }
-
-// --- Diagnostics
-// -------------------------------------------------------------------------------------
 
 class DiagnosticTest : public SourceTest {
   protected:

@@ -4,9 +4,6 @@
 
 namespace {
 
-// --- Preparing
-// ---------------------------------------------------------------------------------------
-
 TEST_F(SourceTest, PrepareReplacesTheStatement) {
     EXPECT_EQ(source.Prepare("SELECT 1 and more", 8), VORDA_OK);
     EXPECT_EQ(source.Prepare("", 0), VORDA_OK);
@@ -36,9 +33,6 @@ TEST_F(SourceTest, AFailedPrepareKeepsItsStatementUntilTheNext) {
     ExpectError(13, "slow");
     EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 1);
 }
-
-// --- Executing what was prepared
-// ---------------------------------------------------------------------
 
 TEST_F(SourceTest, PreparedExecution) {
     source.Prepare("x", 1);
@@ -151,9 +145,6 @@ TEST_F(SourceTest, ABatchThatStayedSetIsPutBackBeforeASingleExecution) {
     }
 }
 
-// --- Executing a text
-// --------------------------------------------------------------------------------
-
 TEST_F(SourceTest, DirectExecution) {
     source.Prepare("prepared", 8);
     SetBatchSize(5);
@@ -201,9 +192,6 @@ TEST_F(SourceTest, FailuresAndInformationOfADirectExecution) {
     }
     EXPECT_EQ(rows, 0);
 }
-
-// --- Handing a statement over
-// ------------------------------------------------------------------------
 
 TEST_F(SourceTest, AFailedHandOverFreesTheStatementOnce) {
     IntDbResultSet rs;

@@ -48,9 +48,6 @@ class FetchTest : public SourceTest {
     IntDbResultSet rs;
 };
 
-// --- Outcomes of a fetch
-// -----------------------------------------------------------------------------
-
 TEST_F(FetchTest, Outcomes) {
     const struct {
         int result;
@@ -105,9 +102,6 @@ TEST_F(FetchTest, Outcomes) {
         EXPECT_FALSE(rs.GetImpl()->FetchFailed());
     }
 }
-
-// --- Getters
-// -----------------------------------------------------------------------------------------
 
 TEST_F(FetchTest, Numbers) {
     for (const int type : {SQL_BIT, SQL_TINYINT, SQL_SMALLINT, SQL_INTEGER, SQL_BIGINT, SQL_REAL,
@@ -207,9 +201,6 @@ TEST_F(FetchTest, NullsAndBadIndexesLeaveTheOutputsAlone) {
     EXPECT_EQ(rs.GetLastError(), 1106);
     EXPECT_STREQ(rs.GetLastErrorMessage(), "The method is not implemented");
 }
-
-// --- Texts and binary values
-// -------------------------------------------------------------------------
 
 TEST_F(FetchTest, TextsAndBinariesOfAllLengths) {
     using namespace std::string_literals;

@@ -154,9 +154,6 @@ SQLSetStmtAttr(stmt1, 22, 1)
 )");
 }
 
-// --- Refusals
-// ----------------------------------------------------------------------------------------
-
 TEST_F(ParameterTest, ANumericIsRefusedAndKeepsItsNumber) {
     EXPECT_EQ(BindInt(1), VORDA_OK);
     for (const int dbType : {DBTYPE_NUMERIC, DBTYPE_DECIMAL}) {
@@ -223,9 +220,6 @@ TEST_F(ParameterTest, FailuresAndInformationOfBinding) {
     EXPECT_EQ(Run(), "\nSQLExecute(stmt1)\n  2: values=[2], lens=[4]\n");
 }
 
-// --- After an execution
-// ------------------------------------------------------------------------------
-
 TEST_F(ParameterTest, ASecondExecutionWithoutBindingHasNoParameters) {
     for (const bool fails : {false, true}) {
         source.Prepare("x", 1);
@@ -277,6 +271,9 @@ TEST_F(ParameterTest, PreparingAgainForgetsTheParameters) {
     source.Prepare("y", 1);
     BindInt(2);
     EXPECT_EQ(Run(), "\nSQLExecute(stmt2)\n  1: values=[2], lens=[4]\n");
+    // Nor does the new statement know anything that would have to be reset.
+    source.Prepare("z", 1);
+    EXPECT_EQ(Run(), "\nSQLExecute(stmt3)\n");
 }
 
 TEST(ParameterRecord, ACloneHasArraysOfItsOwn) {

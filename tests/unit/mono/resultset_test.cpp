@@ -142,16 +142,6 @@ TEST_F(ResultSetTest, NamesAreCutAtTheirBufferAndTheirLength) {
     }
 }
 
-// --- Column counts
-// -----------------------------------------------------------------------------------
-
-TEST_F(ResultSetTest, NoColumnsMeansNothingToBind) {
-    EXPECT_EQ(Execute(), VORDA_OK);
-    EXPECT_EQ(rs.GetColumnCount(), 0);
-    EXPECT_EQ(scripted_call_count("SQLColAttributeW"), 1);
-    EXPECT_EQ(scripted_call_count("SQLBindCol"), 0);
-}
-
 SQLLEN g_columnCount;
 int ReportColumnCount(const char* name, const long long* arguments, int, int* status) {
     if (std::string(name) != "SQLColAttributeW" || arguments[2] != SQL_COLUMN_COUNT) return 0;
@@ -190,9 +180,6 @@ TEST_F(ResultSetTest, ManyColumns) {
     }
 }
 
-// --- Failures
-// ----------------------------------------------------------------------------------------
-
 TEST_F(ResultSetTest, AFailureAtAnyStepIsComposed) {
     const struct {
         const char* function;
@@ -222,12 +209,6 @@ TEST_F(ResultSetTest, AFailureAtAnyStepIsComposed) {
             EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
         }
     }
-}
-
-TEST_F(ResultSetTest, AFailureWithoutADiagnosticLeavesNoMessage) {
-    scripted_answer("SQLColAttributeW", 0, SQL_ERROR);
-    EXPECT_EQ(Execute(), VORDA_ODBC_ERROR);
-    ExpectOwnError(VORDA_OK, "");
 }
 
 TEST_F(ResultSetTest, InformationIsRecordedAndTheWorkGoesOn) {
