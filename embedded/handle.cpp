@@ -1,11 +1,24 @@
 #include "handle.h"
 
+#include <new>
+
 namespace embedded {
 
+namespace {
+
+/// Never destroyed: an application may free its handles from its own exit handlers. Not on the heap
+/// either, so that nothing is left behind when the library is unloaded.
+union Immortal {
+    Immortal() { new (&registry) HandleRegistry; }
+    ~Immortal() {}
+    HandleRegistry registry;
+};
+
+}  // namespace
+
 HandleRegistry& HandleRegistry::instance() {
-    // Never destroyed: an application may free its handles from its own exit handlers.
-    static HandleRegistry& registry = *new HandleRegistry;
-    return registry;
+    static Immortal immortal;
+    return immortal.registry;
 }
 
 SQLHANDLE HandleRegistry::add(std::shared_ptr<Handle> handle) {
@@ -25,6 +38,7 @@ bool HandleRegistry::remove(SQLHANDLE id) noexcept {
     if (found == m_handles.end()) return false;
     last = std::move(found->second);
     m_handles.erase(found);
+    if (m_handles.empty()) m_handles = {};  // gives its table back, too
     return true;
 }
 
