@@ -38,7 +38,7 @@ bool HandleRegistry::remove(SQLHANDLE id) noexcept {
     if (found == m_handles.end()) return false;
     last = std::move(found->second);
     m_handles.erase(found);
-    if (m_handles.empty()) m_handles = {};  // gives its table back, too
+    if (m_handles.empty()) m_handles = decltype(m_handles)();  // gives its table back, too
     return true;
 }
 
