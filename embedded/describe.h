@@ -23,7 +23,7 @@ void columnAttribute(Statement& statement, SQLUSMALLINT column, SQLUSMALLINT fie
 /// statement has no columns at all.
 const Column& describedColumn(Statement& statement, SQLUSMALLINT column);
 
-/// What SQL_COLUMN_LENGTH and SQL_COLUMN_PRECISION say; 0 when unknown.
+/// Bytes of a value in its default C type, as SQL_COLUMN_LENGTH says; 0 when unknown.
 SQLLEN octetLength(const ColumnType& type) noexcept;
 
 }  // namespace embedded
