@@ -34,11 +34,6 @@ def test_values_that_are_no_text(runtime, cursor, data, sqltype):
     assert fetch(runtime, cursor, "good") == "good"
 
 
-def test_bad_value_in_a_column_with_a_bad_name(runtime, cursor):
-    with raises(zelqa.DatabaseError, "The text of column 'caf\ufffd' is not valid UTF-8."):
-        fetch(runtime, cursor, b"\xff", name=b"caf\xe9")
-
-
 @pytest.mark.parametrize("data", BAD)
 def test_messages_that_are_no_text(runtime, cursor, data):
     for step, run in (("SQLExecDirectW", lambda: cursor.execute("SELECT 1")),
@@ -84,33 +79,3 @@ def test_cut_as_an_error(runtime, cursor):
         with raises(RuntimeWarning, "The text of column 'a' is cut from 3000 bytes to 2047."):
             cursor.fetchone()
         assert tuple(cursor.fetchone()) == ("good", 2)
-
-
-def test_each_cut_column_of_each_row_is_told(runtime, cursor):
-    runtime.result(Column("a", WVARCHAR), Column("n"), Column("b", WVARCHAR),
-                   rows=[["x" * 3000, 1, "y" * 4000]] * 2)
-    cursor.execute("SELECT *")
-    with warnings.catch_warnings(record=True) as caught:
-        warnings.simplefilter("always")
-        rows = cursor.fetchall()
-    assert [str(warning.message).split("'")[1] for warning in caught] == ["a", "b"] * 2
-    assert [len(row[2]) for row in rows] == [2047, 2047]
-
-
-def test_nothing_is_left_by_bad_texts(runtime, cursor):
-    def bad_value():
-        with pytest.raises(zelqa.DatabaseError):
-            fetch(runtime, cursor, b"caf\xe9")
-
-    def bad_message():
-        runtime.fail_next("SQLExecute", b"\xff")
-        with pytest.raises(zelqa.DatabaseError):
-            cursor.execute("SELECT ?", 1)
-
-    def cut():
-        with warnings.catch_warnings():
-            warnings.simplefilter("ignore")
-            fetch(runtime, cursor, "x" * 3000)
-
-    for operation in (bad_value, bad_message, cut):
-        assert_no_growth(operation)

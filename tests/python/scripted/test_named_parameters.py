@@ -66,11 +66,6 @@ def test_the_dictionary_is_only_read(runtime, cursor):
         cursor.execute("SELECT @b", parameters)
 
 
-def test_unsupported_value_by_name(cursor):
-    with raises(zelqa.NotSupportedError, "Unsupported data type at position [1] of arguments."):
-        cursor.execute("SELECT @a, @b", {"a": 1, "b": b"x"})
-
-
 # Pieces of statements without a marker, some of which look as if they had one.
 FILLERS = [
     "a", "t.b", "1", "2.5e3", "=", "<>", "<=", "(", ")", ",", "+", "*", "||", ";", "{", "}",
@@ -142,24 +137,3 @@ def values_by_replacing(sql, text, names):
         values.append(str(names[marker[0][1:]]))
         rest = rest[marker.end():].lstrip(" \t\n\r\f\v")
         at = where + len(mark)
-
-
-def test_long_statement(runtime, cursor):
-    count = 3000
-    names = {"n%d" % i: i for i in range(count)}
-    order = list(range(count))
-    random.Random(1).shuffle(order)
-    cursor.execute("SELECT " + ", ".join(":n%d /* ? */" % i for i in order), names)
-    text, values = sent(runtime)
-    assert values == [str(i) for i in order]
-    assert text.endswith("@%d /* ? */" % count)
-
-
-def test_nothing_is_left_by_names(runtime, cursor):
-    good = {"a": 70000, "b": "text"}
-    assert_no_growth(lambda: cursor.execute("UPDATE t SET a = @a, b = :b, c = @a", good))
-
-    def missing():
-        with pytest.raises(zelqa.ProgrammingError):
-            cursor.execute("UPDATE t SET a = @a, b = :zz", good)
-    assert_no_growth(missing)
