@@ -19,8 +19,7 @@ int ODBCSourceImpl::Open(const char* connStr, int /*len*/) {
     if (m_henv == nullptr) {
         if (SQLAllocEnv(&m_henv) == SQL_ERROR) {
             m_henv = nullptr;
-            SetError(VORDA_NO_ENVIRONMENT, "Unable to alloc env handle");
-            return VORDA_NO_ENVIRONMENT;
+            return Fail(VORDA_NO_ENVIRONMENT, "Unable to alloc env handle");
         }
         const auto version = reinterpret_cast<SQLPOINTER>(static_cast<intptr_t>(SQL_OV_ODBC3));
         if (!Passed(SQLSetEnvAttr(m_henv, SQL_ATTR_ODBC_VERSION, version, 0), m_henv, nullptr,
@@ -70,18 +69,25 @@ int ODBCSourceImpl::Close() {
 
 int ODBCSourceImpl::Config(int attribute, void* value, int /*length*/) {
     if (attribute != SQL_ATTR_PARAMSET_SIZE) {
-        SetError(VORDA_UNKNOWN_ATTRIBUTE, "Unknown dbsource attribute.");
-        return VORDA_UNKNOWN_ATTRIBUTE;
+        return Fail(VORDA_UNKNOWN_ATTRIBUTE, "Unknown dbsource attribute.");
     }
     m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE = static_cast<int>(reinterpret_cast<intptr_t>(value));
     return VORDA_OK;
 }
 
+int ODBCSourceImpl::RequireOpen() {
+    return m_isOpen ? int{VORDA_OK} : Fail(VORDA_NOT_OPEN, "The connection is not open.");
+}
+
+int ODBCSourceImpl::RequirePrepared() {
+    if (const int status = RequireOpen(); status != VORDA_OK) return status;
+    return m_preparedHstmt != nullptr
+               ? int{VORDA_OK}
+               : Fail(VORDA_NOT_PREPARED, "The prepared statement is required");
+}
+
 int ODBCSourceImpl::Prepare(const char* sql, int len) {
-    if (!m_isOpen) {
-        SetError(VORDA_NOT_OPEN, "The connection is not open.");
-        return VORDA_NOT_OPEN;
-    }
+    if (const int status = RequireOpen(); status != VORDA_OK) return status;
     DropPrepared();
     if (!Passed(SQLAllocStmt(m_hdbc, &m_preparedHstmt), nullptr, m_hdbc, nullptr)) {
         m_preparedHstmt = nullptr;
@@ -94,14 +100,7 @@ int ODBCSourceImpl::Prepare(const char* sql, int len) {
 }
 
 int ODBCSourceImpl::Execute(IntDbResultSet* rs, int* rowCount) {
-    if (!m_isOpen) {
-        SetError(VORDA_NOT_OPEN, "The connection is not open.");
-        return VORDA_NOT_OPEN;
-    }
-    if (m_preparedHstmt == nullptr) {
-        SetError(VORDA_NOT_PREPARED, "The prepared statement is required");
-        return VORDA_NOT_PREPARED;
-    }
+    if (const int status = RequirePrepared(); status != VORDA_OK) return status;
     if (!BatchMatchesParameters()) return VORDA_INDEX_OUT_OF_RANGE;
     if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
 
@@ -127,10 +126,7 @@ int ODBCSourceImpl::Execute(IntDbResultSet* rs, int* rowCount) {
 }
 
 int ODBCSourceImpl::Execute(const char* sql, int len, IntDbResultSet* rs, int* rowCount) {
-    if (!m_isOpen) {
-        SetError(VORDA_NOT_OPEN, "The connection is not open.");
-        return VORDA_NOT_OPEN;
-    }
+    if (const int status = RequireOpen(); status != VORDA_OK) return status;
     // Without a result set nobody frees this statement before the connection ends.
     SQLHSTMT hstmt = nullptr;
     if (!Passed(SQLAllocStmt(m_hdbc, &hstmt), nullptr, m_hdbc, nullptr)) return VORDA_ODBC_ERROR;

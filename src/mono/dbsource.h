@@ -53,6 +53,8 @@ class ODBCSourceImpl : public LastError {
     int IsOpen() const { return m_isOpen; }
 
   private:
+    int RequireOpen();
+    int RequirePrepared();
     int FillParameter(_odbc_parameter_* p, int dbType, const void* values, int len,
                       const int* lengths);
     int ClearParameters();

@@ -14,6 +14,11 @@ class LastError {
   protected:
     // Records a code and a text.
     int SetError(int code, const char* text);
+    // Records a code and a text, and returns the code.
+    int Fail(int code, const char* text) {
+        SetError(code, text);
+        return code;
+    }
     // Records the first diagnostic of one of the three handles; the other two are null. Returns 0.
     int SetError(SQLHENV henv, SQLHDBC hdbc, SQLHSTMT hstmt);
 

@@ -1,6 +1,7 @@
 // Parameter binding: the caller's values are copied, in their ODBC C form, into arrays that live
 // until the execution.
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 #include "mono/dbsource.h"
@@ -114,13 +115,10 @@ StoreValue StoreFor(int dataType, bool inMicroseconds) {
 
 int ODBCSourceImpl::AddParam(const char* /*name*/, int /*nameLen*/, int dbType, const void* values,
                              int len, const int* lengths) {
-    if (!m_isOpen) {
-        SetError(VORDA_NOT_OPEN, "The connection is not open.");
-        return VORDA_NOT_OPEN;
-    }
-    if (m_preparedHstmt == nullptr) {
-        SetError(VORDA_NOT_PREPARED, "The prepared statement is required");
-        return VORDA_NOT_PREPARED;
+    if (const int status = RequirePrepared(); status != VORDA_OK) return status;
+    // The number that the driver gets has 16 bits, and must not come round.
+    if (m_parameters.Size() >= USHRT_MAX) {
+        return Fail(VORDA_INDEX_OUT_OF_RANGE, "There are too many parameters");
     }
     if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
 
@@ -169,8 +167,7 @@ int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* v
         const bool outOfRange = store == StoreBytes && (length < 0 || length > slotSize);
         const bool isEmpty = store == StoreBytes && length == 0;
         if (outOfRange || (values == nullptr && !isEmpty)) {
-            SetError(VORDA_INDEX_OUT_OF_RANGE, "The parameter length is out of range");
-            return VORDA_INDEX_OUT_OF_RANGE;
+            return Fail(VORDA_INDEX_OUT_OF_RANGE, "The parameter length is out of range");
         }
         const auto* value = static_cast<const char*>(values);
         if (value != nullptr) value += static_cast<ptrdiff_t>(k) * len;
@@ -178,8 +175,7 @@ int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* v
         dataLen[static_cast<size_t>(k)] = store(slot, value, length);
     }
     if (!supported) {
-        SetError(VORDA_UNKNOWN_PARAMETER_TYPE, "Unknown parameter data type.");
-        return VORDA_UNKNOWN_PARAMETER_TYPE;
+        return Fail(VORDA_UNKNOWN_PARAMETER_TYPE, "Unknown parameter data type.");
     }
     p->ColumnSize = slotSize;
     p->DataType = dataType;

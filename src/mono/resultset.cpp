@@ -118,8 +118,7 @@ int ODBCResultSetImpl::SetStmtHandle(SQLHSTMT hstmt) {
 
 int ODBCResultSetImpl::InitMetadata() {
     if (m_hstmt == nullptr) {
-        SetError(VORDA_NOT_EXECUTED, "The query is not executed.");
-        return VORDA_NOT_EXECUTED;
+        return Fail(VORDA_NOT_EXECUTED, "The query is not executed.");
     }
     if (m_initedMetadata) return VORDA_OK;
 
@@ -179,8 +178,7 @@ int ODBCResultSetImpl::ReadColumn(int column) {
 
 int ODBCResultSetImpl::InitColumnBinding() {
     if (m_hstmt == nullptr) {
-        SetError(VORDA_NOT_EXECUTED, "The query is not executed.");
-        return VORDA_NOT_EXECUTED;
+        return Fail(VORDA_NOT_EXECUTED, "The query is not executed.");
     }
     if (m_initedColBinding) return VORDA_OK;
 
@@ -222,14 +220,12 @@ const DbColumnInfo* ODBCResultSetImpl::GetColumnInfo(int index) const {
 int ODBCResultSetImpl::Next() {
     m_fetchFailed = false;
     if (m_hstmt == nullptr) {
-        SetError(VORDA_NOT_EXECUTED, "The query is not executed.");
-        return VORDA_NOT_EXECUTED;
+        return Fail(VORDA_NOT_EXECUTED, "The query is not executed.");
     }
     const SQLRETURN result = SQLFetch(m_hstmt);
     if (result == SQL_SUCCESS) return VORDA_OK;
     if (result == SQL_NO_DATA) {
-        SetError(VORDA_NO_MORE_DATA, "No more data");
-        return VORDA_NO_MORE_DATA;
+        return Fail(VORDA_NO_MORE_DATA, "No more data");
     }
     SetError(nullptr, nullptr, m_hstmt);
     m_fetchFailed = result != SQL_SUCCESS_WITH_INFO;
@@ -245,8 +241,7 @@ int ODBCResultSetImpl::Next() {
 int ODBCResultSetImpl::Readable(int index, const _col_binding_info_*& binding) {
     binding = index >= 0 && index < m_colBindingInfo.Size() ? m_colBindingInfo.Get(index) : nullptr;
     if (binding == nullptr) {
-        SetError(VORDA_INDEX_OUT_OF_RANGE, "The value index is out of range");
-        return VORDA_INDEX_OUT_OF_RANGE;
+        return Fail(VORDA_INDEX_OUT_OF_RANGE, "The value index is out of range");
     }
     if (m_fetchFailed) return m_errCode > 0 ? m_errCode : VORDA_NOT_EXECUTED;
     return binding->ValLen == SQL_NULL_DATA ? SQL_NULL_DATA : VORDA_OK;
@@ -356,8 +351,7 @@ int ODBCResultSetImpl::GetStringAsUTF8(int index, char** text, int* length) {
 }
 
 int ODBCResultSetImpl::GetStringAsUCS2(int, char**, int*) {
-    SetError(VORDA_NOT_IMPLEMENTED, "The method is not implemented");
-    return VORDA_NOT_IMPLEMENTED;
+    return Fail(VORDA_NOT_IMPLEMENTED, "The method is not implemented");
 }
 
 int ODBCResultSetImpl::GetBytes(int index, char** data, int* length) {

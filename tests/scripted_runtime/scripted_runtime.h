@@ -16,8 +16,7 @@ extern "C" {
 // Back to the start: no log, answers, handler, diagnostics, results, handles, counts or errors.
 VORDA_EXPORT void scripted_reset(void);
 
-// --- What was called
-// ---------------------------------------------------------------------------------
+// --- What was called ---
 
 // One line per call, joined by newlines, for example
 //   SQLAllocHandle(3, dbc1, stmt1)          the new handle in place of the output pointer
@@ -39,8 +38,7 @@ VORDA_EXPORT int scripted_call_count(const char* function);
 // The path that the last call brought as its first argument.
 VORDA_EXPORT const char* scripted_last_path(void);
 
-// --- Answers
-// -----------------------------------------------------------------------------------------
+// --- Answers ---
 
 // The nth call of a function since the reset (0: every call that has no answer of its own) returns
 // this status instead of acting: outputs stay untouched.
@@ -62,8 +60,7 @@ VORDA_EXPORT void scripted_handler(scripted_handler_function handler);
 VORDA_EXPORT void scripted_diag(const char* state, int native, const char* text,
                                 int reported_length, int status);
 
-// --- Results
-// -----------------------------------------------------------------------------------------
+// --- Results ---
 
 // Each statement that executes takes the oldest result that was defined; with none left it yields
 // no columns, no rows and row count 0. The functions below add to the newest result (the first of
@@ -94,8 +91,7 @@ VORDA_EXPORT void scripted_cell_indicator(long long indicator);
 // (cut), numbers by C type, timestamps. A cut value makes the fetch succeed with information,
 // without a diagnostic unless scripted_diag gave one. After the last row: SQL_NO_DATA.
 
-// --- Handles
-// -----------------------------------------------------------------------------------------
+// --- Handles ---
 
 // Handles not freed, of kind 1 (environment), 2 (connection), 3 (statement) or 0 (all).
 // Disconnecting frees the connection's statements.
