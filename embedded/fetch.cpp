@@ -51,11 +51,11 @@ SQLRETURN Statement::fetch() {
     const StatementOptions& options = settings().options;
     if (options.rowsFetched) *options.rowsFetched = 0;
     if (options.rowStatus) *options.rowStatus = SQL_ROW_NOROW;
-    work.onRow = false;
+    work.onRow = work.passed = false;
     if (work.ended) return SQL_NO_DATA;
     if (!work.routed) chooseRoutes();
+    const Running running(*this);
     try {
-        const Running running(*this);
         work.onRow = work.rows->next();
     } catch (const Error&) {
         closeCursor();
@@ -77,7 +77,18 @@ SQLRETURN Statement::fetch() {
     if (options.rowStatus) {
         *options.rowStatus = diagnostics.count() ? SQL_ROW_SUCCESS_WITH_INFO : SQL_ROW_SUCCESS;
     }
+    if (work.allBound) lookAhead();
     return SQL_SUCCESS;
+}
+
+// An application that reads the one row it expects never asks for the end, and its statement would
+// keep other connections from writing. With every column bound nothing of the row is left to ask
+// for.
+void Statement::lookAhead() {
+    Work& work = *m_work;
+    work.passed = work.rows->lookAhead();
+    if (work.prepared || !work.compiled) return;
+    if (!sqlite3_stmt_busy(work.compiled.get())) work.compiled.release();
 }
 
 void Statement::chooseRoutes() {
@@ -93,6 +104,7 @@ void Statement::chooseRoutes() {
              Target{binding.target, binding.capacity, binding.indicator, nullptr}});
     }
     work.routed = true;
+    work.allBound = work.routes.size() == described.size();
 }
 
 void Statement::deliverRow() {
@@ -126,6 +138,12 @@ SQLRETURN Statement::getData(SQLUSMALLINT column, SQLSMALLINT cType, Target targ
     const std::vector<Column>& described = work.rows->columns();
     if (column == 0 || column > described.size()) {
         throw Error("07009", "There is no column " + std::to_string(column) + ".", SQLITE_RANGE);
+    }
+    if (work.passed) {
+        throw Error("07009",
+                    "All columns were bound when the row was fetched; their values are delivered "
+                    "and cannot be read again.",
+                    SQLITE_MISUSE);
     }
     if (work.partColumn != column) {
         work.partColumn = column;

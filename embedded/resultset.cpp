@@ -1,5 +1,6 @@
 #include "resultset.h"
 
+#include <exception>
 #include <new>
 #include <optional>
 #include <utility>
@@ -52,6 +53,7 @@ class LiveRows final : public ResultSet {
     }
 
     bool next() override {
+        if (m_failure) std::rethrow_exception(std::exchange(m_failure, nullptr));
         if (m_unread) {
             m_unread = false;
             return true;
@@ -62,6 +64,15 @@ class LiveRows final : public ResultSet {
         if (result == SQLITE_ROW) return true;
         end(result);
         return false;
+    }
+
+    bool lookAhead() override {
+        try {
+            m_unread = next();
+        } catch (...) {
+            m_failure = std::current_exception();
+        }
+        return true;
     }
 
     Cell cell(int column) const override { return cellOf(m_statement, column); }
@@ -83,6 +94,7 @@ class LiveRows final : public ResultSet {
     CompiledSql& m_sql;         ///< not to be used behind the last row, either
     sqlite3_stmt* m_statement;  ///< null behind the last row
     bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
+    std::exception_ptr m_failure;  ///< of a step ahead
     std::optional<std::vector<Column>> m_columns;
 };
 

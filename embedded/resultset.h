@@ -30,6 +30,11 @@ class ResultSet {
     /// rows.
     virtual bool next() = 0;
 
+    /// Leaves the current row, whose values nobody needs any more, to find out whether another one
+    /// follows: rows that are used up let go of the database at once. What it finds, a failure too,
+    /// `next` answers. False when the current row stays.
+    virtual bool lookAhead() { return false; }
+
     /// The value in the 0-based column of the current row; valid until the next `next`.
     virtual Cell cell(int column) const = 0;
 };

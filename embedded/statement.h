@@ -121,10 +121,12 @@ class Statement final : public Handle {
         std::unique_ptr<ResultSet> rows;
         SQLULEN rowNumber = 0;
         bool onRow = false;
+        bool passed = false;  ///< the current row is delivered and gone
         bool ended = false;
         bool asked = false;
         bool routed = false;  ///< `routes` fit the bindings
         std::vector<Route> routes;
+        bool allBound = false;  ///< `routes` lead to every column
         SQLUSMALLINT partColumn =
             0;  ///< column of the last `getData` on this row, and how far it got
         size_t partOffset = 0;
@@ -166,6 +168,7 @@ class Statement final : public Handle {
     void watchRows();
 
     void chooseRoutes();
+    void lookAhead();
     void deliverRow();
     Delivery deliver(const Converter& convert, int index, const Column& column,
                      const Target& target);

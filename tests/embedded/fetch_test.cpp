@@ -252,6 +252,64 @@ TEST_F(FetchTest, NullNeedsAnIndicator) {
     EXPECT_EQ(5, value);
 }
 
+TEST_F(FetchTest, TheLastRowLetsGoOfTheDatabase) {
+    connection.must("CREATE TABLE t (v INTEGER PRIMARY KEY)");
+    connection.must("INSERT INTO t VALUES (1), (2)");
+    Connection other("Database=" + path + ";Timeout=0");
+    for (const bool prepared : {false, true}) {
+        Statement statement(connection.handle);
+        SQLBIGINT value = 0;
+        SQLLEN indicator = 0;
+        const char* const sql = "SELECT v FROM t WHERE v < 3";
+        if (prepared) statement.prepare(sql);
+        RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_SBIGINT, &value, 0, &indicator);
+        for (int execution = 0; execution < 2; ++execution) {
+            ASSERT_EQ(SQL_SUCCESS, prepared ? statement.execute() : statement.run(sql));
+            EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+            EXPECT_EQ(SQL_ERROR, other.run("DELETE FROM t WHERE v > 2"));  // a row is to come
+            EXPECT_EQ("HYT00", other.last.state);
+            EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+            EXPECT_EQ(2, value);
+            other.must("INSERT INTO t VALUES (3)");
+            other.must("DELETE FROM t WHERE v = 3");
+            SQLULEN row = 0;
+            RT_SQLGetStmtAttr(kDriver, statement.handle, SQL_ATTR_ROW_NUMBER, &row, 0, nullptr);
+            EXPECT_EQ(2U, row);
+            EXPECT_EQ("!07009", statement.get(1));
+            EXPECT_EQ("v", statement.text(1, SQL_DESC_NAME));
+            EXPECT_EQ(SQL_NO_DATA, statement.fetch());
+            EXPECT_EQ(SQL_NO_DATA, statement.fetch());
+            EXPECT_EQ(SQL_SUCCESS, statement.close());
+        }
+        // A column unbound in between is there to be asked for again.
+        ASSERT_EQ(SQL_SUCCESS, prepared ? statement.execute() : statement.run(sql));
+        EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+        RT_SQLFreeStmt(kDriver, statement.handle, SQL_UNBIND);
+        EXPECT_EQ("!07009", statement.get(1));
+        EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+        EXPECT_EQ("2", statement.get(1));
+        EXPECT_EQ(SQL_NO_DATA, statement.fetch());
+    }
+}
+
+TEST_F(FetchTest, AFailureIsReportedAtItsRow) {
+    Statement statement(connection.handle);
+    SQLBIGINT value = 0;
+    SQLLEN indicator = 0;
+    RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_SBIGINT, &value, 0, &indicator);
+    ASSERT_EQ(SQL_SUCCESS,
+              statement.run("SELECT abs(column1) FROM (VALUES (1), (-2), (-9223372036854775808))"));
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(1, value);
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(2, value);
+    EXPECT_EQ("", statement.error().state);
+    EXPECT_EQ(SQL_ERROR, statement.fetch());
+    EXPECT_EQ("22003", statement.error().state);
+    EXPECT_EQ(SQL_ERROR, statement.fetch());  // the cursor is closed
+    EXPECT_EQ("24000", statement.error().state);
+}
+
 TEST_F(FetchTest, ImpossibleBindingsAreRefused) {
     Statement statement(connection.handle);
     char buffer[20];

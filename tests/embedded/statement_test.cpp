@@ -166,6 +166,7 @@ TEST_F(StatementTest, RowsNobodyAskedForBlockNothing) {
     EXPECT_EQ(SQL_SUCCESS, asked.fetch());
     EXPECT_EQ(SQL_ERROR, connection.run("DROP TABLE t"));
     EXPECT_EQ(SQLITE_LOCKED, connection.last.native & 0xFF);
+    RT_SQLFreeStmt(kDriver, asked.handle, SQL_UNBIND);
     EXPECT_EQ(Rows({"2", "3"}), asked.rows());
     EXPECT_EQ(SQL_SUCCESS, connection.run("DROP TABLE t"));
 }
