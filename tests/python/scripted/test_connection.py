@@ -100,7 +100,8 @@ def test_connection_execute_returns_a_cursor(runtime, connection):
         connection.execute()
 
 
-@pytest.mark.parametrize("order", itertools.permutations(["row", "cursor", "connection"]))
+@pytest.mark.parametrize("order", list(itertools.permutations(
+    ["row", "cursor", "connection"])))
 @pytest.mark.parametrize("closing", [False, True])
 def test_order_of_the_end(runtime, order, closing):
     """Whichever goes first, the others stay usable for what they still can do."""
