@@ -6,7 +6,7 @@ import pytest
 
 from vorda import zelqa
 
-from conftest import DECIMAL, ERROR, GUID, WVARCHAR, Cell, Column, assert_no_growth, raises
+from conftest import DECIMAL, GUID, WVARCHAR, Cell, Column, raises
 
 BAD = [b"\xff", b"caf\xe9", b"\xc3", b"\xed\xa0\x80", b"\xf4\x90\x80\x80", b"ok\x80", b"\xc0\xaf"]
 

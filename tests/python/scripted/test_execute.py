@@ -9,7 +9,7 @@ import pytest
 
 from vorda import zelqa
 
-from conftest import ERROR, INFO, NO_DATA, NO_DIAGNOSTIC, SANITIZED, bound, raises
+from conftest import INFO, NO_DATA, NO_DIAGNOSTIC, SANITIZED, bound, raises
 
 DESCRIBED = ["SQLColAttributeW"] * 7 + ["SQLBindCol"]
 STATEMENT = "The first argument to execute must be a string or unicode query."

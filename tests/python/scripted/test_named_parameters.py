@@ -7,7 +7,7 @@ import pytest
 
 from vorda import zelqa
 
-from conftest import assert_no_growth, raises
+from conftest import raises
 
 
 def sent(runtime):
