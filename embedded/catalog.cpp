@@ -7,6 +7,7 @@
 
 #include "columntype.h"
 #include "describe.h"
+#include "schemaguard.h"
 #include "sqliteerror.h"
 #include "text.h"
 
@@ -136,10 +137,15 @@ std::vector<Table> tables(sqlite3* db, const Pattern& schema, const Pattern& nam
         std::vector<Row> rows = query(db, "SELECT name, type FROM " + quotedName(database) + "." +
                                               master + " WHERE type IN ('table', 'view')");
         if (!temporary || !rows.empty()) rows.push_back({master, "table"});
+        if (sameWord(database, "main")) {
+            for (const std::string_view own : {kProceduresTable, kProcedureParametersTable})
+                rows.push_back({std::string(own), "table"});
+        }
         for (const Row& row : rows) {
             const std::string& table = *row[0];
             if (!matches(table, name)) continue;
-            const bool system = sameWord(std::string_view(table).substr(0, 7), "sqlite_");
+            const bool system =
+                sameWord(std::string_view(table).substr(0, 7), "sqlite_") || isSystemName(table);
             found.push_back({database, table,
                              *row[1] == "view" ? kView
                              : system          ? kSystemTable

@@ -4,6 +4,7 @@
 
 #include "error.h"
 #include "message.h"
+#include "proceduretables.h"
 #include "sqliteerror.h"
 #include "statement.h"
 
@@ -47,6 +48,7 @@ void Connection::open(const ConnectOptions& options) {
     if (probe != SQLITE_OK && (probe & 0xFF) != SQLITE_BUSY) {
         throw openError(sqlite3_extended_errcode(raw), sqlite3_errmsg(raw), options.database);
     }
+    addProcedureTables(raw);
     m_database = options.database;
     const std::lock_guard lock(m_interruptMutex);
     m_session.emplace(std::move(db));
@@ -74,16 +76,23 @@ StatementCache& Connection::cache() {
     return m_session->cache;
 }
 
+SchemaGuard& Connection::guard() {
+    if (!isOpen()) throw Error("08003", "The connection is not open.", SQLITE_MISUSE);
+    return m_session->guard;
+}
+
 void Connection::setAutocommit(bool on) {
     if (on && !m_autocommit && isOpen()) endTransaction(true);
     m_autocommit = on;
 }
 
-void Connection::beginFor(Verb verb) {
+void Connection::beginFor(Verb verb, bool writes) {
     // These end or open a transaction themselves, or do not work inside one.
     const bool own = verb == Verb::Transaction || verb == Verb::Rollback || verb == Verb::Pragma ||
                      verb == Verb::Service;
-    if (!m_autocommit && !own && sqlite3_get_autocommit(db())) executeScript(db(), "BEGIN");
+    if (!m_autocommit && !own && sqlite3_get_autocommit(db())) {
+        executeScript(db(), writes ? "BEGIN IMMEDIATE" : "BEGIN");
+    }
 }
 
 void Connection::endTransaction(bool commit) {
@@ -93,11 +102,15 @@ void Connection::endTransaction(bool commit) {
         executeScript(db(), "COMMIT");
         return;
     }
+    closeCursors();
+    executeScript(db(), "ROLLBACK");
+    cache().clear();
+}
+
+void Connection::closeCursors() noexcept {
     for (Statement* statement = m_statements; statement; statement = statement->next) {
         statement->closeCursor();
     }
-    executeScript(db(), "ROLLBACK");
-    cache().clear();
 }
 
 void Connection::interrupt() noexcept {

@@ -10,6 +10,7 @@
 
 #include "connectstring.h"
 #include "handle.h"
+#include "schemaguard.h"
 #include "statementcache.h"
 
 namespace embedded {
@@ -44,6 +45,7 @@ class Connection final : public Handle {
     /// The open database; throws 08003 when there is none.
     sqlite3* db();
     StatementCache& cache();
+    SchemaGuard& guard();
     const std::string& database() const noexcept { return m_database; }
 
     bool autocommit() const noexcept { return m_autocommit; }
@@ -52,12 +54,15 @@ class Connection final : public Handle {
     void setAutocommit(bool on);
 
     /// With autocommit off, opens a transaction before a statement of kind `verb` unless one is
-    /// open.
-    void beginFor(Verb verb);
+    /// open; one that may write at once if `writes` says so.
+    void beginFor(Verb verb, bool writes);
 
     /// Commits or rolls back the open transaction, if there is one, however it was begun. Rolling
     /// back closes all cursors.
     void endTransaction(bool commit);
+
+    /// Closes the cursors of all statements.
+    void closeCursors() noexcept;
 
     /// Interrupts what is running. Callable from any thread, without the connection's lock.
     void interrupt() noexcept;
@@ -78,7 +83,10 @@ class Connection final : public Handle {
     };
     struct Session {
         explicit Session(std::unique_ptr<sqlite3, CloseDatabase> opened)
-            : db(std::move(opened)), cache(db.get()) {}
+            : db(std::move(opened)), cache(db.get()) {
+            guard.install(db.get());
+        }
+        SchemaGuard guard;
         std::unique_ptr<sqlite3, CloseDatabase> db;
         StatementCache cache;  // destroyed first: its statements belong to the database
     };

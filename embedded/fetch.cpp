@@ -25,6 +25,7 @@ Statement::Work& Statement::askedCursor() {
 const std::vector<Column>& Statement::columns() {
     static const std::vector<Column> kNone;
     if (hasCursor()) return askedCursor().rows->columns();
+    if (m_work && m_work->procedure) return kNone;  // known when it has been executed
     if (m_work && m_work->prepared) {
         const CompiledStatement& compiled = m_work->compiled;
         if (m_work->described.empty())
@@ -37,6 +38,7 @@ const std::vector<Column>& Statement::columns() {
 
 int Statement::columnCount() {
     if (hasCursor()) return askedCursor().rows->columnCount();
+    if (m_work && m_work->procedure) return 0;
     if (m_work && m_work->prepared) return sqlite3_column_count(m_work->compiled.get());
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
     return 0;

@@ -8,7 +8,7 @@ namespace embedded {
 /// Longest diagnostic text in bytes. Callers commonly read diagnostics once, into 1 KiB, and drop a
 /// text that does not fit; SQLite quotes tokens of any length in its messages. Leaves room for what
 /// `Error::in` adds.
-inline constexpr size_t kMaxMessage = 940;
+inline constexpr size_t kMaxMessage = 900;
 
 /// `text` with the prefix of this runtime, cut to `kMaxMessage`.
 std::string runtimeMessage(std::string_view text);

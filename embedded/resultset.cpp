@@ -104,6 +104,20 @@ std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow) {
     return std::make_unique<LiveRows>(sql, onRow);
 }
 
+SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
+    sqlite3_stmt* const statement = sql.statement.get();
+    int result = sqlite3_step(statement);
+    if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
+        sqlite3_column_count(statement) > 0) {
+        rows = std::make_unique<StoredRows>(sql.columns.describe(statement, result == SQLITE_ROW));
+    }
+    for (; result == SQLITE_ROW; result = sqlite3_step(statement)) rows->append(statement);
+    sqlite3* const db = sqlite3_db_handle(statement);
+    if (result != SQLITE_DONE) throw sqliteError(db);
+    sqlite3_reset(statement);
+    return sql.countsRows() ? sqlite3_changes(db) : 0;
+}
+
 void StoredRows::append(sqlite3_stmt* statement) {
     std::vector<Cell> row(m_columns.size());
     for (size_t i = 0; i < row.size(); ++i) row[i] = cellOf(statement, static_cast<int>(i));

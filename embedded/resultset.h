@@ -70,4 +70,9 @@ class StoredRows final : public ResultSet {
     size_t m_current = 0;  ///< 1-based; 0 before the first row
 };
 
+/// Runs a compiled statement with its values bound to its end and resets it. Appends its rows, if
+/// it has columns, to `rows`, which the first time is made. Answers the number of rows changed; 0
+/// for a statement that counts none.
+SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows);
+
 }  // namespace embedded

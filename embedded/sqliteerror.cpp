@@ -68,6 +68,12 @@ const char* stateOf(int code, std::string_view message) noexcept {
 
 Error sqliteError(int code, const char* message) {
     if (code == SQLITE_NOMEM) throw std::bad_alloc();
+    if (code == SQLITE_AUTH) {
+        return {"42000",
+                "The tables of the procedures and SQLite's schema table cannot be changed by a "
+                "statement.",
+                code};
+    }
     return Error::fromSqlite(stateOf(code, message), message, code);
 }
 

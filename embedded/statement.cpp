@@ -3,6 +3,7 @@
 #include <string>
 
 #include "error.h"
+#include "savepoint.h"
 #include "sqliteerror.h"
 
 namespace embedded {
@@ -25,32 +26,6 @@ class Rewind {
   private:
     sqlite3_stmt* m_statement;
 };
-
-/// All or nothing, inside or outside a transaction of the application.
-class Savepoint {
-  public:
-    explicit Savepoint(sqlite3* db) : m_db(db) { executeScript(m_db, "SAVEPOINT vorda_batch"); }
-    Savepoint(const Savepoint&) = delete;
-    Savepoint& operator=(const Savepoint&) = delete;
-    ~Savepoint() {
-        // Some failures have ended the whole transaction already.
-        if (m_released || sqlite3_get_autocommit(m_db)) return;
-        sqlite3_exec(m_db, "ROLLBACK TO vorda_batch; RELEASE vorda_batch", nullptr, nullptr,
-                     nullptr);
-    }
-    void release() {
-        executeScript(m_db, "RELEASE vorda_batch");
-        m_released = true;
-    }
-
-  private:
-    sqlite3* m_db;
-    bool m_released = false;
-};
-
-bool countsRows(const CompiledSql& sql) noexcept {
-    return sql.verb == Verb::Change || (sql.verb == Verb::With && !sql.readOnly);
-}
 
 bool mayChangeSchema(Verb verb) noexcept {
     return verb == Verb::Other || verb == Verb::Rollback || verb == Verb::Pragma ||
@@ -97,7 +72,10 @@ void Statement::prepare(std::string_view sql) {
     m_rowCount = -1;
     if (m_settings) m_settings->surplusParameter = 0;
     auto work = std::make_unique<Work>();
-    work->compiled = m_connection->cache().compile(sql);
+    work->procedure = ProcedureStatement::prepare(*m_connection, sql);
+    work->compiled = work->procedure
+                         ? m_connection->cache().compile(work->procedure->argumentQuery())
+                         : m_connection->cache().compile(sql);
     work->prepared = true;
     m_work = std::move(work);
 }
@@ -140,11 +118,11 @@ SQLRETURN Statement::run() {
 
     checkParameters();
     connection.closeUnasked();
-    connection.beginFor(verb);
+    connection.beginFor(verb, work.procedure && work.procedure->refresh(connection));
     const Running running(*this);
     // What changes data is run to its end at once: nobody may come to read its rows. So are
     // pragmas, which change things, too, and have few rows.
-    const bool live = work.compiled.sql().readOnly && verb != Verb::Pragma &&
+    const bool live = !work.procedure && work.compiled.sql().readOnly && verb != Verb::Pragma &&
                       sqlite3_column_count(work.compiled.get()) > 0;
     SQLRETURN result = SQL_SUCCESS;
     if (live) {
@@ -184,9 +162,10 @@ SQLRETURN Statement::runToEnd() {
         const Rewind rewind(work.compiled.get());
         changed = runSets(rows);
     }
-    if (countsRows(work.compiled.sql())) m_rowCount = changed;
+    const bool isCall = work.procedure && work.procedure->isCall();
+    if (isCall ? !rows : work.compiled.sql().countsRows()) m_rowCount = changed;
     if (!work.prepared) work.compiled.release();
-    if (!rows) return m_rowCount == 0 ? SQL_NO_DATA : SQL_SUCCESS;
+    if (!rows) return m_rowCount == 0 && !isCall ? SQL_NO_DATA : SQL_SUCCESS;
     work.rows = std::move(rows);
     watchRows();
     return SQL_SUCCESS;
@@ -208,7 +187,7 @@ SQLLEN Statement::runSets(std::unique_ptr<StoredRows>& rows) {
     if (options.parametersProcessed) *options.parametersProcessed = 0;
 
     std::optional<Savepoint> savepoint;
-    if (sets > 1) savepoint.emplace(m_connection->db());
+    if (sets > 1) savepoint.emplace(*m_connection, m_work->procedure != nullptr);
     SQLLEN changed = 0;
     for (SQLULEN set = 0; set < sets; ++set) {
         if (options.parametersProcessed) *options.parametersProcessed = set + 1;
@@ -230,16 +209,21 @@ SQLLEN Statement::runSet(SQLULEN set, std::unique_ptr<StoredRows>& rows) {
     sqlite3_stmt* statement = m_work->compiled.get();
     bindParameterSet(statement, settings().parameters, settings().options.currentLayout(), set,
                      BufferLife::Execution);
-    int result = sqlite3_step(statement);
-    if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
-        sqlite3_column_count(statement) > 0) {
-        rows = std::make_unique<StoredRows>(
-            m_work->compiled.sql().columns.describe(statement, result == SQLITE_ROW));
+    if (m_work->procedure) return runProcedure(rows);
+    // VACUUM copies tables that nobody else may write.
+    std::optional<SchemaGuard::Lifted> lifted;
+    if (m_work->compiled.sql().verb == Verb::Service) lifted.emplace(m_connection->guard());
+    return drain(m_work->compiled.sql(), rows);
+}
+
+SQLLEN Statement::runProcedure(std::unique_ptr<StoredRows>& rows) {
+    ProcedureResult result = m_work->procedure->run(*m_connection, m_work->compiled.get());
+    if (result.rows && settings().options.parameterSets > 1) {
+        throw notSupported(
+            "A procedure that yields rows cannot be executed with several parameter sets.");
     }
-    for (; result == SQLITE_ROW; result = sqlite3_step(statement)) rows->append(statement);
-    if (result != SQLITE_DONE) fail(statement);
-    sqlite3_reset(statement);
-    return countsRows(m_work->compiled.sql()) ? sqlite3_changes(m_connection->db()) : 0;
+    rows = std::move(result.rows);
+    return result.changed;
 }
 
 void Statement::checkParameters() const {

@@ -13,6 +13,7 @@
 #include "convert.h"
 #include "handle.h"
 #include "parameters.h"
+#include "procedure.h"
 #include "resultset.h"
 
 namespace embedded {
@@ -115,7 +116,9 @@ class Statement final : public Handle {
 
     /// What exists from preparation or execution until the statement is over.
     struct Work {
-        CompiledStatement compiled;
+        std::unique_ptr<ProcedureStatement>
+            procedure;                  ///< for a statement that SQLite does not know
+        CompiledStatement compiled;     ///< or the query of its arguments
         bool prepared = false;          ///< by `prepare`, so it outlives its cursor
         std::vector<Column> described;  ///< while prepared only
         std::unique_ptr<ResultSet> rows;
@@ -164,6 +167,7 @@ class Statement final : public Handle {
     SQLRETURN runToEnd();
     SQLLEN runSets(std::unique_ptr<StoredRows>& rows);
     SQLLEN runSet(SQLULEN set, std::unique_ptr<StoredRows>& rows);
+    SQLLEN runProcedure(std::unique_ptr<StoredRows>& rows);
     void checkParameters() const;
     void watchRows();
 

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "error.h"
+#include "schemaguard.h"
 #include "sqliteerror.h"
 
 namespace embedded {
@@ -41,6 +42,7 @@ std::unique_ptr<CompiledSql> StatementCache::compileNew(std::string_view sql) co
     if (text.size() >= static_cast<size_t>(std::numeric_limits<int>::max())) {
         throw Error("42000", "The statement is too long.", SQLITE_TOOBIG);
     }
+    refuseSystemNames(text);
     const std::string numbered = numberedMarkers(text);
     sqlite3_stmt* raw = nullptr;
     const char* tail = nullptr;

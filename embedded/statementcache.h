@@ -25,6 +25,11 @@ struct CompiledSql {
     bool readOnly = false;
     ColumnMemory columns;
     unsigned generation = 0;  ///< of the cache when it was compiled
+
+    /// Whether it changes rows and SQLite counts them.
+    bool countsRows() const noexcept {
+        return verb == Verb::Change || (verb == Verb::With && !readOnly);
+    }
 };
 
 class StatementCache;

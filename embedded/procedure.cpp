@@ -1,0 +1,186 @@
+#include "procedure.h"
+
+#include <utility>
+#include <vector>
+
+#include "error.h"
+#include "message.h"
+#include "procedurecall.h"
+#include "procedurecheck.h"
+#include "procedurestore.h"
+#include "savepoint.h"
+#include "sqliteerror.h"
+#include "text.h"
+
+namespace embedded {
+namespace {
+
+struct FreeValue {
+    void operator()(sqlite3_value* value) const noexcept { sqlite3_value_free(value); }
+};
+
+/// Arguments, exactly as SQLite holds them.
+using Values = std::vector<std::unique_ptr<sqlite3_value, FreeValue>>;
+
+/// The columns `order` of the one row that the query `arguments` gives; resets it.
+Values readArguments(sqlite3_stmt* arguments, const std::vector<size_t>& order) {
+    const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> rewind(arguments, sqlite3_reset);
+    if (sqlite3_step(arguments) != SQLITE_ROW) throw sqliteError(sqlite3_db_handle(arguments));
+    Values values;
+    for (const size_t column : order) {
+        values.emplace_back(
+            sqlite3_value_dup(sqlite3_column_value(arguments, static_cast<int>(column))));
+        if (!values.back()) throw std::bad_alloc();
+    }
+    return values;
+}
+
+void bindMarkers(sqlite3_stmt* statement, const ProcedureDefinition& procedure,
+                 const Values& values) {
+    int marker = 0;
+    for (const size_t index : matchMarkers(statement, procedure)) {
+        if (sqlite3_bind_value(statement, ++marker, values[index].get()) != SQLITE_OK) {
+            throw sqliteError(sqlite3_db_handle(statement));
+        }
+    }
+}
+
+class Runner {
+  public:
+    explicit Runner(Connection& connection) noexcept : m_connection(connection) {}
+
+    void run(const ProcedureDefinition& procedure, const Values& values) {
+        if (m_depth == kMaxProcedureDepth) refuseDepth(procedure);
+        ++m_depth;
+        for (size_t i = 0; i < procedure.body.size(); ++i) {
+            std::optional<std::pair<ProcedureDefinition, Values>> called;
+            try {
+                const auto call = nestedCall(procedure.body[i]);
+                if (call) {
+                    called = prepareCall(*call, procedure, values);
+                } else {
+                    runStatement(procedure.body[i], procedure, values);
+                }
+            } catch (const Error& error) {
+                throw error.in(placeIn(procedure, i));
+            }
+            if (called) run(called->first, called->second);
+        }
+        --m_depth;
+    }
+
+    ProcedureResult result;
+
+  private:
+    std::pair<ProcedureDefinition, Values> prepareCall(const ProcedureCall& call,
+                                                       const ProcedureDefinition& caller,
+                                                       const Values& values) {
+        ProcedureDefinition called = loadProcedure(m_connection.db(), call.name);
+        const CompiledStatement arguments = m_connection.cache().compile(argumentQuery(call));
+        bindMarkers(arguments.get(), caller, values);
+        Values passed = readArguments(arguments.get(), matchArguments(called, call));
+        return {std::move(called), std::move(passed)};
+    }
+
+    void runStatement(const std::string& statement, const ProcedureDefinition& procedure,
+                      const Values& values) {
+        const CompiledStatement compiled = m_connection.cache().compile(statement);
+        bindMarkers(compiled.get(), procedure, values);
+        std::unique_ptr<StoredRows> rows;
+        result.changed += drain(compiled.sql(), rows);
+        if (rows) result.rows = std::move(rows);
+        if (compiled.sql().verb == Verb::Other) m_connection.cache().clear();
+    }
+
+    Connection& m_connection;
+    size_t m_depth = 0;
+};
+
+/// Whether a statement of `procedure`, or of one that it calls, may write.
+bool mayWrite(Connection& connection, const ProcedureDefinition& procedure, size_t depth = 0) {
+    if (depth == kMaxProcedureDepth) refuseDepth(procedure);
+    for (const std::string& statement : procedure.body) {
+        if (const auto call = nestedCall(statement)) {
+            if (mayWrite(connection, loadProcedure(connection.db(), call->name), depth + 1))
+                return true;
+            continue;
+        }
+        const Verb verb = verbOf(statement);
+        if (verb == Verb::Query) continue;
+        if (verb != Verb::With || !connection.cache().compile(statement).sql().readOnly)
+            return true;
+    }
+    return false;
+}
+
+void create(Connection& connection, const ProcedureDefinition& procedure, const std::string& sql) {
+    Savepoint savepoint(connection, true);
+    if (!procedure.replaces && storedProcedure(connection.db(), procedure.name)) {
+        throw Error("42S01", "There is a procedure " + quoted(procedure.name) + " already.");
+    }
+    checkProcedure(connection, procedure);
+    storeProcedure(connection, {procedure.name, sql});
+    savepoint.release();
+}
+
+void drop(Connection& connection, const ProcedureRemoval& removal) {
+    if (storedProcedure(connection.db(), removal.name)) {
+        removeProcedure(connection, removal.name);
+    } else if (!removal.ifExists) {
+        throw Error("42S02", "There is no procedure " + quoted(removal.name) + ".");
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<ProcedureStatement> ProcedureStatement::prepare(Connection& connection,
+                                                                std::string_view sql) {
+    auto command = parseProcedureCommand(sql);
+    if (!command) return nullptr;
+    const std::string_view text = sql.substr(0, sql.find_last_not_of('\0') + 1);
+    std::unique_ptr<ProcedureStatement> statement(
+        new ProcedureStatement(std::move(*command), trimmed(text)));
+    statement->refresh(connection);
+    return statement;
+}
+
+bool ProcedureStatement::refresh(Connection& connection) {
+    if (const auto* called = std::get_if<ProcedureCall>(&m_command)) {
+        m_called = loadProcedure(connection.db(), called->name);
+        m_order = matchArguments(m_called, *called);
+        m_writes = mayWrite(connection, m_called);
+    }
+    return m_writes;
+}
+
+std::string ProcedureStatement::argumentQuery() const {
+    const auto* called = std::get_if<ProcedureCall>(&m_command);
+    return embedded::argumentQuery(called ? *called : ProcedureCall{});
+}
+
+ProcedureResult ProcedureStatement::call(Connection& connection, sqlite3_stmt* arguments) const {
+    Savepoint savepoint(connection, m_writes);
+    const Values values = readArguments(arguments, m_order);
+    Runner runner(connection);
+    runner.run(m_called, values);
+    savepoint.release();
+    return std::move(runner.result);
+}
+
+ProcedureResult ProcedureStatement::run(Connection& connection, sqlite3_stmt* arguments) const {
+    try {
+        if (isCall()) return call(connection, arguments);
+        if (const auto* definition = std::get_if<ProcedureDefinition>(&m_command)) {
+            create(connection, *definition, m_sql);
+        } else {
+            drop(connection, std::get<ProcedureRemoval>(m_command));
+        }
+        return {};
+    } catch (...) {
+        // What was compiled against a schema that is undone is to be forgotten.
+        connection.cache().clear();
+        throw;
+    }
+}
+
+}  // namespace embedded

@@ -1,0 +1,31 @@
+#pragma once
+
+#include "connection.h"
+
+namespace embedded {
+
+/// All or nothing, inside or outside a transaction of the application: what is not released is
+/// undone.
+class Savepoint {
+  public:
+    /// With `writes`, and when no transaction is open, waits for the right to write at once: SQLite
+    /// does not wait for it any more behind a read.
+    Savepoint(Connection& connection, bool writes);
+    Savepoint(const Savepoint&) = delete;
+    Savepoint& operator=(const Savepoint&) = delete;
+    ~Savepoint();
+
+    /// Keeps what was done; the end of the transaction if the savepoint began it. Throws when that
+    /// fails, and then the destructor undoes it.
+    void release();
+
+  private:
+    bool undo() noexcept;
+
+    Connection& m_connection;
+    sqlite3* const m_db;
+    const bool m_immediate;
+    bool m_released = false;
+};
+
+}  // namespace embedded

@@ -1,0 +1,425 @@
+#include <thread>
+
+#include "fixture.h"
+
+namespace embedded_test {
+namespace {
+
+class ProcedureTest : public DatabaseTest {
+  protected:
+    ProcedureTest() { connection.must("CREATE TABLE t (a INTEGER PRIMARY KEY, b TEXT)"); }
+
+    /// The state and message of a statement that is to fail.
+    std::string failure(const std::string& sql) {
+        EXPECT_EQ(SQL_ERROR, connection.run(sql)) << sql;
+        return connection.last.state + " " + connection.last.message;
+    }
+    void expectFailure(const std::string& sql, const std::string& part) {
+        const std::string message = failure(sql);
+        EXPECT_NE(std::string::npos, message.find(part)) << sql << ": " << message;
+        EXPECT_NE(0, connection.last.native) << sql;
+    }
+    Rows parameters(const std::string& procedure) {
+        return connection.query(
+            "SELECT ColumnName, OrdinalPosition, DataTypeName FROM"
+            " sys_procedureparameters WHERE ProcedureName='" +
+            procedure + "'");
+    }
+};
+
+TEST_F(ProcedureTest, IsStoredInTheFileAndListed) {
+    EXPECT_EQ(Rows{}, connection.query("SELECT * FROM sys_procedures"));
+    EXPECT_EQ(Rows{}, parameters("p"));
+    EXPECT_EQ(Rows{"0"}, stored("SELECT count(*) FROM sqlite_master WHERE name <> 't'"));
+
+    const std::string text =
+        "CREATE PROCEDURE [Add It] (b VARCHAR ( 20 ), \"a\" DOUBLE PRECISION, c, d DECIMAL(10,2))"
+        " AS INSERT INTO t (b) VALUES ($b || ';' || $A); SELECT $c, $d; -- done\n;";
+    connection.must("; " + text + std::string("\0\0", 2));
+    connection.must("CREATE PROCEDURE zero AS SELECT 1");
+    connection.must("create procedure `none`() as select 2");
+    for (const bool reopened : {false, true}) {
+        Connection other("Database=" + path + (reopened ? ";Mode=ro" : ""));
+        EXPECT_EQ(Rows({"Add It", "none", "zero"}),
+                  other.query("SELECT ProcedureName FROM sys_procedures"));
+        EXPECT_EQ(
+            Rows({"b|1|VARCHAR ( 20 )", "a|2|DOUBLE PRECISION", "c|3|NULL", "d|4|DECIMAL(10,2)"}),
+            parameters("aDD iT"));
+        EXPECT_EQ(Rows{"1"}, other.query("EXEC Zero"));
+    }
+    EXPECT_EQ(
+        Rows{"; " + text},
+        connection.query("SELECT Definition FROM sys_procedures WHERE ProcedureName='add it'"));
+    EXPECT_EQ(Rows{}, parameters("zero"));
+
+    Connection memory("Database=:memory:");
+    EXPECT_EQ(Rows{}, memory.query("SELECT * FROM sys_procedureparameters"));
+    memory.must("CREATE PROCEDURE p (x) AS SELECT $x + 1");
+    EXPECT_EQ(Rows{"42"}, memory.query("EXECUTE p 41"));
+    Connection readOnly("Database=" + path + ";Mode=ro");
+    EXPECT_EQ(SQL_ERROR, readOnly.run("CREATE PROCEDURE q AS SELECT 1"));
+    EXPECT_EQ("25006", readOnly.last.state);
+}
+
+TEST_F(ProcedureTest, IsReplacedAndDropped) {
+    connection.must("CREATE PROCEDURE p AS SELECT 1");
+    Statement early(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, early.prepare("EXECUTE p"));
+    expectFailure("CREATE PROCEDURE P AS SELECT 2", "42S01");
+    connection.must("CREATE OR REPLACE PROCEDURE P (x) AS SELECT 2");
+    expectFailure("EXEC p", "no value for its parameter 'x'");
+    EXPECT_EQ(SQL_ERROR, early.execute());  // prepared for the old one
+    connection.must("CREATE OR REPLACE PROCEDURE p AS SELECT 3");
+    ASSERT_EQ(SQL_SUCCESS, early.execute());
+    EXPECT_EQ(Rows{"3"}, early.rows());
+    connection.must("DROP PROCEDURE \"P\";");
+    expectFailure("DROP PROCEDURE p", "42S02");
+    connection.must("DROP PROCEDURE IF EXISTS p");
+    expectFailure("EXEC p", "There is no procedure 'p'");
+
+    // Part of a transaction, like anything else.
+    connection.autocommit(false);
+    connection.must("CREATE PROCEDURE p AS SELECT 1");
+    connection.end(SQL_ROLLBACK);
+    EXPECT_EQ(Rows{}, connection.query("SELECT * FROM sys_procedures"));
+}
+
+TEST_F(ProcedureTest, IsCheckedWhenItIsCreated) {
+    const std::pair<const char*, const char*> refused[] = {
+        {"CREATE PROCEDURE", "a procedure's name expected"},
+        {"CREATE PROCEDURE 'p' AS SELECT 1", "a procedure's name expected"},
+        {"CREATE PROCEDURE \"p AS SELECT 1", "does not end"},
+        {"CREATE PROCEDURE p SELECT 1", "AS expected"},
+        {"CREATE PROCEDURE p AS", "needs a statement"},
+        {"CREATE PROCEDURE p AS ; /* nothing */", "needs a statement"},
+        {"CREATE PROCEDURE p (a INT AS SELECT 1", "expected"},
+        {"CREATE PROCEDURE p (1a) AS SELECT 1", "a parameter's name expected"},
+        {"CREATE PROCEDURE p (a,) AS SELECT 1", "a parameter's name expected"},
+        {"CREATE PROCEDURE p (\"a b\") AS SELECT 1", "no name for a parameter"},
+        {"CREATE PROCEDURE p (a, b, A INT) AS SELECT 1", "Two parameters are named 'A'"},
+        {"CREATE PROCEDURE p (a) AS SELECT $a; SELECT $b",
+         "no parameter 'b'. (procedure 'p', statement 2)"},
+        {"CREATE PROCEDURE p (a) AS SELECT @1 ", "marker '?1'"},
+        {"CREATE PROCEDURE p (a) AS SELECT ?", "marker '?'"},
+        {"CREATE PROCEDURE p AS SELECT 1; SELEC 2", "syntax error (procedure 'p', statement 2)"},
+        {"CREATE PROCEDURE p AS SELECT * FROM nowhere", "42S02"},
+        {"CREATE PROCEDURE p AS SELECT 1; COMMIT", "COMMIT is not possible"},
+        {"CREATE PROCEDURE p AS BEGIN", "BEGIN is not possible"},
+        {"CREATE PROCEDURE p AS SAVEPOINT s", "SAVEPOINT is not possible"},
+        {"CREATE PROCEDURE p AS rollback to s", "ROLLBACK is not possible"},
+        {"CREATE PROCEDURE p AS ATTACH 'x' AS y", "ATTACH is not possible"},
+        {"CREATE PROCEDURE p AS VACUUM", "VACUUM is not possible"},
+        {"CREATE PROCEDURE p AS PRAGMA user_version = 1", "PRAGMA is not possible"},
+        {"CREATE PROCEDURE p AS SELECT 1; CREATE PROCEDURE q AS SELECT 2", "cannot create or drop"},
+        {"CREATE PROCEDURE p AS EXEC q", "There is no procedure 'q'"},
+        {"CREATE PROCEDURE p (a) AS EXEC p b=$a", "no parameter 'b'"},
+        {"CREATE PROCEDURE p (a) AS EXEC p $b", "no parameter 'b'"},
+        {"CREATE PROCEDURE p AS CREATE TABLE u (x); INSERT INTO u VALUES (1); SELECT y FROM u",
+         "42S22"},
+    };
+    for (const auto& [sql, part] : refused) expectFailure(sql, part);
+    EXPECT_EQ(Rows{"1"}, stored("SELECT count(*) FROM sqlite_master"));
+
+    // A body may use what it makes, and leaves nothing of it behind when it is only checked; text
+    // that looks like the end of a statement, or like a parameter, is none.
+    connection.must("INSERT INTO t VALUES (1, 'old')");
+    Statement open(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, open.run("SELECT 7 UNION ALL SELECT 8"));
+    ASSERT_EQ(SQL_SUCCESS, open.fetch());
+    connection.must(
+        "CREATE PROCEDURE build (n) AS CREATE TABLE u (x, y);"
+        " CREATE TEMP TRIGGER r AFTER INSERT ON u BEGIN"
+        "   UPDATE u SET y = CASE WHEN x > 1 THEN ';$q' END; DELETE FROM t; END;"
+        " INSERT INTO u (x) VALUES ($n); SELECT x, y, /* $z; */ ';' FROM u");
+    EXPECT_EQ(Rows{"8"}, open.rows());
+    EXPECT_EQ(SQL_ERROR, connection.run("SELECT * FROM u"));
+    EXPECT_EQ(Rows{"1"}, stored("SELECT count(*) FROM t"));
+    EXPECT_EQ(Rows{"2|;$q|;"}, connection.query("EXEC build 2"));
+    EXPECT_EQ(Rows{"0"}, stored("SELECT count(*) FROM t"));
+    EXPECT_TRUE(
+        failure("EXEC build 2").ends_with("already exists (procedure 'build', statement 1)"));
+}
+
+TEST_F(ProcedureTest, ArgumentsAreMatchedAndKeepTheirTypes) {
+    connection.must(
+        "CREATE PROCEDURE p (a, b) AS SELECT typeof($a), quote($a), typeof($b), quote($b)");
+    const std::pair<const char*, const char*> calls[] = {
+        {"1, 'it''s; $a'", "integer|1|text|'it''s; $a'"},
+        {"b=NULL, a=-9223372036854775808", "integer|-9223372036854775808|null|NULL"},
+        {"$B = .5, @A = x'00ff' ;", "blob|X'00FF'|real|0.5"},
+        {"- 1.5e-3, b=true", "real|-0.0015|integer|1"},
+        {"+0x10, False /* ; */", "integer|16|integer|0"},
+        {"9500000000000000000, ''", "real|9.5e+18|text|''"},
+    };
+    for (const auto& [arguments, expected] : calls) {
+        EXPECT_EQ(Rows{expected}, connection.query(std::string("EXECUTE p ") + arguments));
+    }
+    const std::pair<const char*, const char*> refused[] = {
+        {"p", "no value for its parameter 'a'"},
+        {"p 1", "no value for its parameter 'b'"},
+        {"p b=1", "no value for its parameter 'a'"},
+        {"p 1, 2, 3", "none for argument 3"},
+        {"p 1, 2, a=3", "two values for its parameter 'a'"},
+        {"p b=1, B=2, a=3", "two values for its parameter 'b'"},
+        {"p 1, c=2", "no parameter 'c'"},
+        {"p a=1, 2", "without a name cannot follow"},
+        {"p 1, 1+1", "literal or a parameter marker expected"},
+        {"p 1, (2)", "literal or a parameter marker expected"},
+        {"p 1, b", "literal or a parameter marker expected"},
+        {"p 1, 5 x", "literal or a parameter marker expected"},
+        {"p 1, (SELECT 1)", "literal or a parameter marker expected"},
+        {"p 1,", "literal or a parameter marker expected"},
+        {"p 1, 5x", "unrecognized token"},
+        {"p 1, 'x", "unrecognized token"},
+        {"p 1, 2; SELECT 3", "end of the statement expected"},
+        {"", "a procedure's name expected"},
+        {"q", "There is no procedure 'q'"},
+    };
+    for (const auto& [call, part] : refused) expectFailure(std::string("EXEC ") + call, part);
+}
+
+TEST_F(ProcedureTest, MarkersAreBoundLikeOthers) {
+    connection.must("CREATE PROCEDURE p (pa, pb) AS SELECT $pb, $pa, typeof($pa), typeof($pb)");
+    const SQLBIGINT number = INT64_MAX;
+    SQLLEN length = SQL_NTS;
+    const std::pair<const char*, SQLSMALLINT> calls[] = {{"EXECUTE p pa=@1 , pb=@2 ", 2},
+                                                         {"EXEC p pb=@2 , @pa=@1 ", 2},
+                                                         {"EXEC p ?, ?", 2},
+                                                         {"EXEC p @1 , 'x'", 1}};
+    for (const auto& [sql, expected] : calls) {
+        Statement statement(connection.handle);
+        ASSERT_EQ(SQL_SUCCESS, statement.prepare(sql)) << statement.error().message;
+        SQLSMALLINT count = -1;
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLNumParams(kDriver, statement.handle, &count));
+        EXPECT_EQ(expected, count);
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLNumResultCols(kDriver, statement.handle, &count));
+        EXPECT_EQ(0, count);
+        EXPECT_EQ(SQL_ERROR, statement.execute());
+        EXPECT_EQ("07002", statement.error().state);
+        statement.bind(1, SQL_C_SBIGINT, &number, nullptr);
+        if (expected == 2) statement.bindText(2, "x", &length);
+        for (int execution = 0; execution < 2; ++execution) {
+            ASSERT_EQ(SQL_SUCCESS, statement.execute()) << statement.error().message;
+            EXPECT_EQ(-1, statement.rowCount());
+            EXPECT_EQ("$pb", statement.text(1, SQL_DESC_NAME));
+            EXPECT_EQ(SQL_BIGINT, statement.attribute(2, SQL_DESC_CONCISE_TYPE));
+            EXPECT_EQ(Rows{"x|9223372036854775807|integer|text"}, statement.rows());
+            statement.close();
+        }
+    }
+    Statement statement(connection.handle);
+    EXPECT_EQ(SQL_ERROR, statement.prepare("EXEC p pa=?, px=?"));
+    EXPECT_TRUE(statement.error().says("no parameter 'px'"));
+}
+
+TEST_F(ProcedureTest, RunsAllOfItsStatementsOrNone) {
+    connection.must(
+        "CREATE PROCEDURE add2 (a, b) AS INSERT INTO t VALUES ($a, 'a'); SELECT 'seen';"
+        " INSERT INTO t VALUES ($b, 'b'), ($b + 100, 'b')");
+    connection.must(
+        "CREATE PROCEDURE change (b) AS UPDATE t SET b = $b WHERE a < 2;"
+        " DELETE FROM t WHERE a = 101");
+    EXPECT_EQ(Rows{"seen"}, connection.query("EXEC add2 1, 2"));
+    EXPECT_EQ(Rows({"1|a", "2|b", "102|b"}), stored("SELECT * FROM t"));
+    Statement statement(connection.handle);
+    EXPECT_EQ(SQL_SUCCESS, statement.run("EXEC change 'new'"));
+    EXPECT_EQ(1, statement.rowCount());
+    EXPECT_EQ(SQL_SUCCESS, statement.run("DELETE FROM t"));
+    EXPECT_EQ(SQL_SUCCESS, statement.run("EXEC change 'new'"));
+    EXPECT_EQ(0, statement.rowCount());
+
+    const std::string place = "(procedure 'add2', statement 3)";
+    connection.must("INSERT INTO t VALUES (2, 'old')");
+    expectFailure("EXEC add2 1, 2", place);
+    EXPECT_EQ("23000", connection.last.state);
+    EXPECT_EQ(Rows{"2|old"}, stored("SELECT * FROM t"));
+    connection.must("BEGIN");
+    connection.must("INSERT INTO t VALUES (9, 'mine')");
+    expectFailure("EXEC add2 1, 2", place);
+    EXPECT_EQ(Rows{"seen"}, connection.query("EXEC add2 3, 4"));
+    connection.must("COMMIT");
+    EXPECT_EQ(Rows({"2", "3", "4", "9", "104"}), stored("SELECT a FROM t"));
+
+    // Also when the transaction itself cannot be ended.
+    connection.must("PRAGMA foreign_keys = ON");
+    connection.must("CREATE TABLE c (x REFERENCES t DEFERRABLE INITIALLY DEFERRED)");
+    connection.must("CREATE PROCEDURE orphan AS INSERT INTO c VALUES (77); SELECT 1");
+    expectFailure("EXEC orphan", "23000");
+    EXPECT_EQ(Rows{"0"}, stored("SELECT count(*) FROM c"));
+    connection.must("INSERT INTO t VALUES (10, 'free')");
+
+    connection.autocommit(false);
+    connection.must("EXEC change 'x'");
+    connection.must("EXEC add2 1, 5");
+    connection.end(SQL_ROLLBACK);
+    EXPECT_EQ(Rows({"2", "3", "4", "9", "10", "104"}), stored("SELECT a FROM t"));
+}
+
+TEST_F(ProcedureTest, CallsOthersToALimit) {
+    connection.must(
+        "CREATE PROCEDURE add (a, b) AS INSERT INTO t VALUES ($a, $b); SELECT $a + 1 AS n");
+    connection.must("CREATE PROCEDURE twice (x) AS EXEC add b='lit', a=$X; EXECUTE add -1, $x");
+    EXPECT_EQ(Rows{"0"}, connection.query("EXEC twice 5"));
+    EXPECT_EQ(Rows({"-1|5", "5|lit"}), stored("SELECT * FROM t"));
+    expectFailure("EXEC twice 6", "(procedure 'add', statement 1)");
+    EXPECT_EQ(Rows({"-1|5", "5|lit"}), stored("SELECT * FROM t"));
+    connection.must("DROP PROCEDURE add");
+    expectFailure("EXEC twice 6", "There is no procedure 'add'");
+
+    connection.must("CREATE PROCEDURE p0 AS SELECT 'deep'");
+    for (int i = 1; i < 32; ++i) {
+        connection.must("CREATE PROCEDURE p" + std::to_string(i) + " AS EXEC p" +
+                        std::to_string(i - 1));
+    }
+    EXPECT_EQ(Rows{"deep"}, connection.query("EXEC p31"));
+    expectFailure("CREATE PROCEDURE p32 AS EXEC p31", "more than 32 deep");
+    connection.must("CREATE PROCEDURE loop (n) AS INSERT INTO t VALUES ($n, ''); EXEC loop $n");
+    connection.must("CREATE OR REPLACE PROCEDURE p0 AS EXEC p31");
+    for (const char* call : {"EXEC p31", "EXEC p0"}) expectFailure(call, "more than 32 deep");
+    connection.must(
+        "CREATE OR REPLACE PROCEDURE loop (n) AS"
+        " INSERT OR REPLACE INTO t VALUES ($n, ''); EXEC loop $n");
+    expectFailure("EXEC loop 50", "more than 32 deep, the last of them 'loop'");
+    EXPECT_EQ(Rows{"2"}, stored("SELECT count(*) FROM t"));
+}
+
+TEST_F(ProcedureTest, BatchesRunOncePerSetAllOrNone) {
+    connection.must("CREATE PROCEDURE add (a) AS INSERT INTO t VALUES ($a, 'x'), ($a + 10, 'y')");
+    connection.must("CREATE PROCEDURE show (a) AS SELECT $a");
+    const SQLBIGINT numbers[] = {1, 2, 3};
+    const SQLLEN lengths[] = {8, 8, 8};
+    Statement statement(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("EXEC add a=@1 "));
+    statement.set(SQL_ATTR_PARAMSET_SIZE, 3);
+    RT_SQLBindParameter(kDriver, statement.handle, 1, SQL_PARAM_INPUT, SQL_C_SBIGINT, SQL_BIGINT, 8,
+                        0, const_cast<SQLBIGINT*>(numbers), 8, const_cast<SQLLEN*>(lengths));
+    EXPECT_EQ(SQL_SUCCESS, statement.execute()) << statement.error().message;
+    EXPECT_EQ(6, statement.rowCount());
+    connection.must("DELETE FROM t WHERE a <> 13");
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_TRUE(statement.error().says("statement 1) (parameter set 3 of 3)"))
+        << statement.error().message;
+    EXPECT_EQ(Rows{"13|y"}, stored("SELECT * FROM t"));
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("EXEC show @1 "));
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_EQ("HYC00", statement.error().state);
+}
+
+TEST_F(ProcedureTest, OrdinarySqlCannotDamageThem) {
+    connection.must("CREATE PROCEDURE p (a INT) AS SELECT $a");
+    const std::string before = stored("SELECT text FROM vorda_procedures")[0];
+    connection.must("CREATE TRIGGER r AFTER INSERT ON t BEGIN DELETE FROM vorda_procedures; END");
+    for (const char* sql : {
+             "DELETE FROM vorda_procedures",
+             "DELETE FROM main.\"VORDA_procedures\"",
+             "INSERT INTO vorda_procedures VALUES ('q', 'x')",
+             "REPLACE INTO vorda_procedures VALUES ('p', 'x')",
+             "UPDATE vorda_procedures SET text = ''",
+             "WITH x AS (SELECT 1) DELETE FROM vorda_procedures",
+             "DROP TABLE vorda_procedures",
+             "ALTER TABLE vorda_procedures RENAME TO x",
+             "ALTER TABLE vorda_procedures ADD COLUMN x",
+             "ALTER TABLE t RENAME TO 'sys_procedures'",
+             "CREATE UNIQUE INDEX i ON vorda_procedures (text)",
+             "INSERT INTO t VALUES (1, 'fires r')",
+             "CREATE TRIGGER s BEFORE DELETE ON vorda_procedures BEGIN SELECT RAISE(IGNORE); END",
+             "CREATE TEMP TRIGGER s BEFORE DELETE ON main.vorda_procedures BEGIN SELECT "
+             "RAISE(IGNORE); END",
+             "CREATE TABLE sys_procedureparameters (ColumnName)",
+             "CREATE TEMP TABLE Sys_Procedures (x)",
+             "CREATE VIEW sys_procedures AS SELECT 1",
+             "CREATE TEMP VIEW vorda_procedures AS SELECT 1",
+             "CREATE VIRTUAL TABLE sys_procedures USING fts5(x)",
+             "CREATE VIRTUAL TABLE v USING sys_procedures",
+             "DELETE FROM sys_procedures",
+             "INSERT INTO sys_procedureparameters VALUES ('p', 'b', 2, '')",
+             "DROP TABLE sys_procedures",
+             "PRAGMA writable_schema = ON",
+             "PRAGMA main.writable_schema(1)",
+             "DELETE FROM sqlite_master",
+             "EXPLAIN DELETE FROM vorda_procedures",
+             "CREATE PROCEDURE q AS DELETE FROM vorda_procedures",
+         }) {
+        failure(sql);
+    }
+    EXPECT_TRUE(connection.last.says("cannot be changed by a statement"))
+        << connection.last.message;
+    connection.must("PRAGMA writable_schema");
+    connection.must("CREATE TABLE \"my sys_procedures\" (sys_procedures)");
+    connection.must("UPDATE \"my sys_procedures\" SET sys_procedures = 1");
+    connection.must("DROP TRIGGER r");
+    // A statement that is compiled anew in the middle of an execution does not slip through.
+    Statement insert(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, insert.prepare("INSERT INTO t VALUES (2, 'x')"));
+    Connection(std::string("Database=") + path)
+        .must("CREATE TRIGGER r AFTER INSERT ON t BEGIN DELETE FROM vorda_procedures; END");
+    EXPECT_EQ(SQL_ERROR, insert.execute());
+    EXPECT_EQ(SQLITE_AUTH, insert.error().native);
+
+    connection.must("VACUUM");
+    connection.must("ANALYZE");
+    EXPECT_EQ(Rows{before}, stored("SELECT text FROM vorda_procedures"));
+    EXPECT_EQ(Rows{"a|1|INT"}, parameters("p"));
+    EXPECT_EQ(Rows{"5"}, connection.query("EXEC p 5"));
+    Statement tables(connection.handle);
+    RT_SQLTablesW(kDriver, tables.handle, nullptr, 0, nullptr, 0, nullptr, 0, chars("SYSTEM TABLE"),
+                  SQL_NTS);
+    Rows names;
+    for (const std::string& row : tables.rows())
+        names.push_back(row.substr(0, row.find("|SYSTEM")));
+    EXPECT_EQ(Rows({"NULL|main|sqlite_master", "NULL|main|sqlite_stat1",
+                    "NULL|main|sys_procedureparameters", "NULL|main|sys_procedures",
+                    "NULL|main|vorda_procedures"}),
+              names);
+    Statement columns(connection.handle);
+    RT_SQLColumnsW(kDriver, columns.handle, nullptr, 0, nullptr, 0,
+                   chars("sys_procedureparameters"), SQL_NTS, nullptr, 0);
+    EXPECT_EQ(4U, columns.rows().size());
+}
+
+TEST_F(ProcedureTest, WaitsForOthersAndSeesWhatTheyStored) {
+    connection.must(
+        "CREATE PROCEDURE add (a) AS SELECT count(*) FROM t; INSERT INTO t VALUES ($a, '')");
+    Connection other("Database=" + path + ";Timeout=20");
+    EXPECT_EQ(Rows{"0"}, other.query("EXEC add 1"));
+    connection.must("BEGIN IMMEDIATE");
+    std::thread writer([&] { other.must("EXEC add 2"); });
+    connection.must("INSERT INTO t VALUES (3, '')");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    connection.must("COMMIT");
+    writer.join();
+    EXPECT_EQ(Rows({"1", "2", "3"}), stored("SELECT a FROM t"));
+    connection.must("CREATE OR REPLACE PROCEDURE add AS SELECT 'new'");
+    connection.must("BEGIN IMMEDIATE");  // reading waits for nobody
+    EXPECT_EQ(Rows{"new"}, other.query("EXEC add"));
+    connection.must("COMMIT");
+}
+
+TEST_F(ProcedureTest, AnInterruptedCallIsUndoneNextToOpenCursors) {
+    connection.must(
+        "CREATE PROCEDURE slow AS INSERT INTO t VALUES (1, '');"
+        " WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n");
+    Statement open(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, open.run("SELECT name FROM sqlite_master"));
+    ASSERT_EQ(SQL_SUCCESS, open.fetch());
+    Statement call(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, call.prepare("EXEC slow"));
+    std::atomic<bool> done = false;
+    std::thread canceller([&] {
+        while (!done) {
+            RT_SQLCancel(kDriver, call.handle);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    EXPECT_EQ(SQL_ERROR, call.execute());
+    done = true;
+    canceller.join();
+    EXPECT_EQ("HY008", call.error().state) << call.error().message;
+    open.close();
+    EXPECT_EQ(Rows{"0"}, stored("SELECT count(*) FROM t"));
+    connection.must("INSERT INTO t VALUES (2, '')");
+    EXPECT_EQ(Rows{"2"}, stored("SELECT a FROM t"));
+}
+
+}  // namespace
+}  // namespace embedded_test
