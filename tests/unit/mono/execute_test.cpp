@@ -14,34 +14,26 @@ SQLFreeStmt(stmt1, 1)
 SQLAllocHandle(3, dbc1, stmt2)
 SQLPrepareW(stmt2, "", 0)
 )");
-}
-
-TEST_F(SourceTest, AFailedPrepareKeepsItsStatementUntilTheNext) {
-    FailNext("SQLAllocHandle", 11, "no statement");
-    EXPECT_EQ(source.Prepare("x", 1), VORDA_ODBC_ERROR);
-    ExpectError(11, "no statement");
-    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_NOT_PREPARED);
-    EXPECT_NE(TakeLog().find("SQLErrorW(null, dbc1, null, "), std::string::npos);
-
+    // One that failed stays until the next, and one that was not had is not prepared.
     FailNext("SQLPrepareW", 12, "syntax");
     EXPECT_EQ(source.Prepare("x", 1), VORDA_ODBC_ERROR);
     ExpectError(12, "syntax");
     EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 1);
-
-    WarnNext("SQLPrepareW", 13, "slow");
-    EXPECT_EQ(source.Prepare("x", 1), VORDA_OK);
-    ExpectError(13, "slow");
-    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 1);
+    FailNext("SQLAllocHandle", 11, "no statement");
+    EXPECT_EQ(source.Prepare("x", 1), VORDA_ODBC_ERROR);
+    ExpectError(11, "no statement");
+    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
+    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_NOT_PREPARED);
+    ExpectError(1103, "The prepared statement is required");
 }
 
-TEST_F(SourceTest, PreparedExecution) {
+TEST_F(SourceTest, PreparedExecutionsKeepTheirStatementUntilAResultSetTakesIt) {
     source.Prepare("x", 1);
     TakeLog();
     EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
     EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
 
-    // The statement stays when no result set takes it over.
-    scripted_row_count(3);
+    scripted_row_count((1LL << 32) + 3);
     int rows = -1;
     EXPECT_EQ(source.Execute(nullptr, &rows), VORDA_OK);
     EXPECT_EQ(rows, 3);
@@ -52,48 +44,55 @@ TEST_F(SourceTest, PreparedExecution) {
     EXPECT_EQ(source.Execute(nullptr, &rows), VORDA_OK);
     EXPECT_EQ(rows, 0);
     ExpectError(VORDA_OK, "");
-}
 
-TEST_F(SourceTest, AResultSetTakesThePreparedStatementOver) {
-    source.Prepare("x", 1);
-    TakeLog();
     IntDbResultSet rs;
-    int rows = -1;
-    EXPECT_EQ(source.Execute(&rs, &rows), VORDA_OK);
-    EXPECT_EQ(rows, 0);
-    EXPECT_EQ(TakeLog(), R"(
-SQLExecute(stmt1)
-SQLColAttributeW(stmt1, 1, 0, null, 0, null, ptr)
-SQLRowCount(stmt1, ptr)
-)");
-    IntDbResultSet second;
-    EXPECT_EQ(source.Execute(&second, &rows), VORDA_NOT_PREPARED);
-    ExpectError(1103, "The prepared statement is required");
+    EXPECT_EQ(source.Execute(&rs, nullptr), VORDA_OK);
+    EXPECT_EQ(source.Execute(&rs, &rows), VORDA_NOT_PREPARED);
     rs.Close();
 }
 
-TEST_F(SourceTest, FailuresAndInformationOfAPreparedExecution) {
+TEST_F(SourceTest, DirectExecutionsLeaveThePreparedStatementAlone) {
+    source.Prepare("prepared", 8);
+    SetBatchSize(5);
+    TakeLog();
+    EXPECT_EQ(source.Execute("UPDATE t and more", 8, nullptr, nullptr), VORDA_OK);
+    EXPECT_EQ(TakeLog(), R"(
+SQLAllocHandle(3, dbc1, stmt2)
+SQLExecDirectW(stmt2, "UPDATE t", 8)
+SQLRowCount(stmt2, ptr)
+)");
+    // It is there until the connection ends.
+    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 2);
+    SetBatchSize(1);
+    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
+    EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
+}
+
+TEST_F(SourceTest, FailuresAndInformationOfAnExecution) {
+    const struct {
+        bool isPrepared;
+        const char* function;
+    } steps[] = {{true, "SQLSetStmtAttr"},  {true, "SQLExecute"},      {true, "SQLRowCount"},
+                 {false, "SQLAllocHandle"}, {false, "SQLExecDirectW"}, {false, "SQLRowCount"}};
     SetBatchSize(2);
     source.Prepare("x", 1);
-    int rows = 7;
-    const char* const steps[] = {"SQLSetStmtAttr", "SQLExecute", "SQLRowCount"};
-    for (int i = 0; i < 3; ++i) {
-        SCOPED_TRACE(steps[i]);
-        TakeLog();
-        FailNext(steps[i], 20 + i, "refused");
-        EXPECT_EQ(source.Execute(nullptr, &rows), VORDA_ODBC_ERROR);
-        ExpectError(20 + i, "refused");
-        EXPECT_NE(TakeLog().find("SQLErrorW(null, null, stmt1, "), std::string::npos);
-    }
-    EXPECT_EQ(rows, 7);
-    EXPECT_EQ(scripted_call_count("SQLExecute"), 2);
-    for (int i = 0; i < 3; ++i) {
-        WarnNext(steps[i], 30 + i, "done, but");
-        EXPECT_EQ(source.Execute(nullptr, &rows), VORDA_OK);
-        ExpectError(30 + i, "done, but");
+    for (const auto& [isPrepared, function] : steps) {
+        SCOPED_TRACE(function);
+        int rows = 7;
+        const auto execute = [&, prepared = isPrepared] {
+            return prepared ? source.Execute(nullptr, &rows)
+                            : source.Execute("x", 1, nullptr, &rows);
+        };
+        FailNext(function, 20, "refused");
+        EXPECT_EQ(execute(), VORDA_ODBC_ERROR);
+        ExpectError(20, "refused");
+        EXPECT_EQ(rows, 7);
+        WarnNext(function, 30, "done, but");
+        EXPECT_EQ(execute(), VORDA_OK);
+        ExpectError(30, "done, but");
         EXPECT_EQ(rows, 0);
-        rows = 7;
     }
+    EXPECT_EQ(scripted_call_count("SQLExecute"), 5);
 }
 
 TEST_F(SourceTest, TheBatchSizeIsSetAroundEachExecution) {
@@ -115,19 +114,17 @@ SQLSetStmtAttr(stmt1, 22, 1)
         EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
         EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
     }
-    EXPECT_EQ(scripted_call_count("SQLErrorW"), 0);
 }
 
 // A driver that still counts on three sets would read past the one that is bound.
 TEST_F(SourceTest, ABatchThatStayedSetIsPutBackBeforeASingleExecution) {
     const int values[] = {1, 2, 3}, lengths[] = {4, 4, 4};
-    for (const char* const function : {"SQLExecute", "SQLSetStmtAttr"}) {
-        SCOPED_TRACE(function);
+    for (const bool executes : {true, false}) {
         source.Prepare("x", 1);
         SetBatchSize(3);
         source.AddParam("@1", 2, DBTYPE_INTEGER, values, 4, lengths);
-        // The execution itself, or the call after it.
-        const bool executes = std::string(function) == "SQLExecute";
+        // The execution itself fails, or the call after it.
+        const char* const function = executes ? "SQLExecute" : "SQLSetStmtAttr";
         scripted_answer(function, scripted_call_count(function) + (executes ? 1 : 2), SQL_ERROR);
         EXPECT_EQ(source.Execute(nullptr, nullptr), executes ? VORDA_ODBC_ERROR : VORDA_OK);
 
@@ -145,83 +142,28 @@ TEST_F(SourceTest, ABatchThatStayedSetIsPutBackBeforeASingleExecution) {
     }
 }
 
-TEST_F(SourceTest, DirectExecution) {
-    source.Prepare("prepared", 8);
-    SetBatchSize(5);
-    TakeLog();
-    scripted_row_count(3);
-    EXPECT_EQ(source.Execute("UPDATE t and more", 8, nullptr, nullptr), VORDA_OK);
-    EXPECT_EQ(TakeLog(), R"(
-SQLAllocHandle(3, dbc1, stmt2)
-SQLExecDirectW(stmt2, "UPDATE t", 8)
-SQLRowCount(stmt2, ptr)
-)");
-    scripted_row_count((1LL << 32) + 5);
-    int rows = 7;
-    EXPECT_EQ(source.Execute("x", 1, nullptr, &rows), VORDA_OK);
-    EXPECT_EQ(rows, 5);
-
-    // The prepared statement is still there, and the others are until the connection ends.
-    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 3);
-    SetBatchSize(1);
-    TakeLog();
-    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
-    EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
-}
-
-TEST_F(SourceTest, FailuresAndInformationOfADirectExecution) {
-    const struct {
-        const char* function;
-        const char* diagnosed;
-    } steps[] = {{"SQLAllocHandle", "SQLErrorW(null, dbc1, null, "},
-                 {"SQLExecDirectW", "SQLErrorW(null, null, stmt1, "},
-                 {"SQLRowCount", "SQLErrorW(null, null, stmt2, "}};
-    int rows = 7;
-    for (const auto& [function, diagnosed] : steps) {
-        SCOPED_TRACE(function);
-        FailNext(function, 42, "refused");
-        EXPECT_EQ(source.Execute("x", 1, nullptr, &rows), VORDA_ODBC_ERROR);
-        ExpectError(42, "refused");
-        EXPECT_NE(TakeLog().find(diagnosed), std::string::npos);
-    }
-    EXPECT_EQ(rows, 7);
-    for (const auto& [function, diagnosed] : steps) {
-        WarnNext(function, 43, "done, but");
-        EXPECT_EQ(source.Execute("x", 1, nullptr, &rows), VORDA_OK);
-        ExpectError(43, "done, but");
-    }
-    EXPECT_EQ(rows, 0);
-}
-
 TEST_F(SourceTest, AFailedHandOverFreesTheStatementOnce) {
-    IntDbResultSet rs;
-    source.Prepare("x", 1);
     scripted_answer("SQLColAttributeW", 0, SQL_ERROR);
+    IntDbResultSet rs;
     int rows = 7;
+    source.Prepare("x", 1);
     EXPECT_EQ(source.Execute(&rs, &rows), VORDA_ODBC_ERROR);
     // Without an earlier message the source keeps what it knew.
     ExpectError(VORDA_OK, "");
-    EXPECT_EQ(rows, 7);
-    EXPECT_EQ(scripted_call_count("SQLRowCount"), 0);
-    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_NOT_PREPARED);
     rs.Close();
     EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
-}
-
-TEST_F(SourceTest, AFailedHandOverIsComposedWithTheEarlierMessage) {
-    scripted_answer("SQLColAttributeW", 0, SQL_ERROR);
-    IntDbResultSet rs;
-    WarnNext("SQLExecDirectW", 5701, "truncated");
-    EXPECT_EQ(source.Execute("x", 1, &rs, nullptr), VORDA_ODBC_ERROR);
-    ExpectError(-1, "Unable to DbDataResult.SetStmtHandle: truncated");
-    rs.Close();
 
     source.Prepare("x", 1);
     WarnNext("SQLExecute", 5702, "again");
-    EXPECT_EQ(source.Execute(&rs, nullptr), VORDA_ODBC_ERROR);
+    EXPECT_EQ(source.Execute(&rs, &rows), VORDA_ODBC_ERROR);
     ExpectError(-1, "Unable to DbDataResult.SetStmtHandle: again");
     rs.Close();
+    WarnNext("SQLExecDirectW", 5701, "truncated");
+    EXPECT_EQ(source.Execute("x", 1, &rs, &rows), VORDA_ODBC_ERROR);
+    ExpectError(-1, "Unable to DbDataResult.SetStmtHandle: truncated");
+    rs.Close();
     EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
+    EXPECT_EQ(rows, 7);
 }
 
 }  // namespace
