@@ -2,8 +2,8 @@
 
 Run as:  python airports.py [DATABASE_FILE]
 
-The airports are a public-domain extract (ourairports.com); three statements a loader needs, a join with
-parameters, and an error caught as DatabaseError.
+The airports are a public-domain extract (ourairports.com). Shown are: tables loaded in batches, a join with
+parameters and its description, a stored procedure, and an error caught as DatabaseError.
 """
 
 import csv
@@ -31,20 +31,16 @@ def create_tables(cursor):
 
 
 def load(cursor):
-    """Load both tables in one transaction; returns the number of rows."""
-    count = 0
-    cursor.execute("BEGIN")
-    for row in rows_of("states.csv"):
-        admitted = datetime.date.fromisoformat(row["admitted"])
-        cursor.execute("INSERT INTO state VALUES (?, ?, ?)", row["code"], row["name"], admitted)
-        count += cursor.rowcount
-    for row in rows_of("airports.csv"):
-        values = (row["iata"], row["name"], row["city"], row["state"])
-        place = (float(row["latitude"]), float(row["longitude"]))
-        cursor.execute("INSERT INTO airport VALUES (?, ?, ?, ?, ?, ?)", values + place)
-        count += cursor.rowcount
-    cursor.execute("COMMIT")
-    return count
+    """Load both tables, each as one batch that is stored whole or not at all; returns the row count."""
+    states = [(row["code"], row["name"], row["admitted"]) for row in rows_of("states.csv")]
+    cursor.executemany("INSERT INTO state VALUES (?, ?, ?)", states)
+    count = cursor.rowcount
+    airports = (
+        (row["iata"], row["name"], row["city"], row["state"], float(row["latitude"]), float(row["longitude"]))
+        for row in rows_of("airports.csv")
+    )
+    cursor.executemany("INSERT INTO airport VALUES (?, ?, ?, ?, ?, ?)", airports)
+    return count + cursor.rowcount
 
 
 def main():
@@ -68,6 +64,16 @@ def main():
     for row in cursor:
         print("   %-14s %s  %3d airports, up to %.4f north" % (
             row["name"], row["admitted"], row["airports"], row[3]))
+
+    print("\na stored procedure, the three airports closest to 47.6 N, 122.3 W:")
+    cursor.execute(
+        "CREATE OR REPLACE PROCEDURE closest (lat DOUBLE, lon DOUBLE, n INTEGER) AS"
+        " SELECT code, name FROM airport"
+        " ORDER BY abs(latitude - $lat) + abs(longitude - $lon) LIMIT $n"
+    )
+    cursor.callproc("closest", (47.6, -122.3, 3))
+    for code, name in cursor:
+        print("   %-4s %s" % (code, name))
 
     print("\na mistake:")
     try:
