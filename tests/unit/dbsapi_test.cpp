@@ -31,10 +31,6 @@ class DbsApiTest : public ScriptedTest {
     int GetData(DBSINTEGER column, int type, void* target, DBSLEN* length = nullptr) {
         return DBSGetData(handle, column, static_cast<DBSSMALLINT>(type), target, 0, length);
     }
-    int BindInt(int value) {
-        const int length = 4;
-        return DBSBindParameter(handle, 1, 0, DBTYPE_INTEGER, 0, 0, 0, &value, 4, &length);
-    }
     // A result of one row and one text column, fetched.
     void FetchText(const std::string& text) {
         scripted_result();
@@ -126,48 +122,30 @@ TEST_F(DbsApiTest, FreeingDoesNotDisconnect) {
     UnloadMethods();
 }
 
-TEST_F(DbsApiTest, StatementsAreNormalised) {
+TEST_F(DbsApiTest, ANullStatementIsAnEmptyOne) {
     DBSLEN markers = -7;
     EXPECT_EQ(DBSPrepare(handle, " SELECT ?, '?', @name", 2, &markers), VORDA_OK);
     EXPECT_EQ(markers, 2);
+    TakeLog();
     EXPECT_EQ(DBSPrepare(handle, nullptr, 5, nullptr), VORDA_OK);
-    EXPECT_EQ(DBSExecDirect(handle, "UPDATE t SET a = ?", 0), VORDA_OK);
+    EXPECT_NE(TakeLog().find("SQLPrepareW(stmt2, \"\", 0)"), std::string::npos);
     EXPECT_EQ(DBSExecDirect(handle, nullptr, 5), VORDA_OK);
-    EXPECT_EQ(TakeLog(), R"(
-SQLAllocHandle(3, dbc1, stmt1)
-SQLPrepareW(stmt1, "SELECT @1 , '?', @2 ", 20)
-SQLFreeStmt(stmt1, 1)
-SQLAllocHandle(3, dbc1, stmt2)
-SQLPrepareW(stmt2, "", 0)
-SQLAllocHandle(3, dbc1, stmt3)
-SQLExecDirectW(stmt3, "UPDATE t SET a = @1 ", 20)
-SQLRowCount(stmt3, ptr)
-SQLAllocHandle(3, dbc1, stmt4)
-SQLExecDirectW(stmt4, "", 0)
-SQLRowCount(stmt4, ptr)
-)");
+    EXPECT_NE(TakeLog().find("SQLExecDirectW(stmt3, \"\", 0)"), std::string::npos);
 }
 
 TEST_F(DbsApiTest, TheKindOfStatementDecidesOnRowsAndCounts) {
-    const struct {
-        const char* sql;
-        bool hasResult;
-    } cases[] = {{"UPDATE t SET a = 1", false},      {"SELECT 1", true},
-                 {"INSERT INTO t VALUES(1)", false}, {"EXEC p", true},
-                 {"DELETE FROM t", false},           {"EXECUTE p", true},
-                 {"CREATE TABLE t(a)", false}};
-    for (const bool isPrepared : {false, true}) {
-        for (const auto& [sql, hasResult] : cases) {
-            SCOPED_TRACE(sql);
+    for (const std::string sql :
+         {"SELECT 1", "EXEC p", "EXECUTE p", "UPDATE t SET a = 1", "INSERT INTO t VALUES(1)",
+          "DELETE FROM t", "CREATE TABLE t(a)"}) {
+        SCOPED_TRACE(sql);
+        const bool hasResult = sql.starts_with("SELECT") || sql.starts_with("EXEC");
+        for (const bool isPrepared : {false, true}) {
             scripted_result();
             scripted_row_count(3);
             scripted_column("c", SQL_INTEGER, 0, 0, 0, 0);
-            if (isPrepared) {
-                EXPECT_EQ(DBSPrepare(handle, sql, SQL_NTS, nullptr), VORDA_OK);
-                EXPECT_EQ(DBSExecute(handle), VORDA_OK);
-            } else {
-                EXPECT_EQ(DBSExecDirect(handle, sql, SQL_NTS), VORDA_OK);
-            }
+            DBSPrepare(handle, sql.c_str(), SQL_NTS, nullptr);
+            EXPECT_EQ(isPrepared ? DBSExecute(handle) : DBSExecDirect(handle, sql.c_str(), SQL_NTS),
+                      VORDA_OK);
             DBSLEN rows = -7;
             DBSSMALLINT columns = -7;
             EXPECT_EQ(DBSRowCount(handle, &rows), VORDA_OK);
@@ -178,34 +156,18 @@ TEST_F(DbsApiTest, TheKindOfStatementDecidesOnRowsAndCounts) {
     }
 }
 
-TEST_F(DbsApiTest, AnExecutionEndsThePreviousRowsFirst) {
+TEST_F(DbsApiTest, AnExecutionEndsWhatThePreviousOneLeft) {
     FetchText("abc");
     TakeLog();
     scripted_row_count(3);
     EXPECT_EQ(DBSExecDirect(handle, "DELETE FROM t", SQL_NTS), VORDA_OK);
     EXPECT_EQ(TakeLog().find("\nSQLFreeStmt(stmt1, 1)\nSQLAllocHandle(3, dbc1, stmt2)"), 0u);
     EXPECT_EQ(DBSFetch(handle), VORDA_NOT_EXECUTED);
-
-    // Also when the execution then fails, which affects no rows.
-    EXPECT_EQ(DBSPrepare(handle, "DELETE FROM t", SQL_NTS, nullptr), VORDA_OK);
-    FailNext("SQLExecute", 9, "locked");
-    EXPECT_EQ(DBSExecute(handle), VORDA_ODBC_ERROR);
-    ExpectError(9, "locked");
+    // Also when it then fails, which affects no rows.
+    EXPECT_EQ(DBSExecute(handle), VORDA_NOT_PREPARED);
     DBSLEN rows = -7;
     DBSRowCount(handle, &rows);
     EXPECT_EQ(rows, 0);
-}
-
-TEST_F(DbsApiTest, BindingFoldsItsStatuses) {
-    EXPECT_EQ(BindInt(1), -1);
-    ExpectError(1103, "The prepared statement is required");
-    DBSPrepare(handle, "SELECT ?", SQL_NTS, nullptr);
-    FailNext("SQLBindParameter", 61, "no such parameter");
-    EXPECT_EQ(BindInt(1), VORDA_OK);
-    ExpectError(61, "no such parameter");
-    EXPECT_EQ(BindInt(2), VORDA_OK);
-    EXPECT_EQ(DBSBindParameter(handle, 3, 0, DBTYPE_DECIMAL, 0, 0, 0, "", 0, nullptr), -1);
-    ExpectError(1105, "Unknown parameter data type.");
 }
 
 TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
@@ -224,39 +186,29 @@ TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
 TEST_F(DbsApiTest, Descriptions) {
     scripted_column(std::string(200, 'n').c_str(), SQL_DECIMAL, 12, 10, 2, SQL_NULLABLE);
     DBSExecDirect(handle, "SELECT 1", SQL_NTS);
-    struct {
-        char name[128];
-        char guard;
-    } place;
-    for (const bool withName : {false, true}) {
-        std::memset(&place, '#', sizeof place);
-        DBSSMALLINT length = 0, type = 0, precision = 0, scale = 0, nullable = 0;
-        DBSULEN size = 0;
-        EXPECT_EQ(DBSDescribeCol(handle, 0, withName ? place.name : nullptr, &length, &type, &size,
-                                 &precision, &scale, &nullable),
-                  VORDA_OK);
-        EXPECT_EQ(length, 127);
-        EXPECT_EQ(type, DBTYPE_DECIMAL);
-        EXPECT_EQ(size, 12u);
-        EXPECT_EQ(precision, 10);
-        EXPECT_EQ(scale, 2);
-        EXPECT_EQ(nullable, 1);
-        EXPECT_EQ(std::string(place.name, sizeof place),
-                  withName ? std::string(127, 'n') + '\0' + '#' : std::string(129, '#'));
-    }
-    for (const DBSINTEGER column : {1LL, -1LL, LLONG_MAX, LLONG_MIN}) {
+    for (const DBSINTEGER column : {0LL, 1LL, -1LL, LLONG_MAX, LLONG_MIN}) {
+        std::vector<char> name(128, '#');
         DBSSMALLINT length = 7, type = 7, precision = 7, scale = 7, nullable = 7;
         DBSULEN size = 7;
-        EXPECT_EQ(DBSDescribeCol(handle, column, place.name, &length, &type, &size, &precision,
-                                 &scale, &nullable),
-                  VORDA_OK);
-        EXPECT_STREQ(place.name, "");
-        EXPECT_TRUE(length == 0 && type == 0 && precision == 0 && scale == 0 && nullable == 0);
-        EXPECT_EQ(size, 0u);
+        const auto describe = [&](char* place) {
+            EXPECT_EQ(DBSDescribeCol(handle, column, place, &length, &type, &size, &precision,
+                                     &scale, &nullable),
+                      VORDA_OK);
+        };
+        describe(nullptr);
+        describe(name.data());
+        const bool isThere = column == 0;
+        EXPECT_EQ(name.data(), std::string(isThere ? 127 : 0, 'n'));
+        EXPECT_EQ(length, isThere ? 127 : 0);
+        EXPECT_EQ(type, isThere ? DBTYPE_DECIMAL : 0);
+        EXPECT_EQ(size, isThere ? 12u : 0u);
+        EXPECT_EQ(precision, isThere ? 10 : 0);
+        EXPECT_EQ(scale, isThere ? 2 : 0);
+        EXPECT_EQ(nullable, isThere ? 1 : 0);
     }
 }
 
-// The other typed getters are tested through Dbs, which asks for them by one code each.
+// The other typed getters are reached through Dbs, which asks for them by one code each.
 TEST_F(DbsApiTest, CodesThatShareAGetter) {
     scripted_column("i", SQL_INTEGER, 0, 0, 0, 0);
     scripted_column("d", SQL_DOUBLE, 0, 0, 0, 0);
@@ -285,19 +237,17 @@ TEST_F(DbsApiTest, CodesThatShareAGetter) {
 
 TEST_F(DbsApiTest, TextIsCopiedTwiceAsLongButOnlyFromItsBuffer) {
     // The copies of the last two are longer than the bound buffer.
-    for (const int length : {0, 10, 1024, 1025, 2047}) {
-        SCOPED_TRACE(length);
-        const std::string text(static_cast<std::size_t>(length), 'x');
+    for (const std::size_t size : {0u, 10u, 1024u, 1025u, 2047u}) {
+        const std::string text(size, 'x');
         FetchText(text);
         for (const int type : {DBTYPE_TEXT, DBTYPE_STRING}) {
-            DBSLEN reported = -7;
-            EXPECT_EQ(GetData(0, type, nullptr, &reported), VORDA_OK);
-            EXPECT_EQ(reported, length);
+            DBSLEN length = -7;
+            EXPECT_EQ(GetData(0, type, nullptr, &length), VORDA_OK);
+            EXPECT_EQ(length, std::ssize(text));
             // Not a byte longer, so that the sanitizer sees one too many.
-            std::vector<char> target(text.size() * 2, '#');
-            EXPECT_EQ(GetData(0, type, target.data(), &reported), VORDA_OK);
-            EXPECT_EQ(std::string(target.data(), target.size()),
-                      text + std::string(text.size(), '\0'));
+            std::vector<char> target(size * 2, '#');
+            EXPECT_EQ(GetData(0, type, target.data(), &length), VORDA_OK);
+            EXPECT_EQ(std::string(target.data(), size * 2), text + std::string(size, '\0'));
         }
     }
 }
@@ -336,16 +286,14 @@ TEST_F(DbsApiTest, NullsAndBadIndexesWriteNoText) {
 
 TEST_F(DbsApiTest, ErrorsOfAFetchAreReadOnTheirOwn) {
     FetchText("abc");
-    DBSINTEGER native = 7;
-    DBSSMALLINT length = 7;
-    EXPECT_EQ(DBSFetchError(handle, &native, nullptr, &length), VORDA_NO_MORE_DATA);
+    EXPECT_EQ(DBSFetchError(handle, nullptr, nullptr, nullptr), VORDA_NO_MORE_DATA);
     FailNext("SQLFetch", 8, "connection lost");
     EXPECT_EQ(DBSFetch(handle), 8);
+    DBSINTEGER native = 7;
+    DBSSMALLINT length = 7;
     char text[16] = "";
-    EXPECT_EQ(DBSFetchError(handle, &native, nullptr, &length), VORDA_OK);
-    EXPECT_EQ(length, 15);
     EXPECT_EQ(DBSFetchError(handle, &native, text, &length), VORDA_OK);
-    EXPECT_EQ(native, 8);
+    EXPECT_TRUE(native == 8 && length == 15);
     EXPECT_STREQ(text, "connection lost");
     ExpectError(VORDA_OK, "");
     EXPECT_EQ(DBSFetch(handle), VORDA_NO_MORE_DATA);
@@ -354,9 +302,6 @@ TEST_F(DbsApiTest, ErrorsOfAFetchAreReadOnTheirOwn) {
 
 TEST_F(DbsApiTest, TheErrorNeedsNoPlaceForItsText) {
     DBSSetStmtAttr(handle, 21, nullptr, 0);
-    DBSINTEGER native = 7;
-    EXPECT_EQ(DBSError(handle, &native, nullptr, nullptr), VORDA_OK);
-    EXPECT_EQ(native, 1103);
     char text[] = "#";
     EXPECT_EQ(DBSError(handle, nullptr, text, nullptr), VORDA_OK);
     EXPECT_STREQ(text, "#");
