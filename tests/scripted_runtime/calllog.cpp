@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -50,10 +51,6 @@ std::string Number(const char* data) {
     return {digits, end};
 }
 
-std::string Byte(const char* data) {
-    return std::to_string(static_cast<unsigned char>(*data));
-}
-
 std::string Date(const char* data) {
     const auto d = Load<SQL_DATE_STRUCT>(data);
     char out[32];
@@ -69,11 +66,7 @@ std::string Time(const char* data) {
 }
 
 std::string Timestamp(const char* data) {
-    const auto t = Load<SQL_TIMESTAMP_STRUCT>(data);
-    char out[64];
-    std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d.%09u", t.year, t.month, t.day,
-                  t.hour, t.minute, t.second, static_cast<unsigned>(t.fraction));
-    return out;
+    return FormatTimestamp(Load<SQL_TIMESTAMP_STRUCT>(data));
 }
 
 // C types whose values have one size; the slots of all others are as wide as their buffer length.
@@ -83,26 +76,16 @@ struct FixedType {
     std::string (*format)(const char* data);
 };
 constexpr FixedType kFixedTypes[] = {
-    {SQL_C_BIT, 1, Byte},
-    {SQL_C_UTINYINT, 1, Byte},
+    {SQL_C_BIT, 1, Number<unsigned char>},
     {SQL_C_TINYINT, 1, Number<signed char>},
-    {SQL_C_STINYINT, 1, Number<signed char>},
     {SQL_C_SHORT, 2, Number<SQLSMALLINT>},
-    {SQL_C_SSHORT, 2, Number<SQLSMALLINT>},
-    {SQL_C_USHORT, 2, Number<SQLUSMALLINT>},
     {SQL_C_LONG, 4, Number<SQLINTEGER>},
-    {SQL_C_SLONG, 4, Number<SQLINTEGER>},
-    {SQL_C_ULONG, 4, Number<SQLUINTEGER>},
     {SQL_C_SBIGINT, 8, Number<long long>},
-    {SQL_C_UBIGINT, 8, Number<unsigned long long>},
     {SQL_C_FLOAT, 4, Number<float>},
     {SQL_C_DOUBLE, 8, Number<double>},
     {SQL_C_DATE, sizeof(SQL_DATE_STRUCT), Date},
-    {SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT), Date},
     {SQL_C_TIME, sizeof(SQL_TIME_STRUCT), Time},
-    {SQL_C_TYPE_TIME, sizeof(SQL_TIME_STRUCT), Time},
     {SQL_C_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
-    {SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
 };
 
 const FixedType* FindFixed(int cType) {
@@ -145,27 +128,8 @@ std::string FormatValues(const Binding& binding, long long sets) {
     return "values=[" + values + "], lens=[" + lengths + "]";
 }
 
-// Functions whose first texts are input, each followed by its length. Wide forms are alike.
-struct InputTexts {
-    std::string_view function;
-    int count;
-};
-constexpr InputTexts kInputTexts[] = {
-    {"SQLPrepare", 1},    {"SQLExecDirect", 1},    {"SQLDriverConnect", 1}, {"SQLConnect", 3},
-    {"SQLNativeSql", 1},  {"SQLSetCursorName", 1}, {"SQLTables", 4},        {"SQLColumns", 4},
-    {"SQLStatistics", 3}, {"SQLPrimaryKeys", 3},   {"SQLProcedures", 3},
-};
-
-std::string_view NarrowName(std::string_view name) {
-    return name.ends_with('W') ? name.substr(0, name.size() - 1) : name;
-}
-
-int CountInputTexts(std::string_view name) {
-    for (const InputTexts& entry : kInputTexts) {
-        if (entry.function == NarrowName(name)) return entry.count;
-    }
-    return 0;
-}
+// Functions whose first text is input and followed by its length.
+constexpr std::string_view kInputTexts[] = {"SQLPrepareW", "SQLExecDirectW", "SQLDriverConnectW"};
 
 std::string FormatText(const char* text, long long length) {
     if (!text) return "null";
@@ -181,7 +145,7 @@ std::string FormatOpaque(const Model& model, long long value) {
 
 std::string FormatArguments(const Model& model, const Call& call) {
     std::string out;
-    int inputTexts = CountInputTexts(call.name);
+    bool isInput = std::ranges::find(kInputTexts, call.name) != std::end(kInputTexts);
     for (std::size_t i = 0; i < call.arguments.size(); ++i) {
         const Argument& argument = call.arguments[i];
         if (i > 0) out += ", ";
@@ -189,8 +153,7 @@ std::string FormatArguments(const Model& model, const Call& call) {
             out += std::to_string(argument.value);
         } else if (argument.kind == Argument::Kind::Opaque) {
             out += FormatOpaque(model, argument.value);
-        } else if (argument.kind == Argument::Kind::Text && inputTexts > 0) {
-            --inputTexts;
+        } else if (argument.kind == Argument::Kind::Text && std::exchange(isInput, false)) {
             out += FormatText(call.Pointer<char>(i), call.Number(i + 1));
         } else {
             out += argument.value ? "ptr" : "null";
@@ -225,6 +188,13 @@ std::string FormatBindParameter(const Model& model, const Call& call) {
 
 }  // namespace
 
+std::string FormatTimestamp(const SQL_TIMESTAMP_STRUCT& t) {
+    char out[64];
+    std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d.%09u", t.year, t.month, t.day,
+                  t.hour, t.minute, t.second, static_cast<unsigned>(t.fraction));
+    return out;
+}
+
 std::string FormatHandle(const Model& model, SQLHANDLE handle) {
     static constexpr std::array kNames = {"", "env", "dbc", "stmt"};
     if (!handle) return "null";
@@ -235,8 +205,7 @@ std::string FormatHandle(const Model& model, SQLHANDLE handle) {
 }
 
 std::string FormatCall(const Model& model, const Call& call) {
-    const bool isSetter =
-        call.name.starts_with("SQLSet") && NarrowName(call.name).ends_with("Attr");
+    const bool isSetter = call.name.starts_with("SQLSet") && call.name.ends_with("Attr");
     return std::string(call.name) + '(' +
            (isSetter                          ? FormatAttribute(model, call)
             : call.name == "SQLBindParameter" ? FormatBindParameter(model, call)

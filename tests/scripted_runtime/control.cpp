@@ -186,10 +186,6 @@ void scripted_cell_double(double value) {
     NewCell().value = value;
 }
 
-void scripted_cell_text(const char* text) {
-    NewCell().value = text;
-}
-
 void scripted_cell_bytes(const char* bytes, int length) {
     NewCell().value = std::string(bytes, static_cast<std::size_t>(length));
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -33,8 +32,7 @@ SQLLEN Size(std::string_view text) {
     return static_cast<SQLLEN>(text.size());
 }
 
-// --- Handles
-// -----------------------------------------------------------------------------------------
+// --- Handles ---
 
 // The live handle of this kind that the call names, or null and a logged error.
 Handle* Use(Model& model, const Call& call, std::size_t i, int kind) {
@@ -104,8 +102,7 @@ SQLRETURN CheckEnvironment(Model& model, const Call& call) {
     return Use(model, call, 0, SQL_HANDLE_ENV) ? SQL_SUCCESS : SQL_INVALID_HANDLE;
 }
 
-// --- Statements
-// --------------------------------------------------------------------------------------
+// --- Statements ---
 
 // Wraps an action on a statement: it runs only on a live one.
 template <SQLRETURN (*action)(Model&, const Call&, Handle&)>
@@ -121,26 +118,12 @@ void CloseResult(Handle& statement) {
 }
 
 SQLRETURN FreeStmt(Model&, const Call& call, Handle& statement) {
-    switch (call.Number(1)) {
-        case SQL_CLOSE:
-            CloseResult(statement);
-            return SQL_SUCCESS;
-        case SQL_DROP:
-            statement.isLive = false;
-            return SQL_SUCCESS;
-        case SQL_UNBIND:
-            statement.columns.clear();
-            return SQL_SUCCESS;
-        case SQL_RESET_PARAMS:
-            statement.parameters.clear();
-            return SQL_SUCCESS;
-        default:
-            return SQL_ERROR;
+    if (call.Number(1) == SQL_DROP) {
+        statement.isLive = false;
+        return SQL_SUCCESS;
     }
-}
-
-SQLRETURN CloseCursor(Model&, const Call&, Handle& statement) {
-    CloseResult(statement);
+    if (call.Number(1) != SQL_RESET_PARAMS) return SQL_ERROR;
+    statement.parameters.clear();
     return SQL_SUCCESS;
 }
 
@@ -193,62 +176,48 @@ SQLRETURN RowCount(Model&, const Call& call, Handle& statement) {
     return SQL_SUCCESS;
 }
 
-SQLRETURN NumResultCols(Model&, const Call& call, Handle& statement) {
-    Put(call.Pointer<SQLSMALLINT>(1), static_cast<long long>(statement.result.columns.size()));
-    return SQL_SUCCESS;
-}
-
-// Numbers that describe a column, by their ODBC 2 and ODBC 3 field identifiers.
-struct NumericField {
-    long long odbc2, odbc3;
-    long long Column::*member;
-};
-constexpr NumericField kNumericFields[] = {
-    {SQL_COLUMN_TYPE, SQL_DESC_TYPE, &Column::sqlType},
-    {SQL_COLUMN_LENGTH, SQL_DESC_LENGTH, &Column::length},
-    {SQL_COLUMN_PRECISION, SQL_DESC_PRECISION, &Column::precision},
-    {SQL_COLUMN_SCALE, SQL_DESC_SCALE, &Column::scale},
-    {SQL_COLUMN_NULLABLE, SQL_DESC_NULLABLE, &Column::nullable},
+// Numbers that describe a column, by their ODBC 2 field identifiers.
+constexpr std::pair<long long, long long Column::*> kNumericFields[] = {
+    {SQL_COLUMN_TYPE, &Column::sqlType},        {SQL_COLUMN_LENGTH, &Column::length},
+    {SQL_COLUMN_PRECISION, &Column::precision}, {SQL_COLUMN_SCALE, &Column::scale},
+    {SQL_COLUMN_NULLABLE, &Column::nullable},
 };
 
 SQLRETURN ColAttribute(Model&, const Call& call, Handle& statement) {
     const std::vector<Column>& columns = statement.result.columns;
     const long long field = call.Number(2);
     auto* const number = call.Pointer<SQLLEN>(6);
-    if (field == SQL_COLUMN_COUNT || field == SQL_DESC_COUNT) {
+    if (field == SQL_COLUMN_COUNT) {
         Put(number, static_cast<long long>(columns.size()));
         return SQL_SUCCESS;
     }
     const auto index = static_cast<std::size_t>(call.Number(1) - 1);
     if (index >= columns.size()) return SQL_ERROR;
     const Column& column = columns[index];
-    if (field == SQL_COLUMN_NAME || field == SQL_DESC_NAME) {
+    if (field == SQL_COLUMN_NAME) {
         const bool isWhole = PutText(call.Pointer<char>(3), call.Number(4), column.name);
         Put(call.Pointer<SQLSMALLINT>(5),
             column.nameLength ? *column.nameLength : Size(column.name));
         return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
     }
-    for (const NumericField& known : kNumericFields) {
-        if (field != known.odbc2 && field != known.odbc3) continue;
-        Put(number, column.*known.member);
+    for (const auto& [known, member] : kNumericFields) {
+        if (field != known) continue;
+        Put(number, column.*member);
         return SQL_SUCCESS;
     }
     return SQL_ERROR;
 }
 
-// --- Fetching
-// ----------------------------------------------------------------------------------------
+// --- Fetching ---
 
 std::string TextOf(const Cell& cell) {
-    char out[64];
     if (const auto* integer = std::get_if<long long>(&cell.value)) return std::to_string(*integer);
     if (const auto* real = std::get_if<double>(&cell.value)) {
+        char out[64];
         return {out, std::to_chars(out, out + sizeof out, *real).ptr};
     }
-    if (const auto* t = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value)) {
-        std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d.%09u", t->year, t->month,
-                      t->day, t->hour, t->minute, t->second, static_cast<unsigned>(t->fraction));
-        return out;
+    if (const auto* timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value)) {
+        return FormatTimestamp(*timestamp);
     }
     const auto* text = std::get_if<std::string>(&cell.value);
     return text ? *text : "";
@@ -268,63 +237,44 @@ SQLLEN PutNumber(const Binding& target, const Cell& cell) {
     if (const auto* integer = std::get_if<long long>(&cell.value)) {
         return PutFixed(target, static_cast<T>(*integer));
     }
-    if (const auto* real = std::get_if<double>(&cell.value)) {
-        return PutFixed(target, static_cast<T>(*real));
-    }
     return PutFixed(target, static_cast<T>(std::strtod(TextOf(cell).c_str(), nullptr)));
 }
 
-Delivery Deliver(const Binding& target, const Cell& cell) {
-    Delivery delivery = Delivery::Whole;
-    SQLLEN length = 0;
-    if (std::holds_alternative<std::monostate>(cell.value)) {
-        length = SQL_NULL_DATA;
-    } else {
-        switch (target.cType) {
-            case SQL_C_CHAR:
-            case SQL_C_WCHAR: {
-                const std::string text = TextOf(cell);
-                if (!PutText(target.data, target.bufferLength, text)) delivery = Delivery::Cut;
-                length = Size(text);
-                break;
-            }
-            case SQL_C_BINARY: {
-                const std::string bytes = TextOf(cell);
-                const std::string_view part = CutTo(bytes, target.bufferLength);
-                std::memcpy(target.data, part.data(), part.size());
-                if (part.size() < bytes.size()) delivery = Delivery::Cut;
-                length = Size(bytes);
-                break;
-            }
-            case SQL_C_BIT:
-            case SQL_C_TINYINT:
-                length = PutNumber<unsigned char>(target, cell);
-                break;
-            case SQL_C_SHORT:
-                length = PutNumber<SQLSMALLINT>(target, cell);
-                break;
-            case SQL_C_LONG:
-                length = PutNumber<SQLINTEGER>(target, cell);
-                break;
-            case SQL_C_SBIGINT:
-                length = PutNumber<long long>(target, cell);
-                break;
-            case SQL_C_FLOAT:
-                length = PutNumber<float>(target, cell);
-                break;
-            case SQL_C_DOUBLE:
-                length = PutNumber<double>(target, cell);
-                break;
-            case SQL_C_TIMESTAMP: {
-                const auto* timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value);
-                if (!timestamp) return Delivery::Impossible;
-                length = PutFixed(target, *timestamp);
-                break;
-            }
-            default:
-                return Delivery::Impossible;
-        }
+constexpr std::pair<int, SQLLEN (*)(const Binding&, const Cell&)> kNumbers[] = {
+    {SQL_C_BIT, PutNumber<unsigned char>}, {SQL_C_TINYINT, PutNumber<unsigned char>},
+    {SQL_C_SHORT, PutNumber<SQLSMALLINT>}, {SQL_C_LONG, PutNumber<SQLINTEGER>},
+    {SQL_C_SBIGINT, PutNumber<long long>}, {SQL_C_FLOAT, PutNumber<float>},
+    {SQL_C_DOUBLE, PutNumber<double>},
+};
+
+// Writes a cell that is not NULL and answers its length.
+Delivery PutValue(const Binding& target, const Cell& cell, SQLLEN& length) {
+    for (const auto& [cType, put] : kNumbers) {
+        if (cType != target.cType) continue;
+        length = put(target, cell);
+        return Delivery::Whole;
     }
+    if (target.cType == SQL_C_TIMESTAMP) {
+        const auto* timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value);
+        if (!timestamp) return Delivery::Impossible;
+        length = PutFixed(target, *timestamp);
+        return Delivery::Whole;
+    }
+    const std::string bytes = TextOf(cell);
+    length = Size(bytes);
+    if (target.cType == SQL_C_WCHAR) {
+        return PutText(target.data, target.bufferLength, bytes) ? Delivery::Whole : Delivery::Cut;
+    }
+    if (target.cType != SQL_C_BINARY) return Delivery::Impossible;
+    const std::string_view part = CutTo(bytes, target.bufferLength);
+    std::memcpy(target.data, part.data(), part.size());
+    return part.size() < bytes.size() ? Delivery::Cut : Delivery::Whole;
+}
+
+Delivery Deliver(const Binding& target, const Cell& cell) {
+    const bool isNull = std::holds_alternative<std::monostate>(cell.value);
+    SQLLEN length = SQL_NULL_DATA;
+    const Delivery delivery = isNull ? Delivery::Whole : PutValue(target, cell, length);
     Put(target.indicators, cell.indicator.value_or(length));
     return delivery;
 }
@@ -348,11 +298,16 @@ SQLRETURN Fetch(Model& model, const Call& call, Handle& statement) {
     return status;
 }
 
-// --- Diagnostics
-// -------------------------------------------------------------------------------------
+// --- Diagnostics ---
 
-// Both functions that read a diagnostic have their outputs in the same places.
-SQLRETURN GiveDiagnostic(const Call& call, const Diagnostic& diagnostic) {
+SQLRETURN Error(Model& model, const Call& call) {
+    for (std::size_t i = 0; i < 3; ++i) {
+        const int kind = static_cast<int>(i) + SQL_HANDLE_ENV;
+        if (call.Handle(i) && !Use(model, call, i, kind)) return SQL_INVALID_HANDLE;
+    }
+    if (model.diagnostics.empty()) return SQL_NO_DATA;
+    const Diagnostic diagnostic = std::move(model.diagnostics.front());
+    model.diagnostics.pop_front();
     if (OdbcSucceeded(diagnostic.status)) {
         constexpr long long kStateSize = 6;
         PutText(call.Pointer<char>(3), kStateSize, diagnostic.state);
@@ -364,52 +319,22 @@ SQLRETURN GiveDiagnostic(const Call& call, const Diagnostic& diagnostic) {
     return diagnostic.status;
 }
 
-SQLRETURN Error(Model& model, const Call& call) {
-    for (std::size_t i = 0; i < 3; ++i) {
-        const int kind = static_cast<int>(i) + SQL_HANDLE_ENV;
-        if (call.Handle(i) && !Use(model, call, i, kind)) return SQL_INVALID_HANDLE;
-    }
-    if (model.diagnostics.empty()) return SQL_NO_DATA;
-    const Diagnostic diagnostic = std::move(model.diagnostics.front());
-    model.diagnostics.pop_front();
-    return GiveDiagnostic(call, diagnostic);
-}
-
-SQLRETURN GetDiagRec(Model& model, const Call& call) {
-    if (!Use(model, call, 1, static_cast<int>(call.Number(0)))) return SQL_INVALID_HANDLE;
-    const auto index = static_cast<std::size_t>(call.Number(2) - 1);
-    if (index >= model.diagnostics.size()) return SQL_NO_DATA;
-    return GiveDiagnostic(call, model.diagnostics[index]);
-}
-
 using Action = SQLRETURN (*)(Model&, const Call&);
 constexpr std::pair<std::string_view, Action> kActions[] = {
     {"SQLAllocHandle", AllocHandle},
     {"SQLFreeHandle", FreeHandle},
     {"SQLSetEnvAttr", CheckEnvironment},
-    {"SQLConnect", Connect},
-    {"SQLConnectW", Connect},
-    {"SQLDriverConnect", Connect},
     {"SQLDriverConnectW", Connect},
     {"SQLDisconnect", Disconnect},
-    {"SQLError", Error},
     {"SQLErrorW", Error},
-    {"SQLGetDiagRec", GetDiagRec},
-    {"SQLGetDiagRecW", GetDiagRec},
     {"SQLFreeStmt", OnStatement<FreeStmt>},
-    {"SQLCloseCursor", OnStatement<CloseCursor>},
     {"SQLSetStmtAttr", OnStatement<SetStmtAttr>},
-    {"SQLSetStmtAttrW", OnStatement<SetStmtAttr>},
-    {"SQLPrepare", OnStatement<Prepare>},
     {"SQLPrepareW", OnStatement<Prepare>},
     {"SQLExecute", OnStatement<Execute>},
-    {"SQLExecDirect", OnStatement<ExecDirect>},
     {"SQLExecDirectW", OnStatement<ExecDirect>},
     {"SQLBindParameter", OnStatement<BindParameter>},
     {"SQLBindCol", OnStatement<BindCol>},
     {"SQLRowCount", OnStatement<RowCount>},
-    {"SQLNumResultCols", OnStatement<NumResultCols>},
-    {"SQLColAttribute", OnStatement<ColAttribute>},
     {"SQLColAttributeW", OnStatement<ColAttribute>},
     {"SQLFetch", OnStatement<Fetch>},
 };

@@ -3,8 +3,9 @@
 // ctypes (global scope, before the first connect, so that the loader finds them by their names) and
 // call these functions on the first. Not thread-safe. All texts are 8-bit UTF-8.
 //
-// What it models by itself: handles, prepare, parameters, execute, result sets, bound columns,
-// fetch, diagnostics. Every other function is recorded and succeeds without effect.
+// What it models by itself, as far as the module calls it: handles, prepare, parameters, execute,
+// result sets, bound columns, fetch, diagnostics. Every other function is recorded and succeeds
+// without effect.
 #pragma once
 
 #include "util/def.h"
@@ -21,9 +22,9 @@ VORDA_EXPORT void scripted_reset(void);
 // One line per call, joined by newlines, for example
 //   SQLAllocHandle(3, dbc1, stmt1)          the new handle in place of the output pointer
 //   SQLPrepareW(stmt1, "SELECT @1 ", 10)
-//   SQLBindParameter(stmt1, 1, in, ctype=4, sqltype=4, size=4, digits=0, buflen=4, values=[5],
-//   lens=[4]) SQLSetStmtAttr(stmt1, 22, 3)            the three attribute setters come without
-//   their length SQLExecute(stmt1)
+//   SQLBindParameter(stmt1, 1, in, ctype=4, sqltype=4, size=4, digits=0, buflen=4, values=[5], ...)
+//   SQLSetStmtAttr(stmt1, 22, 3)            attribute setters come without their length
+//   SQLExecute(stmt1)
 //     1: values=[5, 6, NULL], lens=[4, 4, -1]
 // The indented lines after an execution show what the bound memory held for each parameter, all
 // sets. Handles are named by kind and order of allocation ("stmt2"), with "(freed)" once freed;
@@ -54,8 +55,8 @@ typedef int (*scripted_handler_function)(const char* name, const long long* args
                                          int* status);
 VORDA_EXPORT void scripted_handler(scripted_handler_function handler);
 
-// Appends a diagnostic. SQLError(W) takes the first one away, SQLGetDiagRec(W) reads it by number;
-// with none left both return SQL_NO_DATA. Only the statuses 0 and 1 write anything.
+// Appends a diagnostic. SQLErrorW takes the first one away; with none left it returns SQL_NO_DATA.
+// Only the statuses 0 and 1 write anything.
 // `reported_length` is the length that is claimed for the text, -1 for the true one.
 VORDA_EXPORT void scripted_diag(const char* state, int native, const char* text,
                                 int reported_length, int status);
@@ -78,7 +79,6 @@ VORDA_EXPORT void scripted_row(void);
 VORDA_EXPORT void scripted_cell_null(void);
 VORDA_EXPORT void scripted_cell_int(long long value);
 VORDA_EXPORT void scripted_cell_double(double value);
-VORDA_EXPORT void scripted_cell_text(const char* text);
 // Any bytes, for text and for binary columns.
 VORDA_EXPORT void scripted_cell_bytes(const char* bytes, int length);
 VORDA_EXPORT void scripted_cell_timestamp(int year, int month, int day, int hour, int minute,

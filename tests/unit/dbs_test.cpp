@@ -30,7 +30,7 @@ class DbsTest : public ScriptedTest {
         scripted_column("c", SQL_WVARCHAR, 5, 6, 7, SQL_NULLABLE);
         for (const int length : lengths) {
             scripted_row();
-            scripted_cell_text(std::string(static_cast<std::size_t>(length), 'x').c_str());
+            scripted_cell_bytes(std::string(static_cast<std::size_t>(length), 'x').data(), length);
         }
         ASSERT_EQ(dbs.Execute("SELECT c", 8), VORDA_OK);
     }
