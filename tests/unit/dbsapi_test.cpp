@@ -123,37 +123,13 @@ TEST_F(DbsApiTest, FreeingDoesNotDisconnect) {
 }
 
 TEST_F(DbsApiTest, ANullStatementIsAnEmptyOne) {
+    EXPECT_EQ(DBSPrepare(handle, nullptr, 5, nullptr), VORDA_OK);
+    EXPECT_NE(TakeLog().find("SQLPrepareW(stmt1, \"\", 0)"), std::string::npos);
+    EXPECT_EQ(DBSExecDirect(handle, nullptr, 5), VORDA_OK);
+    EXPECT_NE(TakeLog().find("SQLExecDirectW(stmt2, \"\", 0)"), std::string::npos);
     DBSLEN markers = -7;
     EXPECT_EQ(DBSPrepare(handle, " SELECT ?, '?', @name", 2, &markers), VORDA_OK);
     EXPECT_EQ(markers, 2);
-    TakeLog();
-    EXPECT_EQ(DBSPrepare(handle, nullptr, 5, nullptr), VORDA_OK);
-    EXPECT_NE(TakeLog().find("SQLPrepareW(stmt2, \"\", 0)"), std::string::npos);
-    EXPECT_EQ(DBSExecDirect(handle, nullptr, 5), VORDA_OK);
-    EXPECT_NE(TakeLog().find("SQLExecDirectW(stmt3, \"\", 0)"), std::string::npos);
-}
-
-TEST_F(DbsApiTest, TheKindOfStatementDecidesOnRowsAndCounts) {
-    for (const std::string sql :
-         {"SELECT 1", "EXEC p", "EXECUTE p", "UPDATE t SET a = 1", "INSERT INTO t VALUES(1)",
-          "DELETE FROM t", "CREATE TABLE t(a)"}) {
-        SCOPED_TRACE(sql);
-        const bool hasResult = sql.starts_with("SELECT") || sql.starts_with("EXEC");
-        for (const bool isPrepared : {false, true}) {
-            scripted_result();
-            scripted_row_count(3);
-            scripted_column("c", SQL_INTEGER, 0, 0, 0, 0);
-            DBSPrepare(handle, sql.c_str(), SQL_NTS, nullptr);
-            EXPECT_EQ(isPrepared ? DBSExecute(handle) : DBSExecDirect(handle, sql.c_str(), SQL_NTS),
-                      VORDA_OK);
-            DBSLEN rows = -7;
-            DBSSMALLINT columns = -7;
-            EXPECT_EQ(DBSRowCount(handle, &rows), VORDA_OK);
-            EXPECT_EQ(rows, hasResult ? 0 : 3);
-            EXPECT_EQ(DBSNumResultCols(handle, &columns), hasResult ? VORDA_OK : -1);
-            EXPECT_EQ(columns, hasResult ? 1 : -1);
-        }
-    }
 }
 
 TEST_F(DbsApiTest, AnExecutionEndsWhatThePreviousOneLeft) {
@@ -284,27 +260,23 @@ TEST_F(DbsApiTest, NullsAndBadIndexesWriteNoText) {
     EXPECT_TRUE(isCut == 7 && reported == 7);
 }
 
-TEST_F(DbsApiTest, ErrorsOfAFetchAreReadOnTheirOwn) {
+TEST_F(DbsApiTest, ErrorsNeedNoPlaceForTheirText) {
+    DBSINTEGER native = 7;
+    DBSSMALLINT length = 7;
+    char text[16] = "#";
+    DBSSetStmtAttr(handle, 21, nullptr, 0);
+    EXPECT_EQ(DBSError(handle, nullptr, text, nullptr), VORDA_OK);
+    EXPECT_STREQ(text, "#");
+    ExpectError(1103, "Unknown dbsource attribute.");
+
+    // Those of a fetch are read on their own.
     FetchText("abc");
     EXPECT_EQ(DBSFetchError(handle, nullptr, nullptr, nullptr), VORDA_NO_MORE_DATA);
     FailNext("SQLFetch", 8, "connection lost");
     EXPECT_EQ(DBSFetch(handle), 8);
-    DBSINTEGER native = 7;
-    DBSSMALLINT length = 7;
-    char text[16] = "";
     EXPECT_EQ(DBSFetchError(handle, &native, text, &length), VORDA_OK);
     EXPECT_TRUE(native == 8 && length == 15);
     EXPECT_STREQ(text, "connection lost");
-    ExpectError(VORDA_OK, "");
-    EXPECT_EQ(DBSFetch(handle), VORDA_NO_MORE_DATA);
-    EXPECT_EQ(DBSFetchError(handle, nullptr, nullptr, nullptr), VORDA_NO_MORE_DATA);
-}
-
-TEST_F(DbsApiTest, TheErrorNeedsNoPlaceForItsText) {
-    DBSSetStmtAttr(handle, 21, nullptr, 0);
-    char text[] = "#";
-    EXPECT_EQ(DBSError(handle, nullptr, text, nullptr), VORDA_OK);
-    EXPECT_STREQ(text, "#");
     ExpectError(1103, "Unknown dbsource attribute.");
 }
 

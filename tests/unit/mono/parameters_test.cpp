@@ -110,11 +110,13 @@ SQLSetStmtAttr(stmt1, 22, 1)
 TEST_F(ParameterTest, NullsAndEmptyTextsNeedNoMemory) {
     SetBatchSize(2);
     const int nulls[] = {SQL_NULL_DATA, SQL_NULL_DATA}, zeros[] = {0, 0};
-    EXPECT_EQ(source.AddParam("@1", 2, DBTYPE_STRING, nullptr, 0, nulls), VORDA_OK);
-    EXPECT_EQ(source.AddParam("@2", 2, DBTYPE_DATETIME, nullptr, 8, nulls), VORDA_OK);
-    EXPECT_EQ(source.AddParam("@3", 2, DBTYPE_STRING, nullptr, 8, zeros), VORDA_OK);
-    EXPECT_EQ(source.AddParam("@4", 2, DBTYPE_INTEGER, nullptr, 8, zeros),
-              VORDA_INDEX_OUT_OF_RANGE);
+    const auto bind = [this](int dbType, int len, const int* lengths) {
+        return source.AddParam("@1", 2, dbType, nullptr, len, lengths);
+    };
+    EXPECT_EQ(bind(DBTYPE_STRING, 0, nulls), VORDA_OK);
+    EXPECT_EQ(bind(DBTYPE_DATETIME, 8, nulls), VORDA_OK);
+    EXPECT_EQ(bind(DBTYPE_STRING, 8, zeros), VORDA_OK);
+    EXPECT_EQ(bind(DBTYPE_INTEGER, 8, zeros), VORDA_INDEX_OUT_OF_RANGE);
     EXPECT_EQ(Run(), R"(
 SQLSetStmtAttr(stmt1, 22, 2)
 SQLExecute(stmt1)

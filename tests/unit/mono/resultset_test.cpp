@@ -63,27 +63,24 @@ TEST_F(ResultSetTest, TypesAndBindings) {
     }
 }
 
-TEST_F(ResultSetTest, DescriptionsLastUntilTheEnd) {
-    AddColumn("id", SQL_INTEGER);
+TEST_F(ResultSetTest, DescriptionsEndWithTheStatement) {
     AddColumn("n\xC3\xA1zev", SQL_WVARCHAR);
     EXPECT_EQ(Execute(), VORDA_OK);
-    ASSERT_EQ(rs.GetColumnCount(), 2);
-    const auto info = rs.GetColumnInfo(1)->Clone();
+    ASSERT_EQ(rs.GetColumnCount(), 1);
+    const auto info = rs.GetColumnInfo(0)->Clone();
     EXPECT_EQ(rs.GetColumnInfo(-1), nullptr);
-    EXPECT_STREQ(rs.GetColumnInfo(2)->ColumnName.Deref(), "");
+    EXPECT_STREQ(rs.GetColumnInfo(1)->ColumnName.Deref(), "");
     EXPECT_EQ(rs.GetColumnInfo(INT_MAX)->DataType, 0);
     TakeLog();
-    EXPECT_EQ(rs.Close(), VORDA_OK);
-    EXPECT_EQ(rs.GetColumnCount(), 0);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(rs.Close(), VORDA_OK);
+        EXPECT_EQ(rs.GetColumnCount(), 0);
+    }
     EXPECT_EQ(TakeLog(), "\nSQLFreeStmt(stmt1, 1)\n");
-    EXPECT_EQ(rs.Close(), VORDA_OK);
-    EXPECT_EQ(TakeLog(), "\n");
 
     EXPECT_STREQ(info->ColumnName.Deref(), "n\xC3\xA1zev");
     EXPECT_EQ(info->DataType, DBTYPE_STRING);
-    EXPECT_EQ(info->ColumnSize, 20);
-    EXPECT_EQ(info->Precision, 10);
-    EXPECT_EQ(info->Scale, -3);
+    EXPECT_TRUE(info->ColumnSize == 20 && info->Precision == 10 && info->Scale == -3);
     EXPECT_EQ(info->IsNullable, SQL_NULLABLE_UNKNOWN);
 }
 
