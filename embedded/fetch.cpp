@@ -88,9 +88,9 @@ SQLRETURN Statement::fetch() {
 // for.
 void Statement::lookAhead() {
     Work& work = *m_work;
-    work.passed = work.rows->lookAhead();
-    if (work.prepared || !work.compiled) return;
-    if (!sqlite3_stmt_busy(work.compiled.get())) work.compiled.release();
+    const Ahead ahead = work.rows->lookAhead();
+    work.passed = ahead != Ahead::Unknown;
+    if (ahead == Ahead::End && !work.prepared) work.compiled.release();
 }
 
 void Statement::chooseRoutes() {

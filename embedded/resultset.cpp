@@ -66,13 +66,13 @@ class LiveRows final : public ResultSet {
         return false;
     }
 
-    bool lookAhead() override {
+    Ahead lookAhead() override {
         try {
             m_unread = next();
         } catch (...) {
             m_failure = std::current_exception();
         }
-        return true;
+        return m_unread ? Ahead::Row : Ahead::End;
     }
 
     Cell cell(int column) const override { return cellOf(m_statement, column); }

@@ -12,6 +12,13 @@
 
 namespace embedded {
 
+/// What a look at the next row found.
+enum class Ahead {
+    Unknown,  ///< nothing was done, and the current row stays
+    Row,
+    End,  ///< no row, or a failure: the statement is no longer used
+};
+
 /// The rows of an executed statement, read once from first to last.
 class ResultSet {
   public:
@@ -32,8 +39,8 @@ class ResultSet {
 
     /// Leaves the current row, whose values nobody needs any more, to find out whether another one
     /// follows: rows that are used up let go of the database at once. What it finds, a failure too,
-    /// `next` answers. False when the current row stays.
-    virtual bool lookAhead() { return false; }
+    /// `next` answers.
+    virtual Ahead lookAhead() { return Ahead::Unknown; }
 
     /// The value in the 0-based column of the current row; valid until the next `next`.
     virtual Cell cell(int column) const = 0;

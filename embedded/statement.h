@@ -143,13 +143,14 @@ class Statement final : public Handle {
         int surplusParameter = 0;  ///< highest number bound beyond the markers of the prepared text
     };
 
-    /// Marks the statement as running for `cancel`.
+    /// Marks the statement as running for `cancel`, once a row: nothing else is ordered by the
+    /// mark.
     class Running {
       public:
         explicit Running(Statement& statement) noexcept : m_flag(statement.m_running) {
-            m_flag = true;
+            m_flag.store(true, std::memory_order_relaxed);
         }
-        ~Running() { m_flag = false; }
+        ~Running() { m_flag.store(false, std::memory_order_relaxed); }
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
 
