@@ -30,20 +30,19 @@ SQLFreeHandle(1, env1)
 }
 
 TEST_F(ClosedSourceTest, AFailedOpenKeepsItsHandlesForTheNext) {
+    const std::string allocates = "\nSQLAllocHandle(2, env1, dbc1)";
     const std::string connects = R"(
 SQLDriverConnectW(dbc1, null, "Server=a", -3, null, 0, null, 1)
 )";
     const struct {
         const char* function;
         int nth;
-        // The handle whose diagnostic is read.
-        const char* diagnosed;
-        // The calls of the Open after the failed one.
-        std::string next;
+        // The handle whose diagnostic is read, and the calls of the Open after the failed one.
+        std::string diagnosed, next;
     } steps[] = {
-        {"SQLSetEnvAttr", 1, "(env1, null", "\nSQLAllocHandle(2, env1, dbc1)" + connects},
-        {"SQLAllocHandle", 2, "(env1, null", "\nSQLAllocHandle(2, env1, dbc1)" + connects},
-        {"SQLDriverConnectW", 1, "(null, dbc1", connects},
+        {"SQLSetEnvAttr", 1, "SQLErrorW(env1, null", allocates + connects},
+        {"SQLAllocHandle", 2, "SQLErrorW(env1, null", allocates + connects},
+        {"SQLDriverConnectW", 1, "SQLErrorW(null, dbc1", connects},
     };
     for (const auto& [function, nth, diagnosed, next] : steps) {
         SCOPED_TRACE(function);
@@ -53,26 +52,15 @@ SQLDriverConnectW(dbc1, null, "Server=a", -3, null, 0, null, 1)
         EXPECT_EQ(Open(), VORDA_ODBC_ERROR);
         ExpectError(17, "no such server");
         EXPECT_EQ(source.IsOpen(), 0);
-        EXPECT_NE(TakeLog().find(std::string("SQLErrorW") + diagnosed), std::string::npos);
+        EXPECT_NE(TakeLog().find(diagnosed), std::string::npos);
         EXPECT_EQ(Open(), VORDA_OK);
         EXPECT_EQ(TakeLog(), next);
         source.Close();
-
-        scripted_reset();
-        scripted_answer_after(function, nth, SQL_SUCCESS_WITH_INFO);
-        Diagnose(5701, "changed database");
-        EXPECT_EQ(Open(), VORDA_OK);
-        ExpectError(5701, "changed database");
-        source.Close();
         ExpectError(VORDA_OK, "");
-        EXPECT_EQ(scripted_live_handles(0), 0);
     }
-}
-
-TEST_F(ClosedSourceTest, WithoutAnEnvironmentNothingElseIsTried) {
+    scripted_reset();
     scripted_answer("SQLAllocHandle", 1, SQL_ERROR);
     EXPECT_EQ(Open(), VORDA_NO_ENVIRONMENT);
-    ExpectError(1101, "Unable to alloc env handle");
     EXPECT_EQ(scripted_call_count(nullptr), 1);
     EXPECT_EQ(Open(), VORDA_OK);
 }

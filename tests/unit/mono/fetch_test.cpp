@@ -64,19 +64,16 @@ TEST_F(FetchTest, Outcomes) {
         int result, native;
         int next, getter;
     } cases[] = {
-        {SQL_SUCCESS_WITH_INFO, 0, VORDA_OK, VORDA_OK},
         {SQL_SUCCESS_WITH_INFO, kNone, VORDA_OK, VORDA_OK},
         {SQL_SUCCESS_WITH_INFO, -5, -5, VORDA_OK},
         // A native error must not read as the end of the rows.
         {SQL_SUCCESS_WITH_INFO, 100, VORDA_OK, VORDA_OK},
         {SQL_ERROR, 100, VORDA_ODBC_ERROR, 100},
-        {SQL_ERROR, 5, 5, 5},
         // Nor as a row or as NULL.
         {SQL_ERROR, 0, VORDA_ODBC_ERROR, VORDA_NOT_EXECUTED},
         {SQL_ERROR, -1, -1, VORDA_NOT_EXECUTED},
         {SQL_ERROR, kNone, VORDA_ODBC_ERROR, VORDA_NOT_EXECUTED},
         {SQL_STILL_EXECUTING, 5, 5, 5},
-        {SQL_SUCCESS, kNone, VORDA_OK, VORDA_OK},
     };
     scripted_column("c", SQL_INTEGER, 0, 0, 0, SQL_NULLABLE);
     for (int row = 0; row < std::ssize(cases); ++row) {

@@ -72,30 +72,21 @@ long long g_arena[64];
 // A different value for each position, at the end of the type's range that a wrong width or sign
 // would damage.
 template <typename T>
-T Distinct(int position) {
+long long Distinct(int position) {
     if constexpr (std::is_pointer_v<T>) {
-        return reinterpret_cast<T>(&g_arena[position]);
+        return reinterpret_cast<long long>(&g_arena[position]);
     } else if constexpr (std::is_signed_v<T>) {
-        return static_cast<T>(std::numeric_limits<T>::min() + position);
+        return std::numeric_limits<T>::min() + position;
     } else {
-        return static_cast<T>(std::numeric_limits<T>::max() - static_cast<T>(position));
-    }
-}
-
-template <typename T>
-long long AsNumber(T value) {
-    if constexpr (std::is_pointer_v<T>) {
-        return reinterpret_cast<long long>(value);
-    } else {
-        return static_cast<long long>(value);
+        return static_cast<long long>(std::numeric_limits<T>::max() - static_cast<T>(position));
     }
 }
 
 template <typename... Parameters>
 SQLRETURN CallWithDistinct(SQLRETURN (*function)(Parameters...), std::vector<long long>& sent) {
     return [&]<int... positions>(std::integer_sequence<int, positions...>) {
-        sent = {AsNumber(Distinct<Parameters>(positions))...};
-        return function(Distinct<Parameters>(positions)...);
+        sent = {Distinct<Parameters>(positions)...};
+        return function((Parameters)Distinct<Parameters>(positions)...);
     }
     (std::make_integer_sequence<int, sizeof...(Parameters)>());
 }
@@ -228,22 +219,16 @@ TEST_F(OdbcTest, TheTableLivesAsLongAsAnEnvironment) {
 // Every status is judged as an unsigned 16-bit number.
 TEST_F(OdbcTest, OnlySuccessfulEnvironmentsAreCounted) {
     const struct {
-        const char* function;
-        int status;
-        int count;
-    } steps[] = {{"SQLAllocHandle", SQL_ERROR, 0},
-                 {"SQLAllocHandle", SQL_INVALID_HANDLE, 0},
-                 {"SQLAllocHandle", SQL_NO_DATA, 0},
-                 {"SQLAllocHandle", 2, 0},
-                 {"SQLAllocHandle", SQL_SUCCESS_WITH_INFO, 1},
-                 {"SQLAllocHandle", SQL_ERROR, 1},
-                 {"SQLFreeHandle", SQL_ERROR, 1},
-                 {"SQLFreeHandle", SQL_SUCCESS_WITH_INFO, 0}};
+        bool allocates;
+        int status, count;
+    } steps[] = {{true, SQL_ERROR, 0},  {true, SQL_INVALID_HANDLE, 0},    {true, SQL_NO_DATA, 0},
+                 {true, 2, 0},          {true, SQL_SUCCESS_WITH_INFO, 1}, {true, SQL_ERROR, 1},
+                 {false, SQL_ERROR, 1}, {false, SQL_SUCCESS_WITH_INFO, 0}};
     SQLHENV environment = nullptr;
-    for (const auto& [function, status, count] : steps) {
+    for (const auto& [allocates, status, count] : steps) {
+        const char* const function = allocates ? "SQLAllocHandle" : "SQLFreeHandle";
         const auto answer = status < 0 || status > 1 ? scripted_answer : scripted_answer_after;
         answer(function, scripted_call_count(function) + 1, status);
-        const bool allocates = std::string(function) == "SQLAllocHandle";
         EXPECT_EQ(allocates ? SQLAllocEnv(&environment) : SQLFreeEnv(environment), status);
         EXPECT_EQ(g_driver_handle_counter, count) << function << status;
         EXPECT_EQ(CountBound(), count * 113);
