@@ -74,6 +74,14 @@ int AddFixed(Dbs& dbs, int index, int type, const Value& value) {
     return dbs.AddParam(index, type, &value, size, &size);
 }
 
+template <class Value>
+int AddConverted(Dbs& dbs, int index, int type, PyObject* object,
+                 int (*convert)(PyObject*, Value&)) {
+    Value value;
+    convert(object, value);
+    return AddFixed(dbs, index, type, value);
+}
+
 bool BindInt(Dbs& dbs, int index, PyObject* value, int& status) {
     int overflow = 0;
     const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
@@ -103,30 +111,18 @@ bool Bind(Dbs& dbs, int index, PyObject* value, Py_ssize_t position) {
         case ParamKind::Int:
             valid = BindInt(dbs, index, value, status);
             break;
-        case ParamKind::Float: {
-            double number;
-            GetPyObjectAsDouble(value, number);
-            status = AddFixed(dbs, index, DBTYPE_DOUBLE, number);
+        case ParamKind::Float:
+            status = AddConverted(dbs, index, DBTYPE_DOUBLE, value, GetPyObjectAsDouble);
             break;
-        }
-        case ParamKind::DateTime: {
-            _db_datetime_ stamp;
-            GetPyObjectAsDatetime(value, stamp);
-            status = AddFixed(dbs, index, DBTYPE_DATETIME_MICRO, stamp);
+        case ParamKind::DateTime:
+            status = AddConverted(dbs, index, DBTYPE_DATETIME_MICRO, value, GetPyObjectAsDatetime);
             break;
-        }
-        case ParamKind::Date: {
-            _db_date_ date;
-            GetPyObjectAsDate(value, date);
-            status = AddFixed(dbs, index, DBTYPE_DATE, date);
+        case ParamKind::Date:
+            status = AddConverted(dbs, index, DBTYPE_DATE, value, GetPyObjectAsDate);
             break;
-        }
-        case ParamKind::Time: {
-            _db_time_ time;
-            GetPyObjectAsTime(value, time);
-            status = AddFixed(dbs, index, DBTYPE_TIME, time);
+        case ParamKind::Time:
+            status = AddConverted(dbs, index, DBTYPE_TIME, value, GetPyObjectAsTime);
             break;
-        }
         case ParamKind::None: {
             // A length of 0, not -1: None is an empty text to the provider, not NULL.
             const int size = 0;
