@@ -22,7 +22,7 @@ std::string Tokenize(const char* sql) {
         if (tokenizer.LastErrorCode() != VORDA_OK) {
             return tokens + "!" + std::to_string(tokenizer.LastErrorCode());
         }
-        tokens.append({kKinds[token->tkKind], ':'}).append(token->Text());
+        tokens.append({kKinds[static_cast<std::size_t>(token->tkKind)], ':'}).append(token->Text());
     }
 }
 
