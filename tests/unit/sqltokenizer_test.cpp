@@ -11,7 +11,7 @@ namespace {
 // a letter for its kind, ":" and its text: identifier, keyword, parameter, string, number (#),
 // bool, operator, null, and the single characters.
 std::string Tokenize(const char* sql) {
-    constexpr std::string_view kKinds = "ikps?#bo?().n{}";
+    constexpr char kKinds[] = "ikps?#bo?().n{}";
     SqlTokenizer tokenizer;
     EXPECT_EQ(tokenizer.InitWithUTF8(sql), VORDA_OK);
     std::string tokens;
