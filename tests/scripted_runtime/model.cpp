@@ -301,6 +301,7 @@ SQLRETURN Fetch(Model& model, const Call& call, Handle& statement) {
 // --- Diagnostics ---
 
 SQLRETURN Error(Model& model, const Call& call) {
+    if (!call.Handle(0) && !call.Handle(1) && !call.Handle(2)) model.Error(call, "no handle");
     for (std::size_t i = 0; i < 3; ++i) {
         const int kind = static_cast<int>(i) + SQL_HANDLE_ENV;
         if (call.Handle(i) && !Use(model, call, i, kind)) return SQL_INVALID_HANDLE;

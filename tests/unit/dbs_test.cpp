@@ -78,6 +78,28 @@ TEST_F(DbsTest, MethodsRecordTheErrorsTheyMeet) {
     ExpectError(1105, "Unknown parameter data type.");
 }
 
+TEST_F(DbsTest, DatesAndTimesFillTheirOwnRecord) {
+    Open();
+    scripted_column("t", SQL_TYPE_TIMESTAMP, 0, 0, 0, 0);
+    scripted_row();
+    scripted_cell_timestamp(2024, 2, 29, 23, 59, 58, 123456789);
+    dbs.Execute("SELECT 1", 8);
+    dbs.Next();
+    struct {
+        _db_date_ date;
+        int dateEnd = 7;
+        _db_time_ time;
+        int timeEnd = 7;
+        _db_datetime_ stamp;
+    } values;
+    EXPECT_EQ(dbs.GetDate(0, &values.date), VORDA_OK);
+    EXPECT_EQ(dbs.GetTime(0, &values.time), VORDA_OK);
+    EXPECT_EQ(dbs.GetDateTime(0, &values.stamp), VORDA_OK);
+    EXPECT_TRUE(values.date.Day == 29 && values.dateEnd == 7);
+    EXPECT_TRUE(values.time.Millisecond == 123456789 && values.timeEnd == 7);
+    EXPECT_TRUE(values.stamp.Year == 2024 && values.stamp.Millisecond == 123);
+}
+
 TEST_F(DbsTest, TheBufferGrowsByDoublingAndNeverShrinks) {
     // 256 bytes hold a text of 127: twice its length and a terminator of two.
     OpenTexts({100, 127, 128, 255, 10, 2047});

@@ -22,6 +22,7 @@ SQLPrepareW(stmt2, "", 0)
     FailNext("SQLAllocHandle", 11, "no statement");
     EXPECT_EQ(source.Prepare("x", 1), VORDA_ODBC_ERROR);
     ExpectError(11, "no statement");
+    EXPECT_NE(TakeLog().find("SQLErrorW(null, dbc1, null, "), std::string::npos);
     EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
     EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_NOT_PREPARED);
     ExpectError(1103, "The prepared statement is required");
@@ -66,6 +67,38 @@ SQLRowCount(stmt2, ptr)
     SetBatchSize(1);
     EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
     EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
+}
+
+// Each step's diagnostic is read from the handle that the step was for.
+TEST_F(SourceTest, FailuresAndInformationOfAnExecution) {
+    const struct {
+        bool isPrepared;
+        const char* function;
+        const char* diagnosed;
+    } steps[] = {{true, "SQLSetStmtAttr", "(null, null, stmt1, "},
+                 {true, "SQLExecute", "(null, null, stmt1, "},
+                 {true, "SQLRowCount", "(null, null, stmt1, "},
+                 {false, "SQLAllocHandle", "(null, dbc1, null, "},
+                 {false, "SQLExecDirectW", "(null, null, stmt3, "},
+                 {false, "SQLRowCount", "(null, null, stmt5, "}};
+    SetBatchSize(2);
+    source.Prepare("x", 1);
+    for (const auto& [isPrepared, function, diagnosed] : steps) {
+        SCOPED_TRACE(function);
+        for (const bool fails : {true, false}) {
+            TakeLog();
+            fails ? FailNext(function, 20, "refused") : WarnNext(function, 30, "done, but");
+            int rows = 7;
+            EXPECT_EQ(isPrepared ? source.Execute(nullptr, &rows)
+                                 : source.Execute("x", 1, nullptr, &rows),
+                      fails ? VORDA_ODBC_ERROR : VORDA_OK);
+            EXPECT_EQ(rows, fails ? 7 : 0);
+            ExpectError(fails ? 20 : 30, fails ? "refused" : "done, but");
+            const std::string log = TakeLog();
+            EXPECT_TRUE(!fails || log.find(std::string("SQLErrorW") + diagnosed) != log.npos)
+                << log;
+        }
+    }
 }
 
 TEST_F(SourceTest, TheBatchSizeIsSetAroundEachExecution) {
