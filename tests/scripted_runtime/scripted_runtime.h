@@ -96,9 +96,9 @@ VORDA_EXPORT void scripted_cell_indicator(long long indicator);
 // Handles not freed, of kind 1 (environment), 2 (connection), 3 (statement) or 0 (all).
 // Disconnecting frees the connection's statements.
 VORDA_EXPORT int scripted_live_handles(int kind);
-// Number of log lines that begin with "ERROR:": a freed or unknown handle or, for a diagnostic, none
-// was used, a handle was freed while others still hang on it, or a bound length does not fit its
-// buffer.
+// Number of log lines that begin with "ERROR:": a freed or unknown handle or, for a diagnostic,
+// none was used, a handle was freed while others still hang on it, or a bound length does not fit
+// its buffer.
 VORDA_EXPORT int scripted_errors(void);
 
 #ifdef __cplusplus
