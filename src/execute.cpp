@@ -87,8 +87,8 @@ bool BindInt(Dbs& dbs, int index, PyObject* value, int& status) {
     const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
     if (overflow != 0) return false;
     const bool fits32 = static_cast<unsigned long long>(number) + 2147483648ULL <= 4294967295ULL;
-    status = fits32 ? AddFixed(dbs, index, DBTYPE_INTEGER, static_cast<int>(number))
-                    : AddFixed(dbs, index, DBTYPE_BIGINT, number);
+    status = fits32 ? AddConverted(dbs, index, DBTYPE_INTEGER, value, GetPyObjectAsInt)
+                    : AddConverted(dbs, index, DBTYPE_BIGINT, value, GetPyObjectAsLongLong);
     return true;
 }
 

@@ -1,14 +1,33 @@
-// Classification of a statement without rewriting it.
-#include <new>
-
 #include "dbutil.h"
+#include "include/errors.h"
+#include "include/metadata.h"
 
-int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, const char** verb) {
-    static constexpr const char* kWords[] = {"SELECT", "UPDATE", "INSERT", "DELETE"};
-    const int sqlType = MarkerWalk(originalSql).SqlType();
-    *verb = nullptr;
-    if (sqlType < SQLTYPE_SELECT || sqlType > SQLTYPE_DELETE) return -1;
-    if (normalizedSql.Set(originalSql) != VORDA_OK) throw std::bad_alloc();
-    *verb = kWords[sqlType - SQLTYPE_SELECT];
-    return VORDA_OK;
+namespace {
+
+// The value that the dictionary holds for a marker, or empty with an error set.
+PyRef ValueOf(PyObject* dict, const SQL_TOKEN& marker) {
+    const char* const text = marker.sValue.Deref();
+    // A marker is taken from text that Python gave, but may hold a part of a character only.
+    const PyRef key(PyUnicode_DecodeUTF8(text + 1, marker.sValue.Length() - 1, "replace"));
+    if (!key) return PyRef();
+    PyObject* const value = PyDict_GetItemWithError(dict, key.Get());
+    if (value != nullptr) return PyRef::Borrow(value);
+    if (PyErr_Occurred()) return PyRef();
+    return Raise(ProgrammingError, "Fail to bind parameters: %s", text);
+}
+
+}  // namespace
+
+int FlattenDictParameters(const char* sql, PyObject* dict, PyObject** tupleParams) {
+    const PyRef values(PyList_New(0));
+    if (!values) return -1;
+    MarkerWalk walk(sql);
+    while (const SQL_TOKEN* marker = walk.NextMarker()) {
+        const PyRef value = ValueOf(dict, *marker);
+        if (!value || PyList_Append(values.Get(), value.Get()) < 0) return -1;
+    }
+    PyObject* const tuple = PyList_AsTuple(values.Get());
+    if (tuple == nullptr) return -1;
+    *tupleParams = tuple;
+    return 0;
 }
