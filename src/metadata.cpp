@@ -1,6 +1,6 @@
+#include "include/metadata.h"
 #include "dbutil.h"
 #include "include/errors.h"
-#include "include/metadata.h"
 
 namespace {
 
