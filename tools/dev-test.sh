@@ -1,0 +1,9 @@
+. tools/suites.sh
+
+setup
+say "building for $python"
+build release
+start_suites
+suite "C++" cpp_tests "$folder" cpp
+python_tests "$folder" python
+finish_suites

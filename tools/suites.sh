@@ -1,0 +1,36 @@
+# Running suites of tests, and the summary of a whole run; for the commands in this folder.
+
+start_suites() {
+    results=$PWD/build/results; failed=
+    rm -rf "$results"; mkdir -p "$results"
+}
+
+finish_suites() {
+    say "summary"
+    "$python" tests/summary.py "$results"
+    [ -z "$failed" ] || fail "failed: ${failed#, }"
+}
+
+# Runs a suite; what fails is noted, and the next one runs all the same.
+suite() {
+    name=$1; shift
+    say "$name"
+    "$@" || failed="$failed, $name"
+}
+
+cpp_tests() {
+    ctest --test-dir "$1" --output-junit "$results/$2.xml" --output-on-failure >"build/$2.log" 2>&1 ||
+        { cat "build/$2.log"; return 1; }
+    tail -n 3 "build/$2.log"
+}
+
+# python_tests FOLDER NAME [ENV=...]...: both Python suites on what FOLDER holds.
+python_tests() {
+    built=$1; label=$2; shift 2
+    suite "$label: embedded runtime" env "$@" PYTHONPATH="$built/python:$pytest_folder" \
+        VORDA_BUILD="$built" "$python" -m pytest -q -p no:cacheprovider \
+        --junitxml "$results/$label-embedded.xml" tests/python/embedded
+    suite "$label: scripted runtime" env "$@" PYTHONPATH="$built/python:$pytest_folder" \
+        VORDA_BUILD="$built" LD_LIBRARY_PATH="$built/scripted" "$python" -m pytest -q \
+        -p no:cacheprovider --junitxml "$results/$label-scripted.xml" tests/python/scripted
+}
