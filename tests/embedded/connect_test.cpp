@@ -190,28 +190,7 @@ TEST(Diagnostics, FitTheBufferThatCallersHave) {
     EXPECT_LT(connection.error().message.size(), 200U);
 }
 
-TEST(Threads, ConnectionsWorkSideBySideAndOneCanBeShared) {
-    const TemporaryFolder folder;
-    Connection shared("Database=:memory:");
-    shared.must("CREATE TABLE t (a INTEGER)");
-    std::vector<std::thread> threads;
-    for (int n = 0; n < 4; ++n) {
-        threads.emplace_back([&, n] {
-            Connection own("Database=" + folder.file(std::to_string(n)));
-            own.must("CREATE TABLE t (a INTEGER)");
-            for (int i = 0; i < 200; ++i) {
-                own.must("INSERT INTO t VALUES (1)");
-                Statement statement(shared.handle);
-                EXPECT_EQ(SQL_SUCCESS, statement.run("INSERT INTO t VALUES (1)"));
-            }
-            EXPECT_EQ(Rows{"200"}, own.query("SELECT count(*) FROM t"));
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(Rows{"800"}, shared.query("SELECT count(*) FROM t"));
-}
-
-TEST(Threads, CancelStopsARunningStatement) {
+TEST(Cancel, StopsARunningStatement) {
     Connection connection("Database=:memory:");
     Statement statement(connection.handle);
     EXPECT_EQ(SQL_SUCCESS, RT_SQLCancel(kDriver, statement.handle));  // nothing runs: no effect
