@@ -143,6 +143,8 @@ def test_a_random_table_reads_as_the_standard_library_reads_it(cursor, stdlib):
          generator.choice([None, "".join(generator.choices(alphabet, k=generator.randrange(200)))]))
         for i in range(2000)
     ]
+    stdlib.execute("BEGIN")
     stdlib.executemany("INSERT INTO t VALUES (?, ?, ?, ?)", rows)
+    stdlib.execute("COMMIT")
     cursor.execute("SELECT * FROM t ORDER BY i")
     assert [tuple(row) for row in cursor] == rows
