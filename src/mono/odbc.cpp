@@ -3,11 +3,11 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
 
+#include "mono/runtimesearch.h"
 #include "runtime/lib.h"
 
 char g_driverPath[1025];
@@ -21,11 +21,6 @@ SQLSMALLINT FunctionMap[SQL_API_ODBC3_ALL_FUNCTIONS_SIZE];
 #include "mono/odbc_functions.def"
 
 namespace {
-
-constexpr char kRuntimeName[] = "libvordart.x64.so.6";
-constexpr char kCompatName[] = "libvordart-compat.x64.so.6";
-constexpr char kRuntimeFolder[] = "/opt/vorda/rt/lib";
-constexpr std::size_t kPathSize = 1024;
 
 // What SQLGetFunctions reports. Two entries stand twice; the old option calls and SQLBindParam are
 // exported but deliberately not reported.
@@ -61,27 +56,18 @@ static_assert(std::size(ALL_FUNCTIONS) == 74);
 __attribute__((constructor)) void g_init() {}
 __attribute__((destructor)) void g_fini() {}
 
-void* Open(const char* path) {
-    void* const library = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
-    if (!library) dlerror();  // A failed attempt leaves no error behind for others to find.
-    return library;
-}
-
 // What an earlier attempt opened is overwritten, not closed: the pair counts only as found by one
 // attempt.
-bool OpenPair(const char* runtime, const char* compat) {
-    g_runtimeHandle = Open(runtime);
-    g_runtimeCompatHandle = Open(compat);
+bool OpenPair(int attempt) {
+    const auto open = [attempt](RuntimeLibrary library) {
+        char path[kRuntimePathSize];
+        const char* reason = nullptr;
+        RuntimePath(path, attempt, library, g_driverPath);
+        return OpenRuntimeLibrary(path, &reason);
+    };
+    g_runtimeHandle = open(RUNTIME_MAIN);
+    g_runtimeCompatHandle = open(RUNTIME_COMPANION);
     return g_runtimeHandle && g_runtimeCompatHandle;
-}
-
-void FolderPath(char (&path)[kPathSize], const char* name) {
-    std::snprintf(path, sizeof path, "%s/%s", kRuntimeFolder, name);
-}
-
-void PathBesideModule(char (&path)[kPathSize], const char* name) {
-    strncpy_s(path, sizeof path, g_driverPath, sizeof path);
-    ReplaceFileName(path, name, sizeof path);
 }
 
 template <typename Method>
@@ -105,19 +91,10 @@ void ReleaseRuntime() {
 void LoadRuntime() {
     if (g_runtimeHandle) return;
     std::fill(std::begin(g_driverPath), std::end(g_driverPath), '\0');
-    GetCurrentPath(nullptr, g_driverPath, kPathSize);
+    GetCurrentPath(nullptr, g_driverPath, kRuntimePathSize);
 
-    if (OpenPair(kRuntimeName, kCompatName)) return;
-
-    char runtime[kPathSize] = {};
-    char compat[kPathSize] = {};
-    FolderPath(runtime, kRuntimeName);
-    FolderPath(compat, kCompatName);
-    if (OpenPair(runtime, compat)) return;
-
-    PathBesideModule(runtime, kRuntimeName);
-    PathBesideModule(compat, kCompatName);
-    OpenPair(runtime, compat);
+    for (int attempt = 0; attempt < kRuntimeAttempts && !OpenPair(attempt); ++attempt) {
+    }
 }
 
 void UnloadRuntime() {
