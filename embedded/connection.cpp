@@ -31,6 +31,11 @@ Connection::~Connection() = default;
 
 void Connection::open(const ConnectOptions& options) {
     if (isOpen()) throw Error("08002", "The connection is already open.", SQLITE_MISUSE);
+    if (forkCount() != 0) {
+        for (const auto& other : HandleRegistry::instance().all<Connection>()) {
+            other->forgetInheritedLocks();
+        }
+    }
     sqlite3* raw = nullptr;
     // The connection's own lock serialises all use.
     const int result = sqlite3_open_v2(fileName(options.database).c_str(), &raw,
@@ -50,19 +55,22 @@ void Connection::open(const ConnectOptions& options) {
     }
     addProcedureTables(raw);
     m_database = options.database;
+    auto session = std::make_unique<Session>(std::move(db));
     const std::lock_guard lock(m_interruptMutex);
-    m_session.emplace(std::move(db));
+    m_session = std::move(session);
 }
 
 void Connection::close() {
     if (!isOpen()) throw Error("08003", "The connection is not open.", SQLITE_MISUSE);
-    closeUnasked();
-    if (!m_autocommit && sqlite3_txn_state(db(), nullptr) == SQLITE_TXN_WRITE) {
+    forgetInheritedLocks();
+    if (!inherited()) closeUnasked();
+    if (!m_autocommit && !inherited() && sqlite3_txn_state(db(), nullptr) == SQLITE_TXN_WRITE) {
         throw Error("25000", "Commit or roll back the open transaction before disconnecting.",
                     SQLITE_MISUSE);
     }
     while (m_statements) m_statements->drop();
     const std::lock_guard lock(m_interruptMutex);
+    if (inherited()) static_cast<void>(m_session.release());
     m_session.reset();
 }
 
@@ -111,6 +119,11 @@ void Connection::closeCursors() noexcept {
     for (Statement* statement = m_statements; statement; statement = statement->next) {
         statement->closeCursor();
     }
+}
+
+void Connection::forgetInheritedLocks() {
+    const std::lock_guard lock(m_interruptMutex);
+    if (inherited()) forgetLocks(m_session->db.get());
 }
 
 void Connection::interrupt() noexcept {

@@ -5,10 +5,10 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <vector>
 
 #include "connectstring.h"
+#include "fork.h"
 #include "handle.h"
 #include "schemaguard.h"
 #include "statementcache.h"
@@ -35,11 +35,17 @@ class Connection final : public Handle {
     std::mutex& mutex() noexcept { return m_mutex; }
     SQLHANDLE environment() const noexcept { return m_environment; }
 
-    bool isOpen() const noexcept { return m_session.has_value(); }
+    bool isOpen() const noexcept { return m_session != nullptr; }
     void open(const ConnectOptions& options);
 
+    /// Whether the database was opened by the process from which this one was forked. SQLite must
+    /// not be called with it then: the locks and the transaction are the parent's, and even to
+    /// close it would undo in the file what the parent is doing there.
+    bool inherited() const noexcept { return m_session && m_session->forks != forkCount(); }
+
     /// Frees all statements, rolls an open transaction back and closes the database. Throws 25000
-    /// when autocommit is off and changes are neither committed nor rolled back.
+    /// when autocommit is off and changes are neither committed nor rolled back. An inherited
+    /// database is left alone, and what belongs to it stays in memory.
     void close();
 
     /// The open database; throws 08003 when there is none.
@@ -64,6 +70,9 @@ class Connection final : public Handle {
     /// Closes the cursors of all statements.
     void closeCursors() noexcept;
 
+    /// Forgets the locks of an inherited database, before another one is opened.
+    void forgetInheritedLocks();
+
     /// Interrupts what is running. Callable from any thread, without the connection's lock.
     void interrupt() noexcept;
 
@@ -82,6 +91,7 @@ class Connection final : public Handle {
         void operator()(sqlite3* db) const noexcept { sqlite3_close_v2(db); }
     };
     struct Session {
+        const unsigned forks = forkCount();
         explicit Session(std::unique_ptr<sqlite3, CloseDatabase> opened)
             : db(std::move(opened)), cache(db.get()) {
             guard.install(db.get());
@@ -92,9 +102,9 @@ class Connection final : public Handle {
     };
 
     std::mutex m_mutex;
-    std::mutex m_interruptMutex;  ///< keeps the database open while it is being interrupted
+    std::mutex m_interruptMutex;  ///< keeps the database open while others than the owner use it
     const SQLHANDLE m_environment;
-    std::optional<Session> m_session;
+    std::unique_ptr<Session> m_session;
     std::string m_database;
     bool m_autocommit = true;
     Statement* m_statements = nullptr;  ///< head of the list of all statements

@@ -71,7 +71,7 @@ SQLRETURN freeConnection(SQLHANDLE handle) noexcept {
 }
 
 SQLRETURN freeStatement(SQLHANDLE handle) noexcept {
-    return withHandle<Statement>(handle, [](Statement& statement) {
+    return withHandle<Statement, Inherited::Allowed>(handle, [](Statement& statement) {
         statement.drop();
         return SQL_SUCCESS;
     });
@@ -153,7 +153,7 @@ SQLRETURN RT_SQLFreeHandle(const char*, SQLSMALLINT type, SQLHANDLE handle) {
 }
 
 SQLRETURN RT_SQLFreeStmt(const char*, SQLHSTMT handle, SQLUSMALLINT option) {
-    return withHandle<Statement>(handle, [&](Statement& statement) {
+    return withHandle<Statement, Inherited::Allowed>(handle, [&](Statement& statement) {
         switch (option) {
             case SQL_CLOSE:
                 statement.closeCursor();
@@ -195,7 +195,7 @@ SQLRETURN RT_SQLDriverConnect(const char*, SQLHDBC handle, SQLHWND, SQLCHAR* tex
 }
 
 SQLRETURN RT_SQLDisconnect(const char*, SQLHDBC handle) {
-    return withHandle<Connection>(handle, [](Connection& connection) {
+    return withHandle<Connection, Inherited::Allowed>(handle, [](Connection& connection) {
         connection.close();
         return SQL_SUCCESS;
     });

@@ -14,6 +14,7 @@ class Environment final : public Handle {
 
     Environment() noexcept : Handle(kHandleType) {}
     std::mutex& mutex() noexcept { return m_mutex; }
+    bool inherited() const noexcept { return false; }  ///< it has no file, and serves any process
 
     SQLINTEGER odbcVersion = 3;
     std::vector<SQLHANDLE> connections;

@@ -17,6 +17,13 @@ Error sequenceError(const std::string& what) {
     return {"HY010", what, SQLITE_MISUSE};
 }
 
+Error inheritedError() {
+    return {"08S01",
+            "The connection was opened before this process was forked and belongs to its parent. "
+            "Open another one here.",
+            SQLITE_MISUSE};
+}
+
 Error notSupported(const std::string& what) {
     return {"HYC00", what, SQLITE_ERROR};
 }

@@ -38,6 +38,9 @@ class Error : public std::runtime_error {
 /// A call out of order (HY010): `what` says what is missing.
 Error sequenceError(const std::string& what);
 
+/// A use of a connection that was opened before a fork (08S01).
+Error inheritedError();
+
 /// A feature this runtime does not have (HYC00).
 Error notSupported(const std::string& what);
 

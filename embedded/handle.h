@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 #include "diagnostics.h"
 
@@ -57,6 +58,18 @@ class HandleRegistry {
         const auto found = m_handles.find(reinterpret_cast<std::uintptr_t>(id));
         if (found == m_handles.end() || found->second->type() != T::kHandleType) return nullptr;
         return std::static_pointer_cast<T>(found->second);
+    }
+
+    /// All living objects of class `T`.
+    template <class T>
+    std::vector<std::shared_ptr<T>> all() {
+        const std::lock_guard lock(m_mutex);
+        std::vector<std::shared_ptr<T>> found;
+        for (const auto& [id, handle] : m_handles) {
+            if (handle->type() == T::kHandleType)
+                found.push_back(std::static_pointer_cast<T>(handle));
+        }
+        return found;
     }
 
     /// Number of living handles.

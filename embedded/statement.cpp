@@ -49,10 +49,16 @@ Statement::~Statement() {
 }
 
 void Statement::drop() noexcept {
-    m_work.reset();
+    endWork();
     m_connection->detach(*this);
     dropped = true;
     HandleRegistry::instance().remove(id());  // the object may be gone behind this line
+}
+
+// What SQLite has compiled for a parent process is never touched again.
+void Statement::endWork() noexcept {
+    if (inherited()) static_cast<void>(m_work.release());
+    m_work.reset();
 }
 
 const Statement::Settings& Statement::settings() const noexcept {
@@ -277,8 +283,8 @@ SQLLEN Statement::rowCount() const {
 void Statement::closeCursor() noexcept {
     if (!hasCursor()) return;
     m_connection->removeUnasked(*this);
-    if (!m_work->prepared) {
-        m_work.reset();
+    if (!m_work->prepared || inherited()) {
+        endWork();
         return;
     }
     Work& work = *m_work;

@@ -56,6 +56,7 @@ class Statement final : public Handle {
 
     std::mutex& mutex() noexcept { return m_connection->mutex(); }
     Connection& connection() noexcept { return *m_connection; }
+    bool inherited() const noexcept { return m_connection->inherited(); }
 
     void prepare(std::string_view sql);
     SQLRETURN execute();
@@ -170,6 +171,7 @@ class Statement final : public Handle {
     SQLLEN runSet(SQLULEN set, std::unique_ptr<StoredRows>& rows);
     SQLLEN runProcedure(std::unique_ptr<StoredRows>& rows);
     void checkParameters() const;
+    void endWork() noexcept;
     void watchRows();
 
     void chooseRoutes();

@@ -1,0 +1,142 @@
+"""Connections that meet the end of a process, or a second one: exits with live objects, forks, interpreters
+beside the main one. What is written is there whole, and nobody's file comes to harm."""
+
+import os
+import sqlite3
+import subprocess
+import sys
+import textwrap
+
+import pytest
+
+PRELUDE = """
+import gc, os, subprocess, sys
+from vorda import zelqa
+path = sys.argv[1]
+connect_string = "Database={%s};Timeout=0" % path
+
+def write(connection):
+    connection.execute("INSERT INTO t VALUES (0, 'intruder')")
+
+def refused(operation, text="opened before this process was forked"):
+    try:
+        operation()
+    except zelqa.DatabaseError as error:
+        assert text in str(error), error
+    else:
+        raise AssertionError("not refused")
+"""
+
+
+def run(path, *pieces):
+    """Runs a program made of pieces in a process of its own; what it printed."""
+    program = PRELUDE + "\n".join(textwrap.dedent(piece) for piece in pieces)
+    done = subprocess.run([sys.executable, "-c", program, path], stdout=subprocess.PIPE,
+                          stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
+    assert done.returncode == 0, done.stderr
+    return done.stdout
+
+
+# The little cache spills: the file holds half a transaction, and the journal the way back.
+PARENT = """
+connection = zelqa.connect(connect_string)
+connection.execute("CREATE TABLE t (n INT, filler TEXT)")
+connection.execute("PRAGMA journal_mode=%(journal)s")
+connection.execute("PRAGMA cache_size=5")
+connection.execute("ATTACH '" + path + "-attached' AS attached")
+connection.execute("CREATE TABLE attached.t (n INT)")
+connection.execute("BEGIN")
+cursor = connection.cursor()
+cursor.executemany("INSERT INTO t VALUES (?, ?)", [(n, "x" * 500) for n in range(1000)])
+connection.execute("INSERT INTO attached.t VALUES (5)")
+cursor.execute("SELECT n FROM t")
+assert cursor.fetchone()[0] == 0
+
+def child():
+%(child)s
+
+pid = os.fork()
+if pid == 0:
+    child()
+    sys.exit()
+status = os.waitpid(pid, 0)[1]
+assert status == %(status)d, status
+probe = subprocess.run([sys.executable, "-c", "import sqlite3, sys\\n"
+    "sqlite3.connect(sys.argv[1], 0).execute('BEGIN IMMEDIATE')", path], stderr=subprocess.PIPE)
+assert b"database is locked" in probe.stderr
+assert cursor.fetchone()[0] == 1
+connection.execute("COMMIT")
+"""
+
+CHILDREN = {
+    "exit": "pass",
+    "exit at once": "os._exit(0)",
+    "exec": "os.execv(sys.executable, [sys.executable, '-c', ''])",
+    "exception": "sys.stderr = None; raise ValueError",
+    "close": "connection.close(); refused(connection.close, 'closed connection')",
+    "let go": "global connection, cursor; connection = cursor = None; gc.collect()",
+    "use": """
+        for operation in (cursor.fetchone, cursor.fetchall, lambda: write(connection),
+                          lambda: connection.execute("ROLLBACK"), lambda: cursor.execute("SELECT ?", 1),
+                          lambda: cursor.executemany("INSERT INTO t VALUES (?, ?)", [(0, "")]),
+                          lambda: cursor.callproc("p", (1,))):
+            refused(operation)""",
+    "connect again": """
+        again = zelqa.connect(connect_string)
+        refused(lambda: write(again), "database is locked")
+        refused(lambda: write(connection))""",
+    "close and connect": """
+        connection.close()
+        refused(lambda: write(zelqa.connect(connect_string)), "database is locked")""",
+    "fork": """
+        pid = os.fork()
+        if pid: assert os.waitpid(pid, 0)[1] == 0
+        refused(lambda: write(connection))""",
+}
+
+
+@pytest.mark.parametrize("journal", ["delete", "wal"])
+@pytest.mark.parametrize("ending", CHILDREN)
+def test_fork_within_a_transaction(path, journal, ending):
+    run(path, PARENT % {"journal": journal, "status": 256 if ending == "exception" else 0,
+                        "child": textwrap.indent(textwrap.dedent(CHILDREN[ending]), "    ")})
+    other = sqlite3.connect(path)
+    assert other.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
+    assert other.execute("SELECT count(*), max(filler) FROM t").fetchall() == [(1000, "x" * 500)]
+    assert sqlite3.connect(path + "-attached").execute("SELECT n FROM t").fetchall() == [(5,)]
+
+
+def test_child_with_a_connection_of_its_own(path):
+    """It holds locks of its own, and none that its parent held when it was forked."""
+    for journal in ("delete", "wal"):
+        run(path, """
+        connection = zelqa.connect(connect_string)
+        connection.execute("PRAGMA journal_mode=%(journal)s")
+        connection.execute("CREATE TABLE t_%(journal)s AS SELECT 1 AS n UNION SELECT 2 UNION SELECT 3")
+        connection.execute("BEGIN")
+        connection.execute("INSERT INTO t_%(journal)s VALUES (4)")
+        child_reads, parent_writes = os.pipe()
+        parent_reads, child_writes = os.pipe()
+        pid = os.fork()
+        if pid == 0:
+            again = zelqa.connect(connect_string)
+            cursor = again.execute("SELECT n FROM t_%(journal)s")
+            assert cursor.fetchone()[0] == 1
+            os.write(child_writes, b".")
+            os.read(child_reads, 1)
+            assert [row[0] for row in cursor] == [2, 3]
+            os.write(child_writes, b".")
+            os.read(child_reads, 1)
+            again.execute("INSERT INTO t_%(journal)s VALUES (5)")
+            sys.exit()
+        os.read(parent_reads, 1)
+        if "%(journal)s" == "delete":
+            refused(lambda: connection.execute("COMMIT"), "database is locked")
+        os.write(parent_writes, b".")
+        os.read(parent_reads, 1)
+        connection.execute("COMMIT")
+        os.write(parent_writes, b".")
+        assert os.waitpid(pid, 0)[1] == 0
+        """ % {"journal": journal})
+        rows = sqlite3.connect(path).execute("SELECT n FROM t_" + journal).fetchall()
+        assert rows == [(1,), (2,), (3,), (4,), (5,)]
