@@ -156,6 +156,15 @@ class Runtime:
             self._library.scripted_cell_bytes(data, len(data))
 
 
+@pytest.fixture(scope="session", autouse=True)
+def quick_collections():
+    """The tests collect garbage thousands of times: what stands before the first one is left out."""
+    gc.collect()
+    gc.freeze()
+    yield
+    gc.unfreeze()
+
+
 @pytest.fixture(scope="session")
 def scripted_library():
     return Runtime(os.path.join(os.environ["VORDA_BUILD"], "scripted", "libvordart.x64.so.6"))
