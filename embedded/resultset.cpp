@@ -98,6 +98,11 @@ class LiveRows final : public ResultSet {
     std::optional<std::vector<Column>> m_columns;
 };
 
+struct ResetAtExit {
+    sqlite3_stmt* const statement;
+    ~ResetAtExit() { sqlite3_reset(statement); }
+};
+
 }  // namespace
 
 std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow) {
@@ -106,6 +111,9 @@ std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow) {
 
 SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
     sqlite3_stmt* const statement = sql.statement.get();
+    // One that was only kept waiting by a lock counts as running, and nothing around it can be
+    // undone.
+    const ResetAtExit reset{statement};
     int result = sqlite3_step(statement);
     if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
         sqlite3_column_count(statement) > 0) {
@@ -114,7 +122,6 @@ SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
     for (; result == SQLITE_ROW; result = sqlite3_step(statement)) rows->append(statement);
     sqlite3* const db = sqlite3_db_handle(statement);
     if (result != SQLITE_DONE) throw sqliteError(db);
-    sqlite3_reset(statement);
     return sql.countsRows() ? sqlite3_changes(db) : 0;
 }
 

@@ -3,10 +3,8 @@
 namespace embedded {
 
 Savepoint::Savepoint(Connection& connection, bool writes)
-    : m_connection(connection),
-      m_db(connection.db()),
-      m_immediate(writes && sqlite3_get_autocommit(m_db)) {
-    executeScript(m_db, m_immediate ? "BEGIN IMMEDIATE" : "SAVEPOINT vorda_all");
+    : m_connection(connection), m_db(connection.db()), m_begins(sqlite3_get_autocommit(m_db) != 0) {
+    executeScript(m_db, !m_begins ? "SAVEPOINT vorda_all" : writes ? "BEGIN IMMEDIATE" : "BEGIN");
 }
 
 Savepoint::~Savepoint() {
@@ -19,12 +17,13 @@ Savepoint::~Savepoint() {
 }
 
 bool Savepoint::undo() noexcept {
-    const char* const sql = m_immediate ? "ROLLBACK" : "ROLLBACK TO vorda_all; RELEASE vorda_all";
+    // The release of an outermost savepoint is a commit, which others can keep from happening.
+    const char* const sql = m_begins ? "ROLLBACK" : "ROLLBACK TO vorda_all; RELEASE vorda_all";
     return sqlite3_exec(m_db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
 void Savepoint::release() {
-    executeScript(m_db, m_immediate ? "COMMIT" : "RELEASE vorda_all");
+    executeScript(m_db, m_begins ? "COMMIT" : "RELEASE vorda_all");
     m_released = true;
 }
 

@@ -24,7 +24,7 @@ class Savepoint {
 
     Connection& m_connection;
     sqlite3* const m_db;
-    const bool m_immediate;
+    const bool m_begins;  ///< no transaction was open
     bool m_released = false;
 };
 

@@ -88,3 +88,27 @@ def test_counts_are_summed_up(table, stdlib):
     assert table.rowcount == 6
     table.executemany("DELETE FROM t WHERE c = ?", [(7,), (8,)])
     assert table.rowcount == 0
+
+
+@pytest.mark.parametrize("journal", ["DELETE", "WAL"])
+def test_a_batch_kept_out_by_a_lock_leaves_no_transaction_behind(path, stdlib, table, journal):
+    stdlib.execute("PRAGMA journal_mode = " + journal)
+    impatient = zelqa.connect("Database={%s};Timeout=0" % path).cursor()
+    # A reader keeps a batch from its commit only where there is a rollback journal.
+    for lock in ("BEGIN IMMEDIATE", "BEGIN") if journal == "DELETE" else ("BEGIN IMMEDIATE",):
+        stdlib.execute(lock)
+        stored(stdlib)
+        with pytest.raises(zelqa.DatabaseError, match="locked"):
+            impatient.executemany("INSERT INTO t (a) VALUES (?)", [(1,), (2,)])
+        stdlib.execute("COMMIT")
+        impatient.execute("INSERT OR REPLACE INTO t (a) VALUES (3)")
+        assert stored(stdlib, "a") == [(3,)]
+    # Inside a transaction only the batch is undone, savepoint included.
+    impatient.execute("BEGIN")
+    stdlib.execute("BEGIN IMMEDIATE")
+    with pytest.raises(zelqa.DatabaseError, match="locked"):
+        impatient.executemany("INSERT INTO t (a) VALUES (?)", [(1,), (2,)])
+    with pytest.raises(zelqa.DatabaseError, match="no such savepoint"):
+        impatient.execute("RELEASE vorda_all")
+    stdlib.execute("COMMIT")
+    impatient.execute("COMMIT")
