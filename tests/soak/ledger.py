@@ -1,0 +1,76 @@
+"""What a batch holds, and the book that a writer keeps about its batches.
+
+A batch is a number; version 0 of it is nothing, and its rows in any other version follow from the seed, so that
+everyone can tell what has to be in the database. A writer notes each step from one version to another before it
+takes it, and how it went afterwards, in a file outside the database that survives its death:
+
+    about BATCH OLD NEW | done BATCH | failed BATCH | found BATCH VERSION
+"""
+
+import datetime
+import os
+import random
+
+TABLE = (
+    "CREATE TABLE entry (batch INTEGER NOT NULL, n INTEGER NOT NULL, version INTEGER NOT NULL CHECK (version > 0),"
+    " size INTEGER NOT NULL, number INTEGER, text TEXT, real REAL, moment TIMESTAMP, PRIMARY KEY (batch, n))"
+)
+# Parts of batches: in no committed state of the file may this find any.
+PARTS = (
+    "SELECT batch, count(*), max(size), min(version), max(version) FROM entry GROUP BY batch"
+    " HAVING count(*) <> max(size) OR min(version) <> max(version)"
+)
+
+
+def rows_of(seed, batch, version):
+    """The rows of a batch, as `SELECT * FROM entry ORDER BY n` has them."""
+    if version == 0:
+        return []
+    size = round(2000 ** random.Random("%d %d" % (seed, batch)).random())
+    rng = random.Random("%d %d %d" % (seed, batch, version))
+    rows = []
+    for n in range(size):
+        text = "".join(rng.choices("a'é;?李\U0001F600\n", k=rng.randrange(1, 25)))
+        moment = datetime.datetime(1900, 1, 1) + datetime.timedelta(0, rng.randrange(6 * 10**9), n % 3)
+        rows.append((batch, n, version, size, rng.getrandbits(64) - 2**63, text, rng.uniform(-1e9, 1e9), moment))
+    return rows
+
+
+class Ledger:
+    """The book of one writer, which its successors go on with."""
+
+    def __init__(self, path):
+        self.versions, self.doubt, self.last = {}, None, 0
+        self.steps = {"done": 0, "failed": 0, "found old": 0, "found new": 0}
+        self.file = os.open(path, os.O_RDWR | os.O_CREAT | os.O_APPEND, 0o600)
+        with open(path) as lines:
+            for line in lines:
+                word, *numbers = line.split()
+                self._apply(word, *map(int, numbers))
+
+    def _apply(self, word, batch, *versions):
+        if word == "about":
+            assert self.doubt is None
+            self.doubt, self.last = (batch, *versions), max(self.last, batch)
+            return
+        assert self.doubt[0] == batch
+        old, new = self.doubt[1:]
+        version = versions[0] if word == "found" else new if word == "done" else old
+        self.steps[word if word != "found" else "found new" if version == new else "found old"] += 1
+        self.doubt = None
+        if version:
+            self.versions[batch] = version
+        else:
+            self.versions.pop(batch, None)
+
+    def note(self, word, batch, *versions):
+        # One unbuffered write: a killed writer leaves the whole line or none.
+        os.write(self.file, (" ".join(map(str, (word, batch, *versions))) + "\n").encode())
+        self._apply(word, batch, *versions)
+
+    def allowed(self, seed):
+        """For each batch that may be there: the lists of rows that it may consist of."""
+        allowed = {batch: [version] for batch, version in self.versions.items()}
+        if self.doubt:
+            allowed[self.doubt[0]] = list(self.doubt[1:])
+        return {batch: [rows_of(seed, batch, v) for v in versions] for batch, versions in allowed.items()}

@@ -1,0 +1,376 @@
+"""One process of the soak: a random mix of everything that a program can do on one database file.
+
+Ends with status 0 at SIGTERM; anything that ought not to happen ends it with a traceback.
+"""
+
+import faulthandler
+import mmap
+import os
+import random
+import re
+import signal
+import sys
+import time
+
+from ledger import PARTS, Ledger
+from ledger import rows_of as rows_for
+from vorda import zelqa
+
+KINDS = (
+    "query", "abandoned query", "audit", "reading procedure", "batch", "batch by procedure", "transaction",
+    "rolled back", "abandoned transaction", "doomed batch", "doomed procedure", "error", "busy", "connect",
+    "abandoned connection", "failed connect", "schema change",
+)
+
+PUT = "INSERT INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?)"
+CHANGE = "UPDATE entry SET version = ?, number = ?, text = ?, real = ?, moment = ? WHERE batch = ? AND n = ?"
+# The third value can make the statement fail while it runs: there is no absolute value of -2^63.
+ERASE = "DELETE FROM entry WHERE batch = ? AND n = ? AND abs(?)"
+CALLS = {
+    PUT: "EXEC put ?, ?, ?, ?, ?, ?, ?, ?",
+    CHANGE: "EXEC change ?, ?, ?, ?, ?, ?, ?",
+    ERASE: "EXEC erase ?, ?, ?",
+}
+PROCEDURES = (
+    "put (a, b, c, d, e, f, g, h) AS INSERT INTO entry VALUES ($a, $b, $c, $d, $e, $f, $g, $h)",
+    "change (a, b, c, d, e, f, g) AS UPDATE entry SET version = $a, number = $b, text = $c, real = $d, moment = $e"
+    " WHERE batch = $f AND n = $g",
+    "erase (a, b, c) AS DELETE FROM entry WHERE batch = $a AND n = $b AND abs($c)",
+    "clear (a, n, c) AS DELETE FROM entry WHERE batch = $a AND n < $n;"
+    " DELETE FROM entry WHERE batch = $a; SELECT count(*), abs($c) FROM entry WHERE batch = $a",
+    "read (a) AS SELECT * FROM entry WHERE batch = $a ORDER BY n",
+)
+
+BUSY = re.compile("database (table |schema )?is locked|BUSY")
+ERRORS = (
+    ("SELEC 1", (), "syntax error"),
+    ("SELECT * FROM nowhere", (), "no such table"),
+    ("SELECT ? + ?", (1,), "bound|parameter"),
+    ("SELECT ?", (1, 2), "bound|parameter"),
+    ("SELECT ?", (object(),), "type"),
+    ("SELECT ?", (2**64,), ""),
+    ("INSERT INTO entry (batch, n) VALUES (1, 1)", (), "NOT NULL"),
+    ("INSERT INTO entry SELECT 1, 1, 0, 1, NULL, NULL, NULL, NULL", (), "CHECK"),
+    ("SELECT abs(?)", (-(2**63),), "overflow"),
+    ("SELECT * FROM odd", (), "day"),
+    ("COMMIT", (), "transaction"),
+    ("EXEC nobody 1", (), "procedure"),
+    ("DELETE FROM vorda_procedures", (), "cannot be changed"),
+)
+FAILED_CONNECTS = (
+    ("Database={%s/missing/a.db}", "missing"),
+    ("Database={%s/absent.db};Mode=rw", "absent"),
+    ("Database={%s}", ""),
+    ("Database={%s/text.db}", "not a database"),
+    ("Database={%s/wal.db};Mode=wild", "wild"),
+    ("Database={%s/wal.db};Timeout=soon", "soon"),
+    ("Database={%s/wal.db", ""),
+    ("Mode=ro", "Database"),
+)
+
+
+class Fault(Exception):
+    """Something that must never happen."""
+
+
+def counters(path):
+    """Counts by kind, in a file so that they outlive the process and others can read them."""
+    with open(path, "a+b") as file:
+        file.truncate(8 * len(KINDS))
+        return memoryview(mmap.mmap(file.fileno(), 0)).cast("Q")
+
+
+def connect(path, timeout=5):
+    return zelqa.connect("Database={%s};Timeout=%s" % (path, timeout))
+
+
+def patiently(action, *arguments):
+    """Repeats what a lock of another process keeps from happening."""
+    while True:
+        try:
+            return action(*arguments)
+        except zelqa.DatabaseError as error:
+            if not BUSY.search(str(error)):
+                raise
+
+
+def spoiled(rng, sql, sets):
+    """The same work with one row that fails."""
+    sets, place = list(sets), rng.randrange(len(sets))
+    if sql == PUT and len(sets) > 1 and rng.random() < 0.5:
+        return sets[:place] + [sets[place - 1]] + sets[place:]
+    bad, column = {PUT: (0, 2), CHANGE: (0, 0), ERASE: (-(2**63), 2)}[sql]
+    sets[place] = (*sets[place][:column], bad, *sets[place][column + 1:])
+    return sets
+
+
+class Worker:
+    def __init__(self, folder, name, seed, slot, generation, stays):
+        self.folder, self.path, self.seed, self.stays = folder, os.path.join(folder, name + ".db"), seed, stays
+        self.rng = random.Random("%d %d %d" % (seed, slot, generation))
+        self.counts = counters("%s/counts-%d" % (folder, slot))
+        self.slot = slot
+        self.ledger = Ledger("%s/ledger-%d" % (folder, slot))
+        self.ledger.last = max(self.ledger.last, slot * 10**9)
+        self.connection, self.left = connect(self.path), []
+        if self.ledger.doubt:
+            self.settle_doubt()
+
+    def count(self, kind):
+        self.counts[KINDS.index(kind)] += 1
+
+    def rows_of(self, batch, version):
+        return rows_for(self.seed, batch, version)
+
+    def settle_doubt(self):
+        """Looks up what became of the step during which the predecessor was killed."""
+        batch, *versions = self.ledger.doubt
+        rows = patiently(self.rows_stored, batch)
+        for version in versions:
+            if rows == self.rows_of(batch, version):
+                return self.ledger.note("found", batch, version)
+        raise Fault("batch %d is neither as before nor as after the step %s: %d rows" % (batch, versions, len(rows)))
+
+    def rows_stored(self, batch):
+        """The rows of a batch, by any way of fetching."""
+        cursor = self.connection.cursor()
+        if self.rng.random() < 0.5:
+            self.count("reading procedure")
+            cursor.callproc("read", (batch,))
+        else:
+            self.count("query")
+            cursor.execute("SELECT * FROM entry WHERE batch = @b ORDER BY n", {"b": batch})
+        rows, size = [], self.rng.choice((0, 1, 7, 500))
+        while size:
+            part = cursor.fetchmany(size)
+            if not part:
+                break
+            rows += part
+        return [tuple(row) for row in (rows if size else self.rng.choice((cursor.fetchall, cursor.__iter__))())]
+
+    # --- operations ----------------------------------------------------------------------------------------
+
+    def write(self):
+        """One step of one batch, by one of the ways to take it."""
+        self.left.clear()  # half-read rows there would keep us waiting for ourselves
+        rng, versions = self.rng, self.ledger.versions
+        if len(versions) < 8 or rng.random() < 0.3 and len(versions) < 12:
+            batch, old, new, sql = self.ledger.last + 1, 0, 1, PUT
+            sets = self.rows_of(batch, 1)
+        else:
+            batch = rng.choice(list(versions))
+            old = versions[batch]
+            rows = self.rows_of(batch, old + 1)
+            if rng.random() < 0.5:
+                new, sql, sets = old + 1, CHANGE, [(*row[2:3], *row[4:], *row[:2]) for row in rows]
+            else:
+                new, sql, sets = 0, ERASE, [(*row[:2], 1) for row in rows]
+        kind, way = rng.choice((
+            ("batch", self.by_batch), ("batch by procedure", self.by_procedure), ("transaction", self.in_transaction),
+            ("rolled back", self.rolled_back), ("abandoned transaction", self.abandon_transaction),
+            ("doomed batch", self.doomed_batch), ("doomed procedure", self.doomed_procedure),
+        ))
+        self.ledger.note("about", batch, old, new)
+        try:
+            succeeded = way(sql, sets)
+        except zelqa.DatabaseError as error:
+            if not BUSY.search(str(error)):
+                raise
+            kind, succeeded = "busy", False
+        self.ledger.note("done" if succeeded else "failed", batch)
+        self.count(kind)
+
+    def by_batch(self, sql, sets):
+        if self.connection.cursor().executemany(sql, sets).rowcount != len(sets):
+            raise Fault("wrong row count")
+        return True
+
+    def by_procedure(self, sql, sets):
+        if sql == ERASE:
+            self.clear_batch(sets, 1)
+        else:
+            self.connection.cursor().executemany(CALLS[sql], sets)
+        return True
+
+    def clear_batch(self, sets, last):
+        """Deletes a batch in two steps, counts what is left, and fails at the very end if `last` says so."""
+        cursor = self.connection.cursor()
+        cursor.callproc("clear", (sets[0][0], self.rng.randrange(len(sets) + 1), last))
+        if [tuple(row) for row in cursor.fetchall()] != [(0, last)]:
+            raise Fault("rows are left")
+
+    def work_in_transaction(self, cursor, sql, sets):
+        """The whole work in parts; a failing one among them must leave what the others did."""
+        rng = self.rng
+        while sets:
+            cut = rng.randrange(len(sets)) + 1
+            part, sets = sets[:cut], sets[cut:]
+            if rng.random() < 0.3:
+                self.refuse("", cursor.executemany, sql, spoiled(rng, sql, part))
+            if len(part) < 50 and rng.random() < 0.5:
+                for row in part:
+                    cursor.callproc(CALLS[sql].split()[1], row)
+            else:
+                cursor.executemany(rng.choice((sql, CALLS[sql])), part)
+
+    def in_transaction(self, sql, sets, end="COMMIT"):
+        cursor = self.connection.cursor()
+        cursor.execute(self.rng.choice(("BEGIN", "BEGIN IMMEDIATE", "BEGIN EXCLUSIVE")))
+        try:
+            self.work_in_transaction(cursor, sql, sets)
+            patiently(cursor.execute, end)
+        except zelqa.DatabaseError:
+            cursor.execute("ROLLBACK")
+            raise
+        return end == "COMMIT"
+
+    def rolled_back(self, sql, sets):
+        return self.in_transaction(sql, sets, "ROLLBACK")
+
+    def abandon_transaction(self, sql, sets):
+        """On a connection that is closed, or only forgotten."""
+        connection = connect(self.path, 1)
+        cursor = connection.cursor()
+        cursor.execute("BEGIN")
+        self.work_in_transaction(cursor, sql, sets)
+        if self.rng.random() < 0.5:
+            connection.close()
+        return False
+
+    def doomed_batch(self, sql, sets):
+        text = sql
+        if sql != ERASE:
+            verb = sql.split()[0]
+            text = sql.replace(verb, verb + self.rng.choice(("", " OR FAIL", " OR ROLLBACK")), 1)
+        self.refuse("", self.connection.cursor().executemany, text, spoiled(self.rng, sql, sets))
+        return False
+
+    def doomed_procedure(self, sql, sets):
+        if sql == ERASE and self.rng.random() < 0.5:
+            self.refuse("", self.clear_batch, sets, -(2**63))
+        else:
+            self.refuse("", self.connection.cursor().executemany, CALLS[sql], spoiled(self.rng, sql, sets))
+        return False
+
+    def refuse(self, pattern, action, *arguments):
+        """The action has to fail, with a text that fits; a lock of another process is passed on."""
+        try:
+            action(*arguments)
+        except zelqa.DatabaseError as error:
+            if BUSY.search(str(error)) or not re.search(pattern, str(error)):
+                raise
+            return
+        raise Fault("accepted: %s %.300r" % (action, arguments))
+
+    def read_own(self):
+        if self.ledger.versions:
+            batch, version = self.rng.choice(list(self.ledger.versions.items()))
+            if self.rows_stored(batch) != self.rows_of(batch, version):
+                raise Fault("batch %d is not as it was stored" % batch)
+
+    def audit(self):
+        """What others do at the same time is seen whole or not at all, and not at all inside a transaction."""
+        cursor, sums = self.connection.cursor(), []
+        cursor.execute("BEGIN")
+        try:
+            for _ in range(2):
+                parts = cursor.execute(PARTS).fetchall()
+                if parts:
+                    raise Fault("parts of batches: %s" % [tuple(row) for row in parts])
+                sums.append(tuple(cursor.execute("SELECT count(*), total(number) FROM entry").fetchone()))
+        finally:
+            cursor.execute("ROLLBACK")
+        if sums[0] != sums[1]:
+            raise Fault("a transaction saw %s, then %s" % tuple(sums))
+        self.count("audit")
+
+    def abandon_query(self):
+        cursor = self.connection.cursor()
+        cursor.execute("SELECT * FROM entry WHERE n >= ? LIMIT 3000", (self.rng.randrange(3),))
+        cursor.fetchmany(self.rng.choice((1, 10, 1000)))
+        self.count("abandoned query")
+
+    def fail(self):
+        sql, parameters, pattern = self.rng.choice(ERRORS)
+        cursor = self.connection.cursor()
+        self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
+        self.count("error")
+
+    def meet_lock(self):
+        """The second of two who want to write is told so, and can write when the first has gone."""
+        first, second = connect(self.path, 1).cursor(), connect(self.path, 0).cursor()
+        first.execute("BEGIN IMMEDIATE")
+        try:
+            second.execute(PUT, self.rows_of(1, 1)[0])
+        except zelqa.DatabaseError as error:
+            if not BUSY.search(str(error)):
+                raise
+            return self.count("busy")
+        raise Fault("two wrote at the same time")
+
+    def change_schema(self):
+        cursor, table = self.connection.cursor(), "scratch_%d" % self.slot
+        cursor.execute("DROP TABLE IF EXISTS " + table)
+        cursor.execute("CREATE TABLE %s (a)" % table)
+        cursor.execute("CREATE OR REPLACE PROCEDURE " + self.rng.choice(PROCEDURES))
+        self.count("schema change")
+
+    def reconnect(self):
+        if self.stays:
+            return
+        if self.rng.random() < 0.5:
+            self.connection.close()
+        self.connection = connect(self.path, self.rng.choice((0.05, 0.5, 5)))
+        self.count("connect")
+
+    def abandon_connection(self):
+        self.left = self.left[-1:] + [connect(self.path).execute("SELECT * FROM entry")]
+        self.left[-1].fetchone()
+        self.count("abandoned connection")
+
+    def fail_to_connect(self):
+        string, pattern = self.rng.choice(FAILED_CONNECTS)
+        self.refuse(pattern, zelqa.connect, string.replace("%s", self.folder))
+        self.count("failed connect")
+
+    MIX = (
+        (write, 10), (read_own, 6), (audit, 1), (abandon_query, 3), (fail, 6), (meet_lock, 1), (change_schema, 0.3),
+        (reconnect, 2), (abandon_connection, 1), (fail_to_connect, 4),
+    )
+
+    def step(self):
+        action = self.rng.choices([a for a, _ in self.MIX], [weight for _, weight in self.MIX])[0]
+        try:
+            action(self)
+        except zelqa.DatabaseError as error:
+            if not BUSY.search(str(error)):
+                raise
+            self.count("busy")
+
+    def sample(self, file):
+        """Operations so far, resident KiB, blocks that Python has allocated, open files, mappings."""
+        self.left.clear()
+        with open("/proc/self/statm") as statm, open("/proc/self/maps") as maps:
+            resident = int(statm.read().split()[1]) * mmap.PAGESIZE // 1024
+            mappings = sum(1 for _ in maps)
+        values = sum(self.counts), resident, sys.getallocatedblocks(), len(os.listdir("/proc/self/fd")), mappings
+        os.write(file, (" ".join(map(str, values)) + "\n").encode())
+
+
+def main(folder, name, seed, slot, generation, stays, interval):
+    faulthandler.enable()
+    faulthandler.register(signal.SIGUSR1)
+    stopping = []
+    signal.signal(signal.SIGTERM, lambda *_: stopping.append(True))
+    worker = patiently(Worker, folder, name, int(seed), int(slot), int(generation), stays == "True")
+    file = os.open("%s/samples-%s" % (folder, slot), os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
+    due = 0.0
+    while not stopping:
+        worker.step()
+        if time.monotonic() > due:
+            worker.sample(file)
+            due = time.monotonic() + float(interval)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
