@@ -1,0 +1,211 @@
+"""python -m vorda doctor: everything that decides whether a connection comes about, in order."""
+
+import argparse
+import ctypes
+import glob
+import importlib.machinery
+import os
+import platform
+import signal
+import struct
+import sys
+import textwrap
+import time
+from typing import List, Optional, Tuple
+
+from .display import printable
+from .masking import Mask
+
+PLACES = ("by the loader's own search (LD_LIBRARY_PATH, ldconfig)", "in the fixed folder", "beside the module")
+ENVIRONMENT = ("LD_LIBRARY_PATH", "LD_PRELOAD", "VORDA_UNLOAD_RUNTIME")
+TEXT_SIZE = 4096
+SQL_HANDLE_ENV = 1
+
+
+class Report:
+    """Prints at once, masked: what follows may end the process."""
+
+    def __init__(self, mask: Mask) -> None:
+        self.mask = mask
+
+    def line(self, text: str, indent: int = 0) -> None:
+        print(" " * indent + printable(self.mask(text), sys.stdout.encoding.lower(), "\n"), flush=True)
+
+    def fact(self, name: str, value: str) -> None:
+        self.line("%-12s %s" % (name, value))
+
+
+class Module:
+    """The extension module's functions for tools. It opens the libraries itself, by the very calls of a
+    connect, so what the loader says here is what it says there."""
+
+    def __init__(self, path: str) -> None:
+        self.library = ctypes.CDLL(path)
+        self.library.VordaRuntimeFunction.restype = ctypes.c_char_p
+
+    def path(self, attempt: int, companion: int) -> Optional[str]:
+        text = ctypes.create_string_buffer(TEXT_SIZE)
+        found = self.library.VordaRuntimePath(attempt, companion, text, TEXT_SIZE)
+        return os.fsdecode(text.value) if found else None
+
+    def open(self, path: str) -> Tuple[bool, str]:
+        """Whether it could be opened, and the full path or the loader's words."""
+        text = ctypes.create_string_buffer(TEXT_SIZE)
+        opened = self.library.VordaOpenRuntime(os.fsencode(path), text, TEXT_SIZE)
+        return bool(opened), os.fsdecode(text.value)
+
+    def version(self, path: str) -> int:
+        return int(self.library["_Z17GetRuntimeVersionPc"](os.fsencode(path)))
+
+    def functions(self) -> List[str]:
+        names: List[str] = []
+        while True:
+            name = self.library.VordaRuntimeFunction(len(names))
+            if name is None:
+                return names
+            names.append(name.decode())
+
+    def allocates_environment(self) -> bool:
+        handle = ctypes.c_void_p()
+        done = self.library.SQLAllocHandle(SQL_HANDLE_ENV, None, ctypes.byref(handle)) in (0, 1)
+        if done:
+            self.library.SQLFreeHandle(SQL_HANDLE_ENV, handle)
+        return done
+
+
+def describe_interpreter(report: Report) -> None:
+    report.fact("interpreter", "%s %s, %d bits, %s" % (
+        platform.python_implementation(), platform.python_version(), struct.calcsize("P") * 8, sys.executable))
+    report.fact("system", "%s, %s" % (platform.platform(), " ".join(platform.libc_ver())))
+    for name in ENVIRONMENT:
+        if name in os.environ:
+            report.fact("environment", "%s=%s" % (name, os.environ[name]))
+
+
+def load_module(report: Report) -> Optional[str]:
+    """The path of the module, or None when it cannot be imported."""
+    try:
+        from . import zelqa
+    except ImportError as error:
+        report.fact("module", "cannot be imported: %s" % error)
+        folder = os.path.dirname(os.path.abspath(__file__))
+        files = [os.path.basename(path) for path in glob.glob(os.path.join(folder, "zelqa.*so"))]
+        report.line("In %s there is %s; this interpreter looks for zelqa%s. Install the package for this"
+                    " interpreter (python -m pip install)." % (
+                        folder, ", ".join(files) or "no module", importlib.machinery.EXTENSION_SUFFIXES[0]), 13)
+        return None
+    report.fact("module", str(zelqa.__file__))
+    try:
+        from ._version import version
+    except ImportError:
+        version = "not known"
+    report.fact("version", version)
+    return zelqa.__file__
+
+
+def search(report: Report, module: Module) -> Optional[str]:
+    """Goes the way of the module's own search; the path of the library that is used in the end."""
+    report.line("\nThe search for a runtime, a pair of libraries:")
+    used: Optional[str] = None
+    attempt, complete = 0, False
+    while not complete and module.path(attempt, 0) is not None:
+        report.line("%d. %s" % (attempt + 1, PLACES[attempt] if attempt < len(PLACES) else ""), 2)
+        complete, used = True, None
+        for companion in (0, 1):
+            path = module.path(attempt, companion) or ""
+            opened, words = module.open(path)
+            report.line("%-7s %s" % ("found" if opened else "failed", words or path), 5)
+            complete = complete and opened
+            if opened and not companion:
+                used = words
+        attempt += 1
+    if complete and module.path(attempt, 0) is not None:
+        report.line("The pair is complete: the other places are not looked at.", 2)
+    elif used is not None and not complete:
+        report.line("The companion is missing everywhere; the runtime is used without it.", 2)
+    return used
+
+
+def describe_runtime(report: Report, module: Module, path: str) -> bool:
+    report.line("")
+    report.fact("runtime", path)
+    version = module.version(path)
+    report.fact("version", str(version) if version >= 0 else "not told (no RT_Version)")
+    library = ctypes.CDLL(path)
+    names = module.functions()
+    missing = [name for name in names if not hasattr(library, name)]
+    report.fact("functions", "%d of %d" % (len(names) - len(missing), len(names)))
+    if missing:
+        report.line("It lacks the following; calls of these fail, which matters only to a program that needs them.", 13)
+        report.line(textwrap.indent(textwrap.fill(" ".join(missing), 90), " " * 13))
+    if module.allocates_environment():
+        return True
+    report.line("It refuses an environment handle (RT_SQLAllocHandle): it cannot be used. Is it complete, and of"
+                " the version that this module needs?", 13)
+    return False
+
+
+def try_connection(report: Report, connection_string: str) -> bool:
+    from . import zelqa
+
+    report.line("")
+    report.fact("connection", report.mask.shown)
+    start = time.monotonic()
+    try:
+        connection = zelqa.connect(connection_string)
+    except zelqa.Error as error:
+        report.fact("failed", str(error))
+        return False
+    report.fact("connected", "in %.3f s" % (time.monotonic() - start))
+    connection.close()
+    return True
+
+
+def examine(report: Report, connection_string: Optional[str]) -> bool:
+    describe_interpreter(report)
+    path = load_module(report)
+    if path is None:
+        return False
+    module = Module(path)
+    runtime = search(report, module)
+    if runtime is None:
+        report.line("\nNo runtime can be loaded, so nothing can be connected to. Install the provider's runtime at one"
+                    " of these places,\nor this package anew: its embedded runtime belongs beside the module.")
+        return False
+    usable = describe_runtime(report, module, runtime)
+    if connection_string is None:
+        report.line("\n" + ("All is well so far; with a connection string the doctor tries that too." if usable else
+                            "Nothing can be connected to."))
+        return usable
+    return try_connection(report, connection_string) and usable
+
+
+def main(arguments: List[str]) -> int:
+    parser = argparse.ArgumentParser(prog="python -m vorda doctor",
+                                     description="Shows why a connection comes about, or does not.")
+    parser.add_argument("connection_string", metavar="CONNECTION_STRING", nargs="?", help="is tried when given")
+    connection_string = parser.parse_args(arguments).connection_string
+    report = Report(Mask(connection_string or ""))
+    # In a process of its own: a broken library may end it, and the step in which it did is the answer.
+    sys.stdout.flush()
+    child = os.fork()
+    if child == 0:
+        status = 1
+        try:
+            status = 0 if examine(report, connection_string) else 1
+        except KeyboardInterrupt:
+            report.line("(stopped)")
+        except Exception as error:
+            report.line("error: %s: %s" % (type(error).__name__, error))
+        finally:
+            os._exit(status)
+    try:
+        status = os.waitpid(child, 0)[1]
+    except KeyboardInterrupt:
+        status = os.waitpid(child, 0)[1]
+    if os.WIFSIGNALED(status):
+        number = os.WTERMSIG(status)
+        report.line("\nThe process was ended by %s in the step above: the library loaded there is broken, or does"
+                    " not fit." % signal.Signals(number).name)
+        return 1
+    return os.WEXITSTATUS(status)
