@@ -32,5 +32,6 @@ python_tests() {
         --junitxml "$results/$label-embedded.xml" tests/python/embedded
     suite "$label: scripted runtime" env "$@" PYTHONPATH="$built/python:$pytest_folder" \
         VORDA_BUILD="$built" LD_LIBRARY_PATH="$built/scripted" "$python" -m pytest -q \
-        -p no:cacheprovider --junitxml "$results/$label-scripted.xml" tests/python/scripted
+        -p no:cacheprovider --junitxml "$results/$label-scripted.xml" tests/python/scripted \
+        tests/python/hostile
 }

@@ -1,7 +1,9 @@
 // The control interface, and the way every call takes: count, log, handler, scripted answer, model.
+#include <optional>
 #include <utility>
 
 #include "calllog.h"
+#include "hostile.h"
 #include "model.h"
 #include "scripted_runtime.h"
 
@@ -17,6 +19,7 @@ struct Script {
     std::map<std::string, int, std::less<>> counts;
     std::map<std::pair<std::string, int>, ScriptedAnswer> answers;
     scripted_handler_function handler = nullptr;
+    std::optional<Hostile> hostile;
     std::string lastPath;
     std::string joinedLog;
 };
@@ -82,6 +85,11 @@ SQLRETURN Answer(const char* path, const Call& call) {
     const std::size_t line = script.model.log.size();
     LogCall(script.model, call);
 
+    if (script.hostile) {
+        const SQLRETURN status = script.hostile->Answer(script.model, call);
+        script.model.log[line] += " = " + std::to_string(status);
+        return status;
+    }
     if (script.handler) {
         bool isAnswered = false;
         const SQLRETURN status = RunHandler(script, call, isAnswered);
@@ -138,6 +146,10 @@ void scripted_answers_clear() {
 
 void scripted_handler(scripted_handler_function handler) {
     TheScript().handler = handler;
+}
+
+void scripted_hostile(unsigned long long seed) {
+    TheScript().hostile.emplace(seed);
 }
 
 void scripted_diag(const char* state, int native, const char* text, int reported_length,
@@ -212,7 +224,7 @@ void scripted_cell_indicator(long long indicator) {
 int scripted_live_handles(int kind) {
     int count = 0;
     for (const auto& [key, handle] : TheScript().model.handles) {
-        if (handle.isLive && (kind == 0 || handle.kind == kind)) ++count;
+        if (handle.isLive && !handle.isDoubtful && (kind == 0 || handle.kind == kind)) ++count;
     }
     return count;
 }

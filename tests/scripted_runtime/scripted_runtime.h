@@ -55,6 +55,12 @@ typedef int (*scripted_handler_function)(const char* name, const long long* args
                                          int* status);
 VORDA_EXPORT void scripted_handler(scripted_handler_function handler);
 
+// Until the reset every call is answered from a seed: mostly plausibly, with results of its own
+// making, and with lies of the kinds and at the rate that the seed chooses (statuses, handles,
+// column descriptions, values and their lengths, diagnostics, counts). Handles and buffers are
+// checked all the same.
+VORDA_EXPORT void scripted_hostile(unsigned long long seed);
+
 // Appends a diagnostic. SQLErrorW takes the first one away; with none left it returns SQL_NO_DATA.
 // Only the statuses 0 and 1 write anything.
 // `reported_length` is the length that is claimed for the text, -1 for the true one.
@@ -93,7 +99,7 @@ VORDA_EXPORT void scripted_cell_indicator(long long indicator);
 
 // --- Handles ---
 
-// Handles not freed, of kind 1 (environment), 2 (connection), 3 (statement) or 0 (all).
+// Handles not freed that an allocation reported as one, of kind 1 (environment), 2 (connection), 3 (statement) or 0 (all).
 // Disconnecting frees the connection's statements.
 VORDA_EXPORT int scripted_live_handles(int kind);
 // Number of log lines that begin with "ERROR:": a freed or unknown handle or, for a diagnostic,

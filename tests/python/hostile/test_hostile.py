@@ -1,0 +1,14 @@
+"""A short run of the driver program on seeds of its own, each a random program on a lying runtime."""
+
+import os
+import subprocess
+import sys
+
+DRIVER = os.path.join(os.path.dirname(__file__), "driver.py")
+SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
+
+
+def test_seeds():
+    run = subprocess.run([sys.executable, DRIVER, "--count", "150" if SANITIZED else "500"],
+                         stdout=subprocess.PIPE, universal_newlines=True)
+    assert run.returncode == 0, run.stdout

@@ -1,0 +1,403 @@
+#include "hostile.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <iterator>
+
+namespace {
+
+constexpr int kMostRows = 3000;
+
+constexpr double kRates[] = {0, 0.005, 0.02, 0.05, 0.15, 0.5};
+
+constexpr SQLRETURN kStatuses[] = {
+    SQL_SUCCESS, SQL_SUCCESS_WITH_INFO, SQL_ERROR, SQL_INVALID_HANDLE, SQL_NEED_DATA,
+    SQL_NO_DATA, SQL_STILL_EXECUTING,   -12345,    SHRT_MAX,           SHRT_MIN};
+// Those that say neither that it worked nor that it failed.
+constexpr SQLRETURN kDoubtful[] = {SQL_INVALID_HANDLE, SQL_NEED_DATA, SQL_NO_DATA, -12345,
+                                   SHRT_MAX};
+
+// Lengths, counts and codes on each side of every limit that a caller may have.
+constexpr long long kNumbers[] = {0,
+                                  -1,
+                                  -2,
+                                  -3,
+                                  -4,
+                                  -5,
+                                  -100,
+                                  1,
+                                  2,
+                                  3,
+                                  99,
+                                  100,
+                                  127,
+                                  128,
+                                  129,
+                                  200,
+                                  255,
+                                  1023,
+                                  1024,
+                                  1025,
+                                  1101,
+                                  1104,
+                                  1106,
+                                  2047,
+                                  2048,
+                                  2049,
+                                  4095,
+                                  4096,
+                                  4097,
+                                  SHRT_MAX,
+                                  SHRT_MAX + 1LL,
+                                  SHRT_MIN,
+                                  USHRT_MAX,
+                                  USHRT_MAX + 1LL,
+                                  INT_MAX,
+                                  INT_MAX + 1LL,
+                                  INT_MIN,
+                                  INT_MIN - 1LL,
+                                  1LL << 32,
+                                  LLONG_MAX,
+                                  LLONG_MIN};
+
+constexpr long long kTypes[] = {
+    SQL_CHAR,      SQL_NUMERIC, SQL_DECIMAL,   SQL_INTEGER,   SQL_SMALLINT,
+    SQL_FLOAT,     SQL_REAL,    SQL_DOUBLE,    SQL_DATE,      SQL_TIME,
+    SQL_TIMESTAMP, SQL_VARCHAR, SQL_TYPE_DATE, SQL_TYPE_TIME, SQL_TYPE_TIMESTAMP,
+    SQL_WVARCHAR,  SQL_BIT,     SQL_TINYINT,   SQL_BIGINT,    SQL_LONGVARBINARY,
+    SQL_GUID,      SQL_WCHAR,   SQL_WVARCHAR,  SQL_VARCHAR,   SQL_VARCHAR};
+
+constexpr const char* kTexts[] = {"",
+                                  "1",
+                                  "-12.50",
+                                  "0",
+                                  "1e5",
+                                  "text",
+                                  "na\xc3\xafve \xe2\x82\xac",
+                                  "\xf0\x9f\x98\x80",
+                                  "@name",
+                                  "Infinity",
+                                  "it's"};
+
+// Which argument of a call is its handle, and of which kind. SQLErrorW names one of three.
+int HandleArgument(const Call& call) {
+    if (call.name == "SQLFreeHandle") return 1;
+    if (call.name != "SQLErrorW") return 0;
+    return call.Handle(0) ? 0 : call.Handle(1) ? 1 : 2;
+}
+
+int HandleKind(const Call& call) {
+    if (call.name == "SQLFreeHandle") return static_cast<int>(call.Number(0));
+    if (call.name == "SQLErrorW") return HandleArgument(call) + SQL_HANDLE_ENV;
+    if (call.name == "SQLSetEnvAttr") return SQL_HANDLE_ENV;
+    const bool onConnection = call.name == "SQLDriverConnectW" || call.name == "SQLDisconnect";
+    return onConnection ? SQL_HANDLE_DBC : SQL_HANDLE_STMT;
+}
+
+// Bytes of a bound column that belong to the callee.
+std::size_t RoomOf(const Binding& target) {
+    switch (target.cType) {
+        case SQL_C_BIT:
+        case SQL_C_TINYINT:
+            return 1;
+        case SQL_C_SHORT:
+            return sizeof(SQLSMALLINT);
+        case SQL_C_LONG:
+        case SQL_C_FLOAT:
+            return sizeof(SQLINTEGER);
+        case SQL_C_SBIGINT:
+        case SQL_C_DOUBLE:
+            return sizeof(long long);
+        case SQL_C_TIMESTAMP:
+            return sizeof(SQL_TIMESTAMP_STRUCT);
+        default:
+            return static_cast<std::size_t>(std::max<SQLLEN>(target.bufferLength, 0));
+    }
+}
+
+void PutBytes(char* target, std::size_t room, std::string_view bytes) {
+    if (target) std::memcpy(target, bytes.data(), std::min(room, bytes.size()));
+}
+
+template <typename T>
+void Put(T* target, long long value) {
+    if (target) *target = static_cast<T>(value);
+}
+
+// A statement that is known under two names: which buffers are still bound can no longer be told.
+void Forget(Handle& handle) {
+    handle.parameters.clear();
+    handle.columns.clear();
+    handle.parameterSets = 1;
+}
+
+// A handle below a doubtful one is doubtful itself.
+SQLRETURN NewHandle(Model& model, const Call& call) {
+    const Handle* const parent = model.Find(call.Handle(1));
+    const SQLRETURN status = Act(model, call);
+    if (status == SQL_SUCCESS && parent) {
+        model.handles[*call.Pointer<SQLHANDLE>(2)].isDoubtful = parent->isDoubtful;
+    }
+    return status;
+}
+
+}  // namespace
+
+Hostile::Hostile(std::uint64_t seed) : m_random(seed) {
+    m_rate = Pick(kRates);
+    m_subjects = static_cast<unsigned>(Below(64)) | 1U << Below(6);
+    m_isEndless = (m_subjects & Counts) != 0 && Chance(0.2);
+    static constexpr std::string_view kHabits[] = {
+        "SQLAllocHandle", "SQLFreeHandle",    "SQLDriverConnectW", "SQLDisconnect",
+        "SQLErrorW",      "SQLFreeStmt",      "SQLSetStmtAttr",    "SQLPrepareW",
+        "SQLExecute",     "SQLExecDirectW",   "SQLBindParameter",  "SQLBindCol",
+        "SQLRowCount",    "SQLColAttributeW", "SQLFetch"};
+    if (Chance(0.2)) m_habit = Pick(kHabits);
+}
+
+long long Hostile::AnyNumber() {
+    return Chance(0.8) ? Pick(kNumbers) : static_cast<long long>(m_random());
+}
+
+SQLRETURN Hostile::AnyStatus() {
+    return Chance(0.9) ? Pick(kStatuses) : static_cast<SQLRETURN>(m_random());
+}
+
+std::string Hostile::AnyBytes(std::size_t size) {
+    std::string bytes(size, '\0');
+    const bool isAscii = Chance(0.5);
+    for (char& byte : bytes) byte = static_cast<char>(isAscii ? 'a' + Below(26) : Below(256));
+    return bytes;
+}
+
+std::string Hostile::AnyText() {
+    constexpr std::size_t kSizes[] = {60, 126, 127, 128, 129, 300, 2046, 2047, 2048, 3000};
+    return Chance(0.85) ? Pick(kTexts) : std::string(Pick(kSizes), 'x') + Pick(kTexts);
+}
+
+SQLRETURN Hostile::Answer(Model& model, const Call& call) {
+    const double rate = m_rate;
+    if (call.name == m_habit) m_rate = 0.7;
+    SQLRETURN status = SQL_SUCCESS;
+    if (call.name == "SQLAllocHandle") {
+        status = Alloc(model, call);
+    } else {
+        const SQLHANDLE named = call.Handle(static_cast<std::size_t>(HandleArgument(call)));
+        const auto found = model.handles.find(named);
+        if (!named && m_gaveNone) {
+            status = Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
+        } else if (found == model.handles.end() || !found->second.isLive ||
+                   found->second.kind != HandleKind(call)) {
+            model.Error(call, "not a live handle of this kind");
+            status = SQL_INVALID_HANDLE;
+        } else {
+            status = Do(model, call, found->second);
+        }
+    }
+    m_rate = rate;
+    return status;
+}
+
+SQLRETURN Hostile::Do(Model& model, const Call& call, Handle& handle) {
+    if (call.name == "SQLErrorW") return Error(call);
+    if (call.name == "SQLFreeHandle" || call.name == "SQLFreeStmt" ||
+        call.name == "SQLDisconnect") {
+        return Free(model, call, handle);
+    }
+    const bool isLie = Lies(Statuses);
+    const SQLRETURN lie = AnyStatus();
+    if (call.name == "SQLSetStmtAttr") {
+        // What is said to be set is set: the caller's memory depends on it.
+        if (!handle.isAliased && (!isLie || OdbcSucceeded(lie) || Chance(0.5))) Act(model, call);
+        return isLie ? lie : SQLRETURN{SQL_SUCCESS};
+    }
+    if (isLie && Chance(0.5)) return lie;
+
+    SQLRETURN status = SQL_SUCCESS;
+    if (call.name.starts_with("SQLExec")) {
+        status = Execute(model, call);
+    } else if (call.name == "SQLColAttributeW") {
+        status = ColAttribute(model, call);
+    } else if (call.name == "SQLRowCount") {
+        status = RowCount(call);
+    } else if (call.name == "SQLFetch") {
+        status = Fetch(handle);
+        // Past the bound nothing more is said than that there are no rows.
+        if (m_fetched > kMostRows) return SQL_NO_DATA;
+    } else if (!call.name.starts_with("SQLBind") || !handle.isAliased) {
+        status = Act(model, call);
+    }
+    return isLie ? lie : status;
+}
+
+SQLRETURN Hostile::Alloc(Model& model, const Call& call) {
+    auto* const output = call.Pointer<SQLHANDLE>(2);
+    if (call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1) && m_gaveNone)
+        return SQL_INVALID_HANDLE;
+    if (!Lies(Handles)) return NewHandle(model, call);
+    switch (Below(5)) {
+        case 0:
+            return SQL_ERROR;
+        case 1:  // Not a handle, and said not to be.
+            *output = reinterpret_cast<SQLHANDLE>(0xdead0);
+            return SQL_ERROR;
+        case 2:
+            m_gaveNone = true;
+            if (Chance(0.5)) *output = nullptr;
+            return Chance(0.5) ? SQLRETURN{SQL_SUCCESS} : Pick(kDoubtful);
+        case 3:
+            for (auto& [key, handle] : model.handles) {
+                if (!handle.isLive || handle.isDoubtful || handle.kind != call.Number(0) ||
+                    handle.parent != call.Handle(1)) {
+                    continue;
+                }
+                ++handle.references;
+                handle.isAliased = true;
+                Forget(handle);
+                *output = key;
+                return SQL_SUCCESS;
+            }
+            return NewHandle(model, call);
+        default:
+            if (!OdbcSucceeded(NewHandle(model, call))) return SQL_ERROR;
+            model.handles[*output].isDoubtful = true;
+            return Pick(kDoubtful);
+    }
+}
+
+// Always done, whatever the status says: the caller cannot do more than ask.
+SQLRETURN Hostile::Free(Model& model, const Call& call, Handle& handle) {
+    const SQLRETURN lie = AnyStatus();
+    const bool isLie = Lies(Statuses);
+    SQLRETURN status = SQL_SUCCESS;
+    if (call.name == "SQLFreeStmt" && call.Number(1) != SQL_DROP) {
+        // Unless it says that it did not: then it may still look at the old buffers.
+        if (!isLie || OdbcSucceeded(lie)) status = Act(model, call);
+    } else if (call.name == "SQLDisconnect") {
+        if (++handle.disconnects > handle.references) model.Error(call, "disconnected twice");
+        if (handle.references == 1) status = Act(model, call);
+    } else if (handle.references > 1) {
+        --handle.references;
+        handle.disconnects = 0;
+    } else {
+        status = Act(model, call);
+        // A handle that was not said to be one is not said to be freed either.
+        if (handle.isDoubtful) return SQL_INVALID_HANDLE;
+    }
+    return isLie ? lie : status;
+}
+
+Result Hostile::AnyResult() {
+    Result result;
+    const std::size_t columns = Chance(0.05) ? Below(300) : Below(6);
+    const bool hasOneType = Chance(0.2);
+    const long long type = Pick(kTypes);
+    for (std::size_t i = 0; i < columns; ++i) {
+        result.columns.push_back(
+            {.name = Chance(0.8) ? std::string(1, static_cast<char>('a' + i % 26)) : AnyText(),
+             .sqlType = hasOneType ? type : Pick(kTypes),
+             .length = static_cast<long long>(Below(4000)),
+             .precision = static_cast<long long>(Below(40)),
+             .scale = static_cast<long long>(Below(10)),
+             .nullable = static_cast<long long>(Below(3)),
+             .nameLength = {}});
+    }
+    result.rowCount = static_cast<SQLLEN>(Below(10)) - 1;
+    return result;
+}
+
+SQLRETURN Hostile::Execute(Model& model, const Call& call) {
+    model.results.clear();
+    model.results.push_back(AnyResult());
+    const SQLRETURN status = Act(model, call);
+    // Here, the number of rows to come.
+    model.handles[call.Handle(0)].nextRow = Below(6);
+    return status;
+}
+
+SQLRETURN Hostile::ColAttribute(Model& model, const Call& call) {
+    if (!Lies(Metadata)) return Act(model, call);
+    if (call.Number(2) != SQL_COLUMN_NAME) {
+        // A count that makes thousands of columns is rare, for the sake of time.
+        long long number =
+            call.Number(2) == SQL_COLUMN_TYPE && Chance(0.5) ? Pick(kTypes) : AnyNumber();
+        if (call.Number(2) == SQL_COLUMN_COUNT && number > 300 && number <= SHRT_MAX &&
+            Chance(0.9)) {
+            number = -number;
+        }
+        Put(call.Pointer<SQLLEN>(6), number);
+        return SQL_SUCCESS;
+    }
+    const auto room = static_cast<std::size_t>(std::max(call.Number(4), 0LL));
+    if (Chance(0.7)) PutBytes(call.Pointer<char>(3), room, AnyBytes(room));
+    Put(call.Pointer<SQLSMALLINT>(5), AnyNumber());
+    return Chance(0.5) ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+}
+
+SQLRETURN Hostile::RowCount(const Call& call) {
+    Put(call.Pointer<SQLLEN>(1), Lies(Counts) ? AnyNumber() : static_cast<long long>(Below(100)));
+    return SQL_SUCCESS;
+}
+
+// False when the value was cut.
+bool Hostile::Deliver(const Binding& target) {
+    if (!target.data) return true;
+    const std::size_t room = RoomOf(target);
+    long long length = static_cast<long long>(room);
+    if (Lies(Cells)) {
+        PutBytes(target.data, room, AnyBytes(room));
+        if (Chance(0.5)) length = AnyNumber();
+    } else if (target.cType == SQL_C_TIMESTAMP) {
+        const auto field = [&](std::uint64_t limit) {
+            return static_cast<SQLUSMALLINT>(Below(limit));
+        };
+        const SQL_TIMESTAMP_STRUCT stamp{static_cast<SQLSMALLINT>(field(9999) + 1),
+                                         static_cast<SQLUSMALLINT>(field(12) + 1),
+                                         static_cast<SQLUSMALLINT>(field(28) + 1),
+                                         field(24),
+                                         field(60),
+                                         field(60),
+                                         static_cast<SQLUINTEGER>(Below(1000000000))};
+        std::memcpy(target.data, &stamp, sizeof stamp);
+    } else if (target.bufferLength > 0) {
+        const std::string text = AnyText();
+        PutBytes(target.data, room, text + '\0');
+        if (text.size() >= room) target.data[room - 1] = '\0';
+        length = Chance(0.05) ? SQL_NO_TOTAL : static_cast<long long>(text.size());
+    } else {
+        PutBytes(target.data, room, AnyBytes(room));
+    }
+    if (Chance(0.1)) length = SQL_NULL_DATA;
+    if (Lies(Cells)) length = AnyNumber();
+    Put(target.indicators, length);
+    return target.bufferLength == 0 || length < target.bufferLength;
+}
+
+SQLRETURN Hostile::Fetch(Handle& statement) {
+    if (++m_fetched > kMostRows) return SQL_NO_DATA;
+    if (!statement.isExecuted || statement.result.columns.empty()) {
+        if (!Lies(Statuses)) return SQL_ERROR;
+    } else if (statement.nextRow == 0 && !m_isEndless) {
+        return SQL_NO_DATA;
+    }
+    if (statement.nextRow > 0) --statement.nextRow;
+    bool isWhole = true;
+    for (const auto& [number, target] : statement.columns) isWhole = Deliver(target) && isWhole;
+    return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+}
+
+SQLRETURN Hostile::Error(const Call& call) {
+    const auto room = static_cast<std::size_t>(std::max(call.Number(6), 0LL));
+    constexpr std::size_t kStateSize = 6;
+    PutBytes(call.Pointer<char>(3), kStateSize, Lies(Diags) ? AnyBytes(kStateSize) : "HY000");
+    Put(call.Pointer<SQLINTEGER>(4), Lies(Diags) ? AnyNumber() : 7);
+    std::string text = AnyText();
+    if (Lies(Diags)) text = AnyBytes(room);
+    const bool isWhole = text.size() < room;
+    PutBytes(call.Pointer<char>(5), room, isWhole ? text + '\0' : text);
+    Put(call.Pointer<SQLSMALLINT>(7),
+        Lies(Diags) ? AnyNumber() : static_cast<long long>(text.size()));
+    if (Lies(Diags)) return AnyStatus();
+    return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+}
