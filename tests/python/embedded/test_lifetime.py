@@ -28,12 +28,13 @@ def refused(operation, text="opened before this process was forked"):
 """
 
 
-def run(path, *pieces):
-    """Runs a program made of pieces in a process of its own; what it printed."""
+def run(path, *pieces, status=0):
+    """Runs a program made of pieces in a process of its own, which ends with `status`; what it printed."""
     program = PRELUDE + "\n".join(textwrap.dedent(piece) for piece in pieces)
     done = subprocess.run([sys.executable, "-c", program, path], stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
-    assert done.returncode == 0, done.stderr
+    assert done.returncode == status, (done.returncode, done.stderr)
+    assert status or not done.stderr, done.stderr
     return done.stdout
 
 
@@ -140,3 +141,103 @@ def test_child_with_a_connection_of_its_own(path):
         """ % {"journal": journal})
         rows = sqlite3.connect(path).execute("SELECT n FROM t_" + journal).fetchall()
         assert rows == [(1,), (2,), (3,), (4,), (5,)]
+
+
+ENDINGS = {  # code, exit status, rows added
+    "kept by the module": ("row.description", 0, 0),
+    "a circle": ("circle = [connection, cursor, row]; circle.append(circle)", 0, 0),
+    "kept by other modules": ("import builtins; builtins.kept = sys.modules['kept'] = iter(cursor)", 0, 0),
+    "an open transaction": ("connection.execute('BEGIN'); insert(2)", 0, 0),
+    "an exit handler": ("atexit.register(lambda: (insert(2), connection.close()))", 0, 1),
+    "a finaliser": ("""
+        class Late:
+            def __del__(self, zelqa=zelqa, connect_string=connect_string):
+                insert(2)
+                self.rows = connection.execute("SELECT * FROM t").fetchall()
+                zelqa.connect(connect_string).execute("INSERT INTO t VALUES (3)")
+        late = Late()""", 0, 2),
+    "an exit in a call-back": ("""
+        class Rows(list):
+            def __len__(self):
+                sys.exit(7)
+        cursor.executemany("INSERT INTO t VALUES (?)", Rows())""", 7, 0),
+    "an exit at once in a call-back": ("""
+        class Rows(list):
+            def __len__(self):
+                os._exit(7)
+        insert(2)
+        cursor.execute("INSERT INTO t VALUES (?)", Rows())""", 7, 1),
+    "an error": ("sys.stderr = None; insert(2); cursor.execute('SELECT')", 1, 1),
+    "a thread that goes on": ("""
+        def work():
+            mine = zelqa.connect(connect_string)
+            started.set()
+            while True:
+                mine.execute("SELECT * FROM t").fetchall()
+        started = threading.Event()
+        threading.Thread(target=work, daemon=True).start()
+        started.wait()""", 0, 0),
+    "a thread that ends last": ("""
+        def work():
+            threading.main_thread().join()
+            insert(2)
+        threading.Thread(target=work).start()""", 0, 1),
+    "a signal between rows": ("""
+        signal.signal(signal.SIGALRM, lambda *arguments: sys.exit(7))
+        signal.setitimer(signal.ITIMER_REAL, 0.05)
+        while True:
+            for row in connection.execute("SELECT * FROM t"):
+                pass""", 7, 0),
+}
+
+
+@pytest.mark.parametrize("ending", ENDINGS)
+def test_exit_with_live_objects(path, ending):
+    code, status, added = ENDINGS[ending]
+    run(path, """
+    import atexit, signal, threading
+    connection = zelqa.connect(connect_string)
+    connection.execute("CREATE TABLE t AS SELECT 1 AS n UNION SELECT 10")
+    cursor = connection.execute("SELECT * FROM t")
+    row = cursor.fetchone()
+
+    def insert(n, connection=connection):
+        connection.execute("INSERT INTO t VALUES (?)", n)
+    """, code, status=status)
+    assert sqlite3.connect(path).execute("SELECT count(*) FROM t").fetchone() == (2 + added,)
+
+
+def test_interpreters_beside_the_main_one(path):
+    """They share the module or are refused it; the main one is as before."""
+    output = run(path, """
+    connection = zelqa.connect(connect_string)
+    connection.execute("CREATE TABLE t (n REAL, x DATE)")
+    connection.execute("INSERT INTO t VALUES (1.5, '2024-01-02')")
+    code = '''if True:
+        import sys
+        sys.path[:] = %r
+        try:
+            from vorda import zelqa
+        except ImportError as error:
+            assert "does not support loading in subinterpreters" in str(error), error
+        else:
+            circle = [zelqa.connect(%r)]
+            circle += circle, circle[0].execute("SELECT * FROM t").fetchall()
+            try:
+                circle[0].execute("SELECT")
+            except zelqa.DatabaseError as error:
+                circle.append(error)
+    ''' % (sys.path, connect_string)
+    try:
+        import _interpreters as interpreters
+    except ImportError:
+        import _xxsubinterpreters as interpreters
+    for times in range(3):
+        other = interpreters.create()
+        failure = interpreters.run_string(other, code)
+        assert failure is None, failure
+        interpreters.destroy(other)
+        print(connection.execute("SELECT * FROM t").fetchall())
+        refused(lambda: connection.execute("SELECT"), "incomplete input")
+    """)
+    assert output == "[(1.5, datetime.date(2024, 1, 2))]\n" * 3
