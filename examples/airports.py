@@ -11,18 +11,19 @@ import datetime
 import os
 import sys
 import tempfile
+from typing import Dict, Iterator
 
 from vorda import zelqa
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 
-def rows_of(name):
+def rows_of(name: str) -> Iterator[Dict[str, str]]:
     with open(os.path.join(HERE, name), newline="", encoding="utf-8") as file:
         yield from csv.DictReader(file)
 
 
-def create_tables(cursor):
+def create_tables(cursor: zelqa.Cursor) -> None:
     cursor.execute("CREATE TABLE state (code TEXT PRIMARY KEY, name TEXT NOT NULL, admitted DATE)")
     cursor.execute(
         "CREATE TABLE airport (code TEXT PRIMARY KEY, name TEXT, city TEXT,"
@@ -30,7 +31,7 @@ def create_tables(cursor):
     )
 
 
-def load(cursor):
+def load(cursor: zelqa.Cursor) -> int:
     """Load both tables, each as one batch that is stored whole or not at all; returns the row count."""
     states = [(row["code"], row["name"], row["admitted"]) for row in rows_of("states.csv")]
     cursor.executemany("INSERT INTO state VALUES (?, ?, ?)", states)
@@ -43,7 +44,7 @@ def load(cursor):
     return count + cursor.rowcount
 
 
-def main():
+def main() -> None:
     path = sys.argv[1] if len(sys.argv) > 1 else os.path.join(tempfile.mkdtemp(), "airports.db")
     connection = zelqa.connect("Database={%s}" % path)
     cursor = connection.cursor()
@@ -58,7 +59,7 @@ def main():
         (44.0, datetime.date(1900, 1, 1)),
     )
     print("\ncolumns:")
-    for column in cursor.description:
+    for column in cursor.description or ():
         print("  ", column)
     print("\nrows, by name and by index:")
     for row in cursor:

@@ -27,7 +27,7 @@ def main() -> None:
             writer = csv.writer(sys.stdout)
             cursor.execute("SELECT name, admitted FROM state WHERE admitted < ? ORDER BY admitted, name LIMIT 3",
                            ("1788-01-01",))
-            writer.writerow(column[0] for column in cursor.description)
+            writer.writerow(column[0] for column in cursor.description or ())
             writer.writerows(cursor)
 
 

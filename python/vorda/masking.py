@@ -38,7 +38,7 @@ class Mask:
             bare = value.strip()
             if bare.startswith("{"):
                 bare = re.sub(r"\}[^}]*$", "", bare[1:])
-            secrets += [value.strip(), bare, bare.replace("}}", "}")]
+            secrets += [value.strip(), bare, bare.strip(), bare.replace("}}", "}").strip()]
         self.shown += connection_string[end:]
         self._connection_string = connection_string
         self._secrets = sorted({s for s in secrets if s}, key=len, reverse=True)

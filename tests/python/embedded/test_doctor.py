@@ -1,0 +1,88 @@
+"""python -m vorda doctor: its output alone says why there is no connection."""
+
+import os
+import shutil
+import subprocess
+import sys
+
+import pytest
+
+from vorda import zelqa
+from vorda.doctor import Module
+
+BUILD = os.environ["VORDA_BUILD"]
+PACKAGE = os.path.join(BUILD, "python", "vorda")
+SCRIPTED = os.path.join(BUILD, "scripted")
+RUNTIME, COMPANION = "libvordart.x64.so.6", "libvordart-compat.x64.so.6"
+
+
+def doctor(*arguments, folder=os.path.join(BUILD, "python"), status=0, **environment):
+    done = subprocess.run([sys.executable, "-m", "vorda", "doctor", *arguments], text=True, timeout=120,
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          env={**os.environ, "PYTHONPATH": folder, **environment})
+    assert done.returncode == status, done.stdout
+    return done.stdout
+
+
+@pytest.fixture
+def package(tmp_path):
+    """A copy of the package without its runtime."""
+    shutil.copytree(PACKAGE, tmp_path / "python" / "vorda", ignore=shutil.ignore_patterns("libvordart*"))
+    return tmp_path / "python" / "vorda"
+
+
+def test_a_good_installation():
+    report = doctor("Database=:memory:;Password={hunter;2}")
+    assert report.index("1. by the loader") < report.index("2. in the fixed") < report.index("3. beside the module")
+    assert "failed  %s: cannot open shared object file: No such file or directory" % RUNTIME in report
+    assert "found   %s" % os.path.join(PACKAGE, RUNTIME) in report and "version      6" in report
+    assert "Password=***" in report and "hunter" not in report and "connected" in report
+    assert sys.executable in report and zelqa.__file__ in report
+
+
+def test_an_installed_runtime_ends_the_search():
+    report = doctor(LD_LIBRARY_PATH=SCRIPTED)
+    assert "found   %s" % os.path.join(SCRIPTED, RUNTIME) in report and "functions    113 of 113" in report
+    assert "2. in the fixed" not in report and "All is well" in report
+
+
+def test_the_libraries_that_fail_say_why(package):
+    report = doctor("Database=x;Pwd=hunter2", folder=str(package.parent), status=1)
+    assert "No runtime can be loaded" in report and report.count("cannot open shared object file") == 6
+    (package / RUNTIME).write_bytes(b"no library")
+    assert "file too short" in doctor(folder=str(package.parent), status=1)
+    shutil.copy(os.path.join(PACKAGE, RUNTIME), package)
+    assert "companion is missing" in doctor(folder=str(package.parent))
+
+
+SOURCE = {
+    "ends the process": "__attribute__((constructor)) void f(void) { __builtin_trap(); }",
+    "refuses": "int RT_SQLAllocHandle(const char* p, short t, void* i, void** o) { return -1; }",
+}
+
+
+@pytest.mark.skipif(shutil.which("gcc") is None, reason="no compiler")
+@pytest.mark.parametrize("kind, message", [("ends the process", "ended by SIG"), ("refuses", "functions    1 of 113")])
+def test_a_broken_runtime(tmp_path, kind, message):
+    for name in (RUNTIME, COMPANION):
+        subprocess.run(["gcc", "-shared", "-fPIC", "-x", "c", "-", "-o", str(tmp_path / name)], check=True,
+                       input=SOURCE[kind], text=True)
+    report = doctor(status=1, LD_LIBRARY_PATH=str(tmp_path))
+    assert message in report and "1. by the loader" in report
+    assert kind != "refuses" or "refuses an environment handle" in report
+
+
+def test_a_connection_that_fails_shows_the_providers_words():
+    assert "unable to open database file: '/no/***'" in doctor("Database=/no/hunter2;Pwd=hunter2", status=1)
+
+
+def test_a_module_of_another_interpreter_is_named(package):
+    for file in package.glob("zelqa.*.so"):
+        file.rename(package / "zelqa.cpython-399-other.so")
+    report = doctor(folder=str(package.parent), status=1)
+    assert "cannot be imported" in report and "zelqa.cpython-399-other.so" in report
+
+
+def test_the_module_names_what_it_looks_up():
+    names = Module(zelqa.__file__).functions()
+    assert len(names) == len(set(names)) == 113 and "RT_SQLExecDirectW" in names

@@ -1,0 +1,291 @@
+"""python -m vorda as its users see it: in pipes, in files and on a terminal."""
+
+import csv
+import io
+import json
+import os
+import pty
+import re
+import select
+import signal
+import struct
+import subprocess
+import sys
+import termios
+import time
+from fcntl import ioctl
+
+import pytest
+
+from vorda import importer
+from vorda.display import cut, printable, width
+from vorda.masking import HIDDEN, Mask, holds_secret
+from vorda.output import Json
+from vorda.statements import Splitter
+
+ROWS = """CREATE TABLE item (name TEXT, price DECIMAL(8,2), sold DATE, n INTEGER);
+INSERT INTO item VALUES ('lamp', 12.5, '2026-11-21', 3), (NULL, NULL, NULL, NULL), ('', 0.0000001, NULL, 1000),
+    ('本棚 e\u0301', 2, NULL, 5), ('a
+,"b', 1, NULL, 2);"""
+MILLION = ("SELECT * FROM (WITH RECURSIVE s(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM s WHERE n < %d)"
+           " SELECT n, 'text ' || n AS t FROM s)")
+
+
+def vorda(*arguments, stdin="", **environment):
+    return subprocess.run([sys.executable, "-m", "vorda", *arguments], input=stdin if isinstance(stdin, bytes) else stdin.encode(), timeout=120,
+                          stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          env={**os.environ, "PYTHONIOENCODING": "utf-8", **environment})
+
+
+def out(*arguments, **options):
+    done = vorda(*arguments, **options)
+    assert (done.returncode, done.stderr) == (0, b""), done.stderr.decode()
+    return done.stdout.decode()
+
+
+@pytest.fixture
+def item(path):
+    """The connection string of a database with the table item."""
+    out("Database=" + path, stdin=ROWS)
+    return "Database=" + path
+
+
+def test_a_table(item):
+    shown = re.sub(r"\d+\.\d{3} s", "TIME", out(item, "SELECT * FROM item"))
+    assert shown == """\
+name   |     price | sold       |    n
+-------+-----------+------------+-----
+lamp   |      12.5 | 2026-11-21 |    3
+NULL   |      NULL | NULL       | NULL
+       | 0.0000001 | NULL       | 1000
+本棚 e\u0301 |         2 | NULL       |    5
+a\\n,"b |         1 | NULL       |    2
+(5 rows, TIME)
+"""
+
+
+def test_csv_and_json_carry_every_value(item):
+    text = out("--csv", item, "SELECT * FROM item")
+    assert text.splitlines()[2:4] == [",,,", '"",0.0000001,,1000']
+    assert list(csv.reader(io.StringIO(text)))[5] == ["a\n,\"b", "1", "", "2"]
+    rows = json.loads(out(item, "--json", "SELECT *, 1.5 AS name, CAST('2020-01-01 02:03:04.5' AS TIMESTAMP) AS at,"
+                          " 9e999 AS big FROM item"))
+    assert rows[0] == {"name": "lamp", "price": "12.5", "sold": "2026-11-21", "n": 3, "name_2": 1.5,
+                       "at": rows[0]["at"], "big": "inf"}
+    assert rows[1]["name"] is None and rows[2]["name"] == "" and rows[2]["price"] == "0.0000001"
+    assert json.loads(out("--json", item, "SELECT * FROM item WHERE 1 = 0")) == []
+    assert Json.keys(["a", "a", "a_2", "a"]) == ["a", "a_3", "a_2", "a_4"]
+
+
+@pytest.mark.parametrize("arguments, stdin, status, message", [
+    (["Database=:memory:", "SELECT nope"], "", 1, "no such column: nope"),
+    (["Database=:memory:"], "SELECT 1;\n\nSELECT\nnope;\nSELECT 2;", 1, "standard input:3: "),
+    (["Database=:memory:"], b"SELECT 1;\nSELECT \xff", 1, "standard input: after line 0: not valid UTF-8"),
+    (["Database=:memory:", "SELECT x'00' AS b"], "", 1, "hex(COLUMN)"),
+    (["Database=:memory:", "WITH a AS (SELECT 1) SELECT * FROM a"], "", 0, "SELECT * FROM (WITH ...)"),
+    (["Database=:memory:", ".schema nope"], "", 1, "no table, view or procedure nope"),
+    (["Database=:memory:", ".nope"], "", 1, ".help lists them"),
+    (["Database=:memory:", ".read"], "", 1, "usage: .read FILE"),
+    (["Database=/no/such/folder/x"], "", 1, "doctor CONNECTION_STRING tells more"),
+    ([], "", 2, "usage: python -m vorda"),
+    (["Database=x", "SELECT", "1", "Pwd=hunter2"], "", 2, "put quotes around"),
+    (["Database=/no/folder/hunter2;Pwd=hunter2", ".tables"], "", 1, "/no/folder/***'"),
+    (["Database=:memory:;Pwd=hun;hunter2", ".tables"], "", 1, "'***' is not a Key=Value pair"),
+])
+def test_what_goes_wrong_is_said_and_shows_in_the_status(arguments, stdin, status, message):
+    done = vorda(*arguments, stdin=stdin)
+    error = done.stderr.decode()
+    assert (done.returncode, message in error) == (status, True), error
+    assert b"hunter2" not in done.stdout + done.stderr and "Traceback" not in error
+
+
+def test_a_failing_script_stops_there(item):
+    done = vorda(item, stdin="DELETE FROM item WHERE n = 3;\nSELECT nope;\nDELETE FROM item;")
+    assert done.returncode == 1 and json.loads(out("--json", item, "SELECT count(*) AS n FROM item"))[0]["n"] == 4
+
+
+def test_a_closed_pipe_ends_quietly_and_at_once():
+    process = subprocess.Popen([sys.executable, "-m", "vorda", "Database=:memory:", MILLION % 10 ** 9],
+                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    assert process.stdout.readline().split() == [b"n", b"|", b"t"]
+    process.stdout.close()
+    with process.stderr:
+        assert (process.stderr.read(), process.wait(60)) == (b"", 141)
+
+
+def test_a_narrow_encoding_gets_escapes(item):
+    shown = out(item, "SELECT name FROM item", PYTHONIOENCODING="latin-1").splitlines()
+    assert shown[5].startswith("\\u672c\\u68da e\\u0301")
+    assert "本棚" in out(item, "--csv", "SELECT name FROM item", PYTHONIOENCODING="ascii")
+
+
+@pytest.mark.parametrize("text, shown, columns", [
+    ("plain", "plain", 5), ("本", "本", 2), ("e\u0301", "e\u0301", 1), ("a\tb\x1b[2J", "a\\tb\\x1b[2J", 11),
+    ("\u202eevil\u2028", "\\u202eevil\\u2028", 16), ("\U000e0001", "\\U000e0001", 10),
+])
+def test_what_a_screen_gets(text, shown, columns):
+    assert (printable(text), width(printable(text))) == (shown, columns)
+
+
+def test_cutting_counts_columns():
+    assert [cut("本棚abc", n) for n in (7, 6, 5, 4, 3)] == ["本棚abc", "本棚a…", "本棚…", "本…", "本…"]
+    assert cut("e\u0301e\u0301e\u0301", 2) == "e\u0301…"
+
+
+@pytest.mark.parametrize("text, statements", [
+    ("SELECT 1; SELECT 2", ["SELECT 1;", "SELECT 2"]),
+    ("SELECT ';'';', \";\", `;`, [;]; -- ;\n/* ; */ ;;\n-- end", ["SELECT ';'';', \";\", `;`, [;];"]),
+    ("SELECT '\n;\n' /*\n;'*/;SELECT 2;", ["SELECT '\n;\n' /*\n;'*/;", "SELECT 2;"]),
+    ("create temp trigger t after insert on a begin select case 1 when 1 then 2 end; select ';end;'; end ; SELECT 1",
+     ["create temp trigger t after insert on a begin select case 1 when 1 then 2 end; select ';end;'; end ;",
+      "SELECT 1"]),
+    ("CREATE OR REPLACE PROCEDURE p AS SELECT 1;\n\nSELECT 2;\n/\nSELECT 3;",
+     ["CREATE OR REPLACE PROCEDURE p AS SELECT 1;\n\nSELECT 2;", "SELECT 3;"]),
+    ("CREATE TABLE procedure (a);SELECT 1;", ["CREATE TABLE procedure (a);", "SELECT 1;"]),
+])
+def test_where_statements_end(text, statements):
+    splitter = Splitter()
+    found = [s for line in text.splitlines(keepends=True) for s in splitter.feed(line)]
+    assert found + list(splitter.finish()) == statements
+
+
+@pytest.mark.parametrize("string, shown, message, masked", [
+    ("Server=a;PWD=s3cret!;X=1", "Server=a;PWD=***;X=1", "login s3cret! failed", "login *** failed"),
+    ("Password = { a;b}}c } ;X=1", "Password =***;X=1", "a;b}c or { a;b}}c }, a;b}}c", "*** or ***,***"),
+    ("API Key=abcdefghij", "API Key=***", "cut: 'abcdefg...'", "cut: '***...'"),
+    ("pwd={unclosed;X=1", "pwd=***", "unclosed;X=1", HIDDEN),
+    ("Pwd=a;b;Database=ab", "Pwd=***;***;Database=ab", "'b' or abba", "'***' or abba"),
+    ("Database=plain;Token=", "Database=plain;Token=", "plain", "plain"),
+])
+def test_secrets_are_masked(string, shown, message, masked):
+    mask = Mask(string)
+    assert mask.shown == mask(string) == shown
+    assert mask(message) == masked
+    assert holds_secret("SELECT 1 -- " + string) == (HIDDEN in shown)
+
+
+# --- importing
+
+
+@pytest.fixture
+def imported(path, tmp_path, stdlib):
+    """Imports a text as a file into the table t (a INTEGER DEFAULT 7, b TEXT); gives the outcome and the rows."""
+    stdlib.execute('CREATE TABLE t (a INTEGER DEFAULT 7, b TEXT, "c d" TEXT)')
+
+    def run(content, *options, table="t"):
+        file = tmp_path / "in put.csv"
+        file.write_bytes(content if isinstance(content, bytes) else content.encode())
+        done = vorda("Database=" + path, stdin=".import %s '%s' %s\n" % (" ".join(options), file, table))
+        return done.stdout.decode(), done.stderr.decode(), stdlib.execute("SELECT * FROM t").fetchall()
+
+    return run
+
+
+@pytest.mark.parametrize("content, options, rows", [
+    ("B,a\n\"x,\n\"\"y\",007\n,\n", (), [(7, 'x,\n"y', None), (None, None, None)]),
+    ("b,C D\n\"\",é\n", ("--empty-text",), [(7, "", "é")]),
+    ("\ufeffb\nx\n\ny", (), [(7, "x", None), (7, None, None), (7, "y", None)]),
+])
+def test_import(imported, content, options, rows):
+    message, error, stored = imported(content, *options)
+    assert error == "" and stored == rows and message.startswith("(%d row" % len(rows))
+
+
+@pytest.mark.parametrize("content, table, message", [
+    ("b\n" + "x\n" * 3000 + "y,z\n", "t", "line 3002 has 2 fields, the header has 1"),
+    ("b,e\n1,2\n", "t", "no column 'e'; its columns are a, b, c d"), ("b,B\n1,2\n", "t", "names a column twice: b"),
+    ("", "t", "no header line"), (b"b\nx\n\xff\n", "t", "line 3 is not valid UTF-8"), ("b\n1\n", "u", "no such table: u"),
+    ("b\n\"x\n", "t", "line 2: unexpected end of data"),
+])
+def test_an_import_is_whole_or_not_at_all(imported, content, table, message):
+    _, error, stored = imported(content, table=table)
+    assert message in error and stored == []
+
+
+def test_an_import_inside_a_transaction_leaves_it_open(connection, tmp_path, stdlib, monkeypatch):
+    connection.execute("CREATE TABLE t (a INTEGER CHECK (a < 3000))")
+    file = tmp_path / "a.csv"
+    file.write_text("a\n" + "\n".join(map(str, range(4000))))
+    monkeypatch.setattr(importer, "BATCH_BYTES", 20000)
+    connection.execute("BEGIN")
+    connection.execute("INSERT INTO t VALUES (-1)")
+    with pytest.raises(importer.ImportFailed, match=r"CHECK.*in the batch of \d+ rows that begins at line \d+"):
+        importer.import_csv(connection, str(file), "t", False)
+    connection.execute("COMMIT")
+    assert stdlib.execute("SELECT * FROM t").fetchall() == [(-1,)]
+
+
+# --- on a terminal
+
+
+class Terminal:
+    """The shell on a pseudo-terminal."""
+
+    def __init__(self, *arguments, columns=60, **environment):
+        self.pid, self.file = pty.fork()
+        if self.pid == 0:
+            os.environ.update(environment, TERM="dumb")
+            os.execv(sys.executable, [sys.executable, "-m", "vorda", *arguments])
+        ioctl(self.file, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+
+    def until(self, pattern):
+        """What appears up to the pattern, which must come."""
+        seen, end = b"", time.monotonic() + 60
+        while not re.search(pattern.encode(), seen, re.DOTALL):
+            assert select.select([self.file], [], [], max(0, end - time.monotonic()))[0], seen.decode()
+            seen += os.read(self.file, 65536)
+        return seen.decode("utf-8", "replace")
+
+    def type(self, text, until="vorda> "):
+        os.write(self.file, text.encode())
+        return self.until(until)
+
+    def close(self):
+        os.write(self.file, b"\x04")
+        status = os.waitpid(self.pid, 0)[1]
+        os.close(self.file)
+        return status
+
+
+@pytest.fixture
+def terminal(item, tmp_path):
+    terminal = Terminal(item, XDG_STATE_HOME=str(tmp_path / "state"))
+    terminal.until("vorda> ")
+    yield terminal
+    try:
+        os.kill(terminal.pid, signal.SIGKILL)
+        os.waitpid(terminal.pid, 0)
+        os.close(terminal.file)
+    except (ProcessLookupError, ChildProcessError, OSError):
+        pass
+
+
+def test_the_shell(terminal, tmp_path):
+    assert "item | table" in terminal.type(".tables\n")
+    terminal.type("SELECT 'one;\n", r"\.\.\.> ")
+    assert "one;\\ntwo" in terminal.type("two' AS x;\n")
+    terminal.type("SELECT half\n", r"\.\.\.> ")
+    assert "(stopped)" in terminal.type("\x03")
+    assert "no such column: nope" in terminal.type("SELECT nope;\n")
+    terminal.type(MILLION % 10 ** 9 + ";\n", "text 300\r\n")
+    assert "(stopped after " in terminal.type("\x03")
+    assert "42" in terminal.type("SELECT 42 AS alive; -- Server=x;Pwd=hunter2\n")
+    shown = terminal.type("SELECT '%s' AS t, n FROM item WHERE n = 1000;\n" % ("本" * 50), r"\(1 row.*vorda> ")
+    (line,) = [line for line in shown.splitlines() if line.endswith("| 1000")]
+    assert line.startswith("本" * 26 + "…") and width(line) <= 60
+    assert terminal.close() == 0
+    (history,) = (tmp_path / "state" / "vorda").iterdir()
+    assert history.stat().st_mode & 0o777 == 0o600 and history.parent.stat().st_mode & 0o777 == 0o700
+    kept = history.read_text()
+    assert ".tables\nSELECT 'one;\ntwo' AS x;\n" in kept and "Pwd" not in kept and "Database" not in kept
+
+
+def test_an_interrupted_import_changes_nothing(terminal, tmp_path, stdlib):
+    file = tmp_path / "big.csv"
+    file.write_text("name,n\n" + "x,1\n" * 2000000)
+    terminal.type(".import %s item\n" % file, r"\[#")
+    assert "(stopped)" in terminal.type("\x03")
+    assert stdlib.execute("SELECT count(*) FROM item").fetchone() == (5,)
+    terminal.type("CREATE PROCEDURE p AS SELECT 6 * 7 AS x;\n", "an empty line ends")
+    terminal.type("\n")
+    assert "42" in terminal.type("EXEC p;\n")
