@@ -29,11 +29,11 @@ MORTAL, SLOTS = range(4), range(8)  # an even slot works on the first file; the 
 STAYING = SLOTS[-2:]
 HANG = 90  # seconds; no lock is waited for as long as that
 
-WARM = 600  # operations; by then a process has done everything a few times, and its caches are full
+WARM = 1500  # operations; by then a process has done everything a few times, and its caches are full
 # What a process may have gained between the medians of two quarters of its samples. A statement without rows keeps
 # its handle, of less than 200 bytes, until the connection ends.
-TOLERANCE = {"KiB": 3072, "blocks": 3000, "files": 3, "mappings": 24}
-KIB_PER_OPERATION_OF_STAYING = 1.0
+TOLERANCE = {"KiB": 2048, "blocks": 3000, "files": 3, "mappings": 24}
+KIB_PER_OPERATION_OF_STAYING = 0.4
 
 
 def prepare(folder):
@@ -66,30 +66,22 @@ class Soak:
         with open("%s/errors-%d" % (self.folder, slot), "a") as errors:
             self.processes[slot] = subprocess.Popen([sys.executable, script, *map(str, arguments)], stderr=errors)
 
-    def kill(self, slot):
-        process = self.processes[slot]
-        if process.poll() is None:
-            process.kill()
-            process.wait()
-            self.kills += 1
-
     def watch(self):
-        """Notes who has ended on its own, and who does nothing any more."""
+        """Whether all is well: nobody has ended on its own, or does nothing any more."""
         for slot, process in self.processes.items():
             done = sum(self.counts[slot])
             if self.moved[slot][0] != done:
                 self.moved[slot] = done, time.monotonic()
-            if process.poll() is not None:
+            if process.poll():
                 self.faults.append("process %d ended with status %d" % (slot, process.returncode))
-            elif time.monotonic() - self.moved[slot][1] > HANG:
+            elif process.returncode is None and time.monotonic() - self.moved[slot][1] > HANG:
                 process.send_signal(signal.SIGUSR1)  # where it hangs goes to its errors
                 time.sleep(1)
                 self.faults.append("process %d hangs" % slot)
         return not self.faults
 
     def run(self):
-        begin = time.monotonic()
-        told = begin
+        begin = told = time.monotonic()
         for slot in SLOTS:
             self.start(slot)
         try:
@@ -103,24 +95,20 @@ class Soak:
                     told = time.monotonic()
                     operations = sum(map(sum, self.counts))
                     print("%4d s: %d operations, %d kills" % (told - begin, operations, self.kills), flush=True)
-            self.end()
-        finally:
+            for slot in MORTAL:
+                self.kill(slot)
             for process in self.processes.values():
-                process.kill()
-                process.wait()
+                process.terminate()
+            while self.watch() and any(process.returncode is None for process in self.processes.values()):
+                time.sleep(0.1)
+        finally:
+            for slot in list(self.processes):
+                self.kill(slot)
 
-    def end(self):
-        for slot in MORTAL:
-            self.kill(slot)
-        for slot in SLOTS[len(MORTAL):]:
-            self.processes[slot].terminate()
-        for slot in SLOTS[len(MORTAL):]:
-            try:
-                status = self.processes[slot].wait(HANG)
-                if status and not self.faults:
-                    self.faults.append("process %d ended with status %d" % (slot, status))
-            except subprocess.TimeoutExpired:
-                self.faults.append("process %d does not stop" % slot)
+    def kill(self, slot):
+        process = self.processes.pop(slot)
+        process.kill()
+        self.kills += process.wait() == -signal.SIGKILL
 
     # --- afterwards ----------------------------------------------------------------------------------------
 

@@ -12,8 +12,7 @@ import signal
 import sys
 import time
 
-from ledger import PARTS, Ledger
-from ledger import rows_of as rows_for
+from ledger import PARTS, Ledger, rows_of
 from vorda import zelqa
 
 KINDS = (
@@ -27,8 +26,7 @@ CHANGE = "UPDATE entry SET version = ?, number = ?, text = ?, real = ?, moment =
 # The third value can make the statement fail while it runs: there is no absolute value of -2^63.
 ERASE = "DELETE FROM entry WHERE batch = ? AND n = ? AND abs(?)"
 CALLS = {
-    PUT: "EXEC put ?, ?, ?, ?, ?, ?, ?, ?",
-    CHANGE: "EXEC change ?, ?, ?, ?, ?, ?, ?",
+    PUT: "EXEC put ?, ?, ?, ?, ?, ?, ?, ?", CHANGE: "EXEC change ?, ?, ?, ?, ?, ?, ?",
     ERASE: "EXEC erase ?, ?, ?",
 }
 PROCEDURES = (
@@ -104,6 +102,11 @@ def spoiled(rng, sql, sets):
     return sets
 
 
+def risky(rng, sql):
+    """The same statement, which at a failure keeps what it has done, or ends the transaction around it."""
+    return sql.replace("INTO", "OR FAIL INTO") if rng.random() < 0.5 else sql.replace("INTO", "OR ROLLBACK INTO")
+
+
 class Worker:
     def __init__(self, folder, name, seed, slot, generation, stays):
         self.folder, self.path, self.seed, self.stays = folder, os.path.join(folder, name + ".db"), seed, stays
@@ -119,15 +122,12 @@ class Worker:
     def count(self, kind):
         self.counts[KINDS.index(kind)] += 1
 
-    def rows_of(self, batch, version):
-        return rows_for(self.seed, batch, version)
-
     def settle_doubt(self):
         """Looks up what became of the step during which the predecessor was killed."""
         batch, *versions = self.ledger.doubt
         rows = patiently(self.rows_stored, batch)
         for version in versions:
-            if rows == self.rows_of(batch, version):
+            if rows == rows_of(self.seed, batch, version):
                 return self.ledger.note("found", batch, version)
         raise Fault("batch %d is neither as before nor as after the step %s: %d rows" % (batch, versions, len(rows)))
 
@@ -156,101 +156,69 @@ class Worker:
         rng, versions = self.rng, self.ledger.versions
         if len(versions) < 8 or rng.random() < 0.3 and len(versions) < 12:
             batch, old, new, sql = self.ledger.last + 1, 0, 1, PUT
-            sets = self.rows_of(batch, 1)
+            sets = rows_of(self.seed, batch, 1)
         else:
             batch = rng.choice(list(versions))
             old = versions[batch]
-            rows = self.rows_of(batch, old + 1)
+            rows = rows_of(self.seed, batch, old + 1)
             if rng.random() < 0.5:
                 new, sql, sets = old + 1, CHANGE, [(*row[2:3], *row[4:], *row[:2]) for row in rows]
             else:
                 new, sql, sets = 0, ERASE, [(*row[:2], 1) for row in rows]
-        kind, way = rng.choice((
-            ("batch", self.by_batch), ("batch by procedure", self.by_procedure), ("transaction", self.in_transaction),
-            ("rolled back", self.rolled_back), ("abandoned transaction", self.abandon_transaction),
-            ("doomed batch", self.doomed_batch), ("doomed procedure", self.doomed_procedure),
+        kind, stored, way, *arguments = rng.choice((
+            ("batch", True, self.run, sql, sets),
+            ("batch by procedure", True, self.run, CALLS[sql], sets),
+            ("transaction", True, self.in_transaction, sql, sets, "COMMIT"),
+            ("rolled back", False, self.in_transaction, sql, sets, "ROLLBACK"),
+            ("abandoned transaction", False, self.in_transaction, sql, sets, None),
+            ("doomed batch", False, self.refuse, "", self.run, sql, spoiled(rng, sql, sets)),
+            ("doomed batch", False, self.refuse, "", self.run, risky(rng, sql), spoiled(rng, sql, sets)),
+            ("doomed procedure", False, self.refuse, "", self.run, CALLS[sql], spoiled(rng, sql, sets)),
         ))
         self.ledger.note("about", batch, old, new)
         try:
-            succeeded = way(sql, sets)
+            way(*arguments)
         except zelqa.DatabaseError as error:
             if not BUSY.search(str(error)):
                 raise
-            kind, succeeded = "busy", False
-        self.ledger.note("done" if succeeded else "failed", batch)
+            kind, stored = "busy", False
+        self.ledger.note("done" if stored else "failed", batch)
         self.count(kind)
 
-    def by_batch(self, sql, sets):
-        if self.connection.cursor().executemany(sql, sets).rowcount != len(sets):
+    def run(self, sql, sets):
+        cursor = self.connection.cursor()
+        if sql == CALLS[ERASE] and self.rng.random() < 0.5:
+            # In two steps and a look at what is left, which fails for a spoiled batch.
+            last = min(row[2] for row in sets)
+            cursor.callproc("clear", (sets[0][0], self.rng.randrange(len(sets) + 1), last))
+            if [tuple(row) for row in cursor.fetchall()] != [(0, last)]:
+                raise Fault("rows are left")
+        elif cursor.executemany(sql, sets).rowcount != (0 if sql.startswith("EXEC") else len(sets)):
             raise Fault("wrong row count")
-        return True
 
-    def by_procedure(self, sql, sets):
-        if sql == ERASE:
-            self.clear_batch(sets, 1)
-        else:
-            self.connection.cursor().executemany(CALLS[sql], sets)
-        return True
-
-    def clear_batch(self, sets, last):
-        """Deletes a batch in two steps, counts what is left, and fails at the very end if `last` says so."""
-        cursor = self.connection.cursor()
-        cursor.callproc("clear", (sets[0][0], self.rng.randrange(len(sets) + 1), last))
-        if [tuple(row) for row in cursor.fetchall()] != [(0, last)]:
-            raise Fault("rows are left")
-
-    def work_in_transaction(self, cursor, sql, sets):
-        """The whole work in parts; a failing one among them must leave what the others did."""
-        rng = self.rng
-        while sets:
-            cut = rng.randrange(len(sets)) + 1
-            part, sets = sets[:cut], sets[cut:]
-            if rng.random() < 0.3:
-                self.refuse("", cursor.executemany, sql, spoiled(rng, sql, part))
-            if len(part) < 50 and rng.random() < 0.5:
-                for row in part:
-                    cursor.callproc(CALLS[sql].split()[1], row)
-            else:
-                cursor.executemany(rng.choice((sql, CALLS[sql])), part)
-
-    def in_transaction(self, sql, sets, end="COMMIT"):
-        cursor = self.connection.cursor()
-        cursor.execute(self.rng.choice(("BEGIN", "BEGIN IMMEDIATE", "BEGIN EXCLUSIVE")))
+    def in_transaction(self, sql, sets, end):
+        """The work in parts, failing ones among them; without an end on a connection that is closed or forgotten."""
+        rng, connection = self.rng, self.connection if end else connect(self.path, 1)
+        cursor = connection.cursor()
+        cursor.execute(rng.choice(("BEGIN", "BEGIN IMMEDIATE", "BEGIN EXCLUSIVE")))
         try:
-            self.work_in_transaction(cursor, sql, sets)
-            patiently(cursor.execute, end)
+            while sets:
+                cut = rng.randrange(len(sets)) + 1
+                part, sets = sets[:cut], sets[cut:]
+                if rng.random() < 0.3:
+                    self.refuse("", cursor.executemany, sql, spoiled(rng, sql, part))
+                if len(part) < 50 and rng.random() < 0.5:
+                    for row in part:
+                        cursor.callproc(CALLS[sql].split()[1], row)
+                else:
+                    cursor.executemany(rng.choice((sql, CALLS[sql])), part)
+            if end:
+                patiently(cursor.execute, end)
+            elif rng.random() < 0.5:
+                connection.close()
         except zelqa.DatabaseError:
             cursor.execute("ROLLBACK")
             raise
-        return end == "COMMIT"
-
-    def rolled_back(self, sql, sets):
-        return self.in_transaction(sql, sets, "ROLLBACK")
-
-    def abandon_transaction(self, sql, sets):
-        """On a connection that is closed, or only forgotten."""
-        connection = connect(self.path, 1)
-        cursor = connection.cursor()
-        cursor.execute("BEGIN")
-        self.work_in_transaction(cursor, sql, sets)
-        if self.rng.random() < 0.5:
-            connection.close()
-        return False
-
-    def doomed_batch(self, sql, sets):
-        text = sql
-        if sql != ERASE:
-            verb = sql.split()[0]
-            text = sql.replace(verb, verb + self.rng.choice(("", " OR FAIL", " OR ROLLBACK")), 1)
-        self.refuse("", self.connection.cursor().executemany, text, spoiled(self.rng, sql, sets))
-        return False
-
-    def doomed_procedure(self, sql, sets):
-        if sql == ERASE and self.rng.random() < 0.5:
-            self.refuse("", self.clear_batch, sets, -(2**63))
-        else:
-            self.refuse("", self.connection.cursor().executemany, CALLS[sql], spoiled(self.rng, sql, sets))
-        return False
 
     def refuse(self, pattern, action, *arguments):
         """The action has to fail, with a text that fits; a lock of another process is passed on."""
@@ -265,7 +233,7 @@ class Worker:
     def read_own(self):
         if self.ledger.versions:
             batch, version = self.rng.choice(list(self.ledger.versions.items()))
-            if self.rows_stored(batch) != self.rows_of(batch, version):
+            if self.rows_stored(batch) != rows_of(self.seed, batch, version):
                 raise Fault("batch %d is not as it was stored" % batch)
 
     def audit(self):
@@ -291,22 +259,10 @@ class Worker:
         self.count("abandoned query")
 
     def fail(self):
-        sql, parameters, pattern = self.rng.choice(ERRORS)
-        cursor = self.connection.cursor()
-        self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
-        self.count("error")
-
-    def meet_lock(self):
-        """The second of two who want to write is told so, and can write when the first has gone."""
-        first, second = connect(self.path, 1).cursor(), connect(self.path, 0).cursor()
-        first.execute("BEGIN IMMEDIATE")
-        try:
-            second.execute(PUT, self.rows_of(1, 1)[0])
-        except zelqa.DatabaseError as error:
-            if not BUSY.search(str(error)):
-                raise
-            return self.count("busy")
-        raise Fault("two wrote at the same time")
+        for sql, parameters, pattern in self.rng.choices(ERRORS, k=10):
+            cursor = self.connection.cursor()
+            self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
+            self.count("error")
 
     def change_schema(self):
         cursor, table = self.connection.cursor(), "scratch_%d" % self.slot
@@ -329,12 +285,12 @@ class Worker:
         self.count("abandoned connection")
 
     def fail_to_connect(self):
-        string, pattern = self.rng.choice(FAILED_CONNECTS)
-        self.refuse(pattern, zelqa.connect, string.replace("%s", self.folder))
-        self.count("failed connect")
+        for string, pattern in self.rng.choices(FAILED_CONNECTS, k=10):
+            self.refuse(pattern, zelqa.connect, string.replace("%s", self.folder))
+            self.count("failed connect")
 
     MIX = (
-        (write, 10), (read_own, 6), (audit, 1), (abandon_query, 3), (fail, 6), (meet_lock, 1), (change_schema, 0.3),
+        (write, 10), (read_own, 6), (audit, 1), (abandon_query, 3), (fail, 6), (change_schema, 0.3),
         (reconnect, 2), (abandon_connection, 1), (fail_to_connect, 4),
     )
 
