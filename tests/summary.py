@@ -19,7 +19,7 @@ def main(folder):
         total = tuple(a + b for a, b in zip(total, one))
         print("%-28s %5d passed %4d failed %4d skipped" % (path.stem, *one))
     print("%d passed, %d failed, %d skipped" % total)
-    return total[1] > 0 or total[0] == 0
+    return total[1] > 0 or sum(total) == 0
 
 
 if __name__ == "__main__":

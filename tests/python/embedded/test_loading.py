@@ -9,9 +9,10 @@ import sys
 
 import pytest
 
-BUILD = os.environ["VORDA_BUILD"]
-PACKAGE = os.path.join(BUILD, "python", "vorda")
-SCRIPTED = os.path.join(BUILD, "scripted")
+import vorda
+
+PACKAGE = os.path.dirname(vorda.__file__)  # in the build tree or installed
+SCRIPTED = os.path.join(os.environ["VORDA_BUILD"], "scripted")
 PAIR = ("libvordart.x64.so.6", "libvordart-compat.x64.so.6")
 
 # Prints the answer of the runtime that was found, and the path it was loaded from.
@@ -24,11 +25,12 @@ try:
     print(connection.execute("SELECT ? + 1 AS n", (41,)).fetchall())
 except zelqa.Error as error:
     print(error)
-print([line.split()[-1] for line in open("/proc/self/maps") if "libvordart.x64" in line][:1])
+lines = [line for line in open("/proc/self/maps") if "libvordart.x64" in line]
+print([line.split(maxsplit=5)[-1].strip() for line in lines][:1])
 """
 
 
-def run(prelude="", folder=os.path.join(BUILD, "python"), **environment):
+def run(prelude="", folder=os.path.dirname(PACKAGE), **environment):
     env = {**os.environ, "PYTHONPATH": folder, **environment}
     done = subprocess.run([sys.executable, "-c", PROGRAM.format(prelude=prelude)], env=env, text=True,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)

@@ -1,0 +1,87 @@
+"""The files that `./dev wheel` made, and the environment that it installed the wheel into."""
+
+import glob
+import os
+import pathlib
+import re
+import subprocess
+import sysconfig
+import tarfile
+import zipfile
+
+import pytest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+CLEAN = pathlib.Path(os.environ["VORDA_CLEAN"])
+(SDIST,) = glob.glob(os.path.join(os.environ["VORDA_DIST"], "*.tar.gz"))
+(WHEEL,) = glob.glob(os.path.join(os.environ["VORDA_DIST"], "*.whl"))
+VERSION = re.search(r"project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()).group(1)
+LIBRARIES = ("libvordart.x64.so.6", "libvordart-compat.x64.so.6",
+             "zelqa" + sysconfig.get_config_var("EXT_SUFFIX"))
+
+
+def contents(path):
+    with zipfile.ZipFile(path) as wheel:
+        return {name: wheel.read(name) for name in wheel.namelist()}
+
+
+def run(*arguments):
+    """Runs something in an empty folder of the clean environment, with nothing of ours in the environment."""
+    bare = {"PATH": os.environ["PATH"], "HOME": str(CLEAN), "LC_ALL": "C.UTF-8"}
+    done = subprocess.run(arguments, cwd=CLEAN, env=bare, stdout=subprocess.PIPE, timeout=120,
+                          stderr=subprocess.STDOUT, universal_newlines=True)
+    assert done.returncode == 0, done.stdout
+    return done.stdout
+
+
+def test_the_wheel_holds_the_package_and_nothing_else():
+    source = ROOT / "python" / "vorda"
+    python = [path.name for kind in ("*.py", "*.pyi", "py.typed") for path in source.glob(kind)]
+    about = "vorda_zelqa-%s.dist-info/" % VERSION
+    files = contents(WHEEL)
+    assert sorted(files) == sorted(
+        ["vorda/" + name for name in {"_version.py", "zelqa.pyi", "py.typed", *LIBRARIES, *python}]
+        + [about + name for name in ("METADATA", "RECORD", "WHEEL", "licenses/LICENSE")])
+    assert re.search(r"(?m)^Root-Is-Purelib: false$", files[about + "WHEEL"].decode())
+    metadata = files[about + "METADATA"].decode()
+    assert "\nVersion: %s\n" % VERSION in metadata and (ROOT / "README.md").read_text() in metadata
+
+
+def test_sdist_and_tree_give_the_same_wheel():
+    (from_tree,) = glob.glob(os.path.join(os.environ["VORDA_FROM_TREE"], "*.whl"))
+    assert contents(from_tree) == contents(WHEEL)
+
+
+def test_the_sdist_holds_what_it_takes_and_no_waste():
+    with tarfile.open(SDIST) as sdist:
+        names = {name.split("/", 1)[1] for name in sdist.getnames()}
+    assert {"CHANGELOG.md", "LICENSE", "README.md", "dev", "tests/summary.py", "embedded/exports.map"} <= names
+    assert not [name for name in names if re.search(r"^build|(^|/)\.|__pycache__|\.so\b", name)]
+
+
+@pytest.mark.parametrize("name", LIBRARIES)
+def test_libraries_need_only_run_time_packages_and_show_no_folder(name):
+    (path,) = CLEAN.glob("lib/python*/site-packages/vorda/" + name)
+    dynamic = run("readelf", "-d", str(path))
+    needed = set(re.findall(r"NEEDED.*\[(.*)\]", dynamic))
+    assert needed <= {"libsqlite3.so.0", "libstdc++.so.6", "libgcc_s.so.1", "libm.so.6", "libc.so.6",
+                      "ld-linux-x86-64.so.2"}
+    assert "RPATH" not in dynamic and "RUNPATH" not in dynamic
+    assert not re.search(r"\.(symtab|debug_info)\b", run("readelf", "-S", "-W", str(path)))
+    assert str(ROOT).encode() not in path.read_bytes()
+
+
+def test_a_session_in_the_clean_environment():
+    python = str(CLEAN / "bin" / "python")
+    output = run(python, "-c", """if True:
+        import vorda
+        from vorda import zelqa
+        connection = zelqa.connect("Database=new.db")
+        connection.execute("CREATE TABLE t (x TEXT)")
+        connection.execute("INSERT INTO t VALUES (?)", ("ü",))
+        print(vorda.__version__, connection.execute("SELECT * FROM t").fetchall())
+        print(*{line.split(maxsplit=5)[5] for line in open("/proc/self/maps") if "vorda" in line})""")
+    assert output.startswith("%s [('ü')]\n" % VERSION)
+    assert output.count(str(CLEAN)) == len(LIBRARIES) and str(ROOT) not in output
+    if (ROOT / "python" / "vorda" / "__main__.py").exists():
+        assert "ü" in run(python, "-m", "vorda", "Database=new.db", "SELECT * FROM t")

@@ -1,0 +1,86 @@
+# The sdist, the wheel that is built from it, and that wheel in a clean virtual environment.
+. tools/suites.sh
+
+# Makes $tools, an environment that can build; $index tells whether others can be got.
+provide_tools() {
+    "$python" -m venv "$work/tools"
+    tools=$work/tools/bin/python
+    index=yes
+    "$tools" -m pip install --quiet --disable-pip-version-check --retries 0 --timeout 20 \
+        scikit-build-core 2>"build/wheel.log" && return
+    index=
+    "$python" -c 'import scikit_build_core' 2>/dev/null || return
+    "$python" -m venv --system-site-packages "$work/tools"
+}
+
+# pip_wheel SOURCE TARGET [OPTION]...: the build folder stands in the same place in each source, for the
+# compiler cache's sake.
+pip_wheel() {
+    source=$1; target=$2; shift 2
+    rm -rf "$source/build/wheel"
+    CCACHE_BASEDIR=$source "$tools" -m pip wheel --quiet --disable-pip-version-check --no-deps \
+        --config-settings build-dir=build/wheel --wheel-dir "$target" "$@" "$source"
+}
+
+build_all() {
+    SOURCE_DATE_EPOCH=$(git log -1 --format=%ct 2>/dev/null || echo 1000000000)
+    export SOURCE_DATE_EPOCH
+    rm -rf build/dist
+    "$tools" -c 'import sys, scikit_build_core.build as b; b.build_sdist(sys.argv[1])' build/dist \
+        >"build/wheel.log" 2>&1 || { cat build/wheel.log; return 1; }
+    mkdir -p "$work/from sdist"
+    tar -xzf build/dist/*.tar.gz -C "$work/from sdist"
+    pip_wheel "$(echo "$work/from sdist"/*)" build/dist --no-build-isolation
+    # The other road, as "pip install ." takes it: from the tree, with tools that pip gets for itself.
+    pip_wheel "$PWD" "$work/from tree" $([ "$index" ] || echo --no-build-isolation)
+    ls -l build/dist
+}
+
+install_wheel() {
+    "$python" -m venv "$work/clean Ü"
+    "$work/clean Ü/bin/python" -m pip install --quiet --disable-pip-version-check --no-index build/dist/*.whl
+}
+
+wheel_tests() {
+    VORDA_DIST=$PWD/build/dist VORDA_FROM_TREE="$work/from tree" VORDA_CLEAN="$work/clean Ü" \
+        PYTHONPATH=$pytest_folder "$python" -m pytest -q -p no:cacheprovider \
+        --junitxml "$results/wheel.xml" tests/package
+}
+
+# The installed package is met by the tests of the built one.
+installed_tests() (
+    python="$work/clean Ü/bin/python"
+    pytest_folder="$work/pytest"
+    has_pytest || provide_pytest
+    PYTHONPATH=$pytest_folder VORDA_BUILD=$folder "$python" -m pytest -q -p no:cacheprovider \
+        --junitxml "$results/wheel-embedded.xml" tests/python/embedded
+)
+
+uninstall() {
+    "$work/clean Ü/bin/python" -m pip uninstall --quiet --yes vorda-zelqa
+    [ -z "$(find "$work/clean Ü/lib" -name '*vorda*')" ]
+}
+
+setup
+start_suites
+if is_debian_python && ! "$python" -c 'import ensurepip' 2>/dev/null; then
+    [ "$(id -u)" = 0 ] || fail "please install this package first: python3-venv"
+    install_packages python3-venv
+fi
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+say "tools to build with"
+if provide_tools; then
+    use_compiler_cache
+    say "building the sdist and the wheel"
+    build_all || fail "cannot build"
+    # What a few tests compare an installed package with.
+    build release vorda_scripted_runtime vorda_scripted_compat
+    install_wheel || fail "cannot install"
+    suite "wheel: contents" wheel_tests
+    suite "wheel: embedded runtime" installed_tests
+    suite "wheel: uninstalling leaves nothing" uninstall
+else
+    skip_suite wheel "scikit-build-core is not installed and no Python index is reached"
+fi
+finish_suites
