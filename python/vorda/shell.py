@@ -1,10 +1,13 @@
 """Running statements and the shell's own commands, from a terminal, a pipe or a file."""
 
 import contextlib
+import ctypes
 import os
 import re
 import shlex
+import signal
 import sys
+import threading
 import time
 import warnings
 from typing import Any, Callable, Dict, Iterable, Iterator, List, NamedTuple, Tuple
@@ -25,6 +28,7 @@ CATALOGUES = (
     ("tbl_name", "sql", "sqlite_temp_master"),
     ("ProcedureName", "Definition", "sys_procedures"),
 )
+PLAIN_COMMANDS = {"help": ".help", "quit": ".quit", "exit": ".quit"}
 PIECE = 500  # characters of a text that arrive whole whatever their size in bytes
 
 # Statements that run, but whose rows cannot be had.
@@ -64,6 +68,23 @@ class Warnings:
             self.first.append(str(message))
 
 
+class Interrupts:
+    """Lets Ctrl-C end a statement that the provider is busy with. The module holds the interpreter lock all
+    the while, so the signal's number goes through a pipe to a thread that waits in the module."""
+
+    def __init__(self) -> None:
+        reader, self.writer = os.pipe()
+        os.set_blocking(self.writer, False)
+        watch = ctypes.CDLL(str(zelqa.__file__)).VordaCancelOnInterrupt
+        threading.Thread(target=watch, args=(reader,), daemon=True).start()
+
+    def __enter__(self) -> None:
+        signal.set_wakeup_fd(self.writer, warn_on_full_buffer=False)
+
+    def __exit__(self, *_: object) -> None:
+        signal.set_wakeup_fd(-1)
+
+
 class Session:
     """A connection and how its results are shown. Commands and statements raise Failure or zelqa.Error."""
 
@@ -74,6 +95,7 @@ class Session:
         self.interactive = interactive
         self.depth = 0
         self.rows = 0
+        self.interrupts = Interrupts()
         self.commands: Dict[str, Command] = {
             ".tables": Command(self.tables, (0, 0), "", "the tables and views"),
             ".schema": Command(self.schema, (0, 1), "[NAME]", "the statements that made a table, view or procedure"),
@@ -116,7 +138,7 @@ class Session:
     def execute(self, sql: str) -> None:
         self.rows = 0
         start = time.monotonic()
-        with self.warnings_shown():
+        with self.warnings_shown(), self.interrupts:
             cursor = self.connection.execute(sql)
             if cursor.description is not None:
                 FORMATS[self.style](sys.stdout).write(cursor.description, self.counted(cursor))
@@ -263,31 +285,38 @@ class Session:
         with history.kept():
             while True:
                 try:
-                    line = input(PROMPT if splitter.is_empty else CONTINUED)
-                    if splitter.is_empty and line.lstrip().startswith("."):
-                        self.run_command(line)
-                    elif splitter.is_empty and line.strip() in ("help", "quit", "exit"):
-                        self.run_command("." + line.strip().replace("exit", "quit"))
-                    else:
-                        was_procedure = splitter.kind == "CREATE PROCEDURE"
-                        for statement in splitter.feed(line + "\n"):
-                            self.execute(statement)
-                        if splitter.kind == "CREATE PROCEDURE" and not was_procedure:
-                            print("(an empty line ends the procedure)")
+                    self.step(splitter)
                 except EOFError:
                     print()
                     return
                 except KeyboardInterrupt:
+                    # A second Ctrl-C, in impatience, must not end the shell.
+                    previous = signal.signal(signal.SIGINT, signal.SIG_IGN)
                     splitter.clear()
                     print("\n(stopped%s)" % (" after " + plural(self.rows, "row") if self.rows else ""))
                     self.rows = 0
                     self.release()
-                except UnicodeDecodeError:
-                    self.note("error: the line is not text in the encoding of this terminal, %s" % sys.stdin.encoding)
-                except (Failure, zelqa.Error) as error:
-                    self.note("error: %s" % error)
-                    self.note_help(error)
-                    self.release()
+                    signal.signal(signal.SIGINT, previous)
+
+    def step(self, splitter: Splitter) -> None:
+        """One line from the terminal."""
+        try:
+            line = input(PROMPT if splitter.is_empty else CONTINUED)
+            if splitter.is_empty and (line.lstrip().startswith(".") or line.strip() in PLAIN_COMMANDS):
+                self.run_command(PLAIN_COMMANDS.get(line.strip(), line))
+                return
+            was_procedure = splitter.kind == "CREATE PROCEDURE"
+            for statement in splitter.feed(line + "\n"):
+                self.execute(statement)
+            if splitter.kind == "CREATE PROCEDURE" and not was_procedure:
+                print("(an empty line ends the procedure)")
+        except UnicodeDecodeError:
+            self.note("error: the line is not text in the encoding of this terminal, %s" % sys.stdin.encoding)
+        except (Failure, zelqa.Error) as error:
+            splitter.clear()
+            self.note("error: %s" % error)
+            self.note_help(error)
+            self.release()
 
     def note_help(self, error: BaseException) -> None:
         if "Binary type not supported" in str(error):

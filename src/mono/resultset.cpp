@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 
+#include "mono/cancel.h"
 #include "mono/dbsource.h"
 #include "util/def.h"
 
@@ -93,6 +94,7 @@ int ODBCResultSetImpl::Close() {
     SetError(VORDA_OK, "");
     // The statement goes first: until then the driver may still write into the bound buffers.
     if (m_hstmt != nullptr) {
+        ForgetStatement(m_hstmt);
         SQLFreeStmt(m_hstmt, SQL_DROP);
         m_hstmt = nullptr;
     }

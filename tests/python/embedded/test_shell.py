@@ -269,6 +269,11 @@ def test_the_shell(terminal, tmp_path):
     assert "no such column: nope" in terminal.type("SELECT nope;\n")
     terminal.type(MILLION % 10 ** 9 + ";\n", "text 300\r\n")
     assert "(stopped after " in terminal.type("\x03")
+    # No row comes for a long time, and no Python code runs.
+    os.write(terminal.file, (MILLION % 10 ** 12).replace("*", "count(*)", 1).encode() + b";\n")
+    terminal.until("FROM s\\);\r\n")
+    time.sleep(0.3)
+    assert "(stopped)" in terminal.type("\x03")
     assert "42" in terminal.type("SELECT 42 AS alive; -- Server=x;Pwd=hunter2\n")
     shown = terminal.type("SELECT '%s' AS t, n FROM item WHERE n = 1000;\n" % ("本" * 50), r"\(1 row.*vorda> ")
     (line,) = [line for line in shown.splitlines() if line.endswith("| 1000")]
