@@ -8,7 +8,6 @@ import contextlib
 import ctypes
 import gc
 import os
-import sys
 
 import pytest
 
@@ -218,17 +217,3 @@ def raises(exception, message):
 def bound(runtime):
     """The parameters as the runtime found them in memory at the executions; empties the log."""
     return [line.strip() for line in runtime.take_log() if line.startswith("  ")]
-
-
-def assert_no_growth(operation, times=400):
-    """Repeating an operation leaves no block of the interpreter's memory behind."""
-    for _ in range(25):
-        operation()
-    if SANITIZED:
-        return  # its allocator does not count blocks
-    gc.collect()
-    before = sys.getallocatedblocks()
-    for _ in range(times):
-        operation()
-    gc.collect()
-    assert sys.getallocatedblocks() - before < times // 4
