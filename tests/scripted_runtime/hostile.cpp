@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 namespace {
 
@@ -18,81 +19,42 @@ constexpr SQLRETURN kStatuses[] = {
 constexpr SQLRETURN kDoubtful[] = {SQL_INVALID_HANDLE, SQL_NEED_DATA, SQL_NO_DATA, -12345,
                                    SHRT_MAX};
 
-// Lengths, counts and codes on each side of every limit that a caller may have.
-constexpr long long kNumbers[] = {0,
-                                  -1,
-                                  -2,
-                                  -3,
-                                  -4,
-                                  -5,
-                                  -100,
-                                  1,
-                                  2,
-                                  3,
-                                  99,
-                                  100,
-                                  127,
-                                  128,
-                                  129,
-                                  200,
-                                  255,
-                                  1023,
-                                  1024,
-                                  1025,
-                                  1101,
-                                  1104,
-                                  1106,
-                                  2047,
-                                  2048,
-                                  2049,
-                                  4095,
-                                  4096,
-                                  4097,
-                                  SHRT_MAX,
-                                  SHRT_MAX + 1LL,
-                                  SHRT_MIN,
-                                  USHRT_MAX,
-                                  USHRT_MAX + 1LL,
-                                  INT_MAX,
-                                  INT_MAX + 1LL,
-                                  INT_MIN,
-                                  INT_MIN - 1LL,
-                                  1LL << 32,
-                                  LLONG_MAX,
-                                  LLONG_MIN};
+// Limits that a caller may have: buffers, codes with a meaning, numbers of 16, 32 and 64 bits.
+constexpr std::uint64_t kLimits[] = {0,       0,        100,        128,       200,
+                                     1024,    1104,     2048,       4096,      1 << 15,
+                                     1 << 16, 1U << 31, 1ULL << 32, 1ULL << 63};
 
 constexpr long long kTypes[] = {
     SQL_CHAR,      SQL_NUMERIC, SQL_DECIMAL,   SQL_INTEGER,   SQL_SMALLINT,
     SQL_FLOAT,     SQL_REAL,    SQL_DOUBLE,    SQL_DATE,      SQL_TIME,
     SQL_TIMESTAMP, SQL_VARCHAR, SQL_TYPE_DATE, SQL_TYPE_TIME, SQL_TYPE_TIMESTAMP,
     SQL_WVARCHAR,  SQL_BIT,     SQL_TINYINT,   SQL_BIGINT,    SQL_LONGVARBINARY,
-    SQL_GUID,      SQL_WCHAR,   SQL_WVARCHAR,  SQL_VARCHAR,   SQL_VARCHAR};
+    SQL_GUID,      SQL_BINARY,  SQL_WVARCHAR,  SQL_VARCHAR,   SQL_VARCHAR};
 
-constexpr const char* kTexts[] = {"",
-                                  "1",
-                                  "-12.50",
-                                  "0",
-                                  "1e5",
-                                  "text",
-                                  "na\xc3\xafve \xe2\x82\xac",
-                                  "\xf0\x9f\x98\x80",
-                                  "@name",
-                                  "Infinity",
-                                  "it's"};
+constexpr const char* kTexts[] = {"",      "1",        "-12.50", "1e5",         "text",
+                                  "@name", "Infinity", "it's",   "\xe2\x82\xac"};
 
-// Which argument of a call is its handle, and of which kind. SQLErrorW names one of three.
-int HandleArgument(const Call& call) {
-    if (call.name == "SQLFreeHandle") return 1;
-    if (call.name != "SQLErrorW") return 0;
-    return call.Handle(0) ? 0 : call.Handle(1) ? 1 : 2;
-}
+// Calls on something else than a statement.
+constexpr struct {
+    std::string_view name;
+    long long kind;
+} kOnOthers[] = {{"SQLSetEnvAttr", SQL_HANDLE_ENV},
+                 {"SQLDriverConnectW", SQL_HANDLE_DBC},
+                 {"SQLDisconnect", SQL_HANDLE_DBC}};
 
-int HandleKind(const Call& call) {
-    if (call.name == "SQLFreeHandle") return static_cast<int>(call.Number(0));
-    if (call.name == "SQLErrorW") return HandleArgument(call) + SQL_HANDLE_ENV;
-    if (call.name == "SQLSetEnvAttr") return SQL_HANDLE_ENV;
-    const bool onConnection = call.name == "SQLDriverConnectW" || call.name == "SQLDisconnect";
-    return onConnection ? SQL_HANDLE_DBC : SQL_HANDLE_STMT;
+// The handle that a call is on, and the kind that it has to be of.
+std::pair<SQLHANDLE, long long> HandleOf(const Call& call) {
+    if (call.name == "SQLFreeHandle") return {call.Handle(1), call.Number(0)};
+    if (call.name == "SQLErrorW") {
+        for (std::size_t i = 0; i < 2; ++i) {
+            if (call.Handle(i)) return {call.Handle(i), static_cast<long long>(i) + SQL_HANDLE_ENV};
+        }
+        return {call.Handle(2), SQL_HANDLE_STMT};
+    }
+    for (const auto& [name, kind] : kOnOthers) {
+        if (name == call.name) return {call.Handle(0), kind};
+    }
+    return {call.Handle(0), SQL_HANDLE_STMT};
 }
 
 // Bytes of a bound column that belong to the callee.
@@ -157,7 +119,8 @@ Hostile::Hostile(std::uint64_t seed) : m_random(seed) {
 }
 
 long long Hostile::AnyNumber() {
-    return Chance(0.8) ? Pick(kNumbers) : static_cast<long long>(m_random());
+    const std::uint64_t number = Pick(kLimits) + Below(7) - 3;
+    return static_cast<long long>(Chance(0.3) ? 0 - number : number);
 }
 
 SQLRETURN Hostile::AnyStatus() {
@@ -183,12 +146,12 @@ SQLRETURN Hostile::Answer(Model& model, const Call& call) {
     if (call.name == "SQLAllocHandle") {
         status = Alloc(model, call);
     } else {
-        const SQLHANDLE named = call.Handle(static_cast<std::size_t>(HandleArgument(call)));
+        const auto [named, kind] = HandleOf(call);
         const auto found = model.handles.find(named);
         if (!named && m_gaveNone) {
             status = Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
         } else if (found == model.handles.end() || !found->second.isLive ||
-                   found->second.kind != HandleKind(call)) {
+                   found->second.kind != kind) {
             model.Error(call, "not a live handle of this kind");
             status = SQL_INVALID_HANDLE;
         } else {
@@ -219,8 +182,8 @@ SQLRETURN Hostile::Do(Model& model, const Call& call, Handle& handle) {
         status = Execute(model, call);
     } else if (call.name == "SQLColAttributeW") {
         status = ColAttribute(model, call);
-    } else if (call.name == "SQLRowCount") {
-        status = RowCount(call);
+    } else if (call.name == "SQLRowCount" && Lies(Counts)) {
+        Put(call.Pointer<SQLLEN>(1), AnyNumber());
     } else if (call.name == "SQLFetch") {
         status = Fetch(handle);
         // Past the bound nothing more is said than that there are no rows.
@@ -233,8 +196,8 @@ SQLRETURN Hostile::Do(Model& model, const Call& call, Handle& handle) {
 
 SQLRETURN Hostile::Alloc(Model& model, const Call& call) {
     auto* const output = call.Pointer<SQLHANDLE>(2);
-    if (call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1) && m_gaveNone)
-        return SQL_INVALID_HANDLE;
+    const bool isBelowNone = call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1);
+    if (isBelowNone && m_gaveNone) return SQL_INVALID_HANDLE;
     if (!Lies(Handles)) return NewHandle(model, call);
     switch (Below(5)) {
         case 0:
@@ -319,13 +282,10 @@ SQLRETURN Hostile::Execute(Model& model, const Call& call) {
 SQLRETURN Hostile::ColAttribute(Model& model, const Call& call) {
     if (!Lies(Metadata)) return Act(model, call);
     if (call.Number(2) != SQL_COLUMN_NAME) {
-        // A count that makes thousands of columns is rare, for the sake of time.
-        long long number =
-            call.Number(2) == SQL_COLUMN_TYPE && Chance(0.5) ? Pick(kTypes) : AnyNumber();
-        if (call.Number(2) == SQL_COLUMN_COUNT && number > 300 && number <= SHRT_MAX &&
-            Chance(0.9)) {
-            number = -number;
-        }
+        const bool isType = call.Number(2) == SQL_COLUMN_TYPE && Chance(0.5);
+        long long number = isType ? Pick(kTypes) : AnyNumber();
+        // Thousands of columns take their time, so they are rare.
+        if (number > 300 && number <= SHRT_MAX && Chance(0.9)) number = -number;
         Put(call.Pointer<SQLLEN>(6), number);
         return SQL_SUCCESS;
     }
@@ -333,11 +293,6 @@ SQLRETURN Hostile::ColAttribute(Model& model, const Call& call) {
     if (Chance(0.7)) PutBytes(call.Pointer<char>(3), room, AnyBytes(room));
     Put(call.Pointer<SQLSMALLINT>(5), AnyNumber());
     return Chance(0.5) ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
-}
-
-SQLRETURN Hostile::RowCount(const Call& call) {
-    Put(call.Pointer<SQLLEN>(1), Lies(Counts) ? AnyNumber() : static_cast<long long>(Below(100)));
-    return SQL_SUCCESS;
 }
 
 // False when the value was cut.
@@ -349,16 +304,8 @@ bool Hostile::Deliver(const Binding& target) {
         PutBytes(target.data, room, AnyBytes(room));
         if (Chance(0.5)) length = AnyNumber();
     } else if (target.cType == SQL_C_TIMESTAMP) {
-        const auto field = [&](std::uint64_t limit) {
-            return static_cast<SQLUSMALLINT>(Below(limit));
-        };
-        const SQL_TIMESTAMP_STRUCT stamp{static_cast<SQLSMALLINT>(field(9999) + 1),
-                                         static_cast<SQLUSMALLINT>(field(12) + 1),
-                                         static_cast<SQLUSMALLINT>(field(28) + 1),
-                                         field(24),
-                                         field(60),
-                                         field(60),
-                                         static_cast<SQLUINTEGER>(Below(1000000000))};
+        const SQL_TIMESTAMP_STRUCT stamp{
+            2024, 2, 29, 23, 59, 59, static_cast<SQLUINTEGER>(Below(1'000'000'000))};
         std::memcpy(target.data, &stamp, sizeof stamp);
     } else if (target.bufferLength > 0) {
         const std::string text = AnyText();

@@ -44,7 +44,6 @@ class Hostile {
     SQLRETURN Free(Model& model, const Call& call, Handle& handle);
     SQLRETURN Execute(Model& model, const Call& call);
     SQLRETURN ColAttribute(Model& model, const Call& call);
-    SQLRETURN RowCount(const Call& call);
     SQLRETURN Fetch(Handle& statement);
     SQLRETURN Error(const Call& call);
     SQLRETURN Do(Model& model, const Call& call, Handle& handle);

@@ -47,7 +47,8 @@ ODD = [None, None, b"bytes", bytearray(b"b"), decimal.Decimal("1.5"), object(), 
 VALUES = TEXTS + NUMBERS + MOMENTS + [None, None]
 PIECES = ["SELECT", "UPDATE", "INSERT INTO", "EXECUTE", "EXEC", "DELETE", "(", ")", ",", "?", "?", "@a", ":b",
           "@long_name", "'text'", "'open", '"name"', '"open', "[x]", "-- note\n", "/* note */", "/* open",
-          "1.5e", "0x", "t", "naïve", "=", ";", "::", "@", "€", "\0", "\n"]
+          "1.5e", "0x", "t", "naïve", "=", ";", "::", "@", "€", "\0", "\n",
+          "`a`", "#a#", "{", "}", ".", "<=", "<=>", "!="]
 STATEMENTS = ["SELECT * FROM t", "SELECT a FROM t WHERE b = ? AND c = ?", "UPDATE t SET a = ?, b = ?, c = ?",
               "UPDATE t SET a = @a, b = :b", "EXECUTE P a=?", "EXEC P", "SELECT @a, @b", "INSERT INTO t VALUES (?)"]
 
@@ -203,6 +204,16 @@ def change_row(program):
     row[program.random.choice([0, -1, 1, 2 ** 70])] = program.value()
 
 
+def misuse(program):
+    """Arguments in numbers and of kinds that nothing takes."""
+    cursor, row = program.one(program.cursors), program.one(program.rows)
+    program.random.choice([
+        program.zelqa.connect, lambda: program.zelqa.connect("a", "b"), cursor.execute, cursor.executemany,
+        lambda: cursor.executemany("x"), lambda: cursor.executemany("x", [], []), cursor.callproc,
+        lambda: cursor.executemany("x", 5), lambda: cursor.executemany("x", (1 / 0 for _ in "a")),
+        lambda: row.__delitem__(0), lambda: row[0:1], lambda: row.__setitem__("a", 1)])()
+
+
 def read_attributes(program):
     cursor = program.one(program.cursors)
     cursor.rowcount, cursor.arraysize, cursor.connection, cursor.description
@@ -224,7 +235,7 @@ def forget(program):
 
 
 OPERATIONS = [connect, make_cursor, connection_execute, forget, forget, close_one, read_attributes,
-              set_attribute, change_row] + 3 * [
+              set_attribute, change_row, misuse] + 3 * [
     execute, execute, query, execute_many, call_procedure, fetch_one, fetch_some, use_row]
 
 # A value that is no date, a decimal that is none.
@@ -235,7 +246,7 @@ EXPECTED = {
     call_procedure: (TypeError, *NO_VALUE), fetch_one: NO_VALUE,
     fetch_some: (TypeError, OverflowError, StopIteration, *NO_VALUE), use_row: (IndexError, TypeError),
     change_row: (IndexError, decimal.InvalidOperation), read_attributes: (AttributeError,),
-    set_attribute: (TypeError, OverflowError, AttributeError, SystemError),
+    misuse: (TypeError, AttributeError), set_attribute: (TypeError, OverflowError, AttributeError),
 }
 
 # --- A process with a chunk of seeds ------------------------------------------------------------------------
