@@ -104,6 +104,7 @@ std::vector<Row> query(sqlite3* db, const std::string& sql,
         Row row;
         for (int i = 0; i < sqlite3_column_count(raw); ++i) {
             const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(raw, i));
+            if (!value) requireMemory(raw);
             row.push_back(value ? std::optional<std::string>(value) : std::nullopt);
         }
         rows.push_back(std::move(row));

@@ -13,11 +13,12 @@ bool isNeverNull(sqlite3* db, const Origin& origin) {
     int notNull = 0;
     int primaryKey = 0;
     const char* declared = nullptr;
-    if (sqlite3_table_column_metadata(db, origin.schema.c_str(), origin.table.c_str(),
-                                      origin.column.c_str(), &declared, nullptr, &notNull,
-                                      &primaryKey, nullptr) != SQLITE_OK) {
-        return false;
-    }
+    const int result = sqlite3_table_column_metadata(
+        db, origin.schema.c_str(), origin.table.c_str(), origin.column.c_str(), &declared, nullptr,
+        &notNull, &primaryKey, nullptr);
+    // Views have none. Descriptions are remembered: one made in want of memory would stay wrong.
+    if (result == SQLITE_NOMEM) throw std::bad_alloc();
+    if (result != SQLITE_OK) return false;
     if (notNull) return true;
     return primaryKey && declared && sameWord(declared, "INTEGER") &&
            sameWord(rowNumberColumn(db, origin.schema, origin.table), origin.column);

@@ -18,6 +18,7 @@ std::string fileName(const std::string& database) {
 }
 
 Error openError(int code, const char* message, const std::string& database) {
+    if (code == SQLITE_NOMEM) throw std::bad_alloc();
     return Error::fromSqlite("08001", std::string(message) + ": " + quoted(database), code);
 }
 
@@ -105,6 +106,7 @@ void Connection::beginFor(Verb verb, bool writes) {
 
 void Connection::endTransaction(bool commit) {
     closeUnasked();
+    finishUndo();
     if (sqlite3_get_autocommit(db())) return;
     if (commit) {
         executeScript(db(), "COMMIT");
@@ -113,6 +115,29 @@ void Connection::endTransaction(bool commit) {
     closeCursors();
     executeScript(db(), "ROLLBACK");
     cache().clear();
+}
+
+void Connection::undo(Undo sql) noexcept {
+    m_undo = std::move(sql);
+    // Some failures have ended the whole transaction already.
+    const auto isDone = [this] {
+        return sqlite3_get_autocommit(m_session->db.get()) ||
+               sqlite3_exec(m_session->db.get(), m_undo.c_str(), nullptr, nullptr, nullptr) ==
+                   SQLITE_OK;
+    };
+    if (!isDone()) {
+        // An interruption lasts as long as any statement runs, and would stop this, too. The
+        // cursors that are open are interrupted anyhow.
+        closeCursors();
+        if (!isDone()) return;
+    }
+    m_undo.clear();
+}
+
+void Connection::finishUndo() {
+    if (m_undo.empty()) return;
+    if (!sqlite3_get_autocommit(db())) executeScript(db(), m_undo.c_str());
+    m_undo.clear();
 }
 
 void Connection::closeCursors() noexcept {

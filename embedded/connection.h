@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "connectstring.h"
@@ -67,6 +68,18 @@ class Connection final : public Handle {
     /// back closes all cursors.
     void endTransaction(bool commit);
 
+    /// SQL that takes back what a failed statement has done; empty for nothing.
+    using Undo = std::string;
+
+    /// Undoes now, or if that fails before the next statement that runs. What was to be undone
+    /// earlier lies within it.
+    void undo(Undo sql) noexcept;
+
+    /// Undoes what is still to be undone; throws when it cannot be, and then nothing may run.
+    void finishUndo();
+
+    unsigned nextSavepoint() noexcept { return ++m_savepoints; }
+
     /// Closes the cursors of all statements.
     void closeCursors() noexcept;
 
@@ -107,6 +120,8 @@ class Connection final : public Handle {
     std::unique_ptr<Session> m_session;
     std::string m_database;
     bool m_autocommit = true;
+    unsigned m_savepoints = 0;
+    Undo m_undo;
     Statement* m_statements = nullptr;  ///< head of the list of all statements
     std::vector<Statement*> m_unasked;
 };

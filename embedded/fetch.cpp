@@ -59,7 +59,8 @@ SQLRETURN Statement::fetch() {
     const Running running(*this);
     try {
         work.onRow = work.rows->next();
-    } catch (const Error&) {
+    } catch (...) {
+        // The rows are not over, so no further fetch may say so.
         closeCursor();
         throw;
     }

@@ -1,6 +1,7 @@
 #include "origin.h"
 
 #include <memory>
+#include <new>
 
 #include "statementcache.h"
 
@@ -32,7 +33,9 @@ Origin originOf(sqlite3_stmt* statement, int column) {
 std::string rowNumberColumn(sqlite3* db, std::string_view schema, std::string_view table) {
     const std::string sql = "SELECT rowid FROM " + quotedName(schema) + "." + quotedName(table);
     sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) return {};
+    const int result = sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr);
+    if (result == SQLITE_NOMEM) throw std::bad_alloc();
+    if (result != SQLITE_OK) return {};
     const std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(raw);
     return part(sqlite3_column_origin_name, raw, 0);
 }

@@ -119,6 +119,7 @@ void create(Connection& connection, const ProcedureDefinition& procedure, const 
         throw Error("42S01", "There is a procedure " + quoted(procedure.name) + " already.");
     }
     checkProcedure(connection, procedure);
+    connection.finishUndo();  // of the check
     storeProcedure(connection, {procedure.name, sql});
     savepoint.release();
 }

@@ -37,6 +37,7 @@ void run(sqlite3* db, const std::string& sql, std::initializer_list<const std::s
 
 std::string textOf(sqlite3_stmt* row, int column) {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(row, column));
+    if (!text) requireMemory(row);
     return text ? std::string(text, static_cast<size_t>(sqlite3_column_bytes(row, column))) : "";
 }
 

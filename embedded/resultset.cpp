@@ -25,7 +25,7 @@ Cell cellOf(sqlite3_stmt* statement, int column) {
             const void* data = cell.type == SQLITE_TEXT ? sqlite3_column_text(statement, column)
                                                         : sqlite3_column_blob(statement, column);
             const auto size = static_cast<size_t>(sqlite3_column_bytes(statement, column));
-            if (!data && size > 0) throw std::bad_alloc();
+            if (!data) requireMemory(statement);
             cell.bytes = {data ? static_cast<const char*>(data) : "", size};
             break;
         }

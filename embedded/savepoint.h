@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "connection.h"
 
 namespace embedded {
@@ -20,11 +22,10 @@ class Savepoint {
     void release();
 
   private:
-    bool undo() noexcept;
-
     Connection& m_connection;
-    sqlite3* const m_db;
     const bool m_begins;  ///< no transaction was open
+    const std::string m_name;
+    Connection::Undo m_undo;  ///< made beforehand: want of memory may be what makes it necessary
     bool m_released = false;
 };
 

@@ -77,6 +77,10 @@ Error sqliteError(int code, const char* message) {
     return Error::fromSqlite(stateOf(code, message), message, code);
 }
 
+void requireMemory(sqlite3_stmt* statement) {
+    if (sqlite3_errcode(sqlite3_db_handle(statement)) == SQLITE_NOMEM) throw std::bad_alloc();
+}
+
 Error sqliteError(sqlite3* db) {
     return sqliteError(sqlite3_extended_errcode(db), sqlite3_errmsg(db));
 }

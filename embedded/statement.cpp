@@ -124,6 +124,7 @@ SQLRETURN Statement::run() {
 
     checkParameters();
     connection.closeUnasked();
+    connection.finishUndo();
     connection.beginFor(verb, work.procedure && work.procedure->refresh(connection));
     const Running running(*this);
     // What changes data is run to its end at once: nobody may come to read its rows. So are

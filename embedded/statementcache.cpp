@@ -44,15 +44,15 @@ std::unique_ptr<CompiledSql> StatementCache::compileNew(std::string_view sql) co
     }
     refuseSystemNames(text);
     const std::string numbered = numberedMarkers(text);
+    auto compiled = std::make_unique<CompiledSql>();
     sqlite3_stmt* raw = nullptr;
     const char* tail = nullptr;
     const int result =
         sqlite3_prepare_v3(m_db, numbered.c_str(), static_cast<int>(numbered.size()) + 1,
                            SQLITE_PREPARE_PERSISTENT, &raw, &tail);
+    compiled->statement.reset(raw);
     if (result != SQLITE_OK) throw compileError(m_db);
 
-    auto compiled = std::make_unique<CompiledSql>();
-    compiled->statement.reset(raw);
     if (!raw) throw Error("42000", "The statement is empty.");
     if (!isBlankSql(std::string_view(tail, numbered.data() + numbered.size()))) {
         throw Error("42000",
