@@ -29,6 +29,7 @@ PyRef PyCursor_ExecuteMethod(PyObject* self, PyObject* args) {
 
 void PyCursor_Dealloc(PyObject* self) {
     PyCursor_Close(AsCursor(self));
+    std::destroy_at(&AsCursor(self)->Plan);
     PyObject_Free(self);
 }
 
@@ -143,6 +144,7 @@ PyRef PyCursor_New(PyConnection* connection) {
     cursor->Description = Py_None;
     cursor->ArraySize = -1;
     cursor->RowCount = -1;
+    std::construct_at(&cursor->Plan);
     return object;
 }
 

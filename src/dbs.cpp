@@ -63,19 +63,22 @@ int Dbs::AddParam(int index, int type, const void* data, int len, const int* len
 }
 
 int Dbs::Execute() {
+    ++resultNumber;
     return Captured(DBSExecute(handler));
 }
 
 int Dbs::Execute(const char* sql, int len) {
+    ++resultNumber;
     return Captured(DBSExecDirect(handler, sql, len));
 }
 
 int Dbs::Next() {
-    return DBSFetch(handler) == VORDA_NO_MORE_DATA ? 0 : 1;
+    lastFetch = DBSFetch(handler);
+    return lastFetch == VORDA_NO_MORE_DATA ? 0 : 1;
 }
 
 bool Dbs::FetchFailed() {
-    return ReadError(DBSFetchError) == VORDA_OK;
+    return lastFetch != VORDA_OK && ReadError(DBSFetchError) == VORDA_OK;
 }
 
 int Dbs::GetRowCount() {
@@ -101,6 +104,10 @@ DbColumnInfo Dbs::GetColumnInfo(int index) {
     describe(buffer.get());
     return DbColumnInfo(buffer.get(), static_cast<int>(std::strlen(buffer.get())), dataType,
                         static_cast<int>(columnSize), precision, decimalDigits, nullable);
+}
+
+bool Dbs::GetColumnBuffer(int index, DbColumnBuffer& columnBuffer) {
+    return DBSGetColumnBuffer(handler, index, &columnBuffer) == VORDA_OK;
 }
 
 int Dbs::GetInt(int i, int* v) {

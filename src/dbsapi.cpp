@@ -285,6 +285,14 @@ DBSRETURN DBSGetDataExtent(DBSHSTMT statementHandle, DBSINTEGER columnNumber, in
     });
 }
 
+DBSRETURN DBSGetColumnBuffer(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
+                             _db_column_buffer_* columnBuffer) {
+    return WithResultSet(statementHandle, [&](IntDbResultSet& rs) {
+        const bool bound = rs.GetImpl()->GetColumnBuffer(ColumnIndex(columnNumber), *columnBuffer);
+        return bound ? VORDA_OK : VORDA_INDEX_OUT_OF_RANGE;
+    });
+}
+
 DBSRETURN DBSFetch(DBSHSTMT statementHandle) {
     return WithResultSet(statementHandle, [](IntDbResultSet& rs) { return rs.Next(); });
 }

@@ -140,7 +140,6 @@ void PyRow_Dealloc(PyObject* self) {
     while (waiting != nullptr) {
         PyRow* const row = std::exchange(waiting, AsRow(waiting->Description));
         for (int i = 0; i < row->columns; ++i) Py_XDECREF(row->values[i]);
-        PyMem_Free(row->values);
         PyObject_Free(row);
     }
     isReleasing = false;
@@ -185,21 +184,19 @@ int InitRowType(PyObject* module, const char* name, const char* doc) {
     return InitType(RowType, module, "Row", name, doc);
 }
 
-PyRef NewRow(int columns, int encoding, PyObject* description) {
-    PyRef object(reinterpret_cast<PyObject*>(PyObject_New(PyRow, &RowType)));
-    if (!object) return PyRef();
+PyRef NewRow(int room, int encoding, PyObject* description) {
+    // One block for the row and its values: rows are made by the million.
+    const size_t size = sizeof(PyRow) + static_cast<size_t>(room) * sizeof(PyObject*);
+    void* const block = PyObject_Malloc(size);
+    if (block == nullptr) {
+        PyErr_NoMemory();
+        return PyRef();
+    }
+    PyRef object(PyObject_Init(static_cast<PyObject*>(block), &RowType));
     PyRow* const row = AsRow(object.Get());
     row->columns = 0;
     row->encoding = encoding;
     row->Description = PyRef::Borrow(description).Release();
-    row->values =
-        static_cast<PyObject**>(PyMem_Malloc(static_cast<size_t>(columns) * sizeof(PyObject*)));
-    if (row->values == nullptr) {
-        PyErr_NoMemory();
-        return PyRef();
-    }
-    for (; row->columns < columns; ++row->columns) {
-        row->values[row->columns] = PyRef::Borrow(Py_None).Release();
-    }
+    row->values = reinterpret_cast<PyObject**>(row + 1);
     return object;
 }

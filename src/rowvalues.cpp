@@ -1,162 +1,242 @@
-// Making a Row of the provider's current row. It goes in two passes. The first reads every column
-// into an object that CPython can make without running any Python code; the second finishes the
-// values that need some (a class of the program's choosing, a warning), and no longer touches the
-// provider, which that code may have closed.
-#include <memory>
+// Making a Row of the provider's current row. How each column is read is worked out once a result.
+// A row then goes in two passes. The first reads every column into an object that CPython can make
+// without running any Python code; the second finishes the values that need some (a class of the
+// program's choosing, a warning), and no longer touches the provider, which that code may have
+// closed.
+#include <cstring>
+#include <string>
 #include <vector>
 
 #include "include/conversion.h"
 #include "include/errors.h"
 #include "include/pydatetime.h"
 #include "include/row.h"
+#include "include/sqltypes.h"
+
+namespace {
+
+struct ColumnPlan;
+
+// Makes the object for a value that is not NULL: a new reference, or null. Null without an error
+// set means that the value needs a closer look, by ReadWithCare.
+using Reader = PyObject* (*)(const ColumnPlan&);
+
+struct ColumnPlan {
+    Reader Read;
+    DbColumnBuffer Buffer;
+    std::string Name;
+
+    template <class Value>
+    Value As() const {
+        Value value;
+        std::memcpy(&value, Buffer.Value, sizeof value);
+        return value;
+    }
+};
+
+template <class Value>
+PyObject* ReadInt(const ColumnPlan& column) {
+    static_assert(sizeof(Value) <= sizeof(long));
+    return PyLong_FromLong(column.As<Value>());
+}
+
+template <class Value>
+PyObject* ReadFloat(const ColumnPlan& column) {
+    return PyFloat_FromDouble(static_cast<double>(column.As<Value>()));
+}
+
+PyObject* ReadBool(const ColumnPlan& column) {
+    return PyBool_FromLong(column.As<SQLCHAR>());
+}
+
+// All dates and times are bound as timestamps.
+int Microseconds(const ColumnPlan& column, const SQL_TIMESTAMP_STRUCT& stamp) {
+    return MicrosecondsFrom(static_cast<int>(stamp.fraction), column.Buffer.Scale);
+}
+
+PyObject* ReadDate(const ColumnPlan& column) {
+    const auto stamp = column.As<SQL_TIMESTAMP_STRUCT>();
+    return PyDate_FromDate(stamp.year, stamp.month, stamp.day);
+}
+
+PyObject* ReadTime(const ColumnPlan& column) {
+    const auto stamp = column.As<SQL_TIMESTAMP_STRUCT>();
+    return PyTime_FromTime(stamp.hour, stamp.minute, stamp.second, Microseconds(column, stamp));
+}
+
+PyObject* ReadDateTime(const ColumnPlan& column) {
+    const auto stamp = column.As<SQL_TIMESTAMP_STRUCT>();
+    return PyDateTime_FromDateAndTime(stamp.year, stamp.month, stamp.day, stamp.hour, stamp.minute,
+                                      stamp.second, Microseconds(column, stamp));
+}
+
+// Decimals too arrive as text.
+PyObject* ReadText(const ColumnPlan& column) {
+    // Only a length that leaves room for the terminator is a whole value's for sure.
+    const auto length = static_cast<size_t>(*column.Buffer.Length);
+    if (length >= static_cast<size_t>(column.Buffer.TextSize)) return nullptr;
+    return PyUnicode_DecodeUTF8(column.Buffer.Text, static_cast<Py_ssize_t>(length), "strict");
+}
+
+PyObject* RefuseBinary(const ColumnPlan&) {
+    return Raise(NotSupportedError, "Binary type not supported yet").Release();
+}
+
+PyObject* ReadUnbound(const ColumnPlan&) {
+    return nullptr;
+}
+
+Reader ReaderFor(int dataType) {
+    switch (dataType) {
+        case DBTYPE_BINARY:
+            return RefuseBinary;
+        case DBTYPE_TINYINT:
+            return ReadInt<SQLCHAR>;
+        case DBTYPE_SMALLINT:
+            return ReadInt<SQLSMALLINT>;
+        case DBTYPE_INTEGER:
+            return ReadInt<SQLINTEGER>;
+        case DBTYPE_BIGINT:
+            return ReadInt<SQLBIGINT>;
+        case DBTYPE_BIT:
+            return ReadBool;
+        case DBTYPE_DOUBLE:
+            return ReadFloat<SQLDOUBLE>;
+        case DBTYPE_FLOAT:
+            return ReadFloat<SQLREAL>;
+        case DBTYPE_DATE:
+            return ReadDate;
+        case DBTYPE_TIME:
+            return ReadTime;
+        case DBTYPE_DATETIME:
+            return ReadDateTime;
+        default:
+            return ReadText;
+    }
+}
+
+ColumnPlan PlanColumn(Dbs& dbs, int index) {
+    // A column without a buffer, or of a type that is refused, is never looked at for NULL.
+    static const std::ptrdiff_t notNull = 0;
+    ColumnPlan column = {};
+    if (!dbs.GetColumnBuffer(index, column.Buffer)) {
+        column.Read = ReadUnbound;
+    } else {
+        column.Read = ReaderFor(column.Buffer.DataType);
+        column.Name = dbs.GetColumnInfo(index).ColumnName.Deref();
+    }
+    if (column.Read == RefuseBinary || column.Read == ReadUnbound) column.Buffer.Length = &notNull;
+    return column;
+}
+
+}  // namespace
+
+// How the rows of one result are read.
+struct RowPlan {
+    unsigned long long ResultNumber;
+    std::vector<ColumnPlan> Columns;
+    std::vector<int> Decimals;
+    PyRef DecimalClass;  // once a decimal has been read
+
+    explicit RowPlan(Dbs& dbs) : ResultNumber(dbs.GetResultNumber()) {
+        const int columns = dbs.GetColumnCount();
+        Columns.reserve(static_cast<size_t>(columns));
+        for (int i = 0; i < columns; ++i) {
+            Columns.push_back(PlanColumn(dbs, i));
+            const int type = Columns.back().Buffer.DataType;
+            if (type == DBTYPE_NUMERIC || type == DBTYPE_DECIMAL) Decimals.push_back(i);
+        }
+    }
+};
 
 namespace {
 
 class RowReader {
   public:
-    RowReader(Dbs& dbs, PyRow* row) : m_dbs(dbs), m_row(row) {}
+    RowReader(Dbs& dbs, const RowPlan& plan, PyRow* row) : m_dbs(dbs), m_plan(plan), m_row(row) {}
 
     bool ReadColumns() {
-        for (int column = 0; column < m_row->columns; ++column) {
-            PyRef value = ReadColumn(column);
-            if (!value) return false;
-            Store(column, std::move(value));
+        for (const ColumnPlan& column : m_plan.Columns) {
+            PyObject* value;
+            if (*column.Buffer.Length == SQL_NULL_DATA) {
+                value = PyRef::Borrow(Py_None).Release();
+            } else if (value = column.Read(column); value == nullptr) {
+                value = ReadWithCare(m_row->columns, column).Release();
+                if (value == nullptr) return false;
+            }
+            m_row->values[m_row->columns++] = value;
         }
         return true;
     }
 
-    bool Finish() { return WarnAboutCuts() && MakeDecimals(); }
+    bool NeedsFinish() const { return !m_cuts.empty() || !m_plan.Decimals.empty(); }
+    // The plan's owner may replace it meanwhile: `plan` holds it.
+    bool Finish(const std::shared_ptr<RowPlan> plan) {
+        return WarnAboutCuts() && MakeDecimals(*plan);
+    }
 
   private:
     struct Cut {
-        DynStr ColumnName;
-        int Kept = 0;
-        long long Reported = 0;
+        std::string ColumnName;
+        int Kept;
+        long long Reported;
     };
 
-    void Store(int column, PyRef value) {
-        const PyRef old(std::exchange(m_row->values[column], value.Release()));
-    }
-
-    // Reads a value with a getter and makes an object of it; NULL becomes None.
-    template <class Value, class Make>
-    PyRef Read(int column, int (Dbs::*getter)(int, Value*), Make make) {
-        Value value{};
-        const int status = (m_dbs.*getter)(column, &value);
-        if (status == VORDA_OK) return PyRef(make(value));
-        return status > 0 ? RaiseProviderError(m_dbs, status) : PyRef::Borrow(Py_None);
-    }
-
-    // The provider's nanoseconds. GetTime hands them on whole, for a timestamp column too.
-    int Fraction(int column) {
-        _db_time_ time{};
-        m_dbs.GetTime(column, &time);
-        return time.Millisecond;
-    }
-
-    PyRef ReadText(int column, const DbColumnInfo& info) {
-        char* text = nullptr;
-        int length = 0;
-        const int status = m_dbs.GetStringAsUTF8(column, &text, &length);
-        if (status > 0) return RaiseProviderError(m_dbs, status);
-        if (status < 0) return PyRef::Borrow(Py_None);
-        PyRef value(PyUnicode_DecodeUTF8(text, length, "strict"));
-        if (!value) {
+    // What a reader has left: an error to be told in full, or a text whose length is not what it
+    // should be.
+    PyRef ReadWithCare(int index, const ColumnPlan& column) {
+        if (PyErr_Occurred()) {
             if (!PyErr_ExceptionMatches(PyExc_UnicodeError)) return PyRef();
             return RaiseFromCurrent(DatabaseError, "The text of column '%s' is not valid UTF-8.",
-                                    info.ColumnName.Deref());
+                                    column.Name.c_str());
         }
-        NoteCut(column, info, length);
-        return value;
-    }
-
-    void NoteCut(int column, const DbColumnInfo& info, int length) {
+        char* text = nullptr;
+        int length = 0;
+        const int status = m_dbs.GetStringAsUTF8(index, &text, &length);
+        if (status > 0) return RaiseProviderError(m_dbs, status);
+        if (status < 0) return PyRef::Borrow(Py_None);
         long long reported = 0;
-        if (!m_dbs.IsCut(column, &reported)) return;
-        auto cut = std::make_unique<Cut>();
-        cut->ColumnName.Set(info.ColumnName.Deref(), info.ColumnName.Length());
-        cut->Kept = length;
-        cut->Reported = reported;
-        m_cuts.push_back(std::move(cut));
+        if (m_dbs.IsCut(index, &reported)) m_cuts.push_back({column.Name, length, reported});
+        PyRef value(PyUnicode_DecodeUTF8(text, length, "strict"));
+        return value ? std::move(value) : ReadWithCare(index, column);
     }
 
-    PyRef ReadColumn(int column) {
-        const DbColumnInfo info = m_dbs.GetColumnInfo(column);
-        const int scale = info.Scale;
-        switch (info.DataType) {
-            case DBTYPE_BINARY:
-                return Raise(NotSupportedError, "Binary type not supported yet");
-            case DBTYPE_TINYINT:
-            case DBTYPE_SMALLINT:
-            case DBTYPE_INTEGER:
-                return Read(column, &Dbs::GetInt, [](int v) { return PyLong_FromLong(v); });
-            case DBTYPE_BIT:
-                return Read(column, &Dbs::GetInt, [](int v) { return PyBool_FromLong(v); });
-            case DBTYPE_BIGINT:
-                return Read(column, &Dbs::GetBigint,
-                            [](long long v) { return PyLong_FromLongLong(v); });
-            case DBTYPE_DOUBLE:
-            case DBTYPE_FLOAT:
-                return Read(column, &Dbs::GetDouble,
-                            [](double v) { return PyFloat_FromDouble(v); });
-            case DBTYPE_DATE:
-                return Read(column, &Dbs::GetDate, [](const _db_date_& v) {
-                    return PyDate_FromDate(v.Year, v.Month, v.Day);
-                });
-            case DBTYPE_DATETIME:
-                return Read(column, &Dbs::GetDateTime, [&](const _db_datetime_& v) {
-                    return PyDateTime_FromDateAndTime(v.Year, v.Month, v.Day, v.Hour, v.Minute,
-                                                      v.Second,
-                                                      MicrosecondsFrom(Fraction(column), scale));
-                });
-            case DBTYPE_TIME:
-                return Read(column, &Dbs::GetTime, [&](const _db_time_& v) {
-                    return PyTime_FromTime(v.Hour, v.Minute, v.Second,
-                                           MicrosecondsFrom(v.Millisecond, scale));
-                });
-            case DBTYPE_NUMERIC:
-            case DBTYPE_DECIMAL:
-                m_decimals.push_back(column);
-                return ReadText(column, info);
-            default:
-                return ReadText(column, info);
-        }
-    }
-
-    bool WarnAboutCuts() {
-        for (const auto& cut : m_cuts) {
-            const char* const name = cut->ColumnName.Deref();
+    bool WarnAboutCuts() const {
+        for (const Cut& cut : m_cuts) {
+            const char* const name = cut.ColumnName.c_str();
             const int result =
-                cut->Reported >= 0
+                cut.Reported >= 0
                     ? PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
                                        "The text of column '%s' is cut from %lld bytes to %d.",
-                                       name, cut->Reported, cut->Kept)
+                                       name, cut.Reported, cut.Kept)
                     : PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
                                        "The text of column '%s' is cut to %d bytes; the provider "
                                        "does not tell its whole length.",
-                                       name, cut->Kept);
+                                       name, cut.Kept);
             if (result < 0) return false;
         }
         return true;
     }
 
-    bool MakeDecimals() {
-        for (const int column : m_decimals) {
-            const PyRef text = PyRef::Borrow(m_row->values[column]);
-            if (text.Get() == Py_None) continue;
-            const PyRef decimalClass = GetPyClass("decimal", "Decimal");
-            if (!decimalClass) return false;
-            PyRef value(PyObject_CallFunctionObjArgs(decimalClass.Get(), text.Get(), nullptr));
-            if (!value) return false;
-            Store(column, std::move(value));
+    bool MakeDecimals(RowPlan& plan) {
+        if (plan.Decimals.empty()) return true;
+        if (!plan.DecimalClass) plan.DecimalClass = GetPyClass("decimal", "Decimal");
+        if (!plan.DecimalClass) return false;
+        for (const int column : plan.Decimals) {
+            PyObject*& slot = m_row->values[column];
+            if (slot == Py_None) continue;
+            PyObject* const value =
+                PyObject_CallFunctionObjArgs(plan.DecimalClass.Get(), slot, nullptr);
+            if (value == nullptr) return false;
+            const PyRef text(std::exchange(slot, value));
         }
         return true;
     }
 
     Dbs& m_dbs;
+    const RowPlan& m_plan;
     PyRow* m_row;
-    std::vector<std::unique_ptr<Cut>> m_cuts;
-    std::vector<int> m_decimals;
+    std::vector<Cut> m_cuts;
 };
 
 }  // namespace
@@ -164,9 +244,14 @@ class RowReader {
 PyRef PyRow_New(PyCursor* cursor) {
     Dbs& dbs = *cursor->dbs;
     if (dbs.FetchFailed()) return RaiseProviderError(dbs, VORDA_ODBC_ERROR);
-    PyRef row = NewRow(dbs.GetColumnCount(), cursor->Connection->encoding, cursor->Description);
+    if (!cursor->Plan || cursor->Plan->ResultNumber != dbs.GetResultNumber()) {
+        cursor->Plan = std::make_shared<RowPlan>(dbs);
+    }
+    const RowPlan& plan = *cursor->Plan;
+    PyRef row = NewRow(static_cast<int>(plan.Columns.size()), cursor->Connection->encoding,
+                       cursor->Description);
     if (!row) return row;
-    RowReader reader(dbs, reinterpret_cast<PyRow*>(row.Get()));
-    if (!reader.ReadColumns() || !reader.Finish()) return PyRef();
-    return row;
+    RowReader reader(dbs, plan, reinterpret_cast<PyRow*>(row.Get()));
+    if (!reader.ReadColumns()) return PyRef();
+    return !reader.NeedsFinish() || reader.Finish(cursor->Plan) ? std::move(row) : PyRef();
 }

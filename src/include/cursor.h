@@ -1,8 +1,12 @@
 // The Cursor type. All cursors of a connection share its Dbs, and so its one current statement.
 #pragma once
 
+#include <memory>
+
 #include "include/connection.h"
 #include "include/pyref.h"
+
+struct RowPlan;
 
 struct _py_cursor {
     PyObject_HEAD PyConnection* Connection;  // strong; null once the cursor is closed
@@ -10,6 +14,8 @@ struct _py_cursor {
     PyObject* Description;  // strong; null once the cursor is closed
     int ArraySize;
     int RowCount;
+    // How the rows of the last result fetched from are read; empty before the first row.
+    std::shared_ptr<RowPlan> Plan;
 };
 using PyCursor = _py_cursor;
 

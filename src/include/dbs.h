@@ -38,6 +38,12 @@ class VORDA_EXPORT Dbs {
     int GetColumnCount();
     DbColumnInfo GetColumnInfo(int index);
 
+    // Where every fetch leaves a column's value; false without such a column.
+    bool GetColumnBuffer(int index, DbColumnBuffer& columnBuffer);
+    // Names the current result: what is known of an earlier one, its column buffers among it, holds
+    // no longer once the number is another.
+    unsigned long long GetResultNumber() const { return resultNumber; }
+
     // Values of the current row by 0-based column: 0, -1 for NULL, or a positive code.
     int GetInt(int i, int* v);
     int GetBigint(int i, long long* v);
@@ -72,4 +78,6 @@ class VORDA_EXPORT Dbs {
     int errCode = 0;
     std::unique_ptr<char[]> buffer;
     int currentBufferSize;
+    unsigned long long resultNumber = 0;
+    int lastFetch = 0;
 };

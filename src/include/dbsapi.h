@@ -7,6 +7,7 @@
 #include "util/def.h"
 
 struct _dbhandler;
+struct _db_column_buffer_;
 using DB_HANDLER = _dbhandler;
 using DBSHANDLE = _dbhandler*;
 using DBSHDBC = _dbhandler*;
@@ -75,6 +76,10 @@ VORDA_EXPORT DBSRETURN DBSGetData(DBSHSTMT statementHandle, DBSINTEGER columnNum
 // DBSGetData.
 VORDA_EXPORT DBSRETURN DBSGetDataExtent(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
                                         int* isCut, DBSINTEGER* reported);
+// Where every fetch leaves the value of a 0-based column: 0, 1104 without a result set, or 1106.
+// Valid until the next execution.
+VORDA_EXPORT DBSRETURN DBSGetColumnBuffer(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
+                                          _db_column_buffer_* columnBuffer);
 // Fetches a row: 0, 100 for no more data, else a code.
 VORDA_EXPORT DBSRETURN DBSFetch(DBSHSTMT statementHandle);
 // The data source's last error. textLength is required when messageText is given; a null

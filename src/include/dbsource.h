@@ -3,6 +3,7 @@
 // this.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 
 #include "util/dynstr.h"
@@ -62,6 +63,18 @@ struct _db_column_info_ {
     std::unique_ptr<_db_column_info_> Clone() const;
 };
 using DbColumnInfo = _db_column_info_;
+
+// Where every fetch leaves the value of a column, for reading many rows without asking for each
+// cell. The addresses belong to the result set and stay the same until it ends.
+struct _db_column_buffer_ {
+    int DataType;  // the DB type code, which tells what Value points to
+    int Scale;
+    const void* Value;             // of a fixed-size column, in its ODBC C form
+    const char* Text;              // of a text column, else of no use
+    int TextSize;                  // bytes at Text, terminator included; 0 for other columns
+    const std::ptrdiff_t* Length;  // the provider's: -1 for NULL, else never to be trusted
+};
+using DbColumnBuffer = _db_column_buffer_;
 
 // How much of a bound text or binary value the bound buffer really holds.
 struct ValueExtent {

@@ -7,7 +7,7 @@ struct _py_row {
     PyObject_HEAD int columns;
     int encoding;           // the connection's
     PyObject* Description;  // strong: the cursor's at the time of the fetch
-    PyObject** values;      // owned array of `columns` strong references
+    PyObject** values;      // `columns` strong references, in the room behind this structure
 };
 using PyRow = _py_row;
 
@@ -15,8 +15,9 @@ extern PyTypeObject RowType;
 
 int InitRowType(PyObject* module, const char* name, const char* doc);
 
-// A row whose values are all None, or empty with an error set.
-PyRef NewRow(int columns, int encoding, PyObject* description);
+// A row without any value yet, which `columns` counts as they are stored, or empty with an error
+// set.
+PyRef NewRow(int room, int encoding, PyObject* description);
 // A row made of the provider's current one, or empty with an error set. The cursor is validated and
 // its result set has columns.
 PyRef PyRow_New(PyCursor* cursor);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <type_traits>
 
 #include "mono/cancel.h"
 #include "mono/dbsource.h"
@@ -362,6 +363,21 @@ int ODBCResultSetImpl::GetBytes(int index, char** data, int* length) {
     if (data != nullptr) *data = m_colBindingInfo.Get(index)->StringVal.Deref();
     if (length != nullptr) *length = binding->StringVal.Length();
     return VORDA_OK;
+}
+
+bool ODBCResultSetImpl::GetColumnBuffer(int index, DbColumnBuffer& buffer) const {
+    static_assert(std::is_same_v<SQLLEN, std::ptrdiff_t>);
+    const _col_binding_info_* const binding = m_colBindingInfo.Get(index);
+    const DbColumnInfo* const info = m_columns.Get(index);
+    if (binding == nullptr || info == nullptr) return false;
+    const bool isText = RuleFor(binding->DataType).BoundType == SQL_C_WCHAR;
+    buffer = {info->DataType,
+              info->Scale,
+              &binding->NativeVal,
+              binding->StringVal.Deref(),
+              isText ? binding->StringVal.Length() : 0,
+              &binding->ValLen};
+    return true;
 }
 
 int ODBCResultSetImpl::GetBufferSize(int index) const {

@@ -72,6 +72,8 @@ class ODBCResultSetImpl : public LastError {
     int GetBytes(int index, char** data, int* length);
     // What became of a value that may have been longer than its buffer.
     int GetExtent(int index, ValueExtent& extent);
+    // Where fetches leave a column's value; false for an index that is not bound.
+    bool GetColumnBuffer(int index, DbColumnBuffer& buffer) const;
     // The size of the buffer a text or binary column is bound to; 0 for other columns.
     int GetBufferSize(int index) const;
 
