@@ -42,3 +42,10 @@ python_tests() {
         -p no:cacheprovider --junitxml "$results/$label-scripted.xml" tests/python/scripted \
         tests/python/hostile
 }
+
+# hostile_seeds FOLDER COUNT [ENV=...]...: random programs on the scripted runtime that answers from seeds.
+hostile_seeds() {
+    built=$1; count=$2; shift 2
+    env "$@" PYTHONPATH="$built/python" VORDA_BUILD="$built" LD_LIBRARY_PATH="$built/scripted" \
+        "$python" tests/python/hostile/driver.py --first 1000 --count "$count" --jobs "$jobs"
+}
