@@ -29,7 +29,7 @@ MORTAL, SLOTS = range(4), range(8)  # an even slot works on the first file; the 
 STAYING = SLOTS[-2:]
 HANG = 90  # seconds; no lock is waited for as long as that
 
-WARM = 1500  # operations; by then a process has done everything a few times, and its caches are full
+WARM = 4000  # operations; by then a process has done everything often, and the caches of SQLite are full
 # What a process may have gained between the medians of two quarters of its samples. A statement without rows keeps
 # its handle, of less than 200 bytes, until the connection ends.
 TOLERANCE = {"KiB": 2048, "blocks": 3000, "files": 3, "mappings": 24}
