@@ -94,7 +94,8 @@ class Session:
         self.mask = mask
         self.interactive = interactive
         self.depth = 0
-        self.rows = 0
+        self.rows = 0  # of the result that is being written
+        self.running = ""  # the statement
         self.interrupts = Interrupts()
         self.commands: Dict[str, Command] = {
             ".tables": Command(self.tables, (0, 0), "", "the tables and views"),
@@ -136,7 +137,7 @@ class Session:
             yield row
 
     def execute(self, sql: str) -> None:
-        self.rows = 0
+        self.rows, self.running = 0, sql
         start = time.monotonic()
         with self.warnings_shown(), self.interrupts:
             cursor = self.connection.execute(sql)
@@ -147,7 +148,7 @@ class Session:
                 done = "%s changed" % plural(cursor.rowcount, "row") if cursor.rowcount >= 0 else "done"
         self.say("(%s, %.3f s)" % (done, time.monotonic() - start))
         sys.stdout.flush()
-        self.rows = 0
+        self.rows, self.running = 0, ""
         if cursor.description is None:
             self.explain_no_rows(sql)
 
@@ -294,7 +295,9 @@ class Session:
                     previous = signal.signal(signal.SIGINT, signal.SIG_IGN)
                     splitter.clear()
                     print("\n(stopped%s)" % (" after " + plural(self.rows, "row") if self.rows else ""))
-                    self.rows = 0
+                    if self.running and not self.running.upper().startswith("SELECT"):
+                        self.note("note: a transaction that was open may have been rolled back as a whole.")
+                    self.rows, self.running = 0, ""
                     self.release()
                     signal.signal(signal.SIGINT, previous)
 
@@ -305,6 +308,8 @@ class Session:
             if splitter.is_empty and (line.lstrip().startswith(".") or line.strip() in PLAIN_COMMANDS):
                 self.run_command(PLAIN_COMMANDS.get(line.strip(), line))
                 return
+            if not splitter.is_empty and line.strip() in {*PLAIN_COMMANDS, *self.commands}:
+                self.note("note: this is inside a statement, which ends with ; and is dropped with Ctrl-C.")
             was_procedure = splitter.kind == "CREATE PROCEDURE"
             for statement in splitter.feed(line + "\n"):
                 self.execute(statement)
@@ -314,6 +319,7 @@ class Session:
             self.note("error: the line is not text in the encoding of this terminal, %s" % sys.stdin.encoding)
         except (Failure, zelqa.Error) as error:
             splitter.clear()
+            self.running = ""
             self.note("error: %s" % error)
             self.note_help(error)
             self.release()

@@ -48,7 +48,7 @@ def methods():
                 yield pytest.param(cls, function, id="%s.%s:%d" % (cls, name, function.lineno))
 
 
-@pytest.mark.parametrize("cls, function", methods())
+@pytest.mark.parametrize("cls, function", list(methods()))
 def test_the_stub_counts_arguments_as_the_module_does(cls, function, connection):
     cursor = connection.execute("SELECT 1 AS a")
     target = {"Connection": connection, "Cursor": cursor, "Row": connection.execute("SELECT 1 AS a").fetchone()}[cls]
