@@ -26,7 +26,6 @@ import random
 import resource
 import subprocess
 import sys
-import traceback
 import warnings
 
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
@@ -70,9 +69,9 @@ class Program:
             warnings.showwarning = lambda *warning: None
             warnings.simplefilter(self.random.choice(["ignore", "ignore", "always", "error"]))
             for _ in range(self.random.randrange(1, 4)):
-                self.attempt(connect)
+                self.attempt((), connect)
             for _ in range(steps):
-                self.attempt(self.random.choice(OPERATIONS))
+                self.attempt(*self.random.choices(OPERATIONS, WEIGHTS)[0][1:])
             self.close()
 
     def close(self):
@@ -84,18 +83,15 @@ class Program:
             last = kept.pop()
             for _ in range(self.random.randrange(3)):
                 if hasattr(last, "close"):
-                    self.attempt(lambda program: last.close())
+                    self.attempt((), lambda program: last.close())
             del last
 
-    def attempt(self, operation):
+    def attempt(self, expected, operation):
         try:
             operation(self)
             outcome = "success"
-        except Nothing:
-            return
-        except (self.zelqa.Error, RuntimeWarning, MemoryError) as error:
-            outcome = type(error).__name__
-        except EXPECTED.get(operation, ()) as error:
+        except (Nothing, self.zelqa.Error, RuntimeWarning, MemoryError, *expected) as error:
+            assert not isinstance(error, UnicodeError)
             outcome = type(error).__name__
         self.outcomes[outcome] += 1
 
@@ -148,27 +144,10 @@ def connect(program):
     program.keep("cursors", program.connections[-1].cursor())
 
 
-def make_cursor(program):
-    program.keep("cursors", program.one(program.connections).cursor())
-
-
-def connection_execute(program):
-    program.keep("cursors", program.one(program.connections).execute(program.statement(), *program.arguments()))
-
-
-def execute(program):
-    program.one(program.cursors).execute(program.statement(), *program.arguments())
-
-
 def query(program):
     """A query and all that it yields."""
-    cursor = program.one(program.cursors).execute(program.random.choice(STATEMENTS[:2]))
-    for row in cursor:
+    for row in program.one(program.cursors).execute(program.random.choice(STATEMENTS[:2])):
         program.keep("rows", row)
-
-
-def execute_many(program):
-    program.one(program.cursors).executemany(program.statement(), program.batch())
 
 
 def call_procedure(program):
@@ -176,32 +155,22 @@ def call_procedure(program):
     program.one(program.cursors).callproc(program.random.choice(["P", "P", "it's", *TEXTS, None]), *arguments)
 
 
-def fetch_one(program):
-    row = program.one(program.cursors).fetchone()
-    if row is not None:
-        program.keep("rows", row)
-
-
-def fetch_some(program):
+def fetch(program):
     cursor = program.one(program.cursors)
     for row in program.random.choice([
             cursor.fetchall, cursor.fetchmany, lambda: cursor.fetchmany(program.random.choice([0, 1, 3, -1, -2])),
-            lambda: cursor.fetchmany(program.random.choice(VALUES)), lambda: [cursor.next(), next(cursor)]])():
+            lambda: cursor.fetchmany(program.random.choice(VALUES)), lambda: [cursor.next(), next(cursor)],
+            lambda: [cursor.fetchone() or program.one([])]])():
         program.keep("rows", row)
 
 
 def use_row(program):
     row = program.one(program.rows)
-    repr(row), list(row), len(row), row.description
     for name in [column[0] for column in row.description or ()]:
         row[name]
-    row[program.random.choice([0, -1, "a", "b", *VALUES, *ODD])]
-
-
-def change_row(program):
-    row = program.one(program.rows)
-    program.value() in row
+    program.value() in row, repr(row), list(row), len(row)
     row[program.random.choice([0, -1, 1, 2 ** 70])] = program.value()
+    row[program.random.choice([0, -1, "a", "b", *VALUES, *ODD])]
 
 
 def misuse(program):
@@ -214,19 +183,13 @@ def misuse(program):
         lambda: row.__delitem__(0), lambda: row[0:1], lambda: row.__setitem__("a", 1)])()
 
 
-def read_attributes(program):
+def use_attributes(program):
     cursor = program.one(program.cursors)
+    if program.random.random() < 0.5:
+        setattr(cursor, program.random.choice(["arraysize"] * 4 + ["rowcount", "other"]),
+                program.random.choice([-1, -1, 1, 3, 0, -5, 2 ** 31, 2 ** 70, "1", None]))
     cursor.rowcount, cursor.arraysize, cursor.connection, cursor.description
     program.one(program.connections).commit()
-
-
-def set_attribute(program):
-    setattr(program.one(program.cursors), program.random.choice(["arraysize"] * 4 + ["rowcount", "other"]),
-            program.random.choice([-1, -1, 1, 3, 0, -5, 2 ** 31, 2 ** 70, "1", None]))
-
-
-def close_one(program):
-    program.one(program.random.choice([program.connections, program.cursors])).close()
 
 
 def forget(program):
@@ -234,109 +197,104 @@ def forget(program):
     kept.remove(program.one(kept))
 
 
-OPERATIONS = [connect, make_cursor, connection_execute, forget, forget, close_one, read_attributes,
-              set_attribute, change_row, misuse] + 3 * [
-    execute, execute, query, execute_many, call_procedure, fetch_one, fetch_some, use_row]
-
-# A value that is no date, a decimal that is none.
-NO_VALUE = (ValueError, decimal.InvalidOperation)
-# Besides the module's own exceptions, lack of memory and warnings that are errors.
-EXPECTED = {
-    connection_execute: (TypeError,), execute: (TypeError,), query: NO_VALUE,
-    call_procedure: (TypeError, *NO_VALUE), fetch_one: NO_VALUE,
-    fetch_some: (TypeError, OverflowError, StopIteration, *NO_VALUE), use_row: (IndexError, TypeError),
-    change_row: (IndexError, decimal.InvalidOperation), read_attributes: (AttributeError,),
-    misuse: (TypeError, AttributeError), set_attribute: (TypeError, OverflowError, AttributeError),
-}
+# How often, what may come out besides success and the exceptions that may always do, and what is done.
+NO_VALUE = (ValueError, decimal.InvalidOperation)  # a date, a decimal that is none
+OPERATIONS = [
+    (1, (), connect),
+    (1, (), lambda program: program.keep("cursors", program.one(program.connections).cursor())),
+    (1, (TypeError,), lambda program: program.keep("cursors", program.one(program.connections).execute(
+        program.statement(), *program.arguments()))),
+    (6, (TypeError,), lambda program: program.one(program.cursors).execute(
+        program.statement(), *program.arguments())),
+    (3, (), lambda program: program.one(program.cursors).executemany(program.statement(), program.batch())),
+    (3, NO_VALUE, query),
+    (3, (TypeError, *NO_VALUE), call_procedure),
+    (6, (TypeError, OverflowError, StopIteration, *NO_VALUE), fetch),
+    (4, (IndexError, *NO_VALUE), use_row),
+    (1, (TypeError, AttributeError), misuse),
+    (2, (TypeError, OverflowError, AttributeError), use_attributes),
+    (1, (), lambda program: program.one(program.random.choice([program.connections, program.cursors])).close()),
+    (2, (), forget),
+]
+WEIGHTS = [weight for weight, _, _ in OPERATIONS]
 
 # --- A process with a chunk of seeds ------------------------------------------------------------------------
 
 
 class Mallinfo(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_size_t) for name in "abcdefghij"]
+    _fields_ = [(name, ctypes.c_size_t) for name in "abcdefg"] + [("in_use", ctypes.c_size_t * 3)]
 
 
-def memory_in_use(libc):
-    gc.collect()
-    sys._clear_type_cache()  # which keeps names that other calls made
-    return sys.getallocatedblocks(), libc.mallinfo2().h
+class Runner:
+    """The libraries, and running seeds on them in this process."""
 
+    def __init__(self):
+        from vorda import zelqa
+        self.zelqa, self.entry, self.libc = zelqa, ctypes.CDLL(zelqa.__file__), ctypes.CDLL(None)
+        self.runtime = ctypes.CDLL(os.path.join(os.environ["VORDA_BUILD"], "scripted", "libvordart.x64.so.6"))
+        self.runtime.scripted_log.restype = ctypes.c_char_p
+        self.measures = not SANITIZED and hasattr(self.libc, "mallinfo2")
+        if self.measures:
+            self.libc.mallinfo2.restype = Mallinfo
 
-def run_seed(zelqa, runtime, entry, seed, outcomes):
-    runtime.scripted_reset()
-    runtime.scripted_hostile(ctypes.c_ulonglong(seed))
-    Program(zelqa, seed, outcomes).run()
-    left, misuses = runtime.scripted_live_handles(0), runtime.scripted_errors()
-    if left or misuses:
-        log = runtime.scripted_log().decode("utf-8", "replace").split("\n")
-        raise AssertionError("%d handles left, %d misuses:\n%s" % (left, misuses, "\n".join(
-            log[:50] + [line for line in log if line.startswith("ERROR:")])))
-    # The module counts environments by statuses that were lies; the next seed starts without any.
-    runtime.scripted_reset()
-    runtime.scripted_answer(b"SQLFreeHandle", 0, 0)
-    while entry.SQLFreeEnv(None) == 0:
-        pass
+    def run(self, seed, outcomes):
+        runtime = self.runtime
+        runtime.scripted_reset()
+        runtime.scripted_hostile(ctypes.c_ulonglong(seed))
+        Program(self.zelqa, seed, outcomes).run()
+        left, misuses = runtime.scripted_live_handles(0), runtime.scripted_errors()
+        assert left == misuses == 0, "%d handles left, %d misuses:\n%s" % (
+            left, misuses, runtime.scripted_log().decode("utf-8", "replace"))
+        # The module counts environments by statuses that were lies; the next seed starts without any.
+        runtime.scripted_reset()
+        runtime.scripted_answer(b"SQLFreeHandle", 0, 0)
+        while self.entry.SQLFreeEnv(None) == 0:
+            pass
+
+    def run_repeatedly(self, seed, times):
+        for _ in range(times):
+            self.run(seed, collections.Counter())
+        gc.collect()
+        sys._clear_type_cache()  # which keeps names that other calls made
+        return sys.getallocatedblocks(), self.libc.mallinfo2().in_use[0]
+
+    def check_flat(self, seed):
+        before = self.run_repeatedly(seed, WARM_UP)
+        blocks, size = (b - a for a, b in zip(before, self.run_repeatedly(seed, REPETITIONS)))
+        assert blocks < REPETITIONS and size < REPETITIONS * BYTES, (
+            "%d repetitions took %d more blocks, %d more bytes" % (REPETITIONS, blocks, size))
 
 
 def run_chunk(first, count):
-    from vorda import zelqa
-    runtime = ctypes.CDLL(os.path.join(os.environ["VORDA_BUILD"], "scripted", "libvordart.x64.so.6"))
-    runtime.scripted_log.restype = ctypes.c_char_p
-    entry = ctypes.CDLL(zelqa.__file__)
-    libc = ctypes.CDLL(None)
-    measures = not SANITIZED and hasattr(libc, "mallinfo2")
-    if measures:
-        libc.mallinfo2.restype = Mallinfo
+    runner, outcomes = Runner(), collections.Counter()
     if not SANITIZED:
         resource.setrlimit(resource.RLIMIT_AS, (MEMORY, MEMORY))
-    outcomes = collections.Counter()
     for seed in range(first, first + count):
         print("seed", seed, flush=True)
         faulthandler.dump_traceback_later(SECONDS_A_SEED, exit=True)
-        try:
-            run_seed(zelqa, runtime, entry, seed, outcomes)
-            if measures and seed % REPEATED == 0:
-                check_flat(zelqa, runtime, entry, seed, libc)
-        except BaseException:
-            traceback.print_exc()
-            sys.stderr.flush()
-            os._exit(1)
+        runner.run(seed, outcomes)
+        if runner.measures and seed % REPEATED == 0:
+            runner.check_flat(seed)
     faulthandler.cancel_dump_traceback_later()
     print(json.dumps(outcomes), flush=True)
-
-
-def check_flat(zelqa, runtime, entry, seed, libc):
-    for _ in range(WARM_UP):
-        run_seed(zelqa, runtime, entry, seed, collections.Counter())
-    blocks, size = memory_in_use(libc)
-    for _ in range(REPETITIONS):
-        run_seed(zelqa, runtime, entry, seed, collections.Counter())
-    more_blocks, more_size = memory_in_use(libc)
-    assert more_blocks - blocks < REPETITIONS and more_size - size < REPETITIONS * BYTES, (
-        "%d repetitions took %d more blocks, %d more bytes" % (
-            REPETITIONS, more_blocks - blocks, more_size - size))
 
 
 # --- The chunks ---------------------------------------------------------------------------------------------
 
 
-def run_in_process(first, count):
-    """Runs a chunk to its end; returns the outcomes and (seed, output) for each that failed."""
-    outcomes, failures = collections.Counter(), []
-    end = first + count
+def run_in_process(first, end):
+    """Runs a chunk to its end; yields the outcomes, and a seed with its output for each that failed."""
     while first < end:
         child = subprocess.run([sys.executable, __file__, "--child", "--first", str(first), "--count",
                                 str(end - first)], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         lines = child.stdout.decode().splitlines()
         if child.returncode == 0:
-            outcomes.update(json.loads(lines[-1]))
-            break
+            yield None, json.loads(lines[-1])
+            return
         seeds = [int(line[5:]) for line in lines if line.startswith("seed ")]
         failed = seeds[-1] if seeds else end  # it did not even start
-        failures.append((failed, "exit status %d\n%s" % (
-            child.returncode, child.stderr.decode("utf-8", "replace")[-6000:])))
+        yield failed, "exit status %d\n%s" % (child.returncode, child.stderr.decode("utf-8", "replace")[-6000:])
         first = failed + 1
-    return outcomes, failures
 
 
 def main():
@@ -351,14 +309,16 @@ def main():
         run_chunk(given.first, given.count)
         return 0
     end = given.first + given.count
-    starts = range(given.first, end, given.chunk)
     outcomes, failed = collections.Counter(), []
     with concurrent.futures.ThreadPoolExecutor(given.jobs) as pool:
-        for counted, failures in pool.map(lambda s: run_in_process(s, min(given.chunk, end - s)), starts):
-            outcomes.update(counted)
-            for seed, output in failures:
-                failed.append(seed)
-                print("seed %d failed: %s" % (seed, output), flush=True)
+        for chunk in pool.map(lambda first: list(run_in_process(first, min(first + given.chunk, end))),
+                              range(given.first, end, given.chunk)):
+            for seed, result in chunk:
+                if seed is None:
+                    outcomes.update(result)
+                else:
+                    failed.append(seed)
+                    print("seed %d failed: %s" % (seed, result), flush=True)
     print("%d seeds, %d failed %s; operations: %s" % (
         given.count, len(failed), failed[:20], ", ".join("%s %d" % item for item in outcomes.most_common())))
     return 1 if failed else 0
