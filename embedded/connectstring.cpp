@@ -31,10 +31,9 @@ std::optional<Pair> takePair(std::string_view& rest) {
     }
     if (key.empty()) throw Error(kBadAttribute, "Connection string: a value has no key.");
     Pair pair{std::string(key), {}};
-    rest.remove_prefix(equals + 1);
-    const size_t start = std::min(rest.find_first_not_of(" \t\r\n"), rest.size());
-    if (start < rest.size() && rest[start] == '{') {
-        rest.remove_prefix(start + 1);
+    rest = trimmed(rest.substr(equals + 1));
+    if (rest.starts_with('{')) {
+        rest.remove_prefix(1);
         for (;;) {
             const size_t close = rest.find('}');
             if (close == std::string_view::npos) {

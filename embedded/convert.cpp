@@ -75,7 +75,8 @@ Delivery storeBytes(std::string_view value, const Target& target, bool terminate
         kept = textPart(rest, capacity - 1, target.partOffset != nullptr);
     }
     if (target.buffer && capacity > 0) {
-        std::memcpy(target.buffer, rest.data(), kept);
+        // An empty blob may come as a null pointer, which memcpy must not get.
+        std::copy_n(rest.data(), kept, static_cast<char*>(target.buffer));
         if (terminated) static_cast<char*>(target.buffer)[kept] = '\0';
     }
     if (target.indicator) *target.indicator = static_cast<SQLLEN>(rest.size());

@@ -71,18 +71,19 @@ class Reader {
     /// The name of a parameter, plain or as a variable ($a, @a, :a). Quotes do not make names
     /// possible that a body could not write behind a $.
     std::string parameterName() {
-        if (m_token.kind != Kind::Variable) {
-            const Reader before = *this;
-            std::string result = name("a parameter's name");
-            SqlScanner scanner(result);
-            const Token word = scanner.next();
-            if (word.kind != Kind::Word || word.text != result || isDigit(result.front()))
-                before.fail("no name for a parameter");
-            return result;
+        const Reader before = *this;
+        std::string result;
+        if (m_token.kind == Kind::Variable) {
+            result = m_token.text.substr(1);
+            advance();
+        } else {
+            result = name("a parameter's name");
         }
-        const std::string result(m_token.text.substr(1));
-        if (isDigit(result.front())) fail("a parameter's name expected");
-        advance();
+        SqlScanner scanner(result);
+        const Token word = scanner.next();
+        if (word.kind != Kind::Word || word.text != result || isDigit(result.front())) {
+            before.fail("no name for a parameter");
+        }
         return result;
     }
 
@@ -110,10 +111,14 @@ class Reader {
 /// digits. Whether it is a good one is left to SQLite.
 bool isNumber(std::string_view text) noexcept {
     if (text.empty()) return false;
-    const bool hexadecimal = sameWord(text.substr(0, 2), "0x");
+    // SQLite would take what follows the hexadecimal digits for the name of a column.
+    if (sameWord(text.substr(0, 2), "0x")) {
+        return text.size() > 2 &&
+               text.find_first_not_of("0123456789abcdefABCDEF", 2) == std::string_view::npos;
+    }
     for (size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
-        const bool afterE = i > 0 && !hexadecimal && (text[i - 1] == 'e' || text[i - 1] == 'E');
+        const bool afterE = i > 0 && (text[i - 1] == 'e' || text[i - 1] == 'E');
         const bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
         if (isDigit(c) || c == '.' || ((c == '+' || c == '-') && afterE)) continue;
         if (!letter || i == 0) return false;

@@ -22,7 +22,14 @@ bool isBlank(char c) noexcept {
     return c == ' ' || c == '\t' || c == '\n' || c == '\f' || c == '\r';
 }
 
-constexpr std::string_view kVariableStarts = "?@:$#";
+bool isSpace(char c) noexcept {
+    return isBlank(c) || c == '\v';
+}
+
+constexpr std::string_view kVariableStarts = "@:$#";
+
+// Between tokens SQLite reads a byte order mark as a blank.
+constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 }  // namespace
 
@@ -30,7 +37,10 @@ void SqlScanner::skipBlanks() noexcept {
     while (m_pos < m_sql.size()) {
         const std::string_view rest = m_sql.substr(m_pos);
         if (isBlank(rest.front())) {
-            ++m_pos;
+            // A vertical tab is one only behind another blank.
+            while (m_pos < m_sql.size() && isSpace(m_sql[m_pos])) ++m_pos;
+        } else if (rest.starts_with(kByteOrderMark)) {
+            m_pos += kByteOrderMark.size();
         } else if (rest.starts_with("--")) {
             m_pos += std::min(rest.find('\n'), rest.size());
         } else if (rest.starts_with("/*") && rest.size() > 2) {
@@ -45,6 +55,17 @@ void SqlScanner::skipBlanks() noexcept {
 size_t SqlScanner::wordEnd(size_t from) const noexcept {
     while (from < m_sql.size() && isWordByte(m_sql[from])) ++from;
     return from;
+}
+
+// SQLite takes "::" for a part of the name, and "(…)" without a blank inside for its end.
+size_t SqlScanner::variableEnd(size_t from) const noexcept {
+    size_t end = wordEnd(from);
+    while (m_sql.substr(end).starts_with("::")) end = wordEnd(end + 2);
+    if (end == m_sql.size() || m_sql[end] != '(' || end == from) return end;
+    while (++end < m_sql.size() && !isSpace(m_sql[end])) {
+        if (m_sql[end] == ')') return end + 1;
+    }
+    return end;
 }
 
 // A doubled closing quote stands for itself, except in […].
@@ -73,15 +94,14 @@ SqlScanner::Token SqlScanner::next() noexcept {
     } else if (isWordByte(first) && first != '$') {
         kind = Kind::Word;
         end = wordEnd(end);
+    } else if (first == '?') {
+        kind = Kind::Marker;
+        while (end < m_sql.size() && isDigit(m_sql[end])) ++end;
     } else if (kVariableStarts.find(first) != std::string_view::npos) {
-        end = wordEnd(end);
+        end = variableEnd(end);
         const std::string_view name = m_sql.substr(m_pos + 1, end - m_pos - 1);
         const bool number = std::all_of(name.begin(), name.end(), isDigit);
-        if (number && (first == '?' || (first == '@' && !name.empty()))) {
-            kind = Kind::Marker;
-        } else if (!name.empty()) {
-            kind = Kind::Variable;
-        }
+        if (!name.empty()) kind = first == '@' && number ? Kind::Marker : Kind::Variable;
     }
     const Token token{kind, m_sql.substr(m_pos, end - m_pos)};
     m_pos = end;

@@ -15,7 +15,7 @@ class SqlScanner {
         String,       ///< '…', quotes doubled inside; a backslash means nothing
         QuotedName,   ///< "…", `…` or […]
         Marker,       ///< ? or @ followed by digits only
-        Variable,     ///< any other name led by ?, @, :, $ or #
+        Variable,     ///< any other name led by @, :, $ or #
         Punctuation,  ///< one byte of anything else
     };
 
@@ -34,6 +34,7 @@ class SqlScanner {
   private:
     void skipBlanks() noexcept;
     size_t wordEnd(size_t from) const noexcept;
+    size_t variableEnd(size_t from) const noexcept;
     size_t quotedEnd(char close) const noexcept;
 
     std::string_view m_sql;

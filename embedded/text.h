@@ -41,7 +41,7 @@ bool outputText(std::string_view text, void* buffer, SQLLEN capacity, Length* le
     if (!buffer || capacity <= 0) return buffer != nullptr;
     const size_t kept = wholeCharacters(text, static_cast<size_t>(capacity) - 1);
     char* out = static_cast<char*>(buffer);
-    std::memcpy(out, text.data(), kept);
+    std::copy_n(text.data(), kept, out);
     out[kept] = '\0';
     return kept < text.size();
 }

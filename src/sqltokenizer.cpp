@@ -1,5 +1,6 @@
 #include "include/sqltokenizer.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cstring>
@@ -53,12 +54,15 @@ struct Character {
 // whole when it is well-formed, else its first byte alone.
 Character CharacterAt(const char* p, const char* end) {
     constexpr unsigned short kReplacement = 0xFFFD;
+    // The text may end within a sequence, and the decoder stops at a NUL only.
+    char sequence[7] = {};
+    std::copy_n(p, std::min<std::ptrdiff_t>(end - p, 6), sequence);
     unsigned int c = 0;
-    const int length = utf8_to_usc4(p, c);
+    const int length = utf8_to_usc4(sequence, c);
     char again[6];
     // Only a complete sequence in its shortest form encodes back to the same bytes.
-    if (length == 0 || length > end - p || ucs4_to_utf8(c, again) != length ||
-        std::memcmp(again, p, static_cast<std::size_t>(length)) != 0) {
+    if (length == 0 || ucs4_to_utf8(c, again) != length ||
+        std::memcmp(again, sequence, static_cast<std::size_t>(length)) != 0) {
         return {kReplacement, 1};
     }
     unsigned short units[2];
