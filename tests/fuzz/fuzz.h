@@ -1,0 +1,120 @@
+// What the fuzz targets share. Each target is one file that defines LLVMFuzzerTestOneInput and
+// compares the code with a second, independent opinion about the same input; see CMakeLists.txt for
+// how it is built. Whatever a target finds wrong ends the process.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Runs one input. Called by libFuzzer, or by replay_main.cpp for the kept inputs.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+namespace fuzz {
+
+/// Ends the process with the place and `what` unless `holds`.
+inline void require(bool holds, std::string_view what, const char* file = __builtin_FILE(),
+                    int line = __builtin_LINE()) {
+    if (holds) return;
+    std::fprintf(stderr, "%s:%d: does not hold: %.*s\n", file, line, static_cast<int>(what.size()),
+                 what.data());
+    std::abort();
+}
+
+/// The same for two texts that must be equal; shows both.
+inline void requireSame(std::string_view seen, std::string_view expected, std::string_view what,
+                        const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    if (seen == expected) return;
+    std::fprintf(stderr, "seen:     [%.*s]\nexpected: [%.*s]\n", static_cast<int>(seen.size()),
+                 seen.data(), static_cast<int>(expected.size()), expected.data());
+    require(false, what, file, line);
+}
+
+/// An input taken apart from its front. What is missing reads as zeros and empty texts.
+class Input {
+  public:
+    Input(const std::uint8_t* data, std::size_t size)
+        : m_rest(reinterpret_cast<const char*>(data), size) {}
+
+    bool empty() const { return m_rest.empty(); }
+    unsigned char byte() {
+        const auto taken = take(1);
+        return taken.empty() ? 0 : static_cast<unsigned char>(taken.front());
+    }
+    template <class T>
+    T number() {
+        T value = 0;
+        for (std::size_t i = 0; i < sizeof(T); ++i) value = static_cast<T>(value << 8 | byte());
+        return value;
+    }
+    std::string_view take(std::size_t size) {
+        const std::string_view taken = m_rest.substr(0, size);
+        m_rest.remove_prefix(taken.size());
+        return taken;
+    }
+    /// A text whose length the next byte tells.
+    std::string_view text() { return take(byte()); }
+    std::string_view rest() { return take(m_rest.size()); }
+    /// Up to the next line end, so that inputs made of texts can be read and written by people.
+    std::string_view line() {
+        const std::string_view taken = take(std::min(m_rest.find('\n'), m_rest.size()));
+        take(1);
+        return taken;
+    }
+
+  private:
+    std::string_view m_rest;
+};
+
+/// A NUL-terminated copy, without the slack of a std::string in which a read too far goes unseen.
+inline std::vector<char> terminated(std::string_view text) {
+    std::vector<char> copy(text.begin(), text.end());
+    copy.push_back('\0');
+    return copy;
+}
+
+/// The length of the well-formed UTF-8 character at the front of `text`, by the standard's table of
+/// permitted byte ranges; 0 when there is none. `out` receives the code point.
+inline std::size_t strictCharacter(std::string_view text, char32_t& out) {
+    struct Row {
+        unsigned char leadFrom, leadTo, nextFrom, nextTo;
+        std::size_t length;
+    };
+    constexpr Row kRows[] = {
+        {0x00, 0x7F, 0, 0, 1},       {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3},
+        {0xE1, 0xEC, 0x80, 0xBF, 3}, {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3},
+        {0xF0, 0xF0, 0x90, 0xBF, 4}, {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4}};
+    const auto at = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    for (const Row& row : kRows) {
+        if (text.empty() || at(0) < row.leadFrom || at(0) > row.leadTo) continue;
+        if (text.size() < row.length) return 0;
+        out = row.length == 1 ? at(0) : at(0) & (0x7FU >> row.length);
+        for (std::size_t i = 1; i < row.length; ++i) {
+            const bool second = i == 1;
+            if (at(i) < (second ? row.nextFrom : 0x80) || at(i) > (second ? row.nextTo : 0xBF)) {
+                return 0;
+            }
+            out = out << 6 | (at(i) & 0x3FU);
+        }
+        return row.length;
+    }
+    return 0;
+}
+
+/// Whether all of `text` is well-formed UTF-8.
+inline bool isStrict(std::string_view text) {
+    char32_t c = 0;
+    while (!text.empty()) {
+        const std::size_t length = strictCharacter(text, c);
+        if (length == 0) return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
+}  // namespace fuzz

@@ -1,0 +1,234 @@
+// The SQL scanner and the procedure parser of the embedded runtime against SQLite itself: where its
+// tokens end, and what it makes of the texts that the parser cuts out.
+#include "procedureparser.h"
+
+#include <sqlite3.h>
+
+#include <memory>
+
+#include "error.h"
+#include "fuzz.h"
+#include "sqlscanner.h"
+
+namespace {
+
+using namespace embedded;
+using fuzz::require;
+using Kind = SqlScanner::Kind;
+
+struct Close {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, Close>;
+
+sqlite3* database() {
+    static const std::unique_ptr<sqlite3, Close> db = [] {
+        sqlite3* opened = nullptr;
+        sqlite3_open(":memory:", &opened);
+        sqlite3_exec(opened, "CREATE TABLE t (a, b); CREATE TABLE p (a, b)", nullptr, nullptr,
+                     nullptr);
+        return std::unique_ptr<sqlite3, Close>(opened);
+    }();
+    return db.get();
+}
+
+/// Compiles the first statement of `sql`; `tail` receives what is left.
+Statement compile(const std::string& sql, std::string& tail) {
+    sqlite3_stmt* statement = nullptr;
+    const char* rest = nullptr;
+    sqlite3_prepare_v2(database(), sql.c_str(), -1, &statement, &rest);
+    tail = rest != nullptr ? rest : "";
+    return Statement(statement);
+}
+
+enum class Found { Token, Illegal, Nothing };
+
+/// The first token of `text` as SQLite reads it: nothing but a semicolon can follow either of these
+/// beginnings, and the message of the syntax error shows what does.
+Found sqliteToken(std::string_view text, std::string& token) {
+    constexpr std::string_view kNear = "near \"";
+    constexpr std::string_view kNearEnd = "\": syntax error";
+    std::string tail;
+    if (compile("SAVEPOINT a/**/" + std::string(text), tail)) {
+        compile("EXPLAIN QUERY PLAN/**/" + std::string(text), tail);
+    }
+    const std::string_view message = sqlite3_errmsg(database());
+    if (message.starts_with("unrecognized token: ")) return Found::Illegal;
+    if (message == "incomplete input") return Found::Nothing;
+    require(message.starts_with(kNear) && message.ends_with(kNearEnd), message);
+    token = message.substr(kNear.size(), message.size() - kNear.size() - kNearEnd.size());
+    return Found::Token;
+}
+
+/// Every token of SQLite's must end where one of the scanner's does, and only numbers, operators
+/// and x'…' may be several of the scanner's. Answers how far SQLite could read.
+std::size_t checkBoundaries(const std::string& sql) {
+    struct Piece {
+        Kind kind;
+        std::size_t begin;
+        std::size_t end;
+    };
+    std::vector<Piece> pieces;
+    SqlScanner scanner(sql);
+    for (auto token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
+        const std::size_t end = scanner.position();
+        pieces.push_back({token.kind, end - token.text.size(), end});
+        require(sql.substr(pieces.back().begin, token.text.size()) == token.text,
+                "the token's place");
+    }
+    std::size_t done = 0;
+    for (std::size_t i = 0; i < pieces.size(); ++i) {
+        const Piece& first = pieces[i];
+        std::string token;
+        const Found found = sqliteToken(std::string_view(sql).substr(done), token);
+        if (found == Found::Illegal) return done;
+        require(found == Found::Token, "SQLite sees a token");
+        fuzz::requireSame(sql.substr(first.begin, token.size()), token, "SQLite's token");
+        done = first.begin + token.size();
+        // Hexadecimal digits end a number in the middle of a word.
+        if (token.size() > 2 && (token[1] == 'x' || token[1] == 'X')) return first.begin;
+        const bool whole = pieces[i].end == done;
+        const bool blob = token.front() == 'x' || token.front() == 'X';
+        while (!whole && i < pieces.size() && pieces[i].end <= done) {
+            require(pieces[i].kind == Kind::Word || pieces[i].kind == Kind::Punctuation ||
+                        (blob && pieces[i].kind == Kind::String),
+                    "a token within SQLite's token");
+            if (pieces[i].end == done) break;
+            ++i;
+        }
+        require(i < pieces.size() && pieces[i].end == done, "SQLite's token ends at one");
+        const bool variable = std::string_view("?@:$#").find(token.front()) != std::string::npos;
+        require(variable == (first.kind == Kind::Marker || first.kind == Kind::Variable),
+                "variables");
+    }
+    std::string token;
+    const Found behind = sqliteToken(std::string_view(sql).substr(done), token);
+    require(behind == Found::Nothing, "SQLite sees nothing behind the last token");
+    return sql.size();
+}
+
+void checkScanner(const std::string& sql) {
+    const std::size_t known = checkBoundaries(sql);
+    const std::string numbered = numberedMarkers(sql);
+    require(numbered.size() == sql.size(), "markers keep their length");
+    for (std::size_t i = 0; i < known; ++i) {
+        if (numbered[i] == sql[i]) continue;
+        std::string token;
+        require(sqliteToken(std::string_view(sql).substr(i), token) == Found::Token &&
+                    token.front() == '@' && token.size() > 1 &&
+                    token.find_first_not_of("0123456789", 1) == std::string::npos,
+                "only markers are rewritten");
+        require(numbered[i] == '?', "to question marks");
+    }
+    std::string tail;
+    if (isBlankSql(sql)) {
+        require(compile(sql, tail) == nullptr && sqlite3_errcode(database()) == SQLITE_OK,
+                "SQLite finds the text blank, too");
+    }
+}
+
+// ---- procedures
+
+std::string quotedName(std::string_view name) {
+    std::string text = "\"";
+    for (const char c : name) text += c == '"' ? std::string("\"\"") : std::string(1, c);
+    return text + "\"";
+}
+
+std::string print(const ProcedureDefinition& definition) {
+    std::string text = definition.replaces ? "CREATE OR REPLACE " : "CREATE ";
+    text += "PROCEDURE " + quotedName(definition.name) + "(";
+    for (const ProcedureParameter& parameter : definition.parameters) {
+        if (&parameter != &definition.parameters.front()) text += ",";
+        text += "$" + parameter.name + " " + parameter.type;
+    }
+    text += ")AS ";
+    for (const std::string& statement : definition.body) {
+        // Nothing behind the last one: it may be a trigger without an end, to which it would
+        // belong.
+        if (&statement != &definition.body.front()) text += "\n;";
+        text += statement;
+    }
+    return text;
+}
+std::string print(const ProcedureRemoval& removal) {
+    return std::string("DROP PROCEDURE ") + (removal.ifExists ? "IF EXISTS " : "") +
+           quotedName(removal.name);
+}
+std::string print(const ProcedureCall& call) {
+    std::string text = "EXECUTE " + quotedName(call.name);
+    for (const ProcedureCall::Argument& argument : call.arguments) {
+        text += &argument == &call.arguments.front() ? " " : ",";
+        if (!argument.name.empty()) text += "@" + argument.name + "=";
+        text += argument.value;
+    }
+    return text;
+}
+
+/// An argument is one value that nothing was computed or read for.
+void checkValue(const std::string& value) {
+    static bool reads = false;
+    reads = false;
+    sqlite3_set_authorizer(
+        database(),
+        [](void*, int action, const char*, const char*, const char*, const char*) {
+            reads = reads || action != SQLITE_SELECT;
+            return SQLITE_OK;
+        },
+        nullptr);
+    std::string tail;
+    const Statement statement = compile("SELECT " + value, tail);
+    sqlite3_set_authorizer(database(), nullptr, nullptr);
+    require(!reads, "an argument reads nothing");
+    if (!statement) return;
+    require(tail.empty() && sqlite3_column_count(statement.get()) == 1, "an argument is one value");
+    fuzz::requireSame(sqlite3_column_name(statement.get(), 0), value, "without a name");
+}
+
+void check(const ProcedureDefinition& definition) {
+    require(!definition.body.empty(), "a body has statements");
+    for (const std::string& statement : definition.body) {
+        require(!isBlankSql(statement), "no statement of a body is blank");
+        if (statement.find('\0') != std::string::npos) continue;
+        std::string tail;
+        if (compile(statement, tail)) require(isBlankSql(tail), "it is one statement for SQLite");
+    }
+}
+void check(const ProcedureRemoval&) {}
+void check(const ProcedureCall& call) {
+    bool named = false;
+    for (const ProcedureCall::Argument& argument : call.arguments) {
+        require(!named || !argument.name.empty(), "positional arguments come first");
+        named = !argument.name.empty();
+        if (argument.value.find('\0') == std::string::npos) checkValue(argument.value);
+    }
+}
+
+std::optional<ProcedureCommand> parsed(std::string_view sql) {
+    try {
+        return parseProcedureCommand(sql);
+    } catch (const Error& error) {
+        require(std::string_view(error.state()) == "42000", error.what());
+        return std::nullopt;
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string sql(fuzz::Input(data, size).rest());
+    // SQLite's texts end at the first NUL.
+    if (sql.size() <= 400) checkScanner(sql.substr(0, sql.find('\0')));
+    const auto command = parsed(sql);
+    if (!command) return 0;
+    std::visit([](const auto& read) { check(read); }, *command);
+    // NULs at the end of a statement count where it is not the last of the text, and else do not.
+    if (sql.find('\0') != std::string::npos) return 0;
+    const std::string text = std::visit([](const auto& read) { return print(read); }, *command);
+    const auto again = parsed(text);
+    require(again && again->index() == command->index(), text);
+    fuzz::requireSame(std::visit([](const auto& read) { return print(read); }, *again), text,
+                      "what is printed reads as the same");
+    return 0;
+}

@@ -1,0 +1,208 @@
+// The embedded runtime as a whole: a sequence of calls, one a line, on databases in memory.
+#include "runtime.h"
+
+#include <sqlite3.h>
+
+#include <array>
+#include <cstring>
+
+#include "fuzz.h"
+
+namespace {
+
+using fuzz::require;
+
+constexpr const char* kCaller = "fuzz.so";
+
+// Keeps every database that is opened from running on for ever, growing large or writing files.
+int restrain(sqlite3* db, const char**, const void*) {
+    sqlite3_limit(db, SQLITE_LIMIT_ATTACHED, 0);
+    sqlite3_limit(db, SQLITE_LIMIT_LENGTH, 1'000'000);
+    sqlite3_limit(db, SQLITE_LIMIT_VDBE_OP, 25'000);
+    sqlite3_progress_handler(
+        db, 100'000, [](void*) { return 1; }, nullptr);
+    return SQLITE_OK;
+}
+
+class Session {
+  public:
+    Session() {
+        RT_SQLAllocHandle(kCaller, SQL_HANDLE_ENV, nullptr, &m_environment);
+        RT_SQLSetEnvAttr(kCaller, m_environment, SQL_ATTR_ODBC_VERSION, number(SQL_OV_ODBC3), 0);
+        RT_SQLAllocHandle(kCaller, SQL_HANDLE_DBC, m_environment, &m_connection);
+        char text[] = "Database=:memory:";
+        RT_SQLDriverConnect(kCaller, m_connection, nullptr, chars(text), SQL_NTS, nullptr, 0,
+                            nullptr, SQL_DRIVER_NOPROMPT);
+        for (SQLHANDLE& statement : m_statements) {
+            RT_SQLAllocHandle(kCaller, SQL_HANDLE_STMT, m_connection, &statement);
+        }
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    ~Session() {
+        for (SQLHANDLE& statement : m_statements) {
+            if (statement) RT_SQLFreeHandle(kCaller, SQL_HANDLE_STMT, statement);
+        }
+        RT_SQLEndTran(kCaller, SQL_HANDLE_DBC, m_connection, SQL_ROLLBACK);
+        require(RT_SQLDisconnect(kCaller, m_connection) == SQL_SUCCESS, "disconnecting");
+        for (const auto& [type, handle] :
+             {std::pair<SQLSMALLINT, SQLHANDLE>{SQL_HANDLE_DBC, m_connection},
+              {SQL_HANDLE_ENV, m_environment}}) {
+            require(RT_SQLFreeHandle(kCaller, type, handle) == SQL_SUCCESS, "freeing");
+            require(RT_SQLFreeHandle(kCaller, type, handle) == SQL_INVALID_HANDLE, "twice");
+        }
+    }
+
+    /// A letter that names the call, two digits or letters for its choices, and a text.
+    void call(std::string_view line) {
+        fuzz::Input input(reinterpret_cast<const std::uint8_t*>(line.data()), line.size());
+        const char what = static_cast<char>(input.byte());
+        const unsigned choice = input.byte();
+        const unsigned more = input.byte();
+        SQLHANDLE& statement = m_statements[choice % m_statements.size()];
+        const auto column = static_cast<SQLUSMALLINT>(more % 5);
+        const SQLSMALLINT cType = kTypes[(choice / 2) % kTypes.size()];
+        // Room for any fixed type even where the told capacity is smaller.
+        const SQLLEN capacity = more % 20;
+        std::vector<char> text = fuzz::terminated(input.rest());
+        const auto length = static_cast<SQLINTEGER>(text.size() - 1);
+        SQLSMALLINT small = 0;
+        SQLSMALLINT tiny = 0;
+        SQLLEN count = 0;
+        SQLULEN large = 0;
+        std::vector<char> room(40);
+        switch (what) {
+            case 'x':
+                return answer(statement,
+                              RT_SQLExecDirect(kCaller, statement, chars(text.data()), length));
+            case 'p':
+                return answer(statement,
+                              RT_SQLPrepare(kCaller, statement, chars(text.data()), SQL_NTS));
+            case 'e':
+                return answer(statement, RT_SQLExecute(kCaller, statement));
+            case 'f':
+                return answer(statement, RT_SQLFetch(kCaller, statement));
+            case 'g':
+                return answer(statement, RT_SQLGetData(kCaller, statement, column, cType,
+                                                       room.data(), capacity, &count));
+            case 'b':
+                return answer(statement,
+                              RT_SQLBindCol(kCaller, statement, column, cType,
+                                            m_rooms[column].data(), capacity, &m_lengths[column]));
+            case 'm': {
+                // Four sets of every parameter, each value in a slot of ten bytes.
+                auto& value = m_values[column];
+                value.fill(0);
+                std::copy_n(text.data(), std::min<std::size_t>(text.size(), 40), value.data());
+                m_sizes[column].fill(more % 3 == 0 ? SQL_NULL_DATA
+                                                   : static_cast<SQLLEN>(more % 10));
+                return answer(statement,
+                              RT_SQLBindParameter(kCaller, statement, column, SQL_PARAM_INPUT,
+                                                  cType, SQL_WVARCHAR, 0, 0, value.data(), 10,
+                                                  m_sizes[column].data()));
+            }
+            case 's':
+                return answer(statement,
+                              RT_SQLSetStmtAttr(kCaller, statement, SQL_ATTR_PARAMSET_SIZE,
+                                                number(more % 4), 0));
+            case 'r': {
+                const auto option = static_cast<SQLUSMALLINT>(more % 5);
+                answer(statement, RT_SQLFreeStmt(kCaller, statement, option));
+                if (option == SQL_DROP) reallocate(statement);
+                return;
+            }
+            case 'd':
+                RT_SQLNumResultCols(kCaller, statement, &small);
+                RT_SQLNumParams(kCaller, statement, &small);
+                RT_SQLRowCount(kCaller, statement, &count);
+                return answer(statement,
+                              RT_SQLDescribeCol(kCaller, statement, column, chars(room.data()),
+                                                static_cast<SQLSMALLINT>(capacity), &small, &tiny,
+                                                &large, &tiny, &tiny));
+            case 'a':
+                return answer(statement, RT_SQLColAttribute(
+                                             kCaller, statement, column,
+                                             static_cast<SQLUSMALLINT>(choice * 12), room.data(),
+                                             static_cast<SQLSMALLINT>(capacity), &small, &count));
+            case 't':
+                return answer(statement, RT_SQLTables(kCaller, statement, nullptr, 0, nullptr, 0,
+                                                      chars(text.data()), SQL_NTS, nullptr, 0));
+            case 'c':
+                return answer(statement, RT_SQLColumns(kCaller, statement, nullptr, 0, nullptr, 0,
+                                                       chars(text.data()), SQL_NTS, nullptr, 0));
+            case 'o':
+                RT_SQLSetConnectAttr(kCaller, m_connection, SQL_ATTR_AUTOCOMMIT, number(more % 2),
+                                     0);
+                return;
+            case 'n':
+                RT_SQLEndTran(kCaller, SQL_HANDLE_DBC, m_connection,
+                              more % 2 == 0 ? SQL_COMMIT : SQL_ROLLBACK);
+                return;
+            case 'k':
+                RT_SQLMoreResults(kCaller, statement);
+                RT_SQLCancel(kCaller, statement);
+                return answer(statement, RT_SQLCloseCursor(kCaller, statement));
+            case 'z':
+                RT_SQLFreeHandle(kCaller, SQL_HANDLE_STMT, statement);
+                return reallocate(statement);
+            default:
+                return;
+        }
+    }
+
+  private:
+    static SQLCHAR* chars(char* text) { return reinterpret_cast<SQLCHAR*>(text); }
+    static SQLPOINTER number(std::uintptr_t value) { return reinterpret_cast<SQLPOINTER>(value); }
+
+    void reallocate(SQLHANDLE& statement) {
+        require(RT_SQLFetch(kCaller, statement) == SQL_INVALID_HANDLE, "it is freed");
+        RT_SQLAllocHandle(kCaller, SQL_HANDLE_STMT, m_connection, &statement);
+    }
+
+    /// Every failure and every warning has a record, no success does.
+    static void answer(SQLHANDLE statement, SQLRETURN result) {
+        SQLCHAR state[6] = "";
+        SQLINTEGER native = 0;
+        std::vector<SQLCHAR> message(60);
+        SQLSMALLINT length = 0;
+        const SQLRETURN told =
+            RT_SQLGetDiagRec(kCaller, SQL_HANDLE_STMT, statement, 1, state, &native, message.data(),
+                             static_cast<SQLSMALLINT>(message.size()), &length);
+        const bool expected = result == SQL_ERROR || result == SQL_SUCCESS_WITH_INFO;
+        require(expected || result == SQL_SUCCESS || result == SQL_NO_DATA, "the result");
+        require(SQL_SUCCEEDED(told) == expected || result == SQL_NO_DATA, "a record when needed");
+        if (!expected) return;
+        require(std::strlen(reinterpret_cast<char*>(state)) == 5, "the state");
+        require((native == 0) == (result == SQL_SUCCESS_WITH_INFO), "the native code");
+    }
+
+    static constexpr std::array<SQLSMALLINT, 12> kTypes = {
+        SQL_C_CHAR,           SQL_C_WCHAR,     SQL_C_BINARY,  SQL_C_SBIGINT,
+        SQL_C_SLONG,          SQL_C_SSHORT,    SQL_C_BIT,     SQL_C_DOUBLE,
+        SQL_C_TYPE_TIMESTAMP, SQL_C_TYPE_DATE, SQL_C_DEFAULT, SQL_C_TYPE_TIME};
+
+    SQLHANDLE m_environment = nullptr;
+    SQLHANDLE m_connection = nullptr;
+    std::array<SQLHANDLE, 2> m_statements{};
+    std::array<std::vector<char>, 5> m_rooms{std::vector<char>(40), std::vector<char>(40),
+                                             std::vector<char>(40), std::vector<char>(40),
+                                             std::vector<char>(40)};
+    std::array<SQLLEN, 5> m_lengths{};
+    std::array<std::array<char, 60>, 5> m_values{};
+    std::array<std::array<SQLLEN, 4>, 5> m_sizes{};
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const int once = sqlite3_auto_extension(reinterpret_cast<void (*)()>(restrain));
+    require(once == SQLITE_OK, "the restraints are in force");
+    const sqlite3_int64 before = sqlite3_memory_used();
+    {
+        Session session;
+        fuzz::Input input(data, size);
+        while (!input.empty()) session.call(input.line());
+    }
+    require(sqlite3_memory_used() == before, "all memory of SQLite's is given back");
+    return 0;
+}

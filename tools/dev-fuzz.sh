@@ -1,0 +1,59 @@
+# Replays all kept inputs, then lets each fuzzer look for new ones, two side by side.
+
+# The sanitizers' libraries of clang have no command to look for.
+rt_missing=clang-fuzzer-libraries
+[ -n "$(find /usr/lib/llvm-14/lib/clang -name 'libclang_rt.fuzzer-*.a' 2>/dev/null)" ] && rt_missing=true
+wanted="clang++-14=clang-14 $rt_missing=libclang-rt-14-dev"
+
+seconds=${1:-60}
+found=$PWD/build/fuzz-found
+flags="-timeout=10 -rss_limit_mb=2048 -verbosity=1"
+
+# fuzz TARGET: one fuzzer for $seconds; what it learns stays in build/ for the next run.
+fuzz() {
+    mkdir -p "$found/corpus/$1"
+    "$folder/tests/fuzz/fuzz_$1" $flags -max_total_time="$seconds" -print_final_stats=1 \
+        -dict=tests/fuzz/sql.dict -artifact_prefix="$found/$1-" \
+        "$found/corpus/$1" "tests/fuzz/corpus/$1" >"$found/$1.log" 2>&1 && touch "$found/$1.passed"
+}
+
+# report TARGET: one line, or what went wrong and how to see it again.
+report() {
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$found/$1.log")
+    edges=$(sed -n 's/.* cov: \([0-9]*\) .*/\1/p' "$found/$1.log" | tail -n 1)
+    printf '%-12s %9s runs %6s edges\n' "$1" "${runs:--}" "${edges:--}"
+    [ -e "$found/$1.passed" ] && return
+    failed="$failed $1"
+    grep -E 'does not hold|^seen|^expected|ERROR|runtime error' "$found/$1.log" || tail -n 20 "$found/$1.log"
+    for input in $(sed -n 's/.*Test unit written to //p' "$found/$1.log"); do
+        echo "replay with: $folder/tests/fuzz/fuzz_$1 $input"
+        echo "and once mended keep it in tests/fuzz/corpus/$1"
+    done
+}
+
+setup
+say "building the fuzzers"
+build fuzz fuzzers
+targets=$(cd tests/fuzz/corpus && echo *)
+rm -rf "$found"/*.passed "$found"/*.log
+mkdir -p "$found"
+say "replaying the kept inputs"
+for target in $targets; do
+    "$folder/tests/fuzz/fuzz_$target" $flags -artifact_prefix="$found/$target-" \
+        "tests/fuzz/corpus/$target"/* >"$found/$target.log" 2>&1 || {
+        tail -n 30 "$found/$target.log"
+        fail "kept inputs of $target fail; $found/$target.log names the last one that ran"
+    }
+done
+say "fuzzing, $seconds seconds each"
+failed=
+set -- $targets
+while [ $# -gt 0 ]; do
+    # With one core only, one at a time.
+    pair=$1; shift
+    if [ "$jobs" -gt 1 ] && [ $# -gt 0 ]; then pair="$pair $1"; shift; fi
+    for target in $pair; do fuzz "$target" & done
+    wait
+    for target in $pair; do report "$target"; done
+done
+[ -z "$failed" ] || fail "found something:$failed"
