@@ -141,15 +141,27 @@ int GetPyObjectAsTime(PyObject* object, _db_time_& value) {
     return 0;
 }
 
+bool HasSurrogate(PyObject* text) {
+    const Py_ssize_t length = PyUnicode_GetLength(text);
+    if (length < 0) {
+        PyErr_Clear();
+        throw std::bad_alloc();
+    }
+    if (PyUnicode_MAX_CHAR_VALUE(text) < 0xD800) return false;
+    const auto kind = PyUnicode_KIND(text);
+    const void* const data = PyUnicode_DATA(text);
+    for (Py_ssize_t i = 0; i < length; ++i) {
+        if (Py_UNICODE_IS_SURROGATE(PyUnicode_READ(kind, data, i))) return true;
+    }
+    return false;
+}
+
 int GetPyObjectAsString(PyObject* object, DynStr& value) {
+    if (HasSurrogate(object)) return -1;
     const PyRef encoded(PyUnicode_AsEncodedString(object, "utf-8", "strict"));
     if (!encoded) {
-        if (!PyErr_ExceptionMatches(PyExc_UnicodeError)) {
-            PyErr_Clear();
-            throw std::bad_alloc();
-        }
         PyErr_Clear();
-        return -1;
+        throw std::bad_alloc();
     }
     // Set takes a length that an int cannot hold for none at all.
     if (PyBytes_GET_SIZE(encoded.Get()) > INT_MAX ||

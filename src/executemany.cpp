@@ -168,12 +168,10 @@ class ColumnBinder {
         texts.reserve(static_cast<size_t>(m_batch.Rows));
         Py_ssize_t width = 0;
         for (int row = 0; row < m_batch.Rows; ++row) {
-            PyRef text(PyUnicode_AsUTF8String(m_batch.At(row, column)));
-            if (!text) {
-                if (PyErr_ExceptionMatches(PyExc_MemoryError)) return false;
-                PyErr_Clear();
-                return RowError("Invalid value", row, column);
-            }
+            PyObject* const value = m_batch.At(row, column);
+            if (HasSurrogate(value)) return RowError("Invalid value", row, column);
+            PyRef text(PyUnicode_AsUTF8String(value));
+            if (!text) return false;
             width = std::max(width, PyBytes_GET_SIZE(text.Get()));
             texts.push_back(std::move(text));
         }

@@ -126,10 +126,11 @@ PyObject* PyRow_Repr(PyObject* self) {
 }
 
 // A row can hold a row, and so on to any depth: those that die while another one is being released
-// wait in a list, so that the stack does not grow with the depth.
+// wait in a list, so that the stack does not grow with the depth. Each thread has its own: a
+// value's finaliser may wait for what another thread's rows hold.
 void PyRow_Dealloc(PyObject* self) {
-    static PyRow* waiting = nullptr;
-    static bool isReleasing = false;
+    static thread_local PyRow* waiting = nullptr;
+    static thread_local bool isReleasing = false;
     PyRow* const dead = AsRow(self);
     // Of no further use as the description, the field links the list.
     Py_CLEAR(dead->Description);

@@ -70,12 +70,30 @@ PyObject* ReadDateTime(const ColumnPlan& column) {
                                       stamp.second, Microseconds(column, stamp));
 }
 
+// Null without an error set when the text is not UTF-8. A codec that reported that itself could run
+// a handler of the program's own ("strict" can be replaced), and the collector.
+PyObject* DecodeText(const char* text, Py_ssize_t length) {
+    PyRef value(PyUnicode_DecodeUTF8(text, length, "surrogateescape"));
+    return value && !HasSurrogate(value.Get()) ? value.Release() : nullptr;
+}
+
+// The row is given up, so that now any code may run: with copies of what is the provider's.
+PyRef RaiseNotUtf8(const char* text, Py_ssize_t length, const std::string column) {
+    const PyRef bytes(PyBytes_FromStringAndSize(text, length));
+    if (!bytes) return PyRef();
+    const PyRef decoded(PyUnicode_DecodeUTF8(PyBytes_AS_STRING(bytes.Get()), length, "strict"));
+    constexpr const char* kMessage = "The text of column '%s' is not valid UTF-8.";
+    if (decoded) return Raise(DatabaseError, kMessage, column.c_str());
+    if (!PyErr_ExceptionMatches(PyExc_UnicodeError)) return PyRef();
+    return RaiseFromCurrent(DatabaseError, kMessage, column.c_str());
+}
+
 // Decimals too arrive as text.
 PyObject* ReadText(const ColumnPlan& column) {
     // Only a length that leaves room for the terminator is a whole value's for sure.
     const auto length = static_cast<size_t>(*column.Buffer.Length);
     if (length >= static_cast<size_t>(column.Buffer.TextSize)) return nullptr;
-    return PyUnicode_DecodeUTF8(column.Buffer.Text, static_cast<Py_ssize_t>(length), "strict");
+    return DecodeText(column.Buffer.Text, static_cast<Py_ssize_t>(length));
 }
 
 PyObject* RefuseBinary(const ColumnPlan&) {
@@ -182,14 +200,9 @@ class RowReader {
         long long Reported;
     };
 
-    // What a reader has left: an error to be told in full, or a text whose length is not what it
-    // should be.
+    // What a reader has left: a text that is not UTF-8, or whose length is not what it should be.
     PyRef ReadWithCare(int index, const ColumnPlan& column) {
-        if (PyErr_Occurred()) {
-            if (!PyErr_ExceptionMatches(PyExc_UnicodeError)) return PyRef();
-            return RaiseFromCurrent(DatabaseError, "The text of column '%s' is not valid UTF-8.",
-                                    column.Name.c_str());
-        }
+        if (PyErr_Occurred()) return PyRef();
         char* text = nullptr;
         int length = 0;
         const int status = m_dbs.GetStringAsUTF8(index, &text, &length);
@@ -197,8 +210,9 @@ class RowReader {
         if (status < 0) return PyRef::Borrow(Py_None);
         long long reported = 0;
         if (m_dbs.IsCut(index, &reported)) m_cuts.push_back({column.Name, length, reported});
-        PyRef value(PyUnicode_DecodeUTF8(text, length, "strict"));
-        return value ? std::move(value) : ReadWithCare(index, column);
+        PyRef value(DecodeText(text, length));
+        return value || PyErr_Occurred() ? std::move(value)
+                                         : RaiseNotUtf8(text, length, column.Name);
     }
 
     bool WarnAboutCuts() const {

@@ -26,6 +26,9 @@ int GetPyObjectAsDatetime(PyObject* object, _db_datetime_& value);
 int GetPyObjectAsDate(PyObject* object, _db_date_& value);
 int GetPyObjectAsTime(PyObject* object, _db_time_& value);
 
+// Whether a str holds a surrogate, which has no UTF-8 form. To be asked before a codec is: one that
+// fails may run the program's own error handler. Throws std::bad_alloc.
+bool HasSurrogate(PyObject* text);
 // The UTF-8 form of a str, up to its first NUL. 0, or -1 without an error set when it has none (a
 // lone surrogate); throws std::bad_alloc for want of memory.
 int GetPyObjectAsString(PyObject* object, DynStr& value);

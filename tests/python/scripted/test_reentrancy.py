@@ -1,13 +1,17 @@
 """Python code that runs inside our calls closes the cursor or the connection, or executes: what comes
 of it is an error or a right result, never a crash, and never a handle that stays."""
 
+import codecs
 import datetime
 import decimal
 import gc
+import os
+import signal
 import sys
 import threading
 import types
 import warnings
+import weakref
 
 import pytest
 
@@ -238,6 +242,114 @@ def test_fake_decimal_module(runtime, opened, intrude, intrusion, read, how, mon
         assert all(tuple(row) in whole for row in got[0])
     if intrusion == "close cursor":
         assert (cursor.rowcount, hasattr(cursor, "description")) == (-1, False)
+
+
+class Hooked(str):
+    """Runs a hook wherever code can ask it something."""
+
+    def run(self, *arguments):
+        self.hook()
+        return self.answer
+    __index__ = __int__ = match = utcoffset = __length_hint__ = run
+
+
+def hooked(hook, answer=None, *bases):
+    return type("Hooked", bases or (Hooked,), dict(Hooked.__dict__, hook=staticmethod(hook), answer=answer))()
+
+
+def raise_signal(hook):
+    before = signal.signal(signal.SIGUSR1, lambda *arguments: hook())
+    os.kill(os.getpid(), signal.SIGUSR1)
+    signal.signal(signal.SIGUSR1, before)
+    yield (1,)
+
+
+def profiled(hook, cursor):
+    sys.setprofile(lambda *arguments: hook())
+    try:
+        return cursor.fetchall()
+    finally:
+        sys.setprofile(None)
+
+
+def warned(hook, cursor):
+    with warnings.catch_warnings():
+        warnings.filters.insert(0, ("ignore", hooked(hook, True), RuntimeWarning, None, 0))
+        return cursor.execute("SELECT 1\0")
+
+
+def decoded(hook, cursor):
+    """Twice the text that is no UTF-8: it is given up at the first."""
+    codecs.register_error("strict", lambda error: (hook(), ("?", error.end))[1])
+    try:
+        with pytest.raises(zelqa.DatabaseError, match="not valid UTF-8"):
+            cursor.execute("SELECT *").fetchall()
+        with pytest.raises(zelqa.ProgrammingError):  # never asks the handler
+            cursor.execute(UPDATE, "\ud800")
+        with pytest.raises(zelqa.ProgrammingError):
+            cursor.executemany(UPDATE, [("\ud800",)])
+    finally:
+        codecs.register_error("strict", codecs.strict_errors)
+
+
+def released(hook, cursor):
+    row, value = cursor.fetchone(), Hooked()
+    watch = weakref.ref(value, lambda watched: hook())
+    row[0] = value
+    del value
+    row[0] = watch
+
+
+def collected(hook, cursor):
+    gc.callbacks.append(lambda phase, info: hook())
+    before = gc.get_threshold()
+    gc.set_threshold(1)
+    try:
+        cursor.fetchall()
+        gc.collect()
+    finally:
+        gc.set_threshold(*before)
+        gc.callbacks.pop()
+
+
+@each_intrusion
+@pytest.mark.parametrize("call", [
+    profiled, warned, decoded, released, collected,
+    lambda hook, cursor: setattr(cursor, "arraysize", hooked(hook, 5)),
+    lambda hook, cursor: cursor.executemany(UPDATE, raise_signal(hook)),
+    lambda hook, cursor: cursor.executemany(
+        UPDATE, [(datetime.datetime(2024, 1, 2, tzinfo=hooked(hook, None, datetime.tzinfo)),)])])
+def test_other_call_backs(runtime, opened, intrude, call):
+    runtime.result(Column("t", WVARCHAR), Column("u", WVARCHAR), rows=[[b"\xff", "text"]] * 2)
+    try:
+        call(intrude, opened.cursor)
+    except zelqa.Error as error:
+        assert any(text in str(error) for text in ("closed", "No results", "not valid UTF-8"))
+
+
+def test_rows_released_in_two_threads(runtime, connection):
+    """The finaliser in one row waits for that in another thread's row."""
+    runtime.result("n", rows=[[1], [2]])
+    first, second = connection.execute("SELECT *").fetchall()
+    started, done = threading.Event(), threading.Event()
+
+    class Value:
+        def __init__(self, finalise):
+            self.finalise = finalise
+
+        def __del__(self):
+            self.finalise()
+
+    first[0] = Value(lambda: (started.set(), waited.append(done.wait(20))))
+    second[0] = Value(done.set)
+    rows, waited = [first], []
+    del first
+    thread = threading.Thread(target=rows.clear)
+    thread.start()
+    started.wait()
+    del second
+    thread.join()
+    assert waited == [True]
 
 
 @each_intrusion
