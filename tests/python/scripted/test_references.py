@@ -5,6 +5,7 @@ import copy
 import datetime
 import decimal
 import gc
+import itertools
 import sys
 import warnings
 
@@ -186,3 +187,43 @@ def test_nothing_is_left(runtime, operation):
                 run()
             # What is kept now and then, by a cache of the interpreter, is not kept every time.
             assert SANITIZED or not all(grows(run, 16) for _ in range(5)), condition
+
+
+def failure(connection):
+    """An error whose traceback holds the connection and a cursor."""
+    held = connection.cursor()
+    try:
+        held.execute("SELECT ?", b"")
+    except zelqa.NotSupportedError as error:
+        return error
+
+
+@pytest.mark.parametrize("closed", [(), (0,), (1,), (0, 1)])
+def test_objects_end_in_any_order(runtime, closed):
+    """What is left can be used, or says why it cannot."""
+    for order in itertools.permutations(range(5)):
+        runtime.result(*COLUMNS, rows=[GOOD] * 2)
+        connection = zelqa.connect("Server=there")
+        cursor = connection.execute("SELECT *")
+        row, error = cursor.fetchone(), failure(connection)
+        objects = [connection, cursor, row, cursor.description, error]
+        if order[:2] == (0, 1):
+            objects.append([connection, cursor, objects])  # a circle, too
+        del connection, cursor, row, error
+        for dropped in order:
+            if dropped in closed:
+                close(objects[dropped])
+            objects[dropped] = None
+            _, cursor, row, description, error = objects[:5]
+            assert row is None or (row["n"], row.description[3][0]) == (77777, "n")
+            assert description is None or description[0][0] == "t"
+            assert error is None or error.__traceback__.tb_frame.f_locals
+            try:
+                assert cursor is None or cursor.connection.execute("SELECT *").fetchall() == []
+            except (zelqa.ProgrammingError, AttributeError) as closing:
+                assert closed or "No results" in str(closing)
+        del objects, cursor, row, description, error
+        if order[:2] == (0, 1):
+            gc.collect()
+        assert runtime.live_handles() == 0
+        runtime.take_log()
