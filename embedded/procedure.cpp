@@ -27,6 +27,7 @@ Values readArguments(sqlite3_stmt* arguments, const std::vector<size_t>& order) 
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> rewind(arguments, sqlite3_reset);
     if (sqlite3_step(arguments) != SQLITE_ROW) throw sqliteError(sqlite3_db_handle(arguments));
     Values values;
+    values.reserve(order.size());  // no growth may lose a value that has no owner yet
     for (const size_t column : order) {
         values.emplace_back(
             sqlite3_value_dup(sqlite3_column_value(arguments, static_cast<int>(column))));
