@@ -1,0 +1,339 @@
+"""Times the module against its peers on the same SQLite file, and prints tables of ratios.
+
+    bench.py [--quick] [--only TEXT] [--rounds N] [--json FILE] [--plot FILE.png]
+
+Within a case the drivers take turns, and a ratio is made of two neighbours of one round, so what slows the machine
+down slows both. Shown are the medians of the ratios and their range. Before a case is timed, all drivers have to
+return the same data.
+"""
+
+import argparse
+import contextlib
+import datetime
+import json
+import os
+import platform
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+import peers as peer_module
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+TYPES = {
+    "integers": ("INTEGER", "(n * 7919) %% 1000003 + %d"),
+    "doubles": ("DOUBLE", "n * 0.25 + %d"),
+    "short text": ("TEXT", "'row ' || (n + %d)"),
+    "200-byte text": ("TEXT", "substr('Zwölf Boxkämpfer jagen Viktor quer über den großen Sylter Deich. ' ||"
+                              " hex(zeroblob(100)), 1, 190) || (10000000 + n + %d)"),
+    "decimals": ("DECIMAL(12,2)", "(n %% 1000) + 0.25 + %d"),
+    "dates": ("DATE", "date('2000-01-01', ((n + %d) %% 9000) || ' days')"),
+    "half NULLs": ("INTEGER", "CASE WHEN (n + %d) %% 2 THEN n + 1000 END"),
+}
+TYPED = ("decimals", "dates", "mixed")
+MIX = ["integers", "doubles", "short text", "dates", "decimals", "half NULLs", "200-byte text"]
+
+
+class Case:
+    """One measurement: `run(peer, state)` is timed; `prepare(peer)` is a context that gives the state."""
+
+    def __init__(self, name, prepare, run, result=None):
+        self.name, self.prepare, self.run, self.result = name, prepare, run, result
+
+
+def table_of(path, name, columns, rows):
+    """Makes the table a case reads, with the standard library; returns the table's name."""
+    kinds = [MIX[i % len(MIX)] if name == "mixed" else name for i in range(columns)]
+    table = "%s_%d_%d" % (name.replace(" ", "_").replace("-", "_"), columns, rows)
+    connection = peer_module.sqlite3.connect(path)
+    with contextlib.closing(connection), connection:
+        declared = ", ".join("c%d %s" % (i, TYPES[kind][0]) for i, kind in enumerate(kinds))
+        values = ", ".join(TYPES[kind][1] % i for i, kind in enumerate(kinds))
+        connection.execute('CREATE TABLE IF NOT EXISTS "%s" (%s)' % (table, declared))
+        if not connection.execute('SELECT 1 FROM "%s" LIMIT 1' % table).fetchone():
+            connection.execute('WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r WHERE n < %d)'
+                               ' INSERT INTO "%s" SELECT %s FROM r' % (rows, table, values))
+    return table
+
+
+def plain(value):
+    """A value in a form in which all drivers agree: some give decimals and dates as text or floats."""
+    if isinstance(value, datetime.date):
+        return value.isoformat()
+    try:
+        return round(float(value), 6)
+    except (TypeError, ValueError):
+        return value
+
+
+# --- reading ------------------------------------------------------------------------------------------------
+
+def fetchall(cursor):
+    return cursor.fetchall()
+
+
+def iterate(cursor):
+    for row in cursor:
+        pass
+
+
+def fetchone(cursor):
+    fetch = cursor.fetchone
+    while fetch() is not None:
+        pass
+
+
+def reading_cases(path, quick):
+    for name in [*TYPES, "mixed"]:
+        for columns in (1, 4, 7, 30):
+            rows = min(300000, 1200000 // columns) // (10 if quick else 1)
+            for how in (fetchall, iterate, fetchone):
+                if how is not fetchall and (columns not in (4, 30) or name not in ("integers", "mixed")):
+                    continue  # the way of fetching costs the same whatever the cells hold
+                yield reading_case(path, name, columns, rows, how)
+
+
+def reading_case(path, name, columns, rows, how):
+    @contextlib.contextmanager
+    def prepare(peer):
+        table = table_of(path, name, columns, rows)
+        with contextlib.closing(peer.connect(path, typed=name in TYPED)) as connection:
+            yield connection.cursor(), 'SELECT * FROM "%s"' % table
+
+    def run(peer, state):
+        cursor, sql = state
+        cursor.execute(sql)
+        return how(cursor)
+
+    def result(peer, state):
+        cursor, sql = state
+        cursor.execute(sql)
+        return [tuple(map(plain, row)) for row in cursor.fetchall()[::97]], len(list(run(peer, state) or []))
+
+    return Case("%s, %d columns of %s" % (how.__name__, columns, name), prepare, run, result)
+
+
+# --- everything else ----------------------------------------------------------------------------------------
+
+def point_queries(path, count):
+    @contextlib.contextmanager
+    def prepare(peer):
+        table = table_of(path, "short text", 1, 20000)
+        with contextlib.closing(peer.connect(path)) as connection:
+            yield connection.cursor(), 'SELECT c0 FROM "%s" WHERE rowid = ?' % table
+
+    def run(peer, state):
+        cursor, sql = state
+        return [cursor.execute(sql, (key,)).fetchone()[0] for key in range(1, count + 1)]
+
+    return Case("%d point queries" % count, prepare, run, run)
+
+
+@contextlib.contextmanager
+def empty_table(peer, path):
+    """A fresh table in a file of its own for each round: no driver pays for what another has written."""
+    with tempfile.TemporaryDirectory(dir=os.path.dirname(path)) as folder:
+        file = os.path.join(folder, "w.db")
+        with contextlib.closing(peer_module.sqlite3.connect(file)) as connection:
+            connection.execute("CREATE TABLE w (a INTEGER, b DOUBLE, c TEXT)")
+        with contextlib.closing(peer.connect(file)) as connection:
+            yield connection, connection.cursor(), file
+
+
+def contents(path):
+    """What a driver has written, read by one and the same."""
+    with contextlib.closing(peer_module.sqlite3.connect(path)) as connection:
+        return connection.execute("SELECT count(*), sum(a), sum(b), max(c), count(DISTINCT c) FROM w").fetchall()
+
+
+def writing_case(path, name, count, write):
+    rows = [(n, n * 0.5, "text %d" % n) for n in range(count)]
+
+    def run(peer, state):
+        connection, cursor, _ = state
+        write(peer, connection, cursor, rows)
+
+    def result(peer, state):
+        run(peer, state)
+        return contents(state[2])
+
+    return Case(name, lambda peer: empty_table(peer, path), run, result)
+
+
+def in_one_batch(peer, connection, cursor, rows):
+    cursor.executemany("INSERT INTO w VALUES (?, ?, ?)", rows)
+    if peer.name != "zelqa":
+        peer.commit(connection)
+
+
+def one_by_one(peer, connection, cursor, rows):
+    peer.begin(connection)
+    for row in rows:
+        cursor.execute("INSERT INTO w VALUES (?, ?, ?)", row)
+    peer.commit(connection)
+
+
+def connecting(path, count):
+    def run(peer, state):
+        for _ in range(count):
+            peer.connect(path).close()
+
+    return Case("%d times connect and close" % count, lambda peer: contextlib.nullcontext(), run)
+
+
+def long_statement(path, size):
+    """A query of about `size` bytes with a marker now and then, prepared and executed anew each time."""
+    texts = ["?" if n % 50 == 1 else "'a text of %d'" % n for n in range(size // 18)]
+    sql = "SELECT 1 WHERE 'x' IN (%s)" % ", ".join(texts)
+    values = [1] * sql.count("?")
+    repeat = max(1, 200000 // size)
+
+    @contextlib.contextmanager
+    def prepare(peer):
+        with contextlib.closing(peer.connect(":memory:")) as connection:
+            yield connection.cursor()
+
+    def run(peer, cursor):
+        for n in range(repeat):
+            cursor.execute("%s -- %d" % (sql, n), values)  # a text never seen before: no cache helps
+        return cursor.fetchall()
+
+    return Case("statement of %d bytes" % size, prepare, run, lambda peer, state: len(run(peer, state)))
+
+
+def other_cases(path, quick):
+    scale = 10 if quick else 1
+    yield point_queries(path, 20000 // scale)
+    for count in (100000, 1000000):
+        yield writing_case(path, "executemany of %d rows" % (count // scale), count // scale, in_one_batch)
+    yield writing_case(path, "%d single inserts" % (20000 // scale), 20000 // scale, one_by_one)
+    yield connecting(path, 500 // scale)
+    for size in (100, 10000, 900000):
+        yield long_statement(path, size)
+
+
+# --- measuring ----------------------------------------------------------------------------------------------
+
+def check_same(case, drivers):
+    results = {}
+    for peer in drivers:
+        with case.prepare(peer) as state:
+            results[peer.name] = case.result(peer, state)
+    for peer in drivers[1:]:
+        if results[peer.name] != results[drivers[0].name]:
+            sys.exit("%s: %s and %s do not return the same data" % (case.name, drivers[0].name, peer.name))
+
+
+def measure(case, drivers, rounds):
+    """Seconds of each round by driver name."""
+    seconds = {peer.name: [] for peer in drivers}
+    if case.result:
+        check_same(case, drivers)
+    for number in range(rounds):
+        for peer in drivers[number % len(drivers):] + drivers[:number % len(drivers)]:
+            with case.prepare(peer) as state:
+                start = time.perf_counter()
+                kept = case.run(peer, state)
+                seconds[peer.name].append(time.perf_counter() - start)
+                del kept
+    return seconds
+
+
+def in_processes(code, drivers, rounds):
+    """What `code` prints in a fresh process for each driver, as numbers; {peer} in it is the driver's name."""
+    numbers = {peer.name: [] for peer in drivers}
+    for _ in range(rounds):
+        for peer in drivers:
+            done = subprocess.run([sys.executable, "-c", code.replace("{peer}", peer.name)], cwd=HERE, check=True,
+                                  stdout=subprocess.PIPE, encoding="utf-8")
+            numbers[peer.name].append(float(done.stdout))
+    return numbers
+
+
+IMPORT = """
+import time
+start = time.perf_counter()
+exec({"zelqa": "from vorda import zelqa", "sqlite3": "import sqlite3", "pyodbc": "import pyodbc"}["{peer}"])
+print(time.perf_counter() - start)
+"""
+MEMORY = """
+import peers, resource
+peer = next(p for p in peers.available() if p.name == "{peer}")
+cursor = peer.connect(%r).cursor()
+before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
+rows = cursor.execute('SELECT * FROM "%s"').fetchall()
+print((resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before) / 1024)
+"""
+
+
+def ratios(ours, theirs):
+    return sorted(a / b for a, b in zip(ours, theirs))
+
+
+def show(name, numbers, drivers, unit="s"):
+    ours = numbers[drivers[0].name]
+    line = "%-44s %9.4f %-2s" % (name, statistics.median(ours), unit)
+    for peer in drivers[1:]:
+        parts = ratios(ours, numbers[peer.name])
+        line += "   %5.2f (%.2f-%.2f)" % (statistics.median(parts), parts[0], parts[-1])
+    print(line, flush=True)
+
+
+def plot(results, drivers, path):
+    import matplotlib
+    matplotlib.use("Agg")
+    from matplotlib import pyplot
+    figure, axes = pyplot.subplots(figsize=(9, 0.28 * len(results) + 1))
+    names = list(results)[::-1]
+    for shift, peer in enumerate(drivers[1:]):
+        medians = [statistics.median(ratios(results[n][drivers[0].name], results[n][peer.name])) for n in names]
+        axes.barh([i + 0.4 * shift for i in range(len(names))], medians, height=0.38, label="to " + peer.name)
+    axes.axvline(1, color="black", linewidth=0.8)
+    axes.set_yticks(range(len(names)))
+    axes.set_yticklabels(names, fontsize=7)
+    axes.set_xlabel("time of zelqa, as a ratio (less is faster)")
+    axes.legend()
+    figure.tight_layout()
+    figure.savefig(path, dpi=120)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--quick", action="store_true", help="a tenth of the rows")
+    parser.add_argument("--only", default="", metavar="TEXT", help="only cases whose names have this in them")
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--json", metavar="FILE")
+    parser.add_argument("--plot", metavar="FILE")
+    options = parser.parse_args()
+
+    drivers = peer_module.available()
+    print("CPython %s, SQLite %s, %s" % (platform.python_version(), peer_module.sqlite3.sqlite_version,
+                                         platform.machine()))
+    print("%-44s %12s" % ("case", "zelqa") + "".join("   to %-14s" % peer.name for peer in drivers[1:]))
+    results = {}
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(folder, "bench.db")
+        for case in [*other_cases(path, options.quick), *reading_cases(path, options.quick)]:
+            if options.only in case.name:
+                results[case.name] = measure(case, drivers, options.rounds)
+                show(case.name, results[case.name], drivers)
+        if options.only in "import":
+            results["import"] = in_processes(IMPORT, drivers, options.rounds)
+            show("import", results["import"], drivers)
+        rows = 1000000 // (10 if options.quick else 1)
+        name = "memory of %d rows" % rows
+        if options.only in name:
+            table = table_of(path, "integers", 4, rows)
+            results[name] = in_processes(MEMORY % (path, table), drivers, min(3, options.rounds))
+            show(name, results[name], drivers, "MB")
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as file:
+            json.dump(results, file, indent=1)
+    if options.plot:
+        plot(results, drivers, options.plot)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,72 @@
+"""The drivers that are compared, each on the same SQLite file, behind one small interface."""
+
+import datetime
+import decimal
+import sqlite3
+
+
+def _convert_date(text):
+    return datetime.date.fromisoformat(text.decode())
+
+
+sqlite3.register_converter("DECIMAL", lambda text: decimal.Decimal(text.decode()))
+sqlite3.register_converter("DATE", _convert_date)
+
+
+class Zelqa:
+    name = "zelqa"
+
+    def __init__(self):
+        from vorda import zelqa
+        self.module = zelqa
+
+    def connect(self, path, typed=False):
+        return self.module.connect("Database={%s}" % path)
+
+    def begin(self, connection):
+        connection.execute("BEGIN")
+
+    def commit(self, connection):
+        connection.execute("COMMIT")
+
+
+class Sqlite3:
+    """The standard library's module: bound to SQLite directly. Dates and decimals are what its converters make."""
+
+    name = "sqlite3"
+
+    def connect(self, path, typed=False):
+        return sqlite3.connect(path, detect_types=sqlite3.PARSE_DECLTYPES if typed else 0)
+
+    def begin(self, connection):
+        pass  # it begins a transaction by itself
+
+    def commit(self, connection):
+        connection.commit()
+
+
+class Pyodbc:
+    name = "pyodbc"
+
+    def __init__(self):
+        import pyodbc
+        self.module = pyodbc
+        # Without the driver the peer is not there.
+        self.connect(":memory:").close()
+
+    def connect(self, path, typed=False):
+        return self.module.connect("Driver=SQLite3;Database=%s" % path)
+
+    begin = Sqlite3.begin
+    commit = Sqlite3.commit
+
+
+def available():
+    """The module first, then the peers that this machine has."""
+    peers = []
+    for kind in (Zelqa, Sqlite3, Pyodbc):
+        try:
+            peers.append(kind())
+        except Exception as error:
+            print("%s is not compared: %s" % (kind.name, error))
+    return peers
