@@ -127,83 +127,6 @@ def test_rows(opened, intrude, use):
     assert tuple(row)[1:] == ("new", "new")
 
 
-@each_intrusion
-@pytest.mark.parametrize("method", ["__len__", "__getitem__"])
-@pytest.mark.parametrize("call", ["execute", "callproc", "executemany"])
-def test_length_and_items_of_a_subclass(runtime, opened, intrude, intrusion, method, call):
-    def length(self):
-        if method == "__len__":
-            intrude()
-        return 2
-
-    def item(self, index):
-        if method == "__getitem__":
-            intrude()
-        return (5, "text") if call == "executemany" else "text"
-
-    evil = type("Evil", (list,), {"__len__": length, "__getitem__": item})([0, 0])
-    cursor = opened.cursor
-    runtime.result(Column("ColumnName", WVARCHAR), rows=[["pa"], ["pb"]])
-    result = outcome(lambda: getattr(cursor, call)("P" if call == "callproc" else UPDATE, evil),
-                     intrusion)
-    if not isinstance(result, Exception):  # then what was asked for has run last
-        assert executed_last(runtime) == (
-            ["5, 5", '"text", "text"'] if call == "executemany" else ['"text"'] * 2)
-
-
-@each_intrusion
-@pytest.mark.parametrize("where", ["generator", "row length", "row item", "str"])
-def test_rows_of_executemany(runtime, opened, intrude, intrusion, where):
-    def at(place):
-        if where == place:
-            intrude()
-
-    class Day(datetime.date):
-        def __str__(self):
-            at("str")
-            return "a day"
-
-    class Row:
-        def __len__(self):
-            at("row length")
-            return 2
-
-        def __getitem__(self, index):
-            at("row item")
-            return (5, Day(2024, 1, 2))[index]
-
-    def generate():
-        yield Row()
-        at("generator")
-        yield Row()
-
-    cursor = opened.cursor
-    result = outcome(lambda: cursor.executemany(UPDATE + ", b = ?", generate()), intrusion)
-    if not isinstance(result, Exception):
-        assert executed_last(runtime) == ["5, 5", '"a day", "a day"']
-
-
-@each_intrusion
-@pytest.mark.parametrize("where", ["index", "hash"])
-def test_keys_and_sizes(runtime, opened, intrude, intrusion, where):
-    class Size:
-        def __index__(self):
-            intrude()
-            return 2
-        __int__ = __index__
-
-    class Key(str):
-        def __hash__(self):
-            return hash("a")
-
-        def __eq__(self, other):
-            intrude()
-            return other == "a"
-    cursor = opened.cursor
-    outcome(lambda: cursor.fetchmany(Size()) if where == "index" else
-            cursor.execute("UPDATE t SET a = @a", {Key("?"): 5}), intrusion)
-
-
 READERS = {"fetchall": lambda cursor: cursor.fetchall(), "fetchmany": lambda cursor: cursor.fetchmany(2),
            "iteration": list}
 
@@ -244,63 +167,79 @@ def test_fake_decimal_module(runtime, opened, intrude, intrusion, read, how, mon
         assert (cursor.rowcount, hasattr(cursor, "description")) == (-1, False)
 
 
-class Hooked(str):
-    """Runs a hook wherever code can ask it something."""
-
-    def run(self, *arguments):
-        self.hook()
-        return self.answer
-    __index__ = __int__ = match = utcoffset = __length_hint__ = run
-
-
-def hooked(hook, answer=None, *bases):
-    return type("Hooked", bases or (Hooked,), dict(Hooked.__dict__, hook=staticmethod(hook), answer=answer))()
+def evil(hook, method, base, *arguments):
+    """An object like one of `base`, whose `method` runs the hook first."""
+    def run(self, *given):
+        hook()
+        return getattr(base, method)(self, *given)
+    return type("Evil", (base,), {"__hash__": base.__hash__, method: run})(*arguments)
 
 
-def raise_signal(hook):
-    before = signal.signal(signal.SIGUSR1, lambda *arguments: hook())
+class Plain:
+    def answer(self, *given):
+        return 1
+    __index__ = __int__ = match = answer
+
+
+class Zone(datetime.tzinfo):
+    def utcoffset(self, moment):
+        return datetime.timedelta(0)
+
+
+def generate(hook):
+    yield 5, "text"
+    hook()
+    yield 5, "text"
+
+
+def signalled():
     os.kill(os.getpid(), signal.SIGUSR1)
-    signal.signal(signal.SIGUSR1, before)
     yield (1,)
 
 
-def profiled(hook, cursor):
+def handle_signal(hook, cursor):
+    before = signal.signal(signal.SIGUSR1, lambda *arguments: hook())
+    try:
+        cursor.executemany(UPDATE, signalled())
+    finally:
+        signal.signal(signal.SIGUSR1, before)
+
+
+def profile(hook, cursor):
     sys.setprofile(lambda *arguments: hook())
     try:
-        return cursor.fetchall()
+        cursor.fetchall()
     finally:
         sys.setprofile(None)
 
 
-def warned(hook, cursor):
+def filter_warnings(hook, cursor):
     with warnings.catch_warnings():
-        warnings.filters.insert(0, ("ignore", hooked(hook, True), RuntimeWarning, None, 0))
-        return cursor.execute("SELECT 1\0")
+        warnings.filters.insert(0, ("ignore", evil(hook, "match", Plain), RuntimeWarning, None, 0))
+        cursor.execute("SELECT 1\0")
 
 
-def decoded(hook, cursor):
-    """Twice the text that is no UTF-8: it is given up at the first."""
+def decode(hook, cursor):
     codecs.register_error("strict", lambda error: (hook(), ("?", error.end))[1])
     try:
         with pytest.raises(zelqa.DatabaseError, match="not valid UTF-8"):
             cursor.execute("SELECT *").fetchall()
-        with pytest.raises(zelqa.ProgrammingError):  # never asks the handler
-            cursor.execute(UPDATE, "\ud800")
-        with pytest.raises(zelqa.ProgrammingError):
-            cursor.executemany(UPDATE, [("\ud800",)])
+        for call, values in ((cursor.execute, "\ud800"), (cursor.executemany, [("\ud800",)])):
+            with pytest.raises(zelqa.ProgrammingError):  # without asking the handler
+                call(UPDATE, values)
     finally:
         codecs.register_error("strict", codecs.strict_errors)
 
 
-def released(hook, cursor):
-    row, value = cursor.fetchone(), Hooked()
+def release(hook, cursor):
+    row, value = cursor.fetchone(), Plain()
     watch = weakref.ref(value, lambda watched: hook())
     row[0] = value
     del value
     row[0] = watch
 
 
-def collected(hook, cursor):
+def collect(hook, cursor):
     gc.callbacks.append(lambda phase, info: hook())
     before = gc.get_threshold()
     gc.set_threshold(1)
@@ -312,19 +251,46 @@ def collected(hook, cursor):
         gc.callbacks.pop()
 
 
+PAIR = UPDATE + ", b = ?"
+TEXTS, PAIRS = ['"text"'] * 2, ["5, 5", '"text", "text"']
+CALLS = {  # with the values that are to be executed last
+    "generator": (lambda hook, cursor: cursor.executemany(PAIR, generate(hook)), PAIRS),
+    "str": (lambda hook, cursor: cursor.executemany(
+        UPDATE, [(evil(hook, "__str__", datetime.date, 2024, 1, 2),)]), ['"2024-01-02"']),
+    "time zone": (lambda hook, cursor: cursor.executemany(
+        UPDATE, [(datetime.time(1, 2, 3, tzinfo=evil(hook, "utcoffset", Zone)),)]), ['"01:02:03+00:00"']),
+    "key": (lambda hook, cursor: cursor.execute(
+        "UPDATE t SET a = @a", {evil(hook, "__eq__", str, "a"): 5}), ["5"]),
+    "size": (lambda hook, cursor: cursor.fetchmany(evil(hook, "__index__", Plain)), None),
+    "arraysize": (lambda hook, cursor: setattr(cursor, "arraysize", evil(hook, "__index__", Plain)), None)}
+CALLS.update((call.__name__, (call, None)) for call in (
+    handle_signal, profile, filter_warnings, decode, release, collect))
+for method in "__len__", "__getitem__":
+    CALLS.update({
+        "execute" + method: (lambda hook, cursor, method=method: cursor.execute(
+            PAIR, evil(hook, method, list, ["text"] * 2)), TEXTS),
+        "callproc" + method: (lambda hook, cursor, method=method: cursor.callproc(
+            "P", evil(hook, method, list, ["text"] * 2)), TEXTS),
+        "executemany" + method: (lambda hook, cursor, method=method: cursor.executemany(
+            PAIR, evil(hook, method, list, [(5, "text")] * 2)), PAIRS),
+        "row" + method: (lambda hook, cursor, method=method: cursor.executemany(
+            PAIR, [evil(hook, method, list, (5, "text")), (5, "text")]), PAIRS)})
+
+
 @each_intrusion
-@pytest.mark.parametrize("call", [
-    profiled, warned, decoded, released, collected,
-    lambda hook, cursor: setattr(cursor, "arraysize", hooked(hook, 5)),
-    lambda hook, cursor: cursor.executemany(UPDATE, raise_signal(hook)),
-    lambda hook, cursor: cursor.executemany(
-        UPDATE, [(datetime.datetime(2024, 1, 2, tzinfo=hooked(hook, None, datetime.tzinfo)),)])])
-def test_other_call_backs(runtime, opened, intrude, call):
-    runtime.result(Column("t", WVARCHAR), Column("u", WVARCHAR), rows=[[b"\xff", "text"]] * 2)
+@pytest.mark.parametrize("call", CALLS)
+def test_call_backs(runtime, opened, intrude, intrusion, call):
+    operation, expected = CALLS[call]
+    cursor = opened.cursor
+    runtime.result(Column("ColumnName", WVARCHAR), rows=[[b"\xff"]] if call == "decode" else [["pa"], ["pb"]])
+    if expected:  # then what was asked for has run last
+        result = outcome(lambda: operation(intrude, cursor), intrusion)
+        assert isinstance(result, Exception) or executed_last(runtime) == expected
+        return
     try:
-        call(intrude, opened.cursor)
-    except zelqa.Error as error:
-        assert any(text in str(error) for text in ("closed", "No results", "not valid UTF-8"))
+        operation(intrude, cursor)
+    except zelqa.ProgrammingError as error:
+        assert "closed" in str(error) or "No results" in str(error)
 
 
 def test_rows_released_in_two_threads(runtime, connection):
