@@ -1,6 +1,7 @@
 #include "connection.h"
 
 #include <algorithm>
+#include <system_error>
 
 #include "error.h"
 #include "message.h"
@@ -17,9 +18,14 @@ std::string fileName(const std::string& database) {
     return database.starts_with("file:") ? "./" + database : database;
 }
 
-Error openError(int code, const char* message, const std::string& database) {
+/// Names the file in full, and the system's reason where SQLite only says that it cannot be opened.
+Error openError(sqlite3* db, const std::string& database) {
+    const int code = sqlite3_extended_errcode(db);
     if (code == SQLITE_NOMEM) throw std::bad_alloc();
-    return Error::fromSqlite("08001", std::string(message) + ": " + quoted(database), code);
+    const int reason = (code & 0xFF) == SQLITE_CANTOPEN ? sqlite3_system_errno(db) : 0;
+    std::string text = std::string(sqlite3_errmsg(db)) + ": '" + database + "'";
+    if (reason != 0) text += ": " + std::system_category().message(reason);
+    return Error::fromSqlite("08001", text, code);
 }
 
 }  // namespace
@@ -45,14 +51,14 @@ void Connection::open(const ConnectOptions& options) {
     if (!raw) throw std::bad_alloc();
     sqlite3_extended_result_codes(raw, 1);
     if (result != SQLITE_OK) {
-        throw openError(sqlite3_extended_errcode(raw), sqlite3_errmsg(raw), options.database);
+        throw openError(raw, options.database);
     }
     sqlite3_busy_timeout(raw, options.timeoutMs);
     // SQLite opens the file lazily; what is no database, or cannot be read, is to be known now. A
     // database that is only locked at the moment is a good one.
     const int probe = sqlite3_exec(raw, "PRAGMA schema_version", nullptr, nullptr, nullptr);
     if (probe != SQLITE_OK && (probe & 0xFF) != SQLITE_BUSY) {
-        throw openError(sqlite3_extended_errcode(raw), sqlite3_errmsg(raw), options.database);
+        throw openError(raw, options.database);
     }
     addProcedureTables(raw);
     m_database = options.database;

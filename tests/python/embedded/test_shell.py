@@ -86,7 +86,7 @@ def test_csv_and_json_carry_every_value(item):
     (["Database=:memory:", ".schema nope"], "", 1, "no table, view or procedure nope"),
     (["Database=:memory:", ".nope"], "", 1, ".help lists them"),
     (["Database=:memory:", ".read"], "", 1, "usage: .read FILE"),
-    (["Database=/no/such/folder/x"], "", 1, "doctor CONNECTION_STRING tells more"),
+    (["Database=/no/such/folder/x"], "", 1, "'/no/such/folder/x': No such file or directory\n(python -m vorda doctor"),
     ([], "", 2, "usage: python -m vorda"),
     (["Database=x", "SELECT", "1", "Pwd=hunter2"], "", 2, "put quotes around"),
     (["Database=/no/folder/hunter2;Pwd=hunter2", ".tables"], "", 1, "/no/folder/***'"),
