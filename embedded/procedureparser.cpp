@@ -139,11 +139,6 @@ bool isValue(std::string_view text) noexcept {
             return true;
         }
     }
-    if (sameWord(first.text, "x")) {
-        const std::string_view rest = text.substr(1);
-        return rest.starts_with('\'') && scanner.next().kind == Kind::String &&
-               scanner.position() == text.size();
-    }
     if (text.starts_with('+') || text.starts_with('-')) text = trimmed(text.substr(1));
     return isNumber(text);
 }

@@ -68,6 +68,15 @@ size_t SqlScanner::variableEnd(size_t from) const noexcept {
     return end;
 }
 
+// The end of x'…' here, or 0. A quote right behind it starts a string and doubles nothing.
+size_t SqlScanner::blobEnd() const noexcept {
+    const std::string_view rest = m_sql.substr(m_pos);
+    if (!rest.starts_with("x'") && !rest.starts_with("X'")) return 0;
+    const size_t close = rest.find_first_not_of("0123456789abcdefABCDEF", 2);
+    const bool whole = close != std::string_view::npos && close % 2 == 0 && rest[close] == '\'';
+    return whole ? m_pos + close + 1 : 0;
+}
+
 // A doubled closing quote stands for itself, except in […].
 size_t SqlScanner::quotedEnd(char close) const noexcept {
     for (size_t at = m_pos + 1; at < m_sql.size(); ++at) {
@@ -91,6 +100,9 @@ SqlScanner::Token SqlScanner::next() noexcept {
     } else if (first == '"' || first == '`' || first == '[') {
         kind = Kind::QuotedName;
         end = quotedEnd(first == '[' ? ']' : first);
+    } else if (const size_t blob = blobEnd(); blob != 0) {
+        kind = Kind::String;
+        end = blob;
     } else if (isWordByte(first) && first != '$') {
         kind = Kind::Word;
         end = wordEnd(end);

@@ -12,7 +12,7 @@ class SqlScanner {
     enum class Kind {
         End,
         Word,         ///< keyword, name or number
-        String,       ///< '…', quotes doubled inside; a backslash means nothing
+        String,       ///< '…', quotes doubled inside, a backslash means nothing; or x'…'
         QuotedName,   ///< "…", `…` or […]
         Marker,       ///< ? or @ followed by digits only
         Variable,     ///< any other name led by @, :, $ or #
@@ -35,6 +35,7 @@ class SqlScanner {
     void skipBlanks() noexcept;
     size_t wordEnd(size_t from) const noexcept;
     size_t variableEnd(size_t from) const noexcept;
+    size_t blobEnd() const noexcept;
     size_t quotedEnd(char close) const noexcept;
 
     std::string_view m_sql;

@@ -61,8 +61,8 @@ Found sqliteToken(std::string_view text, std::string& token) {
     return Found::Token;
 }
 
-/// Every token of SQLite's must end where one of the scanner's does, and only numbers, operators
-/// and x'…' may be several of the scanner's. Answers how far SQLite could read.
+/// Every token of SQLite's must end where one of the scanner's does, and only numbers and
+/// operators may be several of the scanner's. Answers how far SQLite could read.
 std::size_t checkBoundaries(const std::string& sql) {
     struct Piece {
         Kind kind;
@@ -89,10 +89,8 @@ std::size_t checkBoundaries(const std::string& sql) {
         // Hexadecimal digits end a number in the middle of a word.
         if (token.size() > 2 && (token[1] == 'x' || token[1] == 'X')) return first.begin;
         const bool whole = pieces[i].end == done;
-        const bool blob = token.front() == 'x' || token.front() == 'X';
         while (!whole && i < pieces.size() && pieces[i].end <= done) {
-            require(pieces[i].kind == Kind::Word || pieces[i].kind == Kind::Punctuation ||
-                        (blob && pieces[i].kind == Kind::String),
+            require(pieces[i].kind == Kind::Word || pieces[i].kind == Kind::Punctuation,
                     "a token within SQLite's token");
             if (pieces[i].end == done) break;
             ++i;
