@@ -4,7 +4,6 @@
 #include <system_error>
 
 #include "error.h"
-#include "message.h"
 #include "proceduretables.h"
 #include "sqliteerror.h"
 #include "statement.h"
