@@ -3,6 +3,7 @@
 import csv
 import re
 import sys
+import time
 from typing import Any, Dict, Iterator, List, Sequence, TextIO, Tuple
 
 BATCH_ROWS = 1000
@@ -23,9 +24,11 @@ class Progress:
 
     def __init__(self, out: TextIO, total: int) -> None:
         self.out, self.total, self.is_shown = out, max(total, 1), out.isatty()
+        self.due = 0.0
 
     def show(self, done: int, rows: int) -> None:
-        if self.is_shown:
+        if self.is_shown and time.monotonic() >= self.due:
+            self.due = time.monotonic() + 0.1
             share = min(done / self.total, 1.0)
             bar = ("#" * int(share * 30)).ljust(30)
             self.out.write("\r[%s] %3d %%  %s rows " % (bar, share * 100, format(rows, ",")))
