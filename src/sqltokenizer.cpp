@@ -360,7 +360,7 @@ int SqlTokenizer::ReadOperator(SQL_TOKEN& token) {
     const char* const start = m_lpszSQLSeek;
     SkipCharacter();
     for (const std::string_view pair : kPairs) {
-        if (*start != pair[0] || PeekChar() != pair[1]) continue;
+        if (*start != pair[0] || static_cast<char>(PeekChar()) != pair[1]) continue;
         ++m_lpszSQLSeek;
         if (pair != "<=") break;
         // It could still become "<=>", so it cannot be the end.

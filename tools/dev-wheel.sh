@@ -32,6 +32,7 @@ build_all() {
     tar -xzf build/dist/*.tar.gz -C "$work/from sdist"
     pip_wheel "$(echo "$work/from sdist"/*)" build/dist --no-build-isolation
     # The other road, as "pip install ." takes it: from the tree, with tools that pip gets for itself.
+    # shellcheck disable=SC2046
     pip_wheel "$PWD" "$work/from tree" $([ "$index" ] || echo --no-build-isolation)
     ls -l build/dist
 }
