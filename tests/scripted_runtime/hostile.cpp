@@ -20,9 +20,9 @@ constexpr SQLRETURN kDoubtful[] = {SQL_INVALID_HANDLE, SQL_NEED_DATA, SQL_NO_DAT
                                    SHRT_MAX};
 
 // Limits that a caller may have: buffers, codes with a meaning, numbers of 16, 32 and 64 bits.
-constexpr std::uint64_t kLimits[] = {0,       0,        100,        128,       200,
-                                     1024,    1104,     2048,       4096,      1 << 15,
-                                     1 << 16, 1U << 31, 1ULL << 32, 1ULL << 63};
+constexpr std::uint64_t kLimits[] = {0,       0,       100,      128,        200,
+                                     1024,    1104,    2048,     4096,       1 << 15,
+                                     1 << 16, 1 << 28, 1U << 31, 1ULL << 32, 1ULL << 63};
 
 constexpr long long kTypes[] = {
     SQL_CHAR,      SQL_NUMERIC, SQL_DECIMAL,   SQL_INTEGER,   SQL_SMALLINT,
