@@ -1,12 +1,20 @@
 #include "mono/lasterror.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "util/def.h"
 
-int LastError::SetError(int code, const char* text) {
+void LastError::Keep(int code, const char* text, int length) {
     m_errCode = code;
-    m_errMsg.Set(text);
+    if (m_errMsg.Set(text, length) == VORDA_OK) return;
+    // The text of an earlier error would be taken for this one's. These words fit the string
+    // itself.
+    m_errMsg.Set("The text of the error is lost for want of memory.");
+}
+
+int LastError::SetError(int code, const char* text) {
+    Keep(code, text, static_cast<int>(std::strlen(text)));
     return 0;
 }
 
@@ -20,8 +28,7 @@ int LastError::SetError(SQLHENV henv, SQLHDBC hdbc, SQLHSTMT hstmt) {
                                        AsWideBuffer(message), messageSize, &textLength);
     switch (result) {
         case SQL_SUCCESS:
-            m_errCode = nativeError;
-            m_errMsg.Set(message, std::clamp<int>(textLength, 0, messageSize - 1));
+            Keep(nativeError, message, std::clamp<int>(textLength, 0, messageSize - 1));
             break;
         case SQL_ERROR:
             SetError(VORDA_ODBC_ERROR, "Unable to retrieve the error");

@@ -32,4 +32,7 @@ class LastError {
 
     int m_errCode = 0;
     DynStr m_errMsg;
+
+  private:
+    void Keep(int code, const char* text, int length);
 };

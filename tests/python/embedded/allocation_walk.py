@@ -153,6 +153,16 @@ def reopen(world):
     world.cursor = world.connection.cursor()
 
 
+def refusal(world, table="wrong"):
+    """The provider's words, too many for a string's inline buffer."""
+    try:
+        world.cursor.execute("SELECT * FROM " + table * 30)
+    except zelqa.DatabaseError as error:
+        if table * 30 not in str(error) and reports_lack_of_memory(error):
+            raise
+        return str(error)
+
+
 def batch(world, rows=3):
     return world.cursor.executemany(INSERT, [VALUES] * rows).rowcount
 
@@ -172,6 +182,7 @@ OPERATIONS = {
         lambda w: w.cursor.executemany(INSERT, (VALUES for _ in range(5))).rowcount),
     "callproc": Operation(lambda w: w.cursor.callproc("put", ["x", 7]) and fetch(w),
                           failed="done"),
+    "refusal": Operation(refusal, lambda w: refusal(w, "e")),
     "close": Operation(close, query, reopen),
     "in a transaction": Operation(batch, begin, commit, failed="none"),
     "update": Operation(lambda w: w.cursor.execute("UPDATE t SET s = ?", "new").rowcount),
