@@ -102,7 +102,7 @@ class Session:
             ".schema": Command(self.schema, (0, 1), "[NAME]", "the statements that made a table, view or procedure"),
             ".read": Command(self.read, (1, 1), "FILE", "run the statements of a file"),
             ".import": Command(self.import_file, (2, 3), "[--empty-text] FILE.csv TABLE",
-                               "add the rows of a file, all or none; an empty field is NULL, or an empty text"),
+                               "add a file's rows, all or none; an empty field is NULL, or an empty text"),
             ".help": Command(self.help, (0, 0), "", "this list"),
             ".quit": Command(self.quit, (0, 0), "", "leave; so does Ctrl-D"),
         }
@@ -183,9 +183,10 @@ class Session:
 
     def help(self, _: List[str]) -> None:
         for name, command in self.commands.items():
-            print(("%-38s %s" % ("%s %s" % (name, command.usage), command.help)))
-        print("\nA statement may take several lines and ends with a semicolon. CREATE PROCEDURE ends with a line\n"
-              "that holds only /, or here with an empty line. Ctrl-C stops a result or a half-typed statement.")
+            print(("%s %s" % (name, command.usage)).rstrip() + "\n    " + command.help)
+        print("A statement may take several lines and ends with a semicolon; CREATE PROCEDURE\n"
+              "ends with a line that holds only /, or here with an empty line. Ctrl-C stops a\n"
+              "result or a half-typed statement.")
 
     def quit(self, _: List[str]) -> None:
         raise EOFError
