@@ -1,6 +1,7 @@
 #include "include/sqltokenizer.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <climits>
 #include <cstring>
@@ -32,16 +33,53 @@ constexpr Keyword kKeywords[] = {
     {"SELECT"}, {"TRUE", TK_BOOL},  {"UNION"},         {"WHERE"},
 };
 
+// The keywords are in the order of their first letters: those with the n-th letter of the alphabet
+// begin at [n] and end before [n + 1].
+constexpr std::array<unsigned char, 27> kKeywordsFrom = [] {
+    std::array<unsigned char, 27> from{};
+    for (const Keyword& keyword : kKeywords) {
+        for (std::size_t n = static_cast<std::size_t>(keyword.word[0] - 'A') + 1; n < 27; ++n)
+            ++from[n];
+    }
+    return from;
+}();
+
+// What a byte may be, as bits: each byte of a statement is asked, some several times.
+enum CharClass : unsigned char {
+    kWhitespace = 1,
+    kLetter = 2,
+    kDigit = 4,
+    kWord = 8,         // goes on in a plain word
+    kHashRun = 16,     // goes on in a "#" run
+    kIdentifier = 32,  // begins an identifier, quoted ones included
+    kOperator = 64
+};
+
+constexpr std::array<unsigned char, 256> kCharClasses = [] {
+    std::array<unsigned char, 256> classes{};
+    const auto add = [&](std::string_view characters, int bits) {
+        for (const char c : characters) {
+            auto& known = classes[static_cast<unsigned char>(c)];
+            known = static_cast<unsigned char>(known | bits);
+        }
+    };
+    add("\t\n\v\f\r ", kWhitespace);
+    add("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ",
+        kLetter | kWord | kHashRun | kIdentifier);
+    add("0123456789", kDigit | kWord | kHashRun);
+    add("#$:@_", kWord);
+    add("\"#'", kHashRun);
+    add("\"$@_:*[`", kIdentifier);
+    add("!<=>%*+,-/", kOperator);
+    return classes;
+}();
+
+bool Is(unsigned char c, int classes) {
+    return (kCharClasses[c] & classes) != 0;
+}
+
 bool IsOneOf(unsigned char c, std::string_view set) {
     return set.find(static_cast<char>(c)) != std::string_view::npos;
-}
-
-bool IsWordChar(unsigned char c) {
-    return SQLTK_IsLetterOrDigit(c) || IsOneOf(c, "#$:@_");
-}
-
-bool IsHashRunChar(unsigned char c) {
-    return SQLTK_IsLetterOrDigit(c) || IsOneOf(c, "\"#'");
 }
 
 // One character of the text: the first of its UTF-16 units, and its length in bytes.
@@ -54,6 +92,7 @@ struct Character {
 // whole when it is well-formed, else its first byte alone.
 Character CharacterAt(const char* p, const char* end) {
     constexpr unsigned short kReplacement = 0xFFFD;
+    if (static_cast<signed char>(*p) > 0) return {static_cast<unsigned char>(*p), 1};
     // The text may end within a sequence, and the decoder stops at a NUL only.
     char sequence[7] = {};
     std::copy_n(p, std::min<std::ptrdiff_t>(end - p, 6), sequence);
@@ -73,7 +112,7 @@ Character CharacterAt(const char* p, const char* end) {
 
 // Deliberately looks at the low byte only: other characters pass for operators by theirs.
 bool IsOperatorChar(unsigned short unit) {
-    return IsOneOf(static_cast<unsigned char>(unit & 0xFF), "!<=>%*+,-/");
+    return Is(static_cast<unsigned char>(unit & 0xFF), kOperator);
 }
 
 // Numbers that begin with the point are spelt out in plain decimals. from_chars, because strtod
@@ -120,16 +159,16 @@ bool _sql_token::Equals(TOKEN_KIND kind, std::string_view text) const {
 }
 
 int SQLTK_IsWhitespace(unsigned short c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
+    return c < kCharClasses.size() && Is(static_cast<unsigned char>(c), kWhitespace);
 }
 int SQLTK_IsLetter(unsigned short c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+    return c < kCharClasses.size() && Is(static_cast<unsigned char>(c), kLetter);
 }
 int SQLTK_IsDigit(unsigned short c) {
-    return c >= '0' && c <= '9';
+    return c < kCharClasses.size() && Is(static_cast<unsigned char>(c), kDigit);
 }
 int SQLTK_IsLetterOrDigit(unsigned short c) {
-    return SQLTK_IsLetter(c) || SQLTK_IsDigit(c);
+    return c < kCharClasses.size() && Is(static_cast<unsigned char>(c), kLetter | kDigit);
 }
 
 int SqlTokenizer::InitWithUTF8(const char* sql) {
@@ -168,15 +207,22 @@ void SqlTokenizer::SkipCharacter() {
     if (!IsEOF()) m_lpszSQLSeek += CharacterAt(m_lpszSQLSeek, m_lpszSQLEnd).length;
 }
 
+void SqlTokenizer::SkipWhile(int classes) {
+    const char* p = m_lpszSQLSeek;
+    while (p != m_lpszSQLEnd && Is(static_cast<unsigned char>(*p), classes)) ++p;
+    m_lpszSQLSeek = p;
+}
+
 void SqlTokenizer::SkipWhitespace() {
-    while (SQLTK_IsWhitespace(PeekChar())) ++m_lpszSQLSeek;
+    SkipWhile(kWhitespace);
 }
 
 // Skips one comment, if one starts here.
 bool SqlTokenizer::SkipComment() {
     const unsigned char first = PeekChar();
+    if (first != '-' && first != '/') return false;
     const unsigned char second = PeekNextChar();
-    const bool line = (first == '-' || first == '/') && second == first;
+    const bool line = second == first;
     if (!line && !(first == '/' && second == '*')) return false;
     m_lpszSQLSeek += 2;
     if (line) {
@@ -203,7 +249,6 @@ void SqlTokenizer::ReadMultiLineComment() {
 }
 
 const SQL_TOKEN* SqlTokenizer::NextToken() {
-    m_stLastToken.Set(NONE_TOKEN);
     m_bLastTokenWasQuoted = 0;
     SkipWhitespace();
     bool afterComment = false;
@@ -211,7 +256,10 @@ const SQL_TOKEN* SqlTokenizer::NextToken() {
         afterComment = true;
         SkipWhitespace();
     }
-    if (IsEOF()) return afterComment ? &m_stLastToken : &NONE_TOKEN;
+    if (IsEOF()) {
+        m_stLastToken.Set(NONE_TOKEN);
+        return afterComment ? &m_stLastToken : &NONE_TOKEN;
+    }
     const int status = ReadToken(m_stLastToken);
     if (status == VORDA_OK) return &m_stLastToken;
     m_wLastErrorCode = status;
@@ -228,9 +276,9 @@ int SqlTokenizer::ReadToken(SQL_TOKEN& token) {
         ++m_lpszSQLSeek;
         return ReadString(token);
     }
-    if (SQLTK_IsLetter(c) || IsOneOf(c, "\"$@_:*[`")) return ReadIdentifier(token);
+    if (Is(c, kIdentifier)) return ReadIdentifier(token);
     if (c == '#' || c == '\'') return ReadString(token);
-    if (SQLTK_IsDigit(c) || ((c == '-' || c == '.') && SQLTK_IsDigit(next))) {
+    if (Is(c, kDigit) || ((c == '-' || c == '.') && Is(next, kDigit))) {
         return ReadNumberOrDate(token);
     }
     if (IsOperatorChar(CharacterAt(m_lpszSQLSeek, m_lpszSQLEnd).unit)) return ReadOperator(token);
@@ -275,7 +323,7 @@ int SqlTokenizer::ReadIdentifier(SQL_TOKEN& token) {
             break;
     }
     const char* const start = m_lpszSQLSeek;
-    while (IsWordChar(PeekChar())) ++m_lpszSQLSeek;
+    SkipWhile(kWord);
     const std::string_view word(start, static_cast<std::size_t>(m_lpszSQLSeek - start));
     return token.Set(GetTokenType(word), word);
 }
@@ -283,9 +331,12 @@ int SqlTokenizer::ReadIdentifier(SQL_TOKEN& token) {
 TOKEN_KIND SqlTokenizer::GetTokenType(std::string_view word) {
     if (word.empty()) return TK_IDENTIFIER;
     if (word.front() == '@') return TK_PARAMETER;
-    for (const Keyword& keyword : kKeywords) {
-        // The first letter must be upper-case while the others need not be.
-        if (word.front() == keyword.word.front() && word.size() == keyword.word.size() &&
+    // The first letter must be upper-case while the others need not be.
+    const auto letter = static_cast<unsigned char>(word.front() - 'A');
+    if (letter >= kKeywordsFrom.size() - 1) return TK_IDENTIFIER;
+    for (std::size_t i = kKeywordsFrom[letter]; i < kKeywordsFrom[letter + 1u]; ++i) {
+        const Keyword& keyword = kKeywords[i];
+        if (word.size() == keyword.word.size() &&
             mystrncmpi(word.data(), keyword.word.data(), word.size()) == 0) {
             return keyword.kind;
         }
@@ -296,10 +347,10 @@ TOKEN_KIND SqlTokenizer::GetTokenType(std::string_view word) {
 int SqlTokenizer::ReadString(SQL_TOKEN& token) {
     if (PeekChar() == '\'') return ReadQuoted(token, TK_STR, '\'');
     const char* const start = m_lpszSQLSeek;
-    while (IsHashRunChar(PeekChar())) ++m_lpszSQLSeek;
+    SkipWhile(kHashRun);
     const std::string_view run(start, static_cast<std::size_t>(m_lpszSQLSeek - start));
     // The white space that ends a run goes with it.
-    if (SQLTK_IsWhitespace(PeekChar())) ++m_lpszSQLSeek;
+    if (Is(PeekChar(), kWhitespace)) ++m_lpszSQLSeek;
     return token.Set(TK_STR, run);
 }
 
@@ -342,13 +393,13 @@ int SqlTokenizer::ReadNumberOrDate(SQL_TOKEN& token) {
     bool exponentSeen = false;
     for (; !IsEOF(); ++m_lpszSQLSeek) {
         const unsigned char c = PeekChar();
-        if (SQLTK_IsDigit(c) || c == '.') continue;
+        if (Is(c, kDigit) || c == '.') continue;
         const bool first = m_lpszSQLSeek == start;
         if (!first && digitsOnly && (c == 'E' || c == 'e')) exponentSeen = true;
         digitsOnly = false;
         // Once there is an exponent, signs are taken anywhere: "1E5-3" is one token.
         const bool sign = c == '+' || c == '-';
-        if (!first && !SQLTK_IsLetter(c) && !(sign && exponentSeen)) break;
+        if (!first && !Is(c, kLetter) && !(sign && exponentSeen)) break;
     }
     const std::string_view text(start, static_cast<std::size_t>(m_lpszSQLSeek - start));
     if (const int status = token.Set(TK_NUMBER, text); status != VORDA_OK) return status;

@@ -111,6 +111,7 @@ class VORDA_EXPORT SqlTokenizer {
   private:
     unsigned char PeekChar() const;
     unsigned char PeekNextChar() const;
+    void SkipWhile(int classes);
     void SkipWhitespace();
     bool SkipComment();
     void ReadLineComment();
