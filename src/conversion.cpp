@@ -157,8 +157,15 @@ bool HasSurrogate(PyObject* text) {
 }
 
 int GetPyObjectAsString(PyObject* object, DynStr& value) {
+    if (PyUnicode_IS_COMPACT_ASCII(object) && PyUnicode_GET_LENGTH(object) <= INT_MAX) {
+        // Already what it is to become.
+        if (value.Set(static_cast<const char*>(PyUnicode_DATA(object))) != VORDA_OK) {
+            throw std::bad_alloc();
+        }
+        return 0;
+    }
     if (HasSurrogate(object)) return -1;
-    const PyRef encoded(PyUnicode_AsEncodedString(object, "utf-8", "strict"));
+    const PyRef encoded(PyUnicode_AsUTF8String(object));
     if (!encoded) {
         PyErr_Clear();
         throw std::bad_alloc();

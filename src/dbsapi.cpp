@@ -1,11 +1,12 @@
 #include "include/dbsapi.h"
 
 #include <algorithm>
+#include <charconv>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "dbutil.h"
 #include "mono/dbsource.h"
@@ -17,6 +18,14 @@ struct _dbhandler {
     int affectedRows = 0;
     int verb = 0;
 
+    // The last statement and what became of it, since programs run one statement many times.
+    struct {
+        std::string Text;
+        DynStr Normalized;
+        int Verb = 0;
+        int ParamCount = 0;
+    } last;
+
     void EndResultSet() {
         if (R) R->Close();
         R.reset();
@@ -27,6 +36,8 @@ namespace {
 
 constexpr DBSSMALLINT kConnectionHandle = SQL_HANDLE_DBC;
 constexpr size_t kColumnNameSize = 128;
+// Longer statements are seldom repeated, and each connection would keep two copies of its last one.
+constexpr size_t kLongestRemembered = 16384;
 
 // Every way into the layers below: no exception passes. All that can be thrown is want of memory.
 template <class Body>
@@ -51,11 +62,29 @@ DBSRETURN WithResultSet(DBSHANDLE handle, Body&& body) noexcept {
 }
 
 // Normalises `text` into `normalized` and notes the kind of the statement.
-int Normalize(_dbhandler& handle, const DBSCHAR* text, DynStr& normalized, int* paramCount) {
-    return NormalizeSQL(text != nullptr ? text : "", normalized, &handle.verb, paramCount);
+// The normalized form of a text: what is remembered, or `made` now. Sets the handle's kind.
+const DynStr& Normalize(_dbhandler& handle, const DBSCHAR* text, DynStr& made, int* paramCount) {
+    auto& last = handle.last;
+    if (text == nullptr) text = "";
+    if (last.Text.empty() || last.Text != text) {
+        int count = 0;
+        NormalizeSQL(text, made, &handle.verb, &count);
+        if (paramCount != nullptr) *paramCount = count;
+        const size_t length = std::strlen(text);
+        if (length > kLongestRemembered) return made;
+        // Nothing is remembered of an attempt that fails.
+        last.Text.clear();
+        if (last.Normalized.Set(made.Deref(), made.Length()) != VORDA_OK) throw std::bad_alloc();
+        last.Verb = handle.verb;
+        last.ParamCount = count;
+        last.Text.assign(text, length);
+        return made;
+    }
+    handle.verb = last.Verb;
+    if (paramCount != nullptr) *paramCount = last.ParamCount;
+    return last.Normalized;
 }
 
-// Makes room for the execution: the previous rows end, and a kind with rows gets a new result set.
 void StartExecution(_dbhandler& handle) {
     handle.EndResultSet();
     if (SQLTypeHasResultSet(handle.verb)) {
@@ -173,8 +202,8 @@ DBSRETURN DBSSetStmtAttr(DBSHSTMT statementHandle, DBSINTEGER attribute, DBSPOIN
 DBSRETURN DBSPrepare(DBSHSTMT statementHandle, const DBSCHAR* statementText, DBSINTEGER,
                      DBSLEN* paramCount) {
     return WithSource(statementHandle, [&](IntDbSource& s) {
-        DynStr normalized;
-        Normalize(*statementHandle, statementText, normalized, paramCount);
+        DynStr made;
+        const DynStr& normalized = Normalize(*statementHandle, statementText, made, paramCount);
         return s.Prepare(normalized.Deref(), normalized.Length());
     });
 }
@@ -183,8 +212,9 @@ DBSRETURN DBSBindParameter(DBSHSTMT hstmt, DBSUSMALLINT ipar, DBSSMALLINT, DBSSM
                            DBSSMALLINT, DBSULEN, DBSSMALLINT, const void* rgbValue,
                            DBSLEN cbValueMax, const DBSLEN* pcbValue) {
     return WithSource(hstmt, [&](IntDbSource& s) {
-        char name[8];
-        const int length = std::snprintf(name, sizeof name, "@%d", int{ipar});
+        char name[8] = "@";
+        const int length =
+            static_cast<int>(std::to_chars(name + 1, name + sizeof name - 1, ipar).ptr - name);
         const int status = s.AddParam(name, length, fCType, rgbValue, cbValueMax, pcbValue);
         return int{status > 0 ? VORDA_ODBC_ERROR : VORDA_OK};
     });
@@ -199,8 +229,8 @@ DBSRETURN DBSExecute(DBSHSTMT statementHandle) {
 
 DBSRETURN DBSExecDirect(DBSHSTMT statementHandle, const DBSCHAR* statementText, DBSINTEGER) {
     return WithSource(statementHandle, [&](IntDbSource& s) {
-        DynStr normalized;
-        Normalize(*statementHandle, statementText, normalized, nullptr);
+        DynStr made;
+        const DynStr& normalized = Normalize(*statementHandle, statementText, made, nullptr);
         StartExecution(*statementHandle);
         return s.Execute(normalized.Deref(), normalized.Length(), statementHandle->R.get(),
                          &statementHandle->affectedRows);
