@@ -39,7 +39,7 @@ SQLRETURN readRecord(SQLHANDLE handle, SQLSMALLINT number, const Output& output)
     if (number < 1 || output.capacity < 0) return SQL_ERROR;
     const std::lock_guard lock(object->mutex());
     const DiagnosticRecord* record = object->diagnostics.at(static_cast<size_t>(number) - 1);
-    return record ? writeRecord(*record, output) : SQL_NO_DATA;
+    return record ? writeRecord(*record, output) : SQLRETURN{SQL_NO_DATA};
 }
 
 template <class T>

@@ -11,7 +11,7 @@ namespace embedded {
 namespace {
 
 constexpr size_t kMaxIdle = 64;
-constexpr size_t kMaxCachedText = 16 * 1024;
+constexpr size_t kMaxCachedText = size_t{16} * 1024;
 
 // Texts of other kinds seldom come twice, and most of them make compiled forms out of date.
 bool isWorthKeeping(const CompiledSql& sql) noexcept {
@@ -21,7 +21,7 @@ bool isWorthKeeping(const CompiledSql& sql) noexcept {
 
 /// What SQLite reports as plain errors while it compiles are mistakes in the text.
 Error compileError(sqlite3* db) {
-    const Error error = sqliteError(db);
+    Error error = sqliteError(db);
     constexpr std::string_view kGeneral = "HY000";
     if (error.state() != kGeneral || (error.native() & 0xFF) != SQLITE_ERROR) return error;
     return Error::fromSqlite("42000", sqlite3_errmsg(db), error.native());
