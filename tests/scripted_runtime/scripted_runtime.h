@@ -99,7 +99,8 @@ VORDA_EXPORT void scripted_cell_indicator(long long indicator);
 
 // --- Handles ---
 
-// Handles not freed that an allocation reported as one, of kind 1 (environment), 2 (connection), 3 (statement) or 0 (all).
+// Handles not freed that an allocation reported as one, of kind 1 (environment), 2 (connection), 3
+// (statement) or 0 (all).
 // Disconnecting frees the connection's statements.
 VORDA_EXPORT int scripted_live_handles(int kind);
 // Number of log lines that begin with "ERROR:": a freed or unknown handle or, for a diagnostic,
