@@ -120,7 +120,7 @@ bool isTemporal(std::string_view text) {
     const bool dated = shape.starts_with("9999-99-99");
     if (dated) {
         const auto number = [&](std::size_t at, std::size_t digits) {
-            return std::atoi(std::string(text.substr(at, digits)).c_str());
+            return std::stoi(std::string(text.substr(at, digits)));
         };
         const std::chrono::year_month_day date(
             std::chrono::year(number(0, 4)),

@@ -33,7 +33,7 @@ std::string encode8(unsigned code) {
     const auto width = std::bit_width(code);
     if (width <= 7) return {static_cast<char>(code)};
     if (width > 31) return {};
-    const int length = (width + 3) / 5;
+    const int length = static_cast<int>((width + 3) / 5);
     std::string text;
     for (int i = 1; i < length; ++i, code >>= 6) {
         text.insert(text.begin(), static_cast<char>(0x80 | (code & 63U)));
