@@ -40,36 +40,36 @@ class Module:
     connect, so what the loader says here is what it says there."""
 
     def __init__(self, path: str) -> None:
-        self.library = ctypes.CDLL(path)
-        self.library.VordaRuntimeFunction.restype = ctypes.c_char_p
+        self.exports = ctypes.CDLL(path)
+        self.exports.VordaRuntimeFunction.restype = ctypes.c_char_p
 
     def path(self, attempt: int, companion: int) -> Optional[str]:
         text = ctypes.create_string_buffer(TEXT_SIZE)
-        found = self.library.VordaRuntimePath(attempt, companion, text, TEXT_SIZE)
+        found = self.exports.VordaRuntimePath(attempt, companion, text, TEXT_SIZE)
         return os.fsdecode(text.value) if found else None
 
     def open(self, path: str) -> Tuple[bool, str]:
         """Whether it could be opened, and the full path or the loader's words."""
         text = ctypes.create_string_buffer(TEXT_SIZE)
-        opened = self.library.VordaOpenRuntime(os.fsencode(path), text, TEXT_SIZE)
+        opened = self.exports.VordaOpenRuntime(os.fsencode(path), text, TEXT_SIZE)
         return bool(opened), os.fsdecode(text.value)
 
     def version(self, path: str) -> int:
-        return int(self.library["_Z17GetRuntimeVersionPc"](os.fsencode(path)))
+        return int(self.exports["_Z17GetRuntimeVersionPc"](os.fsencode(path)))
 
     def functions(self) -> List[str]:
         names: List[str] = []
         while True:
-            name = self.library.VordaRuntimeFunction(len(names))
+            name = self.exports.VordaRuntimeFunction(len(names))
             if name is None:
                 return names
             names.append(name.decode())
 
     def allocates_environment(self) -> bool:
         handle = ctypes.c_void_p()
-        done = self.library.SQLAllocHandle(SQL_HANDLE_ENV, None, ctypes.byref(handle)) in (0, 1)
+        done = self.exports.SQLAllocHandle(SQL_HANDLE_ENV, None, ctypes.byref(handle)) in (0, 1)
         if done:
-            self.library.SQLFreeHandle(SQL_HANDLE_ENV, handle)
+            self.exports.SQLFreeHandle(SQL_HANDLE_ENV, handle)
         return done
 
 
