@@ -55,9 +55,12 @@ class Pyodbc:
         self.connect(":memory:").close()
 
     def connect(self, path, typed=False):
-        return self.module.connect("Driver=SQLite3;Database=%s" % path)
+        # As the others do, a query then keeps no transaction open, which would save it all the locking.
+        return self.module.connect("Driver=SQLite3;Database=%s" % path, autocommit=True)
 
-    begin = Sqlite3.begin
+    def begin(self, connection):
+        connection.autocommit = False
+
     commit = Sqlite3.commit
 
 
