@@ -233,7 +233,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkTexts(first, second, static_cast<std::size_t>(width));
     checkFormatting(std::bit_cast<double>(bits), integer, width);
     // Doubles as people write them, which random bits hardly ever are.
-    checkFormatting(mystrtod(fuzz::terminated(first).data(), nullptr), integer >> (width % 64),
-                    width);
+    for (const std::string_view text : {first, second}) {
+        checkFormatting(mystrtod(fuzz::terminated(text).data(), nullptr), integer >> width, width);
+    }
     return 0;
 }

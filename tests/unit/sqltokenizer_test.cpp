@@ -1,9 +1,9 @@
+// What the fuzz target "sql" cannot see: how failures are told, and what lives on afterwards.
 #include "include/sqltokenizer.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -26,92 +26,24 @@ std::string Tokenize(const char* sql) {
     }
 }
 
-struct Case {
-    const char* sql;
-    const char* tokens;
-};
-
-void Check(const std::vector<Case>& cases) {
-    for (const auto& [sql, tokens] : cases) EXPECT_EQ(Tokenize(sql), tokens) << sql;
-}
-
-TEST(SqlTokenizerTest, Words) {
-    Check({
-        {"", ""},
-        {" \t\v\f\r\n", ""},
-        {"SELECT Select select SELECTED", "k:SELECT k:Select i:select i:SELECTED"},
-        {"True null NULL AND", "b:True i:null n:NULL i:AND"},
-        {"@p1 :p1 a@b x$# $1 _", "p:@p1 i::p1 i:a@b i:x$# i:$1 i:_"},
-        {"t.col", "i:t .:. i:col"},
+TEST(SqlTokenizerTest, KindsAndTexts) {
+    const struct {
+        const char* sql;
+        const char* tokens;
+    } cases[] = {
+        {"SELECT a = @p, 'x', 1.5e+3 -- note", "k:SELECT i:a o:= p:@p o:, s:x o:, #:1.5e+3 i:"},
         {"a;{?}", "i:a i: {:{ p:? }:}"},
-        {"(*)", "(:( i:* ):)"},
-        {"#temp x#2020-01", "s:#temp i:x#2020 #:-01"},
-        {"#2020-01-01#", "s:#2020 #:-01 #:-01 s:#"},
-    });
-}
-
-TEST(SqlTokenizerTest, QuotedText) {
-    Check({
-        {"N'x' Name", "s:x i:Name"},
-        {"'it''s' ''", "s:it's s:"},
-        {"'a'''b", "s:a' i:b"},
-        {"''''''x", "s:'' i:x"},
-        {"'abc''", "s:abc'"},
-        {"\"a\"'b'", "i:a s:b"},
-        {"'\\n\\\\\\'x'y", "s:n\\'x i:y"},
-        {"'a\\''", "s:a'"},
-        {"[Order Details]", "i:Order Details"},
-        {"[a]]", "i:a !40104"},
-        {"`a\\`b` \"c\\\"d\"", "i:a`b i:c\"d"},
-        {"\"a\"\"b\"", "i:a i:b"},
-        {"'abc", "!40102"},
-        {"'abc\\'", "!40102"},
-        {"x [", "i:x !40102"},
-    });
-}
-
-TEST(SqlTokenizerTest, Numbers) {
-    Check({
-        {"a-1", "i:a #:-1"},
-        {"1,2)3;4=5", "#:1 o:, #:2 ):) #:3 i: #:4 o:= #:5"},
-        {"1.5e+3 1E5-3", "#:1.5e+3 #:1E5-3"},
-        {"1x+3", "#:1x o:+ #:3"},
-        {"1xe+3", "#:1xe o:+ #:3"},
-        {"2020-01-01 0x1F", "#:2020 #:-01 #:-01 #:0x1F"},
+        // What begins with the point is spelt anew.
         {".5 .05e1 .25.1 .5e", "#:0.5 #:0.5 #:0.25 #:0.5"},
         {".1e-999", "#:0"},
         {".1e999", "!435"},
-    });
-}
-
-TEST(SqlTokenizerTest, OperatorsAndComments) {
-    Check({
-        {"a<=b", "i:a o:<= i:b"},
-        {"a<=>b", "i:a o:<=> i:b"},
+        {"[a]]", "i:a !40104"},
+        {"'abc\\'", "!40102"},
+        {"x [", "i:x !40102"},
         {"a<=", "i:a !40101"},
-        {"!=<>>===", "o:!= o:<> o:>= o:=="},
-        {"=<>!%+/-,", "o:= o:<> o:! o:% o:+ o:/ o:- o:,"},
-        {"x -- note\ny", "i:x i:y"},
-        {"x// a\r\ry--\r\nz", "i:x i:y i:z"},
-        {"x /* a /* b */ y", "i:x i:y"},
-        {"x /*/ y", "i:x i:"},
-        {"x --", "i:x i:"},
-    });
-}
-
-// Outside quotes other characters start no token unless the low byte of their UTF-16 unit is an
-// operator's; inside they are kept as they are.
-TEST(SqlTokenizerTest, OtherCharacters) {
-    Check({
-        {"'\xF0\x9F\x98\x80'", "s:\xF0\x9F\x98\x80"},
-        {"'\xFF\xE2\x82'x", "s:\xFF\xE2\x82 i:x"},
-        {"a\xC4\xBD?", "i:a o:\xC4\xBD p:?"},             // U+013D
-        {"\xF0\x9F\x98\x80x", "o:\xF0\x9F\x98\x80 i:x"},  // U+D83D first
         {"\xC3\xA9", "!40104"},
-        {"\xC0\xBD", "!40104"},      // an overlong "=" is no "="
-        {"\xED\xA0\xBD", "!40104"},  // nor has an encoded surrogate a low byte
-        {"\xC2?", "!40104"},
-    });
+    };
+    for (const auto& [sql, tokens] : cases) EXPECT_EQ(Tokenize(sql), tokens) << sql;
 }
 
 TEST(SqlTokenizerTest, FailuresAndResults) {

@@ -1,9 +1,9 @@
+// Numbers as text are the matter of the fuzz target "numbers".
 #include "util/dynstr.h"
 
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cmath>
 #include <random>
 #include <string>
 
@@ -90,49 +90,6 @@ TEST(DynStrTest, Compares) {
     EXPECT_TRUE(s.EqualsNoCase("sELECT X"));
     EXPECT_FALSE(s.EqualsNoCase("select"));
     EXPECT_FALSE(s.Equals("select x"));
-}
-
-TEST(DynStrTest, AppendsDoubles) {
-    const struct {
-        double value;
-        const char* text;
-    } cases[] = {{3.25, "3.25"},
-                 {-0.05, "-0.05"},
-                 {1e-9, "0"},
-                 {5e-324, "0"},
-                 {0.00000001, "0.00000001"},
-                 {2.0, "2"},
-                 {-0.0, "0"},
-                 {0.123456785, "0.12345679"},
-                 {1.999999996, "2"},
-                 {-1.999999996, "-2"},
-                 {0.999999996, "-1"},
-                 {-0.999999996, "--1"},
-                 {2251799813685247.5, "2251799813685247.5"},
-                 // Its half is the bit never looked at.
-                 {2251799813685248.5, "2251799813685248"},
-                 {4503599627370496.0, "4503599627370496"},
-                 {9223372036854775808.0, "9223372036854775808"},
-                 {-9223372036854775808.0, "-9223372036854775808"}};
-    for (const auto& [value, text] : cases) {
-        DynStr s;
-        EXPECT_EQ(s.AppendDouble(value), VORDA_OK);
-        EXPECT_STREQ(s.Deref(), text);
-    }
-    for (const double value : {1e19, -1e19, HUGE_VAL, std::nan("")}) {
-        DynStr s;
-        EXPECT_EQ(s.AppendDouble(value), VORDA_NUMBER_OUT_OF_RANGE);
-        EXPECT_EQ(s.Length(), 0);
-    }
-}
-
-TEST(DynStrTest, FormatsIntegersThatJustFit) {
-    char buffer[32];
-    EXPECT_EQ(FormatInt64(buffer, sizeof buffer, LLONG_MIN), 20);
-    EXPECT_STREQ(buffer, "-9223372036854775808");
-    EXPECT_EQ(FormatInt64(buffer, 3, 123), 0);
-    EXPECT_STREQ(buffer, "");
-    EXPECT_EQ(FormatInt64(buffer, 4, 123), 3);
 }
 
 }  // namespace
