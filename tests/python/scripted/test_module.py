@@ -2,6 +2,7 @@
 
 import copy
 import datetime
+import operator
 import re
 
 import pytest
@@ -62,52 +63,45 @@ def test_type_is_made_by_the_module_only(runtime, connection, name, doc):
             way()
 
 
+SEQUENCE = "This read-only attribute is a sequence of 7-item sequences.\n"
+# How each begins, and pieces of some, with their slips.
 DOCS = {
-    "connect": "Constructor for creating a connection to the database.\n\n"
-               "Returns a Connection Object.",
-    "Connection.cursor": "cursor() --> Cursor\n\n", "Connection.close": "close() --> None\n\n",
-    "Connection.commit": "commit() --> None\n\n",
-    "Connection.execute": "execute(sql, [params]) --> Cursor\n\n",
-    "Cursor.close": "close() --> None\n\n", "Cursor.fetchall": "fetchall() --> list of Rows\n\n",
-    "Cursor.execute": (
+    "connect": ["Constructor for creating a connection to the database.\n\n"
+                "Returns a Connection Object."],
+    "Connection.cursor": ["cursor() --> Cursor\n\n"], "Connection.close": ["close() --> None\n\n"],
+    "Connection.commit": ["commit() --> None\n\n"],
+    "Connection.execute": [
+        "execute(sql, [params]) --> Cursor\n\n",
+        "This is a convenience method that is not part of the DB API.  Since a new\n"
+        "Cursor is allocated by each call, this should not be used if more than one\n"
+        "SQL statement needs to be executed."],
+    "Cursor.close": ["close() --> None\n\n"],
+    "Cursor.execute": [
         "execute(sql, [params]) --> Cursor\n\n"
         "Prepare and execute a database operation (query or command).\n\n"
         "Parameters may be provided as a sequence (as specified by the DB API) or\n"
         "simply passed in one after another (non-standard):\n\n"
         "  cursor.execute(sql, (param1, param2))\n\n    or\n\n"
-        "  cursor.execute(sql, param1, param2)"),
-    "Cursor.executemany": "executemany(sql, seq_of_params) --> Cursor\n\n",
-    "Cursor.fetchmany": "fetchmany(size=cursor.arraysize) --> list of Rows\n\n",
-    "Cursor.fetchone": "fetchone() --> Row | None\n\n", "Cursor.next": "next() --> Row | None\n\n",
-    "Cursor.callproc": "callproc(proc_name, [params]) --> params\n\n",
-    "Cursor.rowcount": "This read-only attribute specifies the number of rows that the\n",
-    "Cursor.description": "This read-only attribute is a sequence of 7-item sequences.\n",
-    "Cursor.arraysize": "This read/write attribute specifies the number of rows to fetch at a time\n",
-    "Cursor.connection": "This read-only attribute return a reference to the Connection object on\n",
-    "Row.description": "This read-only attribute is a sequence of 7-item sequences.\n",
-}
-PIECES = {  # with their slips
-    "Cursor.rowcount": ["The attribute is - 1 in case no.execute* () has been performed",
+        "  cursor.execute(sql, param1, param2)"],
+    "Cursor.executemany": ["executemany(sql, seq_of_params) --> Cursor\n\n"],
+    "Cursor.fetchall": ["fetchall() --> list of Rows\n\n"],
+    "Cursor.fetchmany": ["fetchmany(size=cursor.arraysize) --> list of Rows\n\n"],
+    "Cursor.fetchone": ["fetchone() --> Row | None\n\n"], "Cursor.next": ["next() --> Row | None\n\n"],
+    "Cursor.callproc": ["callproc(proc_name, [params]) --> params\n\n"],
+    "Cursor.rowcount": ["This read-only attribute specifies the number of rows that the\n",
+                        "The attribute is - 1 in case no.execute* () has been performed",
                         "the rowcount of the last operation is cannot be"],
-    "Cursor.description": ["optionaland"], "Cursor.arraysize": ["the.fetchmany()"],
-    "Connection.execute": [
-        "This is a convenience method that is not part of the DB API.  Since a new\n"
-        "Cursor is allocated by each call, this should not be used if more than one\n"
-        "SQL statement needs to be executed."],
+    "Cursor.description": [SEQUENCE, "optionaland"], "Row.description": [SEQUENCE],
+    "Cursor.arraysize": ["This read/write attribute specifies the number of rows to fetch at a time\n",
+                         "the.fetchmany()"],
+    "Cursor.connection": ["This read-only attribute return a reference to the Connection object on\n"],
 }
 
 
-@pytest.mark.parametrize("name", DOCS)
-def test_docstring(name):
-    member = zelqa
-    for part in name.split("."):
-        member = getattr(member, part)
-    assert member.__doc__.startswith(DOCS[name])
-    for piece in PIECES.get(name, []):
-        assert piece in member.__doc__
-
-
-def test_there_is_nothing_else():
-    public = {"%s.%s" % (made, member) for made in ("Connection", "Cursor", "Row")
-              for member in vars(getattr(zelqa, made)) if not member.startswith("_")}
-    assert public == {name for name in DOCS if "." in name}  # no rollback, among others
+def test_docstrings():
+    for name, pieces in DOCS.items():
+        doc = operator.attrgetter(name)(zelqa).__doc__
+        assert doc.startswith(pieces[0]) and all(piece in doc for piece in pieces)
+    members = {"%s.%s" % (made, member) for made in ("Connection", "Cursor", "Row")
+               for member in vars(getattr(zelqa, made)) if not member.startswith("_")}
+    assert members == {name for name in DOCS if "." in name}  # no rollback, among others

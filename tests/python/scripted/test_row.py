@@ -9,8 +9,7 @@ import pytest
 from vorda import zelqa
 
 from conftest import (BIGINT, BIT, DATE, DECIMAL, DOUBLE, GUID, REAL, SANITIZED, SMALLINT, TIME,
-                      TIMESTAMP, TINYINT, TYPE_TIMESTAMP, VARBINARY, WVARCHAR, Cell, Column,
-                      Timestamp, raises)
+                      TIMESTAMP, TINYINT, TYPE_TIMESTAMP, VARBINARY, WVARCHAR, Column, Timestamp, raises)
 
 STAMP = Timestamp(2024, 2, 29, 13, 14, 15, 123456789)
 
@@ -42,24 +41,15 @@ def test_values(runtime, cursor, sqltype, cell, value):
 
 
 @pytest.mark.parametrize("sqltype", [TIME, TYPE_TIMESTAMP])
-@pytest.mark.parametrize("nanoseconds, scale, microseconds", [
-    (0, 0, 0), (0, 9, 0), (999999999, 9, 999999), (999999999, 3, 999999), (1000, 6, 1),
-    (999, 9, 0), (5000, 6, 5),
-    # Without fraction digits a driver counts in a unit of its own.
-    (5000, 0, 5000), (999999, 0, 999999), (1000000, 0, 100000), (123456789, 0, 123456)])
-def test_fractions(runtime, cursor, nanoseconds, scale, microseconds, sqltype):
-    stamp = Timestamp(2024, 2, 29, 1, 2, 3, nanoseconds)
-    row = fetch(runtime, cursor, [Column("a", sqltype, scale=scale)], [stamp])
-    assert row[0].microsecond == microseconds
-
-
-def test_every_microsecond_comes_back(runtime, cursor):
-    microseconds = range(0, 1000000, 101 if SANITIZED else 1)
-    runtime.result(Column("a", TIMESTAMP, scale=9),
-                   rows=([Timestamp(nanoseconds=each * 1000)] for each in microseconds))
-    cursor.execute("SELECT a")
-    for expected in microseconds:
-        assert cursor.fetchone()[0].microsecond == expected
+def test_fractions(runtime, cursor, sqltype):
+    fractions = [(9, each * 1000 + 999, each) for each in range(0, 1000000, 997)] + [
+        (3, 999999999, 999999), (6, 1000, 1), (9, 0, 0),
+        # Without fraction digits a driver counts in a unit of its own.
+        (0, 0, 0), (0, 5000, 5000), (0, 999999, 999999), (0, 1000000, 100000), (0, 123456789, 123456)]
+    for scale, nanoseconds, microseconds in fractions:
+        stamp = Timestamp(2024, 2, 29, 1, 2, 3, nanoseconds)
+        row = fetch(runtime, cursor, [Column("a", sqltype, scale=scale)], [stamp])
+        assert row[0].microsecond == microseconds
 
 
 @pytest.mark.parametrize("sqltype, cell, exception", [
@@ -153,18 +143,13 @@ def test_membership_and_iteration(row):
         Angry() in row
 
 
-@pytest.mark.parametrize("columns, values, shown", [
-    (["a"], [1], "(1)"), (["a", "b"], [1, None], "(1, None)"),
-    ([Column("a", WVARCHAR)], ["it's \u20ac \U0001f600"], "(\"it's \u20ac \U0001f600\")"),
-    ([Column("a", DECIMAL), Column("b", DATE)], ["1.50", STAMP],
-     "(Decimal('1.50'), datetime.date(2024, 2, 29))"),
-    ([Column("a", WVARCHAR)], ["x" * 2000], "('%s')" % ("x" * 2000))])
-def test_repr(runtime, cursor, columns, values, shown):
-    row = fetch(runtime, cursor, columns, values)
-    assert repr(row) == str(row) == shown
+def test_repr(runtime, cursor, row):
+    for values, shown in (([1], "(1)"), (["it's \u20ac \U0001f600"], "(\"it's \u20ac \U0001f600\")"),
+                          (["x" * 2000, "1.50"], "('%s', Decimal('1.50'))" % ("x" * 2000))):
+        columns = [Column("a", WVARCHAR if values[0] != 1 else BIGINT), Column("b", DECIMAL)]
+        got = fetch(runtime, cursor, columns[:len(values)], values)
+        assert repr(got) == str(got) == shown
 
-
-def test_repr_of_values_of_the_program(row):
     class Odd:
         text = "\ud800\0odd"
 
@@ -191,21 +176,3 @@ def test_rows_in_rows(runtime, connection, cursor):
     with pytest.raises(RecursionError):
         repr(last)
     del rows, inner, outer, last
-
-
-@pytest.mark.parametrize("indicator", [0, 1, 3, 100, 2047, 2048, 5000, 2 ** 31, 2 ** 40, -2, -3, -4,
-                                       -100, -2 ** 31, 2 ** 63 - 1])
-@pytest.mark.parametrize("sqltype", [WVARCHAR, DECIMAL, BIGINT, DATE, DOUBLE])
-@pytest.mark.filterwarnings("ignore::RuntimeWarning")
-def test_lengths_that_are_nonsense(runtime, cursor, indicator, sqltype):
-    """A value, NULL or an error comes back; nothing beyond the buffer is ever read."""
-    cell = {WVARCHAR: "123", DECIMAL: "123", BIGINT: 123, DATE: STAMP, DOUBLE: 123.0}[sqltype]
-    try:
-        row = fetch(runtime, cursor, [Column("a", sqltype), "b"], [Cell(cell, indicator), 7])
-    except (zelqa.DatabaseError, decimal.InvalidOperation):
-        return
-    assert row["b"] == 7
-    if sqltype == WVARCHAR:
-        assert row[0].rstrip("\0") == "123"[:indicator if indicator >= 0 else 3]
-    elif sqltype != DATE:
-        assert row[0] in (123, None, 1)
