@@ -1,7 +1,6 @@
 """Nothing is left behind, however often an operation runs and however it ends. A debug build of CPython counts every
 reference (tools/references.sh); elsewhere those of a few objects and the blocks of memory are counted."""
 
-import copy
 import datetime
 import decimal
 import gc
@@ -42,7 +41,6 @@ class UnfriendlyList(list):
 # One a line; "!" stands before what fails even when the runtime does not. None of them is done by others.
 OPERATIONS = """
 zelqa.connect("Server=there").close()
-zelqa.connect("Server=there", user="ignored")
 !zelqa.connect()
 !zelqa.connect(b"bytes")
 !zelqa.connect("a", "b")
@@ -50,37 +48,23 @@ zelqa.connect("Server=there", user="ignored")
 !zelqa.Connection()
 !zelqa.Cursor()
 !zelqa.Row()
-zelqa.DatabaseError("text", 5).args
-(zelqa.Date(2024, 1, 2), zelqa.Time(1, 2), zelqa.Timestamp(2024, 1, 2), zelqa.Binary(b"x"), zelqa.STRING)
 (connection.cursor(), connection.commit(), repr(connection), hash(connection), connection == 5, connection.close)
 connection.execute("SELECT *")
 !connection.execute()
 !connection.execute(5)
-!connection.none
-!setattr(connection, "none", 5)
-!copy.copy(connection)
 !(connection.close(), connection.close())
-!(connection.close(), connection.cursor())
-!(connection.close(), connection.commit())
 !(connection.close(), connection.execute("SELECT *"))
 !(connection.close(), cursor.execute("SELECT *"))
-!(connection.close(), cursor.executemany(UPDATE, [(1,)]))
-!(connection.close(), cursor.callproc("P"))
 (cursor.rowcount, cursor.description, cursor.arraysize, cursor.connection, repr(cursor), iter(cursor))
 setattr(cursor, "arraysize", 1000)
-!setattr(cursor, "arraysize", "text")
 !setattr(cursor, "rowcount", 5)
-!setattr(cursor, "description", None)
-!delattr(cursor, "connection")
 !(cursor.close(), cursor.close())
 !(cursor.close(), cursor.description)
-!(cursor.close(), cursor.connection)
 !(cursor.close(), cursor.execute("SELECT *"))
 !cursor.fetchone()
 !cursor.fetchmany("text")
 !cursor.next()
 !next(cursor)
-!copy.copy(cursor)
 cursor.execute("SELECT *").fetchall()
 cursor.execute("SELECT *").fetchmany(1)
 (setattr(cursor, "arraysize", 1), cursor.execute("SELECT *").fetchmany())
@@ -90,7 +74,7 @@ list(cursor.execute("SELECT *"))
 !(cursor.execute("SELECT *").fetchall(), cursor.next())
 cursor.execute(UPDATE, *VALUES)
 cursor.execute(UPDATE, list(VALUES))
-cursor.execute("UPDATE t SET a = @a, b = @b", {"a": VALUES[0], "b": VALUES[1]})
+cursor.execute(UPDATE, {"a": VALUES[0], "b": VALUES[1]})
 cursor.execute("SELECT ?", "cut\\0here")
 !cursor.execute()
 !cursor.execute(b"bytes")
@@ -131,8 +115,6 @@ cursor.callproc("P", VALUES[:1])
 !row[Unfriendly()]
 !row.__setitem__(99, 5)
 !row.__delitem__(0)
-!row.none
-!copy.copy(row)
 !Unfriendly() in row
 !(row.__setitem__(0, Unfriendly()), repr(row))
 """
