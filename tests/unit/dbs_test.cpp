@@ -35,6 +35,18 @@ class DbsTest : public ScriptedTest {
         ASSERT_EQ(dbs.Execute("SELECT c", 8), VORDA_OK);
     }
 
+    // What the getter writes, and nothing behind it.
+    template <typename T>
+    T Get(int (Dbs::*getter)(int, T*), int index) {
+        struct {
+            T value{};
+            int end = 7;
+        } target;
+        EXPECT_EQ((dbs.*getter)(index, &target.value), VORDA_OK) << index;
+        EXPECT_EQ(target.end, 7);
+        return target.value;
+    }
+
     Dbs dbs;
 };
 
@@ -78,49 +90,51 @@ TEST_F(DbsTest, MethodsRecordTheErrorsTheyMeet) {
     ExpectError(1105, "Unknown parameter data type.");
 }
 
-TEST_F(DbsTest, DatesAndTimesFillTheirOwnRecord) {
+TEST_F(DbsTest, NumbersDatesAndTimes) {
     Open();
-    scripted_column("t", SQL_TYPE_TIMESTAMP, 0, 0, 0, 0);
+    for (const int type : {SQL_BIT, SQL_TINYINT, SQL_SMALLINT, SQL_INTEGER, SQL_BIGINT, SQL_REAL,
+                           SQL_DOUBLE, SQL_TYPE_TIMESTAMP}) {
+        scripted_column("c", type, 0, 0, 0, 0);
+    }
     scripted_row();
-    scripted_cell_timestamp(2024, 2, 29, 23, 59, 58, 123456789);
+    const int ints[] = {1, 200, -32768, INT_MIN};
+    for (const int value : ints) scripted_cell_int(value);
+    scripted_cell_int(LLONG_MIN + 5);
+    for (int i = 0; i < 2; ++i) scripted_cell_double(0.1);
+    scripted_cell_timestamp(-44, 3, 15, 23, 59, 58, 123456789);
     dbs.Execute("SELECT 1", 8);
     dbs.Next();
-    struct {
-        _db_date_ date;
-        int dateEnd = 7;
-        _db_time_ time;
-        int timeEnd = 7;
-        _db_datetime_ stamp;
-    } values;
-    EXPECT_EQ(dbs.GetDate(0, &values.date), VORDA_OK);
-    EXPECT_EQ(dbs.GetTime(0, &values.time), VORDA_OK);
-    EXPECT_EQ(dbs.GetDateTime(0, &values.stamp), VORDA_OK);
-    EXPECT_TRUE(values.date.Day == 29 && values.dateEnd == 7);
-    EXPECT_TRUE(values.time.Millisecond == 123456789 && values.timeEnd == 7);
-    EXPECT_TRUE(values.stamp.Year == 2024 && values.stamp.Millisecond == 123);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(Get(&Dbs::GetInt, i), ints[i]);
+    EXPECT_EQ(Get(&Dbs::GetInt, 4), 5);
+    EXPECT_EQ(Get(&Dbs::GetBigint, 4), LLONG_MIN + 5);
+    EXPECT_EQ(Get(&Dbs::GetDouble, 5), static_cast<double>(0.1f));
+    EXPECT_EQ(Get(&Dbs::GetDouble, 6), 0.1);
+    const _db_date_ date = Get(&Dbs::GetDate, 7);
+    EXPECT_TRUE(date.Year == -44 && date.Month == 3 && date.Day == 15);
+    const _db_time_ time = Get(&Dbs::GetTime, 7);
+    EXPECT_TRUE(time.Day == 15 && time.Hour == 23 && time.Minute == 59 && time.Second == 58);
+    EXPECT_EQ(time.Millisecond, 123456789);
+    const _db_datetime_ stamp = Get(&Dbs::GetDateTime, 7);
+    EXPECT_TRUE(stamp.Year == -44 && stamp.Month == 3 && stamp.Day == 15);
+    EXPECT_TRUE(stamp.Hour == 23 && stamp.Minute == 59 && stamp.Second == 58);
+    EXPECT_EQ(stamp.Millisecond, 123);
 }
 
-TEST_F(DbsTest, TheBufferGrowsByDoublingAndNeverShrinks) {
+TEST_F(DbsTest, TextsOfAllLengths) {
     // 256 bytes hold a text of 127: twice its length and a terminator of two.
-    OpenTexts({100, 127, 128, 255, 10, 2047});
-    const auto read = [this](std::size_t expected) {
+    const std::initializer_list<int> lengths = {100, 127, 128, 255, 10, 2047};
+    OpenTexts(lengths);
+    for (const int expected : lengths) {
         EXPECT_EQ(dbs.Next(), 1);
         char* text = nullptr;
         char* same = nullptr;
         int length = -7;
         EXPECT_EQ(dbs.GetStringAsUTF8(0, &text, &length), VORDA_OK);
-        EXPECT_EQ(std::string(text, static_cast<std::size_t>(length)), std::string(expected, 'x'));
+        EXPECT_EQ(length, expected);
+        EXPECT_EQ(text, std::string(static_cast<std::size_t>(expected), 'x'));
         EXPECT_EQ(dbs.GetStringAsUCS2(0, &same, &length), VORDA_OK);
         EXPECT_EQ(same, text);
-        return text;
-    };
-    const char* const first = read(100);
-    EXPECT_EQ(read(127), first);
-    const char* const second = read(128);
-    EXPECT_NE(second, first);
-    EXPECT_EQ(read(255), second);
-    EXPECT_EQ(read(10), second);
-    read(2047);
+    }
 }
 
 TEST_F(DbsTest, WhatCannotBeReadLeavesTheOutputsAlone) {
