@@ -1,9 +1,9 @@
-// The connection-string parser of the embedded runtime against a character-by-character machine.
+// The connection-string parser of the embedded runtime against a grammar in regular expressions.
 #include <sqlite3.h>
 
 #include <cmath>
 #include <optional>
-#include <utility>
+#include <regex>
 
 #include "connectstring.h"
 #include "error.h"
@@ -13,16 +13,6 @@ namespace {
 
 using embedded::ConnectOptions;
 using fuzz::require;
-
-bool isBlank(char c) {
-    return std::string_view(" \t\r\n\f\v").find(c) != std::string_view::npos;
-}
-
-std::string stripped(std::string text) {
-    while (!text.empty() && isBlank(text.back())) text.pop_back();
-    while (!text.empty() && isBlank(text.front())) text.erase(0, 1);
-    return text;
-}
 
 std::string lower(std::string text) {
     for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
@@ -34,77 +24,36 @@ struct Pair {
     std::string value;
 };
 
-std::optional<std::vector<Pair>> readPairs(std::string_view text) {
-    enum { Key, Before, Plain, Braced, Brace, Behind } state = Key;
+std::optional<std::vector<Pair>> readPairs(std::string_view whole) {
+    // A key without blanks at its ends, and a value in braces or one that goes on to a semicolon.
+    static const std::regex kPair(
+        R"(\s*([^;=\s](?:[^;=]*[^;=\s])?)\s*=\s*(?:\{((?:[^}]|\}\})*)\}|([^;{\s][^;]*?)?)\s*;)");
+    static const std::regex kNone(R"(\s*;)");
     std::vector<Pair> pairs;
-    Pair pair;
-    const auto finish = [&] {
-        pairs.push_back(std::exchange(pair, {}));
-        state = Key;
-    };
-    for (std::size_t i = 0; i <= text.size(); ++i) {
-        const bool end = i == text.size();
-        const char c = end ? ';' : text[i];
-        switch (state) {
-            case Key:
-                if (c == ';' && !stripped(pair.key).empty()) return std::nullopt;
-                if (c == ';') pair.key.clear();
-                if (c == '=') {
-                    pair.key = stripped(pair.key);
-                    if (pair.key.empty()) return std::nullopt;
-                    state = Before;
-                } else if (c != ';') {
-                    pair.key += c;
-                }
-                break;
-            case Before:
-                if (isBlank(c)) break;
-                state = c == '{' ? Braced : Plain;
-                if (c == '{') break;
-                [[fallthrough]];
-            case Plain:
-                if (c != ';') {
-                    pair.value += c;
-                } else {
-                    pair.value = stripped(pair.value);
-                    finish();
-                }
-                break;
-            case Braced:
-                if (end) return std::nullopt;
-                if (c == '}') {
-                    state = Brace;
-                } else {
-                    pair.value += c;
-                }
-                break;
-            case Brace:
-                if (c == '}') {
-                    pair.value += c;
-                    state = Braced;
-                    break;
-                }
-                state = Behind;
-                [[fallthrough]];
-            case Behind:
-                if (c == ';') {
-                    finish();
-                } else if (!isBlank(c)) {
-                    return std::nullopt;
-                }
+    const std::string text = std::string(whole) + ";";
+    for (auto at = text.begin(); at != text.end();) {
+        constexpr auto kHere = std::regex_constants::match_continuous;
+        std::smatch found;
+        if (std::regex_search(at, text.end(), found, kPair, kHere)) {
+            std::string value = found[2].matched ? found[2] : found[3];
+            for (auto i = value.find("}}"); found[2].matched && i != value.npos;) {
+                value.erase(i, 1);
+                i = value.find("}}", i + 1);
+            }
+            pairs.push_back({found[1], value});
+        } else if (!std::regex_search(at, text.end(), found, kNone, kHere)) {
+            return std::nullopt;
         }
+        at = found[0].second;
     }
     return pairs;
 }
 
 std::optional<int> milliseconds(const std::string& text) {
+    static const std::regex kNumber(R"(-?(\d+\.?\d*|\.\d+))");
+    if (!std::regex_match(text, kNumber)) return std::nullopt;
     const bool negative = text.starts_with('-');
     const std::string digits = text.substr(negative ? 1 : 0);
-    if (digits.find_first_not_of("0123456789.") != std::string::npos ||
-        digits.find_first_of("0123456789") == std::string::npos ||
-        digits.find('.') != digits.rfind('.')) {
-        return std::nullopt;
-    }
     const double value = std::strtod(digits.c_str(), nullptr);
     const bool zero = digits.find_first_of("123456789") == std::string::npos;
     // Too small for a double is refused like too large.
