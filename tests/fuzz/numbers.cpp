@@ -1,9 +1,7 @@
 // Numbers to and from text, and the other helpers on text, each against arithmetic of its own.
-#include <array>
 #include <bit>
 #include <cmath>
-#include <cstring>
-#include <limits>
+#include <regex>
 
 #include "fuzz.h"
 #include "util/core.h"
@@ -14,10 +12,6 @@ namespace {
 using fuzz::require;
 using fuzz::requireSame;
 
-std::string digitsOf(std::string_view text) {
-    return std::string(text.substr(0, std::min(text.find_first_not_of("0123456789"), text.size())));
-}
-
 std::string folded(std::string text) {
     for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
     return text;
@@ -25,34 +19,28 @@ std::string folded(std::string text) {
 
 // The digits, the place of the point and the exponent are cut out as texts, then put together.
 double expectedDouble(std::string_view text, std::size_t& end) {
-    std::string_view rest = text.substr(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
-    const bool negative = rest.starts_with('-');
-    if (negative || rest.starts_with('+')) rest.remove_prefix(1);
-    std::string digits = digitsOf(rest);
-    rest.remove_prefix(digits.size());
-    auto exponent = static_cast<long double>(digits.size());
-    if (rest.starts_with('.')) {
-        const std::string fraction = digitsOf(rest.substr(1));
-        digits += fraction;
-        rest.remove_prefix(1 + fraction.size());
-    }
+    static const std::regex kNumber(R"([ \t\r\n]*([-+]?)(\d*)(?:\.(\d*))?)");
+    static const std::regex kPower(R"([eE]([-+]?)(\d*))");
+    constexpr auto kHere = std::regex_constants::match_continuous;
+    std::cmatch part, power;
+    std::regex_search(text.begin(), text.end(), part, kNumber, kHere);
+    std::string digits = part[2].str() + part[3].str();
+    const bool negative = part[1] == "-";
     end = 0;
     if (digits.empty()) return negative ? -0.0 : 0.0;
-    end = text.size() - rest.size();
+    end = static_cast<std::size_t>(part.length());
     digits.resize(std::min<std::size_t>(digits.size(), 18));
-    exponent -= static_cast<long double>(digits.size());
+    auto exponent = static_cast<long double>(part[2].length() - std::ssize(digits));
     const std::size_t high = digits.size() > 9 ? digits.size() - 9 : 0;
     double value = 1e9 * (high > 0 ? std::stoi(digits.substr(0, high)) : 0);
     value += std::stoi(digits.substr(high));
 
-    if (rest.starts_with('e') || rest.starts_with('E')) {
-        const bool sign = rest.size() > 1 && (rest[1] == '-' || rest[1] == '+');
-        const std::string power = digitsOf(rest.substr(sign ? 2 : 1));
+    if (std::regex_search(part[0].second, text.end(), power, kPower, kHere)) {
         // Without digits not even the point counts.
-        if (power.empty()) return negative ? -value : value;
-        const long double applied = std::strtold(power.c_str(), nullptr);
-        exponent += rest[1] == '-' ? -applied : applied;
-        end += 1 + (sign ? 1 : 0) + power.size();
+        if (power[2].length() == 0) return negative ? -value : value;
+        const long double applied = std::strtold(power[2].str().c_str(), nullptr);
+        exponent += power[1] == "-" ? -applied : applied;
+        end += static_cast<std::size_t>(power.length());
     }
     const auto magnitude = static_cast<unsigned>(std::min(std::fabs(exponent), 511.0L));
     double scale = 1.0;

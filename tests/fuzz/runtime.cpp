@@ -64,6 +64,7 @@ class Session {
         const SQLSMALLINT cType = kTypes[(choice / 2) % kTypes.size()];
         // Room for any fixed type even where the told capacity is smaller.
         const SQLLEN capacity = more % 20;
+        const auto shortCapacity = static_cast<SQLSMALLINT>(capacity);
         std::vector<char> text = fuzz::terminated(input.rest());
         const auto length = static_cast<SQLINTEGER>(text.size() - 1);
         SQLSMALLINT small = 0;
@@ -71,65 +72,53 @@ class Session {
         SQLLEN count = 0;
         SQLULEN large = 0;
         std::vector<char> room(40);
+        const auto run = [&](auto function, auto... arguments) {
+            answer(statement, function(kCaller, statement, arguments...));
+        };
         switch (what) {
             case 'x':
-                return answer(statement,
-                              RT_SQLExecDirect(kCaller, statement, chars(text.data()), length));
+                return run(RT_SQLExecDirect, chars(text.data()), length);
             case 'p':
-                return answer(statement,
-                              RT_SQLPrepare(kCaller, statement, chars(text.data()), SQL_NTS));
+                return run(RT_SQLPrepare, chars(text.data()), SQL_NTS);
             case 'e':
-                return answer(statement, RT_SQLExecute(kCaller, statement));
+                return run(RT_SQLExecute);
             case 'f':
-                return answer(statement, RT_SQLFetch(kCaller, statement));
+                return run(RT_SQLFetch);
             case 'g':
-                return answer(statement, RT_SQLGetData(kCaller, statement, column, cType,
-                                                       room.data(), capacity, &count));
+                return run(RT_SQLGetData, column, cType, room.data(), capacity, &count);
             case 'b':
-                return answer(statement,
-                              RT_SQLBindCol(kCaller, statement, column, cType,
-                                            m_rooms[column].data(), capacity, &m_lengths[column]));
+                return run(RT_SQLBindCol, column, cType, m_rooms[column].data(), capacity,
+                           &m_lengths[column]);
             case 'm': {
                 // Four sets of every parameter, each value in a slot of ten bytes.
                 auto& value = m_values[column];
                 value.fill(0);
                 std::copy_n(text.data(), std::min<std::size_t>(text.size(), 40), value.data());
-                m_sizes[column].fill(more % 3 == 0 ? SQL_NULL_DATA
-                                                   : static_cast<SQLLEN>(more % 10));
-                return answer(statement,
-                              RT_SQLBindParameter(kCaller, statement, column, SQL_PARAM_INPUT,
-                                                  cType, SQL_WVARCHAR, 0, 0, value.data(), 10,
-                                                  m_sizes[column].data()));
+                m_sizes[column].fill(more % 3 == 0 ? SQL_NULL_DATA : SQLLEN{more % 10});
+                return run(RT_SQLBindParameter, column, SQLSMALLINT{SQL_PARAM_INPUT}, cType,
+                           SQLSMALLINT{SQL_WVARCHAR}, SQLULEN{0}, kNone, value.data(), SQLLEN{10},
+                           m_sizes[column].data());
             }
             case 's':
-                return answer(statement,
-                              RT_SQLSetStmtAttr(kCaller, statement, SQL_ATTR_PARAMSET_SIZE,
-                                                number(more % 4), 0));
-            case 'r': {
-                const auto option = static_cast<SQLUSMALLINT>(more % 5);
-                answer(statement, RT_SQLFreeStmt(kCaller, statement, option));
-                if (option == SQL_DROP) reallocate(statement);
-                return;
-            }
+                return run(RT_SQLSetStmtAttr, SQL_ATTR_PARAMSET_SIZE, number(more % 4), 0);
+            case 'r':
+                run(RT_SQLFreeStmt, column);
+                return column == SQL_DROP ? reallocate(statement) : void();
             case 'd':
                 RT_SQLNumResultCols(kCaller, statement, &small);
                 RT_SQLNumParams(kCaller, statement, &small);
                 RT_SQLRowCount(kCaller, statement, &count);
-                return answer(statement,
-                              RT_SQLDescribeCol(kCaller, statement, column, chars(room.data()),
-                                                static_cast<SQLSMALLINT>(capacity), &small, &tiny,
-                                                &large, &tiny, &tiny));
+                return run(RT_SQLDescribeCol, column, chars(room.data()), shortCapacity, &small,
+                           &tiny, &large, &tiny, &tiny);
             case 'a':
-                return answer(statement, RT_SQLColAttribute(
-                                             kCaller, statement, column,
-                                             static_cast<SQLUSMALLINT>(choice * 12), room.data(),
-                                             static_cast<SQLSMALLINT>(capacity), &small, &count));
+                return run(RT_SQLColAttribute, column, static_cast<SQLUSMALLINT>(choice * 12),
+                           room.data(), shortCapacity, &small, &count);
             case 't':
-                return answer(statement, RT_SQLTables(kCaller, statement, nullptr, 0, nullptr, 0,
-                                                      chars(text.data()), SQL_NTS, nullptr, 0));
+                return run(RT_SQLTables, nullptr, kNone, nullptr, kNone, chars(text.data()),
+                           SQLSMALLINT{SQL_NTS}, nullptr, kNone);
             case 'c':
-                return answer(statement, RT_SQLColumns(kCaller, statement, nullptr, 0, nullptr, 0,
-                                                       chars(text.data()), SQL_NTS, nullptr, 0));
+                return run(RT_SQLColumns, nullptr, kNone, nullptr, kNone, chars(text.data()),
+                           SQLSMALLINT{SQL_NTS}, nullptr, kNone);
             case 'o':
                 RT_SQLSetConnectAttr(kCaller, m_connection, SQL_ATTR_AUTOCOMMIT, number(more % 2),
                                      0);
@@ -141,7 +130,7 @@ class Session {
             case 'k':
                 RT_SQLMoreResults(kCaller, statement);
                 RT_SQLCancel(kCaller, statement);
-                return answer(statement, RT_SQLCloseCursor(kCaller, statement));
+                return run(RT_SQLCloseCursor);
             case 'z':
                 RT_SQLFreeHandle(kCaller, SQL_HANDLE_STMT, statement);
                 return reallocate(statement);
@@ -151,6 +140,8 @@ class Session {
     }
 
   private:
+    static constexpr SQLSMALLINT kNone = 0;
+
     static SQLCHAR* chars(char* text) { return reinterpret_cast<SQLCHAR*>(text); }
     static SQLPOINTER number(std::uintptr_t value) { return reinterpret_cast<SQLPOINTER>(value); }
 
