@@ -66,15 +66,13 @@ std::string Time(const char* data) {
 }
 
 std::string Timestamp(const char* data) {
-    return FormatTimestamp(Load<SQL_TIMESTAMP_STRUCT>(data));
+    const auto t = Load<SQL_TIMESTAMP_STRUCT>(data);
+    char out[64];
+    std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d.%09u", t.year, t.month, t.day,
+                  t.hour, t.minute, t.second, static_cast<unsigned>(t.fraction));
+    return out;
 }
 
-// C types whose values have one size; the slots of all others are as wide as their buffer length.
-struct FixedType {
-    int cType;
-    int size;
-    std::string (*format)(const char* data);
-};
 constexpr FixedType kFixedTypes[] = {
     {SQL_C_BIT, 1, Number<unsigned char>},
     {SQL_C_TINYINT, 1, Number<signed char>},
@@ -87,12 +85,6 @@ constexpr FixedType kFixedTypes[] = {
     {SQL_C_TIME, sizeof(SQL_TIME_STRUCT), Time},
     {SQL_C_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
 };
-
-const FixedType* FindFixed(int cType) {
-    const auto found = std::find_if(std::begin(kFixedTypes), std::end(kFixedTypes),
-                                    [=](const FixedType& type) { return type.cType == cType; });
-    return found == std::end(kFixedTypes) ? nullptr : found;
-}
 
 SQLLEN IndicatorOf(const Binding& binding, long long set) {
     return binding.indicators ? binding.indicators[set] : SQL_NTS;
@@ -162,19 +154,9 @@ std::string FormatArguments(const Model& model, const Call& call) {
     return out;
 }
 
-std::string FormatAttribute(const Model& model, const Call& call) {
-    const long long value = call.Number(2);
-    return FormatHandle(model, call.Handle(0)) + ", " + std::to_string(call.Number(1)) + ", " +
-           (value == 0 ? "0" : FormatOpaque(model, value));
-}
-
 std::string FormatBindParameter(const Model& model, const Call& call) {
     static constexpr std::array kDirections = {"0", "in", "inout", "3", "out"};
     const auto direction = static_cast<std::size_t>(call.Number(2));
-    const Binding binding{.cType = static_cast<int>(call.Number(3)),
-                          .data = call.Pointer<char>(7),
-                          .bufferLength = static_cast<SQLLEN>(call.Number(8)),
-                          .indicators = call.Pointer<SQLLEN>(9)};
     const Handle* const statement = model.Find(call.Handle(0));
     const auto labelled = [&](const char* label, std::size_t i) {
         return label + std::to_string(call.Number(i)) + ", ";
@@ -183,16 +165,14 @@ std::string FormatBindParameter(const Model& model, const Call& call) {
            (direction < kDirections.size() ? kDirections[direction] : "?") + ", " +
            labelled("ctype=", 3) + labelled("sqltype=", 4) + labelled("size=", 5) +
            labelled("digits=", 6) + labelled("buflen=", 8) +
-           FormatValues(binding, statement ? statement->parameterSets : 1);
+           FormatValues(BindingOf(call, 3, 7), statement ? statement->parameterSets : 1);
 }
 
 }  // namespace
 
-std::string FormatTimestamp(const SQL_TIMESTAMP_STRUCT& t) {
-    char out[64];
-    std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d.%09u", t.year, t.month, t.day,
-                  t.hour, t.minute, t.second, static_cast<unsigned>(t.fraction));
-    return out;
+const FixedType* FindFixed(int cType) {
+    const auto* const found = std::ranges::find(kFixedTypes, cType, &FixedType::cType);
+    return found == std::end(kFixedTypes) ? nullptr : found;
 }
 
 std::string FormatHandle(const Model& model, SQLHANDLE handle) {
@@ -207,9 +187,10 @@ std::string FormatHandle(const Model& model, SQLHANDLE handle) {
 std::string FormatCall(const Model& model, const Call& call) {
     const bool isSetter = call.name.starts_with("SQLSet") && call.name.ends_with("Attr");
     return std::string(call.name) + '(' +
-           (isSetter                          ? FormatAttribute(model, call)
-            : call.name == "SQLBindParameter" ? FormatBindParameter(model, call)
-                                              : FormatArguments(model, call)) +
+           (call.name == "SQLBindParameter"
+                ? FormatBindParameter(model, call)
+                : FormatArguments(
+                      model, {call.name, call.arguments.first(call.arguments.size() - isSetter)})) +
            ')';
 }
 

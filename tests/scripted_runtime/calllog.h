@@ -11,8 +11,14 @@ std::string FormatCall(const Model& model, const Call& call);
 // "stmt2", "dbc1(freed)", "null" or "ptr".
 std::string FormatHandle(const Model& model, SQLHANDLE handle);
 
-// "2024-02-29 13:14:15.000000250"
-std::string FormatTimestamp(const SQL_TIMESTAMP_STRUCT& timestamp);
+// C types whose values have one size; the slots of all others are as wide as their buffer length.
+struct FixedType {
+    int cType;
+    std::size_t size;
+    std::string (*format)(const char* data);
+};
+// Null for a type that is none of them.
+const FixedType* FindFixed(int cType);
 
 // Logs what the bound memory of a statement's parameters holds, one line each; a length that
 // reaches beyond its slot is an error.

@@ -6,6 +6,8 @@
 #include <iterator>
 #include <utility>
 
+#include "calllog.h"
+
 namespace {
 
 constexpr int kMostRows = 3000;
@@ -34,57 +36,14 @@ constexpr long long kTypes[] = {
 constexpr const char* kTexts[] = {"",      "1",        "-12.50", "1e5",         "text",
                                   "@name", "Infinity", "it's",   "\xe2\x82\xac"};
 
-// Calls on something else than a statement.
-constexpr struct {
-    std::string_view name;
-    long long kind;
-} kOnOthers[] = {{"SQLSetEnvAttr", SQL_HANDLE_ENV},
-                 {"SQLDriverConnectW", SQL_HANDLE_DBC},
-                 {"SQLDisconnect", SQL_HANDLE_DBC}};
-
-// The handle that a call is on, and the kind that it has to be of.
-std::pair<SQLHANDLE, long long> HandleOf(const Call& call) {
-    if (call.name == "SQLFreeHandle") return {call.Handle(1), call.Number(0)};
-    if (call.name == "SQLErrorW") {
-        for (std::size_t i = 0; i < 2; ++i) {
-            if (call.Handle(i)) return {call.Handle(i), static_cast<long long>(i) + SQL_HANDLE_ENV};
-        }
-        return {call.Handle(2), SQL_HANDLE_STMT};
-    }
-    for (const auto& [name, kind] : kOnOthers) {
-        if (name == call.name) return {call.Handle(0), kind};
-    }
-    return {call.Handle(0), SQL_HANDLE_STMT};
-}
-
 // Bytes of a bound column that belong to the callee.
 std::size_t RoomOf(const Binding& target) {
-    switch (target.cType) {
-        case SQL_C_BIT:
-        case SQL_C_TINYINT:
-            return 1;
-        case SQL_C_SHORT:
-            return sizeof(SQLSMALLINT);
-        case SQL_C_LONG:
-        case SQL_C_FLOAT:
-            return sizeof(SQLINTEGER);
-        case SQL_C_SBIGINT:
-        case SQL_C_DOUBLE:
-            return sizeof(long long);
-        case SQL_C_TIMESTAMP:
-            return sizeof(SQL_TIMESTAMP_STRUCT);
-        default:
-            return static_cast<std::size_t>(std::max<SQLLEN>(target.bufferLength, 0));
-    }
+    const FixedType* const fixed = FindFixed(target.cType);
+    return fixed ? fixed->size : static_cast<std::size_t>(std::max<SQLLEN>(target.bufferLength, 0));
 }
 
 void PutBytes(char* target, std::size_t room, std::string_view bytes) {
     if (target) std::memcpy(target, bytes.data(), std::min(room, bytes.size()));
-}
-
-template <typename T>
-void Put(T* target, long long value) {
-    if (target) *target = static_cast<T>(value);
 }
 
 // A statement that is known under two names: which buffers are still bound can no longer be told.
@@ -145,18 +104,11 @@ SQLRETURN Hostile::Answer(Model& model, const Call& call) {
     SQLRETURN status = SQL_SUCCESS;
     if (call.name == "SQLAllocHandle") {
         status = Alloc(model, call);
+    } else if (m_gaveNone && !TargetOf(call).handle) {
+        status = Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
     } else {
-        const auto [named, kind] = HandleOf(call);
-        const auto found = model.handles.find(named);
-        if (!named && m_gaveNone) {
-            status = Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
-        } else if (found == model.handles.end() || !found->second.isLive ||
-                   found->second.kind != kind) {
-            model.Error(call, "not a live handle of this kind");
-            status = SQL_INVALID_HANDLE;
-        } else {
-            status = Do(model, call, found->second);
-        }
+        Handle* const handle = model.Use(call);
+        status = handle ? Do(model, call, *handle) : SQLRETURN{SQL_INVALID_HANDLE};
     }
     m_rate = rate;
     return status;

@@ -1,8 +1,6 @@
 #include "model.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -23,27 +21,11 @@ bool PutText(char* buffer, long long capacity, std::string_view text) {
     return part.size() == text.size();
 }
 
-template <typename T>
-void Put(T* target, long long value) {
-    if (target) *target = static_cast<T>(value);
-}
-
 SQLLEN Size(std::string_view text) {
     return static_cast<SQLLEN>(text.size());
 }
 
 // --- Handles ---
-
-// The live handle of this kind that the call names, or null and a logged error.
-Handle* Use(Model& model, const Call& call, std::size_t i, int kind) {
-    const auto found = model.handles.find(call.Handle(i));
-    if (found != model.handles.end() && found->second.isLive && found->second.kind == kind) {
-        return &found->second;
-    }
-    model.Error(call, FormatHandle(model, call.Handle(i)) + " is not a live handle of kind " +
-                          std::to_string(kind));
-    return nullptr;
-}
 
 SQLHANDLE NewHandle(Model& model, int kind, SQLHANDLE parent) {
     // Never the address of anything and never the same twice, so that a stale handle is recognised
@@ -58,22 +40,18 @@ SQLHANDLE NewHandle(Model& model, int kind, SQLHANDLE parent) {
     return handle;
 }
 
-SQLRETURN AllocHandle(Model& model, const Call& call) {
+SQLRETURN AllocHandle(Model& model, const Call& call, Handle*) {
     const auto kind = static_cast<int>(call.Number(0));
     auto* const output = call.Pointer<SQLHANDLE>(2);
     if (kind < SQL_HANDLE_ENV || kind > SQL_HANDLE_STMT || !output) return SQL_ERROR;
-    if (kind > SQL_HANDLE_ENV && !Use(model, call, 1, kind - 1)) return SQL_INVALID_HANDLE;
     *output = NewHandle(model, kind, call.Handle(1));
     return SQL_SUCCESS;
 }
 
-SQLRETURN FreeHandle(Model& model, const Call& call) {
-    Handle* const handle = Use(model, call, 1, static_cast<int>(call.Number(0)));
-    if (!handle) return SQL_INVALID_HANDLE;
-    const bool hasChildren =
-        std::any_of(model.handles.begin(), model.handles.end(), [&](const auto& entry) {
-            return entry.second.isLive && entry.second.parent == call.Handle(1);
-        });
+SQLRETURN FreeHandle(Model& model, const Call& call, Handle* handle) {
+    const bool hasChildren = std::ranges::any_of(model.handles, [&](const auto& entry) {
+        return entry.second.isLive && entry.second.parent == call.Handle(1);
+    });
     if (hasChildren || handle->isConnected) {
         model.Error(call, "the handle is still in use");
         return SQL_ERROR;
@@ -82,97 +60,75 @@ SQLRETURN FreeHandle(Model& model, const Call& call) {
     return SQL_SUCCESS;
 }
 
-SQLRETURN Connect(Model& model, const Call& call) {
-    Handle* const connection = Use(model, call, 0, SQL_HANDLE_DBC);
-    if (!connection) return SQL_INVALID_HANDLE;
+SQLRETURN Connect(Model&, const Call&, Handle* connection) {
     connection->isConnected = true;
     return SQL_SUCCESS;
 }
 
-SQLRETURN Disconnect(Model& model, const Call& call) {
-    Handle* const connection = Use(model, call, 0, SQL_HANDLE_DBC);
-    if (!connection) return SQL_INVALID_HANDLE;
+SQLRETURN Disconnect(Model& model, const Call& call, Handle* connection) {
     for (auto& [key, handle] : model.handles) {
         if (handle.parent == call.Handle(0)) handle.isLive = false;
     }
     return std::exchange(connection->isConnected, false) ? SQL_SUCCESS : SQL_ERROR;
 }
 
-SQLRETURN CheckEnvironment(Model& model, const Call& call) {
-    return Use(model, call, 0, SQL_HANDLE_ENV) ? SQL_SUCCESS : SQL_INVALID_HANDLE;
+SQLRETURN Nothing(Model&, const Call&, Handle*) {
+    return SQL_SUCCESS;
 }
 
 // --- Statements ---
 
-// Wraps an action on a statement: it runs only on a live one.
-template <SQLRETURN (*action)(Model&, const Call&, Handle&)>
-SQLRETURN OnStatement(Model& model, const Call& call) {
-    Handle* const statement = Use(model, call, 0, SQL_HANDLE_STMT);
-    return statement ? action(model, call, *statement) : static_cast<SQLRETURN>(SQL_INVALID_HANDLE);
+void CloseResult(Handle* statement) {
+    statement->result = {};
+    statement->nextRow = 0;
+    statement->isExecuted = false;
 }
 
-void CloseResult(Handle& statement) {
-    statement.result = {};
-    statement.nextRow = 0;
-    statement.isExecuted = false;
-}
-
-SQLRETURN FreeStmt(Model&, const Call& call, Handle& statement) {
-    if (call.Number(1) == SQL_DROP) {
-        statement.isLive = false;
-        return SQL_SUCCESS;
-    }
-    if (call.Number(1) != SQL_RESET_PARAMS) return SQL_ERROR;
-    statement.parameters.clear();
+SQLRETURN FreeStmt(Model&, const Call& call, Handle* statement) {
+    if (call.Number(1) != SQL_DROP && call.Number(1) != SQL_RESET_PARAMS) return SQL_ERROR;
+    if (call.Number(1) == SQL_DROP) statement->isLive = false;
+    statement->parameters.clear();
     return SQL_SUCCESS;
 }
 
-SQLRETURN SetStmtAttr(Model&, const Call& call, Handle& statement) {
-    if (call.Number(1) == SQL_ATTR_PARAMSET_SIZE) statement.parameterSets = call.Number(2);
+SQLRETURN SetStmtAttr(Model&, const Call& call, Handle* statement) {
+    if (call.Number(1) == SQL_ATTR_PARAMSET_SIZE) statement->parameterSets = call.Number(2);
     return SQL_SUCCESS;
 }
 
-SQLRETURN Prepare(Model&, const Call&, Handle& statement) {
+SQLRETURN Prepare(Model&, const Call&, Handle* statement) {
     CloseResult(statement);
-    statement.isPrepared = true;
+    statement->isPrepared = true;
     return SQL_SUCCESS;
 }
 
-SQLRETURN ExecDirect(Model& model, const Call&, Handle& statement) {
+SQLRETURN ExecDirect(Model& model, const Call&, Handle* statement) {
     CloseResult(statement);
     if (!model.results.empty()) {
-        statement.result = std::move(model.results.front());
+        statement->result = std::move(model.results.front());
         model.results.pop_front();
     }
-    statement.isExecuted = true;
+    statement->isExecuted = true;
     return SQL_SUCCESS;
 }
 
-SQLRETURN Execute(Model& model, const Call& call, Handle& statement) {
-    return statement.isPrepared ? ExecDirect(model, call, statement)
-                                : static_cast<SQLRETURN>(SQL_ERROR);
+SQLRETURN Execute(Model& model, const Call& call, Handle* statement) {
+    return statement->isPrepared ? ExecDirect(model, call, statement)
+                                 : static_cast<SQLRETURN>(SQL_ERROR);
 }
 
-SQLRETURN BindParameter(Model&, const Call& call, Handle& statement) {
-    statement.parameters[static_cast<int>(call.Number(1))] = {
-        .cType = static_cast<int>(call.Number(3)),
-        .data = call.Pointer<char>(7),
-        .bufferLength = static_cast<SQLLEN>(call.Number(8)),
-        .indicators = call.Pointer<SQLLEN>(9)};
+SQLRETURN BindParameter(Model&, const Call& call, Handle* statement) {
+    statement->parameters[static_cast<int>(call.Number(1))] = BindingOf(call, 3, 7);
     return SQL_SUCCESS;
 }
 
-SQLRETURN BindCol(Model&, const Call& call, Handle& statement) {
-    statement.columns[static_cast<int>(call.Number(1))] = {
-        .cType = static_cast<int>(call.Number(2)),
-        .data = call.Pointer<char>(3),
-        .bufferLength = static_cast<SQLLEN>(call.Number(4)),
-        .indicators = call.Pointer<SQLLEN>(5)};
+SQLRETURN BindCol(Model&, const Call& call, Handle* statement) {
+    statement->columns[static_cast<int>(call.Number(1))] = BindingOf(call, 2, 3);
     return SQL_SUCCESS;
 }
 
-SQLRETURN RowCount(Model&, const Call& call, Handle& statement) {
-    Put(call.Pointer<SQLLEN>(1), statement.result.rowCount);
+SQLRETURN RowCount(Model&, const Call& call, Handle* statement) {
+    Put(call.Pointer<SQLLEN>(1), statement->result.rowCount);
     return SQL_SUCCESS;
 }
 
@@ -183,8 +139,8 @@ constexpr std::pair<long long, long long Column::*> kNumericFields[] = {
     {SQL_COLUMN_NULLABLE, &Column::nullable},
 };
 
-SQLRETURN ColAttribute(Model&, const Call& call, Handle& statement) {
-    const std::vector<Column>& columns = statement.result.columns;
+SQLRETURN ColAttribute(Model&, const Call& call, Handle* statement) {
+    const std::vector<Column>& columns = statement->result.columns;
     const long long field = call.Number(2);
     auto* const number = call.Pointer<SQLLEN>(6);
     if (field == SQL_COLUMN_COUNT) {
@@ -210,19 +166,6 @@ SQLRETURN ColAttribute(Model&, const Call& call, Handle& statement) {
 
 // --- Fetching ---
 
-std::string TextOf(const Cell& cell) {
-    if (const auto* integer = std::get_if<long long>(&cell.value)) return std::to_string(*integer);
-    if (const auto* real = std::get_if<double>(&cell.value)) {
-        char out[64];
-        return {out, std::to_chars(out, out + sizeof out, *real).ptr};
-    }
-    if (const auto* timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value)) {
-        return FormatTimestamp(*timestamp);
-    }
-    const auto* text = std::get_if<std::string>(&cell.value);
-    return text ? *text : "";
-}
-
 enum class Delivery { Whole, Cut, Impossible };
 
 // Writes a fixed-size value and answers its size.
@@ -234,10 +177,9 @@ SQLLEN PutFixed(const Binding& target, T value) {
 
 template <typename T>
 SQLLEN PutNumber(const Binding& target, const Cell& cell) {
-    if (const auto* integer = std::get_if<long long>(&cell.value)) {
-        return PutFixed(target, static_cast<T>(*integer));
-    }
-    return PutFixed(target, static_cast<T>(std::strtod(TextOf(cell).c_str(), nullptr)));
+    const auto* integer = std::get_if<long long>(&cell.value);
+    return PutFixed(
+        target, integer ? static_cast<T>(*integer) : static_cast<T>(std::get<double>(cell.value)));
 }
 
 constexpr std::pair<int, SQLLEN (*)(const Binding&, const Cell&)> kNumbers[] = {
@@ -247,28 +189,44 @@ constexpr std::pair<int, SQLLEN (*)(const Binding&, const Cell&)> kNumbers[] = {
     {SQL_C_DOUBLE, PutNumber<double>},
 };
 
+std::string TextOf(const Cell& cell) {
+    const auto format = [](int cType, const void* value) {
+        return FindFixed(cType)->format(static_cast<const char*>(value));
+    };
+    if (const auto* text = std::get_if<std::string>(&cell.value)) return *text;
+    if (const auto* integer = std::get_if<long long>(&cell.value)) {
+        return format(SQL_C_SBIGINT, integer);
+    }
+    if (const auto* real = std::get_if<double>(&cell.value)) return format(SQL_C_DOUBLE, real);
+    return format(SQL_C_TIMESTAMP, &std::get<SQL_TIMESTAMP_STRUCT>(cell.value));
+}
+
 // Writes a cell that is not NULL and answers its length.
 Delivery PutValue(const Binding& target, const Cell& cell, SQLLEN& length) {
+    if (target.cType == SQL_C_WCHAR || target.cType == SQL_C_BINARY) {
+        const std::string bytes = TextOf(cell);
+        length = Size(bytes);
+        if (target.cType == SQL_C_WCHAR) {
+            const bool isWhole = PutText(target.data, target.bufferLength, bytes);
+            return isWhole ? Delivery::Whole : Delivery::Cut;
+        }
+        const std::string_view part = CutTo(bytes, target.bufferLength);
+        std::memcpy(target.data, part.data(), part.size());
+        return part.size() < bytes.size() ? Delivery::Cut : Delivery::Whole;
+    }
+    if (std::holds_alternative<std::string>(cell.value)) return Delivery::Impossible;
+    const auto* const timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value);
+    if ((target.cType == SQL_C_TIMESTAMP) != (timestamp != nullptr)) return Delivery::Impossible;
+    if (timestamp) {
+        length = PutFixed(target, *timestamp);
+        return Delivery::Whole;
+    }
     for (const auto& [cType, put] : kNumbers) {
         if (cType != target.cType) continue;
         length = put(target, cell);
         return Delivery::Whole;
     }
-    if (target.cType == SQL_C_TIMESTAMP) {
-        const auto* timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value);
-        if (!timestamp) return Delivery::Impossible;
-        length = PutFixed(target, *timestamp);
-        return Delivery::Whole;
-    }
-    const std::string bytes = TextOf(cell);
-    length = Size(bytes);
-    if (target.cType == SQL_C_WCHAR) {
-        return PutText(target.data, target.bufferLength, bytes) ? Delivery::Whole : Delivery::Cut;
-    }
-    if (target.cType != SQL_C_BINARY) return Delivery::Impossible;
-    const std::string_view part = CutTo(bytes, target.bufferLength);
-    std::memcpy(target.data, part.data(), part.size());
-    return part.size() < bytes.size() ? Delivery::Cut : Delivery::Whole;
+    return Delivery::Impossible;
 }
 
 Delivery Deliver(const Binding& target, const Cell& cell) {
@@ -279,14 +237,14 @@ Delivery Deliver(const Binding& target, const Cell& cell) {
     return delivery;
 }
 
-SQLRETURN Fetch(Model& model, const Call& call, Handle& statement) {
-    if (!statement.isExecuted || statement.result.columns.empty()) return SQL_ERROR;
-    if (statement.nextRow >= statement.result.rows.size()) return SQL_NO_DATA;
-    const std::vector<Cell>& row = statement.result.rows[statement.nextRow++];
+SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
+    if (!statement->isExecuted || statement->result.columns.empty()) return SQL_ERROR;
+    if (statement->nextRow >= statement->result.rows.size()) return SQL_NO_DATA;
+    const std::vector<Cell>& row = statement->result.rows[statement->nextRow++];
     SQLRETURN status = SQL_SUCCESS;
-    for (const auto& [number, target] : statement.columns) {
+    for (const auto& [number, target] : statement->columns) {
         const auto index = static_cast<std::size_t>(number - 1);
-        if (index >= statement.result.columns.size() || !target.data) continue;
+        if (index >= statement->result.columns.size() || !target.data) continue;
         const Delivery delivery = Deliver(target, index < row.size() ? row[index] : Cell{});
         if (delivery == Delivery::Impossible) {
             model.Error(call, "column " + std::to_string(number) +
@@ -300,12 +258,7 @@ SQLRETURN Fetch(Model& model, const Call& call, Handle& statement) {
 
 // --- Diagnostics ---
 
-SQLRETURN Error(Model& model, const Call& call) {
-    if (!call.Handle(0) && !call.Handle(1) && !call.Handle(2)) model.Error(call, "no handle");
-    for (std::size_t i = 0; i < 3; ++i) {
-        const int kind = static_cast<int>(i) + SQL_HANDLE_ENV;
-        if (call.Handle(i) && !Use(model, call, i, kind)) return SQL_INVALID_HANDLE;
-    }
+SQLRETURN Error(Model& model, const Call& call, Handle*) {
     if (model.diagnostics.empty()) return SQL_NO_DATA;
     const Diagnostic diagnostic = std::move(model.diagnostics.front());
     model.diagnostics.pop_front();
@@ -320,31 +273,75 @@ SQLRETURN Error(Model& model, const Call& call) {
     return diagnostic.status;
 }
 
-using Action = SQLRETURN (*)(Model&, const Call&);
-constexpr std::pair<std::string_view, Action> kActions[] = {
-    {"SQLAllocHandle", AllocHandle},
-    {"SQLFreeHandle", FreeHandle},
-    {"SQLSetEnvAttr", CheckEnvironment},
-    {"SQLDriverConnectW", Connect},
-    {"SQLDisconnect", Disconnect},
-    {"SQLErrorW", Error},
-    {"SQLFreeStmt", OnStatement<FreeStmt>},
-    {"SQLSetStmtAttr", OnStatement<SetStmtAttr>},
-    {"SQLPrepareW", OnStatement<Prepare>},
-    {"SQLExecute", OnStatement<Execute>},
-    {"SQLExecDirectW", OnStatement<ExecDirect>},
-    {"SQLBindParameter", OnStatement<BindParameter>},
-    {"SQLBindCol", OnStatement<BindCol>},
-    {"SQLRowCount", OnStatement<RowCount>},
-    {"SQLColAttributeW", OnStatement<ColAttribute>},
-    {"SQLFetch", OnStatement<Fetch>},
+// The functions that are modelled, and the kind of handle that comes first to each; for the others
+// the arguments tell.
+constexpr int kTold = 0;
+struct Action {
+    std::string_view name;
+    int kind;
+    SQLRETURN (*act)(Model&, const Call&, Handle*);
+};
+constexpr Action kActions[] = {
+    {"SQLAllocHandle", kTold, AllocHandle},
+    {"SQLFreeHandle", kTold, FreeHandle},
+    {"SQLErrorW", kTold, Error},
+    {"SQLSetEnvAttr", SQL_HANDLE_ENV, Nothing},
+    {"SQLDriverConnectW", SQL_HANDLE_DBC, Connect},
+    {"SQLDisconnect", SQL_HANDLE_DBC, Disconnect},
+    {"SQLFreeStmt", SQL_HANDLE_STMT, FreeStmt},
+    {"SQLSetStmtAttr", SQL_HANDLE_STMT, SetStmtAttr},
+    {"SQLPrepareW", SQL_HANDLE_STMT, Prepare},
+    {"SQLExecute", SQL_HANDLE_STMT, Execute},
+    {"SQLExecDirectW", SQL_HANDLE_STMT, ExecDirect},
+    {"SQLBindParameter", SQL_HANDLE_STMT, BindParameter},
+    {"SQLBindCol", SQL_HANDLE_STMT, BindCol},
+    {"SQLRowCount", SQL_HANDLE_STMT, RowCount},
+    {"SQLColAttributeW", SQL_HANDLE_STMT, ColAttribute},
+    {"SQLFetch", SQL_HANDLE_STMT, Fetch},
 };
 
+const Action* FindAction(const Call& call) {
+    const auto* const found = std::ranges::find(kActions, call.name, &Action::name);
+    return found == std::end(kActions) ? nullptr : found;
+}
+
 }  // namespace
+
+Binding BindingOf(const Call& call, std::size_t cType, std::size_t data) {
+    return {.cType = static_cast<int>(call.Number(cType)),
+            .data = call.Pointer<char>(data),
+            .bufferLength = static_cast<SQLLEN>(call.Number(data + 1)),
+            .indicators = call.Pointer<SQLLEN>(data + 2)};
+}
+
+Target TargetOf(const Call& call) {
+    if (call.name == "SQLAllocHandle") {
+        return {call.Handle(1), static_cast<int>(call.Number(0)) - 1};
+    }
+    if (call.name == "SQLFreeHandle") return {call.Handle(1), static_cast<int>(call.Number(0))};
+    if (call.name == "SQLErrorW") {
+        std::size_t i = 0;
+        while (i < 2 && !call.Handle(i)) ++i;
+        return {call.Handle(i), static_cast<int>(i) + SQL_HANDLE_ENV};
+    }
+    const Action* const action = FindAction(call);
+    return {call.Handle(0), action ? action->kind : SQL_HANDLE_STMT};
+}
 
 const Handle* Model::Find(SQLHANDLE handle) const {
     const auto found = handles.find(handle);
     return found == handles.end() ? nullptr : &found->second;
+}
+
+Handle* Model::Use(const Call& call) {
+    const auto [target, kind] = TargetOf(call);
+    const auto found = handles.find(target);
+    if (found != handles.end() && found->second.isLive && found->second.kind == kind) {
+        return &found->second;
+    }
+    Error(call,
+          FormatHandle(*this, target) + " is not a live handle of kind " + std::to_string(kind));
+    return nullptr;
 }
 
 void Model::Error(const Call& call, const std::string& what) {
@@ -353,8 +350,10 @@ void Model::Error(const Call& call, const std::string& what) {
 }
 
 SQLRETURN Act(Model& model, const Call& call) {
-    for (const auto& [name, action] : kActions) {
-        if (name == call.name) return action(model, call);
-    }
-    return SQL_SUCCESS;
+    const Action* const action = FindAction(call);
+    if (!action) return SQL_SUCCESS;
+    const bool isFirst = action->act == AllocHandle && call.Number(0) <= SQL_HANDLE_ENV;
+    Handle* const handle = isFirst ? nullptr : model.Use(call);
+    if (!isFirst && !handle) return SQL_INVALID_HANDLE;
+    return action->act(model, call, handle);
 }

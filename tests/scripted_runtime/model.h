@@ -58,6 +58,9 @@ struct Binding {
     SQLLEN* indicators = nullptr;
 };
 
+// The binding that a call brings, from where its C type and its buffer are among the arguments.
+Binding BindingOf(const Call& call, std::size_t cType, std::size_t data);
+
 struct Handle {
     int kind = 0;
     int number = 0;
@@ -100,9 +103,23 @@ struct Model {
     int errors = 0;
 
     const Handle* Find(SQLHANDLE handle) const;
+    // The live handle that the call is on, or null and a logged misuse.
+    Handle* Use(const Call& call);
     // Logs a misuse of the runtime.
     void Error(const Call& call, const std::string& what);
 };
+
+// The handle that a call is on, and the kind that it has to be of.
+struct Target {
+    SQLHANDLE handle;
+    int kind;
+};
+Target TargetOf(const Call& call);
+
+template <typename T>
+void Put(T* target, long long value) {
+    if (target) *target = static_cast<T>(value);
+}
 
 // Carries a call out. Functions without a model succeed without effect.
 SQLRETURN Act(Model& model, const Call& call);
