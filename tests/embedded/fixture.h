@@ -99,6 +99,9 @@ class Statement {
                                  0);
     }
 
+    /// The state of a call that failed; "" for any other.
+    std::string stateOf(SQLRETURN result) { return result == SQL_ERROR ? error().state : ""; }
+
     SQLLEN rowCount() {
         SQLLEN count = -99;
         RT_SQLRowCount(kDriver, handle, &count);
