@@ -1,10 +1,12 @@
 """Fixtures of the tests on the embedded runtime: a database file, and two views of it."""
 
 import os
+import shutil
 import sqlite3
 
 import pytest
 
+import vorda
 from vorda import zelqa
 
 
@@ -39,3 +41,11 @@ def stdlib(path, connection):
     other = sqlite3.connect(path, isolation_level=None)
     yield other
     other.close()
+
+
+@pytest.fixture
+def package(tmp_path):
+    """A copy of the package without its runtime."""
+    target = tmp_path / "python" / "vorda"
+    shutil.copytree(os.path.dirname(vorda.__file__), target, ignore=shutil.ignore_patterns("libvordart*"))
+    return target

@@ -71,25 +71,6 @@ def test_what_cannot_be_bound_executes_nothing(table, stdlib):
     assert stored(stdlib) == []
 
 
-def test_inside_a_transaction_only_the_batch_is_undone(table, stdlib):
-    table.execute("BEGIN")
-    table.execute("INSERT INTO t (a) VALUES (1)")
-    table.executemany("INSERT INTO t (a) VALUES (?)", [(2,), (3,)])
-    with pytest.raises(zelqa.DatabaseError):
-        table.executemany("INSERT INTO t (a) VALUES (?)", [(4,), (1,)])
-    assert stored(stdlib, "a") == []  # nothing is committed yet
-    table.execute("COMMIT")
-    assert stored(stdlib, "a") == [(1,), (2,), (3,)]
-
-
-def test_counts_are_summed_up(table, stdlib):
-    table.executemany("INSERT INTO t (a, c) VALUES (?, ?)", [(i, i % 3) for i in range(9)])
-    table.executemany("UPDATE t SET b = ? WHERE c = ?", [("x", 1), ("y", 2), ("z", 5)])
-    assert table.rowcount == 6
-    table.executemany("DELETE FROM t WHERE c = ?", [(7,), (8,)])
-    assert table.rowcount == 0
-
-
 @pytest.mark.parametrize("journal", ["DELETE", "WAL"])
 def test_a_batch_kept_out_by_a_lock_leaves_no_transaction_behind(path, stdlib, table, journal):
     stdlib.execute("PRAGMA journal_mode = " + journal)

@@ -24,13 +24,6 @@ def doctor(*arguments, folder=os.path.join(BUILD, "python"), status=0, **environ
     return done.stdout
 
 
-@pytest.fixture
-def package(tmp_path):
-    """A copy of the package without its runtime."""
-    shutil.copytree(PACKAGE, tmp_path / "python" / "vorda", ignore=shutil.ignore_patterns("libvordart*"))
-    return tmp_path / "python" / "vorda"
-
-
 def test_a_good_installation():
     report = doctor("Database=:memory:;Password={hunter;2}")
     assert report.index("1. by the loader") < report.index("2. in the fixed") < report.index("3. beside the module")
