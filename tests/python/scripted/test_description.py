@@ -43,7 +43,7 @@ def test_items(runtime, cursor):
 
 
 @pytest.mark.parametrize("name, shown", [
-    ("\u20ac" * 60, "\u20ac" * 42 + "\ufffd"), (b"caf\xe9", "caf\ufffd"), ("x" * 5000, "x" * 127)])
+    ("\u20ac" * 60, "\u20ac" * 42 + "\ufffd"), (b"caf\xe9", "caf\ufffd"), ("x" * 128, "x" * 127)])
 def test_names_never_fail(runtime, cursor, name, shown):
     runtime.result(Column(name), rows=[[7]])
     assert cursor.execute("SELECT a").description[0][0] == shown

@@ -1,7 +1,6 @@
 """executemany: arrays bound column by column, one execution, and nothing half done."""
 
 import datetime
-import random
 
 import pytest
 
@@ -157,21 +156,3 @@ def test_nothing_is_executed_half(runtime, cursor, rows, message, row, position)
             cursor.executemany(INSERT, given)
     assert runtime.count("SQLExecute") == 0
     assert_single_again(runtime, cursor)
-
-
-def test_random_batches_arrive_as_they_are(runtime, cursor):
-    """Whatever the widths of the texts: every slot starts and ends where it should."""
-    pick = random.Random(20240229)
-
-    def text(longest):
-        return "".join(pick.choices("a\u00e9\u20ac\U0001f600", k=pick.randrange(longest)))
-    for _ in range(150):
-        rows = [(text(12), pick.randrange(-2 ** 63, 2 ** 63), text(4))
-                for _ in range(pick.randrange(1, 40))]
-        cursor.executemany("INSERT INTO t VALUES (?, ?, ?)", rows)
-        texts = [['"%s"' % row[0] for row in rows], [str(row[1]) for row in rows],
-                 ['"%s"' % row[2] for row in rows]]
-        lengths = [[len(row[0].encode()) for row in rows], [8] * len(rows),
-                   [len(row[2].encode()) for row in rows]]
-        assert bound(runtime) == ["%d: values=[%s], lens=[%s]" % (
-            i + 1, ", ".join(texts[i]), str(lengths[i])[1:-1]) for i in range(3)]

@@ -221,16 +221,6 @@ def release(hook, cursor):
     row[0] = watch
 
 
-def collect(hook, cursor):
-    gc.callbacks.append(lambda phase, info: hook())
-    with changed(gc.set_threshold, 1, gc.get_threshold()[0]):
-        try:
-            cursor.fetchall()
-            gc.collect()
-        finally:
-            gc.callbacks.pop()
-
-
 PAIR = UPDATE + ", b = ?"
 TEXTS, PAIRS = ['"text"'] * 2, ["5, 5", '"text", "text"']
 CALLS = {  # with the values that are to be executed last
@@ -244,7 +234,7 @@ CALLS = {  # with the values that are to be executed last
     "size": (lambda hook, cursor: cursor.fetchmany(evil(hook, "__index__", Plain)), None),
     "arraysize": (lambda hook, cursor: setattr(cursor, "arraysize", evil(hook, "__index__", Plain)), None)}
 CALLS.update((call.__name__, (call, None)) for call in (
-    handle_signal, profile, decode, release, collect))
+    handle_signal, profile, decode, release))
 for method in "__len__", "__getitem__":
     CALLS.update({
         "execute" + method: (lambda hook, cursor, method=method: cursor.execute(
