@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <regex>
 
 #include "fuzz.h"
@@ -90,37 +91,46 @@ void checkNumber(double value, std::int64_t integer) {
     if (exact) require(static_cast<long double>(whole) == wide, "the whole number");
 }
 
-bool isTemporal(const std::string& text) {
-    static const std::string kTime = R"((?:[01]\d|2[0-3]):[0-5]\d(?::[0-5]\d(?:\.\d{1,9}0*)?)?)";
-    static const std::regex kShape(R"((\d{4})-(\d\d)-(\d\d)(?:[ T])" + kTime + ")?|" + kTime);
+std::optional<Temporal> temporalOf(const std::string& text) {
+    static const std::regex kShape(R"((?:(\d{4})-(\d\d)-(\d\d))?([ T])?)"
+                                   R"((?:(\d\d):([0-5]\d)(?::([0-5]\d)(?:\.(\d{1,9})0*)?)?)?)");
     std::smatch part;
-    if (!std::regex_match(text, part, kShape)) return false;
-    if (!part[1].matched) return true;
-    const std::chrono::year_month_day date(
-        std::chrono::year(std::stoi(part[1])),
-        std::chrono::month(static_cast<unsigned>(std::stoi(part[2]))),
-        std::chrono::day(static_cast<unsigned>(std::stoi(part[3]))));
-    return date.ok() && date.year() != std::chrono::year(0);
+    if (text.empty() || !std::regex_match(text, part, kShape)) return std::nullopt;
+    const bool dated = part[1].matched;
+    const bool timed = part[5].matched;
+    if (part[4].matched != (dated && timed)) return std::nullopt;
+    const auto number = [&](std::size_t i) { return part[i].matched ? std::stoi(part[i]) : 0; };
+    const std::string fraction = (part[8].str() + "000000000").substr(0, 9);
+    const DateTime value{number(1),
+                         number(2),
+                         number(3),
+                         number(5),
+                         number(6),
+                         number(7),
+                         static_cast<std::uint32_t>(std::stoi(fraction))};
+    const std::chrono::year_month_day date(std::chrono::year(value.year),
+                                           std::chrono::month(static_cast<unsigned>(value.month)),
+                                           std::chrono::day(static_cast<unsigned>(value.day)));
+    if (value.hour > 23 || (dated && (!date.ok() || value.year == 0))) return std::nullopt;
+    return Temporal{!timed  ? TemporalShape::Date
+                    : dated ? TemporalShape::Both
+                            : TemporalShape::Time,
+                    value};
 }
 
 void checkTemporal(std::string_view text) {
+    const auto expected = temporalOf(std::string(text));
     const auto parsed = parseTemporal(text);
-    require(parsed.has_value() == isTemporal(std::string(text)), "what is a date or time");
+    require(parsed.has_value() == expected.has_value(), "what is a date or time");
     if (!parsed) return;
-    const bool date = parsed->shape != TemporalShape::Time;
-    const std::string again = parsed->shape == TemporalShape::Date ? formatDate(parsed->value)
-                              : date                               ? formatDateTime(parsed->value)
-                                                                   : formatTime(parsed->value);
-    // Zeros at the end of a fraction, seconds that were left out and the T may differ.
-    const std::size_t sure = std::min<std::size_t>(date ? 16 : 5, again.size());
-    std::string_view seen = again;
-    for (std::size_t i = 0; i < sure; ++i) {
-        require(seen[i] == (text[i] == 'T' ? ' ' : text[i]), "a date or time reads back");
-    }
-    const std::size_t common = std::min(seen.size(), text.size());
-    require(seen.substr(sure, common - sure) == text.substr(sure, common - sure), "its seconds");
-    const std::string_view more = seen.size() > common ? seen.substr(common) : text.substr(common);
-    require(more.find_first_not_of(":.0") == std::string_view::npos, "its fraction");
+    const DateTime& value = expected->value;
+    require(parsed->shape == expected->shape, "which of them");
+    char whole[48];
+    std::snprintf(whole, sizeof whole, "%04d-%02d-%02d %02d:%02d:%02d.%09u", value.year,
+                  value.month, value.day, value.hour, value.minute, value.second, value.nanosecond);
+    // No fraction when it is zero, six digits when those are enough.
+    const std::size_t length = value.nanosecond == 0 ? 19 : value.nanosecond % 1000 == 0 ? 26 : 29;
+    requireSame(formatDateTime(parsed->value), {whole, length}, "a date and time reads back");
 }
 
 std::size_t longestWhole(std::string_view text, std::size_t limit) {
