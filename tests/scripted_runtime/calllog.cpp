@@ -16,6 +16,13 @@ T Load(const char* from) {
     return value;
 }
 
+template <typename... T>
+std::string Printed(const char* format, T... values) {
+    char out[64];
+    std::snprintf(out, sizeof out, format, values...);
+    return out;
+}
+
 std::string Quoted(std::string_view text) {
     std::string out = "\"";
     for (const char c : text) {
@@ -24,9 +31,7 @@ std::string Quoted(std::string_view text) {
         } else if (c == '"' || c == '\\') {
             out += {'\\', c};
         } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[5];
-            std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
-            out += escaped;
+            out += Printed("\\x%02x", static_cast<unsigned char>(c));
         } else {
             out += c;
         }
@@ -36,11 +41,7 @@ std::string Quoted(std::string_view text) {
 
 std::string Hex(std::string_view bytes) {
     std::string out = "x'";
-    for (const char c : bytes) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", static_cast<unsigned char>(c));
-        out += digits;
-    }
+    for (const char c : bytes) out += Printed("%02x", static_cast<unsigned char>(c));
     return out + '\'';
 }
 
@@ -53,24 +54,18 @@ std::string Number(const char* data) {
 
 std::string Date(const char* data) {
     const auto d = Load<SQL_DATE_STRUCT>(data);
-    char out[32];
-    std::snprintf(out, sizeof out, "%04d-%02d-%02d", d.year, d.month, d.day);
-    return out;
+    return Printed("%04d-%02d-%02d", d.year, d.month, d.day);
 }
 
 std::string Time(const char* data) {
     const auto t = Load<SQL_TIME_STRUCT>(data);
-    char out[32];
-    std::snprintf(out, sizeof out, "%02d:%02d:%02d", t.hour, t.minute, t.second);
-    return out;
+    return Printed("%02d:%02d:%02d", t.hour, t.minute, t.second);
 }
 
 std::string Timestamp(const char* data) {
     const auto t = Load<SQL_TIMESTAMP_STRUCT>(data);
-    char out[64];
-    std::snprintf(out, sizeof out, "%04d-%02d-%02d %02d:%02d:%02d.%09u", t.year, t.month, t.day,
-                  t.hour, t.minute, t.second, static_cast<unsigned>(t.fraction));
-    return out;
+    return Printed("%04d-%02d-%02d %02d:%02d:%02d.%09u", t.year, t.month, t.day, t.hour, t.minute,
+                   t.second, static_cast<unsigned>(t.fraction));
 }
 
 constexpr FixedType kFixedTypes[] = {

@@ -19,7 +19,7 @@ struct Script {
     std::map<std::string, int, std::less<>> counts;
     std::map<std::pair<std::string, int>, ScriptedAnswer> answers;
     scripted_handler_function handler = nullptr;
-    std::optional<Hostile> hostile;
+    Answers hostile;
     std::string lastPath;
     std::string joinedLog;
 };
@@ -50,12 +50,13 @@ const ScriptedAnswer* FindAnswer(const Script& script, const std::string& name, 
     return nullptr;
 }
 
-SQLRETURN RunHandler(const Script& script, const Call& call, bool& isAnswered) {
+// What the handler answers, if it does.
+std::optional<SQLRETURN> RunHandler(const Script& script, const Call& call) {
     std::vector<long long> values;
     for (const Argument& argument : call.arguments) values.push_back(argument.value);
     int status = SQL_SUCCESS;
-    isAnswered = script.handler(call.name.data(), values.data(), static_cast<int>(values.size()),
-                                &status) == 1;
+    const auto count = static_cast<int>(values.size());
+    if (script.handler(call.name.data(), values.data(), count, &status) != 1) return std::nullopt;
     return static_cast<SQLRETURN>(status);
 }
 
@@ -86,14 +87,12 @@ SQLRETURN Answer(const char* path, const Call& call) {
     LogCall(script.model, call);
 
     if (script.hostile) {
-        const SQLRETURN status = script.hostile->Answer(script.model, call);
+        const SQLRETURN status = script.hostile(script.model, call);
         script.model.log[line] += " = " + std::to_string(status);
         return status;
     }
     if (script.handler) {
-        bool isAnswered = false;
-        const SQLRETURN status = RunHandler(script, call, isAnswered);
-        if (isAnswered) return status;
+        if (const auto status = RunHandler(script, call)) return *status;
     }
     const ScriptedAnswer* const answer = FindAnswer(script, name, nth);
     if (answer && !answer->actsFirst) return answer->status;
@@ -149,7 +148,7 @@ void scripted_handler(scripted_handler_function handler) {
 }
 
 void scripted_hostile(unsigned long long seed) {
-    TheScript().hostile.emplace(seed);
+    TheScript().hostile = HostileAnswers(seed);
 }
 
 void scripted_diag(const char* state, int native, const char* text, int reported_length,

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <iterator>
+#include <random>
 #include <utility>
 
 #include "calllog.h"
@@ -63,240 +64,276 @@ SQLRETURN NewHandle(Model& model, const Call& call) {
     return status;
 }
 
+class Hostile {
+  public:
+    explicit Hostile(std::uint64_t seed) : m_random(seed) {
+        m_rate = Pick(kRates);
+        m_subjects = static_cast<unsigned>(Below(64)) | 1U << Below(6);
+        m_isEndless = (m_subjects & Counts) != 0 && Chance(0.2);
+        if (Chance(0.2)) m_habit = ModelledFunction(m_random());
+    }
+
+    SQLRETURN Answer(Model& model, const Call& call) {
+        const double rate = m_rate;
+        if (call.name == m_habit) m_rate = 0.7;
+        SQLRETURN status = SQL_SUCCESS;
+        if (call.name == "SQLAllocHandle") {
+            status = Alloc(model, call);
+        } else if (m_gaveNone && !TargetOf(call).handle) {
+            status = Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
+        } else {
+            Handle* const handle = model.Use(call);
+            status = handle ? Do(model, call, *handle) : SQLRETURN{SQL_INVALID_HANDLE};
+        }
+        m_rate = rate;
+        return status;
+    }
+
+  private:
+    enum Subject : unsigned {
+        Statuses = 1,
+        Handles = 2,
+        Metadata = 4,
+        Cells = 8,
+        Diags = 16,
+        Counts = 32
+    };
+
+    std::uint64_t Below(std::uint64_t limit) { return m_random() % limit; }
+    bool Chance(double probability) {
+        return static_cast<double>(Below(10000)) < probability * 10000;
+    }
+    template <typename T, std::size_t N>
+    T Pick(const T (&choices)[N]) {
+        return choices[Below(N)];
+    }
+    bool Lies(Subject subject) { return (m_subjects & subject) != 0 && Chance(m_rate); }
+    long long AnyNumber() {
+        const std::uint64_t number = Pick(kLimits) + Below(7) - 3;
+        return static_cast<long long>(Chance(0.3) ? 0 - number : number);
+    }
+
+    SQLRETURN AnyStatus() {
+        return Chance(0.9) ? Pick(kStatuses) : static_cast<SQLRETURN>(m_random());
+    }
+
+    std::string AnyBytes(std::size_t size) {
+        std::string bytes(size, '\0');
+        const bool isAscii = Chance(0.5);
+        for (char& byte : bytes) byte = static_cast<char>(isAscii ? 'a' + Below(26) : Below(256));
+        return bytes;
+    }
+
+    std::string AnyText() {
+        constexpr std::size_t kSizes[] = {60, 126, 127, 128, 129, 300, 2046, 2047, 2048, 3000};
+        return Chance(0.85) ? Pick(kTexts) : std::string(Pick(kSizes), 'x') + Pick(kTexts);
+    }
+
+    SQLRETURN Do(Model& model, const Call& call, Handle& handle) {
+        if (call.name == "SQLErrorW") return Error(call);
+        if (call.name == "SQLFreeHandle" || call.name == "SQLFreeStmt" ||
+            call.name == "SQLDisconnect") {
+            return Free(model, call, handle);
+        }
+        const bool isLie = Lies(Statuses);
+        const SQLRETURN lie = AnyStatus();
+        if (call.name == "SQLSetStmtAttr") {
+            // What is said to be set is set: the caller's memory depends on it.
+            if (!handle.isAliased && (!isLie || OdbcSucceeded(lie) || Chance(0.5)))
+                Act(model, call);
+            return isLie ? lie : SQLRETURN{SQL_SUCCESS};
+        }
+        if (isLie && Chance(0.5)) return lie;
+
+        SQLRETURN status = SQL_SUCCESS;
+        if (call.name.starts_with("SQLExec")) {
+            status = Execute(model, call);
+        } else if (call.name == "SQLColAttributeW") {
+            status = ColAttribute(model, call);
+        } else if (call.name == "SQLRowCount" && Lies(Counts)) {
+            Put(call.Pointer<SQLLEN>(1), AnyNumber());
+        } else if (call.name == "SQLFetch") {
+            status = Fetch(handle);
+            // Past the bound nothing more is said than that there are no rows.
+            if (m_fetched > kMostRows) return SQL_NO_DATA;
+        } else if (!call.name.starts_with("SQLBind") || !handle.isAliased) {
+            status = Act(model, call);
+        }
+        return isLie ? lie : status;
+    }
+
+    SQLRETURN Alloc(Model& model, const Call& call) {
+        auto* const output = call.Pointer<SQLHANDLE>(2);
+        const bool isBelowNone = call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1);
+        if (isBelowNone && m_gaveNone) return SQL_INVALID_HANDLE;
+        if (!Lies(Handles)) return NewHandle(model, call);
+        switch (Below(5)) {
+            case 0:
+                return SQL_ERROR;
+            case 1:  // Not a handle, and said not to be.
+                *output = reinterpret_cast<SQLHANDLE>(0xdead0);
+                return SQL_ERROR;
+            case 2:
+                m_gaveNone = true;
+                if (Chance(0.5)) *output = nullptr;
+                return Chance(0.5) ? SQLRETURN{SQL_SUCCESS} : Pick(kDoubtful);
+            case 3:
+                for (auto& [key, handle] : model.handles) {
+                    if (!handle.isLive || handle.isDoubtful || handle.kind != call.Number(0) ||
+                        handle.parent != call.Handle(1)) {
+                        continue;
+                    }
+                    ++handle.references;
+                    handle.isAliased = true;
+                    Forget(handle);
+                    *output = key;
+                    return SQL_SUCCESS;
+                }
+                return NewHandle(model, call);
+            default:
+                if (!OdbcSucceeded(NewHandle(model, call))) return SQL_ERROR;
+                model.handles[*output].isDoubtful = true;
+                return Pick(kDoubtful);
+        }
+    }
+
+    // Always done, whatever the status says: the caller cannot do more than ask.
+    SQLRETURN Free(Model& model, const Call& call, Handle& handle) {
+        const SQLRETURN lie = AnyStatus();
+        const bool isLie = Lies(Statuses);
+        SQLRETURN status = SQL_SUCCESS;
+        if (call.name == "SQLFreeStmt" && call.Number(1) != SQL_DROP) {
+            // Unless it says that it did not: then it may still look at the old buffers.
+            if (!isLie || OdbcSucceeded(lie)) status = Act(model, call);
+        } else if (call.name == "SQLDisconnect") {
+            if (++handle.disconnects > handle.references) model.Error(call, "disconnected twice");
+            if (handle.references == 1) status = Act(model, call);
+        } else if (handle.references > 1) {
+            --handle.references;
+            handle.disconnects = 0;
+        } else {
+            status = Act(model, call);
+            // A handle that was not said to be one is not said to be freed either.
+            if (handle.isDoubtful) return SQL_INVALID_HANDLE;
+        }
+        return isLie ? lie : status;
+    }
+
+    Result AnyResult() {
+        Result result;
+        const std::size_t columns = Chance(0.05) ? Below(300) : Below(6);
+        const bool hasOneType = Chance(0.2);
+        const long long type = Pick(kTypes);
+        for (std::size_t i = 0; i < columns; ++i) {
+            result.columns.push_back(
+                {.name = Chance(0.8) ? std::string(1, static_cast<char>('a' + i % 26)) : AnyText(),
+                 .sqlType = hasOneType ? type : Pick(kTypes),
+                 .length = static_cast<long long>(Below(4000)),
+                 .precision = static_cast<long long>(Below(40)),
+                 .scale = static_cast<long long>(Below(10)),
+                 .nullable = static_cast<long long>(Below(3)),
+                 .nameLength = {}});
+        }
+        result.rowCount = static_cast<SQLLEN>(Below(10)) - 1;
+        return result;
+    }
+
+    SQLRETURN Execute(Model& model, const Call& call) {
+        model.results.clear();
+        model.results.push_back(AnyResult());
+        const SQLRETURN status = Act(model, call);
+        // Here, the number of rows to come.
+        model.handles[call.Handle(0)].nextRow = Below(6);
+        return status;
+    }
+
+    SQLRETURN ColAttribute(Model& model, const Call& call) {
+        if (!Lies(Metadata)) return Act(model, call);
+        if (call.Number(2) != SQL_COLUMN_NAME) {
+            const bool isType = call.Number(2) == SQL_COLUMN_TYPE && Chance(0.5);
+            long long number = isType ? Pick(kTypes) : AnyNumber();
+            // Thousands of columns take their time, so they are rare.
+            if (number > 300 && number <= SHRT_MAX && Chance(0.9)) number = -number;
+            Put(call.Pointer<SQLLEN>(6), number);
+            return SQL_SUCCESS;
+        }
+        const auto room = static_cast<std::size_t>(std::max(call.Number(4), 0LL));
+        if (Chance(0.7)) PutBytes(call.Pointer<char>(3), room, AnyBytes(room));
+        Put(call.Pointer<SQLSMALLINT>(5), AnyNumber());
+        return Chance(0.5) ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+    }
+
+    // False when the value was cut.
+    bool Deliver(const Binding& target) {
+        if (!target.data) return true;
+        const std::size_t room = RoomOf(target);
+        long long length = static_cast<long long>(room);
+        if (Lies(Cells)) {
+            PutBytes(target.data, room, AnyBytes(room));
+            if (Chance(0.5)) length = AnyNumber();
+        } else if (target.cType == SQL_C_TIMESTAMP) {
+            const SQL_TIMESTAMP_STRUCT stamp{
+                2024, 2, 29, 23, 59, 59, static_cast<SQLUINTEGER>(Below(1'000'000'000))};
+            std::memcpy(target.data, &stamp, sizeof stamp);
+        } else if (target.bufferLength > 0) {
+            const std::string text = AnyText();
+            PutBytes(target.data, room, text + '\0');
+            if (text.size() >= room) target.data[room - 1] = '\0';
+            length = Chance(0.05) ? SQL_NO_TOTAL : static_cast<long long>(text.size());
+        } else {
+            PutBytes(target.data, room, AnyBytes(room));
+        }
+        if (Chance(0.1)) length = SQL_NULL_DATA;
+        if (Lies(Cells)) length = AnyNumber();
+        Put(target.indicators, length);
+        return target.bufferLength == 0 || length < target.bufferLength;
+    }
+
+    SQLRETURN Fetch(Handle& statement) {
+        if (++m_fetched > kMostRows) return SQL_NO_DATA;
+        if (!statement.isExecuted || statement.result.columns.empty()) {
+            if (!Lies(Statuses)) return SQL_ERROR;
+        } else if (statement.nextRow == 0 && !m_isEndless) {
+            return SQL_NO_DATA;
+        }
+        if (statement.nextRow > 0) --statement.nextRow;
+        bool isWhole = true;
+        for (const auto& [number, target] : statement.columns) isWhole = Deliver(target) && isWhole;
+        return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+    }
+
+    SQLRETURN Error(const Call& call) {
+        const auto room = static_cast<std::size_t>(std::max(call.Number(6), 0LL));
+        constexpr std::size_t kStateSize = 6;
+        PutBytes(call.Pointer<char>(3), kStateSize, Lies(Diags) ? AnyBytes(kStateSize) : "HY000");
+        Put(call.Pointer<SQLINTEGER>(4), Lies(Diags) ? AnyNumber() : 7);
+        std::string text = AnyText();
+        if (Lies(Diags)) text = AnyBytes(room);
+        const bool isWhole = text.size() < room;
+        PutBytes(call.Pointer<char>(5), room, isWhole ? text + '\0' : text);
+        Put(call.Pointer<SQLSMALLINT>(7),
+            Lies(Diags) ? AnyNumber() : static_cast<long long>(text.size()));
+        if (Lies(Diags)) return AnyStatus();
+        return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+    }
+
+    std::mt19937_64 m_random;
+    double m_rate = 0;
+    unsigned m_subjects = 0;
+    // The function that lies most of the time, if any.
+    std::string_view m_habit;
+    bool m_isEndless = false;
+    // Rows handed out so far; bounded, so that whoever wants all rows of an endless result gets
+    // done.
+    int m_fetched = 0;
+    // An allocation brought no handle: from then on null ones are used, which only earns a status.
+    bool m_gaveNone = false;
+};
+
 }  // namespace
 
-Hostile::Hostile(std::uint64_t seed) : m_random(seed) {
-    m_rate = Pick(kRates);
-    m_subjects = static_cast<unsigned>(Below(64)) | 1U << Below(6);
-    m_isEndless = (m_subjects & Counts) != 0 && Chance(0.2);
-    static constexpr std::string_view kHabits[] = {
-        "SQLAllocHandle", "SQLFreeHandle",    "SQLDriverConnectW", "SQLDisconnect",
-        "SQLErrorW",      "SQLFreeStmt",      "SQLSetStmtAttr",    "SQLPrepareW",
-        "SQLExecute",     "SQLExecDirectW",   "SQLBindParameter",  "SQLBindCol",
-        "SQLRowCount",    "SQLColAttributeW", "SQLFetch"};
-    if (Chance(0.2)) m_habit = Pick(kHabits);
-}
-
-long long Hostile::AnyNumber() {
-    const std::uint64_t number = Pick(kLimits) + Below(7) - 3;
-    return static_cast<long long>(Chance(0.3) ? 0 - number : number);
-}
-
-SQLRETURN Hostile::AnyStatus() {
-    return Chance(0.9) ? Pick(kStatuses) : static_cast<SQLRETURN>(m_random());
-}
-
-std::string Hostile::AnyBytes(std::size_t size) {
-    std::string bytes(size, '\0');
-    const bool isAscii = Chance(0.5);
-    for (char& byte : bytes) byte = static_cast<char>(isAscii ? 'a' + Below(26) : Below(256));
-    return bytes;
-}
-
-std::string Hostile::AnyText() {
-    constexpr std::size_t kSizes[] = {60, 126, 127, 128, 129, 300, 2046, 2047, 2048, 3000};
-    return Chance(0.85) ? Pick(kTexts) : std::string(Pick(kSizes), 'x') + Pick(kTexts);
-}
-
-SQLRETURN Hostile::Answer(Model& model, const Call& call) {
-    const double rate = m_rate;
-    if (call.name == m_habit) m_rate = 0.7;
-    SQLRETURN status = SQL_SUCCESS;
-    if (call.name == "SQLAllocHandle") {
-        status = Alloc(model, call);
-    } else if (m_gaveNone && !TargetOf(call).handle) {
-        status = Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
-    } else {
-        Handle* const handle = model.Use(call);
-        status = handle ? Do(model, call, *handle) : SQLRETURN{SQL_INVALID_HANDLE};
-    }
-    m_rate = rate;
-    return status;
-}
-
-SQLRETURN Hostile::Do(Model& model, const Call& call, Handle& handle) {
-    if (call.name == "SQLErrorW") return Error(call);
-    if (call.name == "SQLFreeHandle" || call.name == "SQLFreeStmt" ||
-        call.name == "SQLDisconnect") {
-        return Free(model, call, handle);
-    }
-    const bool isLie = Lies(Statuses);
-    const SQLRETURN lie = AnyStatus();
-    if (call.name == "SQLSetStmtAttr") {
-        // What is said to be set is set: the caller's memory depends on it.
-        if (!handle.isAliased && (!isLie || OdbcSucceeded(lie) || Chance(0.5))) Act(model, call);
-        return isLie ? lie : SQLRETURN{SQL_SUCCESS};
-    }
-    if (isLie && Chance(0.5)) return lie;
-
-    SQLRETURN status = SQL_SUCCESS;
-    if (call.name.starts_with("SQLExec")) {
-        status = Execute(model, call);
-    } else if (call.name == "SQLColAttributeW") {
-        status = ColAttribute(model, call);
-    } else if (call.name == "SQLRowCount" && Lies(Counts)) {
-        Put(call.Pointer<SQLLEN>(1), AnyNumber());
-    } else if (call.name == "SQLFetch") {
-        status = Fetch(handle);
-        // Past the bound nothing more is said than that there are no rows.
-        if (m_fetched > kMostRows) return SQL_NO_DATA;
-    } else if (!call.name.starts_with("SQLBind") || !handle.isAliased) {
-        status = Act(model, call);
-    }
-    return isLie ? lie : status;
-}
-
-SQLRETURN Hostile::Alloc(Model& model, const Call& call) {
-    auto* const output = call.Pointer<SQLHANDLE>(2);
-    const bool isBelowNone = call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1);
-    if (isBelowNone && m_gaveNone) return SQL_INVALID_HANDLE;
-    if (!Lies(Handles)) return NewHandle(model, call);
-    switch (Below(5)) {
-        case 0:
-            return SQL_ERROR;
-        case 1:  // Not a handle, and said not to be.
-            *output = reinterpret_cast<SQLHANDLE>(0xdead0);
-            return SQL_ERROR;
-        case 2:
-            m_gaveNone = true;
-            if (Chance(0.5)) *output = nullptr;
-            return Chance(0.5) ? SQLRETURN{SQL_SUCCESS} : Pick(kDoubtful);
-        case 3:
-            for (auto& [key, handle] : model.handles) {
-                if (!handle.isLive || handle.isDoubtful || handle.kind != call.Number(0) ||
-                    handle.parent != call.Handle(1)) {
-                    continue;
-                }
-                ++handle.references;
-                handle.isAliased = true;
-                Forget(handle);
-                *output = key;
-                return SQL_SUCCESS;
-            }
-            return NewHandle(model, call);
-        default:
-            if (!OdbcSucceeded(NewHandle(model, call))) return SQL_ERROR;
-            model.handles[*output].isDoubtful = true;
-            return Pick(kDoubtful);
-    }
-}
-
-// Always done, whatever the status says: the caller cannot do more than ask.
-SQLRETURN Hostile::Free(Model& model, const Call& call, Handle& handle) {
-    const SQLRETURN lie = AnyStatus();
-    const bool isLie = Lies(Statuses);
-    SQLRETURN status = SQL_SUCCESS;
-    if (call.name == "SQLFreeStmt" && call.Number(1) != SQL_DROP) {
-        // Unless it says that it did not: then it may still look at the old buffers.
-        if (!isLie || OdbcSucceeded(lie)) status = Act(model, call);
-    } else if (call.name == "SQLDisconnect") {
-        if (++handle.disconnects > handle.references) model.Error(call, "disconnected twice");
-        if (handle.references == 1) status = Act(model, call);
-    } else if (handle.references > 1) {
-        --handle.references;
-        handle.disconnects = 0;
-    } else {
-        status = Act(model, call);
-        // A handle that was not said to be one is not said to be freed either.
-        if (handle.isDoubtful) return SQL_INVALID_HANDLE;
-    }
-    return isLie ? lie : status;
-}
-
-Result Hostile::AnyResult() {
-    Result result;
-    const std::size_t columns = Chance(0.05) ? Below(300) : Below(6);
-    const bool hasOneType = Chance(0.2);
-    const long long type = Pick(kTypes);
-    for (std::size_t i = 0; i < columns; ++i) {
-        result.columns.push_back(
-            {.name = Chance(0.8) ? std::string(1, static_cast<char>('a' + i % 26)) : AnyText(),
-             .sqlType = hasOneType ? type : Pick(kTypes),
-             .length = static_cast<long long>(Below(4000)),
-             .precision = static_cast<long long>(Below(40)),
-             .scale = static_cast<long long>(Below(10)),
-             .nullable = static_cast<long long>(Below(3)),
-             .nameLength = {}});
-    }
-    result.rowCount = static_cast<SQLLEN>(Below(10)) - 1;
-    return result;
-}
-
-SQLRETURN Hostile::Execute(Model& model, const Call& call) {
-    model.results.clear();
-    model.results.push_back(AnyResult());
-    const SQLRETURN status = Act(model, call);
-    // Here, the number of rows to come.
-    model.handles[call.Handle(0)].nextRow = Below(6);
-    return status;
-}
-
-SQLRETURN Hostile::ColAttribute(Model& model, const Call& call) {
-    if (!Lies(Metadata)) return Act(model, call);
-    if (call.Number(2) != SQL_COLUMN_NAME) {
-        const bool isType = call.Number(2) == SQL_COLUMN_TYPE && Chance(0.5);
-        long long number = isType ? Pick(kTypes) : AnyNumber();
-        // Thousands of columns take their time, so they are rare.
-        if (number > 300 && number <= SHRT_MAX && Chance(0.9)) number = -number;
-        Put(call.Pointer<SQLLEN>(6), number);
-        return SQL_SUCCESS;
-    }
-    const auto room = static_cast<std::size_t>(std::max(call.Number(4), 0LL));
-    if (Chance(0.7)) PutBytes(call.Pointer<char>(3), room, AnyBytes(room));
-    Put(call.Pointer<SQLSMALLINT>(5), AnyNumber());
-    return Chance(0.5) ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
-}
-
-// False when the value was cut.
-bool Hostile::Deliver(const Binding& target) {
-    if (!target.data) return true;
-    const std::size_t room = RoomOf(target);
-    long long length = static_cast<long long>(room);
-    if (Lies(Cells)) {
-        PutBytes(target.data, room, AnyBytes(room));
-        if (Chance(0.5)) length = AnyNumber();
-    } else if (target.cType == SQL_C_TIMESTAMP) {
-        const SQL_TIMESTAMP_STRUCT stamp{
-            2024, 2, 29, 23, 59, 59, static_cast<SQLUINTEGER>(Below(1'000'000'000))};
-        std::memcpy(target.data, &stamp, sizeof stamp);
-    } else if (target.bufferLength > 0) {
-        const std::string text = AnyText();
-        PutBytes(target.data, room, text + '\0');
-        if (text.size() >= room) target.data[room - 1] = '\0';
-        length = Chance(0.05) ? SQL_NO_TOTAL : static_cast<long long>(text.size());
-    } else {
-        PutBytes(target.data, room, AnyBytes(room));
-    }
-    if (Chance(0.1)) length = SQL_NULL_DATA;
-    if (Lies(Cells)) length = AnyNumber();
-    Put(target.indicators, length);
-    return target.bufferLength == 0 || length < target.bufferLength;
-}
-
-SQLRETURN Hostile::Fetch(Handle& statement) {
-    if (++m_fetched > kMostRows) return SQL_NO_DATA;
-    if (!statement.isExecuted || statement.result.columns.empty()) {
-        if (!Lies(Statuses)) return SQL_ERROR;
-    } else if (statement.nextRow == 0 && !m_isEndless) {
-        return SQL_NO_DATA;
-    }
-    if (statement.nextRow > 0) --statement.nextRow;
-    bool isWhole = true;
-    for (const auto& [number, target] : statement.columns) isWhole = Deliver(target) && isWhole;
-    return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
-}
-
-SQLRETURN Hostile::Error(const Call& call) {
-    const auto room = static_cast<std::size_t>(std::max(call.Number(6), 0LL));
-    constexpr std::size_t kStateSize = 6;
-    PutBytes(call.Pointer<char>(3), kStateSize, Lies(Diags) ? AnyBytes(kStateSize) : "HY000");
-    Put(call.Pointer<SQLINTEGER>(4), Lies(Diags) ? AnyNumber() : 7);
-    std::string text = AnyText();
-    if (Lies(Diags)) text = AnyBytes(room);
-    const bool isWhole = text.size() < room;
-    PutBytes(call.Pointer<char>(5), room, isWhole ? text + '\0' : text);
-    Put(call.Pointer<SQLSMALLINT>(7),
-        Lies(Diags) ? AnyNumber() : static_cast<long long>(text.size()));
-    if (Lies(Diags)) return AnyStatus();
-    return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+Answers HostileAnswers(std::uint64_t seed) {
+    return [hostile = Hostile(seed)](Model& model, const Call& call) mutable {
+        return hostile.Answer(model, call);
+    };
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "calllog.h"
@@ -166,8 +167,6 @@ SQLRETURN ColAttribute(Model&, const Call& call, Handle* statement) {
 
 // --- Fetching ---
 
-enum class Delivery { Whole, Cut, Impossible };
-
 // Writes a fixed-size value and answers its size.
 template <typename T>
 SQLLEN PutFixed(const Binding& target, T value) {
@@ -201,40 +200,26 @@ std::string TextOf(const Cell& cell) {
     return format(SQL_C_TIMESTAMP, &std::get<SQL_TIMESTAMP_STRUCT>(cell.value));
 }
 
-// Writes a cell that is not NULL and answers its length.
-Delivery PutValue(const Binding& target, const Cell& cell, SQLLEN& length) {
+// Writes a cell and answers its length; nothing where the two types do not go together.
+std::optional<SQLLEN> PutCell(const Binding& target, const Cell& cell) {
+    if (std::holds_alternative<std::monostate>(cell.value)) return SQL_NULL_DATA;
     if (target.cType == SQL_C_WCHAR || target.cType == SQL_C_BINARY) {
         const std::string bytes = TextOf(cell);
-        length = Size(bytes);
         if (target.cType == SQL_C_WCHAR) {
-            const bool isWhole = PutText(target.data, target.bufferLength, bytes);
-            return isWhole ? Delivery::Whole : Delivery::Cut;
+            PutText(target.data, target.bufferLength, bytes);
+        } else {
+            const std::string_view part = CutTo(bytes, target.bufferLength);
+            std::memcpy(target.data, part.data(), part.size());
         }
-        const std::string_view part = CutTo(bytes, target.bufferLength);
-        std::memcpy(target.data, part.data(), part.size());
-        return part.size() < bytes.size() ? Delivery::Cut : Delivery::Whole;
+        return Size(bytes);
     }
-    if (std::holds_alternative<std::string>(cell.value)) return Delivery::Impossible;
     const auto* const timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value);
-    if ((target.cType == SQL_C_TIMESTAMP) != (timestamp != nullptr)) return Delivery::Impossible;
-    if (timestamp) {
-        length = PutFixed(target, *timestamp);
-        return Delivery::Whole;
-    }
+    if (timestamp && target.cType == SQL_C_TIMESTAMP) return PutFixed(target, *timestamp);
+    if (timestamp || std::holds_alternative<std::string>(cell.value)) return std::nullopt;
     for (const auto& [cType, put] : kNumbers) {
-        if (cType != target.cType) continue;
-        length = put(target, cell);
-        return Delivery::Whole;
+        if (cType == target.cType) return put(target, cell);
     }
-    return Delivery::Impossible;
-}
-
-Delivery Deliver(const Binding& target, const Cell& cell) {
-    const bool isNull = std::holds_alternative<std::monostate>(cell.value);
-    SQLLEN length = SQL_NULL_DATA;
-    const Delivery delivery = isNull ? Delivery::Whole : PutValue(target, cell, length);
-    Put(target.indicators, cell.indicator.value_or(length));
-    return delivery;
+    return std::nullopt;
 }
 
 SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
@@ -245,13 +230,16 @@ SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
     for (const auto& [number, target] : statement->columns) {
         const auto index = static_cast<std::size_t>(number - 1);
         if (index >= statement->result.columns.size() || !target.data) continue;
-        const Delivery delivery = Deliver(target, index < row.size() ? row[index] : Cell{});
-        if (delivery == Delivery::Impossible) {
+        const Cell cell = index < row.size() ? row[index] : Cell{};
+        const std::optional<SQLLEN> length = PutCell(target, cell);
+        if (!length) {
             model.Error(call, "column " + std::to_string(number) +
                                   " cannot be delivered as C type " + std::to_string(target.cType));
             return SQL_ERROR;
         }
-        if (delivery == Delivery::Cut) status = SQL_SUCCESS_WITH_INFO;
+        Put(target.indicators, cell.indicator.value_or(*length));
+        const SQLLEN room = target.bufferLength - (target.cType == SQL_C_WCHAR ? 1 : 0);
+        if (target.bufferLength > 0 && *length > room) status = SQL_SUCCESS_WITH_INFO;
     }
     return status;
 }
@@ -347,6 +335,10 @@ Handle* Model::Use(const Call& call) {
 void Model::Error(const Call& call, const std::string& what) {
     ++errors;
     log.push_back("ERROR: " + std::string(call.name) + ": " + what);
+}
+
+std::string_view ModelledFunction(std::uint64_t random) {
+    return kActions[random % std::size(kActions)].name;
 }
 
 SQLRETURN Act(Model& model, const Call& call) {

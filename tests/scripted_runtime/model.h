@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <optional>
@@ -120,6 +121,9 @@ template <typename T>
 void Put(T* target, long long value) {
     if (target) *target = static_cast<T>(value);
 }
+
+// The name of a function that has a model, which a random number chooses.
+std::string_view ModelledFunction(std::uint64_t random);
 
 // Carries a call out. Functions without a model succeed without effect.
 SQLRETURN Act(Model& model, const Call& call);
