@@ -14,7 +14,7 @@ std::string FormatHandle(const Model& model, SQLHANDLE handle);
 // C types whose values have one size; the slots of all others are as wide as their buffer length.
 struct FixedType {
     int cType;
-    std::size_t size;
+    int size;
     std::string (*format)(const char* data);
 };
 // Null for a type that is none of them.

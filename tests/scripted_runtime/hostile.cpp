@@ -40,7 +40,7 @@ constexpr const char* kTexts[] = {"",      "1",        "-12.50", "1e5",         
 // Bytes of a bound column that belong to the callee.
 std::size_t RoomOf(const Binding& target) {
     const FixedType* const fixed = FindFixed(target.cType);
-    return fixed ? fixed->size : static_cast<std::size_t>(std::max<SQLLEN>(target.bufferLength, 0));
+    return static_cast<std::size_t>(fixed ? fixed->size : std::max<SQLLEN>(target.bufferLength, 0));
 }
 
 void PutBytes(char* target, std::size_t room, std::string_view bytes) {

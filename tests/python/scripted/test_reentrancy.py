@@ -96,14 +96,18 @@ def evil(hook, method, base, *arguments):
 @pytest.mark.parametrize("use", ["in", "repr", "index", "name", "assign"])
 def test_rows(opened, intrude, use):
     """The code of the values and keys changes the row as well."""
-    row = opened.cursor.fetchone()
+    row, stale = opened.cursor.fetchone(), []
 
     def meddle(*given):
         intrude()
         row[0], row[1], row[2] = 0, "new", "new"
 
     class Value:
-        __eq__ = __del__ = meddle
+        __eq__ = meddle
+
+        def __del__(self):
+            stale.append(row[0] is self)
+            meddle()
 
         def __repr__(self):
             return str(meddle())
@@ -119,7 +123,7 @@ def test_rows(opened, intrude, use):
         if use == "repr":
             assert repr(row) == "(None, 'new', 'new')"
         row[0] = 0
-    assert tuple(row)[1:] == ("new", "new")
+    assert tuple(row)[1:] == ("new", "new") and not any(stale)
 
 
 READERS = {"fetchall": lambda cursor: cursor.fetchall(), "fetchmany": lambda cursor: cursor.fetchmany(2),
