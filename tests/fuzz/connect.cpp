@@ -12,12 +12,8 @@
 namespace {
 
 using embedded::ConnectOptions;
+using fuzz::lower;
 using fuzz::require;
-
-std::string lower(std::string text) {
-    for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
-    return text;
-}
 
 struct Pair {
     std::string key;

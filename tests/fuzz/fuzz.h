@@ -71,6 +71,13 @@ class Input {
     std::string_view m_rest;
 };
 
+/// ASCII letters in lower case.
+inline std::string lower(std::string_view text) {
+    std::string result(text);
+    for (char& c : result) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    return result;
+}
+
 /// A NUL-terminated copy, without the slack of a std::string in which a read too far goes unseen.
 inline std::vector<char> terminated(std::string_view text) {
     std::vector<char> copy(text.begin(), text.end());

@@ -9,13 +9,9 @@
 
 namespace {
 
+using fuzz::lower;
 using fuzz::require;
 using fuzz::requireSame;
-
-std::string folded(std::string text) {
-    for (char& c : text) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
-    return text;
-}
 
 // The digits, the place of the point and the exponent are cut out as texts, then put together.
 double expectedDouble(std::string_view text, std::size_t& end) {
@@ -81,7 +77,7 @@ void checkIntegers(std::string_view text) {
         const std::string_view digits = base == 10 ? "0123456789" : "0123456789abcdef";
         std::uint64_t value = 0;
         for (char c : rest) {
-            const std::size_t digit = digits.find(folded({c}));
+            const std::size_t digit = digits.find(lower({&c, 1}));
             if (digit == std::string_view::npos) break;
             value = value * static_cast<unsigned>(base) + digit;
         }
@@ -174,8 +170,8 @@ void checkFormatting(double value, long long integer, int width) {
 void checkTexts(std::string_view first, std::string_view second, std::size_t count) {
     const std::vector<char> a = fuzz::terminated(first);
     const std::vector<char> b = fuzz::terminated(second);
-    const std::string x = folded(a.data());
-    const std::string y = folded(b.data());
+    const std::string x = lower(a.data());
+    const std::string y = lower(b.data());
     const auto sign = [](int value) { return (value > 0) - (value < 0); };
     // char_traits compares bytes as unsigned.
     require(sign(mystrcmpi(a.data(), b.data())) == sign(x.compare(y)), "mystrcmpi");

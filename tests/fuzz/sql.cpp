@@ -21,11 +21,6 @@ bool isDigit(char16_t c) {
 bool isLetter(char16_t c) {
     return c < 0x80 && std::isalpha(c) != 0;
 }
-std::string upper(std::string text) {
-    for (char& c : text) c = static_cast<char>(c >= 'a' && c <= 'z' ? c - 32 : c);
-    return text;
-}
-
 struct Lexeme {
     TOKEN_KIND kind = TK_IDENTIFIER;
     std::string text;
@@ -158,17 +153,17 @@ class Reader {
 
     void readWord(Lexeme& lexeme) {
         constexpr std::string_view kKeywords =
-            " CROSS COLLATE DISTINCT DESC EXCEPT EXISTS FROM GROUP HAVING INNER INTERSECT IS INTO "
-            "JOIN LIMIT LIKE MINUS NOT NATURAL ON OFFSET ORDER SELECT UNION WHERE ";
+            " cross collate distinct desc except exists from group having inner intersect is into "
+            "join limit like minus not natural on offset order select union where ";
         lexeme.text =
             run([](char16_t c) { return isLetter(c) || isDigit(c) || oneOf(c, "#$:@_"); });
         const char first = lexeme.text.front();
-        const std::string word = upper(lexeme.text);
+        const std::string word = fuzz::lower(lexeme.text);
         if (first == '@') lexeme.kind = TK_PARAMETER;
         if (first < 'A' || first > 'Z') return;
         if (kKeywords.find(" " + word + " ") != std::string_view::npos) lexeme.kind = TK_KEYWORD;
-        if (word == "TRUE" || word == "FALSE") lexeme.kind = TK_BOOL;
-        if (word == "NULL") lexeme.kind = TK_NULL;
+        if (word == "true" || word == "false") lexeme.kind = TK_BOOL;
+        if (word == "null") lexeme.kind = TK_NULL;
     }
 
     void read(Lexeme& lexeme) {
@@ -226,8 +221,8 @@ struct Expected {
 };
 
 Expected expect(std::string_view sql) {
-    constexpr std::string_view kVerbs[] = {"",       "SELECT",  "UPDATE", "INSERT",
-                                           "DELETE", "EXECUTE", "EXEC"};
+    constexpr std::string_view kVerbs[] = {"",       "select",  "update", "insert",
+                                           "delete", "execute", "exec"};
     Expected result;
     Reader reader(sql);
     reader.skipWhite();
@@ -240,7 +235,7 @@ Expected expect(std::string_view sql) {
         const bool name = lexeme.kind == TK_IDENTIFIER || lexeme.kind == TK_KEYWORD;
         if (std::exchange(first, false)) {
             for (int i = 1; i < 7 && name && !lexeme.quoted; ++i) {
-                if (upper(lexeme.text) == kVerbs[i]) result.type = i;
+                if (fuzz::lower(lexeme.text) == kVerbs[i]) result.type = i;
             }
             continue;
         }
