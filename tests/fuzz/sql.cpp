@@ -263,17 +263,20 @@ void checkTokens(std::string_view sql, const std::vector<Lexeme>& lexemes) {
     SqlTokenizer tokenizer;
     tokenizer.InitWithUTF8(exact.data(), exact.size());
     auto expected = lexemes.begin();
+    const auto skipFailures = [&] {
+        while (expected != lexemes.end() &&
+               (expected->failed ||
+                (expected->text.empty() && expected->kind == TK_IDENTIFIER && !expected->quoted))) {
+            ++expected;
+        }
+    };
     while (!tokenizer.IsEOF()) {
         const char* const before = tokenizer.Position();
         const SQL_TOKEN* const token = tokenizer.NextToken();
         if (tokenizer.Position() == before) tokenizer.SkipCharacter();
         // A failure behind a comment looks like the empty token; both sides skip both.
         if (token == &NULL_TOKEN || token->Equals(NONE_TOKEN)) continue;
-        while (expected != lexemes.end() &&
-               (expected->failed ||
-                (expected->text.empty() && expected->kind == TK_IDENTIFIER && !expected->quoted))) {
-            ++expected;
-        }
+        skipFailures();
         fuzz::require(expected != lexemes.end(), "there is no such token");
         fuzz::require(token->tkKind == expected->kind, "the kind of the token");
         fuzz::require((token->bWasQuoted != 0) == expected->quoted, "whether it was quoted");
@@ -282,6 +285,8 @@ void checkTokens(std::string_view sql, const std::vector<Lexeme>& lexemes) {
         fuzz::require(end == expected->end, "where the token ends");
         ++expected;
     }
+    skipFailures();
+    fuzz::require(expected == lexemes.end(), "no token is left out");
 }
 
 }  // namespace

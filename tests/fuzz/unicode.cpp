@@ -138,6 +138,11 @@ void checkUtf16(fuzz::Input input) {
 // The same bytes as a code point, as UTF-8 and as UTF-16.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const fuzz::Input input(data, size);
+    // The limits of all lengths are powers of two.
+    for (unsigned shift = 0; shift < 32; ++shift) {
+        checkCode(1U << shift);
+        checkCode((1U << shift) - 1);
+    }
     const auto bits = fuzz::Input(input).number<std::uint32_t>();
     checkCode(bits);
     checkCode(bits >> (bits & 31U));
