@@ -4,9 +4,10 @@ A batch is a number; version 0 of it is nothing, and its rows in any other versi
 everyone can tell what has to be in the database. A writer notes each step from one version to another before it
 takes it, and how it went afterwards, in a file outside the database that survives its death:
 
-    about BATCH OLD NEW | done BATCH | failed BATCH | found BATCH VERSION
+    about BATCH OLD NEW | is BATCH VERSION | found BATCH VERSION (by the successor of a writer that was killed)
 """
 
+import collections
 import datetime
 import os
 import random
@@ -40,8 +41,7 @@ class Ledger:
     """The book of one writer, which its successors go on with."""
 
     def __init__(self, path):
-        self.versions, self.doubt, self.last = {}, None, 0
-        self.steps = {"done": 0, "failed": 0, "found old": 0, "found new": 0}
+        self.versions, self.doubt, self.last, self.steps = {}, None, 0, collections.Counter()
         self.file = os.open(path, os.O_RDWR | os.O_CREAT | os.O_APPEND, 0o600)
         with open(path) as lines:
             for line in lines:
@@ -49,19 +49,16 @@ class Ledger:
                 self._apply(word, *map(int, numbers))
 
     def _apply(self, word, batch, *versions):
+        self.steps[word] += 1
         if word == "about":
             assert self.doubt is None
             self.doubt, self.last = (batch, *versions), max(self.last, batch)
             return
-        assert self.doubt[0] == batch
-        old, new = self.doubt[1:]
-        version = versions[0] if word == "found" else new if word == "done" else old
-        self.steps[word if word != "found" else "found new" if version == new else "found old"] += 1
+        assert self.doubt[0] == batch and versions[0] in self.doubt[1:]
         self.doubt = None
-        if version:
-            self.versions[batch] = version
-        else:
-            self.versions.pop(batch, None)
+        self.versions.pop(batch, None)
+        if versions[0]:
+            self.versions[batch] = versions[0]
 
     def note(self, word, batch, *versions):
         # One unbuffered write: a killed writer leaves the whole line or none.
@@ -72,5 +69,5 @@ class Ledger:
         """For each batch that may be there: the lists of rows that it may consist of."""
         allowed = {batch: [version] for batch, version in self.versions.items()}
         if self.doubt:
-            allowed[self.doubt[0]] = list(self.doubt[1:])
+            allowed[self.doubt[0]] = self.doubt[1:]
         return {batch: [rows_of(seed, batch, v) for v in versions] for batch, versions in allowed.items()}
