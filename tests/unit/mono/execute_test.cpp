@@ -65,6 +65,31 @@ SQLRowCount(stmt2, ptr)
     EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
 }
 
+TEST_F(SourceTest, EachStepsDiagnosticIsReadFromItsHandle) {
+    const struct {
+        bool isPrepared;
+        const char* function;
+        std::string diagnosed;
+    } steps[] = {{true, "SQLSetStmtAttr", "(null, null, stmt1, "},
+                 {true, "SQLExecute", "(null, null, stmt1, "},
+                 {true, "SQLRowCount", "(null, null, stmt1, "},
+                 {false, "SQLAllocHandle", "(null, dbc1, null, "},
+                 {false, "SQLExecDirectW", "(null, null, stmt2, "},
+                 {false, "SQLRowCount", "(null, null, stmt3, "}};
+    SetBatchSize(2);
+    source.Prepare("x", 1);
+    for (const auto& [isPrepared, function, diagnosed] : steps) {
+        FailNext(function, 20, "refused");
+        int rows = 7;
+        EXPECT_EQ(
+            isPrepared ? source.Execute(nullptr, &rows) : source.Execute("x", 1, nullptr, &rows),
+            VORDA_ODBC_ERROR);
+        EXPECT_EQ(rows, 7);
+        ExpectError(20, "refused");
+        EXPECT_NE(TakeLog().find("SQLErrorW" + diagnosed), std::string::npos) << function;
+    }
+}
+
 // A driver that still counts on three sets would read past the one that is bound.
 TEST_F(SourceTest, ABatchThatStayedSetIsPutBackBeforeASingleExecution) {
     const int values[] = {1, 2, 3}, lengths[] = {4, 4, 4};
