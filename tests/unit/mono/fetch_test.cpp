@@ -128,6 +128,7 @@ TEST_F(FetchTest, TextsAndBinariesOfAllLengths) {
         // Indicators that are not the length.
         {"abc", "abc", false, SQL_NO_TOTAL},
         {some(2043), some(2043), false, SQL_NO_TOTAL},
+        {some(2044), some(2044), true, SQL_NO_TOTAL},
         {some(2049), whole, true, SQL_NO_TOTAL},
         {some(2046) + "\xC5\xBE", some(2046), true, SQL_NO_TOTAL},
         {"abc", "abc", false, LLONG_MIN},
