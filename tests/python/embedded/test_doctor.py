@@ -11,12 +11,12 @@ from vorda import zelqa
 from vorda.doctor import Module
 
 BUILD = os.environ["VORDA_BUILD"]
-PACKAGE = os.path.join(BUILD, "python", "vorda")
+PACKAGE = os.path.dirname(zelqa.__file__)
 SCRIPTED = os.path.join(BUILD, "scripted")
 RUNTIME, COMPANION = "libvordart.x64.so.6", "libvordart-compat.x64.so.6"
 
 
-def doctor(*arguments, folder=os.path.join(BUILD, "python"), status=0, **environment):
+def doctor(*arguments, folder=os.path.dirname(PACKAGE), status=0, **environment):
     done = subprocess.run([sys.executable, "-m", "vorda", "doctor", *arguments], text=True, timeout=120,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                           env={**os.environ, "PYTHONPATH": folder, **environment})

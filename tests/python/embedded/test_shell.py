@@ -228,17 +228,27 @@ class Terminal:
             os.execv(sys.executable, [sys.executable, "-m", "vorda", *arguments])
         ioctl(self.file, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
 
-    def until(self, pattern):
-        """What appears up to the pattern, which must come."""
+    def until(self, pattern, silence=lambda: None):
+        """What appears up to the pattern, which must come; after ten seconds of silence the function is called."""
         seen, end = b"", time.monotonic() + 60
         while not re.search(pattern.encode(), seen, re.DOTALL):
-            assert select.select([self.file], [], [], max(0, end - time.monotonic()))[0], seen.decode()
-            seen += os.read(self.file, 65536)
+            assert time.monotonic() < end, seen.decode()
+            if select.select([self.file], [], [], 10)[0]:
+                seen += os.read(self.file, 65536)
+            else:
+                silence()
         return seen.decode("utf-8", "replace")
 
     def type(self, text, until="vorda> "):
         os.write(self.file, text.encode())
         return self.until(until)
+
+    def interrupt(self):
+        # Between its prompt and its waiting for a key CPython misses a Ctrl-C until the next key: once more, then.
+        def press():
+            os.write(self.file, b"\x03")
+        press()
+        return self.until("vorda> ", press)
 
     def close(self):
         os.write(self.file, b"\x04")
@@ -265,15 +275,15 @@ def test_the_shell(terminal, tmp_path):
     terminal.type("SELECT 'one;\n", r"\.\.\.> ")
     assert "one;\\ntwo" in terminal.type("two' AS x;\n")
     terminal.type("SELECT half\n", r"\.\.\.> ")
-    assert "(stopped)" in terminal.type("\x03")
+    assert "(stopped)" in terminal.interrupt()
     assert "no such column: nope" in terminal.type("SELECT nope;\n")
     terminal.type(MILLION % 10 ** 9 + ";\n", "text 300\r\n")
-    assert "(stopped after " in terminal.type("\x03")
+    assert "(stopped after " in terminal.interrupt()
     # No row comes for a long time, and no Python code runs.
     os.write(terminal.file, (MILLION % 10 ** 12).replace("*", "count(*)", 1).encode() + b";\n")
     terminal.until("FROM s\\);\r\n")
     time.sleep(0.3)
-    assert "(stopped)" in terminal.type("\x03")
+    assert "(stopped)" in terminal.interrupt()
     assert "42" in terminal.type("SELECT 42 AS alive; -- Server=x;Pwd=hunter2\n")
     shown = terminal.type("SELECT '%s' AS t, n FROM item WHERE n = 1000;\n" % ("本" * 50), r"\(1 row.*vorda> ")
     (line,) = [line for line in shown.splitlines() if line.endswith("| 1000")]
@@ -289,7 +299,7 @@ def test_an_interrupted_import_changes_nothing(terminal, tmp_path, stdlib):
     file = tmp_path / "big.csv"
     file.write_text("name,n\n" + "x,1\n" * 2000000)
     terminal.type(".import %s item\n" % file, r"\[#")
-    assert "(stopped)" in terminal.type("\x03")
+    assert "(stopped)" in terminal.interrupt()
     assert stdlib.execute("SELECT count(*) FROM item").fetchone() == (5,)
     terminal.type("CREATE PROCEDURE p AS SELECT 6 * 7 AS x;\n", "an empty line ends")
     terminal.type("\n")
