@@ -29,7 +29,7 @@ TEST(ColumnType, FollowsTheDeclaration) {
                  {"datetime(6)", SQL_TYPE_TIMESTAMP, 26, 6},
                  {"TIMESTAMP(99)", SQL_TYPE_TIMESTAMP, 29, 9},
                  {"TIMESTAMP(3) WITHOUT TIME ZONE", SQL_TYPE_TIMESTAMP, 23, 3},
-                 {"TIMESTAMP WITH TIME ZONE", SQL_WVARCHAR, 0, 0},
+                 {"TIMESTAMP(3) WITH TIME ZONE", SQL_WVARCHAR, 0, 0},
                  {"BLOB", SQL_VARBINARY, 0, 0},
                  {"varbinary(16)", SQL_VARBINARY, 16, 0},
                  {"VARCHAR(20)", SQL_WVARCHAR, 20, 0},
