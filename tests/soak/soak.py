@@ -138,7 +138,7 @@ class Soak:
         for slot in SLOTS[len(MORTAL):]:
             with open("%s/samples-%d" % (self.folder, slot)) as file:
                 samples = [json.loads(line) for line in file]
-            self.counts.update(samples[-1].pop())
+            self.counts.update(samples[-1].pop() if samples else {})  # one that failed at once has none
             samples = [sample for sample in samples[len(samples) // 4:] if sample[0] >= WARM]
             quarter = len(samples) // 4
             if not quarter:
