@@ -1,5 +1,6 @@
 """Each example runs and prints what it should, from another folder than its own."""
 
+import importlib.util
 import pathlib
 import subprocess
 import sys
@@ -21,8 +22,8 @@ def test_all_examples_are_here():
 
 @pytest.mark.parametrize("name", PRINTED)
 def test_example(name, tmp_path):
-    if name == "pandas_frames.py":
-        pytest.importorskip("pandas")
+    if name == "pandas_frames.py" and not importlib.util.find_spec("pandas"):
+        pytest.skip("there is no pandas")  # not imported here: it is no business of the process under test
     done = subprocess.run([sys.executable, str(EXAMPLES / name), "data.db"], cwd=str(tmp_path), encoding="utf-8",
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120)
     assert (done.returncode, done.stderr) == (0, "")
