@@ -6,13 +6,15 @@ rt_missing=clang-fuzzer-libraries
 wanted="clang++-14=clang-14 $rt_missing=libclang-rt-14-dev"
 
 seconds=${1:-60}
+# A gate should fail for what a change does, not for what the fuzzers happen to think of today.
+seed=${2:+-seed=$2}
 found=$PWD/build/fuzz-found
 flags="-timeout=10 -rss_limit_mb=2048 -verbosity=1"
 
 # fuzz TARGET: one fuzzer for $seconds; what it learns stays in build/ for the next run.
 fuzz() {
     mkdir -p "$found/corpus/$1"
-    "$folder/tests/fuzz/fuzz_$1" $flags -max_total_time="$seconds" -print_final_stats=1 \
+    "$folder/tests/fuzz/fuzz_$1" $flags $seed -max_total_time="$seconds" -print_final_stats=1 \
         -dict=tests/fuzz/sql.dict -artifact_prefix="$found/$1-" \
         "$found/corpus/$1" "tests/fuzz/corpus/$1" >"$found/$1.log" 2>&1 && touch "$found/$1.passed"
 }
