@@ -85,6 +85,7 @@ const DynStr& Normalize(_dbhandler& handle, const DBSCHAR* text, DynStr& made, i
     return last.Normalized;
 }
 
+// Makes room for the execution: the previous rows end, and a kind with rows gets a new result set.
 void StartExecution(_dbhandler& handle) {
     handle.EndResultSet();
     if (SQLTypeHasResultSet(handle.verb)) {
