@@ -1,19 +1,21 @@
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstdint>
 #include <string_view>
 
+#include "temporal.h"
+
 namespace embedded {
 
-/// One value of a result row, as SQLite stores it. Borrows its bytes from the row.
+/// One value of a result row, as the engine has it. Borrows its bytes from the row.
 struct Cell {
-    int type =
-        SQLITE_NULL;  ///< SQLITE_INTEGER, SQLITE_FLOAT, SQLITE_TEXT, SQLITE_BLOB or SQLITE_NULL
+    enum class Kind { Null, Integer, Real, Text, Binary, Temporal };
+
+    Kind kind = Kind::Null;
     std::int64_t integer = 0;
     double real = 0;
-    std::string_view bytes;  ///< of a text (UTF-8) or a blob
+    std::string_view bytes;              ///< of a text (UTF-8) or of binary data
+    const Temporal* temporal = nullptr;  ///< a date or time that comes as no text; valid
 };
 
 }  // namespace embedded

@@ -1,7 +1,5 @@
 #include "columntype.h"
 
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <charconv>
 #include <string>
@@ -70,10 +68,6 @@ bool isOneOf(std::string_view name, std::initializer_list<std::string_view> name
     return std::find(names.begin(), names.end(), name) != names.end();
 }
 
-ColumnType plain(SQLSMALLINT sqlType) noexcept {
-    return {sqlType, traitsOf(sqlType).size, 0};
-}
-
 ColumnType sized(SQLSMALLINT sqlType, int size) noexcept {
     return {sqlType, static_cast<SQLULEN>(std::max(size, 0)), 0};
 }
@@ -106,6 +100,10 @@ bool isTyped(std::string_view declaration) noexcept {
     return !trimmed(declaration).empty();
 }
 
+ColumnType plain(SQLSMALLINT sqlType) noexcept {
+    return {sqlType, traitsOf(sqlType).size, 0};
+}
+
 ColumnType typeOfDeclaration(std::string_view text) {
     const Declaration declaration = takeApart(text);
     const std::string& name = declaration.name;
@@ -132,19 +130,6 @@ ColumnType typeOfDeclaration(std::string_view text) {
     }
     if (contains("REAL") || contains("FLOA") || contains("DOUB")) return plain(SQL_DOUBLE);
     return plain(SQL_WVARCHAR);
-}
-
-ColumnType typeOfStorage(int storageClass) noexcept {
-    switch (storageClass) {
-        case SQLITE_INTEGER:
-            return plain(SQL_BIGINT);
-        case SQLITE_FLOAT:
-            return plain(SQL_DOUBLE);
-        case SQLITE_BLOB:
-            return plain(SQL_VARBINARY);
-        default:
-            return plain(SQL_WVARCHAR);
-    }
 }
 
 }  // namespace embedded

@@ -31,14 +31,14 @@ struct TypeTraits {
 /// The traits of a type that `ColumnType` can hold.
 const TypeTraits& traitsOf(SQLSMALLINT sqlType) noexcept;
 
+/// A type without a length, or the one fixed length it has.
+ColumnType plain(SQLSMALLINT sqlType) noexcept;
+
 /// Whether `declaration`, the type text of a column, says anything about its type.
 bool isTyped(std::string_view declaration) noexcept;
 
 /// The type of a column declared as `declaration`: SQLite's affinity rules, refined by the names
 /// that people use for booleans, decimals, dates and times.
 ColumnType typeOfDeclaration(std::string_view declaration);
-
-/// The type of an expression, from the SQLITE_… storage class of its first value.
-ColumnType typeOfStorage(int storageClass) noexcept;
 
 }  // namespace embedded

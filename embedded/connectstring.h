@@ -6,16 +6,30 @@
 
 namespace embedded {
 
-/// What a connection string asks for.
-struct ConnectOptions {
-    std::string database;  ///< path, or ":memory:"
-    int openFlags = 0;     ///< SQLITE_OPEN_… from `Mode`
-    int timeoutMs = 5000;  ///< how long to wait for a locked database
-    std::vector<std::string> unknownKeys;
-};
+/// A connection string taken apart.
+class ConnectString {
+  public:
+    struct Pair {
+        std::string key;
+        std::string value;
+    };
 
-/// Reads "Key=Value;…": keys in any case, values optionally in braces ("}}" is a brace inside
-/// them), the first of equal keys wins. Throws an `Error` that names what is wrong.
-ConnectOptions parseConnectString(std::string_view text);
+    /// Reads "Key=Value;…": values optionally in braces ("}}" is a brace inside them). Throws an
+    /// `Error` that names what is wrong.
+    explicit ConnectString(std::string_view text);
+
+    /// The text as it was given.
+    const std::string& text() const noexcept { return m_text; }
+
+    /// In the order of the text, with the doubles: the first of equal keys counts.
+    const std::vector<Pair>& pairs() const noexcept { return m_pairs; }
+
+    /// Whether there is a value for `key`, ASCII letters in any case.
+    bool has(std::string_view key) const noexcept;
+
+  private:
+    std::string m_text;
+    std::vector<Pair> m_pairs;
+};
 
 }  // namespace embedded

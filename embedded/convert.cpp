@@ -26,13 +26,15 @@ constexpr int kTimeDay = 1;
 
 std::string shown(const Cell& cell) {
     NumberBuffer buffer;
-    switch (cell.type) {
-        case SQLITE_INTEGER:
+    switch (cell.kind) {
+        case Cell::Kind::Integer:
             return "the integer " + std::string(formatInteger(cell.integer, buffer));
-        case SQLITE_FLOAT:
+        case Cell::Kind::Real:
             return "the number " + std::string(formatDouble(cell.real, buffer));
-        case SQLITE_TEXT:
+        case Cell::Kind::Text:
             return "the text " + quoted(cell.bytes);
+        case Cell::Kind::Temporal:
+            return formatTemporal(*cell.temporal);
         default:
             return "a blob";
     }
@@ -87,20 +89,22 @@ Delivery storeBytes(std::string_view value, const Target& target, bool terminate
 
 Delivery toText(const Cell& cell, const ColumnType&, const Target& target) {
     NumberBuffer buffer;
-    switch (cell.type) {
-        case SQLITE_TEXT:
+    switch (cell.kind) {
+        case Cell::Kind::Text:
             return storeBytes(cell.bytes, target, true);
-        case SQLITE_INTEGER:
+        case Cell::Kind::Integer:
             return storeBytes(formatInteger(cell.integer, buffer), target, true);
-        case SQLITE_FLOAT:
+        case Cell::Kind::Real:
             return storeBytes(formatDouble(cell.real, buffer), target, true);
+        case Cell::Kind::Temporal:
+            return storeBytes(formatTemporal(*cell.temporal), target, true);
         default:
             refuse(kInvalid, cell, "a text");
     }
 }
 
 Delivery toHexText(const Cell& cell, const ColumnType& column, const Target& target) {
-    if (cell.type != SQLITE_BLOB) return toText(cell, column, target);
+    if (cell.kind != Cell::Kind::Binary) return toText(cell, column, target);
     static constexpr char kDigits[] = "0123456789ABCDEF";
     std::string hex;
     hex.reserve(2 * cell.bytes.size());
@@ -113,16 +117,17 @@ Delivery toHexText(const Cell& cell, const ColumnType& column, const Target& tar
 }
 
 Delivery toDecimalText(const Cell& cell, const ColumnType& column, const Target& target) {
-    if (cell.type == SQLITE_INTEGER) return toText(cell, column, target);
+    if (cell.kind == Cell::Kind::Integer) return toText(cell, column, target);
     std::optional<std::string> digits;
-    if (cell.type == SQLITE_TEXT) digits = plainDecimal(cell.bytes);
-    if (cell.type == SQLITE_FLOAT) digits = plainDecimal(cell.real);
+    if (cell.kind == Cell::Kind::Text) digits = plainDecimal(cell.bytes);
+    if (cell.kind == Cell::Kind::Real) digits = plainDecimal(cell.real);
     if (!digits) refuse(kInvalid, cell, "a decimal number");
     return storeBytes(*digits, target, true);
 }
 
 Delivery toBinary(const Cell& cell, const ColumnType&, const Target& target) {
-    if (cell.type != SQLITE_BLOB && cell.type != SQLITE_TEXT) refuse(kInvalid, cell, "binary data");
+    if (cell.kind != Cell::Kind::Binary && cell.kind != Cell::Kind::Text)
+        refuse(kInvalid, cell, "binary data");
     return storeBytes(cell.bytes, target, false);
 }
 
@@ -130,12 +135,12 @@ Delivery toBinary(const Cell& cell, const ColumnType&, const Target& target) {
 
 std::int64_t integerOf(const Cell& cell) {
     std::int64_t value = 0;
-    if (cell.type == SQLITE_INTEGER) return cell.integer;
-    if (cell.type == SQLITE_FLOAT) {
+    if (cell.kind == Cell::Kind::Integer) return cell.integer;
+    if (cell.kind == Cell::Kind::Real) {
         if (!exactInteger(cell.real, value)) refuse(kOutOfRange, cell, "a 64-bit integer");
         return value;
     }
-    if (cell.type != SQLITE_TEXT) refuse(kInvalid, cell, "an integer");
+    if (cell.kind != Cell::Kind::Text) refuse(kInvalid, cell, "an integer");
     const std::string_view text = trimmed(cell.bytes);
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value);
     if (parsed.ec == std::errc::result_out_of_range) refuse(kOutOfRange, cell, "a 64-bit integer");
@@ -160,8 +165,8 @@ Delivery toBit(const Cell& cell, const ColumnType&, const Target& target) {
 }
 
 double doubleOf(const Cell& cell) {
-    if (cell.type == SQLITE_FLOAT) return cell.real;
-    if (cell.type == SQLITE_INTEGER) {
+    if (cell.kind == Cell::Kind::Real) return cell.real;
+    if (cell.kind == Cell::Kind::Integer) {
         const auto value = static_cast<double>(cell.integer);
         std::int64_t back = 0;
         if (!exactInteger(value, back) || back != cell.integer) {
@@ -169,7 +174,7 @@ double doubleOf(const Cell& cell) {
         }
         return value;
     }
-    if (cell.type != SQLITE_TEXT) refuse(kInvalid, cell, "a number");
+    if (cell.kind != Cell::Kind::Text) refuse(kInvalid, cell, "a number");
     const std::string_view text = trimmed(cell.bytes);
     double value = 0;
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -197,7 +202,8 @@ Delivery toFloat(const Cell& cell, const ColumnType&, const Target& target) {
 
 Temporal temporalOf(const Cell& cell, const ColumnType& column, const char* wanted) {
     std::optional<Temporal> parsed;
-    if (cell.type == SQLITE_TEXT) parsed = parseTemporal(cell.bytes);
+    if (cell.kind == Cell::Kind::Text) parsed = parseTemporal(cell.bytes);
+    if (cell.kind == Cell::Kind::Temporal) parsed = *cell.temporal;
     if (!parsed) refuse(kInvalid, cell, wanted);
     // What the column's description does not announce, a caller would drop unseen.
     const bool dateColumn = column.sqlType == SQL_TYPE_DATE;

@@ -1,7 +1,5 @@
 #include "diagnostics.h"
 
-#include <sqlite3.h>
-
 #include <new>
 
 #include "message.h"
@@ -9,7 +7,7 @@
 namespace embedded {
 namespace {
 
-const DiagnosticRecord kOutOfMemory{"HY001", SQLITE_NOMEM, "Out of memory."};
+const DiagnosticRecord kOutOfMemory{sqlState("HY001"), native::kNoMemory, "Out of memory."};
 
 using Records = std::vector<DiagnosticRecord>;
 
@@ -24,14 +22,14 @@ void Diagnostics::error(const Error& error) noexcept {
     try {
         // In front of any warnings: many callers read only the first record.
         Records& records = made(m_records);
-        records.insert(records.begin(), {error.state(), error.native(), error.what()});
+        records.insert(records.begin(), {sqlState(error.state()), error.native(), error.what()});
     } catch (const std::bad_alloc&) {
         outOfMemory();
     }
 }
 
-void Diagnostics::warning(const char* state, std::string_view text) {
-    made(m_records).push_back({state, SQLITE_OK, runtimeMessage(text)});
+void Diagnostics::warning(std::string_view state, std::string_view text) {
+    made(m_records).push_back({sqlState(state), 0, runtimeMessage(text)});
 }
 
 size_t Diagnostics::count() const noexcept {

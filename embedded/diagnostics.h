@@ -11,7 +11,7 @@ namespace embedded {
 
 /// One diagnostic record. Warnings carry the native code 0.
 struct DiagnosticRecord {
-    const char* state;  ///< SQLSTATE, static storage
+    SqlState state;
     int native;
     std::string message;
 };
@@ -31,7 +31,7 @@ class Diagnostics {
     /// Records HY001; needs no memory.
     void outOfMemory() noexcept { m_outOfMemory = true; }
 
-    void warning(const char* state, std::string_view text);
+    void warning(std::string_view state, std::string_view text);
 
     size_t count() const noexcept;
 

@@ -1,6 +1,4 @@
 // Entry points: attributes of environments, connections and statements.
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
@@ -146,17 +144,19 @@ void getConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER valu
             answer(connection.autocommit() ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF);
             break;
         case SQL_ATTR_ACCESS_MODE: {
-            const bool readOnly =
-                connection.isOpen() && sqlite3_db_readonly(connection.db(), "main") == 1;
+            const bool readOnly = connection.isOpen() && connection.database().isReadOnly();
             answer(readOnly ? SQL_MODE_READ_ONLY : SQL_MODE_READ_WRITE);
             break;
         }
         case SQL_ATTR_CONNECTION_DEAD:
-            answer(connection.isOpen() ? SQL_CD_FALSE : SQL_CD_TRUE);
+            answer(connection.isOpen() && !connection.database().isDead() ? SQL_CD_FALSE
+                                                                          : SQL_CD_TRUE);
             break;
         case SQL_ATTR_CURRENT_CATALOG:
             if (capacity < 0) throw Error("HY090", "Invalid buffer length.");
-            if (outputText(connection.database(), value, capacity, length) && value) {
+            if (outputText(connection.isOpen() ? connection.database().catalogName() : "", value,
+                           capacity, length) &&
+                value) {
                 connection.diagnostics.warning("01004",
                                                "The text was cut to the size of its buffer.");
             }
@@ -187,10 +187,10 @@ void setStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value) 
             options.parameterOffset = static_cast<SQLULEN*>(value);
             break;
         case SQL_ATTR_PARAM_STATUS_PTR:
-            options.parameterStatus = static_cast<SQLUSMALLINT*>(value);
+            options.parameterReport.status = static_cast<SQLUSMALLINT*>(value);
             break;
         case SQL_ATTR_PARAMS_PROCESSED_PTR:
-            options.parametersProcessed = static_cast<SQLULEN*>(value);
+            options.parameterReport.processed = static_cast<SQLULEN*>(value);
             break;
         case SQL_ATTR_ROW_STATUS_PTR:
             options.rowStatus = static_cast<SQLUSMALLINT*>(value);
@@ -214,9 +214,9 @@ void getStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value,
         case SQL_ATTR_PARAM_BIND_OFFSET_PTR:
             return output(value, options.parameterOffset, length);
         case SQL_ATTR_PARAM_STATUS_PTR:
-            return output(value, options.parameterStatus, length);
+            return output(value, options.parameterReport.status, length);
         case SQL_ATTR_PARAMS_PROCESSED_PTR:
-            return output(value, options.parametersProcessed, length);
+            return output(value, options.parameterReport.processed, length);
         case SQL_ATTR_ROW_STATUS_PTR:
             return output(value, options.rowStatus, length);
         case SQL_ATTR_ROWS_FETCHED_PTR:

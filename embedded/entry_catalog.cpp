@@ -1,5 +1,4 @@
 // Entry points: the catalogue.
-#include "catalog.h"
 #include "entry.h"
 #include "runtime.h"
 #include "statement.h"
@@ -23,9 +22,9 @@ SQLRETURN RT_SQLTables(const char*, SQLHSTMT handle, SQLCHAR* catalog, SQLSMALLI
                        SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table,
                        SQLSMALLINT tableLength, SQLCHAR* types, SQLSMALLINT typesLength) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        statement.openRows(listTables(statement.connection(), pattern(catalog, catalogLength),
-                                      pattern(schema, schemaLength), pattern(table, tableLength),
-                                      pattern(types, typesLength)));
+        statement.openRows(statement.connection().database().tables(
+            {pattern(catalog, catalogLength), pattern(schema, schemaLength),
+             pattern(table, tableLength), pattern(types, typesLength)}));
         return SQL_SUCCESS;
     });
 }
@@ -34,9 +33,9 @@ SQLRETURN RT_SQLColumns(const char*, SQLHSTMT handle, SQLCHAR* catalog, SQLSMALL
                         SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table,
                         SQLSMALLINT tableLength, SQLCHAR* column, SQLSMALLINT columnLength) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        statement.openRows(listColumns(statement.connection(), pattern(catalog, catalogLength),
-                                       pattern(schema, schemaLength), pattern(table, tableLength),
-                                       pattern(column, columnLength)));
+        statement.openRows(statement.connection().database().columns(
+            {pattern(catalog, catalogLength), pattern(schema, schemaLength),
+             pattern(table, tableLength), pattern(column, columnLength)}));
         return SQL_SUCCESS;
     });
 }

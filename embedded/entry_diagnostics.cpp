@@ -20,7 +20,7 @@ struct Output {
 };
 
 SQLRETURN writeRecord(const DiagnosticRecord& record, const Output& output) noexcept {
-    if (output.state) std::memcpy(output.state, record.state, SQL_SQLSTATE_SIZE + 1);
+    if (output.state) std::memcpy(output.state, record.state.data(), SQL_SQLSTATE_SIZE + 1);
     if (output.native) *output.native = record.native;
     const bool cut = outputText(record.message, output.message, output.capacity, output.length);
     return cut && output.message ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;

@@ -32,7 +32,7 @@ SQLRETURN allocConnection(SQLHANDLE environment, SQLHANDLE* output) noexcept {
 
 SQLRETURN allocStatement(SQLHANDLE connection, SQLHANDLE* output) noexcept {
     return withHandle<Connection>(connection, [&](Connection& parent) {
-        parent.db();
+        parent.database();
         auto shared = HandleRegistry::instance().find<Connection>(connection);
         if (!shared) return SQL_INVALID_HANDLE;
         *output = HandleRegistry::instance().add(std::make_shared<Statement>(std::move(shared)));
@@ -107,12 +107,6 @@ SQLRETURN endEnvironment(SQLHANDLE handle, SQLSMALLINT completion) noexcept {
     });
 }
 
-std::string listOf(const std::vector<std::string>& names) {
-    std::string list;
-    for (const std::string& name : names) list += (list.empty() ? "" : ", ") + name;
-    return list;
-}
-
 }  // namespace
 }  // namespace embedded
 
@@ -181,12 +175,7 @@ SQLRETURN RT_SQLDriverConnect(const char*, SQLHDBC handle, SQLHWND, SQLCHAR* tex
     return withHandle<Connection>(handle, [&](Connection& connection) {
         const std::string_view given = inputText(text, textLength);
         if (completedCapacity < 0) throw Error("HY090", "Invalid buffer length.");
-        const ConnectOptions options = parseConnectString(given);
-        connection.open(options);
-        if (!options.unknownKeys.empty()) {
-            connection.diagnostics.warning("01S00", "Connection string: unknown key(s) ignored: " +
-                                                        listOf(options.unknownKeys) + ".");
-        }
+        connection.open(ConnectString(given));
         if (outputText(given, completed, completedCapacity, completedLength) && completed) {
             connection.diagnostics.warning("01004", "The connection string was cut.");
         }

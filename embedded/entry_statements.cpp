@@ -1,6 +1,4 @@
 // Entry points: statements and results.
-#include <sqlite3.h>
-
 #include <algorithm>
 #include <limits>
 #include <string>
@@ -61,14 +59,15 @@ SQLRETURN RT_SQLBindParameter(const char*, SQLHSTMT handle, SQLUSMALLINT number,
                               SQLULEN, SQLSMALLINT, SQLPOINTER value, SQLLEN capacity,
                               SQLLEN* indicator) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        if (number == 0) throw Error("07009", "Parameters are numbered from 1.", SQLITE_RANGE);
+        if (number == 0) throw Error("07009", "Parameters are numbered from 1.", native::kRange);
         if (direction != SQL_PARAM_INPUT)
             throw notSupported("Only input parameters are supported.");
         if (capacity < 0) throw Error("HY090", "Invalid buffer length.");
         if (!value && !indicator) {
-            throw Error("HY009", "A parameter needs a value or an indicator.", SQLITE_MISUSE);
+            throw Error("HY009", "A parameter needs a value or an indicator.", native::kMisuse);
         }
         statement.bindParameter(number, {.cType = parameterCType(cType, sqlType),
+                                         .sqlType = sqlType,
                                          .data = static_cast<const char*>(value),
                                          .bufferLength = capacity,
                                          .indicators = indicator,
@@ -130,7 +129,7 @@ SQLRETURN RT_SQLColAttribute(const char*, SQLHSTMT handle, SQLUSMALLINT column, 
 SQLRETURN RT_SQLBindCol(const char*, SQLHSTMT handle, SQLUSMALLINT column, SQLSMALLINT cType,
                         SQLPOINTER target, SQLLEN capacity, SQLLEN* indicator) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        if (column == 0) throw Error("07009", "Columns are numbered from 1.", SQLITE_RANGE);
+        if (column == 0) throw Error("07009", "Columns are numbered from 1.", native::kRange);
         if (target) checkTarget(cType, capacity);
         statement.bindColumn(column, {cType, target, capacity, indicator});
         return SQL_SUCCESS;
@@ -145,7 +144,7 @@ SQLRETURN RT_SQLGetData(const char*, SQLHSTMT handle, SQLUSMALLINT column, SQLSM
                         SQLPOINTER target, SQLLEN capacity, SQLLEN* indicator) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
         checkTarget(cType, capacity);
-        if (!target) throw Error("HY009", "There is no buffer for the value.", SQLITE_MISUSE);
+        if (!target) throw Error("HY009", "There is no buffer for the value.", native::kMisuse);
         return statement.getData(column, cType, {target, capacity, indicator, nullptr});
     });
 }
@@ -161,7 +160,7 @@ SQLRETURN RT_SQLMoreResults(const char*, SQLHSTMT handle) {
 SQLRETURN RT_SQLCloseCursor(const char*, SQLHSTMT handle) {
     return withHandle<Statement>(handle, [](Statement& statement) {
         if (!statement.hasCursor()) {
-            throw Error("24000", "No cursor is open on the statement.", SQLITE_MISUSE);
+            throw Error("24000", "No cursor is open on the statement.", native::kMisuse);
         }
         statement.closeCursor();
         return SQL_SUCCESS;

@@ -1,31 +1,34 @@
 #include "error.h"
 
-#include <sqlite3.h>
-
 #include "message.h"
 
 namespace embedded {
 
-Error::Error(const char* state, const std::string& text, int native)
+Error::Error(std::string_view state, const std::string& text, int native)
     : Error(Verbatim{}, state, runtimeMessage(text), native) {}
 
-Error Error::fromSqlite(const char* state, const std::string& text, int extendedCode) {
+Error Error::fromSqlite(std::string_view state, const std::string& text, int extendedCode) {
     return {Verbatim{}, state, sqliteMessage(text), extendedCode};
 }
 
+Error Error::fromDriver(std::string_view state, const std::string& text, int native) {
+    // A failure without a code would be taken for a warning.
+    return {Verbatim{}, state, driverMessage(state, text), native != 0 ? native : native::kError};
+}
+
 Error sequenceError(const std::string& what) {
-    return {"HY010", what, SQLITE_MISUSE};
+    return {"HY010", what, native::kMisuse};
 }
 
 Error inheritedError() {
     return {"08S01",
             "The connection was opened before this process was forked and belongs to its parent. "
             "Open another one here.",
-            SQLITE_MISUSE};
+            native::kMisuse};
 }
 
 Error notSupported(const std::string& what) {
-    return {"HYC00", what, SQLITE_ERROR};
+    return {"HYC00", what, native::kError};
 }
 
 }  // namespace embedded

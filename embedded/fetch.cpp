@@ -8,7 +8,7 @@ namespace embedded {
 
 Statement::Work& Statement::requireCursor() {
     if (hasCursor()) return *m_work;
-    if (m_executed) throw Error("24000", "No cursor is open on the statement.", SQLITE_MISUSE);
+    if (m_executed) throw Error("24000", "No cursor is open on the statement.", native::kMisuse);
     throw sequenceError("The statement has not been executed.");
 }
 
@@ -25,21 +25,14 @@ Statement::Work& Statement::askedCursor() {
 const std::vector<Column>& Statement::columns() {
     static const std::vector<Column> kNone;
     if (hasCursor()) return askedCursor().rows->columns();
-    if (m_work && m_work->procedure) return kNone;  // known when it has been executed
-    if (m_work && m_work->prepared) {
-        const CompiledStatement& compiled = m_work->compiled;
-        if (m_work->described.empty())
-            m_work->described = compiled.sql().columns.describe(compiled.get(), false);
-        return m_work->described;
-    }
+    if (m_work && m_work->prepared) return requireProgram().columns();
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
     return kNone;
 }
 
 int Statement::columnCount() {
     if (hasCursor()) return askedCursor().rows->columnCount();
-    if (m_work && m_work->procedure) return 0;
-    if (m_work && m_work->prepared) return sqlite3_column_count(m_work->compiled.get());
+    if (m_work && m_work->prepared) return requireProgram().columnCount();
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
     return 0;
 }
@@ -67,7 +60,7 @@ SQLRETURN Statement::fetch() {
     if (!work.onRow) {
         work.ended = true;
         // All is described and read: a statement that cannot be executed again is over.
-        if (!work.prepared) work.compiled.release();
+        if (!work.prepared) work.program.reset();
         return SQL_NO_DATA;
     }
     // The row counts as fetched even if a value cannot be delivered, so that the next fetch reads
@@ -91,7 +84,7 @@ void Statement::lookAhead() {
     Work& work = *m_work;
     const Ahead ahead = work.rows->lookAhead();
     work.passed = ahead != Ahead::Unknown;
-    if (ahead == Ahead::End && !work.prepared) work.compiled.release();
+    if (ahead == Ahead::End && !work.prepared) work.program.reset();
 }
 
 void Statement::chooseRoutes() {
@@ -123,10 +116,11 @@ Delivery Statement::deliver(const Converter& convert, int index, const Column& c
                             const Target& target) {
     const Cell cell = m_work->rows->cell(index);
     try {
-        return cell.type == SQLITE_NULL ? deliverNull(target) : convert(cell, column.type, target);
+        return cell.kind == Cell::Kind::Null ? deliverNull(target)
+                                             : convert(cell, column.type, target);
     } catch (const ConversionError& error) {
         throw Error(error.state(), place(column, index) + ": " + error.what() + ".",
-                    SQLITE_MISMATCH);
+                    native::kMismatch);
     }
 }
 
@@ -137,16 +131,16 @@ std::string Statement::place(const Column& column, int index) const {
 
 SQLRETURN Statement::getData(SQLUSMALLINT column, SQLSMALLINT cType, Target target) {
     Work& work = requireCursor();
-    if (!work.onRow) throw Error("24000", "The cursor is not on a row.", SQLITE_MISUSE);
+    if (!work.onRow) throw Error("24000", "The cursor is not on a row.", native::kMisuse);
     const std::vector<Column>& described = work.rows->columns();
     if (column == 0 || column > described.size()) {
-        throw Error("07009", "There is no column " + std::to_string(column) + ".", SQLITE_RANGE);
+        throw Error("07009", "There is no column " + std::to_string(column) + ".", native::kRange);
     }
     if (work.passed) {
         throw Error("07009",
                     "All columns were bound when the row was fetched; their values are delivered "
                     "and cannot be read again.",
-                    SQLITE_MISUSE);
+                    native::kMisuse);
     }
     if (work.partColumn != column) {
         work.partColumn = column;

@@ -32,6 +32,10 @@ std::string sqliteMessage(std::string_view text) {
     return prefixed("[vorda][SQLite] ", text);
 }
 
+std::string driverMessage(std::string_view state, std::string_view text) {
+    return prefixed("[vorda][ODBC][" + std::string(state) + "] ", text);
+}
+
 std::string quoted(std::string_view value) {
     return "'" + shortened(std::string(value.substr(0, kMaxQuoted + 1)), kMaxQuoted) + "'";
 }

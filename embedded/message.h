@@ -16,6 +16,10 @@ std::string runtimeMessage(std::string_view text);
 /// `text` with the prefix that says that SQLite wrote it, cut to `kMaxMessage`.
 std::string sqliteMessage(std::string_view text);
 
+/// `text` of a driver with the prefix that says so and the SQLSTATE, which not every caller reads
+/// elsewhere; cut to `kMaxMessage`.
+std::string driverMessage(std::string_view state, std::string_view text);
+
 /// A value from the user's data as it appears in a message: quoted and short.
 std::string quoted(std::string_view value);
 

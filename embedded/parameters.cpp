@@ -1,33 +1,26 @@
 #include "parameters.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
 #include <iterator>
 #include <string>
 #include <utility>
 
-#include "error.h"
-#include "sqliteerror.h"
-#include "temporal.h"
-
 namespace embedded {
 namespace {
 
-/// One value on its way into SQLite.
+/// One value in the application's memory.
 struct Slot {
-    sqlite3_stmt* statement;
-    int number;        ///< 1-based
+    int number;        ///< of the parameter, 1-based
     const char* data;  ///< never null
     SQLLEN length;     ///< bytes; for text and binary only
-    sqlite3_destructor_type life;
 };
 
-using Binder = int (*)(const Slot& slot);
+using Reader = void (*)(const Slot& slot, Value& value);
 
 [[noreturn]] void refuse(const char* state, const Slot& slot, const std::string& what) {
     throw Error(state, "Parameter " + std::to_string(slot.number) + ": " + what + ".",
-                SQLITE_MISMATCH);
+                native::kMismatch);
 }
 
 // Application buffers need not be aligned.
@@ -39,98 +32,95 @@ T read(const Slot& slot) noexcept {
 }
 
 template <class T>
-int bindInteger(const Slot& slot) {
-    const T value = read<T>(slot);
-    if (!std::in_range<sqlite3_int64>(value)) refuse("22003", slot, "the integer exceeds 64 bits");
-    return sqlite3_bind_int64(slot.statement, slot.number, static_cast<sqlite3_int64>(value));
+void readInteger(const Slot& slot, Value& value) {
+    const T given = read<T>(slot);
+    if (!std::in_range<std::int64_t>(given)) refuse("22003", slot, "the integer exceeds 64 bits");
+    value.kind = Value::Kind::Integer;
+    value.integer = static_cast<std::int64_t>(given);
 }
 
-int bindBit(const Slot& slot) {
-    const SQLCHAR value = read<SQLCHAR>(slot);
-    if (value > 1) refuse("22003", slot, "a bit is neither 0 nor 1");
-    return sqlite3_bind_int(slot.statement, slot.number, value);
+void readBit(const Slot& slot, Value& value) {
+    readInteger<SQLCHAR>(slot, value);
+    if (value.integer > 1) refuse("22003", slot, "a bit is neither 0 nor 1");
 }
 
 template <class T>
-int bindReal(const Slot& slot) {
-    const auto value = static_cast<double>(read<T>(slot));
-    // SQLite would store NULL in its place.
-    if (std::isnan(value)) refuse("22003", slot, "not a number (NaN) cannot be stored");
-    return sqlite3_bind_double(slot.statement, slot.number, value);
+void readReal(const Slot& slot, Value& value) {
+    value.kind = Value::Kind::Real;
+    value.real = static_cast<double>(read<T>(slot));
 }
 
-int bindText(const Slot& slot) {
-    return sqlite3_bind_text64(slot.statement, slot.number, slot.data,
-                               static_cast<sqlite3_uint64>(slot.length), slot.life, SQLITE_UTF8);
+template <Value::Kind kind>
+void readBytes(const Slot& slot, Value& value) {
+    value.kind = kind;
+    value.bytes = {slot.data, static_cast<size_t>(slot.length)};
 }
 
-int bindBinary(const Slot& slot) {
-    return sqlite3_bind_blob64(slot.statement, slot.number, slot.data,
-                               static_cast<sqlite3_uint64>(slot.length), slot.life);
+void readTemporal(const Slot& slot, Value& value, const Temporal& given, const char* what) {
+    const bool valid = (given.shape == TemporalShape::Time || isValidDate(given.value)) &&
+                       (given.shape == TemporalShape::Date || isValidTime(given.value));
+    if (!valid) refuse("22007", slot, std::string("the ") + what + " does not exist");
+    value.kind = Value::Kind::Temporal;
+    value.temporal = given;
 }
 
-int bindTemporalText(const Slot& slot, const std::string& text) {
-    return sqlite3_bind_text64(slot.statement, slot.number, text.data(), text.size(),
-                               SQLITE_TRANSIENT, SQLITE_UTF8);
-}
-
-int bindDate(const Slot& slot) {
+void readDate(const Slot& slot, Value& value) {
     const auto date = read<SQL_DATE_STRUCT>(slot);
-    const DateTime value{.year = date.year, .month = date.month, .day = date.day};
-    if (!isValidDate(value)) refuse("22007", slot, "the date does not exist");
-    return bindTemporalText(slot, formatDate(value));
+    readTemporal(slot, value,
+                 {TemporalShape::Date, {.year = date.year, .month = date.month, .day = date.day}},
+                 "date");
 }
 
-int bindTime(const Slot& slot) {
+void readTime(const Slot& slot, Value& value) {
     const auto time = read<SQL_TIME_STRUCT>(slot);
-    const DateTime value{.hour = time.hour, .minute = time.minute, .second = time.second};
-    if (!isValidTime(value)) refuse("22007", slot, "the time does not exist");
-    return bindTemporalText(slot, formatTime(value));
+    readTemporal(
+        slot, value,
+        {TemporalShape::Time, {.hour = time.hour, .minute = time.minute, .second = time.second}},
+        "time");
 }
 
-int bindTimestamp(const Slot& slot) {
+void readTimestamp(const Slot& slot, Value& value) {
     const auto stamp = read<SQL_TIMESTAMP_STRUCT>(slot);
-    const DateTime value{stamp.year,   stamp.month,  stamp.day,     stamp.hour,
-                         stamp.minute, stamp.second, stamp.fraction};
-    if (!isValidDate(value) || !isValidTime(value)) {
-        refuse("22007", slot, "the timestamp does not exist");
-    }
-    return bindTemporalText(slot, formatDateTime(value));
+    readTemporal(slot, value,
+                 {TemporalShape::Both,
+                  {stamp.year, stamp.month, stamp.day, stamp.hour, stamp.minute, stamp.second,
+                   stamp.fraction}},
+                 "timestamp");
 }
 
 enum class Length { Fixed, Text, Binary };
 
 struct ParameterKind {
     SQLSMALLINT cType;
-    Binder bind;
+    Reader read;
     size_t size;  ///< bytes from value to value of a fixed type
     Length length = Length::Fixed;
 };
 
 constexpr ParameterKind kKinds[] = {
-    {SQL_C_WCHAR, bindText, 0, Length::Text},
-    {SQL_C_CHAR, bindText, 0, Length::Text},
-    {SQL_C_BINARY, bindBinary, 0, Length::Binary},
-    {SQL_C_SBIGINT, bindInteger<SQLBIGINT>, sizeof(SQLBIGINT)},
-    {SQL_C_UBIGINT, bindInteger<SQLUBIGINT>, sizeof(SQLUBIGINT)},
-    {SQL_C_LONG, bindInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
-    {SQL_C_SLONG, bindInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
-    {SQL_C_ULONG, bindInteger<SQLUINTEGER>, sizeof(SQLUINTEGER)},
-    {SQL_C_SHORT, bindInteger<SQLSMALLINT>, sizeof(SQLSMALLINT)},
-    {SQL_C_SSHORT, bindInteger<SQLSMALLINT>, sizeof(SQLSMALLINT)},
-    {SQL_C_USHORT, bindInteger<SQLUSMALLINT>, sizeof(SQLUSMALLINT)},
-    {SQL_C_TINYINT, bindInteger<SQLCHAR>, sizeof(SQLCHAR)},
-    {SQL_C_STINYINT, bindInteger<SQLSCHAR>, sizeof(SQLSCHAR)},
-    {SQL_C_UTINYINT, bindInteger<SQLCHAR>, sizeof(SQLCHAR)},
-    {SQL_C_BIT, bindBit, sizeof(SQLCHAR)},
-    {SQL_C_DOUBLE, bindReal<SQLDOUBLE>, sizeof(SQLDOUBLE)},
-    {SQL_C_FLOAT, bindReal<SQLREAL>, sizeof(SQLREAL)},
-    {SQL_C_DATE, bindDate, sizeof(SQL_DATE_STRUCT)},
-    {SQL_C_TYPE_DATE, bindDate, sizeof(SQL_DATE_STRUCT)},
-    {SQL_C_TIME, bindTime, sizeof(SQL_TIME_STRUCT)},
-    {SQL_C_TYPE_TIME, bindTime, sizeof(SQL_TIME_STRUCT)},
-    {SQL_C_TIMESTAMP, bindTimestamp, sizeof(SQL_TIMESTAMP_STRUCT)},
-    {SQL_C_TYPE_TIMESTAMP, bindTimestamp, sizeof(SQL_TIMESTAMP_STRUCT)},
+    {SQL_C_WCHAR, readBytes<Value::Kind::Text>, 0, Length::Text},
+    {SQL_C_CHAR, readBytes<Value::Kind::Text>, 0, Length::Text},
+    {SQL_C_BINARY, readBytes<Value::Kind::Binary>, 0, Length::Binary},
+    {SQL_C_SBIGINT, readInteger<SQLBIGINT>, sizeof(SQLBIGINT)},
+    {SQL_C_UBIGINT, readInteger<SQLUBIGINT>, sizeof(SQLUBIGINT)},
+    {SQL_C_LONG, readInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
+    {SQL_C_SLONG, readInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
+    {SQL_C_ULONG, readInteger<SQLUINTEGER>, sizeof(SQLUINTEGER)},
+    {SQL_C_SHORT, readInteger<SQLSMALLINT>, sizeof(SQLSMALLINT)},
+    {SQL_C_SSHORT, readInteger<SQLSMALLINT>, sizeof(SQLSMALLINT)},
+    {SQL_C_USHORT, readInteger<SQLUSMALLINT>, sizeof(SQLUSMALLINT)},
+    {SQL_C_TINYINT, readInteger<SQLCHAR>, sizeof(SQLCHAR)},
+    {SQL_C_STINYINT, readInteger<SQLSCHAR>, sizeof(SQLSCHAR)},
+    {SQL_C_UTINYINT, readInteger<SQLCHAR>, sizeof(SQLCHAR)},
+    {SQL_C_BIT, readBit, sizeof(SQLCHAR)},
+    {SQL_C_DOUBLE, readReal<SQLDOUBLE>, sizeof(SQLDOUBLE)},
+    {SQL_C_FLOAT, readReal<SQLREAL>, sizeof(SQLREAL)},
+    {SQL_C_DATE, readDate, sizeof(SQL_DATE_STRUCT)},
+    {SQL_C_TYPE_DATE, readDate, sizeof(SQL_DATE_STRUCT)},
+    {SQL_C_TIME, readTime, sizeof(SQL_TIME_STRUCT)},
+    {SQL_C_TYPE_TIME, readTime, sizeof(SQL_TIME_STRUCT)},
+    {SQL_C_TIMESTAMP, readTimestamp, sizeof(SQL_TIMESTAMP_STRUCT)},
+    {SQL_C_TYPE_TIMESTAMP, readTimestamp, sizeof(SQL_TIMESTAMP_STRUCT)},
 };
 
 const ParameterKind* kindOf(SQLSMALLINT cType) noexcept {
@@ -194,43 +184,6 @@ SQLLEN lengthOf(const Slot& slot, const ParameterKind& kind, const ParameterBind
            "invalid length " + std::to_string(given));
 }
 
-void bindOne(sqlite3_stmt* statement, int number, const ParameterBinding& binding,
-             const ParameterLayout& layout, SQLULEN set, sqlite3_destructor_type life) {
-    const ParameterKind& kind = *kindOf(binding.cType);
-    const bool byRow = layout.rowSize != SQL_PARAM_BIND_BY_COLUMN;
-    const size_t valueSize =
-        kind.length == Length::Fixed ? kind.size : static_cast<size_t>(binding.bufferLength);
-    const size_t valueStep = byRow ? layout.rowSize : valueSize;
-    const size_t indicatorStep = byRow ? layout.rowSize : sizeof(SQLLEN);
-
-    SQLLEN given = 0;
-    const SQLLEN* indicator = nullptr;
-    if (binding.indicators) {
-        std::memcpy(
-            &given,
-            reinterpret_cast<const char*>(binding.indicators) + layout.offset + set * indicatorStep,
-            sizeof given);
-        indicator = &given;
-    }
-
-    int result = SQLITE_OK;
-    if (indicator && given == SQL_NULL_DATA) {
-        result = sqlite3_bind_null(statement, number);
-    } else {
-        Slot slot{statement, number, binding.data, 0, life};
-        if (slot.data) {
-            slot.data += layout.offset + set * valueStep;
-        } else if (kind.length != Length::Fixed && given == 0) {
-            slot.data = "";  // an empty value needs no buffer, yet a null pointer would mean NULL
-        } else {
-            refuse("HY009", slot, "the value is a null pointer");
-        }
-        if (kind.length != Length::Fixed) slot.length = lengthOf(slot, kind, binding, indicator);
-        result = kind.bind(slot);
-    }
-    if (result != SQLITE_OK) throw sqliteError(sqlite3_db_handle(statement));
-}
-
 }  // namespace
 
 SQLSMALLINT parameterCType(SQLSMALLINT cType, SQLSMALLINT sqlType) {
@@ -242,21 +195,72 @@ SQLSMALLINT parameterCType(SQLSMALLINT cType, SQLSMALLINT sqlType) {
     throw Error("HY003", "Unknown C type " + std::to_string(cType) + ".");
 }
 
-void bindParameterSet(sqlite3_stmt* statement, const std::vector<ParameterBinding>& bindings,
-                      const ParameterLayout& layout, SQLULEN set, BufferLife life) {
-    const int markers = sqlite3_bind_parameter_count(statement);
+ParameterSets::ParameterSets(const std::vector<ParameterBinding>& bindings,
+                             const ParameterLayout& layout, const ParameterReport& report,
+                             SQLULEN count) noexcept
+    : m_bindings(bindings), m_layout(layout), m_report(report), m_count(count) {
+    for (SQLULEN set = 0; set < count; ++set) setStatus(set, SQL_PARAM_UNUSED);
+    if (m_report.processed) *m_report.processed = 0;
+}
+
+void ParameterSets::require(int markers) const {
     for (int number = 1; number <= markers; ++number) {
         const auto index = static_cast<size_t>(number) - 1;
-        if (index >= bindings.size() || !bindings[index].bound) {
-            throw Error("07002",
-                        "The statement has " + std::to_string(markers) +
-                            " parameter marker(s), but no value is bound to marker " +
-                            std::to_string(number) + ".",
-                        SQLITE_RANGE);
-        }
-        bindOne(statement, number, bindings[index], layout, set,
-                life == BufferLife::Execution ? SQLITE_STATIC : SQLITE_TRANSIENT);
+        if (index < m_bindings.size() && m_bindings[index].bound) continue;
+        throw Error("07002",
+                    "The statement has " + std::to_string(markers) +
+                        " parameter marker(s), but no value is bound to marker " +
+                        std::to_string(number) + ".",
+                    native::kRange);
     }
+}
+
+Value ParameterSets::value(SQLULEN set, int number) const {
+    const ParameterBinding& bound = binding(number);
+    const ParameterKind& kind = *kindOf(bound.cType);
+    const bool byRow = m_layout.rowSize != SQL_PARAM_BIND_BY_COLUMN;
+    const size_t valueSize =
+        kind.length == Length::Fixed ? kind.size : static_cast<size_t>(bound.bufferLength);
+    const size_t valueStep = byRow ? m_layout.rowSize : valueSize;
+    const size_t indicatorStep = byRow ? m_layout.rowSize : sizeof(SQLLEN);
+
+    SQLLEN given = 0;
+    const SQLLEN* indicator = nullptr;
+    if (bound.indicators) {
+        std::memcpy(
+            &given,
+            reinterpret_cast<const char*>(bound.indicators) + m_layout.offset + set * indicatorStep,
+            sizeof given);
+        indicator = &given;
+    }
+
+    Value value;
+    if (indicator && given == SQL_NULL_DATA) return value;
+    Slot slot{number, bound.data, 0};
+    if (slot.data) {
+        slot.data += m_layout.offset + set * valueStep;
+    } else if (kind.length != Length::Fixed && given == 0) {
+        slot.data = "";  // an empty value needs no buffer, yet a null pointer would mean NULL
+    } else {
+        refuse("HY009", slot, "the value is a null pointer");
+    }
+    if (kind.length != Length::Fixed) slot.length = lengthOf(slot, kind, bound, indicator);
+    kind.read(slot, value);
+    return value;
+}
+
+void ParameterSets::started(SQLULEN set) noexcept {
+    if (m_report.processed) *m_report.processed = set + 1;
+}
+
+void ParameterSets::allSucceeded() noexcept {
+    for (SQLULEN set = 0; set < m_count; ++set) setStatus(set, SQL_PARAM_SUCCESS);
+}
+
+Error ParameterSets::failed(SQLULEN set, const Error& error) {
+    setStatus(set, SQL_PARAM_ERROR);
+    if (m_count == 1) return error;
+    return error.in("parameter set " + std::to_string(set + 1) + " of " + std::to_string(m_count));
 }
 
 }  // namespace embedded

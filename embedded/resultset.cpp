@@ -1,137 +1,8 @@
 #include "resultset.h"
 
-#include <exception>
-#include <new>
-#include <optional>
-#include <utility>
-
-#include "sqliteerror.h"
-
 namespace embedded {
-namespace {
 
-Cell cellOf(sqlite3_stmt* statement, int column) {
-    Cell cell;
-    cell.type = sqlite3_column_type(statement, column);
-    switch (cell.type) {
-        case SQLITE_INTEGER:
-            cell.integer = sqlite3_column_int64(statement, column);
-            break;
-        case SQLITE_FLOAT:
-            cell.real = sqlite3_column_double(statement, column);
-            break;
-        case SQLITE_TEXT:
-        case SQLITE_BLOB: {
-            const void* data = cell.type == SQLITE_TEXT ? sqlite3_column_text(statement, column)
-                                                        : sqlite3_column_blob(statement, column);
-            const auto size = static_cast<size_t>(sqlite3_column_bytes(statement, column));
-            if (!data) requireMemory(statement);
-            cell.bytes = {data ? static_cast<const char*>(data) : "", size};
-            break;
-        }
-        default:
-            break;
-    }
-    return cell;
-}
-
-class LiveRows final : public ResultSet {
-  public:
-    LiveRows(CompiledSql& sql, bool onRow)
-        : m_sql(sql), m_statement(sql.statement.get()), m_unread(onRow) {
-        if (!onRow) sqlite3_reset(m_statement);
-    }
-    ~LiveRows() override { sqlite3_reset(m_statement); }
-
-    const std::vector<Column>& columns() override {
-        if (!m_columns) m_columns = m_sql.columns.describe(m_statement, m_unread);
-        return *m_columns;
-    }
-
-    int columnCount() const override {
-        return m_columns ? static_cast<int>(m_columns->size()) : sqlite3_column_count(m_statement);
-    }
-
-    bool next() override {
-        if (m_failure) std::rethrow_exception(std::exchange(m_failure, nullptr));
-        if (m_unread) {
-            m_unread = false;
-            return true;
-        }
-        if (!m_statement) return false;
-        // A statement reset in the beginning must not start over.
-        const int result = sqlite3_stmt_busy(m_statement) ? sqlite3_step(m_statement) : SQLITE_DONE;
-        if (result == SQLITE_ROW) return true;
-        end(result);
-        return false;
-    }
-
-    Ahead lookAhead() override {
-        try {
-            m_unread = next();
-        } catch (...) {
-            m_failure = std::current_exception();
-        }
-        return m_unread ? Ahead::Row : Ahead::End;
-    }
-
-    Cell cell(int column) const override { return cellOf(m_statement, column); }
-
-  private:
-    // At the end the statement is reset at once, so that it holds no lock, and let go: from here on
-    // its owner may use it for something else.
-    void end(int result) {
-        sqlite3_stmt* const statement = std::exchange(m_statement, nullptr);
-        if (result == SQLITE_DONE) {
-            sqlite3_reset(statement);
-            return;
-        }
-        const Error error = sqliteError(sqlite3_db_handle(statement));
-        sqlite3_reset(statement);
-        throw error;
-    }
-
-    CompiledSql& m_sql;         ///< not to be used behind the last row, either
-    sqlite3_stmt* m_statement;  ///< null behind the last row
-    bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
-    std::exception_ptr m_failure;  ///< of a step ahead
-    std::optional<std::vector<Column>> m_columns;
-};
-
-struct ResetAtExit {
-    sqlite3_stmt* const statement;
-    ~ResetAtExit() { sqlite3_reset(statement); }
-};
-
-}  // namespace
-
-std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow) {
-    return std::make_unique<LiveRows>(sql, onRow);
-}
-
-SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
-    sqlite3_stmt* const statement = sql.statement.get();
-    // One that was only kept waiting by a lock counts as running, and nothing around it can be
-    // undone.
-    const ResetAtExit reset{statement};
-    int result = sqlite3_step(statement);
-    if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
-        sqlite3_column_count(statement) > 0) {
-        rows = std::make_unique<StoredRows>(sql.columns.describe(statement, result == SQLITE_ROW));
-    }
-    for (; result == SQLITE_ROW; result = sqlite3_step(statement)) rows->append(statement);
-    sqlite3* const db = sqlite3_db_handle(statement);
-    if (result != SQLITE_DONE) throw sqliteError(db);
-    return sql.countsRows() ? sqlite3_changes(db) : 0;
-}
-
-void StoredRows::append(sqlite3_stmt* statement) {
-    std::vector<Cell> row(m_columns.size());
-    for (size_t i = 0; i < row.size(); ++i) row[i] = cellOf(statement, static_cast<int>(i));
-    append(std::move(row));
-}
-
-void StoredRows::append(std::vector<Cell> row) {
+void StoredRows::append(const std::vector<Cell>& row) {
     std::vector<Value> values;
     values.reserve(row.size());
     for (const Cell& cell : row) values.push_back({cell, std::string(cell.bytes)});
@@ -143,7 +14,7 @@ bool StoredRows::next() {
     return m_current <= m_rows.size();
 }
 
-Cell StoredRows::cell(int column) const {
+Cell StoredRows::cell(int column) {
     const Value& value = m_rows[m_current - 1][static_cast<size_t>(column)];
     Cell cell = value.cell;
     cell.bytes = value.bytes;

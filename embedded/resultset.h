@@ -1,14 +1,11 @@
 #pragma once
 
-#include <sqlite3.h>
-
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "cell.h"
 #include "column.h"
-#include "statementcache.h"
 
 namespace embedded {
 
@@ -33,8 +30,8 @@ class ResultSet {
     /// Number of columns; cheaper than `columns().size()`.
     virtual int columnCount() const = 0;
 
-    /// Moves to the next row; false at the end. Throws an `Error` when SQLite fails, which ends the
-    /// rows.
+    /// Moves to the next row; false at the end. Throws an `Error` when the engine fails, which ends
+    /// the rows.
     virtual bool next() = 0;
 
     /// Leaves the current row, whose values nobody needs any more, to find out whether another one
@@ -43,28 +40,21 @@ class ResultSet {
     virtual Ahead lookAhead() { return Ahead::Unknown; }
 
     /// The value in the 0-based column of the current row; valid until the next `next`.
-    virtual Cell cell(int column) const = 0;
+    virtual Cell cell(int column) = 0;
 };
-
-/// Rows that SQLite computes as they are read. The compiled statement, which the owner keeps, has
-/// been stepped once: `onRow` says whether that gave a row. Resets it at the end.
-std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow);
 
 /// Rows kept in memory.
 class StoredRows final : public ResultSet {
   public:
     explicit StoredRows(std::vector<Column> columns) : m_columns(std::move(columns)) {}
 
-    /// Copies the current row of `statement`.
-    void append(sqlite3_stmt* statement);
-
-    /// Appends a row of texts and integers in the order of the columns.
-    void append(std::vector<Cell> row);
+    /// Appends a row, in the order of the columns, with copies of its texts. No dates and times.
+    void append(const std::vector<Cell>& row);
 
     const std::vector<Column>& columns() override { return m_columns; }
     int columnCount() const override { return static_cast<int>(m_columns.size()); }
     bool next() override;
-    Cell cell(int column) const override;
+    Cell cell(int column) override;
 
   private:
     struct Value {
@@ -76,10 +66,5 @@ class StoredRows final : public ResultSet {
     std::vector<std::vector<Value>> m_rows;
     size_t m_current = 0;  ///< 1-based; 0 before the first row
 };
-
-/// Runs a compiled statement with its values bound to its end and resets it. Appends its rows, if
-/// it has columns, to `rows`, which the first time is made. Answers the number of rows changed; 0
-/// for a statement that counts none.
-SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows);
 
 }  // namespace embedded

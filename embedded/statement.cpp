@@ -1,43 +1,11 @@
 #include "statement.h"
 
 #include <string>
+#include <utility>
 
 #include "error.h"
-#include "savepoint.h"
-#include "sqliteerror.h"
 
 namespace embedded {
-namespace {
-
-/// Leaves a statement that was run to its end, or failed, reset and without values: the values are
-/// the application's memory, and a statement that is not reset may hold locks.
-class Rewind {
-  public:
-    explicit Rewind(sqlite3_stmt* statement) noexcept : m_statement(statement) {}
-    Rewind(const Rewind&) = delete;
-    Rewind& operator=(const Rewind&) = delete;
-    ~Rewind() {
-        if (!m_statement) return;
-        sqlite3_reset(m_statement);
-        sqlite3_clear_bindings(m_statement);
-    }
-    void cancel() noexcept { m_statement = nullptr; }
-
-  private:
-    sqlite3_stmt* m_statement;
-};
-
-bool mayChangeSchema(Verb verb) noexcept {
-    return verb == Verb::Other || verb == Verb::Rollback || verb == Verb::Pragma ||
-           verb == Verb::Service;
-}
-
-/// What SQLITE_ROW and SQLITE_DONE are not.
-[[noreturn]] void fail(sqlite3_stmt* statement) {
-    throw sqliteError(sqlite3_db_handle(statement));
-}
-
-}  // namespace
 
 Statement::Statement(std::shared_ptr<Connection> connection)
     : Handle(kHandleType), m_connection(std::move(connection)) {
@@ -55,7 +23,7 @@ void Statement::drop() noexcept {
     HandleRegistry::instance().remove(id());  // the object may be gone behind this line
 }
 
-// What SQLite has compiled for a parent process is never touched again.
+// What an engine has made for a parent process is never touched again.
 void Statement::endWork() noexcept {
     if (inherited()) static_cast<void>(m_work.release());
     m_work.reset();
@@ -72,22 +40,19 @@ Statement::Settings& Statement::changeSettings() {
 }
 
 void Statement::prepare(std::string_view sql) {
-    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", SQLITE_MISUSE);
+    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
     m_work.reset();
     m_executed = false;
     m_rowCount = -1;
     if (m_settings) m_settings->surplusParameter = 0;
     auto work = std::make_unique<Work>();
-    work->procedure = ProcedureStatement::prepare(*m_connection, sql);
-    work->compiled = work->procedure
-                         ? m_connection->cache().compile(work->procedure->argumentQuery())
-                         : m_connection->cache().compile(sql);
+    work->program = m_connection->database().prepare(sql);
     work->prepared = true;
     m_work = std::move(work);
 }
 
 SQLRETURN Statement::execute() {
-    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", SQLITE_MISUSE);
+    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
     if (!m_work || !m_work->prepared) throw sequenceError("No statement is prepared.");
     return run();
 }
@@ -106,7 +71,7 @@ SQLRETURN Statement::executeDirect(std::string_view sql) {
 }
 
 void Statement::openRows(std::unique_ptr<ResultSet> rows) {
-    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", SQLITE_MISUSE);
+    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
     m_work = std::make_unique<Work>();
     m_work->rows = std::move(rows);
     m_rowCount = -1;
@@ -115,65 +80,21 @@ void Statement::openRows(std::unique_ptr<ResultSet> rows) {
 }
 
 SQLRETURN Statement::run() {
-    Connection& connection = *m_connection;
     Work& work = *m_work;
-    const Verb verb = work.compiled.sql().verb;
     m_executed = false;
     m_rowCount = -1;
-    work.described.clear();
 
     checkParameters();
-    connection.closeUnasked();
-    connection.finishUndo();
-    connection.beginFor(verb, work.procedure && work.procedure->refresh(connection));
-    const Running running(*this);
-    // What changes data is run to its end at once: nobody may come to read its rows. So are
-    // pragmas, which change things, too, and have few rows.
-    const bool live = !work.procedure && work.compiled.sql().readOnly && verb != Verb::Pragma &&
-                      sqlite3_column_count(work.compiled.get()) > 0;
-    SQLRETURN result = SQL_SUCCESS;
-    if (live) {
-        runLive();
-    } else {
-        result = runToEnd();
-    }
-    if (mayChangeSchema(verb)) connection.cache().clear();
-    m_executed = true;
-    return result;
-}
-
-void Statement::runLive() {
-    if (settings().options.parameterSets > 1) {
-        throw notSupported("A query cannot be executed with several parameter sets.");
-    }
-    Work& work = *m_work;
-    sqlite3_stmt* statement = work.compiled.get();
-    Rewind rewind(statement);
-    bindParameterSet(statement, settings().parameters, settings().options.currentLayout(), 0,
-                     BufferLife::Copied);
-    const int result = sqlite3_step(statement);
-    if (result != SQLITE_ROW && result != SQLITE_DONE) fail(statement);
+    m_connection->closeUnasked();
     const StatementOptions& options = settings().options;
-    if (options.parametersProcessed) *options.parametersProcessed = 1;
-    if (options.parameterStatus) *options.parameterStatus = SQL_PARAM_SUCCESS;
-    work.rows = makeLiveRows(work.compiled.sql(), result == SQLITE_ROW);
-    rewind.cancel();
-    watchRows();
-}
-
-SQLRETURN Statement::runToEnd() {
-    Work& work = *m_work;
-    std::unique_ptr<StoredRows> rows;
-    SQLLEN changed = 0;
-    {
-        const Rewind rewind(work.compiled.get());
-        changed = runSets(rows);
-    }
-    const bool isCall = work.procedure && work.procedure->isCall();
-    if (isCall ? !rows : work.compiled.sql().countsRows()) m_rowCount = changed;
-    if (!work.prepared) work.compiled.release();
-    if (!rows) return m_rowCount == 0 && !isCall ? SQL_NO_DATA : SQL_SUCCESS;
-    work.rows = std::move(rows);
+    ParameterSets sets(settings().parameters, options.currentLayout(), options.parameterReport,
+                       options.parameterSets);
+    const Running running(*this);
+    Outcome outcome = requireProgram().execute(sets);
+    m_rowCount = outcome.changed;
+    m_executed = true;
+    if (!outcome.rows) return outcome.nothingDone ? SQL_NO_DATA : SQL_SUCCESS;
+    work.rows = std::move(outcome.rows);
     watchRows();
     return SQL_SUCCESS;
 }
@@ -184,55 +105,6 @@ void Statement::watchRows() {
     if (!settings().columns.empty()) askedCursor();
 }
 
-SQLLEN Statement::runSets(std::unique_ptr<StoredRows>& rows) {
-    const StatementOptions& options = settings().options;
-    const SQLULEN sets = options.parameterSets;
-    const auto report = [&options](SQLULEN set, SQLUSMALLINT status) {
-        if (options.parameterStatus) options.parameterStatus[set] = status;
-    };
-    for (SQLULEN set = 0; set < sets; ++set) report(set, SQL_PARAM_UNUSED);
-    if (options.parametersProcessed) *options.parametersProcessed = 0;
-
-    std::optional<Savepoint> savepoint;
-    if (sets > 1) savepoint.emplace(*m_connection, m_work->procedure != nullptr);
-    SQLLEN changed = 0;
-    for (SQLULEN set = 0; set < sets; ++set) {
-        if (options.parametersProcessed) *options.parametersProcessed = set + 1;
-        try {
-            changed += runSet(set, rows);
-        } catch (const Error& error) {
-            report(set, SQL_PARAM_ERROR);
-            if (sets == 1) throw;
-            throw error.in("parameter set " + std::to_string(set + 1) + " of " +
-                           std::to_string(sets));
-        }
-    }
-    if (savepoint) savepoint->release();
-    for (SQLULEN set = 0; set < sets; ++set) report(set, SQL_PARAM_SUCCESS);
-    return changed;
-}
-
-SQLLEN Statement::runSet(SQLULEN set, std::unique_ptr<StoredRows>& rows) {
-    sqlite3_stmt* statement = m_work->compiled.get();
-    bindParameterSet(statement, settings().parameters, settings().options.currentLayout(), set,
-                     BufferLife::Execution);
-    if (m_work->procedure) return runProcedure(rows);
-    // VACUUM copies tables that nobody else may write.
-    std::optional<SchemaGuard::Lifted> lifted;
-    if (m_work->compiled.sql().verb == Verb::Service) lifted.emplace(m_connection->guard());
-    return drain(m_work->compiled.sql(), rows);
-}
-
-SQLLEN Statement::runProcedure(std::unique_ptr<StoredRows>& rows) {
-    ProcedureResult result = m_work->procedure->run(*m_connection, m_work->compiled.get());
-    if (result.rows && settings().options.parameterSets > 1) {
-        throw notSupported(
-            "A procedure that yields rows cannot be executed with several parameter sets.");
-    }
-    rows = std::move(result.rows);
-    return result.changed;
-}
-
 void Statement::checkParameters() const {
     const int surplus = settings().surplusParameter;
     if (surplus == 0) return;
@@ -240,12 +112,16 @@ void Statement::checkParameters() const {
                 "The statement has " + std::to_string(parameterCount()) +
                     " parameter marker(s), but a value is bound to marker " +
                     std::to_string(surplus) + ".",
-                SQLITE_RANGE);
+                native::kRange);
+}
+
+Program& Statement::requireProgram() const {
+    if (!m_work || !m_work->program) throw sequenceError("No statement is prepared.");
+    return *m_work->program;
 }
 
 int Statement::parameterCount() const {
-    if (!m_work || !m_work->compiled) throw sequenceError("No statement is prepared.");
-    return sqlite3_bind_parameter_count(m_work->compiled.get());
+    return requireProgram().parameterCount();
 }
 
 void Statement::bindParameter(SQLUSMALLINT number, const ParameterBinding& binding) {
@@ -290,7 +166,7 @@ void Statement::closeCursor() noexcept {
     }
     Work& work = *m_work;
     work.rows.reset();
-    sqlite3_clear_bindings(work.compiled.get());
+    if (work.program) work.program->rewind();
     work.routes.clear();
     work.routed = work.onRow = work.ended = work.asked = false;
     work.rowNumber = 0;

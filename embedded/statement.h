@@ -13,8 +13,6 @@
 #include "convert.h"
 #include "handle.h"
 #include "parameters.h"
-#include "procedure.h"
-#include "resultset.h"
 
 namespace embedded {
 
@@ -31,8 +29,7 @@ struct StatementOptions {
     SQLULEN parameterSets = 1;
     ParameterLayout layout;              ///< without the offset
     SQLULEN* parameterOffset = nullptr;  ///< SQL_ATTR_PARAM_BIND_OFFSET_PTR
-    SQLUSMALLINT* parameterStatus = nullptr;
-    SQLULEN* parametersProcessed = nullptr;
+    ParameterReport parameterReport;
     SQLUSMALLINT* rowStatus = nullptr;
     SQLULEN* rowsFetched = nullptr;
 
@@ -117,12 +114,9 @@ class Statement final : public Handle {
 
     /// What exists from preparation or execution until the statement is over.
     struct Work {
-        std::unique_ptr<ProcedureStatement>
-            procedure;                  ///< for a statement that SQLite does not know
-        CompiledStatement compiled;     ///< or the query of its arguments
-        bool prepared = false;          ///< by `prepare`, so it outlives its cursor
-        std::vector<Column> described;  ///< while prepared only
-        std::unique_ptr<ResultSet> rows;
+        std::unique_ptr<Program> program;  ///< null when it is over, and for a catalogue function
+        bool prepared = false;             ///< by `prepare`, so it outlives its cursor
+        std::unique_ptr<ResultSet> rows;   // destroyed first: the program computes them
         SQLULEN rowNumber = 0;
         bool onRow = false;
         bool passed = false;  ///< the current row is delivered and gone
@@ -165,12 +159,8 @@ class Statement final : public Handle {
     Work& askedCursor();
 
     SQLRETURN run();
-    void runLive();
-    SQLRETURN runToEnd();
-    SQLLEN runSets(std::unique_ptr<StoredRows>& rows);
-    SQLLEN runSet(SQLULEN set, std::unique_ptr<StoredRows>& rows);
-    SQLLEN runProcedure(std::unique_ptr<StoredRows>& rows);
     void checkParameters() const;
+    Program& requireProgram() const;
     void endWork() noexcept;
     void watchRows();
 

@@ -114,4 +114,15 @@ std::string formatDateTime(const DateTime& value) {
     return formatDate(value) + " " + formatTime(value);
 }
 
+std::string formatTemporal(const Temporal& temporal) {
+    switch (temporal.shape) {
+        case TemporalShape::Date:
+            return formatDate(temporal.value);
+        case TemporalShape::Time:
+            return formatTime(temporal.value);
+        default:
+            return formatDateTime(temporal.value);
+    }
+}
+
 }  // namespace embedded

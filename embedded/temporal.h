@@ -42,5 +42,6 @@ std::optional<Temporal> parseTemporal(std::string_view text) noexcept;
 std::string formatDate(const DateTime& value);
 std::string formatTime(const DateTime& value);
 std::string formatDateTime(const DateTime& value);
+std::string formatTemporal(const Temporal& temporal);
 
 }  // namespace embedded

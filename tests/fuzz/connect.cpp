@@ -5,13 +5,13 @@
 #include <optional>
 #include <regex>
 
-#include "connectstring.h"
 #include "error.h"
 #include "fuzz.h"
+#include "sqlite/options.h"
 
 namespace {
 
-using embedded::ConnectOptions;
+using embedded::SqliteOptions;
 using fuzz::lower;
 using fuzz::require;
 
@@ -57,14 +57,14 @@ std::optional<int> milliseconds(const std::string& text) {
     return static_cast<int>(value * 1000);
 }
 
-std::optional<ConnectOptions> expect(const std::vector<Pair>& pairs) {
+std::optional<SqliteOptions> expect(const std::vector<Pair>& pairs) {
     const auto valueOf = [&](std::string_view a, std::string_view b) -> std::optional<std::string> {
         for (const Pair& pair : pairs) {
             if (lower(pair.key) == a || lower(pair.key) == b) return pair.value;
         }
         return std::nullopt;
     };
-    ConnectOptions options;
+    SqliteOptions options;
     options.database = valueOf("database", "data source").value_or("");
     if (options.database.empty() || options.database.find('\0') != std::string::npos) return {};
     const std::string mode = lower(valueOf("mode", "").value_or("rwc"));
@@ -95,7 +95,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto pairs = readPairs(text);
     const auto expected = pairs ? expect(*pairs) : std::nullopt;
     try {
-        const ConnectOptions seen = embedded::parseConnectString(text);
+        const SqliteOptions seen = embedded::readOptions(embedded::ConnectString(text));
         require(expected.has_value(), "it should be refused");
         fuzz::requireSame(seen.database, expected->database, "the database");
         require(seen.openFlags == expected->openFlags, "the mode");

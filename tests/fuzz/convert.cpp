@@ -165,7 +165,7 @@ void checkText(Converter converter, const Cell& cell, const ColumnType& column,
     const Delivered whole = deliver(converter, cell, column, 2 * cell.bytes.size() + 2000, nullptr);
     require(whole.delivery == Delivery::Whole && whole.indicator >= 0, "there is room for all");
     const std::string_view value(whole.bytes.data(), static_cast<std::size_t>(whole.indicator));
-    if (cell.type == SQLITE_TEXT && column.sqlType != SQL_DECIMAL) {
+    if (cell.kind == Cell::Kind::Text && column.sqlType != SQL_DECIMAL) {
         requireSame(value, cell.bytes, "a text arrives as it is");
     }
     const Delivered part = deliver(converter, cell, column, capacity, nullptr);
@@ -210,17 +210,18 @@ void checkInteger(Converter converter, const Cell& cell, const ColumnType& colum
                   long double high) {
     long double value = 0;
     bool whole = true;
-    if (cell.type == SQLITE_INTEGER) value = static_cast<long double>(cell.integer);
-    if (cell.type == SQLITE_FLOAT) value = static_cast<long double>(cell.real);
-    if (cell.type == SQLITE_TEXT) {
+    if (cell.kind == Cell::Kind::Integer) value = static_cast<long double>(cell.integer);
+    if (cell.kind == Cell::Kind::Real) value = static_cast<long double>(cell.real);
+    if (cell.kind == Cell::Kind::Text) {
         const std::string text(trimmed(cell.bytes));
         const std::size_t sign = text.starts_with('-') ? 1 : 0;
         whole =
             text.size() > sign && text.find_first_not_of("0123456789", sign) == std::string::npos;
         if (whole) value = std::strtold(text.c_str(), nullptr);
     }
-    const bool expected = cell.type != SQLITE_BLOB && whole && value >= low && value <= high &&
-                          value >= -0x1p63L && value < 0x1p63L && std::rint(value) == value;
+    const bool expected = cell.kind != Cell::Kind::Binary && whole && value >= low &&
+                          value <= high && value >= -0x1p63L && value < 0x1p63L &&
+                          std::rint(value) == value;
     try {
         const Delivered seen = deliver(converter, cell, column, sizeof(T), nullptr);
         require(expected, "the value is no such integer");
@@ -241,13 +242,14 @@ void checkFixed(SQLSMALLINT cType, std::size_t length, const Cell& cell, const C
         if (cType != SQL_C_DOUBLE) return;
         double stored = 0;
         std::memcpy(&stored, seen.bytes.data(), sizeof stored);
-        double value = cell.type == SQLITE_FLOAT ? cell.real : static_cast<double>(cell.integer);
-        if (cell.type == SQLITE_TEXT) {
+        double value =
+            cell.kind == Cell::Kind::Real ? cell.real : static_cast<double>(cell.integer);
+        if (cell.kind == Cell::Kind::Text) {
             value = std::strtod(std::string(trimmed(cell.bytes)).c_str(), nullptr);
         }
         require(stored == value || std::isnan(value), "the value of the double");
     } catch (const ConversionError& error) {
-        require(cType != SQL_C_DOUBLE || cell.type != SQLITE_FLOAT, error.what());
+        require(cType != SQL_C_DOUBLE || cell.kind != Cell::Kind::Real, error.what());
     }
 }
 
@@ -267,7 +269,7 @@ void checkConversions(const Cell& cell, const ColumnType& column, std::size_t ca
         try {
             checkText(converter, cell, column, capacity, isText);
         } catch (const ConversionError& error) {
-            require(cell.type != SQLITE_TEXT || column.sqlType == SQL_DECIMAL, error.what());
+            require(cell.kind != Cell::Kind::Text || column.sqlType == SQL_DECIMAL, error.what());
         }
     }
     checkIntegerType<SQLBIGINT>(SQL_C_SBIGINT, cell, column);
@@ -309,10 +311,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const ColumnType column = typeOfDeclaration(declaration);
     const std::vector<char> exact(value.begin(), value.end());
     const std::string_view bytes(exact.data(), exact.size());
-    for (const Cell& cell : {Cell{SQLITE_TEXT, 0, 0, bytes}, Cell{SQLITE_BLOB, 0, 0, bytes},
-                             Cell{SQLITE_INTEGER, integer, 0, {}}, Cell{SQLITE_FLOAT, 0, real, {}},
-                             Cell{SQLITE_INTEGER, integer >> capacity, 0, {}},
-                             Cell{SQLITE_FLOAT, 0, std::trunc(real), {}}}) {
+    for (const Cell& cell :
+         {Cell{Cell::Kind::Text, 0, 0, bytes}, Cell{Cell::Kind::Binary, 0, 0, bytes},
+          Cell{Cell::Kind::Integer, integer, 0, {}}, Cell{Cell::Kind::Real, 0, real, {}},
+          Cell{Cell::Kind::Integer, integer >> capacity, 0, {}},
+          Cell{Cell::Kind::Real, 0, std::trunc(real), {}}}) {
         checkConversions(cell, column, capacity);
     }
     return 0;

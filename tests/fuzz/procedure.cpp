@@ -1,6 +1,6 @@
 // The SQL scanner and the procedure parser of the embedded runtime against SQLite itself: where its
 // tokens end, and what it makes of the texts that the parser cuts out.
-#include "procedureparser.h"
+#include "sqlite/procedureparser.h"
 
 #include <sqlite3.h>
 
@@ -8,7 +8,7 @@
 
 #include "error.h"
 #include "fuzz.h"
-#include "sqlscanner.h"
+#include "sqlite/sqlscanner.h"
 
 namespace {
 

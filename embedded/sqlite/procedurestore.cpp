@@ -1,12 +1,11 @@
-#include "procedurestore.h"
+#include "sqlite/procedurestore.h"
 
-#include <cstring>
 #include <initializer_list>
 #include <memory>
 
-#include "schemaguard.h"
-#include "sqliteerror.h"
-#include "statementcache.h"
+#include "sqlite/schemaguard.h"
+#include "sqlite/sqliteerror.h"
+#include "sqlite/statementcache.h"
 
 namespace embedded {
 namespace {
@@ -49,7 +48,7 @@ std::vector<StoredProcedure> read(sqlite3* db, const char* condition,
         query = compile(db, withStore("SELECT name, text FROM ", condition), values);
     } catch (const Error& error) {
         // SQLite has looked at the file itself before it says so.
-        if (std::strcmp(error.state(), "42S02") == 0) return found;
+        if (error.state() == "42S02") return found;
         throw;
     }
     int result = sqlite3_step(query.get());
@@ -72,20 +71,20 @@ std::optional<StoredProcedure> storedProcedure(sqlite3* db, const std::string& n
     return std::move(found.front());
 }
 
-void storeProcedure(Connection& connection, const StoredProcedure& procedure) {
-    const SchemaGuard::Lifted lifted(connection.guard());
-    run(connection.db(),
+void storeProcedure(SqliteDatabase& database, const StoredProcedure& procedure) {
+    const SchemaGuard::Lifted lifted(database.guard());
+    run(database.db(),
         withStore("CREATE TABLE IF NOT EXISTS ",
                   " (name TEXT NOT NULL COLLATE NOCASE PRIMARY KEY, text TEXT NOT NULL)"
                   " WITHOUT ROWID"),
         {});
-    run(connection.db(), withStore("INSERT OR REPLACE INTO ", " (name, text) VALUES (?1, ?2)"),
+    run(database.db(), withStore("INSERT OR REPLACE INTO ", " (name, text) VALUES (?1, ?2)"),
         {&procedure.name, &procedure.text});
 }
 
-void removeProcedure(Connection& connection, const std::string& name) {
-    const SchemaGuard::Lifted lifted(connection.guard());
-    run(connection.db(), withStore("DELETE FROM ", " WHERE name = ?1"), {&name});
+void removeProcedure(SqliteDatabase& database, const std::string& name) {
+    const SchemaGuard::Lifted lifted(database.guard());
+    run(database.db(), withStore("DELETE FROM ", " WHERE name = ?1"), {&name});
 }
 
 }  // namespace embedded

@@ -1,13 +1,13 @@
-#include "procedurecheck.h"
+#include "sqlite/procedurecheck.h"
 
 #include <algorithm>
 #include <optional>
 #include <vector>
 
-#include "procedurecall.h"
-#include "resultset.h"
-#include "savepoint.h"
-#include "sqlscanner.h"
+#include "sqlite/procedurecall.h"
+#include "sqlite/rows.h"
+#include "sqlite/savepoint.h"
+#include "sqlite/sqlscanner.h"
 #include "text.h"
 
 namespace embedded {
@@ -22,7 +22,7 @@ bool isOneOf(std::string_view word, std::initializer_list<std::string_view> word
                        [word](std::string_view other) { return sameWord(word, other); });
 }
 
-/// The procedure's own transaction, and settings of the connection, are no business of its body.
+/// The procedure's own transaction, and settings of the database, are no business of its body.
 void refuseUnfit(std::string_view statement) {
     const Verb verb = verbOf(statement);
     if (verb != Verb::Transaction && verb != Verb::Rollback && verb != Verb::Pragma &&
@@ -34,10 +34,10 @@ void refuseUnfit(std::string_view statement) {
 
 class Checker {
   public:
-    explicit Checker(Connection& connection) noexcept : m_connection(connection) {}
+    explicit Checker(SqliteDatabase& database) noexcept : m_database(database) {}
 
     ~Checker() {
-        if (m_trial) m_connection.cache().clear();
+        if (m_trial) m_database.cache().clear();
     }
     Checker(const Checker&) = delete;
     Checker& operator=(const Checker&) = delete;
@@ -63,7 +63,7 @@ class Checker {
     /// The called procedure, unless it is being checked already.
     std::optional<ProcedureDefinition> checkCall(const ProcedureCall& call,
                                                  const ProcedureDefinition& caller) {
-        const CompiledStatement arguments = m_connection.cache().compile(argumentQuery(call));
+        const CompiledStatement arguments = m_database.cache().compile(argumentQuery(call));
         matchMarkers(arguments.get(), caller);
         const auto known = std::find_if(
             m_chain.begin(), m_chain.end(),
@@ -72,30 +72,30 @@ class Checker {
             matchArguments(**known, call);
             return std::nullopt;
         }
-        ProcedureDefinition called = loadProcedure(m_connection.db(), call.name);
+        ProcedureDefinition called = loadProcedure(m_database.db(), call.name);
         matchArguments(called, call);
         return called;
     }
 
     void checkStatement(const std::string& statement, const ProcedureDefinition& procedure) {
         refuseUnfit(statement);
-        const CompiledStatement compiled = m_connection.cache().compile(statement);
+        const CompiledStatement compiled = m_database.cache().compile(statement);
         matchMarkers(compiled.get(), procedure);
         if (!isOneOf(firstWord(statement), {"CREATE", "ALTER", "DROP"})) return;
-        if (!m_trial) m_trial.emplace(m_connection, false);
+        if (!m_trial) m_trial.emplace(m_database, false);
         std::unique_ptr<StoredRows> rows;
         drain(compiled.sql(), rows);
     }
 
-    Connection& m_connection;
+    SqliteDatabase& m_database;
     std::vector<const ProcedureDefinition*> m_chain;  ///< each called by the one before
     std::optional<Savepoint> m_trial;                 ///< holds what is undone after the check
 };
 
 }  // namespace
 
-void checkProcedure(Connection& connection, const ProcedureDefinition& procedure) {
-    Checker(connection).check(procedure);
+void checkProcedure(SqliteDatabase& database, const ProcedureDefinition& procedure) {
+    Checker(database).check(procedure);
 }
 
 }  // namespace embedded

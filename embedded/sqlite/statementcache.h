@@ -8,8 +8,8 @@
 #include <string_view>
 #include <unordered_map>
 
-#include "column.h"
-#include "sqlscanner.h"
+#include "sqlite/columnmemory.h"
+#include "sqlite/sqlscanner.h"
 
 namespace embedded {
 

@@ -1,9 +1,10 @@
-#include "column.h"
+#include "sqlite/columnmemory.h"
 
 #include <new>
 #include <optional>
 
-#include "sqlscanner.h"
+#include "sqlite/origin.h"
+#include "sqlite/sqlscanner.h"
 #include "text.h"
 
 namespace embedded {
@@ -50,6 +51,19 @@ std::vector<Column> columnsOf(sqlite3_stmt* statement) {
 }
 
 }  // namespace
+
+ColumnType typeOfStorage(int storageClass) noexcept {
+    switch (storageClass) {
+        case SQLITE_INTEGER:
+            return plain(SQL_BIGINT);
+        case SQLITE_FLOAT:
+            return plain(SQL_DOUBLE);
+        case SQLITE_BLOB:
+            return plain(SQL_VARBINARY);
+        default:
+            return plain(SQL_WVARCHAR);
+    }
+}
 
 std::vector<Column> ColumnMemory::describe(sqlite3_stmt* statement, bool onRow) {
     const int compilations = sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_REPREPARE, 0);

@@ -1,9 +1,9 @@
-#include "origin.h"
+#include "sqlite/origin.h"
 
 #include <memory>
 #include <new>
 
-#include "statementcache.h"
+#include "sqlite/statementcache.h"
 
 // An SQLite built without column metadata lacks these; columns then have no known origin.
 extern "C" {

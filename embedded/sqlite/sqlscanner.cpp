@@ -1,4 +1,4 @@
-#include "sqlscanner.h"
+#include "sqlite/sqlscanner.h"
 
 #include <algorithm>
 #include <array>

@@ -5,16 +5,11 @@
 #include <string>
 #include <string_view>
 
+#include "column.h"
+
 namespace embedded {
 
-/// Where a result column comes from; all empty for an expression, or with an SQLite that cannot
-/// tell.
-struct Origin {
-    std::string schema;
-    std::string table;
-    std::string column;
-};
-
+/// Where a result column comes from; nothing with an SQLite that cannot tell.
 Origin originOf(sqlite3_stmt* statement, int column);
 
 /// The column of a table that is its row number ("id INTEGER PRIMARY KEY"): of all columns not

@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "connection.h"
-#include "procedureparser.h"
+#include "sqlite/database.h"
+#include "sqlite/procedureparser.h"
 
 namespace embedded {
 

@@ -1,5 +1,5 @@
 // The system tables of the procedures, as virtual tables of SQLite that need no CREATE.
-#include "proceduretables.h"
+#include "sqlite/proceduretables.h"
 
 #include <cstdint>
 #include <new>
@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "error.h"
-#include "procedureparser.h"
-#include "procedurestore.h"
-#include "schemaguard.h"
-#include "sqliteerror.h"
+#include "sqlite/procedureparser.h"
+#include "sqlite/procedurestore.h"
+#include "sqlite/schemaguard.h"
+#include "sqlite/sqliteerror.h"
 
 namespace embedded {
 namespace {

@@ -1,10 +1,10 @@
-#include "procedureparser.h"
+#include "sqlite/procedureparser.h"
 
 #include <algorithm>
 
 #include "error.h"
 #include "message.h"
-#include "sqlscanner.h"
+#include "sqlite/sqlscanner.h"
 #include "text.h"
 
 namespace embedded {

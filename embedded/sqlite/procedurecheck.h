@@ -1,13 +1,13 @@
 #pragma once
 
-#include "connection.h"
-#include "procedureparser.h"
+#include "sqlite/database.h"
+#include "sqlite/procedureparser.h"
 
 namespace embedded {
 
 /// Compiles every statement of `procedure`, and of the procedures that it calls, against the
 /// database as it would be when the statement's turn comes: what CREATE, ALTER and DROP do is done
 /// for the time of the check. Throws an `Error` that names the first statement that cannot work.
-void checkProcedure(Connection& connection, const ProcedureDefinition& procedure);
+void checkProcedure(SqliteDatabase& database, const ProcedureDefinition& procedure);
 
 }  // namespace embedded

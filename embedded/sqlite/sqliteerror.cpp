@@ -1,4 +1,4 @@
-#include "sqliteerror.h"
+#include "sqlite/sqliteerror.h"
 
 #include <new>
 #include <string_view>

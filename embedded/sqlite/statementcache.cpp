@@ -1,11 +1,11 @@
-#include "statementcache.h"
+#include "sqlite/statementcache.h"
 
 #include <limits>
 #include <new>
 
 #include "error.h"
-#include "schemaguard.h"
-#include "sqliteerror.h"
+#include "sqlite/schemaguard.h"
+#include "sqlite/sqliteerror.h"
 
 namespace embedded {
 namespace {

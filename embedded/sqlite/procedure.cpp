@@ -1,15 +1,15 @@
-#include "procedure.h"
+#include "sqlite/procedure.h"
 
 #include <utility>
 #include <vector>
 
 #include "error.h"
 #include "message.h"
-#include "procedurecall.h"
-#include "procedurecheck.h"
-#include "procedurestore.h"
-#include "savepoint.h"
-#include "sqliteerror.h"
+#include "sqlite/procedurecall.h"
+#include "sqlite/procedurecheck.h"
+#include "sqlite/procedurestore.h"
+#include "sqlite/savepoint.h"
+#include "sqlite/sqliteerror.h"
 #include "text.h"
 
 namespace embedded {
@@ -48,7 +48,7 @@ void bindMarkers(sqlite3_stmt* statement, const ProcedureDefinition& procedure,
 
 class Runner {
   public:
-    explicit Runner(Connection& connection) noexcept : m_connection(connection) {}
+    explicit Runner(SqliteDatabase& database) noexcept : m_database(database) {}
 
     void run(const ProcedureDefinition& procedure, const Values& values) {
         if (m_depth == kMaxProcedureDepth) refuseDepth(procedure);
@@ -76,8 +76,8 @@ class Runner {
     std::pair<ProcedureDefinition, Values> prepareCall(const ProcedureCall& call,
                                                        const ProcedureDefinition& caller,
                                                        const Values& values) {
-        ProcedureDefinition called = loadProcedure(m_connection.db(), call.name);
-        const CompiledStatement arguments = m_connection.cache().compile(argumentQuery(call));
+        ProcedureDefinition called = loadProcedure(m_database.db(), call.name);
+        const CompiledStatement arguments = m_database.cache().compile(argumentQuery(call));
         bindMarkers(arguments.get(), caller, values);
         Values passed = readArguments(arguments.get(), matchArguments(called, call));
         return {std::move(called), std::move(passed)};
@@ -85,49 +85,49 @@ class Runner {
 
     void runStatement(const std::string& statement, const ProcedureDefinition& procedure,
                       const Values& values) {
-        const CompiledStatement compiled = m_connection.cache().compile(statement);
+        const CompiledStatement compiled = m_database.cache().compile(statement);
         bindMarkers(compiled.get(), procedure, values);
         std::unique_ptr<StoredRows> rows;
         result.changed += drain(compiled.sql(), rows);
         if (rows) result.rows = std::move(rows);
-        if (compiled.sql().verb == Verb::Other) m_connection.cache().clear();
+        if (compiled.sql().verb == Verb::Other) m_database.cache().clear();
     }
 
-    Connection& m_connection;
+    SqliteDatabase& m_database;
     size_t m_depth = 0;
 };
 
 /// Whether a statement of `procedure`, or of one that it calls, may write.
-bool mayWrite(Connection& connection, const ProcedureDefinition& procedure, size_t depth = 0) {
+bool mayWrite(SqliteDatabase& database, const ProcedureDefinition& procedure, size_t depth = 0) {
     if (depth == kMaxProcedureDepth) refuseDepth(procedure);
     for (const std::string& statement : procedure.body) {
         if (const auto call = nestedCall(statement)) {
-            if (mayWrite(connection, loadProcedure(connection.db(), call->name), depth + 1))
+            if (mayWrite(database, loadProcedure(database.db(), call->name), depth + 1))
                 return true;
             continue;
         }
         const Verb verb = verbOf(statement);
         if (verb == Verb::Query) continue;
-        if (verb != Verb::With || !connection.cache().compile(statement).sql().readOnly)
-            return true;
+        if (verb != Verb::With || !database.cache().compile(statement).sql().readOnly) return true;
     }
     return false;
 }
 
-void create(Connection& connection, const ProcedureDefinition& procedure, const std::string& sql) {
-    Savepoint savepoint(connection, true);
-    if (!procedure.replaces && storedProcedure(connection.db(), procedure.name)) {
+void create(SqliteDatabase& database, const ProcedureDefinition& procedure,
+            const std::string& sql) {
+    Savepoint savepoint(database, true);
+    if (!procedure.replaces && storedProcedure(database.db(), procedure.name)) {
         throw Error("42S01", "There is a procedure " + quoted(procedure.name) + " already.");
     }
-    checkProcedure(connection, procedure);
-    connection.finishUndo();  // of the check
-    storeProcedure(connection, {procedure.name, sql});
+    checkProcedure(database, procedure);
+    database.finishUndo();  // of the check
+    storeProcedure(database, {procedure.name, sql});
     savepoint.release();
 }
 
-void drop(Connection& connection, const ProcedureRemoval& removal) {
-    if (storedProcedure(connection.db(), removal.name)) {
-        removeProcedure(connection, removal.name);
+void drop(SqliteDatabase& database, const ProcedureRemoval& removal) {
+    if (storedProcedure(database.db(), removal.name)) {
+        removeProcedure(database, removal.name);
     } else if (!removal.ifExists) {
         throw Error("42S02", "There is no procedure " + quoted(removal.name) + ".");
     }
@@ -135,22 +135,22 @@ void drop(Connection& connection, const ProcedureRemoval& removal) {
 
 }  // namespace
 
-std::unique_ptr<ProcedureStatement> ProcedureStatement::prepare(Connection& connection,
+std::unique_ptr<ProcedureStatement> ProcedureStatement::prepare(SqliteDatabase& database,
                                                                 std::string_view sql) {
     auto command = parseProcedureCommand(sql);
     if (!command) return nullptr;
     const std::string_view text = sql.substr(0, sql.find_last_not_of('\0') + 1);
     std::unique_ptr<ProcedureStatement> statement(
         new ProcedureStatement(std::move(*command), trimmed(text)));
-    statement->refresh(connection);
+    statement->refresh(database);
     return statement;
 }
 
-bool ProcedureStatement::refresh(Connection& connection) {
+bool ProcedureStatement::refresh(SqliteDatabase& database) {
     if (const auto* called = std::get_if<ProcedureCall>(&m_command)) {
-        m_called = loadProcedure(connection.db(), called->name);
+        m_called = loadProcedure(database.db(), called->name);
         m_order = matchArguments(m_called, *called);
-        m_writes = mayWrite(connection, m_called);
+        m_writes = mayWrite(database, m_called);
     }
     return m_writes;
 }
@@ -160,27 +160,27 @@ std::string ProcedureStatement::argumentQuery() const {
     return embedded::argumentQuery(called ? *called : ProcedureCall{});
 }
 
-ProcedureResult ProcedureStatement::call(Connection& connection, sqlite3_stmt* arguments) const {
-    Savepoint savepoint(connection, m_writes);
+ProcedureResult ProcedureStatement::call(SqliteDatabase& database, sqlite3_stmt* arguments) const {
+    Savepoint savepoint(database, m_writes);
     const Values values = readArguments(arguments, m_order);
-    Runner runner(connection);
+    Runner runner(database);
     runner.run(m_called, values);
     savepoint.release();
     return std::move(runner.result);
 }
 
-ProcedureResult ProcedureStatement::run(Connection& connection, sqlite3_stmt* arguments) const {
+ProcedureResult ProcedureStatement::run(SqliteDatabase& database, sqlite3_stmt* arguments) const {
     try {
-        if (isCall()) return call(connection, arguments);
+        if (isCall()) return call(database, arguments);
         if (const auto* definition = std::get_if<ProcedureDefinition>(&m_command)) {
-            create(connection, *definition, m_sql);
+            create(database, *definition, m_sql);
         } else {
-            drop(connection, std::get<ProcedureRemoval>(m_command));
+            drop(database, std::get<ProcedureRemoval>(m_command));
         }
         return {};
     } catch (...) {
         // What was compiled against a schema that is undone is to be forgotten.
-        connection.cache().clear();
+        database.cache().clear();
         throw;
     }
 }

@@ -1,10 +1,10 @@
-#include "procedurecall.h"
+#include "sqlite/procedurecall.h"
 
 #include <algorithm>
 
 #include "error.h"
 #include "message.h"
-#include "procedurestore.h"
+#include "sqlite/procedurestore.h"
 
 namespace embedded {
 namespace {

@@ -1,4 +1,4 @@
-#include "catalog.h"
+#include "sqlite/catalog.h"
 
 #include <algorithm>
 #include <initializer_list>
@@ -7,8 +7,10 @@
 
 #include "columntype.h"
 #include "describe.h"
-#include "schemaguard.h"
-#include "sqliteerror.h"
+#include "sqlite/origin.h"
+#include "sqlite/schemaguard.h"
+#include "sqlite/sqliteerror.h"
+#include "sqlite/statementcache.h"
 #include "text.h"
 
 namespace embedded {
@@ -70,14 +72,14 @@ Cell null() {
 
 Cell text(std::string_view value) {
     Cell cell;
-    cell.type = SQLITE_TEXT;
+    cell.kind = Cell::Kind::Text;
     cell.bytes = value;
     return cell;
 }
 
 Cell number(std::int64_t value) {
     Cell cell;
-    cell.type = SQLITE_INTEGER;
+    cell.kind = Cell::Kind::Integer;
     cell.integer = value;
     return cell;
 }
@@ -224,10 +226,8 @@ bool matches(std::string_view text, const Pattern& pattern) {
     return sqlite3_strlike(pattern->c_str(), std::string(text).c_str(), '\\') == 0;
 }
 
-std::unique_ptr<ResultSet> listTables(Connection& connection, const Pattern& catalog,
-                                      const Pattern& schema, const Pattern& table,
-                                      const Pattern& types) {
-    sqlite3* db = connection.db();
+std::unique_ptr<ResultSet> listTables(sqlite3* db, const CatalogSearch& search) {
+    const auto& [catalog, schema, table, types] = search;
     auto rows = rowsOf(kTableShape);
     if (asksForAll(catalog) && isEmpty(schema) && isEmpty(table)) return rows;
     if (isEmpty(catalog) && asksForAll(schema) && isEmpty(table)) {
@@ -244,7 +244,7 @@ std::unique_ptr<ResultSet> listTables(Connection& connection, const Pattern& cat
     }
     if (!matchesNoCatalog(catalog)) return rows;
     std::vector<Table> found = tables(db, schema, table);
-    std::erase_if(found, [&](const Table& entry) { return !isListed(entry.type, types); });
+    std::erase_if(found, [&](const Table& entry) { return !isListed(entry.type, search.detail); });
     std::sort(found.begin(), found.end(), [](const Table& a, const Table& b) {
         return std::tie(a.type, a.schema, a.name) < std::tie(b.type, b.schema, b.name);
     });
@@ -254,10 +254,8 @@ std::unique_ptr<ResultSet> listTables(Connection& connection, const Pattern& cat
     return rows;
 }
 
-std::unique_ptr<ResultSet> listColumns(Connection& connection, const Pattern& catalog,
-                                       const Pattern& schema, const Pattern& table,
-                                       const Pattern& column) {
-    sqlite3* db = connection.db();
+std::unique_ptr<ResultSet> listColumns(sqlite3* db, const CatalogSearch& search) {
+    const auto& [catalog, schema, table, column] = search;
     auto rows = rowsOf(kColumnShape);
     if (!matchesNoCatalog(catalog)) return rows;
     std::vector<Table> found = tables(db, schema, table);

@@ -1,10 +1,10 @@
-#include "schemaguard.h"
+#include "sqlite/schemaguard.h"
 
 #include <algorithm>
 #include <iterator>
 
 #include "error.h"
-#include "sqlscanner.h"
+#include "sqlite/sqlscanner.h"
 #include "text.h"
 
 namespace embedded {

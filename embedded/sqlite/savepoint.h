@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "connection.h"
+#include "sqlite/database.h"
 
 namespace embedded {
 
@@ -12,7 +12,7 @@ class Savepoint {
   public:
     /// With `writes`, and when no transaction is open, waits for the right to write at once: SQLite
     /// does not wait for it any more behind a read.
-    Savepoint(Connection& connection, bool writes);
+    Savepoint(SqliteDatabase& database, bool writes);
     Savepoint(const Savepoint&) = delete;
     Savepoint& operator=(const Savepoint&) = delete;
     ~Savepoint();
@@ -22,10 +22,11 @@ class Savepoint {
     void release();
 
   private:
-    Connection& m_connection;
+    SqliteDatabase& m_database;
     const bool m_begins;  ///< no transaction was open
     const std::string m_name;
-    Connection::Undo m_undo;  ///< made beforehand: want of memory may be what makes it necessary
+    SqliteDatabase::Undo
+        m_undo;  ///< made beforehand: want of memory may be what makes it necessary
     bool m_released = false;
 };
 

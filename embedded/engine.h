@@ -1,0 +1,118 @@
+#pragma once
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "column.h"
+#include "connectstring.h"
+#include "diagnostics.h"
+#include "resultset.h"
+
+namespace embedded {
+
+class ParameterSets;
+
+/// What an execution gave.
+struct Outcome {
+    std::unique_ptr<ResultSet> rows;  ///< null: none to read
+    SQLLEN changed = -1;              ///< rows changed; -1 when that is no question
+    bool nothingDone = false;         ///< a change that found no row: SQL_NO_DATA
+};
+
+/// A statement that an engine has prepared. Lives no longer than its database.
+class Program {
+  public:
+    Program() = default;
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    virtual ~Program() = default;
+
+    virtual int parameterCount() = 0;
+
+    /// The result columns as far as they are known without an execution.
+    virtual const std::vector<Column>& columns() = 0;
+    virtual int columnCount() = 0;
+
+    /// Runs the statement once for every parameter set: for all of them or, when it throws, for
+    /// none. The rows of the execution before are gone by then.
+    virtual Outcome execute(ParameterSets& sets) = 0;
+
+    /// Forgets the values of the last execution, whose rows are closed.
+    virtual void rewind() noexcept {}
+};
+
+/// The search arguments of SQLTables and SQLColumns: patterns with % and _ (\ in front takes them
+/// literally), or nothing, which matches everything.
+using Pattern = std::optional<std::string>;
+
+struct CatalogSearch {
+    Pattern catalog;
+    Pattern schema;
+    Pattern table;
+    Pattern detail;  ///< the list of types, or the pattern of the column
+};
+
+/// An answer to SQLGetInfo.
+using Information = std::variant<std::string, SQLUINTEGER>;
+
+/// An open database of one engine. Calls on it and on its programs come one at a time.
+///
+/// Closing and everything else that fails throws an `Error`.
+class Database {
+  public:
+    Database() = default;
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+    virtual ~Database() = default;
+
+    virtual std::unique_ptr<Program> prepare(std::string_view sql) = 0;
+
+    /// Switching autocommit on commits an open transaction. It is on in the beginning.
+    virtual void setAutocommit(bool on) = 0;
+
+    /// Commits or rolls back the open transaction, if there is one, however it was begun.
+    virtual void endTransaction(bool commit) = 0;
+
+    /// Whether changes wait, with autocommit off, to be committed or rolled back.
+    virtual bool hasChanges() = 0;
+
+    virtual std::unique_ptr<ResultSet> tables(const CatalogSearch& search) = 0;
+    virtual std::unique_ptr<ResultSet> columns(const CatalogSearch& search) = 0;
+
+    virtual std::string catalogName() = 0;
+    virtual bool isReadOnly() = 0;
+    virtual bool isDead() = 0;
+
+    /// Nothing for a type that the engine does not know.
+    virtual std::optional<Information> information(SQLUSMALLINT type) = 0;
+
+    /// Interrupts what is running. The one function that any thread may call at any time.
+    virtual void interrupt() noexcept = 0;
+
+    /// Called, under the lock of `interrupt`, on a database inherited through a fork, before this
+    /// process opens another one.
+    virtual void forgetInherited() {}
+};
+
+/// Whom a database asks to close the rows that are still being read from it.
+class CursorOwner {
+  public:
+    virtual void closeCursors() noexcept = 0;
+
+  protected:
+    ~CursorOwner() = default;
+};
+
+/// Opens the database that a connection string names, with the engine that its keys ask for. What
+/// deserves a warning goes to `diagnostics`.
+std::unique_ptr<Database> openDatabase(const ConnectString& text, CursorOwner& cursors,
+                                       Diagnostics& diagnostics);
+
+}  // namespace embedded

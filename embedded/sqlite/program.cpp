@@ -1,0 +1,153 @@
+#include "sqlite/program.h"
+
+#include <optional>
+#include <utility>
+
+#include "error.h"
+#include "sqlite/bind.h"
+#include "sqlite/database.h"
+#include "sqlite/rows.h"
+#include "sqlite/savepoint.h"
+#include "sqlite/sqliteerror.h"
+
+namespace embedded {
+namespace {
+
+/// Leaves a statement that was run to its end, or failed, reset and without values: the values are
+/// the application's memory, and a statement that is not reset may hold locks.
+class Rewind {
+  public:
+    explicit Rewind(sqlite3_stmt* statement) noexcept : m_statement(statement) {}
+    Rewind(const Rewind&) = delete;
+    Rewind& operator=(const Rewind&) = delete;
+    ~Rewind() {
+        if (!m_statement) return;
+        sqlite3_reset(m_statement);
+        sqlite3_clear_bindings(m_statement);
+    }
+    void cancel() noexcept { m_statement = nullptr; }
+
+  private:
+    sqlite3_stmt* m_statement;
+};
+
+bool mayChangeSchema(Verb verb) noexcept {
+    return verb == Verb::Other || verb == Verb::Rollback || verb == Verb::Pragma ||
+           verb == Verb::Service;
+}
+
+}  // namespace
+
+SqliteProgram::SqliteProgram(SqliteDatabase& database, std::string_view sql)
+    : m_database(database),
+      m_procedure(ProcedureStatement::prepare(database, sql)),
+      m_compiled(m_procedure ? database.cache().compile(m_procedure->argumentQuery())
+                             : database.cache().compile(sql)) {}
+
+int SqliteProgram::parameterCount() {
+    return sqlite3_bind_parameter_count(m_compiled.get());
+}
+
+// Those of a procedure are known when it has been executed.
+int SqliteProgram::columnCount() {
+    return m_procedure ? 0 : sqlite3_column_count(m_compiled.get());
+}
+
+const std::vector<Column>& SqliteProgram::columns() {
+    if (!m_procedure && m_described.empty()) {
+        m_described = m_compiled.sql().columns.describe(m_compiled.get(), false);
+    }
+    return m_described;
+}
+
+void SqliteProgram::rewind() noexcept {
+    sqlite3_clear_bindings(m_compiled.get());
+}
+
+Outcome SqliteProgram::execute(ParameterSets& sets) {
+    const Verb verb = m_compiled.sql().verb;
+    m_described.clear();
+    m_database.finishUndo();
+    m_database.beginFor(verb, m_procedure && m_procedure->refresh(m_database));
+    // What changes data is run to its end at once: nobody may come to read its rows. So are
+    // pragmas, which change things, too, and have few rows.
+    const bool live = !m_procedure && m_compiled.sql().readOnly && verb != Verb::Pragma &&
+                      sqlite3_column_count(m_compiled.get()) > 0;
+    Outcome outcome;
+    if (live) {
+        outcome.rows = runLive(sets);
+    } else {
+        outcome = runToEnd(sets);
+    }
+    if (mayChangeSchema(verb)) m_database.cache().clear();
+    return outcome;
+}
+
+std::unique_ptr<ResultSet> SqliteProgram::runLive(ParameterSets& sets) {
+    if (sets.count() > 1) {
+        throw notSupported("A query cannot be executed with several parameter sets.");
+    }
+    sqlite3_stmt* statement = m_compiled.get();
+    Rewind rewind(statement);
+    bindSet(statement, sets, 0, BufferLife::Copied);
+    const int result = sqlite3_step(statement);
+    if (result != SQLITE_ROW && result != SQLITE_DONE) {
+        throw sqliteError(sqlite3_db_handle(statement));
+    }
+    sets.started(0);
+    sets.allSucceeded();
+    auto rows = makeLiveRows(m_compiled.sql(), result == SQLITE_ROW);
+    rewind.cancel();
+    return rows;
+}
+
+Outcome SqliteProgram::runToEnd(ParameterSets& sets) {
+    std::unique_ptr<StoredRows> rows;
+    const Rewind rewind(m_compiled.get());
+    const SQLLEN changed = runSets(sets, rows);
+    const bool isCall = m_procedure && m_procedure->isCall();
+    Outcome outcome;
+    if (isCall ? !rows : m_compiled.sql().countsRows()) outcome.changed = changed;
+    outcome.nothingDone = !rows && !isCall && outcome.changed == 0;
+    outcome.rows = std::move(rows);
+    return outcome;
+}
+
+SQLLEN SqliteProgram::runSets(ParameterSets& sets, std::unique_ptr<StoredRows>& rows) {
+    std::optional<Savepoint> savepoint;
+    if (sets.count() > 1) savepoint.emplace(m_database, m_procedure != nullptr);
+    SQLLEN changed = 0;
+    for (SQLULEN set = 0; set < sets.count(); ++set) {
+        sets.started(set);
+        try {
+            changed += runSet(sets, set, rows);
+        } catch (const Error& error) {
+            throw sets.failed(set, error);
+        }
+    }
+    if (savepoint) savepoint->release();
+    sets.allSucceeded();
+    return changed;
+}
+
+SQLLEN SqliteProgram::runSet(const ParameterSets& sets, SQLULEN set,
+                             std::unique_ptr<StoredRows>& rows) {
+    bindSet(m_compiled.get(), sets, set, BufferLife::Execution);
+    if (m_procedure) return runProcedure(sets, rows);
+    // VACUUM copies tables that nobody else may write.
+    std::optional<SchemaGuard::Lifted> lifted;
+    if (m_compiled.sql().verb == Verb::Service) lifted.emplace(m_database.guard());
+    return drain(m_compiled.sql(), rows);
+}
+
+SQLLEN SqliteProgram::runProcedure(const ParameterSets& sets, std::unique_ptr<StoredRows>& rows) {
+    ProcedureResult result = m_procedure->run(m_database, m_compiled.get());
+    if (result.rows && sets.count() > 1) {
+        throw notSupported(
+            "A procedure that yields rows cannot be executed with several parameter sets.");
+    }
+    rows = std::move(result.rows);
+    return result.changed;
+}
+
+}  // namespace embedded

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "engine.h"
+#include "sqlite/procedure.h"
+#include "sqlite/statementcache.h"
+
+namespace embedded {
+
+class SqliteDatabase;
+
+/// A statement compiled by SQLite, or one about procedures.
+class SqliteProgram final : public Program {
+  public:
+    /// Throws an `Error` of class 42 for a mistake in the text.
+    SqliteProgram(SqliteDatabase& database, std::string_view sql);
+
+    int parameterCount() override;
+    const std::vector<Column>& columns() override;
+    int columnCount() override;
+    Outcome execute(ParameterSets& sets) override;
+    void rewind() noexcept override;
+
+  private:
+    std::unique_ptr<ResultSet> runLive(ParameterSets& sets);
+    Outcome runToEnd(ParameterSets& sets);
+    SQLLEN runSets(ParameterSets& sets, std::unique_ptr<StoredRows>& rows);
+    SQLLEN runSet(const ParameterSets& sets, SQLULEN set, std::unique_ptr<StoredRows>& rows);
+    SQLLEN runProcedure(const ParameterSets& sets, std::unique_ptr<StoredRows>& rows);
+
+    SqliteDatabase& m_database;
+    const std::unique_ptr<ProcedureStatement> m_procedure;  ///< for a statement SQLite cannot know
+    const CompiledStatement m_compiled;                     ///< or the query of its arguments
+    std::vector<Column> m_described;
+};
+
+}  // namespace embedded
