@@ -15,6 +15,8 @@
 struct _dbhandler {
     std::unique_ptr<IntDbSource> S;     // null after DBSDisconnect
     std::unique_ptr<IntDbResultSet> R;  // of the last execution, if its kind has one
+    // The last one that was closed: the next execution takes it again.
+    std::unique_ptr<IntDbResultSet> spare;
     int affectedRows = 0;
     int verb = 0;
 
@@ -27,8 +29,9 @@ struct _dbhandler {
     } last;
 
     void EndResultSet() {
-        if (R) R->Close();
-        R.reset();
+        if (!R) return;
+        R->Close();
+        spare = std::move(R);
     }
 };
 
@@ -89,7 +92,7 @@ const DynStr& Normalize(_dbhandler& handle, const DBSCHAR* text, DynStr& made, i
 void StartExecution(_dbhandler& handle) {
     handle.EndResultSet();
     if (SQLTypeHasResultSet(handle.verb)) {
-        handle.R = std::make_unique<IntDbResultSet>();
+        handle.R = handle.spare ? std::move(handle.spare) : std::make_unique<IntDbResultSet>();
         handle.R->Init();
     }
     handle.affectedRows = 0;

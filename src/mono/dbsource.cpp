@@ -47,15 +47,16 @@ void ODBCSourceImpl::DropPrepared() {
         SQLFreeStmt(m_preparedHstmt, SQL_DROP);
         m_preparedHstmt = nullptr;
     }
+    // Only now: until here the statement held the addresses of their buffers.
+    ClearParameters();
     m_hasStaleBindings = false;
     m_isBatched = false;
-    // Only now: until here the statement held the addresses of their buffers.
-    m_parameters.Reset();
 }
 
 int ODBCSourceImpl::Close() {
     SetError(VORDA_OK, "");
     DropPrepared();
+    m_parameters.Reset();
     if (m_hdbc != nullptr) {
         ForgetStatement(nullptr);
         SQLDisconnect(m_hdbc);

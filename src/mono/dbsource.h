@@ -16,13 +16,20 @@ struct _odbc_attribute_ {
 using ODBCAttributes = _odbc_attribute_;
 
 // One bound parameter: the values of all parameter sets, which the driver reads at execution. Owns
-// both arrays. `Count` is the number of sets that they hold.
+// both arrays. `Count` is the number of sets that they hold; 0 means that nothing is bound.
 struct _odbc_parameter_ {
     int ColumnSize = 0;
     int DataType = 0;
     std::unique_ptr<char[]> Data;
     std::unique_ptr<SQLLEN[]> DataLen;
     int Count = 0;
+    // The arrays have the room of one short value, and so serve the next execution as well.
+    bool IsSmall = false;
+
+    // Zeroed room for `size` bytes and for the lengths of `sets` values.
+    void MakeRoom(size_t size, int sets);
+    // Nothing is bound any more; only small arrays are kept.
+    void Clear();
 
     // A deep copy, owned by the caller.
     std::unique_ptr<_odbc_parameter_> Clone() const;
@@ -57,6 +64,7 @@ class ODBCSourceImpl : public LastError {
     int RequirePrepared();
     int FillParameter(_odbc_parameter_* p, int dbType, const void* values, int len,
                       const int* lengths);
+    _odbc_parameter_* NextParameter();
     int ClearParameters();
     bool UndoLastExecution();
     bool BatchMatchesParameters();
@@ -74,7 +82,10 @@ class ODBCSourceImpl : public LastError {
     int m_isOpen = 0;
     ODBCAttributes m_odbcAttrs;
     SQLHSTMT m_preparedHstmt = nullptr;
+    // The first m_parameterCount are bound, in the order of their numbers. The others are kept to
+    // be used again: programs run the same statements many times.
     JavaVector<_odbc_parameter_> m_parameters;
+    int m_parameterCount = 0;
     // The driver still holds addresses of parameter buffers that an execution has released.
     bool m_hasStaleBindings = false;
     // The driver may still count on more than one set: a batch failed, or putting the statement

@@ -24,6 +24,10 @@ std::unique_ptr<_odbc_parameter_> _odbc_parameter_::Clone() const {
 
 namespace {
 
+// Room for any value of a fixed size, and for most texts.
+constexpr size_t kSmallValue = 64;
+constexpr int kKeptParameters = 20;
+
 // Writes one value in its ODBC C form at `slot` and returns its length in bytes.
 using StoreValue = SQLLEN (*)(char* slot, const char* value, int length);
 
@@ -113,21 +117,39 @@ StoreValue StoreFor(int dataType, bool inMicroseconds) {
 
 }  // namespace
 
+void _odbc_parameter_::MakeRoom(size_t size, int sets) {
+    const bool small = size <= kSmallValue && sets == 1;
+    if (small && IsSmall) {
+        std::memset(Data.get(), 0, size);
+        return;
+    }
+    auto data = std::make_unique<char[]>(small ? kSmallValue : size);
+    DataLen = std::make_unique<SQLLEN[]>(static_cast<size_t>(sets));
+    Data = std::move(data);
+    IsSmall = small;
+}
+
+void _odbc_parameter_::Clear() {
+    Count = 0;
+    if (IsSmall) return;
+    Data.reset();
+    DataLen.reset();
+}
+
 int ODBCSourceImpl::AddParam(const char* /*name*/, int /*nameLen*/, int dbType, const void* values,
                              int len, const int* lengths) {
     if (const int status = RequirePrepared(); status != VORDA_OK) return status;
     // The number that the driver gets has 16 bits, and must not come round.
-    if (m_parameters.Size() >= USHRT_MAX) {
+    if (m_parameterCount >= USHRT_MAX) {
         return Fail(VORDA_INDEX_OUT_OF_RANGE, "There are too many parameters");
     }
     if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
 
-    m_parameters.Add();
-    _odbc_parameter_* const p = m_parameters.LastElement();
+    _odbc_parameter_* const p = NextParameter();
     if (const int status = FillParameter(p, dbType, values, len, lengths); status != VORDA_OK) {
         return status;
     }
-    const auto number = static_cast<SQLUSMALLINT>(m_parameters.Size());
+    const auto number = static_cast<SQLUSMALLINT>(m_parameterCount);
     if (!StatementPassed(SQLBindParameter(m_preparedHstmt, number, SQL_PARAM_INPUT,
                                           static_cast<SQLSMALLINT>(p->DataType),
                                           static_cast<SQLSMALLINT>(ODBCTypeToSQLType(p->DataType)),
@@ -137,6 +159,12 @@ int ODBCSourceImpl::AddParam(const char* /*name*/, int /*nameLen*/, int dbType, 
         return VORDA_ODBC_ERROR;
     }
     return VORDA_OK;
+}
+
+// A record keeps its number also when its value is refused.
+_odbc_parameter_* ODBCSourceImpl::NextParameter() {
+    if (m_parameterCount == m_parameters.Size()) m_parameters.Add();
+    return m_parameters.Get(m_parameterCount++);
 }
 
 int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* values, int len,
@@ -149,14 +177,13 @@ int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* v
 
     // The spare byte gives a batch of empty texts an address of its own.
     const auto slots = static_cast<size_t>(slotSize) * static_cast<size_t>(sets);
-    auto data = std::make_unique<char[]>(slots + 1);
-    auto dataLen = std::make_unique<SQLLEN[]>(static_cast<size_t>(sets));
+    p->MakeRoom(slots + 1, sets);
 
     bool supported = true;
     for (int k = 0; k < sets; ++k) {
         const int length = lengths != nullptr ? lengths[k] : len;
         if (length == SQL_NULL_DATA) {
-            dataLen[static_cast<size_t>(k)] = SQL_NULL_DATA;
+            p->DataLen[static_cast<size_t>(k)] = SQL_NULL_DATA;
             continue;
         }
         if (store == nullptr) {
@@ -171,23 +198,23 @@ int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* v
         }
         const auto* value = static_cast<const char*>(values);
         if (value != nullptr) value += static_cast<ptrdiff_t>(k) * len;
-        char* slot = data.get() + static_cast<size_t>(k) * static_cast<size_t>(slotSize);
-        dataLen[static_cast<size_t>(k)] = store(slot, value, length);
+        char* slot = p->Data.get() + static_cast<size_t>(k) * static_cast<size_t>(slotSize);
+        p->DataLen[static_cast<size_t>(k)] = store(slot, value, length);
     }
     if (!supported) {
         return Fail(VORDA_UNKNOWN_PARAMETER_TYPE, "Unknown parameter data type.");
     }
     p->ColumnSize = slotSize;
     p->DataType = dataType;
-    p->Data = std::move(data);
-    p->DataLen = std::move(dataLen);
     p->Count = sets;
     return VORDA_OK;
 }
 
 int ODBCSourceImpl::ClearParameters() {
-    if (m_preparedHstmt != nullptr && m_parameters.Size() > 0) m_hasStaleBindings = true;
-    m_parameters.Reset();
+    if (m_preparedHstmt != nullptr && m_parameterCount > 0) m_hasStaleBindings = true;
+    for (int i = 0; i < m_parameterCount; ++i) m_parameters.Get(i)->Clear();
+    if (m_parameterCount > kKeptParameters) m_parameters.Resize(kKeptParameters);
+    m_parameterCount = 0;
     return VORDA_OK;
 }
 
@@ -211,9 +238,9 @@ bool ODBCSourceImpl::UndoLastExecution() {
 // be read past their end.
 bool ODBCSourceImpl::BatchMatchesParameters() {
     const int sets = std::max(m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE, 1);
-    for (int i = 0; i < m_parameters.Size(); ++i) {
-        const _odbc_parameter_* p = m_parameters.Get(i);
-        if (p->Data && p->Count < sets) {
+    for (int i = 0; i < m_parameterCount; ++i) {
+        const int count = m_parameters.Get(i)->Count;
+        if (count > 0 && count < sets) {
             SetError(VORDA_INDEX_OUT_OF_RANGE,
                      "The batch size was raised after a parameter was bound");
             return false;

@@ -37,6 +37,8 @@ std::unique_ptr<_col_binding_info_> _col_binding_info_::Clone() const {
 
 namespace {
 
+// An idle result set keeps this many records of columns, with their buffers.
+constexpr int kKeptColumns = 8;
 constexpr int kTextBufferSize = 2048;
 constexpr int kBinaryBufferSize = 4096;
 
@@ -99,12 +101,17 @@ int ODBCResultSetImpl::Close() {
         SQLFreeStmt(m_hstmt, SQL_DROP);
         m_hstmt = nullptr;
     }
-    m_columns.Reset();
-    m_colBindingInfo.Reset();
+    ForgetColumns();
     m_initedMetadata = 0;
     m_initedColBinding = 0;
     m_fetchFailed = false;
     return VORDA_OK;
+}
+
+void ODBCResultSetImpl::ForgetColumns() {
+    m_columnCount = m_infoCount = m_bindingCount = 0;
+    if (m_columns.Size() > kKeptColumns) m_columns.Resize(kKeptColumns);
+    if (m_colBindingInfo.Size() > kKeptColumns) m_colBindingInfo.Resize(kKeptColumns);
 }
 
 int ODBCResultSetImpl::SetStmtHandle(SQLHSTMT hstmt) {
@@ -133,7 +140,8 @@ int ODBCResultSetImpl::InitMetadata() {
         return ComposeError("Unable to m_columns.SetSize", m_errMsg.Deref(), VORDA_OUT_OF_MEMORY);
     }
     const int columns = static_cast<int>(std::max<SQLLEN>(count, 0));
-    m_columns.Resize(columns);
+    if (m_columns.Size() < columns) m_columns.Resize(columns);
+    m_columnCount = columns;
     for (int column = 1; column <= columns; ++column) {
         if (const int status = ReadColumn(column); status != VORDA_OK) return status;
     }
@@ -171,11 +179,17 @@ int ODBCResultSetImpl::ReadColumn(int column) {
     for (const auto& number : numbers) {
         if (!ReadNumber(column, number.Field, number.Value)) return VORDA_ODBC_ERROR;
     }
-    const int dbType = ODBCTypeToDbType(SQLTypeToODBCType(static_cast<int>(type)));
-    auto info = std::make_unique<DbColumnInfo>(name, kept, dbType, static_cast<int>(size),
-                                               static_cast<int>(precision), static_cast<int>(scale),
-                                               static_cast<int>(nullable));
-    m_columns.SetElementAt(info.release(), column - 1);
+    if (m_columns.Get(column - 1) == nullptr) {
+        m_columns.SetElementAt(std::make_unique<DbColumnInfo>().release(), column - 1);
+    }
+    DbColumnInfo& info = *m_columns.Get(column - 1);
+    if (info.ColumnName.Set(name, kept) != VORDA_OK) throw std::bad_alloc();
+    info.DataType = ODBCTypeToDbType(SQLTypeToODBCType(static_cast<int>(type)));
+    info.ColumnSize = static_cast<int>(size);
+    info.Precision = static_cast<int>(precision);
+    info.Scale = static_cast<int>(scale);
+    info.IsNullable = static_cast<int>(nullable);
+    m_infoCount = column;
     return VORDA_OK;
 }
 
@@ -185,21 +199,22 @@ int ODBCResultSetImpl::InitColumnBinding() {
     }
     if (m_initedColBinding) return VORDA_OK;
 
-    const int columns = m_columns.Size();
-    m_colBindingInfo.Resize(columns);
-    for (int i = 0; i < columns; ++i) {
+    if (m_colBindingInfo.Size() < m_columnCount) m_colBindingInfo.Resize(m_columnCount);
+    for (int i = 0; i < m_columnCount; ++i) {
         if (m_colBindingInfo.Get(i) == nullptr) {
             m_colBindingInfo.SetElementAt(std::make_unique<_col_binding_info_>().release(), i);
         }
+        m_bindingCount = i + 1;
         _col_binding_info_& binding = *m_colBindingInfo.Get(i);
+        binding.NativeVal = {};
         binding.DataType = DbTypeToODBCType(m_columns.Get(i)->DataType);
         binding.ValLen = SQL_NULL_DATA;
         const BindingRule rule = RuleFor(binding.DataType);
         SQLPOINTER target = &binding.NativeVal;
+        if (binding.StringVal.Resize(rule.BufferSize, nullptr) != VORDA_OK) {
+            return VORDA_OUT_OF_MEMORY;
+        }
         if (rule.BufferSize > 0) {
-            if (binding.StringVal.Resize(rule.BufferSize, nullptr) != VORDA_OK) {
-                return VORDA_OUT_OF_MEMORY;
-            }
             // Readers may look at any byte of the buffer, whatever the driver has written.
             target =
                 std::memset(binding.StringVal.Deref(), 0, static_cast<size_t>(rule.BufferSize));
@@ -216,8 +231,7 @@ int ODBCResultSetImpl::InitColumnBinding() {
 const DbColumnInfo* ODBCResultSetImpl::GetColumnInfo(int index) const {
     static const DbColumnInfo none;
     if (index < 0) return nullptr;
-    const DbColumnInfo* info = index < m_columns.Size() ? m_columns.Get(index) : nullptr;
-    return info != nullptr ? info : &none;
+    return index < m_infoCount ? m_columns.Get(index) : &none;
 }
 
 int ODBCResultSetImpl::Next() {
@@ -242,7 +256,7 @@ int ODBCResultSetImpl::Next() {
 }
 
 int ODBCResultSetImpl::Readable(int index, const _col_binding_info_*& binding) {
-    binding = index >= 0 && index < m_colBindingInfo.Size() ? m_colBindingInfo.Get(index) : nullptr;
+    binding = BindingOf(index);
     if (binding == nullptr) {
         return Fail(VORDA_INDEX_OUT_OF_RANGE, "The value index is out of range");
     }
@@ -348,7 +362,7 @@ int ODBCResultSetImpl::GetExtent(int index, ValueExtent& extent) {
 int ODBCResultSetImpl::GetStringAsUTF8(int index, char** text, int* length) {
     ValueExtent extent;
     if (const int status = GetExtent(index, extent); status != VORDA_OK) return status;
-    if (text != nullptr) *text = m_colBindingInfo.Get(index)->StringVal.Deref();
+    if (text != nullptr) *text = BindingOf(index)->StringVal.Deref();
     if (length != nullptr) *length = extent.Length;
     return VORDA_OK;
 }
@@ -360,16 +374,17 @@ int ODBCResultSetImpl::GetStringAsUCS2(int, char**, int*) {
 int ODBCResultSetImpl::GetBytes(int index, char** data, int* length) {
     const _col_binding_info_* binding;
     if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    if (data != nullptr) *data = m_colBindingInfo.Get(index)->StringVal.Deref();
+    if (data != nullptr) *data = BindingOf(index)->StringVal.Deref();
     if (length != nullptr) *length = binding->StringVal.Length();
     return VORDA_OK;
 }
 
 bool ODBCResultSetImpl::GetColumnBuffer(int index, DbColumnBuffer& buffer) const {
     static_assert(std::is_same_v<SQLLEN, std::ptrdiff_t>);
-    const _col_binding_info_* const binding = m_colBindingInfo.Get(index);
+    // Each bound column is described as well.
+    const _col_binding_info_* const binding = BindingOf(index);
+    if (binding == nullptr) return false;
     const DbColumnInfo* const info = m_columns.Get(index);
-    if (binding == nullptr || info == nullptr) return false;
     const bool isText = RuleFor(binding->DataType).BoundType == SQL_C_WCHAR;
     buffer = {info->DataType,
               info->Scale,
@@ -381,7 +396,6 @@ bool ODBCResultSetImpl::GetColumnBuffer(int index, DbColumnBuffer& buffer) const
 }
 
 int ODBCResultSetImpl::GetBufferSize(int index) const {
-    const bool known = index >= 0 && index < m_colBindingInfo.Size();
-    const _col_binding_info_* binding = known ? m_colBindingInfo.Get(index) : nullptr;
+    const _col_binding_info_* const binding = BindingOf(index);
     return binding != nullptr ? binding->StringVal.Length() : 0;
 }

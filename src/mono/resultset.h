@@ -51,7 +51,7 @@ class ODBCResultSetImpl : public LastError {
     // getter fail until the next one.
     int Next();
 
-    int GetColumnCount() const { return m_columns.Size(); }
+    int GetColumnCount() const { return m_columnCount; }
     // The description of a 0-based column; an empty one past the last, null for a negative index.
     const DbColumnInfo* GetColumnInfo(int index) const;
 
@@ -85,9 +85,20 @@ class ODBCResultSetImpl : public LastError {
     bool ReadNumber(int column, SQLUSMALLINT field, SQLLEN& value);
     int ReadColumn(int column);
     int Readable(int index, const _col_binding_info_*& binding);
+    // Null past the last column that is bound.
+    _col_binding_info_* BindingOf(int index) const {
+        return index < m_bindingCount ? m_colBindingInfo.Get(index) : nullptr;
+    }
+    void ForgetColumns();
     bool StatementPassed(SQLRETURN result) { return Passed(result, nullptr, nullptr, m_hstmt); }
 
     SQLHSTMT m_hstmt = nullptr;
+    // How many columns the driver reports, and how many of them are described and bound so far. The
+    // records behind these are of an earlier result and wait for a next one: programs run the same
+    // statements many times.
+    int m_columnCount = 0;
+    int m_infoCount = 0;
+    int m_bindingCount = 0;
     JavaVector<_db_column_info_> m_columns;
     JavaVector<_col_binding_info_> m_colBindingInfo;
     int m_initedMetadata = 0;

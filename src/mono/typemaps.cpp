@@ -1,6 +1,9 @@
 // The type maps of the data source, as tables. They are not inverse to each other: both decimal
 // codes travel as SQL_C_NUMERIC, which comes back as decimal only, and the same holds for
 // SQL_FLOAT.
+#include <algorithm>
+#include <array>
+#include <climits>
 #include <cstddef>
 
 #include "mono/dbsource.h"
@@ -10,14 +13,6 @@ namespace {
 struct Pair {
     int From, To;
 };
-
-template <size_t N>
-int Map(const Pair (&table)[N], int value, int defaultValue) {
-    for (const Pair& pair : table) {
-        if (pair.From == value) return pair.To;
-    }
-    return defaultValue;
-}
 
 constexpr Pair kDbTypeToODBCType[] = {
     {DBTYPE_BINARY, SQL_C_BINARY},
@@ -85,20 +80,41 @@ constexpr Pair kODBCTypeSize[] = {
     {SQL_C_NUMERIC, 19},
 };
 
+constexpr short kNone = SHRT_MIN;
+
+// The table spread out over the codes from its lowest to its highest one: each parameter and each
+// column of every statement is looked up several times.
+template <const auto& kTable>
+int Map(int value, int defaultValue) {
+    constexpr int lowest = std::ranges::min(kTable, {}, &Pair::From).From;
+    constexpr int highest = std::ranges::max(kTable, {}, &Pair::From).From;
+    static constexpr auto values = [] {
+        std::array<short, static_cast<std::size_t>(highest - lowest) + 1> spread;
+        spread.fill(kNone);
+        for (const Pair& pair : kTable) {
+            spread[static_cast<std::size_t>(pair.From - lowest)] = static_cast<short>(pair.To);
+        }
+        return spread;
+    }();
+    if (value < lowest || value > highest) return defaultValue;
+    const short found = values[static_cast<std::size_t>(value - lowest)];
+    return found != kNone ? found : defaultValue;
+}
+
 }  // namespace
 
 int DbTypeToODBCType(int dbType) {
-    return Map(kDbTypeToODBCType, dbType, SQL_C_WCHAR);
+    return Map<kDbTypeToODBCType>(dbType, SQL_C_WCHAR);
 }
 int ODBCTypeToDbType(int odbcCType) {
-    return Map(kODBCTypeToDbType, odbcCType, DBTYPE_STRING);
+    return Map<kODBCTypeToDbType>(odbcCType, DBTYPE_STRING);
 }
 int ODBCTypeToSQLType(int odbcCType) {
-    return Map(kODBCTypeToSQLType, odbcCType, SQL_WVARCHAR);
+    return Map<kODBCTypeToSQLType>(odbcCType, SQL_WVARCHAR);
 }
 int SQLTypeToODBCType(int sqlType) {
-    return Map(kSQLTypeToODBCType, sqlType, SQL_C_WCHAR);
+    return Map<kSQLTypeToODBCType>(sqlType, SQL_C_WCHAR);
 }
 int ODBCTypeSize(int odbcCType, int defaultSize) {
-    return Map(kODBCTypeSize, odbcCType, defaultSize);
+    return Map<kODBCTypeSize>(odbcCType, defaultSize);
 }
