@@ -156,25 +156,31 @@ bool HasSurrogate(PyObject* text) {
     return false;
 }
 
-int GetPyObjectAsString(PyObject* object, DynStr& value) {
-    if (PyUnicode_IS_COMPACT_ASCII(object) && PyUnicode_GET_LENGTH(object) <= INT_MAX) {
-        // Already what it is to become.
-        if (value.Set(static_cast<const char*>(PyUnicode_DATA(object))) != VORDA_OK) {
+int Utf8Text::Set(PyObject* text) {
+    Py_ssize_t length;
+    if (PyUnicode_IS_COMPACT_ASCII(text)) {
+        m_text = static_cast<const char*>(PyUnicode_DATA(text));
+        length = PyUnicode_GET_LENGTH(text);
+    } else {
+        if (HasSurrogate(text)) return -1;
+        m_encoded = PyRef(PyUnicode_AsUTF8String(text));
+        if (!m_encoded) {
+            PyErr_Clear();
             throw std::bad_alloc();
         }
-        return 0;
+        m_text = PyBytes_AS_STRING(m_encoded.Get());
+        length = PyBytes_GET_SIZE(m_encoded.Get());
     }
-    if (HasSurrogate(object)) return -1;
-    const PyRef encoded(PyUnicode_AsUTF8String(object));
-    if (!encoded) {
-        PyErr_Clear();
-        throw std::bad_alloc();
-    }
-    // Set takes a length that an int cannot hold for none at all.
-    if (PyBytes_GET_SIZE(encoded.Get()) > INT_MAX ||
-        value.Set(PyBytes_AS_STRING(encoded.Get())) != VORDA_OK) {
-        throw std::bad_alloc();
-    }
+    // Lengths are of type int in all layers below.
+    if (length > INT_MAX) throw std::bad_alloc();
+    m_length = static_cast<int>(std::strlen(m_text));
+    return 0;
+}
+
+int GetPyObjectAsString(PyObject* object, DynStr& value) {
+    Utf8Text text;
+    if (text.Set(object) != 0) return -1;
+    if (value.Set(text.Deref(), text.Length()) != VORDA_OK) throw std::bad_alloc();
     return 0;
 }
 
@@ -191,6 +197,11 @@ int MicrosecondsFrom(int fraction, int scale) {
 
 bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position) {
     if (PyUnicode_Check(value)) {
+        if (PyUnicode_IS_COMPACT_ASCII(value) &&
+            std::memchr(PyUnicode_DATA(value), 0,
+                        static_cast<size_t>(PyUnicode_GET_LENGTH(value))) == nullptr) {
+            return true;
+        }
         const Py_ssize_t length = PyUnicode_GetLength(value);
         const Py_ssize_t nul = PyUnicode_FindChar(value, 0, 0, length, 1);
         return nul < 0 || Warn(

@@ -3,6 +3,7 @@
 #include <structmember.h>
 
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -23,13 +24,10 @@ PyRef PyCursor_CloseMethod(PyObject* self, PyObject*) {
     return PyRef::Borrow(Py_None);
 }
 
-PyRef PyCursor_ExecuteMethod(PyObject* self, PyObject* args) {
-    return PyCursor_Execute(self, args, nullptr);
-}
-
 void PyCursor_Dealloc(PyObject* self) {
     PyCursor_Close(AsCursor(self));
     std::destroy_at(&AsCursor(self)->Plan);
+    std::destroy_at(&AsCursor(self)->Described);
     PyObject_Free(self);
 }
 
@@ -39,7 +37,7 @@ PyMethodDef PyCursor_Methods[] = {
      "Close the cursor now (rather than whenever __del__ is called).\n\n"
      "The cursor will be unusable from this point forward; an Error (or subclass)\n"
      "exception will be raised if any operation is attempted with the cursor."},
-    {"execute", AsMethod<PyCursor_ExecuteMethod>, METH_VARARGS,
+    {"execute", AsFastMethod<ExecuteStatement>(), METH_FASTCALL,
      "execute(sql, [params]) --> Cursor\n\n"
      "Prepare and execute a database operation (query or command).\n\n"
      "Parameters may be provided as a sequence (as specified by the DB API) or\n"
@@ -106,15 +104,27 @@ PyMemberDef PyCursor_Members[] = {
 };
 
 // One item of the description: (name, type_code, None, precision, precision, scale, null_ok).
-PyRef GetColumnPyObject(const DbColumnInfo& info) {
+PyRef GetColumnPyObject(const ColumnDescription& column) {
     // A name may have been cut inside a character by the provider, or be in another encoding.
-    const PyRef name(
-        PyUnicode_DecodeUTF8(info.ColumnName.Deref(), info.ColumnName.Length(), "replace"));
+    const PyRef name(PyUnicode_DecodeUTF8(
+        column.Name, static_cast<Py_ssize_t>(std::strlen(column.Name)), "replace"));
     if (!name) return PyRef();
-    const PyRef type = ConvertSQLTypeToPyType(info.DataType);
+    const PyRef type = ConvertSQLTypeToPyType(column.DataType);
     if (!type) return PyRef();
-    return PyRef(Py_BuildValue("(OOOiiiO)", name.Get(), type.Get(), Py_None, info.Precision,
-                               info.Precision, info.Scale, info.IsNullable ? Py_True : Py_False));
+    return PyRef(Py_BuildValue("(OOOiiiO)", name.Get(), type.Get(), Py_None, column.Precision,
+                               column.Precision, column.Scale,
+                               column.IsNullable ? Py_True : Py_False));
+}
+
+// Whether the last statement has the columns that the cursor's description shows.
+bool IsDescribed(const PyCursor* cursor, int columns) {
+    if (cursor->Described.size() != static_cast<size_t>(columns)) return false;
+    for (int i = 0; i < columns; ++i) {
+        ColumnDescription column;
+        cursor->dbs->DescribeColumn(i, column);
+        if (!(column == cursor->Described[static_cast<size_t>(i)])) return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -145,6 +155,7 @@ PyRef PyCursor_New(PyConnection* connection) {
     cursor->ArraySize = -1;
     cursor->RowCount = -1;
     std::construct_at(&cursor->Plan);
+    std::construct_at(&cursor->Described);
     return object;
 }
 
@@ -181,23 +192,25 @@ int PyCursor_Close(PyCursor* cursor) {
 
 int BuildCursorDescription(PyCursor* cursor) {
     const int columns = cursor->dbs->GetColumnCount();
-    if (columns < 1) return 0;
+    // Nobody can change a description, so the one of the same columns serves again: programs run
+    // the same query many times.
+    if (columns < 1 || IsDescribed(cursor, columns)) return 0;
 
     // The provider is read to the end first: making the Python objects may import modules, whose
     // code may close the connection.
-    std::vector<std::unique_ptr<DbColumnInfo>> infos;
-    infos.reserve(static_cast<size_t>(columns));
+    std::vector<ColumnDescription> described(static_cast<size_t>(columns));
     for (int i = 0; i < columns; ++i) {
-        infos.emplace_back(new DbColumnInfo(cursor->dbs->GetColumnInfo(i)));
+        cursor->dbs->DescribeColumn(i, described[static_cast<size_t>(i)]);
     }
     PyRef description(PyTuple_New(columns));
     if (!description) return -1;
     for (int i = 0; i < columns; ++i) {
-        PyRef item = GetColumnPyObject(*infos[static_cast<size_t>(i)]);
+        PyRef item = GetColumnPyObject(described[static_cast<size_t>(i)]);
         if (!item) return -1;
         PyTuple_SET_ITEM(description.Get(), i, item.Release());
     }
     if (cursor->Connection != nullptr) {
+        cursor->Described = std::move(described);
         const PyRef old(std::exchange(cursor->Description, description.Release()));
     }
     return 0;

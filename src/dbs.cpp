@@ -14,6 +14,11 @@ constexpr int kFirstBufferSize = 256;
 
 }  // namespace
 
+bool ColumnDescription::operator==(const ColumnDescription& other) const {
+    return std::strcmp(Name, other.Name) == 0 && DataType == other.DataType &&
+           Precision == other.Precision && Scale == other.Scale && IsNullable == other.IsNullable;
+}
+
 Dbs::Dbs() : buffer(new char[kFirstBufferSize]), currentBufferSize(kFirstBufferSize) {}
 
 Dbs::~Dbs() = default;
@@ -104,6 +109,14 @@ DbColumnInfo Dbs::GetColumnInfo(int index) {
     describe(buffer.get());
     return DbColumnInfo(buffer.get(), static_cast<int>(std::strlen(buffer.get())), dataType,
                         static_cast<int>(columnSize), precision, decimalDigits, nullable);
+}
+
+void Dbs::DescribeColumn(int index, ColumnDescription& description) {
+    DBSSMALLINT nameLength = 0;
+    DBSULEN columnSize = 0;
+    DBSDescribeCol(handler, index, description.Name, &nameLength, &description.DataType,
+                   &columnSize, &description.Precision, &description.Scale,
+                   &description.IsNullable);
 }
 
 bool Dbs::GetColumnBuffer(int index, DbColumnBuffer& columnBuffer) {

@@ -24,26 +24,41 @@ ParamKind ParamKindOf(PyObject* value) {
 namespace {
 
 struct Parameters {
-    std::vector<PyRef> Values;
+    PyObject* const* Values = nullptr;
+    Py_ssize_t Count = 0;
     Py_ssize_t FirstPosition = 0;  // of the first value, in error messages
+    PyRef Owner;                   // a tuple, where the values are not the caller's arguments
 };
 
-bool GatherSequence(PyObject* sequence, Parameters& parameters) {
-    const Py_ssize_t end = PySequence_Size(sequence);
-    if (end < 0) return false;
-    for (Py_ssize_t i = parameters.FirstPosition; i < end; ++i) {
-        PyRef value(PySequence_GetItem(sequence, i));
-        if (!value) return false;
-        parameters.Values.push_back(std::move(value));
+// A tuple of the sequence's items as they are now: what runs later may change a list.
+PyRef TupleOf(PyObject* sequence) {
+    if (PyTuple_CheckExact(sequence)) return PyRef::Borrow(sequence);
+    if (PyList_CheckExact(sequence)) return PyRef(PyList_AsTuple(sequence));
+    // A subclass tells its size and its items with code of its own.
+    const Py_ssize_t size = PySequence_Size(sequence);
+    if (size < 0) return PyRef();
+    const PyRef items(PyList_New(0));
+    if (!items) return PyRef();
+    for (Py_ssize_t i = 0; i < size; ++i) {
+        const PyRef item(PySequence_GetItem(sequence, i));
+        if (!item || PyList_Append(items.Get(), item.Get()) < 0) return PyRef();
     }
+    return PyRef(PyList_AsTuple(items.Get()));
+}
+
+bool GatherSequence(PyObject* sequence, Parameters& parameters) {
+    parameters.Owner = TupleOf(sequence);
+    if (!parameters.Owner) return false;
+    parameters.Values = PySequence_Fast_ITEMS(parameters.Owner.Get());
+    parameters.Count = PyTuple_GET_SIZE(parameters.Owner.Get());
     return true;
 }
 
 // The parameters of execute(sql, ...): one list, tuple or dict, or everything after the statement.
-bool GatherParameters(PyObject* args, const DynStr& sql, Parameters& parameters) {
-    const Py_ssize_t count = PyTuple_GET_SIZE(args);
+bool GatherParameters(PyObject* const* args, Py_ssize_t count, const Utf8Text& sql,
+                      Parameters& parameters) {
     if (count == 1) return true;
-    PyObject* const second = PyTuple_GET_ITEM(args, 1);
+    PyObject* const second = args[1];
     if (count == 2 && (PyList_Check(second) || PyTuple_Check(second))) {
         return GatherSequence(second, parameters);
     }
@@ -53,16 +68,30 @@ bool GatherParameters(PyObject* args, const DynStr& sql, Parameters& parameters)
         const PyRef owner(flattened);
         return GatherSequence(flattened, parameters);
     }
+    parameters.Values = args + 1;
+    parameters.Count = count - 1;
     parameters.FirstPosition = 1;
-    return GatherSequence(args, parameters);
+    return true;
+}
+
+const char* CutWhat(ParamKind kind) {
+    switch (kind) {
+        case ParamKind::Text:
+            return "text";
+        case ParamKind::DateTime:
+            return "datetime";
+        case ParamKind::Time:
+            return "time";
+        default:
+            return nullptr;  // nothing of such a value can be lost
+    }
 }
 
 bool WarnAboutCuts(const Parameters& parameters) {
-    Py_ssize_t position = parameters.FirstPosition;
-    for (const PyRef& value : parameters.Values) {
-        const bool isText = PyUnicode_Check(value.Get());
-        const char* what = isText ? "text" : PyTime_Check(value.Get()) ? "time" : "datetime";
-        if (!WarnIfCut(value.Get(), what, position++)) return false;
+    for (Py_ssize_t i = 0; i < parameters.Count; ++i) {
+        PyObject* const value = parameters.Values[i];
+        const char* const what = CutWhat(ParamKindOf(value));
+        if (what != nullptr && !WarnIfCut(value, what, parameters.FirstPosition + i)) return false;
     }
     return true;
 }
@@ -93,8 +122,8 @@ bool BindInt(Dbs& dbs, int index, PyObject* value, int& status) {
 }
 
 bool BindText(Dbs& dbs, int index, PyObject* value, int& status) {
-    DynStr text;
-    if (GetPyObjectAsString(value, text) != 0) return false;
+    Utf8Text text;
+    if (text.Set(value) != 0) return false;
     const int size = text.Length();
     status = dbs.AddParam(index, DBTYPE_STRING, text.Deref(), size, &size);
     return true;
@@ -142,15 +171,15 @@ bool Bind(Dbs& dbs, int index, PyObject* value, Py_ssize_t position) {
     return status == VORDA_OK;
 }
 
-bool PrepareAndBind(Dbs& dbs, const DynStr& sql, const Parameters& parameters) {
+bool PrepareAndBind(Dbs& dbs, const Utf8Text& sql, const Parameters& parameters) {
     if (const int status = dbs.Prepare(sql.Deref(), sql.Length()); status != VORDA_OK) {
         RaiseProviderError(dbs, status);
         return false;
     }
-    int index = 0;
-    for (const PyRef& value : parameters.Values) {
-        if (!Bind(dbs, index, value.Get(), parameters.FirstPosition + index)) return false;
-        ++index;
+    for (Py_ssize_t i = 0; i < parameters.Count; ++i) {
+        if (!Bind(dbs, static_cast<int>(i), parameters.Values[i], parameters.FirstPosition + i)) {
+            return false;
+        }
     }
     return true;
 }
@@ -158,26 +187,31 @@ bool PrepareAndBind(Dbs& dbs, const DynStr& sql, const Parameters& parameters) {
 }  // namespace
 
 PyRef PyCursor_Execute(PyObject* self, PyObject* args, PyObject*) {
+    return args != nullptr
+               ? ExecuteStatement(self, PySequence_Fast_ITEMS(args), PyTuple_GET_SIZE(args))
+               : ExecuteStatement(self, nullptr, 0);
+}
+
+PyRef ExecuteStatement(PyObject* self, PyObject* const* args, Py_ssize_t count) {
     PyCursor* const cursor = CursorValidate(self, true, false);
     if (cursor == nullptr) return PyRef();
     cursor->RowCount = -1;
-    if (args == nullptr || PyTuple_GET_SIZE(args) < 1) {
+    if (count < 1) {
         return Raise(PyExc_TypeError, "execute() takes at least 1 argument (0 given)");
     }
-    DynStr sql;
-    if (GetArgumentAsString(args, 0, sql) != 0) {
+    Utf8Text sql;
+    if (!PyUnicode_Check(args[0]) || sql.Set(args[0]) != 0) {
         return Raise(PyExc_TypeError,
                      "The first argument to execute must be a string or unicode query.");
     }
     Parameters parameters;
-    if (!WarnIfCut(PyTuple_GET_ITEM(args, 0), "statement", 0) ||
-        !GatherParameters(args, sql, parameters) || !WarnAboutCuts(parameters) ||
-        CursorValidate(self, true, false) == nullptr) {
+    if (!WarnIfCut(args[0], "statement", 0) || !GatherParameters(args, count, sql, parameters) ||
+        !WarnAboutCuts(parameters) || CursorValidate(self, true, false) == nullptr) {
         return PyRef();
     }
 
     Dbs& dbs = *cursor->dbs;
-    const bool direct = parameters.Values.empty();
+    const bool direct = parameters.Count == 0;
     if (!direct && !PrepareAndBind(dbs, sql, parameters)) return PyRef();
     const int status = direct ? dbs.Execute(sql.Deref(), sql.Length()) : dbs.Execute();
     if (status != VORDA_OK) return RaiseProviderError(dbs, status);

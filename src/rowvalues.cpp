@@ -24,7 +24,6 @@ using Reader = PyObject* (*)(const ColumnPlan&);
 struct ColumnPlan {
     Reader Read;
     DbColumnBuffer Buffer;
-    std::string Name;
 
     template <class Value>
     Value As() const {
@@ -141,7 +140,6 @@ ColumnPlan PlanColumn(Dbs& dbs, int index) {
         column.Read = ReadUnbound;
     } else {
         column.Read = ReaderFor(column.Buffer.DataType);
-        column.Name = dbs.GetColumnInfo(index).ColumnName.Deref();
     }
     if (column.Read == RefuseBinary || column.Read == ReadUnbound) column.Buffer.Length = &notNull;
     return column;
@@ -151,12 +149,16 @@ ColumnPlan PlanColumn(Dbs& dbs, int index) {
 
 // How the rows of one result are read.
 struct RowPlan {
-    unsigned long long ResultNumber;
+    unsigned long long ResultNumber = 0;
     std::vector<ColumnPlan> Columns;
     std::vector<int> Decimals;
     PyRef DecimalClass;  // once a decimal has been read
 
-    explicit RowPlan(Dbs& dbs) : ResultNumber(dbs.GetResultNumber()) {
+    void Make(Dbs& dbs) {
+        // No number yet: this may end early for want of memory.
+        ResultNumber = 0;
+        Columns.clear();
+        Decimals.clear();
         const int columns = dbs.GetColumnCount();
         Columns.reserve(static_cast<size_t>(columns));
         for (int i = 0; i < columns; ++i) {
@@ -164,6 +166,7 @@ struct RowPlan {
             const int type = Columns.back().Buffer.DataType;
             if (type == DBTYPE_NUMERIC || type == DBTYPE_DECIMAL) Decimals.push_back(i);
         }
+        ResultNumber = dbs.GetResultNumber();
     }
 };
 
@@ -179,7 +182,7 @@ class RowReader {
             if (*column.Buffer.Length == SQL_NULL_DATA) {
                 value = PyRef::Borrow(Py_None).Release();
             } else if (value = column.Read(column); value == nullptr) {
-                value = ReadWithCare(m_row->columns, column).Release();
+                value = ReadWithCare(m_row->columns).Release();
                 if (value == nullptr) return false;
             }
             m_row->values[m_row->columns++] = value;
@@ -201,7 +204,7 @@ class RowReader {
     };
 
     // What a reader has left: a text that is not UTF-8, or whose length is not what it should be.
-    PyRef ReadWithCare(int index, const ColumnPlan& column) {
+    PyRef ReadWithCare(int index) {
         if (PyErr_Occurred()) return PyRef();
         char* text = nullptr;
         int length = 0;
@@ -209,10 +212,16 @@ class RowReader {
         if (status > 0) return RaiseProviderError(m_dbs, status);
         if (status < 0) return PyRef::Borrow(Py_None);
         long long reported = 0;
-        if (m_dbs.IsCut(index, &reported)) m_cuts.push_back({column.Name, length, reported});
+        if (m_dbs.IsCut(index, &reported)) m_cuts.push_back({NameOf(index), length, reported});
         PyRef value(DecodeText(text, length));
         return value || PyErr_Occurred() ? std::move(value)
-                                         : RaiseNotUtf8(text, length, column.Name);
+                                         : RaiseNotUtf8(text, length, NameOf(index));
+    }
+
+    std::string NameOf(int index) {
+        ColumnDescription column;
+        m_dbs.DescribeColumn(index, column);
+        return column.Name;
     }
 
     bool WarnAboutCuts() const {
@@ -259,7 +268,9 @@ PyRef PyRow_New(PyCursor* cursor) {
     Dbs& dbs = *cursor->dbs;
     if (dbs.FetchFailed()) return RaiseProviderError(dbs, VORDA_ODBC_ERROR);
     if (!cursor->Plan || cursor->Plan->ResultNumber != dbs.GetResultNumber()) {
-        cursor->Plan = std::make_shared<RowPlan>(dbs);
+        // One that is in use belongs to a row that is being finished.
+        if (cursor->Plan.use_count() != 1) cursor->Plan = std::make_shared<RowPlan>();
+        cursor->Plan->Make(dbs);
     }
     const RowPlan& plan = *cursor->Plan;
     PyRef row = NewRow(static_cast<int>(plan.Columns.size()), cursor->Connection->encoding,

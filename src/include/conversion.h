@@ -29,6 +29,21 @@ int GetPyObjectAsTime(PyObject* object, _db_time_& value);
 // Whether a str holds a surrogate, which has no UTF-8 form. To be asked before a codec is: one that
 // fails may run the program's own error handler. Throws std::bad_alloc.
 bool HasSurrogate(PyObject* text);
+// The UTF-8 form of a str, up to its first NUL, without a copy where the str itself holds it: the
+// str must outlive this.
+class Utf8Text {
+  public:
+    // 0, or -1 without an error set when the str has no such form (a lone surrogate); throws
+    // std::bad_alloc for want of memory.
+    int Set(PyObject* text);
+    const char* Deref() const { return m_text; }
+    int Length() const { return m_length; }
+
+  private:
+    PyRef m_encoded;
+    const char* m_text = "";
+    int m_length = 0;
+};
 // The UTF-8 form of a str, up to its first NUL. 0, or -1 without an error set when it has none (a
 // lone surrogate); throws std::bad_alloc for want of memory.
 int GetPyObjectAsString(PyObject* object, DynStr& value);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "include/connection.h"
 #include "include/pyref.h"
@@ -16,6 +17,8 @@ struct _py_cursor {
     int RowCount;
     // How the rows of the last result fetched from are read; empty before the first row.
     std::shared_ptr<RowPlan> Plan;
+    // What Description was made of; empty while it is None.
+    std::vector<ColumnDescription> Described;
 };
 using PyCursor = _py_cursor;
 
@@ -36,6 +39,8 @@ int BuildCursorDescription(PyCursor* cursor);
 // The methods, each with its own file: cursor.cpp, execute.cpp, executemany.cpp, callproc.cpp,
 // fetch.cpp.
 PyRef PyCursor_Execute(PyObject* self, PyObject* args, PyObject* ignored);
+// The same for arguments in an array, which the caller keeps alive.
+PyRef ExecuteStatement(PyObject* self, PyObject* const* args, Py_ssize_t count);
 PyRef PyCursor_ExecuteMany(PyObject* self, PyObject* args);
 PyRef PyCursor_CallProc(PyObject* self, PyObject* args);
 PyRef PyCursor_FetchOne(PyObject* self, PyObject* ignored);

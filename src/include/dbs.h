@@ -7,6 +7,15 @@
 #include "include/dbsapi.h"
 #include "include/dbsource.h"
 
+// A column as cursors show it: what GetColumnInfo tells but for its ColumnSize, in a record without
+// any memory of its own.
+struct ColumnDescription {
+    char Name[128];  // terminated
+    DBSSMALLINT DataType, Precision, Scale, IsNullable;
+
+    bool operator==(const ColumnDescription& other) const;
+};
+
 class VORDA_EXPORT Dbs {
   public:
     Dbs();
@@ -37,6 +46,7 @@ class VORDA_EXPORT Dbs {
     // 0 without a result set.
     int GetColumnCount();
     DbColumnInfo GetColumnInfo(int index);
+    void DescribeColumn(int index, ColumnDescription& description);
 
     // Where every fetch leaves a column's value; false without such a column.
     bool GetColumnBuffer(int index, DbColumnBuffer& columnBuffer);

@@ -47,6 +47,18 @@ Result CalledFromPython(Result failed, Body&& body) noexcept {
     }
 }
 
+// Adapts `Method`, which returns a PyRef for (self, args, count), to the calling convention
+// METH_FASTCALL, which makes no tuple of the arguments.
+template <PyRef (*Method)(PyObject*, PyObject* const*, Py_ssize_t)>
+PyCFunction AsFastMethod() {
+    constexpr _PyCFunctionFast method = [](PyObject* self, PyObject* const* args,
+                                           Py_ssize_t count) noexcept {
+        return CalledFromPython<PyObject*>(nullptr,
+                                           [&] { return Method(self, args, count).Release(); });
+    };
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(method));
+}
+
 // Adapts `Method`, which returns a PyRef for (self, args), to the C calling convention.
 template <PyRef (*Method)(PyObject*, PyObject*)>
 PyObject* AsMethod(PyObject* self, PyObject* args) noexcept {
