@@ -1,10 +1,10 @@
 #pragma once
 
-#include <mutex>
 #include <new>
 
 #include "error.h"
 #include "handle.h"
+#include "lock.h"
 
 namespace embedded {
 
@@ -19,7 +19,7 @@ template <class T, Inherited inherited = Inherited::Refused, class Body>
 SQLRETURN withHandle(SQLHANDLE id, Body&& body) noexcept {
     const std::shared_ptr<T> object = HandleRegistry::instance().find<T>(id);
     if (!object) return SQL_INVALID_HANDLE;
-    const std::lock_guard lock(object->mutex());
+    const Lock lock(object->mutex());
     if (object->dropped) return SQL_INVALID_HANDLE;
     object->diagnostics.clear();
     try {

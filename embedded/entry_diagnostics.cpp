@@ -37,7 +37,7 @@ SQLRETURN readRecord(SQLHANDLE handle, SQLSMALLINT number, const Output& output)
     const auto object = HandleRegistry::instance().find<T>(handle);
     if (!object) return SQL_INVALID_HANDLE;
     if (number < 1 || output.capacity < 0) return SQL_ERROR;
-    const std::lock_guard lock(object->mutex());
+    const Lock lock(object->mutex());
     const DiagnosticRecord* record = object->diagnostics.at(static_cast<size_t>(number) - 1);
     return record ? writeRecord(*record, output) : SQLRETURN{SQL_NO_DATA};
 }
@@ -47,7 +47,7 @@ SQLRETURN takeRecord(SQLHANDLE handle, const Output& output) noexcept {
     const auto object = HandleRegistry::instance().find<T>(handle);
     if (!object) return SQL_INVALID_HANDLE;
     if (output.capacity < 0) return SQL_ERROR;
-    const std::lock_guard lock(object->mutex());
+    const Lock lock(object->mutex());
     const DiagnosticRecord* record = object->diagnostics.at(0);
     if (!record) {
         writeNone(output);

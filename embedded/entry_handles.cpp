@@ -63,7 +63,7 @@ SQLRETURN freeConnection(SQLHANDLE handle) noexcept {
     // The environment's lock is only ever taken before a connection's, so not under it.
     if (result == SQL_SUCCESS) {
         if (const auto parent = HandleRegistry::instance().find<Environment>(environment)) {
-            const std::lock_guard lock(parent->mutex());
+            const Lock lock(parent->mutex());
             std::erase(parent->connections, handle);
         }
     }

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
 #include <vector>
 
 #include "diagnostics.h"
+#include "lock.h"
 
 namespace embedded {
 
@@ -43,7 +43,9 @@ class Handle {
 /// handle freed by another thread stays valid memory until the call that is using it ends.
 class HandleRegistry {
   public:
-    static HandleRegistry& instance();
+    static HandleRegistry& instance() noexcept;
+
+    constexpr HandleRegistry() noexcept = default;
 
     /// Registers `handle` and gives it its number.
     SQLHANDLE add(std::shared_ptr<Handle> handle);
@@ -54,20 +56,20 @@ class HandleRegistry {
     /// The living object of class `T` behind `id`, or null.
     template <class T>
     std::shared_ptr<T> find(SQLHANDLE id) {
-        const std::lock_guard lock(m_mutex);
-        const auto found = m_handles.find(reinterpret_cast<std::uintptr_t>(id));
-        if (found == m_handles.end() || found->second->type() != T::kHandleType) return nullptr;
-        return std::static_pointer_cast<T>(found->second);
+        const Lock lock(m_mutex);
+        const Slot* const slot = slotOf(id);
+        if (!slot || slot->handle->type() != T::kHandleType) return nullptr;
+        return std::static_pointer_cast<T>(slot->handle);
     }
 
     /// All living objects of class `T`.
     template <class T>
     std::vector<std::shared_ptr<T>> all() {
-        const std::lock_guard lock(m_mutex);
+        const Lock lock(m_mutex);
         std::vector<std::shared_ptr<T>> found;
-        for (const auto& [id, handle] : m_handles) {
-            if (handle->type() == T::kHandleType)
-                found.push_back(std::static_pointer_cast<T>(handle));
+        for (const Slot& slot : m_slots) {
+            if (slot.handle && slot.handle->type() == T::kHandleType)
+                found.push_back(std::static_pointer_cast<T>(slot.handle));
         }
         return found;
     }
@@ -76,10 +78,34 @@ class HandleRegistry {
     size_t count();
 
   private:
+    /// A place of the table. Its number has the place in its lower half and, in its upper half, how
+    /// often the place was given away: what is left of an earlier use does not fit any more.
+    struct Slot {
+        std::uint32_t use;
+        std::uint32_t nextFree;
+        std::shared_ptr<Handle> handle;  ///< null: free, or used up
+    };
+
+    static constexpr std::uint32_t kNone = 0xFFFF'FFFF;
+
+    /// The place that a living handle has, or null.
+    Slot* slotOf(SQLHANDLE id) noexcept {
+        static_assert(sizeof(std::uintptr_t) == 2 * sizeof(std::uint32_t));
+        const auto number = reinterpret_cast<std::uintptr_t>(id);
+        const auto place = static_cast<std::uint32_t>(number);
+        if (place >= m_slots.size()) return nullptr;
+        Slot& slot = m_slots[place];
+        return slot.handle && slot.use == number >> 32 ? &slot : nullptr;
+    }
+    std::uint32_t freePlace();
+    void giveTableBack() noexcept;
+
     std::mutex m_mutex;
-    std::unordered_map<std::uintptr_t, std::shared_ptr<Handle>> m_handles;
-    // Small numbers stay free so that a stray small integer is no handle.
-    std::uintptr_t m_next = 0x10000;
+    std::vector<Slot> m_slots;
+    std::uint32_t m_firstFree = kNone;
+    size_t m_living = 0;
+    // The use that a new place begins with. Never 0, so that a stray small integer is no handle.
+    std::uint32_t m_firstUse = 1;
 };
 
 }  // namespace embedded
