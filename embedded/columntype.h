@@ -12,6 +12,8 @@ struct ColumnType {
     SQLSMALLINT sqlType = SQL_WVARCHAR;
     SQLULEN size = 0;  ///< declared length or precision, or that of a fixed type; 0 when unknown
     SQLSMALLINT scale = 0;  ///< digits after the point or of the fraction of a second
+
+    bool operator==(const ColumnType&) const = default;
 };
 
 /// What is the same for all columns of one SQL type.

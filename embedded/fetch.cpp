@@ -14,9 +14,9 @@ Statement::Work& Statement::requireCursor() {
 
 Statement::Work& Statement::askedCursor() {
     Work& work = requireCursor();
-    if (!work.asked) {
-        work.rows->columns();  // types of expressions come from the first row, which is still there
-        work.asked = true;
+    if (!work.described) {
+        // Types of expressions come from the first row, which is still there.
+        work.described = &work.rows->columns();
         m_connection->removeUnasked(*this);
     }
     return work;
@@ -24,14 +24,14 @@ Statement::Work& Statement::askedCursor() {
 
 const std::vector<Column>& Statement::columns() {
     static const std::vector<Column> kNone;
-    if (hasCursor()) return askedCursor().rows->columns();
+    if (hasCursor()) return *askedCursor().described;
     if (m_work && m_work->prepared) return requireProgram().columns();
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
     return kNone;
 }
 
 int Statement::columnCount() {
-    if (hasCursor()) return askedCursor().rows->columnCount();
+    if (hasCursor()) return static_cast<int>(askedCursor().described->size());
     if (m_work && m_work->prepared) return requireProgram().columnCount();
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
     return 0;

@@ -126,7 +126,12 @@ int Statement::parameterCount() const {
 
 void Statement::bindParameter(SQLUSMALLINT number, const ParameterBinding& binding) {
     Settings& changed = changeSettings();
-    if (changed.parameters.size() < number) changed.parameters.resize(number);
+    if (changed.parameters.size() < number) {
+        if (m_work && m_work->prepared) {
+            changed.parameters.reserve(static_cast<size_t>(parameterCount()));
+        }
+        changed.parameters.resize(number);
+    }
     changed.parameters[number - 1] = binding;
     // Bindings left from an earlier text may exceed this one's markers. One made for this text
     // tells of a value that would be ignored.
@@ -168,7 +173,8 @@ void Statement::closeCursor() noexcept {
     work.rows.reset();
     if (work.program) work.program->rewind();
     work.routes.clear();
-    work.routed = work.onRow = work.ended = work.asked = false;
+    work.routed = work.onRow = work.ended = false;
+    work.described = nullptr;
     work.rowNumber = 0;
 }
 

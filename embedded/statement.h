@@ -121,7 +121,8 @@ class Statement final : public Handle {
         bool onRow = false;
         bool passed = false;  ///< the current row is delivered and gone
         bool ended = false;
-        bool asked = false;
+        /// Of `rows`, once somebody has asked for them.
+        const std::vector<Column>* described = nullptr;
         bool routed = false;  ///< `routes` fit the bindings
         std::vector<Route> routes;
         bool allBound = false;  ///< `routes` lead to every column

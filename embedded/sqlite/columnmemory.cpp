@@ -2,6 +2,7 @@
 
 #include <new>
 #include <optional>
+#include <utility>
 
 #include "sqlite/origin.h"
 #include "sqlite/sqlscanner.h"
@@ -65,19 +66,25 @@ ColumnType typeOfStorage(int storageClass) noexcept {
     }
 }
 
-std::vector<Column> ColumnMemory::describe(sqlite3_stmt* statement, bool onRow) {
+std::shared_ptr<const std::vector<Column>> ColumnMemory::describe(sqlite3_stmt* statement,
+                                                                  bool onRow) {
     const int compilations = sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_REPREPARE, 0);
     if (compilations != m_compilations) {
-        m_columns = columnsOf(statement);
+        m_columns = std::make_shared<const std::vector<Column>>(columnsOf(statement));
         m_compilations = compilations;
     }
-    std::vector<Column> columns = m_columns;
-    for (size_t i = 0; i < columns.size(); ++i) {
-        if (!columns[i].typeName.empty()) continue;
-        columns[i].type = typeOfStorage(onRow ? sqlite3_column_type(statement, static_cast<int>(i))
-                                              : SQLITE_NULL);
+    std::shared_ptr<std::vector<Column>> changed;
+    for (size_t i = 0; i < m_columns->size(); ++i) {
+        const Column& column = (*m_columns)[i];
+        if (!column.typeName.empty()) continue;
+        const ColumnType type = typeOfStorage(
+            onRow ? sqlite3_column_type(statement, static_cast<int>(i)) : SQLITE_NULL);
+        if (type == column.type) continue;
+        if (!changed) changed = std::make_shared<std::vector<Column>>(*m_columns);
+        (*changed)[i].type = type;
     }
-    return columns;
+    if (changed) m_columns = std::move(changed);
+    return m_columns;
 }
 
 }  // namespace embedded

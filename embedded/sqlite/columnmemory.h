@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <memory>
 #include <vector>
 
 #include "column.h"
@@ -16,11 +17,11 @@ ColumnType typeOfStorage(int storageClass) noexcept;
 class ColumnMemory {
   public:
     /// The columns of `statement`. The types of expressions come from its current row, if it stands
-    /// on one (`onRow`).
-    std::vector<Column> describe(sqlite3_stmt* statement, bool onRow);
+    /// on one (`onRow`). Executions that differ in nothing share one description.
+    std::shared_ptr<const std::vector<Column>> describe(sqlite3_stmt* statement, bool onRow);
 
   private:
-    std::vector<Column> m_columns;
+    std::shared_ptr<const std::vector<Column>> m_columns;
     int m_compilations =
         -1;  ///< how often SQLite had compiled the statement then; -1 for never asked
 };

@@ -39,10 +39,16 @@ bool mayChangeSchema(Verb verb) noexcept {
 }  // namespace
 
 SqliteProgram::SqliteProgram(SqliteDatabase& database, std::string_view sql)
+    : SqliteProgram(database, sql, database.cache().find(sql)) {}
+
+// A text that SQLite has compiled before is none about procedures.
+SqliteProgram::SqliteProgram(SqliteDatabase& database, std::string_view sql,
+                             CompiledStatement known)
     : m_database(database),
-      m_procedure(ProcedureStatement::prepare(database, sql)),
-      m_compiled(m_procedure ? database.cache().compile(m_procedure->argumentQuery())
-                             : database.cache().compile(sql)) {}
+      m_procedure(known ? nullptr : ProcedureStatement::prepare(database, sql)),
+      m_compiled(known         ? std::move(known)
+                 : m_procedure ? database.cache().compile(m_procedure->argumentQuery())
+                               : database.cache().compileNew(sql)) {}
 
 int SqliteProgram::parameterCount() {
     return sqlite3_bind_parameter_count(m_compiled.get());
@@ -54,10 +60,10 @@ int SqliteProgram::columnCount() {
 }
 
 const std::vector<Column>& SqliteProgram::columns() {
-    if (!m_procedure && m_described.empty()) {
-        m_described = m_compiled.sql().columns.describe(m_compiled.get(), false);
-    }
-    return m_described;
+    static const std::vector<Column> kNone;
+    if (m_procedure) return kNone;
+    if (!m_described) m_described = m_compiled.sql().columns.describe(m_compiled.get(), false);
+    return *m_described;
 }
 
 void SqliteProgram::rewind() noexcept {
@@ -66,7 +72,7 @@ void SqliteProgram::rewind() noexcept {
 
 Outcome SqliteProgram::execute(ParameterSets& sets) {
     const Verb verb = m_compiled.sql().verb;
-    m_described.clear();
+    m_described.reset();
     m_database.finishUndo();
     m_database.beginFor(verb, m_procedure && m_procedure->refresh(m_database));
     // What changes data is run to its end at once: nobody may come to read its rows. So are

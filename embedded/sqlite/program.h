@@ -24,6 +24,7 @@ class SqliteProgram final : public Program {
     void rewind() noexcept override;
 
   private:
+    SqliteProgram(SqliteDatabase& database, std::string_view sql, CompiledStatement known);
     std::unique_ptr<ResultSet> runLive(ParameterSets& sets);
     Outcome runToEnd(ParameterSets& sets);
     SQLLEN runSets(ParameterSets& sets, std::unique_ptr<StoredRows>& rows);
@@ -33,7 +34,7 @@ class SqliteProgram final : public Program {
     SqliteDatabase& m_database;
     const std::unique_ptr<ProcedureStatement> m_procedure;  ///< for a statement SQLite cannot know
     const CompiledStatement m_compiled;                     ///< or the query of its arguments
-    std::vector<Column> m_described;
+    std::shared_ptr<const std::vector<Column>> m_described;
 };
 
 }  // namespace embedded

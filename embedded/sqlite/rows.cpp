@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <new>
-#include <optional>
 #include <utility>
 
 #include "sqlite/sqliteerror.h"
@@ -105,7 +104,7 @@ class LiveRows final : public ResultSet {
     sqlite3_stmt* m_statement;  ///< null behind the last row
     bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
     std::exception_ptr m_failure;  ///< of a step ahead
-    std::optional<std::vector<Column>> m_columns;
+    std::shared_ptr<const std::vector<Column>> m_columns;
 };
 
 struct ResetAtExit {
@@ -127,7 +126,7 @@ SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
     int result = sqlite3_step(statement);
     if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
         sqlite3_column_count(statement) > 0) {
-        rows = std::make_unique<StoredRows>(sql.columns.describe(statement, result == SQLITE_ROW));
+        rows = std::make_unique<StoredRows>(*sql.columns.describe(statement, result == SQLITE_ROW));
     }
     for (; result == SQLITE_ROW; result = sqlite3_step(statement)) append(*rows, statement);
     sqlite3* const db = sqlite3_db_handle(statement);

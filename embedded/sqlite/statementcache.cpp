@@ -2,6 +2,7 @@
 
 #include <limits>
 #include <new>
+#include <utility>
 
 #include "error.h"
 #include "sqlite/schemaguard.h"
@@ -33,7 +34,7 @@ void CompiledStatement::release() noexcept {
     if (m_sql) m_cache->giveBack(std::move(m_sql));
 }
 
-std::unique_ptr<CompiledSql> StatementCache::compileNew(std::string_view sql) const {
+CompiledStatement StatementCache::compileNew(std::string_view sql) {
     // SQLite stops reading at a NUL; what follows must not vanish unseen.
     const std::string_view text = sql.substr(0, sql.find_last_not_of('\0') + 1);
     if (text.find('\0') != std::string_view::npos) {
@@ -62,12 +63,13 @@ std::unique_ptr<CompiledSql> StatementCache::compileNew(std::string_view sql) co
     compiled->verb = verbOf(text);
     compiled->generation = m_generation;
     compiled->readOnly = sqlite3_stmt_readonly(raw) != 0;
-    return compiled;
+    return {*this, std::move(compiled)};
 }
 
-CompiledStatement StatementCache::compile(std::string_view sql) {
+CompiledStatement StatementCache::find(std::string_view sql) {
+    if (m_last && m_last->text == sql) return {*this, std::move(m_last)};
     const auto found = m_byText.find(sql);
-    if (found == m_byText.end()) return {*this, compileNew(sql)};
+    if (found == m_byText.end()) return {};
     const Idle::iterator idle = found->second;
     m_byText.erase(found);
     std::unique_ptr<CompiledSql> compiled = std::move(*idle);
@@ -75,11 +77,22 @@ CompiledStatement StatementCache::compile(std::string_view sql) {
     return {*this, std::move(compiled)};
 }
 
+CompiledStatement StatementCache::compile(std::string_view sql) {
+    CompiledStatement known = find(sql);
+    return known ? std::move(known) : compileNew(sql);
+}
+
 void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
     sqlite3_reset(sql->statement.get());
-    if (!isWorthKeeping(*sql) || sql->generation != m_generation || m_byText.contains(sql->text))
-        return;
+    if (!isWorthKeeping(*sql) || sql->generation != m_generation) return;
     sqlite3_clear_bindings(sql->statement.get());
+    std::swap(m_last, sql);
+    if (sql) store(std::move(sql));
+}
+
+// Two statements may have had the same text at a time; one of them is enough.
+void StatementCache::store(std::unique_ptr<CompiledSql> sql) noexcept {
+    if (m_byText.contains(sql->text)) return;
     try {
         m_idle.push_front(std::move(sql));
         m_byText.emplace(m_idle.front()->text, m_idle.begin());
@@ -88,7 +101,7 @@ void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
         if (m_byText.size() < m_idle.size()) m_idle.pop_front();
         return;
     }
-    if (m_idle.size() > kMaxIdle) {
+    if (size() > kMaxIdle) {
         m_byText.erase(m_idle.back()->text);
         m_idle.pop_back();
     }
@@ -96,6 +109,7 @@ void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
 
 void StatementCache::clear() noexcept {
     ++m_generation;
+    m_last.reset();
     m_byText.clear();
     m_idle.clear();
 }

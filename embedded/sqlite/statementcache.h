@@ -68,23 +68,29 @@ class StatementCache {
     /// The compiled form of `sql`, cached or new. Throws an `Error` of class 42 for a text that
     /// SQLite does not accept, that holds no statement, or more than one.
     CompiledStatement compile(std::string_view sql);
+    /// The cached form of `sql`, or an empty one.
+    CompiledStatement find(std::string_view sql);
+    /// A new form of `sql`, which is known not to be cached.
+    CompiledStatement compileNew(std::string_view sql);
 
     /// Forgets all idle statements. To be called after a change of the schema: a statement that
     /// names what is gone must fail when it is prepared, not later.
     void clear() noexcept;
 
-    size_t size() const noexcept { return m_idle.size(); }
+    size_t size() const noexcept { return m_idle.size() + (m_last ? 1 : 0); }
 
   private:
     friend class CompiledStatement;
     using Idle = std::list<std::unique_ptr<CompiledSql>>;
 
     void giveBack(std::unique_ptr<CompiledSql> sql) noexcept;
-    std::unique_ptr<CompiledSql> compileNew(std::string_view sql) const;
+    void store(std::unique_ptr<CompiledSql> sql) noexcept;
 
     sqlite3* m_db;
     unsigned m_generation = 0;  ///< counts the calls of `clear`
-    Idle m_idle;                ///< most recently used first
+    /// The one given back last: programs run one statement many times, and then nothing is moved.
+    std::unique_ptr<CompiledSql> m_last;
+    Idle m_idle;  ///< the others, most recently used first
     std::unordered_map<std::string_view, Idle::iterator> m_byText;
 };
 
