@@ -9,7 +9,7 @@ namespace embedded {
 
 Connection::~Connection() = default;
 
-void Connection::open(const ConnectString& text) {
+void Connection::open(std::string_view text) {
     if (isOpen()) throw Error("08002", "The connection is already open.", native::kMisuse);
     if (forkCount() != 0) {
         for (const auto& other : HandleRegistry::instance().all<Connection>()) {

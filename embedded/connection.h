@@ -29,7 +29,7 @@ class Connection final : public Handle, private CursorOwner {
     SQLHANDLE environment() const noexcept { return m_environment; }
 
     bool isOpen() const noexcept { return m_database != nullptr; }
-    void open(const ConnectString& text);
+    void open(std::string_view text);
 
     /// Whether the database was opened by the process from which this one was forked. Its engine
     /// must not be called then: the locks, the socket and the transaction are the parent's, and

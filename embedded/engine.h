@@ -112,7 +112,7 @@ class CursorOwner {
 
 /// Opens the database that a connection string names, with the engine that its keys ask for. What
 /// deserves a warning goes to `diagnostics`.
-std::unique_ptr<Database> openDatabase(const ConnectString& text, CursorOwner& cursors,
+std::unique_ptr<Database> openDatabase(std::string_view text, CursorOwner& cursors,
                                        Diagnostics& diagnostics);
 
 }  // namespace embedded

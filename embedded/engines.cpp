@@ -1,12 +1,17 @@
 // The engines, and which of them a connection string asks for.
 #include "engine.h"
+#include "odbc/database.h"
 #include "sqlite/database.h"
 
 namespace embedded {
 
-std::unique_ptr<Database> openDatabase(const ConnectString& text, CursorOwner& cursors,
+std::unique_ptr<Database> openDatabase(std::string_view text, CursorOwner& cursors,
                                        Diagnostics& diagnostics) {
-    return openSqlite(text, cursors, diagnostics);
+    refuseReturn();
+    const ConnectString parsed(text);
+    std::unique_ptr<Database> database;
+    if (asksForDriverManager(parsed)) database = openOdbc(parsed, cursors, diagnostics);
+    return database ? std::move(database) : openSqlite(parsed, cursors, diagnostics);
 }
 
 }  // namespace embedded

@@ -175,7 +175,7 @@ SQLRETURN RT_SQLDriverConnect(const char*, SQLHDBC handle, SQLHWND, SQLCHAR* tex
     return withHandle<Connection>(handle, [&](Connection& connection) {
         const std::string_view given = inputText(text, textLength);
         if (completedCapacity < 0) throw Error("HY090", "Invalid buffer length.");
-        connection.open(ConnectString(given));
+        connection.open(given);
         if (outputText(given, completed, completedCapacity, completedLength) && completed) {
             connection.diagnostics.warning("01004", "The connection string was cut.");
         }

@@ -1,0 +1,100 @@
+#include "odbc/dialect.h"
+
+#include <string>
+
+#include "text.h"
+
+namespace embedded {
+namespace {
+
+struct NamedDialect {
+    std::string_view name;
+    Dialect dialect;
+};
+
+constexpr Dialect kMySql{.backslashEscapes = true,
+                         .doubleQuotedStrings = true,
+                         .backtickNames = true,
+                         .hashComments = true,
+                         .dashNeedsBlank = true,
+                         .commitsBySchemaChange = true};
+
+constexpr Dialect mariaDb() noexcept {
+    Dialect dialect = kMySql;
+    dialect.inTransaction = "SELECT @@in_transaction";
+    return dialect;
+}
+
+constexpr NamedDialect kDialects[] = {
+    {"PostgreSQL",
+     {.escapeStrings = true,
+      .nestedComments = true,
+      .dollarQuotes = true,
+      .procedureCalls = true,
+      .strictBooleans = true}},
+    {"MariaDB", mariaDb()},
+    {"MySQL", kMySql},
+    {"SQLite", {.backtickNames = true, .bracketNames = true, .savepointBegins = true}},
+    {"Microsoft SQL Server",
+     {.bracketNames = true,
+      .nestedComments = true,
+      .inTransaction = "SELECT @@TRANCOUNT",
+      .savepoint = "SAVE TRANSACTION ",
+      .rollbackTo = "ROLLBACK TRANSACTION ",
+      .release = nullptr}},
+    {"Oracle", {.release = nullptr}},
+};
+
+struct NamedHabits {
+    std::string_view part;  ///< of the driver's file name
+    std::string_view name;  ///< with which names in connection strings begin
+    DriverHabits habits;
+};
+
+constexpr NamedHabits kHabits[] = {
+    // Otherwise it shows a Boolean as a text.
+    {"psqlodbc", "postgresql", {.key = "BoolsAsChar", .value = "0"}},
+    // It accepts arrays, but its reports on them cannot be relied on. It describes no fractions.
+    {"sqlite3odbc", "sqlite", {.arrays = false, .describesScales = false}},
+    {"sqliteodbc", "sqlite", {.arrays = false, .describesScales = false}},
+};
+
+std::string lower(std::string_view text) {
+    std::string result(text);
+    for (char& c : result) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
+    }
+    return result;
+}
+
+constexpr DriverHabits kUnknown;
+
+}  // namespace
+
+const Dialect& dialectOf(std::string_view dbms) noexcept {
+    static constexpr Dialect kPlain;
+    for (const NamedDialect& entry : kDialects) {
+        if (sameWord(entry.name, dbms)) return entry.dialect;
+    }
+    return kPlain;
+}
+
+const DriverHabits& habitsOf(std::string_view file) {
+    const std::string name = lower(file);
+    for (const NamedHabits& entry : kHabits) {
+        if (name.find(entry.part) != std::string::npos) return entry.habits;
+    }
+    return kUnknown;
+}
+
+const DriverHabits& habitsOfNamed(std::string_view name) {
+    const std::string known = lower(name);
+    for (const NamedHabits& entry : kHabits) {
+        if (known.starts_with(entry.name) || known.find(entry.part) != std::string::npos) {
+            return entry.habits;
+        }
+    }
+    return kUnknown;
+}
+
+}  // namespace embedded

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <string_view>
+
+namespace embedded {
+
+/// What differs between data sources and cannot be asked of their drivers.
+struct Dialect {
+    // How the server reads its SQL.
+    bool backslashEscapes = false;  ///< in all strings
+    bool escapeStrings = false;     ///< E'…' has backslash escapes
+    bool doubleQuotedStrings = false;
+    bool backtickNames = false;
+    bool bracketNames = false;
+    bool hashComments = false;
+    bool dashNeedsBlank = false;  ///< "--1" is no comment
+    bool nestedComments = false;
+    bool dollarQuotes = false;
+
+    // How it keeps transactions.
+    bool commitsBySchemaChange = false;
+    const char* inTransaction = nullptr;  ///< a query that answers 1 inside a transaction
+    bool savepointBegins = false;         ///< SAVEPOINT opens a transaction where none is
+    const char* savepoint = "SAVEPOINT ";
+    const char* rollbackTo = "ROLLBACK TO SAVEPOINT ";
+    const char* release = "RELEASE SAVEPOINT ";  ///< null: there is none, and no need
+
+    bool procedureCalls = false;  ///< procedures, unlike functions, are called with CALL
+    /// A 0 or 1 for a Boolean has to be sent as one.
+    bool strictBooleans = false;
+};
+
+/// The dialect of the database that its driver names so (SQL_DBMS_NAME); plain SQL for others.
+const Dialect& dialectOf(std::string_view dbms) noexcept;
+
+/// What is to be known about a driver and cannot be asked of it.
+struct DriverHabits {
+    /// To be added to the connection string unless it has this key; null for nothing.
+    const char* key = nullptr;
+    const char* value = nullptr;
+    bool arrays = true;           ///< its arrays of parameters can be used
+    bool describesScales = true;  ///< of times and timestamps
+};
+
+/// The habits of the driver library `file` (SQL_DRIVER_NAME).
+const DriverHabits& habitsOf(std::string_view file);
+
+/// The habits of the driver that a connection string calls `name`, if that is enough to know it.
+const DriverHabits& habitsOfNamed(std::string_view name);
+
+}  // namespace embedded

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "engine.h"
+#include "odbc/database.h"
+
+namespace embedded {
+
+/// "EXECUTE name a=@1 , b=@2 " as the driver's call escape, the arguments in declared order;
+/// nothing for any other statement. EXECUTE with arguments in brackets, with USING or IMMEDIATE is
+/// the server's own. Throws when an argument is missing, unknown or doubled.
+std::optional<std::string> callEscape(OdbcDatabase& database, std::string_view sql);
+
+/// "SELECT … FROM sys_procedureparameters WHERE ProcedureName = …", to be answered from the
+/// driver's catalogue; null for any other statement. Throws for a question that is put otherwise.
+std::unique_ptr<Program> prepareParameterQuery(OdbcDatabase& database, std::string_view sql);
+
+}  // namespace embedded

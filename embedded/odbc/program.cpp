@@ -1,0 +1,299 @@
+#include "odbc/program.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "error.h"
+#include "odbc/parameters.h"
+#include "odbc/procedures.h"
+#include "odbc/rows.h"
+#include "odbc/scanner.h"
+#include "odbc/statement.h"
+#include "parameters.h"
+
+namespace embedded {
+namespace {
+
+/// What a server says to an integer where it wants a Boolean: a wrong type, or no operator for it.
+constexpr std::string_view kTypeErrors[] = {"42804", "42883"};
+
+/// Sets of one array: reports and row counts of larger ones take drivers long.
+constexpr SQLULEN kMostSets = 10'000;
+
+/// Tells the database of an execution when it is over.
+struct Executed {
+    OdbcDatabase& database;
+    const StatementKind kind;
+    ~Executed() { database.executed(kind); }
+};
+
+class OdbcProgram final : public Program {
+  public:
+    OdbcProgram(OdbcDatabase& database, MarkedSql sql, StatementKind kind, bool isCall)
+        : m_database(database),
+          m_sql(std::move(sql)),
+          m_wide(wideText(m_sql.text)),
+          m_kind(kind),
+          m_isCall(isCall),
+          m_statement(std::make_shared<OdbcStatement>(database)) {}
+
+    int parameterCount() override { return m_sql.parameters; }
+    const std::vector<Column>& columns() override;
+    int columnCount() override { return static_cast<int>(columns().size()); }
+    Outcome execute(ParameterSets& sets) override;
+
+  private:
+    SQLRETURN executeOnce();
+    void prepareOnce();
+    Outcome runOne(ParameterSets& sets, OdbcParameters& parameters);
+    Outcome runBatch(ParameterSets& sets, OdbcParameters& parameters);
+    SQLLEN runArray(ParameterSets& sets, OdbcParameters& parameters, SQLULEN first, SQLULEN& count);
+    SQLLEN runSet(ParameterSets& sets, OdbcParameters& parameters, SQLULEN set);
+    SQLLEN countAll(SQLRETURN result);
+    Outcome changedBy(SQLLEN changed) const;
+    bool sendBooleans(OdbcParameters& parameters, const Error& error);
+    Outcome outcomeOf(SQLRETURN result);
+    SQLLEN countChanges();
+
+    OdbcDatabase& m_database;
+    const MarkedSql m_sql;
+    WideText m_wide;
+    const StatementKind m_kind;
+    const bool m_isCall;
+    const std::shared_ptr<OdbcStatement> m_statement;
+    std::vector<Column> m_described;
+    bool m_prepared = false;
+    bool m_executed = false;
+};
+
+void OdbcProgram::prepareOnce() {
+    if (m_prepared) return;
+    m_statement->run([&] {
+        return m_statement->manager().SQLPrepareW(m_statement->get(), m_wide.data(),
+                                                  static_cast<SQLINTEGER>(m_wide.size() - 1));
+    });
+    m_prepared = true;
+}
+
+// A text that is executed once goes to the server in one step.
+SQLRETURN OdbcProgram::executeOnce() {
+    const DriverManager& manager = m_statement->manager();
+    if (m_executed) prepareOnce();
+    m_executed = true;
+    return m_statement->run([&] {
+        return m_prepared ? manager.SQLExecute(m_statement->get())
+                          : manager.SQLExecDirectW(m_statement->get(), m_wide.data(),
+                                                   static_cast<SQLINTEGER>(m_wide.size() - 1));
+    });
+}
+
+const std::vector<Column>& OdbcProgram::columns() {
+    m_database.requireConnection();
+    prepareOnce();
+    m_described = describeColumns(*m_statement);
+    return m_described;
+}
+
+Outcome OdbcProgram::execute(ParameterSets& sets) {
+    m_database.requireConnection();
+    sets.require(m_sql.parameters);
+    OdbcParameters parameters(sets, m_sql.numbers);
+    const auto run = [&] {
+        return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
+    };
+    const Executed executed{m_database, m_kind};
+    Outcome outcome;
+    try {
+        outcome = run();
+    } catch (const Error& error) {
+        if (!sendBooleans(parameters, error)) throw;
+        outcome = run();
+    }
+    sets.allSucceeded();
+    return outcome;
+}
+
+Outcome OdbcProgram::runOne(ParameterSets& sets, OdbcParameters& parameters) {
+    sets.started(0);
+    parameters.bind(*m_statement, 0, 1);
+    try {
+        return outcomeOf(executeOnce());
+    } catch (const Error& error) {
+        throw sets.failed(0, error);
+    }
+}
+
+/// After `error`: whether some integers are to be sent as Booleans, and are now. Only asked behind
+/// a failure, since it takes the server a second look at the statement.
+bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
+    if (!m_database.dialect().strictBooleans ||
+        std::find(std::begin(kTypeErrors), std::end(kTypeErrors), error.state()) ==
+            std::end(kTypeErrors)) {
+        return false;
+    }
+    bool found = false;
+    const DriverManager& manager = m_statement->manager();
+    prepareOnce();
+    for (size_t i = 0; i < parameters.count(); ++i) {
+        if (!parameters.mayBeBooleans(i)) continue;
+        SQLSMALLINT sqlType = SQL_UNKNOWN_TYPE;
+        if (!SQL_SUCCEEDED(manager.SQLDescribeParam(m_statement->get(),
+                                                    static_cast<SQLUSMALLINT>(i + 1), &sqlType,
+                                                    nullptr, nullptr, nullptr)) ||
+            sqlType != SQL_BIT) {
+            continue;
+        }
+        parameters.sendAsBooleans(i);
+        found = true;
+    }
+    return found;
+}
+
+// Results of statements in front, which yield no rows, are passed over, their rows counted.
+Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
+    const DriverManager& manager = m_statement->manager();
+    Outcome outcome;
+    SQLLEN changed = 0;
+    while (result != SQL_NO_DATA) {
+        SQLSMALLINT columns = 0;
+        m_statement->handle().check(manager.SQLNumResultCols(m_statement->get(), &columns));
+        if (columns > 0) {
+            outcome.rows = makeOdbcRows(m_statement);
+            return outcome;
+        }
+        changed += countChanges();
+        result = m_statement->run([&] { return manager.SQLMoreResults(m_statement->get()); });
+    }
+    return changedBy(changed);
+}
+
+Outcome OdbcProgram::changedBy(SQLLEN changed) const {
+    Outcome outcome;
+    if (m_kind == StatementKind::Change || m_isCall) outcome.changed = changed;
+    outcome.nothingDone = m_kind == StatementKind::Change && changed == 0;
+    return outcome;
+}
+
+SQLLEN OdbcProgram::countChanges() {
+    SQLLEN count = 0;
+    m_statement->handle().check(m_statement->manager().SQLRowCount(m_statement->get(), &count));
+    return std::max<SQLLEN>(count, 0);
+}
+
+// ---- batches
+
+/// What SQL_ATTR_PARAMSET_SIZE and its companions are set to, for one execution.
+class ParameterArray {
+  public:
+    ParameterArray(const OdbcStatement& statement, SQLULEN count)
+        : m_statement(statement), m_status(count, SQL_PARAM_UNUSED) {
+        m_accepted = set(SQL_ATTR_PARAMSET_SIZE, count) &&
+                     point(SQL_ATTR_PARAM_STATUS_PTR, m_status.data()) &&
+                     point(SQL_ATTR_PARAMS_PROCESSED_PTR, &m_processed);
+    }
+    ParameterArray(const ParameterArray&) = delete;
+    ParameterArray& operator=(const ParameterArray&) = delete;
+    ~ParameterArray() {
+        set(SQL_ATTR_PARAMSET_SIZE, 1);
+        point(SQL_ATTR_PARAM_STATUS_PTR, nullptr);
+        point(SQL_ATTR_PARAMS_PROCESSED_PTR, nullptr);
+    }
+
+    /// Whether the driver has arrays. A warning says that it has changed the value.
+    bool accepted() const noexcept { return m_accepted; }
+
+    /// The only set that failed, if the driver tells.
+    std::optional<SQLULEN> failed() const noexcept {
+        const auto isFailure = [](SQLUSMALLINT status) { return status == SQL_PARAM_ERROR; };
+        if (std::count_if(m_status.begin(), m_status.end(), isFailure) != 1) return std::nullopt;
+        return static_cast<SQLULEN>(std::find_if(m_status.begin(), m_status.end(), isFailure) -
+                                    m_status.begin());
+    }
+
+    /// Whether each set was executed, as far as the driver says.
+    bool complete() const noexcept {
+        return m_processed == m_status.size() &&
+               std::find(m_status.begin(), m_status.end(), SQL_PARAM_ERROR) == m_status.end();
+    }
+
+  private:
+    bool set(SQLINTEGER attribute, SQLULEN value) const noexcept {
+        return point(attribute, reinterpret_cast<SQLPOINTER>(value));
+    }
+    bool point(SQLINTEGER attribute, SQLPOINTER value) const noexcept {
+        return m_statement.trySet(attribute, value) == SQL_SUCCESS;
+    }
+
+    const OdbcStatement& m_statement;
+    std::vector<SQLUSMALLINT> m_status;
+    SQLULEN m_processed = 0;
+    bool m_accepted = false;
+};
+
+Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
+    OdbcDatabase::Atomic atomic(m_database);
+    const bool arrays =
+        m_database.habits().arrays && ParameterArray(*m_statement, sets.count()).accepted();
+    SQLLEN changed = 0;
+    for (SQLULEN first = 0; first < sets.count();) {
+        SQLULEN count = arrays ? std::min(kMostSets, sets.count() - first) : 1;
+        changed +=
+            arrays ? runArray(sets, parameters, first, count) : runSet(sets, parameters, first);
+        first += count;
+    }
+    atomic.release();
+    return changedBy(changed);
+}
+
+SQLLEN OdbcProgram::runSet(ParameterSets& sets, OdbcParameters& parameters, SQLULEN set) {
+    sets.started(set);
+    parameters.bind(*m_statement, set, 1);
+    try {
+        return countAll(executeOnce());
+    } catch (const Error& error) {
+        throw sets.failed(set, error);
+    }
+}
+
+/// Runs sets from `first` on, `count` at most; tells in it how many.
+SQLLEN OdbcProgram::runArray(ParameterSets& sets, OdbcParameters& parameters, SQLULEN first,
+                             SQLULEN& count) {
+    count = parameters.bind(*m_statement, first, count);
+    sets.started(first + count - 1);
+    const ParameterArray array(*m_statement, count);
+    try {
+        const SQLLEN changed = countAll(executeOnce());
+        if (!array.complete()) {
+            throw Error("HY000", "The driver has not executed every parameter set of the batch.");
+        }
+        return changed;
+    } catch (const Error& error) {
+        if (const auto failed = array.failed()) throw sets.failed(first + *failed, error);
+        throw;
+    }
+}
+
+/// The rows changed by all results of an execution, of which none may yield rows.
+SQLLEN OdbcProgram::countAll(SQLRETURN result) {
+    const Outcome outcome = outcomeOf(result);
+    if (outcome.rows) {
+        throw notSupported(
+            "A statement that yields rows cannot be executed with several parameter sets.");
+    }
+    return std::max<SQLLEN>(outcome.changed, 0);
+}
+
+}  // namespace
+
+std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql) {
+    database.requireConnection();
+    if (auto program = prepareParameterQuery(database, sql)) return program;
+    const auto call = callEscape(database, sql);
+    const Dialect& dialect = database.dialect();
+    return std::make_unique<OdbcProgram>(database,
+                                         markedSql(call ? std::string_view(*call) : sql, dialect),
+                                         kindOfStatement(sql, dialect), call.has_value());
+}
+
+}  // namespace embedded

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "engine.h"
+#include "odbc/database.h"
+
+namespace embedded {
+
+/// A statement for the driver, a procedure call, or a question for the tables of the procedures.
+std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql);
+
+}  // namespace embedded

@@ -1,0 +1,396 @@
+#include "odbc/rows.h"
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "error.h"
+#include "message.h"
+
+namespace embedded {
+namespace {
+
+/// In which form a column is read from the driver.
+enum class Form {
+    Integer,
+    Bit,
+    Real,
+    Wide,   ///< text
+    Ascii,  ///< text of digits and signs: exact decimals, times with their fraction
+    Binary,
+    Date,
+    Timestamp,
+};
+
+struct FormTraits {
+    SQLSMALLINT cType;
+    size_t unit;  ///< bytes of one element of a value of any length; 0 for a fixed size
+    size_t size;  ///< bytes bound at first
+};
+
+constexpr size_t kFirstBytes = 4096;
+
+constexpr FormTraits kForms[] = {
+    {SQL_C_SBIGINT, 0, sizeof(SQLBIGINT)},
+    {SQL_C_BIT, 0, sizeof(SQLCHAR)},
+    {SQL_C_DOUBLE, 0, sizeof(SQLDOUBLE)},
+    {SQL_C_WCHAR, sizeof(SQLWCHAR), kFirstBytes},
+    {SQL_C_CHAR, sizeof(SQLCHAR), 128},
+    {SQL_C_BINARY, sizeof(SQLCHAR), kFirstBytes},
+    {SQL_C_TYPE_DATE, 0, sizeof(SQL_DATE_STRUCT)},
+    {SQL_C_TYPE_TIMESTAMP, 0, sizeof(SQL_TIMESTAMP_STRUCT)},
+};
+
+const FormTraits& traitsOf(Form form) noexcept {
+    return kForms[static_cast<size_t>(form)];
+}
+
+/// A driver's type: the one it is described as, and how it is read. All that is not listed, GUIDs
+/// and intervals included, is text.
+struct TypeEntry {
+    SQLSMALLINT driverType;
+    SQLSMALLINT sqlType;
+    Form form;
+};
+
+constexpr TypeEntry kTypes[] = {
+    {SQL_BIGINT, SQL_BIGINT, Form::Integer},
+    {SQL_INTEGER, SQL_INTEGER, Form::Integer},
+    {SQL_SMALLINT, SQL_SMALLINT, Form::Integer},
+    {SQL_TINYINT, SQL_SMALLINT, Form::Integer},
+    {SQL_BIT, SQL_BIT, Form::Bit},
+    {SQL_REAL, SQL_DOUBLE, Form::Real},
+    {SQL_FLOAT, SQL_DOUBLE, Form::Real},
+    {SQL_DOUBLE, SQL_DOUBLE, Form::Real},
+    {SQL_DECIMAL, SQL_DECIMAL, Form::Ascii},
+    {SQL_NUMERIC, SQL_DECIMAL, Form::Ascii},
+    {SQL_BINARY, SQL_VARBINARY, Form::Binary},
+    {SQL_VARBINARY, SQL_VARBINARY, Form::Binary},
+    {SQL_LONGVARBINARY, SQL_VARBINARY, Form::Binary},
+    {SQL_TYPE_DATE, SQL_TYPE_DATE, Form::Date},
+    {SQL_TYPE_TIME, SQL_TYPE_TIME, Form::Ascii},
+    {SQL_TYPE_TIMESTAMP, SQL_TYPE_TIMESTAMP, Form::Timestamp},
+};
+
+constexpr SQLSMALLINT kMaxFraction = 9;
+
+TypeEntry entryOf(SQLSMALLINT driverType, bool isUnsigned) noexcept {
+    // The upper half of the unsigned numbers fits no integer of 64 bits.
+    if (driverType == SQL_BIGINT && isUnsigned) return {driverType, SQL_DECIMAL, Form::Ascii};
+    const auto found = std::find_if(
+        std::begin(kTypes), std::end(kTypes),
+        [driverType](const TypeEntry& entry) { return entry.driverType == driverType; });
+    return found == std::end(kTypes) ? TypeEntry{driverType, SQL_WVARCHAR, Form::Wide} : *found;
+}
+
+bool isLong(SQLSMALLINT driverType) noexcept {
+    return driverType == SQL_LONGVARCHAR || driverType == SQL_WLONGVARCHAR ||
+           driverType == SQL_LONGVARBINARY;
+}
+
+ColumnType typeOf(const TypeEntry& entry, SQLULEN size, SQLSMALLINT digits,
+                  const DriverHabits& habits) noexcept {
+    ColumnType type = plain(entry.sqlType);
+    switch (entry.sqlType) {
+        case SQL_DECIMAL:
+            type.size = size;
+            type.scale = entry.driverType == SQL_BIGINT ? SQLSMALLINT{0} : digits;
+            break;
+        case SQL_WVARCHAR:
+        case SQL_VARBINARY:
+            type.size = isLong(entry.driverType) ? 0 : size;
+            break;
+        case SQL_TYPE_TIME:
+        case SQL_TYPE_TIMESTAMP:
+            type.size = size;
+            type.scale = habits.describesScales ? std::clamp<SQLSMALLINT>(digits, 0, kMaxFraction)
+                                                : kMaxFraction;
+            break;
+        default:
+            break;
+    }
+    return type;
+}
+
+/// A column as the driver describes it.
+struct Described {
+    Column column;
+    Form form;
+};
+
+Described describe(const OdbcStatement& statement, SQLUSMALLINT number) {
+    constexpr SQLSMALLINT kCapacity = 1024;
+    SQLWCHAR text[kCapacity] = {};
+    SQLSMALLINT length = 0;
+    SQLSMALLINT driverType = 0;
+    SQLULEN size = 0;
+    SQLSMALLINT digits = 0;
+    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
+    const DriverManager& manager = statement.manager();
+    statement.handle().check(manager.SQLDescribeColW(
+        statement.get(), number, text, kCapacity, &length, &driverType, &size, &digits, &nullable));
+    const auto given = [&text](SQLSMALLINT units) {
+        const size_t claimed =
+            static_cast<size_t>(std::clamp<SQLSMALLINT>(units, 0, kCapacity - 1));
+        return narrowText(text, static_cast<size_t>(std::find(text, text + claimed, 0) - text));
+    };
+    Described result;
+    result.column.name = given(length);
+    SQLLEN isUnsigned = SQL_FALSE;
+    manager.SQLColAttributeW(statement.get(), number, SQL_DESC_UNSIGNED, nullptr, 0, nullptr,
+                             &isUnsigned);
+    SQLSMALLINT bytes = 0;
+    if (SQL_SUCCEEDED(manager.SQLColAttributeW(statement.get(), number, SQL_DESC_TYPE_NAME, text,
+                                               sizeof text, &bytes, nullptr))) {
+        result.column.typeName = given(static_cast<SQLSMALLINT>(bytes / SQLSMALLINT{sizeof *text}));
+    }
+    const TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
+    result.form = entry.form;
+    result.column.type = typeOf(entry, size, digits, statement.database().habits());
+    result.column.nullable = nullable;
+    return result;
+}
+
+SQLSMALLINT columnCountOf(const OdbcStatement& statement) {
+    SQLSMALLINT count = 0;
+    statement.handle().check(statement.manager().SQLNumResultCols(statement.get(), &count));
+    return std::max<SQLSMALLINT>(count, 0);
+}
+
+class OdbcRows final : public ResultSet {
+  public:
+    explicit OdbcRows(std::shared_ptr<OdbcStatement> statement);
+    ~OdbcRows() override;
+
+    const std::vector<Column>& columns() override { return m_columns; }
+    int columnCount() const override { return static_cast<int>(m_columns.size()); }
+    bool next() override;
+    Cell cell(int column) override;
+
+  private:
+    /// Where the driver puts the values of one column.
+    struct Slot {
+        Form form;
+        bool bound = false;
+        std::vector<char> buffer;
+        SQLLEN indicator = SQL_NULL_DATA;
+        std::string text;     ///< of a wide text, as UTF-8
+        Temporal temporal{};  ///< of a date or timestamp
+    };
+
+    void bindColumns();
+    void complete(Slot& slot, SQLUSMALLINT number);
+    void readWhole(Slot& slot, SQLUSMALLINT number);
+    void finish();
+    [[noreturn]] void refuse(size_t index, const std::string& what) const;
+    const Temporal& temporalOf(Slot& slot, size_t index) const;
+
+    const DriverManager& m_manager;
+    const std::shared_ptr<OdbcStatement> m_statement;
+    std::vector<Column> m_columns;
+    std::vector<Slot> m_slots;
+    bool m_ended = false;
+};
+
+OdbcRows::OdbcRows(std::shared_ptr<OdbcStatement> statement)
+    : m_manager(statement->manager()), m_statement(std::move(statement)) {
+    const SQLSMALLINT count = columnCountOf(*m_statement);
+    for (SQLSMALLINT number = 1; number <= count; ++number) {
+        Described described = describe(*m_statement, static_cast<SQLUSMALLINT>(number));
+        m_columns.push_back(std::move(described.column));
+        m_slots.emplace_back().form = described.form;
+        m_slots.back().buffer.resize(traitsOf(described.form).size);
+    }
+    bindColumns();
+}
+
+OdbcRows::~OdbcRows() {
+    m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE);
+    m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND);
+}
+
+// Values of any length are bound, too, where the rest of a long one can be asked for. Elsewhere
+// they are asked for one by one, and a driver may insist on the order of the columns.
+void OdbcRows::bindColumns() {
+    for (size_t i = 0; i < m_slots.size(); ++i) {
+        Slot& slot = m_slots[i];
+        const FormTraits& traits = traitsOf(slot.form);
+        if (traits.unit > 0 && !m_statement->database().rereadsBound()) return;
+        m_statement->handle().check(m_manager.SQLBindCol(
+            m_statement->get(), static_cast<SQLUSMALLINT>(i + 1), traits.cType, slot.buffer.data(),
+            static_cast<SQLLEN>(slot.buffer.size()), &slot.indicator));
+        slot.bound = true;
+    }
+}
+
+bool OdbcRows::next() {
+    if (m_ended) return false;
+    // A value that the driver does not report is not that of the row before.
+    for (Slot& slot : m_slots) slot.indicator = SQL_NULL_DATA;
+    const SQLRETURN result =
+        m_statement->run([&] { return m_manager.SQLFetch(m_statement->get()); });
+    if (result == SQL_NO_DATA) {
+        m_ended = true;
+        finish();
+        return false;
+    }
+    for (size_t i = 0; i < m_slots.size(); ++i) {
+        complete(m_slots[i], static_cast<SQLUSMALLINT>(i + 1));
+    }
+    return true;
+}
+
+// Errors of what follows in the same text must not pass unseen.
+void OdbcRows::finish() {
+    while (m_statement->run([&] { return m_manager.SQLMoreResults(m_statement->get()); }) !=
+           SQL_NO_DATA) {
+    }
+    m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE);
+}
+
+/// Gets what the fetch has not put into the slot.
+void OdbcRows::complete(Slot& slot, SQLUSMALLINT number) {
+    const FormTraits& traits = traitsOf(slot.form);
+    if (slot.bound) {
+        if (slot.indicator == SQL_NULL_DATA || traits.unit == 0) return;
+        const size_t terminator = slot.form == Form::Binary ? 0 : traits.unit;
+        const bool fits = slot.indicator >= 0 &&
+                          static_cast<size_t>(slot.indicator) <= slot.buffer.size() - terminator;
+        if (fits) return;
+    }
+    readWhole(slot, number);
+    if (slot.bound) {
+        // The buffer may have moved.
+        m_statement->handle().check(
+            m_manager.SQLBindCol(m_statement->get(), number, traits.cType, slot.buffer.data(),
+                                 static_cast<SQLLEN>(slot.buffer.size()), &slot.indicator));
+    }
+}
+
+/// Asks for a value, in as many parts as it takes.
+void OdbcRows::readWhole(Slot& slot, SQLUSMALLINT number) {
+    const FormTraits& traits = traitsOf(slot.form);
+    const size_t terminator = slot.form == Form::Binary ? 0 : traits.unit;
+    size_t got = 0;
+    SQLLEN whole = slot.bound ? slot.indicator : SQL_NO_TOTAL;
+    for (;;) {
+        if (traits.unit > 0) {
+            // Lengths are the driver's word: no part is larger than this.
+            constexpr size_t kLargestPart = size_t{64} << 20U;
+            const size_t wanted = whole >= 0 ? static_cast<size_t>(whole) + terminator
+                                             : std::max(2 * got, kFirstBytes);
+            const size_t room = std::min(wanted, got + kLargestPart);
+            if (slot.buffer.size() < room) slot.buffer.resize(room + room % traits.unit);
+        }
+        SQLLEN rest = SQL_NULL_DATA;
+        const SQLRETURN result = m_statement->run([&] {
+            return m_manager.SQLGetData(m_statement->get(), number, traits.cType,
+                                        slot.buffer.data() + got,
+                                        static_cast<SQLLEN>(slot.buffer.size() - got), &rest);
+        });
+        if (rest == SQL_NULL_DATA && got == 0 && !slot.bound) break;  // the indicator says so, too
+        const bool contradiction =
+            result == SQL_NO_DATA || (rest < 0 && rest != SQL_NO_TOTAL) ||
+            (whole >= 0 && rest >= 0 && static_cast<SQLLEN>(got) + rest != whole);
+        if (contradiction && traits.unit > 0) {
+            refuse(number - 1U, "the driver's lengths contradict each other");
+        }
+        const size_t part = slot.buffer.size() - got - terminator;
+        if (rest >= 0 && static_cast<size_t>(rest) <= part) {
+            slot.indicator = static_cast<SQLLEN>(got) + rest;
+            break;
+        }
+        if (rest >= 0) whole = static_cast<SQLLEN>(got) + rest;
+        got += part;
+    }
+}
+
+void OdbcRows::refuse(size_t index, const std::string& what) const {
+    throw Error(
+        "22018",
+        "Column " + std::to_string(index + 1) + " \"" + m_columns[index].name + "\": " + what + ".",
+        native::kMismatch);
+}
+
+template <class T>
+T read(const std::vector<char>& buffer) noexcept {
+    T value;
+    std::memcpy(&value, buffer.data(), sizeof value);
+    return value;
+}
+
+const Temporal& OdbcRows::temporalOf(Slot& slot, size_t index) const {
+    DateTime& value = slot.temporal.value;
+    bool valid = false;
+    if (slot.form == Form::Date) {
+        const auto date = read<SQL_DATE_STRUCT>(slot.buffer);
+        slot.temporal.shape = TemporalShape::Date;
+        value = {.year = date.year, .month = date.month, .day = date.day};
+        valid = isValidDate(value);
+    } else {
+        const auto stamp = read<SQL_TIMESTAMP_STRUCT>(slot.buffer);
+        slot.temporal.shape = TemporalShape::Both;
+        value = {stamp.year,   stamp.month,  stamp.day,     stamp.hour,
+                 stamp.minute, stamp.second, stamp.fraction};
+        valid = isValidDate(value) && isValidTime(value);
+    }
+    if (!valid) refuse(index, "the date is none that exists");
+    return slot.temporal;
+}
+
+Cell OdbcRows::cell(int column) {
+    const auto index = static_cast<size_t>(column);
+    Slot& slot = m_slots[index];
+    Cell cell;
+    if (slot.indicator == SQL_NULL_DATA) return cell;
+    const auto length = static_cast<size_t>(std::max<SQLLEN>(slot.indicator, 0));
+    switch (slot.form) {
+        case Form::Integer:
+            cell.kind = Cell::Kind::Integer;
+            cell.integer = read<SQLBIGINT>(slot.buffer);
+            break;
+        case Form::Bit:
+            cell.kind = Cell::Kind::Integer;
+            cell.integer = read<SQLCHAR>(slot.buffer);
+            break;
+        case Form::Real:
+            cell.kind = Cell::Kind::Real;
+            cell.real = read<SQLDOUBLE>(slot.buffer);
+            break;
+        case Form::Wide:
+            slot.text.clear();
+            appendNarrow(reinterpret_cast<const SQLWCHAR*>(slot.buffer.data()),
+                         length / sizeof(SQLWCHAR), slot.text);
+            cell.kind = Cell::Kind::Text;
+            cell.bytes = slot.text;
+            break;
+        case Form::Ascii:
+        case Form::Binary:
+            cell.kind = slot.form == Form::Ascii ? Cell::Kind::Text : Cell::Kind::Binary;
+            cell.bytes = {slot.buffer.data(), length};
+            break;
+        case Form::Date:
+        case Form::Timestamp:
+            cell.kind = Cell::Kind::Temporal;
+            cell.temporal = &temporalOf(slot, index);
+            break;
+    }
+    return cell;
+}
+
+}  // namespace
+
+std::vector<Column> describeColumns(const OdbcStatement& statement) {
+    std::vector<Column> columns;
+    const SQLSMALLINT count = columnCountOf(statement);
+    for (SQLSMALLINT number = 1; number <= count; ++number) {
+        columns.push_back(describe(statement, static_cast<SQLUSMALLINT>(number)).column);
+    }
+    return columns;
+}
+
+std::unique_ptr<ResultSet> makeOdbcRows(std::shared_ptr<OdbcStatement> statement) {
+    return std::make_unique<OdbcRows>(std::move(statement));
+}
+
+}  // namespace embedded

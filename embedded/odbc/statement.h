@@ -1,0 +1,40 @@
+#pragma once
+
+#include <memory>
+
+#include "odbc/database.h"
+
+namespace embedded {
+
+/// A statement handle of the driver manager, with what everybody needs who calls through it.
+class OdbcStatement {
+  public:
+    explicit OdbcStatement(OdbcDatabase& database)
+        : m_database(database), m_handle(SQL_HANDLE_STMT, &database.handle()) {}
+
+    OdbcDatabase& database() const noexcept { return m_database; }
+    SQLHSTMT get() const noexcept { return m_handle.get(); }
+    const OdbcHandle& handle() const noexcept { return m_handle; }
+
+    /// Runs `call`, which another thread may interrupt, and throws what went wrong.
+    template <class Call>
+    SQLRETURN run(Call&& call) const {
+        const OdbcDatabase::Running running(m_database, get());
+        return m_handle.check(call());
+    }
+
+    void set(SQLINTEGER attribute, SQLULEN value) const {
+        m_handle.check(trySet(attribute, reinterpret_cast<SQLPOINTER>(value)));
+    }
+    SQLRETURN trySet(SQLINTEGER attribute, SQLPOINTER value) const {
+        return manager().SQLSetStmtAttrW(get(), attribute, value, 0);
+    }
+
+    const DriverManager& manager() const noexcept { return DriverManager::instance(); }
+
+  private:
+    OdbcDatabase& m_database;
+    OdbcHandle m_handle;
+};
+
+}  // namespace embedded
