@@ -218,13 +218,6 @@ std::unique_ptr<ResultSet> OdbcDatabase::procedureColumns(const CatalogSearch& s
     });
 }
 
-std::unique_ptr<ResultSet> OdbcDatabase::procedures(const CatalogSearch& search) {
-    return runCatalog(search, [this](SQLHSTMT statement, SQLWCHAR* catalog, SQLWCHAR* schema,
-                                     SQLWCHAR* name, SQLWCHAR*) {
-        return callWithTerminated(m_manager.SQLProceduresW, statement, catalog, schema, name);
-    });
-}
-
 // ---- transactions
 
 void OdbcDatabase::requireConnection() const {
@@ -289,7 +282,9 @@ bool OdbcDatabase::inTransaction() {
     statement->run(
         [&] { return m_manager.SQLExecDirectW(statement->get(), wide.data(), SQL_NTS); });
     const auto rows = makeOdbcRows(std::move(statement));
-    return rows->next() && rows->cell(0).integer != 0;
+    if (!rows->next()) return false;
+    const Cell answer = rows->cell(0);  // a text where the number is unsigned
+    return answer.kind == Cell::Kind::Text ? answer.bytes != "0" : answer.integer != 0;
 }
 
 OdbcDatabase::Atomic::Atomic(OdbcDatabase& database) : m_database(database) {

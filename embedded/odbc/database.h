@@ -24,7 +24,6 @@ class OdbcDatabase final : public Database {
     bool hasChanges() override { return m_changed; }
     std::unique_ptr<ResultSet> tables(const CatalogSearch& search) override;
     std::unique_ptr<ResultSet> columns(const CatalogSearch& search) override;
-    std::unique_ptr<ResultSet> procedures(const CatalogSearch& search);
     std::unique_ptr<ResultSet> procedureColumns(const CatalogSearch& search);
     std::string catalogName() override { return textInfo(SQL_DATABASE_NAME); }
     bool isReadOnly() override { return textInfo(SQL_DATA_SOURCE_READ_ONLY) == "Y"; }

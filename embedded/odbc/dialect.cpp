@@ -30,7 +30,7 @@ constexpr NamedDialect kDialects[] = {
      {.escapeStrings = true,
       .nestedComments = true,
       .dollarQuotes = true,
-      .procedureCalls = true,
+      .wrongCall = "42809",
       .strictBooleans = true}},
     {"MariaDB", mariaDb()},
     {"MySQL", kMySql},

@@ -25,7 +25,9 @@ struct Dialect {
     const char* rollbackTo = "ROLLBACK TO SAVEPOINT ";
     const char* release = "RELEASE SAVEPOINT ";  ///< null: there is none, and no need
 
-    bool procedureCalls = false;  ///< procedures, unlike functions, are called with CALL
+    /// What the server says to the driver's call escape for a procedure that has to be called with
+    /// CALL; null where no such thing happens.
+    const char* wrongCall = nullptr;
     /// A 0 or 1 for a Boolean has to be sent as one.
     bool strictBooleans = false;
 };

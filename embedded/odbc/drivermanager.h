@@ -36,7 +36,6 @@ namespace embedded {
     X(SQLNumResultCols)             \
     X(SQLPrepareW)                  \
     X(SQLProcedureColumnsW)         \
-    X(SQLProceduresW)               \
     X(SQLRowCount)                  \
     X(SQLSetConnectAttrW)           \
     X(SQLSetEnvAttr)                \

@@ -158,13 +158,6 @@ std::vector<Parameter> parametersOf(OdbcDatabase& database, const ProcedureName&
     return parameters;
 }
 
-/// Whether a procedure is no function.
-bool isProcedure(OdbcDatabase& database, const ProcedureName& name) {
-    constexpr int kType = 7;
-    const auto rows = database.procedures(searchFor(database, name));
-    return rows->next() && rows->cell(kType).integer == SQL_PT_PROCEDURE;
-}
-
 // ---- calls
 
 struct Argument {
@@ -350,7 +343,7 @@ std::optional<std::vector<size_t>> selectedColumns(const std::vector<Token>& tok
 
 }  // namespace
 
-std::optional<std::string> callEscape(OdbcDatabase& database, std::string_view sql) {
+std::optional<ProcedureCall> procedureCall(OdbcDatabase& database, std::string_view sql) {
     const Dialect& dialect = database.dialect();
     {
         DialectScanner scanner(sql, dialect);
@@ -375,16 +368,13 @@ std::optional<std::string> callEscape(OdbcDatabase& database, std::string_view s
     } else {
         for (const Argument& argument : arguments) values.push_back(argument.value);
     }
-    const bool plainCall = dialect.procedureCalls && isProcedure(database, *name);
-    std::string text(plainCall ? "CALL " : "{call ");
-    text += spelling;
-    text += '(';
+    std::string text = std::string(spelling) + "(";
     for (const std::string_view value : values) {
-        if (text.back() != '(') text += ", ";
+        if (value.data() != values.front().data()) text += ", ";
         text += value;
     }
-    text += plainCall ? ")" : ")}";
-    return text;
+    text += ')';
+    return ProcedureCall{"{call " + text + "}", "CALL " + text};
 }
 
 std::unique_ptr<Program> prepareParameterQuery(OdbcDatabase& database, std::string_view sql) {

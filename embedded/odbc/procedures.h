@@ -10,10 +10,16 @@
 
 namespace embedded {
 
-/// "EXECUTE name a=@1 , b=@2 " as the driver's call escape, the arguments in declared order;
-/// nothing for any other statement. EXECUTE with arguments in brackets, with USING or IMMEDIATE is
-/// the server's own. Throws when an argument is missing, unknown or doubled.
-std::optional<std::string> callEscape(OdbcDatabase& database, std::string_view sql);
+/// A procedure call in the forms that servers understand, the arguments in declared order.
+struct ProcedureCall {
+    std::string escape;     ///< {call name(…)}, for the driver to translate
+    std::string statement;  ///< CALL name(…)
+};
+
+/// "EXECUTE name a=@1 , b=@2 " as the driver's call; nothing for any other statement. EXECUTE with
+/// arguments in brackets, with USING or IMMEDIATE is the server's own. Throws when an argument is
+/// missing, unknown or doubled.
+std::optional<ProcedureCall> procedureCall(OdbcDatabase& database, std::string_view sql);
 
 /// "SELECT … FROM sys_procedureparameters WHERE ProcedureName = …", to be answered from the
 /// driver's catalogue; null for any other statement. Throws for a question that is put otherwise.

@@ -30,12 +30,13 @@ struct Executed {
 
 class OdbcProgram final : public Program {
   public:
-    OdbcProgram(OdbcDatabase& database, MarkedSql sql, StatementKind kind, bool isCall)
+    OdbcProgram(OdbcDatabase& database, MarkedSql sql, StatementKind kind,
+                std::optional<ProcedureCall> call)
         : m_database(database),
           m_sql(std::move(sql)),
           m_wide(wideText(m_sql.text)),
           m_kind(kind),
-          m_isCall(isCall),
+          m_call(std::move(call)),
           m_statement(std::make_shared<OdbcStatement>(database)) {}
 
     int parameterCount() override { return m_sql.parameters; }
@@ -52,15 +53,16 @@ class OdbcProgram final : public Program {
     SQLLEN runSet(ParameterSets& sets, OdbcParameters& parameters, SQLULEN set);
     SQLLEN countAll(SQLRETURN result);
     Outcome changedBy(SQLLEN changed) const;
+    bool callOtherwise(const Error& error);
     bool sendBooleans(OdbcParameters& parameters, const Error& error);
     Outcome outcomeOf(SQLRETURN result);
     SQLLEN countChanges();
 
     OdbcDatabase& m_database;
-    const MarkedSql m_sql;
+    MarkedSql m_sql;
     WideText m_wide;
     const StatementKind m_kind;
-    const bool m_isCall;
+    std::optional<ProcedureCall> m_call;
     const std::shared_ptr<OdbcStatement> m_statement;
     std::vector<Column> m_described;
     bool m_prepared = false;
@@ -107,7 +109,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets) {
     try {
         outcome = run();
     } catch (const Error& error) {
-        if (!sendBooleans(parameters, error)) throw;
+        if (!callOtherwise(error) && !sendBooleans(parameters, error)) throw;
         outcome = run();
     }
     sets.allSucceeded();
@@ -124,6 +126,18 @@ Outcome OdbcProgram::runOne(ParameterSets& sets, OdbcParameters& parameters) {
     }
 }
 
+/// After `error`: whether a procedure is to be called in the other way, and will be now. The driver
+/// does not say beforehand.
+bool OdbcProgram::callOtherwise(const Error& error) {
+    const char* const wrongCall = m_database.dialect().wrongCall;
+    if (!m_call || m_call->statement.empty() || !wrongCall || error.state() != wrongCall)
+        return false;
+    m_sql = markedSql(std::exchange(m_call->statement, {}), m_database.dialect());
+    m_wide = wideText(m_sql.text);
+    m_prepared = m_executed = false;
+    return true;
+}
+
 /// After `error`: whether some integers are to be sent as Booleans, and are now. Only asked behind
 /// a failure, since it takes the server a second look at the statement.
 bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
@@ -134,6 +148,8 @@ bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
     }
     bool found = false;
     const DriverManager& manager = m_statement->manager();
+    // What is bound counts as the answer.
+    manager.SQLFreeStmt(m_statement->get(), SQL_RESET_PARAMS);
     prepareOnce();
     for (size_t i = 0; i < parameters.count(); ++i) {
         if (!parameters.mayBeBooleans(i)) continue;
@@ -170,7 +186,7 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
 
 Outcome OdbcProgram::changedBy(SQLLEN changed) const {
     Outcome outcome;
-    if (m_kind == StatementKind::Change || m_isCall) outcome.changed = changed;
+    if (m_kind == StatementKind::Change || m_call) outcome.changed = changed;
     outcome.nothingDone = m_kind == StatementKind::Change && changed == 0;
     return outcome;
 }
@@ -289,11 +305,11 @@ SQLLEN OdbcProgram::countAll(SQLRETURN result) {
 std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql) {
     database.requireConnection();
     if (auto program = prepareParameterQuery(database, sql)) return program;
-    const auto call = callEscape(database, sql);
+    auto call = procedureCall(database, sql);
     const Dialect& dialect = database.dialect();
-    return std::make_unique<OdbcProgram>(database,
-                                         markedSql(call ? std::string_view(*call) : sql, dialect),
-                                         kindOfStatement(sql, dialect), call.has_value());
+    MarkedSql marked = markedSql(call ? std::string_view(call->escape) : sql, dialect);
+    return std::make_unique<OdbcProgram>(database, std::move(marked), kindOfStatement(sql, dialect),
+                                         std::move(call));
 }
 
 }  // namespace embedded
