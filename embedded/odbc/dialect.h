@@ -42,6 +42,8 @@ struct DriverHabits {
     const char* value = nullptr;
     bool arrays = true;           ///< its arrays of parameters can be used
     bool describesScales = true;  ///< of times and timestamps
+    bool utf8Texts = false;       ///< texts come whole only as bytes, which are UTF-8
+    bool textTemporals = false;   ///< dates and times come and go whole only as texts
 };
 
 /// The habits of the driver library `file` (SQL_DRIVER_NAME).

@@ -46,6 +46,8 @@ constexpr ParameterForm kForms[] = {
 };
 
 constexpr ParameterForm kBigInteger{SQL_C_SBIGINT, SQL_C_SBIGINT, SQL_BIGINT, kInteger, 19};
+/// Of dates and times for a driver that alters all but texts.
+constexpr ParameterForm kTemporalText{SQL_C_TYPE_TIMESTAMP, SQL_C_WCHAR, SQL_WVARCHAR, 0};
 constexpr ParameterForm kBoolean{SQL_C_BIT, SQL_C_BIT, SQL_BIT, sizeof(SQLCHAR), 1};
 
 const ParameterForm& formOf(SQLSMALLINT boundType) noexcept {
@@ -53,6 +55,11 @@ const ParameterForm& formOf(SQLSMALLINT boundType) noexcept {
         std::begin(kForms), std::end(kForms),
         [boundType](const ParameterForm& form) { return form.boundType == boundType; });
     return found == std::end(kForms) ? kBigInteger : *found;
+}
+
+bool isTemporal(const ParameterForm& form) noexcept {
+    return form.cType == SQL_C_TYPE_DATE || form.cType == SQL_C_TYPE_TIME ||
+           form.cType == SQL_C_TYPE_TIMESTAMP;
 }
 
 /// Longer values are announced to drivers as long ones.
@@ -125,11 +132,13 @@ constexpr size_t kMostBytes = size_t{8} << 20U;
 
 }  // namespace
 
-OdbcParameters::OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers)
+OdbcParameters::OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers,
+                               const DriverHabits& habits)
     : m_sets(sets), m_arrays(numbers.size()) {
     for (size_t i = 0; i < numbers.size(); ++i) {
         m_arrays[i].number = numbers[i];
-        m_arrays[i].form = &formOf(sets.binding(numbers[i]).cType);
+        const ParameterForm& form = formOf(sets.binding(numbers[i]).cType);
+        m_arrays[i].form = habits.textTemporals && isTemporal(form) ? &kTemporalText : &form;
     }
 }
 
@@ -151,7 +160,12 @@ bool OdbcParameters::mayBeBooleans(size_t position) const {
 
 Value OdbcParameters::valueOf(const Array& array, SQLULEN set) {
     try {
-        return m_sets.value(set, array.number);
+        Value value = m_sets.value(set, array.number);
+        if (array.form == &kTemporalText && value.kind == Value::Kind::Temporal) {
+            m_text = formatTemporal(value.temporal);
+            value.bytes = m_text;
+        }
+        return value;
     } catch (const Error& error) {
         throw m_sets.failed(set, error);
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "../parameters.h"
@@ -15,7 +16,8 @@ struct ParameterForm;
 class OdbcParameters {
   public:
     /// `numbers` has, for every "?" of the statement, the number of its parameter.
-    OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers);
+    OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers,
+                   const DriverHabits& habits);
 
     size_t count() const noexcept { return m_arrays.size(); }
 
@@ -49,6 +51,7 @@ class OdbcParameters {
 
     ParameterSets& m_sets;
     std::vector<Array> m_arrays;
+    std::string m_text;  ///< of the temporal value that `valueOf` answered last
 };
 
 }  // namespace embedded

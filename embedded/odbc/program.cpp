@@ -100,7 +100,7 @@ const std::vector<Column>& OdbcProgram::columns() {
 Outcome OdbcProgram::execute(ParameterSets& sets) {
     m_database.requireConnection();
     sets.require(m_sql.parameters);
-    OdbcParameters parameters(sets, m_sql.numbers);
+    OdbcParameters parameters(sets, m_sql.numbers, m_database.habits());
     const auto run = [&] {
         return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
     };

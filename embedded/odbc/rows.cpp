@@ -16,6 +16,7 @@ enum class Form {
     Bit,
     Real,
     Wide,   ///< text
+    Utf8,   ///< text that comes as bytes
     Ascii,  ///< text of digits and signs: exact decimals, times with their fraction
     Binary,
     Date,
@@ -35,6 +36,7 @@ constexpr FormTraits kForms[] = {
     {SQL_C_BIT, 0, sizeof(SQLCHAR)},
     {SQL_C_DOUBLE, 0, sizeof(SQLDOUBLE)},
     {SQL_C_WCHAR, sizeof(SQLWCHAR), kFirstBytes},
+    {SQL_C_BINARY, sizeof(SQLCHAR), kFirstBytes},
     {SQL_C_CHAR, sizeof(SQLCHAR), 128},
     {SQL_C_BINARY, sizeof(SQLCHAR), kFirstBytes},
     {SQL_C_TYPE_DATE, 0, sizeof(SQL_DATE_STRUCT)},
@@ -43,6 +45,11 @@ constexpr FormTraits kForms[] = {
 
 const FormTraits& traitsOf(Form form) noexcept {
     return kForms[static_cast<size_t>(form)];
+}
+
+/// Bytes that the driver puts behind a value.
+size_t terminatorOf(Form form) noexcept {
+    return traitsOf(form).cType == SQL_C_BINARY ? 0 : traitsOf(form).unit;
 }
 
 /// A driver's type: the one it is described as, and how it is read. All that is not listed, GUIDs
@@ -81,6 +88,13 @@ TypeEntry entryOf(SQLSMALLINT driverType, bool isUnsigned) noexcept {
         std::begin(kTypes), std::end(kTypes),
         [driverType](const TypeEntry& entry) { return entry.driverType == driverType; });
     return found == std::end(kTypes) ? TypeEntry{driverType, SQL_WVARCHAR, Form::Wide} : *found;
+}
+
+/// How a value is read from this driver.
+Form formFor(Form form, const DriverHabits& habits) noexcept {
+    if (form == Form::Wide && habits.utf8Texts) return Form::Utf8;
+    const bool temporal = form == Form::Date || form == Form::Timestamp;
+    return temporal && habits.textTemporals ? Form::Ascii : form;
 }
 
 bool isLong(SQLSMALLINT driverType) noexcept {
@@ -145,7 +159,7 @@ Described describe(const OdbcStatement& statement, SQLUSMALLINT number) {
         result.column.typeName = given(static_cast<SQLSMALLINT>(bytes / SQLSMALLINT{sizeof *text}));
     }
     const TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
-    result.form = entry.form;
+    result.form = formFor(entry.form, statement.database().habits());
     result.column.type = typeOf(entry, size, digits, statement.database().habits());
     result.column.nullable = nullable;
     return result;
@@ -253,24 +267,25 @@ void OdbcRows::complete(Slot& slot, SQLUSMALLINT number) {
     const FormTraits& traits = traitsOf(slot.form);
     if (slot.bound) {
         if (slot.indicator == SQL_NULL_DATA || traits.unit == 0) return;
-        const size_t terminator = slot.form == Form::Binary ? 0 : traits.unit;
-        const bool fits = slot.indicator >= 0 &&
-                          static_cast<size_t>(slot.indicator) <= slot.buffer.size() - terminator;
+        const bool fits = slot.indicator >= 0 && static_cast<size_t>(slot.indicator) <=
+                                                     slot.buffer.size() - terminatorOf(slot.form);
         if (fits) return;
     }
     readWhole(slot, number);
     if (slot.bound) {
-        // The buffer may have moved.
+        // The buffer may have moved. Some drivers set the indicator.
+        const SQLLEN length = slot.indicator;
         m_statement->handle().check(
             m_manager.SQLBindCol(m_statement->get(), number, traits.cType, slot.buffer.data(),
                                  static_cast<SQLLEN>(slot.buffer.size()), &slot.indicator));
+        slot.indicator = length;
     }
 }
 
 /// Asks for a value, in as many parts as it takes.
 void OdbcRows::readWhole(Slot& slot, SQLUSMALLINT number) {
     const FormTraits& traits = traitsOf(slot.form);
-    const size_t terminator = slot.form == Form::Binary ? 0 : traits.unit;
+    const size_t terminator = terminatorOf(slot.form);
     size_t got = 0;
     SQLLEN whole = slot.bound ? slot.indicator : SQL_NO_TOTAL;
     for (;;) {
@@ -364,10 +379,12 @@ Cell OdbcRows::cell(int column) {
             cell.kind = Cell::Kind::Text;
             cell.bytes = slot.text;
             break;
+        case Form::Utf8:
         case Form::Ascii:
         case Form::Binary:
-            cell.kind = slot.form == Form::Ascii ? Cell::Kind::Text : Cell::Kind::Binary;
+            cell.kind = slot.form == Form::Binary ? Cell::Kind::Binary : Cell::Kind::Text;
             cell.bytes = {slot.buffer.data(), length};
+            if (slot.form == Form::Utf8) requireUtf8(cell.bytes);
             break;
         case Form::Date:
         case Form::Timestamp:

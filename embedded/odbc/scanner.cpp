@@ -137,6 +137,19 @@ DialectScanner::Token DialectScanner::next() noexcept {
     return token(Kind::Word, wordEnd(start));
 }
 
+/// Callers that number markers themselves do not know this kind of string, and have changed what
+/// stood in it: it must not reach the server.
+void refuseMarkers(std::string_view dollarQuoted) {
+    for (size_t at = dollarQuoted.find('@'); at != std::string_view::npos;
+         at = dollarQuoted.find('@', at + 1)) {
+        if (at + 1 < dollarQuoted.size() && isDigit(dollarQuoted[at + 1])) {
+            throw Error("42000",
+                        "A dollar-quoted text contains a parameter marker; put the text into "
+                        "single quotes.");
+        }
+    }
+}
+
 MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
     MarkedSql result;
     result.text.reserve(sql.size());
@@ -144,6 +157,7 @@ MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
     size_t copied = 0;
     for (auto token = scanner.next(); token.kind != DialectScanner::Kind::End;
          token = scanner.next()) {
+        if (token.text.front() == '$') refuseMarkers(token.text);
         if (token.kind != DialectScanner::Kind::Marker) continue;
         constexpr int kMost = std::numeric_limits<SQLUSMALLINT>::max();
         int number = result.parameters + 1;

@@ -56,7 +56,8 @@ struct MarkedSql {
 };
 
 /// `sql` with its markers "@1", "@2", … and "?" rewritten. A "?" counts on from the largest number
-/// so far. Throws 07009 for a number beyond 65535.
+/// so far. Throws 07009 for a number beyond 65535, and 42000 for a marker "@1" within a
+/// dollar-quoted string.
 MarkedSql markedSql(std::string_view sql, const Dialect& dialect);
 
 /// What a statement does to the rows and to the transaction, by its first words.

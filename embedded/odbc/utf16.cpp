@@ -1,6 +1,7 @@
 #include "odbc/utf16.h"
 
-#include <cstdint>
+#include <algorithm>
+#include <cstddef>
 #include <optional>
 
 #include "error.h"
@@ -11,6 +12,10 @@ namespace {
 constexpr char32_t kReplacement = 0xFFFD;
 constexpr char32_t kFirstSupplementary = 0x10000;
 constexpr char32_t kLast = 0x10FFFF;
+
+bool isAscii(SQLWCHAR c) noexcept {
+    return c < 0x80;
+}
 
 bool isSurrogate(char32_t c) noexcept {
     return c >= 0xD800 && c <= 0xDFFF;
@@ -64,6 +69,13 @@ void putUtf8(char32_t c, std::string& out) {
 /// Appends `text` as UTF-8; false when a surrogate stands alone and `replacement` is 0.
 bool convert(const SQLWCHAR* text, size_t length, char32_t replacement, std::string& out) {
     for (size_t i = 0; i < length; ++i) {
+        const SQLWCHAR* const other = std::find_if_not(text + i, text + length, isAscii);
+        const size_t filled = out.size();
+        out.resize(filled + static_cast<size_t>(other - (text + i)));
+        std::transform(text + i, other, out.begin() + static_cast<std::ptrdiff_t>(filled),
+                       [](SQLWCHAR ascii) { return static_cast<char>(ascii); });
+        i = static_cast<size_t>(other - text);
+        if (i == length) break;
         char32_t c = text[i];
         if (isSurrogate(c)) {
             const bool paired =
@@ -82,6 +94,15 @@ bool convert(const SQLWCHAR* text, size_t length, char32_t replacement, std::str
 }
 
 }  // namespace
+
+void requireUtf8(std::string_view text) {
+    while (!text.empty()) {
+        if (!takeUtf8(text)) {
+            throw Error("22021", "The driver delivered a text that is not UTF-8.",
+                        native::kMismatch);
+        }
+    }
+}
 
 void appendWide(std::string_view text, WideText& wide) {
     wide.reserve(wide.size() + text.size() + 1);

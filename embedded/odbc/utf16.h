@@ -16,6 +16,9 @@ using WideText = std::vector<SQLWCHAR>;
 /// not UTF-8.
 WideText wideText(std::string_view text);
 
+/// Throws 22021 for a text of the driver's that is not UTF-8.
+void requireUtf8(std::string_view text);
+
 /// Appends `text`, UTF-8, to `wide`, without a terminator.
 void appendWide(std::string_view text, WideText& wide);
 
