@@ -33,6 +33,13 @@ bool IsMarker(const SQL_TOKEN& token) {
     return token.IsParameter() || (token.tkKind == TK_IDENTIFIER && (first == ':' || first == '@'));
 }
 
+// In front of its text a quoted name may have an escape character.
+bool MayBeMarker(const SqlLexeme& lexeme) {
+    if (lexeme.kind != TK_IDENTIFIER) return lexeme.kind == TK_PARAMETER;
+    const char first = lexeme.source.empty() ? '\0' : lexeme.source.front();
+    return first == ':' || first == '@' || first == '\\';
+}
+
 void Check(int status) {
     if (status != VORDA_OK) throw std::bad_alloc();
 }
@@ -54,28 +61,32 @@ bool SQLTypeHasResultSet(int sqlType) {
 MarkerWalk::MarkerWalk(const char* sql) {
     Check(m_tokenizer.InitWithUTF8(sql));
     m_tokenizer.MarkStart();
-    m_sqlType = Classify(NextToken());
-}
-
-const SQL_TOKEN& MarkerWalk::NextToken() {
-    const SQL_TOKEN* const token = m_tokenizer.NextToken();
+    const SQL_TOKEN* const first = m_tokenizer.NextToken();
     if (m_tokenizer.LastErrorCode() == VORDA_OUT_OF_MEMORY) throw std::bad_alloc();
-    return *token;
+    m_sqlType = Classify(*first);
 }
 
+// Only a token whose source may begin with a marker's first character is copied: most of a long
+// statement is read over.
 const SQL_TOKEN* MarkerWalk::NextMarker() {
     while (!m_tokenizer.IsEOF()) {
         const char* const before = m_tokenizer.Position();
-        const SQL_TOKEN& token = NextToken();
+        SqlLexeme lexeme;
+        const bool read = m_tokenizer.NextLexeme(lexeme) == VORDA_OK;
         // A character that starts no token stays where it is.
         if (m_tokenizer.Position() == before) m_tokenizer.SkipCharacter();
-        const bool marker = IsMarker(token);
+        const bool marker = read && MayBeMarker(lexeme) && IsMarker(Taken(lexeme));
         // In a procedure call names stand on the left of "=", only what follows it is a value.
         if (marker && IsStoredProcedure(m_sqlType) && !m_afterEquals) continue;
-        m_afterEquals = token.Equals(TK_OPERATOR, "=") && !token.bWasQuoted;
-        if (marker) return &token;
+        m_afterEquals = read && lexeme.kind == TK_OPERATOR && lexeme.source == "=";
+        if (marker) return &m_tokenizer.LastToken();
     }
     return nullptr;
+}
+
+const SQL_TOKEN& MarkerWalk::Taken(const SqlLexeme& lexeme) {
+    Check(m_tokenizer.TakeToken(lexeme));
+    return m_tokenizer.LastToken();
 }
 
 std::string_view MarkerWalk::TakeText() {

@@ -44,7 +44,7 @@ class VORDA_EXPORT MarkerWalk {
     std::string_view TakeText();
 
   private:
-    const SQL_TOKEN& NextToken();
+    const SQL_TOKEN& Taken(const SqlLexeme& lexeme);
 
     SqlTokenizer m_tokenizer;
     int m_sqlType = SQLTYPE_OTHER;

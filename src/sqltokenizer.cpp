@@ -52,7 +52,8 @@ enum CharClass : unsigned char {
     kWord = 8,         // goes on in a plain word
     kHashRun = 16,     // goes on in a "#" run
     kIdentifier = 32,  // begins an identifier, quoted ones included
-    kOperator = 64
+    kOperator = 64,
+    kCommentStart = 128
 };
 
 constexpr std::array<unsigned char, 256> kCharClasses = [] {
@@ -71,12 +72,26 @@ constexpr std::array<unsigned char, 256> kCharClasses = [] {
     add("\"#'", kHashRun);
     add("\"$@_:*[`", kIdentifier);
     add("!<=>%*+,-/", kOperator);
+    add("-/", kCommentStart);
     return classes;
 }();
 
 bool Is(unsigned char c, int classes) {
     return (kCharClasses[c] & classes) != 0;
 }
+
+// Characters that are a token whatever follows them; TK_COMMENT stands for all others.
+constexpr std::array<TOKEN_KIND, 256> kSingles = [] {
+    std::array<TOKEN_KIND, 256> kinds{};
+    kinds.fill(TK_COMMENT);
+    kinds['?'] = TK_PARAMETER;
+    kinds['('] = TK_OPEN;
+    kinds[')'] = TK_CLOSE;
+    kinds['{'] = TK_ESCINITIATOR;
+    kinds['}'] = TK_ESCTERMINATOR;
+    for (const char c : {',', '%', '+'}) kinds[static_cast<unsigned char>(c)] = TK_OPERATOR;
+    return kinds;
+}();
 
 bool IsOneOf(unsigned char c, std::string_view set) {
     return set.find(static_cast<char>(c)) != std::string_view::npos;
@@ -126,8 +141,30 @@ int ReformatNumber(DynStr& text) {
     return text.AppendDouble(value);
 }
 
-int AppendBytes(DynStr& out, const char* begin, const char* end) {
-    return out.Append(begin, end - begin);
+// The text of a quoted token: a backslash keeps what follows it and is itself dropped; of a doubled
+// "'" the first one stays.
+int Unescape(std::string_view source, char quote, DynStr& out) {
+    out.Reset();
+    while (!source.empty()) {
+        const std::size_t end =
+            std::min(source.find_first_of(quote == '\'' ? "\\'" : "\\"), source.size());
+        const bool doubled = end < source.size() && source[end] == quote;
+        const std::size_t kept = doubled ? end + 1 : end;
+        if (const int status = out.Append(source.data(), static_cast<long long>(kept));
+            status != VORDA_OK) {
+            return status;
+        }
+        source.remove_prefix(std::min(end + 1, source.size()));
+        if (source.empty()) break;
+        // The second quote goes, the character behind a backslash stays.
+        if (doubled) {
+            source.remove_prefix(1);
+        } else {
+            if (const int status = out.Append(source.data(), 1); status != VORDA_OK) return status;
+            source.remove_prefix(1);
+        }
+    }
+    return VORDA_OK;
 }
 
 }  // namespace
@@ -217,10 +254,9 @@ void SqlTokenizer::SkipWhitespace() {
     SkipWhile(kWhitespace);
 }
 
-// Skips one comment, if one starts here.
+// Skips one comment, if one starts here, where there is a character that can start one.
 bool SqlTokenizer::SkipComment() {
     const unsigned char first = PeekChar();
-    if (first != '-' && first != '/') return false;
     const unsigned char second = PeekNextChar();
     const bool line = second == first;
     if (!line && !(first == '/' && second == '*')) return false;
@@ -249,83 +285,96 @@ void SqlTokenizer::ReadMultiLineComment() {
 }
 
 const SQL_TOKEN* SqlTokenizer::NextToken() {
+    SqlLexeme lexeme;
+    int status = NextLexeme(lexeme);
+    if (status == VORDA_OK && !lexeme.isEnd) {
+        status = TakeToken(lexeme);
+        if (status == VORDA_OK) return &m_stLastToken;
+        m_wLastErrorCode = status;
+    }
+    m_stLastToken.Set(NONE_TOKEN);
+    if (lexeme.afterComment) return &m_stLastToken;
+    return status == VORDA_OK ? &NONE_TOKEN : &NULL_TOKEN;
+}
+
+int SqlTokenizer::NextLexeme(SqlLexeme& lexeme) {
+    lexeme = {};
     m_bLastTokenWasQuoted = 0;
     SkipWhitespace();
-    bool afterComment = false;
-    while (SkipComment()) {
-        afterComment = true;
+    while (Is(PeekChar(), kCommentStart) && SkipComment()) {
+        lexeme.afterComment = true;
         SkipWhitespace();
     }
-    if (IsEOF()) {
-        m_stLastToken.Set(NONE_TOKEN);
-        return afterComment ? &m_stLastToken : &NONE_TOKEN;
+    lexeme.isEnd = IsEOF();
+    const int status = lexeme.isEnd ? int{VORDA_OK} : ReadLexeme(lexeme);
+    if (status != VORDA_OK) m_wLastErrorCode = status;
+    return status;
+}
+
+int SqlTokenizer::TakeToken(const SqlLexeme& lexeme) {
+    SQL_TOKEN& token = m_stLastToken;
+    if (lexeme.quote != 0) {
+        token.tkKind = lexeme.kind;
+        token.bWasQuoted = lexeme.wasQuoted;
+        return Unescape(lexeme.source, lexeme.quote, token.sValue);
     }
-    const int status = ReadToken(m_stLastToken);
-    if (status == VORDA_OK) return &m_stLastToken;
-    m_wLastErrorCode = status;
-    m_stLastToken.Set(NONE_TOKEN);
-    return afterComment ? &m_stLastToken : &NULL_TOKEN;
+    const TOKEN_KIND kind = lexeme.isWord ? GetTokenType(lexeme.source) : lexeme.kind;
+    const int status = token.Set(kind, lexeme.source, lexeme.wasQuoted);
+    const bool point = kind == TK_NUMBER && lexeme.source.front() == '.';
+    return status == VORDA_OK && point ? ReformatNumber(token.sValue) : status;
 }
 
 // The order of the tests matters: a minus sign or a point before a digit belongs to the number, and
 // "*" is a name before it could be an operator.
-int SqlTokenizer::ReadToken(SQL_TOKEN& token) {
+int SqlTokenizer::ReadLexeme(SqlLexeme& lexeme) {
     const unsigned char c = PeekChar();
+    if (const TOKEN_KIND single = kSingles[c]; single != TK_COMMENT) {
+        return TakeSingle(lexeme, single);
+    }
     const unsigned char next = PeekNextChar();
     if (c == 'N' && next == '\'') {
         ++m_lpszSQLSeek;
-        return ReadString(token);
+        return ReadString(lexeme);
     }
-    if (Is(c, kIdentifier)) return ReadIdentifier(token);
-    if (c == '#' || c == '\'') return ReadString(token);
+    if (Is(c, kIdentifier)) return ReadIdentifier(lexeme);
+    if (c == '#' || c == '\'') return ReadString(lexeme);
     if (Is(c, kDigit) || ((c == '-' || c == '.') && Is(next, kDigit))) {
-        return ReadNumberOrDate(token);
+        return ReadNumberOrDate(lexeme);
     }
-    if (IsOperatorChar(CharacterAt(m_lpszSQLSeek, m_lpszSQLEnd).unit)) return ReadOperator(token);
-    switch (c) {
-        case '?':
-            return TakeSingle(token, ANONPARAM_TOKEN);
-        case '(':
-            return TakeSingle(token, OPEN_TOKEN);
-        case ')':
-            return TakeSingle(token, CLOSE_TOKEN);
-        case '.':
-            return TakeSingle(token, DOT_TOKEN);
-        case ';':
-            return TakeSingle(token, NONE_TOKEN);
-        case '{':
-            return TakeSingle(token, ESCINITIATO_TOKEN);
-        case '}':
-            return TakeSingle(token, ESCTERMINATOR_TOKEN);
-        default:
-            return VORDA_SQL_UNKNOWN_CHARACTER;
-    }
+    if (IsOperatorChar(CharacterAt(m_lpszSQLSeek, m_lpszSQLEnd).unit)) return ReadOperator(lexeme);
+    if (c == '.') return TakeSingle(lexeme, TK_DOT);
+    if (c != ';') return VORDA_SQL_UNKNOWN_CHARACTER;
+    ++m_lpszSQLSeek;  // a separator has no text
+    return VORDA_OK;
 }
 
-int SqlTokenizer::TakeSingle(SQL_TOKEN& token, const SQL_TOKEN& predefined) {
-    ++m_lpszSQLSeek;
-    return token.Set(predefined);
+int SqlTokenizer::TakeSingle(SqlLexeme& lexeme, TOKEN_KIND kind) {
+    lexeme.kind = kind;
+    lexeme.source = {m_lpszSQLSeek++, 1};
+    return VORDA_OK;
 }
 
-int SqlTokenizer::ReadIdentifier(SQL_TOKEN& token) {
+int SqlTokenizer::ReadIdentifier(SqlLexeme& lexeme) {
     switch (PeekChar()) {
         case '[':
-            return ReadQuoted(token, TK_IDENTIFIER, ']');
+            return ReadQuoted(lexeme, TK_IDENTIFIER, ']');
         case '"':
-            return ReadQuoted(token, TK_IDENTIFIER, '"');
+            return ReadQuoted(lexeme, TK_IDENTIFIER, '"');
         case '`':
-            return ReadQuoted(token, TK_IDENTIFIER, '`');
+            return ReadQuoted(lexeme, TK_IDENTIFIER, '`');
         case '*':
-            ++m_lpszSQLSeek;
             // Flagged as quoted although it is not: it can be no name that needs looking up.
-            return token.Set(TK_IDENTIFIER, "*", 1);
+            lexeme.wasQuoted = 1;
+            return TakeSingle(lexeme, TK_IDENTIFIER);
         default:
             break;
     }
     const char* const start = m_lpszSQLSeek;
     SkipWhile(kWord);
-    const std::string_view word(start, static_cast<std::size_t>(m_lpszSQLSeek - start));
-    return token.Set(GetTokenType(word), word);
+    lexeme.source = {start, static_cast<std::size_t>(m_lpszSQLSeek - start)};
+    lexeme.kind = *start == '@' ? TK_PARAMETER : TK_IDENTIFIER;
+    lexeme.isWord = true;
+    return VORDA_OK;
 }
 
 TOKEN_KIND SqlTokenizer::GetTokenType(std::string_view word) {
@@ -344,50 +393,56 @@ TOKEN_KIND SqlTokenizer::GetTokenType(std::string_view word) {
     return TK_IDENTIFIER;
 }
 
-int SqlTokenizer::ReadString(SQL_TOKEN& token) {
-    if (PeekChar() == '\'') return ReadQuoted(token, TK_STR, '\'');
+int SqlTokenizer::ReadString(SqlLexeme& lexeme) {
+    if (PeekChar() == '\'') return ReadQuoted(lexeme, TK_STR, '\'');
     const char* const start = m_lpszSQLSeek;
     SkipWhile(kHashRun);
-    const std::string_view run(start, static_cast<std::size_t>(m_lpszSQLSeek - start));
+    lexeme.kind = TK_STR;
+    lexeme.source = {start, static_cast<std::size_t>(m_lpszSQLSeek - start)};
     // The white space that ends a run goes with it.
     if (Is(PeekChar(), kWhitespace)) ++m_lpszSQLSeek;
-    return token.Set(TK_STR, run);
-}
-
-// Reads a quoted string or identifier from its opening quote on.
-int SqlTokenizer::ReadQuoted(SQL_TOKEN& token, TOKEN_KIND kind, char terminator) {
-    ++m_lpszSQLSeek;
-    m_bLastTokenWasQuoted = 1;
-    if (const int status = ReadUntil(terminator, token.sValue); status != VORDA_OK) return status;
-    token.tkKind = kind;
-    token.bWasQuoted = kind == TK_IDENTIFIER;
     return VORDA_OK;
 }
 
-// Reads what follows an opening quote up to its terminator. A backslash keeps the next character
-// whatever it is and is itself dropped; only "'" can be doubled to stand for itself.
-int SqlTokenizer::ReadUntil(char terminator, DynStr& out) {
-    out.Reset();
-    // Bytes from here to the position are kept but not yet copied.
-    const char* kept = m_lpszSQLSeek;
-    while (!IsEOF()) {
-        const char c = *m_lpszSQLSeek++;
-        if (c != terminator && c != '\\') continue;
-        const bool doubled = c == '\'' && PeekChar() == '\'';
-        // The first quote of a doubled pair stays, a terminator and a backslash do not.
-        const char* const keptEnd = doubled ? m_lpszSQLSeek : m_lpszSQLSeek - 1;
-        if (const int status = AppendBytes(out, kept, keptEnd); status != VORDA_OK) return status;
-        if (c == terminator && !doubled) return VORDA_OK;
-        kept = doubled ? m_lpszSQLSeek + 1 : m_lpszSQLSeek;
-        if (!IsEOF()) ++m_lpszSQLSeek;
-        // At the very end any terminator closes the text, also the second of a pair.
-        if (doubled && IsEOF()) return VORDA_OK;
+// Reads a quoted string or identifier from its opening quote on.
+int SqlTokenizer::ReadQuoted(SqlLexeme& lexeme, TOKEN_KIND kind, char terminator) {
+    ++m_lpszSQLSeek;
+    m_bLastTokenWasQuoted = 1;
+    lexeme.kind = kind;
+    lexeme.wasQuoted = kind == TK_IDENTIFIER;
+    return ReadUntil(terminator, lexeme);
+}
+
+// Reads what follows an opening quote up to its terminator. A backslash takes the next character
+// with it whatever it is; only "'" can be doubled to stand for itself.
+int SqlTokenizer::ReadUntil(char terminator, SqlLexeme& lexeme) {
+    const char* const start = m_lpszSQLSeek;
+    const char* const end = m_lpszSQLEnd;
+    const char* p = start;
+    const auto find = [&p](char c, const char* limit) {
+        return static_cast<const char*>(std::memchr(p, c, static_cast<std::size_t>(limit - p)));
+    };
+    // Most texts have no backslash, and end at the first terminator.
+    const char* const quote = find(terminator, end);
+    if (quote != nullptr && find('\\', quote) == nullptr) p = quote;
+    while (true) {
+        while (p != end && *p != terminator && *p != '\\') ++p;
+        if (p == end) break;
+        const bool escape = *p == '\\';
+        if (!escape && (terminator != '\'' || p + 1 == end || p[1] != terminator)) break;
+        lexeme.quote = terminator;
+        if (++p == end) break;
+        // The second quote of a pair closes the text at the very end.
+        if (!escape && p + 1 == end) break;
+        ++p;
     }
-    return VORDA_SQL_UNCLOSED_QUOTE;
+    lexeme.source = {start, static_cast<std::size_t>(p - start)};
+    m_lpszSQLSeek = p == end ? end : p + 1;
+    return p == end ? VORDA_SQL_UNCLOSED_QUOTE : VORDA_OK;
 }
 
 // There are no date literals in spite of the name: "2020-01-01" is three numbers.
-int SqlTokenizer::ReadNumberOrDate(SQL_TOKEN& token) {
+int SqlTokenizer::ReadNumberOrDate(SqlLexeme& lexeme) {
     const char* const start = m_lpszSQLSeek;
     bool digitsOnly = true;
     bool exponentSeen = false;
@@ -401,12 +456,12 @@ int SqlTokenizer::ReadNumberOrDate(SQL_TOKEN& token) {
         const bool sign = c == '+' || c == '-';
         if (!first && !Is(c, kLetter) && !(sign && exponentSeen)) break;
     }
-    const std::string_view text(start, static_cast<std::size_t>(m_lpszSQLSeek - start));
-    if (const int status = token.Set(TK_NUMBER, text); status != VORDA_OK) return status;
-    return text.front() == '.' ? ReformatNumber(token.sValue) : VORDA_OK;
+    lexeme.kind = TK_NUMBER;
+    lexeme.source = {start, static_cast<std::size_t>(m_lpszSQLSeek - start)};
+    return VORDA_OK;
 }
 
-int SqlTokenizer::ReadOperator(SQL_TOKEN& token) {
+int SqlTokenizer::ReadOperator(SqlLexeme& lexeme) {
     constexpr std::string_view kPairs[] = {"!=", "<>", "<=", ">=", "=="};
     const char* const start = m_lpszSQLSeek;
     SkipCharacter();
@@ -419,5 +474,7 @@ int SqlTokenizer::ReadOperator(SQL_TOKEN& token) {
         if (PeekChar() == '>') ++m_lpszSQLSeek;
         break;
     }
-    return token.Set(TK_OPERATOR, {start, static_cast<std::size_t>(m_lpszSQLSeek - start)});
+    lexeme.kind = TK_OPERATOR;
+    lexeme.source = {start, static_cast<std::size_t>(m_lpszSQLSeek - start)};
+    return VORDA_OK;
 }

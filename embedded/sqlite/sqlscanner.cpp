@@ -26,6 +26,11 @@ bool isSpace(char c) noexcept {
     return isBlank(c) || c == '\v';
 }
 
+/// Whether a blank, a comment or a byte order mark can begin so.
+bool mayBeBlank(char c) noexcept {
+    return isBlank(c) || c == '-' || c == '/' || c == '\xEF';
+}
+
 constexpr std::string_view kVariableStarts = "@:$#";
 
 // Between tokens SQLite reads a byte order mark as a blank.
@@ -34,7 +39,7 @@ constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 }  // namespace
 
 void SqlScanner::skipBlanks() noexcept {
-    while (m_pos < m_sql.size()) {
+    while (m_pos < m_sql.size() && mayBeBlank(m_sql[m_pos])) {
         const std::string_view rest = m_sql.substr(m_pos);
         if (isBlank(rest.front())) {
             // A vertical tab is one only behind another blank.
@@ -79,11 +84,11 @@ size_t SqlScanner::blobEnd() const noexcept {
 
 // A doubled closing quote stands for itself, except in […].
 size_t SqlScanner::quotedEnd(char close) const noexcept {
-    for (size_t at = m_pos + 1; at < m_sql.size(); ++at) {
-        if (m_sql[at] != close) continue;
+    size_t at = m_sql.find(close, m_pos + 1);
+    while (at != std::string_view::npos) {
         const bool doubled = close != ']' && at + 1 < m_sql.size() && m_sql[at + 1] == close;
         if (!doubled) return at + 1;
-        ++at;
+        at = m_sql.find(close, at + 2);
     }
     return m_sql.size();
 }

@@ -53,6 +53,17 @@ typedef struct VORDA_EXPORT _sql_token {
     }
 } SQL_TOKEN;
 
+/// A token as it stands in the text, before anything is copied.
+struct SqlLexeme {
+    TOKEN_KIND kind = TK_IDENTIFIER;  // TK_IDENTIFIER for keywords as well: no word is looked up
+    std::string_view source;          // without quotes, but with escape characters
+    int wasQuoted = 0;                // as bWasQuoted
+    char quote = 0;                   // the closing one, when `source` has escape characters
+    bool isWord = false;
+    bool isEnd = false;         // the text is over
+    bool afterComment = false;  // stands behind a comment
+};
+
 /// The token for nothing: end of input, a statement separator, an empty read.
 extern VORDA_EXPORT const SQL_TOKEN NONE_TOKEN;
 /// A literal NULL; its address, as a result of NextToken, stands for a failure.
@@ -94,6 +105,11 @@ class VORDA_EXPORT SqlTokenizer {
     /// the tokenizer's own token, empty for the end and for a failure. A character that starts no
     /// token (VORDA_SQL_UNKNOWN_CHARACTER) is not consumed: use SkipCharacter to go on.
     const SQL_TOKEN* NextToken();
+    /// The same without a copy of the text, for those who pass most tokens over: VORDA_OK or the
+    /// failure's code, which LastErrorCode gives, too.
+    int NextLexeme(SqlLexeme& lexeme);
+    /// The token of the lexeme just read, in the tokenizer's own record: VORDA_OK or a code.
+    int TakeToken(const SqlLexeme& lexeme);
     /// Steps over one whole character.
     void SkipCharacter();
 
@@ -116,16 +132,16 @@ class VORDA_EXPORT SqlTokenizer {
     bool SkipComment();
     void ReadLineComment();
     void ReadMultiLineComment();
-    // The readers fill the token and return VORDA_OK or a failure code; the token is unspecified
+    // The readers fill the lexeme and return VORDA_OK or a failure code; the lexeme is unspecified
     // then.
-    int ReadToken(SQL_TOKEN& token);
-    int ReadIdentifier(SQL_TOKEN& token);
-    int ReadString(SQL_TOKEN& token);
-    int ReadNumberOrDate(SQL_TOKEN& token);
-    int ReadOperator(SQL_TOKEN& token);
-    int ReadQuoted(SQL_TOKEN& token, TOKEN_KIND kind, char terminator);
-    int ReadUntil(char terminator, DynStr& out);
-    int TakeSingle(SQL_TOKEN& token, const SQL_TOKEN& predefined);
+    int ReadLexeme(SqlLexeme& lexeme);
+    int ReadIdentifier(SqlLexeme& lexeme);
+    int ReadString(SqlLexeme& lexeme);
+    int ReadNumberOrDate(SqlLexeme& lexeme);
+    int ReadOperator(SqlLexeme& lexeme);
+    int ReadQuoted(SqlLexeme& lexeme, TOKEN_KIND kind, char terminator);
+    int ReadUntil(char terminator, SqlLexeme& lexeme);
+    int TakeSingle(SqlLexeme& lexeme, TOKEN_KIND kind);
 
     const char* m_lpszSQLEnd = "";
     const char* m_lpszSQLSeek = m_lpszSQLEnd;

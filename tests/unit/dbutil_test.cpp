@@ -129,8 +129,8 @@ TEST(NormalizeSqlTest, WithoutMemoryNothingIsShortenedOrMistaken) {
         int type = 0;
         NormalizeSQL(words.c_str(), out, &type, nullptr);
     });
-    const std::string literal = "SELECT '" + big + "\\x ? '";
-    ExpectBadAlloc([&] { MarkerWalk(literal.c_str()).NextMarker(); });
+    const std::string marker = "SELECT [:" + big + "\\x ? ]";
+    ExpectBadAlloc([&] { MarkerWalk(marker.c_str()).NextMarker(); });
 }
 #endif
 
