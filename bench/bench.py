@@ -1,6 +1,9 @@
-"""Times the module against its peers on the same SQLite file, and prints tables of ratios.
+"""Times the module against its peers on the same SQLite file, or the same server, and prints tables of ratios.
 
-    bench.py [--quick] [--only TEXT] [--rounds N] [--json FILE] [--plot FILE.png]
+    bench.py [--server] [--quick] [--only TEXT] [--rounds N] [--json FILE] [--plot FILE.png]
+
+--server starts a PostgreSQL of its own and measures on that: the module and pyodbc through the ODBC driver, psycopg
+through PostgreSQL's own library.
 
 Within a case the drivers take turns, and a ratio is made of two neighbours of one round, so what slows the machine
 down slows both. Shown are the medians of the ratios and their range. Before a case is timed, all drivers have to
@@ -9,7 +12,6 @@ return the same data.
 
 import argparse
 import contextlib
-import datetime
 import json
 import os
 import platform
@@ -20,6 +22,7 @@ import tempfile
 import time
 
 import peers as peer_module
+from case import Case, connecting, fetchall, in_one_batch, plain
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 TYPES = {
@@ -34,13 +37,6 @@ TYPES = {
 }
 TYPED = ("decimals", "dates", "mixed")
 MIX = ["integers", "doubles", "short text", "dates", "decimals", "half NULLs", "200-byte text"]
-
-
-class Case:
-    """One measurement: `run(peer, state)` is timed; `prepare(peer)` is a context that gives the state."""
-
-    def __init__(self, name, prepare, run, result=None):
-        self.name, self.prepare, self.run, self.result = name, prepare, run, result
 
 
 def table_of(path, name, columns, rows):
@@ -58,21 +54,7 @@ def table_of(path, name, columns, rows):
     return table
 
 
-def plain(value):
-    """A value in a form in which all drivers agree: some give decimals and dates as text or floats."""
-    if isinstance(value, datetime.date):
-        return value.isoformat()
-    try:
-        return round(float(value), 6)
-    except (TypeError, ValueError):
-        return value
-
-
 # --- reading ------------------------------------------------------------------------------------------------
-
-def fetchall(cursor):
-    return cursor.fetchall()
-
 
 def iterate(cursor):
     for row in cursor:
@@ -162,28 +144,11 @@ def writing_case(path, name, count, write):
     return Case(name, lambda peer: empty_table(peer, path), run, result)
 
 
-def in_one_batch(peer, connection, cursor, rows):
-    if peer.name == "zelqa":  # a batch is a transaction by itself
-        cursor.executemany("INSERT INTO w VALUES (?, ?, ?)", rows)
-        return
-    peer.begin(connection)
-    cursor.executemany("INSERT INTO w VALUES (?, ?, ?)", rows)
-    peer.commit(connection)
-
-
 def one_by_one(peer, connection, cursor, rows):
     peer.begin(connection)
     for row in rows:
         cursor.execute("INSERT INTO w VALUES (?, ?, ?)", row)
     peer.commit(connection)
-
-
-def connecting(path, count):
-    def run(peer, state):
-        for _ in range(count):
-            peer.connect(path).close()
-
-    return Case("%d times connect and close" % count, lambda peer: contextlib.nullcontext(), run)
 
 
 def long_statement(path, size):
@@ -279,7 +244,7 @@ def ratios(ours, theirs):
     return sorted(a / b for a, b in zip(ours, theirs))
 
 
-def show(name, numbers, drivers, unit="s"):
+def show(name, numbers, drivers, unit):
     ours = numbers[drivers[0].name]
     line = "%-44s %9.4f %-2s" % (name, statistics.median(ours), unit)
     for peer in drivers[1:]:
@@ -306,8 +271,41 @@ def plot(results, drivers, path):
     figure.savefig(path, dpi=120)
 
 
+def print_head(drivers, database):
+    print("CPython %s, %s, %s" % (platform.python_version(), database, platform.machine()))
+    print("%-44s %12s" % ("case", "zelqa") + "".join("   to %-14s" % peer.name for peer in drivers[1:]))
+
+
+def on_server(options):
+    from server_cases import running_source, server_cases
+    drivers = peer_module.available(peer_module.ON_SERVER)
+    with running_source() as source:
+        print_head(drivers, "PostgreSQL")
+        for case in server_cases(source, drivers[0], options.quick):
+            if options.only in case.name:
+                yield case.name, measure(case, drivers, options.rounds), drivers, "s"
+
+
+def on_file(options):
+    drivers = peer_module.available()
+    print_head(drivers, "SQLite " + peer_module.sqlite3.sqlite_version)
+    with tempfile.TemporaryDirectory() as folder:
+        path = os.path.join(folder, "bench.db")
+        for case in [*other_cases(path, options.quick), *reading_cases(path, options.quick)]:
+            if options.only in case.name:
+                yield case.name, measure(case, drivers, options.rounds), drivers, "s"
+        if options.only in "import":
+            yield "import", in_processes(IMPORT, drivers, options.rounds), drivers, "s"
+        rows = 1000000 // (10 if options.quick else 1)
+        name = "memory of %d rows" % rows
+        if options.only in name:
+            table = table_of(path, "integers", 4, rows)
+            yield name, in_processes(MEMORY % (path, table), drivers, min(3, options.rounds)), drivers, "MB"
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--server", action="store_true", help="the cases on a PostgreSQL server")
     parser.add_argument("--quick", action="store_true", help="a tenth of the rows")
     parser.add_argument("--only", default="", metavar="TEXT", help="only cases whose names have this in them")
     parser.add_argument("--rounds", type=int, default=5)
@@ -315,26 +313,11 @@ def main():
     parser.add_argument("--plot", metavar="FILE")
     options = parser.parse_args()
 
-    drivers = peer_module.available()
-    print("CPython %s, SQLite %s, %s" % (platform.python_version(), peer_module.sqlite3.sqlite_version,
-                                         platform.machine()))
-    print("%-44s %12s" % ("case", "zelqa") + "".join("   to %-14s" % peer.name for peer in drivers[1:]))
+    measure_all = on_server if options.server else on_file
     results = {}
-    with tempfile.TemporaryDirectory() as folder:
-        path = os.path.join(folder, "bench.db")
-        for case in [*other_cases(path, options.quick), *reading_cases(path, options.quick)]:
-            if options.only in case.name:
-                results[case.name] = measure(case, drivers, options.rounds)
-                show(case.name, results[case.name], drivers)
-        if options.only in "import":
-            results["import"] = in_processes(IMPORT, drivers, options.rounds)
-            show("import", results["import"], drivers)
-        rows = 1000000 // (10 if options.quick else 1)
-        name = "memory of %d rows" % rows
-        if options.only in name:
-            table = table_of(path, "integers", 4, rows)
-            results[name] = in_processes(MEMORY % (path, table), drivers, min(3, options.rounds))
-            show(name, results[name], drivers, "MB")
+    for name, numbers, drivers, unit in measure_all(options):
+        results[name] = numbers
+        show(name, numbers, drivers, unit)
     if options.json:
         with open(options.json, "w", encoding="utf-8") as file:
             json.dump(results, file, indent=1)

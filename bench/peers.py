@@ -1,4 +1,4 @@
-"""The drivers that are compared, each on the same SQLite file, behind one small interface."""
+"""The drivers that are compared, each on the same SQLite file or the same server, behind one small interface."""
 
 import datetime
 import decimal
@@ -15,6 +15,7 @@ sqlite3.register_converter("DATE", _convert_date)
 
 class Zelqa:
     name = "zelqa"
+    marker = "?"
 
     def __init__(self):
         from vorda import zelqa
@@ -34,6 +35,7 @@ class Sqlite3:
     """The standard library's module: bound to SQLite directly. Dates and decimals are what its converters make."""
 
     name = "sqlite3"
+    marker = "?"
 
     def connect(self, path, typed=False):
         return sqlite3.connect(path, detect_types=sqlite3.PARSE_DECLTYPES if typed else 0)
@@ -47,6 +49,7 @@ class Sqlite3:
 
 class Pyodbc:
     name = "pyodbc"
+    marker = "?"
 
     def __init__(self):
         import pyodbc
@@ -64,10 +67,52 @@ class Pyodbc:
     commit = Sqlite3.commit
 
 
-def available():
+# --- on a server: what `connect` gets is a `Source` of server_cases.py ------------------------------------------
+
+class ServerZelqa(Zelqa):
+    def connect(self, source):
+        return self.module.connect(source.string)
+
+
+class Psycopg:
+    """Bound to PostgreSQL's own client library."""
+
+    name = "psycopg"
+    marker = "%s"
+
+    def __init__(self):
+        try:
+            import psycopg as module
+        except ImportError:
+            import psycopg2 as module
+        self.module, self.name = module, module.__name__
+
+    def connect(self, source):
+        connection = self.module.connect(host="127.0.0.1", **source.words)
+        connection.autocommit = True
+        return connection
+
+    begin = Pyodbc.begin
+    commit = Sqlite3.commit
+
+
+class ServerPyodbc(Pyodbc):
+    def __init__(self):
+        import pyodbc
+        self.module = pyodbc
+
+    def connect(self, source):
+        return self.module.connect(source.string, autocommit=True)
+
+
+ON_FILE = (Zelqa, Sqlite3, Pyodbc)
+ON_SERVER = (ServerZelqa, Psycopg, ServerPyodbc)
+
+
+def available(kinds=ON_FILE):
     """The module first, then the peers that this machine has."""
     peers = []
-    for kind in (Zelqa, Sqlite3, Pyodbc):
+    for kind in kinds:
         try:
             peers.append(kind())
         except Exception as error:
