@@ -10,7 +10,7 @@ from case import Case, connecting, fetchall, in_one_batch, plain
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python", "servers"))
 import servers  # noqa: E402
 
-DRIVER = "psqlodbcw.so"
+DRIVER, DRIVER_NAME = "psqlodbcw.so", "PostgreSQL Unicode"
 TABLE = "numbers_and_texts"
 COLUMNS = ("key", "big", "ratio", "words")
 
@@ -20,8 +20,8 @@ class Source:
 
     def __init__(self, server, folder):
         self.words = {"port": server.port, "dbname": "postgres", "user": "vorda"}
-        servers.configure(folder, {"bench": {"Driver": servers.driver(DRIVER)}})
-        self.string = "Driver={bench};Server=127.0.0.1;Port=%d;Database=postgres;UID=vorda" % server.port
+        servers.configure(folder, {DRIVER_NAME: {"Driver": servers.driver(DRIVER)}})
+        self.string = "Driver={%s};Server=127.0.0.1;Port=%d;Database=postgres;UID=vorda" % (DRIVER_NAME, server.port)
 
 
 @contextlib.contextmanager
