@@ -60,7 +60,8 @@ constexpr DriverHabits kSqlite{
 constexpr NamedHabits kHabits[] = {
     // Otherwise it shows a Boolean as a text.
     {"psqlodbc", "postgresql", {.key = "BoolsAsChar", .value = "0"}},
-    // Of a wide text that is cut it tells a wrong length.
+    // It counts wide texts wrong, both ways: it takes U+00D8 to U+00DB for halves of surrogate
+    // pairs, for one.
     {"maodbc", "mariadb", {.utf8Texts = true}},
     {"sqlite3odbc", "sqlite", kSqlite},
     {"sqliteodbc", "sqlite", kSqlite},

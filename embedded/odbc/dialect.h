@@ -42,7 +42,7 @@ struct DriverHabits {
     const char* value = nullptr;
     bool arrays = true;           ///< its arrays of parameters can be used
     bool describesScales = true;  ///< of times and timestamps
-    bool utf8Texts = false;       ///< texts come whole only as bytes, which are UTF-8
+    bool utf8Texts = false;       ///< texts come and go whole only as bytes, which are UTF-8
     bool textTemporals = false;   ///< dates and times come and go whole only as texts
 };
 

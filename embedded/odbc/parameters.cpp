@@ -46,8 +46,10 @@ constexpr ParameterForm kForms[] = {
 };
 
 constexpr ParameterForm kBigInteger{SQL_C_SBIGINT, SQL_C_SBIGINT, SQL_BIGINT, kInteger, 19};
-/// Of dates and times for a driver that alters all but texts.
-constexpr ParameterForm kTemporalText{SQL_C_TYPE_TIMESTAMP, SQL_C_WCHAR, SQL_WVARCHAR, 0};
+/// For drivers that garble wide texts.
+constexpr ParameterForm kUtf8Text{SQL_C_WCHAR, SQL_C_CHAR, SQL_VARCHAR, 0};
+/// Of dates and times, for drivers that alter all but texts.
+constexpr ParameterForm kTemporalText{SQL_C_TYPE_TIMESTAMP, SQL_C_CHAR, SQL_VARCHAR, 0};
 constexpr ParameterForm kBoolean{SQL_C_BIT, SQL_C_BIT, SQL_BIT, sizeof(SQLCHAR), 1};
 
 const ParameterForm& formOf(SQLSMALLINT boundType) noexcept {
@@ -62,12 +64,18 @@ bool isTemporal(const ParameterForm& form) noexcept {
            form.cType == SQL_C_TYPE_TIMESTAMP;
 }
 
+const ParameterForm& formFor(const ParameterForm& form, const DriverHabits& habits) noexcept {
+    if (habits.textTemporals && isTemporal(form)) return kTemporalText;
+    return habits.utf8Texts && form.cType == SQL_C_WCHAR ? kUtf8Text : form;
+}
+
 /// Longer values are announced to drivers as long ones.
 constexpr SQLULEN kLongText = 4000;
 
 SQLSMALLINT sqlTypeOf(const ParameterForm& form, SQLULEN length) noexcept {
     if (form.size > 0 || length <= kLongText) return form.sqlType;
-    return form.cType == SQL_C_BINARY ? SQL_LONGVARBINARY : SQL_WLONGVARCHAR;
+    if (form.cType == SQL_C_BINARY) return SQL_LONGVARBINARY;
+    return form.cType == SQL_C_CHAR ? SQL_LONGVARCHAR : SQL_WLONGVARCHAR;
 }
 
 /// Bytes that a value takes up in the driver's form, at most.
@@ -115,6 +123,9 @@ SQLLEN store(const ParameterForm& form, const Value& value, char* slot) {
             if (bytes > 0) std::memcpy(slot, wide.data(), bytes);
             return static_cast<SQLLEN>(bytes);
         }
+        case SQL_C_CHAR:
+            requireUtf8(value.bytes, kNotUtf8);
+            [[fallthrough]];
         default:
             std::copy(value.bytes.begin(), value.bytes.end(), slot);
             return static_cast<SQLLEN>(value.bytes.size());
@@ -137,8 +148,7 @@ OdbcParameters::OdbcParameters(ParameterSets& sets, const std::vector<int>& numb
     : m_sets(sets), m_arrays(numbers.size()) {
     for (size_t i = 0; i < numbers.size(); ++i) {
         m_arrays[i].number = numbers[i];
-        const ParameterForm& form = formOf(sets.binding(numbers[i]).cType);
-        m_arrays[i].form = habits.textTemporals && isTemporal(form) ? &kTemporalText : &form;
+        m_arrays[i].form = &formFor(formOf(sets.binding(numbers[i]).cType), habits);
     }
 }
 

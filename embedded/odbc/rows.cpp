@@ -135,28 +135,27 @@ struct Described {
 Described describe(const OdbcStatement& statement, SQLUSMALLINT number) {
     constexpr SQLSMALLINT kCapacity = 1024;
     SQLWCHAR text[kCapacity] = {};
-    SQLSMALLINT length = 0;
     SQLSMALLINT driverType = 0;
     SQLULEN size = 0;
     SQLSMALLINT digits = 0;
     SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
     const DriverManager& manager = statement.manager();
     statement.handle().check(manager.SQLDescribeColW(
-        statement.get(), number, text, kCapacity, &length, &driverType, &size, &digits, &nullable));
-    const auto given = [&text](SQLSMALLINT units) {
-        const size_t claimed =
-            static_cast<size_t>(std::clamp<SQLSMALLINT>(units, 0, kCapacity - 1));
-        return narrowText(text, static_cast<size_t>(std::find(text, text + claimed, 0) - text));
+        statement.get(), number, text, kCapacity, nullptr, &driverType, &size, &digits, &nullable));
+    // Up to the terminator: some drivers count wrong.
+    const auto given = [&text] {
+        const SQLWCHAR* const end = std::find(text, text + kCapacity, SQLWCHAR{0});
+        return narrowText(text, static_cast<size_t>(end - text));
     };
     Described result;
-    result.column.name = given(length);
+    result.column.name = given();
     SQLLEN isUnsigned = SQL_FALSE;
     manager.SQLColAttributeW(statement.get(), number, SQL_DESC_UNSIGNED, nullptr, 0, nullptr,
                              &isUnsigned);
-    SQLSMALLINT bytes = 0;
+    std::fill(text, text + kCapacity, SQLWCHAR{0});
     if (SQL_SUCCEEDED(manager.SQLColAttributeW(statement.get(), number, SQL_DESC_TYPE_NAME, text,
-                                               sizeof text, &bytes, nullptr))) {
-        result.column.typeName = given(static_cast<SQLSMALLINT>(bytes / SQLSMALLINT{sizeof *text}));
+                                               sizeof text, nullptr, nullptr))) {
+        result.column.typeName = given();
     }
     const TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
     result.form = formFor(entry.form, statement.database().habits());
@@ -384,7 +383,8 @@ Cell OdbcRows::cell(int column) {
         case Form::Binary:
             cell.kind = slot.form == Form::Binary ? Cell::Kind::Binary : Cell::Kind::Text;
             cell.bytes = {slot.buffer.data(), length};
-            if (slot.form == Form::Utf8) requireUtf8(cell.bytes);
+            if (slot.form == Form::Utf8)
+                requireUtf8(cell.bytes, "The driver delivered a text that is not UTF-8.");
             break;
         case Form::Date:
         case Form::Timestamp:

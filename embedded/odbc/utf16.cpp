@@ -95,12 +95,9 @@ bool convert(const SQLWCHAR* text, size_t length, char32_t replacement, std::str
 
 }  // namespace
 
-void requireUtf8(std::string_view text) {
+void requireUtf8(std::string_view text, const char* message) {
     while (!text.empty()) {
-        if (!takeUtf8(text)) {
-            throw Error("22021", "The driver delivered a text that is not UTF-8.",
-                        native::kMismatch);
-        }
+        if (!takeUtf8(text)) throw Error("22021", message, native::kMismatch);
     }
 }
 
@@ -108,7 +105,7 @@ void appendWide(std::string_view text, WideText& wide) {
     wide.reserve(wide.size() + text.size() + 1);
     while (!text.empty()) {
         const auto c = takeUtf8(text);
-        if (!c) throw Error("22021", "A text is not UTF-8.", native::kMismatch);
+        if (!c) throw Error("22021", kNotUtf8, native::kMismatch);
         if (*c < kFirstSupplementary) {
             wide.push_back(static_cast<SQLWCHAR>(*c));
         } else {

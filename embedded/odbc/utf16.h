@@ -16,8 +16,10 @@ using WideText = std::vector<SQLWCHAR>;
 /// not UTF-8.
 WideText wideText(std::string_view text);
 
-/// Throws 22021 for a text of the driver's that is not UTF-8.
-void requireUtf8(std::string_view text);
+inline constexpr const char* kNotUtf8 = "A text is not UTF-8.";
+
+/// Throws 22021 for a text that is not UTF-8, with that message.
+void requireUtf8(std::string_view text, const char* message);
 
 /// Appends `text`, UTF-8, to `wide`, without a terminator.
 void appendWide(std::string_view text, WideText& wide);
