@@ -1,5 +1,5 @@
-# Arguments go to bench/bench.py; "counts" as the first one counts instructions instead, and its arguments go to
-# bench/counts.py.
+# Arguments go to bench/bench.py; behind "counts" as the first one to bench/counts.py, which counts instructions, and
+# behind "growth" to bench/growth.py.
 if [ "${1:-}" = counts ]; then
     shift
     wanted="valgrind=valgrind"
@@ -9,7 +9,12 @@ if [ "${1:-}" = counts ]; then
     build release zelqa null_runtime probe
     LD_LIBRARY_PATH=$folder/null PYTHONPATH=$folder/python:$folder/null "$python" bench/counts.py "$@"
 else
+    program=bench/bench.py
+    if [ "${1:-}" = growth ]; then
+        shift
+        program=bench/growth.py
+    fi
     setup
     build release $package_targets
-    PYTHONPATH=$folder/python "$python" bench/bench.py "$@"
+    PYTHONPATH=$folder/python "$python" $program "$@"
 fi

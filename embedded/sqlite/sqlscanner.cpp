@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 
 #include "text.h"
 
@@ -125,14 +126,27 @@ SqlScanner::Token SqlScanner::next() noexcept {
     return token;
 }
 
+// A marker whose number is the next one anyway is written without it: SQLite looks for every number
+// that it reads among all it has seen, which takes a statement with thousands of them long.
 std::string numberedMarkers(std::string_view sql) {
     std::string result(sql);
     if (sql.find('@') == std::string_view::npos) return result;
     SqlScanner scanner(sql);
+    size_t largest = 0;
+    bool counted = true;  // a variable takes a number, too, if it is a new one
     for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
-        if (token.kind == SqlScanner::Kind::Marker) {
-            result[static_cast<size_t>(token.text.data() - sql.data())] = '?';
+        if (token.kind == SqlScanner::Kind::Variable) counted = false;
+        if (token.kind != SqlScanner::Kind::Marker) continue;
+        const std::string_view digits = token.text.substr(1);
+        const auto start = static_cast<size_t>(token.text.data() - sql.data());
+        size_t number = largest + 1;
+        std::from_chars(digits.data(), digits.data() + digits.size(), number);
+        if (token.text.front() == '@') {
+            const bool next = counted && number == largest + 1;
+            result[start] = '?';
+            if (next) result.replace(start + 1, digits.size(), digits.size(), ' ');
         }
+        largest = std::max(largest, number);
     }
     return result;
 }

@@ -43,8 +43,8 @@ class SqlScanner {
 };
 
 /// `sql` with every marker "@1", "@2", … written "?1", "?2", …: the spelling in which SQLite takes
-/// the number from the text, and counts a following "?" on from the largest number so far. The text
-/// keeps its length, so offsets into either are the same.
+/// the number from the text, and counts a following "?" on from the largest number so far; or "?"
+/// where that gives the same. The text keeps its length, so offsets into either are the same.
 std::string numberedMarkers(std::string_view sql);
 
 /// Whether `sql` holds nothing but blanks, comments and semicolons.

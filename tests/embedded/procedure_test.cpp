@@ -74,7 +74,7 @@ TEST_F(ProcedureTest, IsCheckedWhenItIsCreated) {
         {"CREATE PROCEDURE p (a, b, A INT) AS SELECT 1", "Two parameters are named 'A'"},
         {"CREATE PROCEDURE p (a) AS SELECT $a; SELECT $b",
          "no parameter 'b'. (procedure 'p', statement 2)"},
-        {"CREATE PROCEDURE p (a) AS SELECT @1 ", "marker '?1'"},
+        {"CREATE PROCEDURE p (a) AS SELECT @1 ", "marker '?'"},
         {"CREATE PROCEDURE p AS SELECT 1; SELEC 2", "syntax error (procedure 'p', statement 2)"},
         {"CREATE PROCEDURE p AS SELECT * FROM nowhere", "42S02"},
         {"CREATE PROCEDURE p AS SELECT 1; COMMIT", "COMMIT is not possible"},

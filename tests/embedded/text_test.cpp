@@ -15,6 +15,14 @@ TEST(Scanner, IsLinear) {
     EXPECT_FALSE(isBlankSql(sql));
 }
 
+TEST(Scanner, WritesNumbersWhereTheyMatter) {
+    EXPECT_EQ("? ,? ,?1,?4,? ", numberedMarkers("@1,@2,@1,@4,@5"));
+    EXPECT_EQ("?,? ,?,?2", numberedMarkers("?,@2,?,@2"));
+    EXPECT_EQ("?2,?1", numberedMarkers("@2,@1"));
+    EXPECT_EQ("$x,?1,?2", numberedMarkers("$x,@1,@2"));
+    EXPECT_EQ("?7,?  ", numberedMarkers("?7,@8 "));
+}
+
 TEST(Scanner, TellsVerbs) {
     EXPECT_EQ(Verb::Query, verbOf(" /* x */ ; select 1"));
     EXPECT_EQ(Verb::Change, verbOf("REPLACE INTO t"));

@@ -118,6 +118,10 @@ void checkScanner(const std::string& sql) {
                     token.find_first_not_of("0123456789", 1) == std::string::npos,
                 "only markers are rewritten");
         require(numbered[i] == '?', "to question marks");
+        const std::string number = numbered.substr(i + 1, token.size() - 1);
+        require(number == token.substr(1) || number.find_first_not_of(' ') == std::string::npos,
+                "with their numbers or none");
+        i += number.size();
     }
     std::string tail;
     if (isBlankSql(sql)) {
