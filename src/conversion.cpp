@@ -27,6 +27,30 @@ bool HasTimeZone(PyObject* value) {
     return reinterpret_cast<_PyDateTime_BaseTZInfo*>(value)->hastzinfo != 0;
 }
 
+char* PutNumber(char* out, int number, int digits) {
+    for (int i = digits; i-- > 0; number /= 10) out[i] = static_cast<char>('0' + number % 10);
+    return out + digits;
+}
+
+char* PutDate(char* out, PyObject* date) {
+    out = PutNumber(out, PyDateTime_GET_YEAR(date), 4);
+    *out++ = '-';
+    out = PutNumber(out, PyDateTime_GET_MONTH(date), 2);
+    *out++ = '-';
+    return PutNumber(out, PyDateTime_GET_DAY(date), 2);
+}
+
+char* PutTime(char* out, int hour, int minute, int second, int microsecond) {
+    out = PutNumber(out, hour, 2);
+    *out++ = ':';
+    out = PutNumber(out, minute, 2);
+    *out++ = ':';
+    out = PutNumber(out, second, 2);
+    if (microsecond == 0) return out;
+    *out++ = '.';
+    return PutNumber(out, microsecond, 6);
+}
+
 bool Warn(const char* format, ...) {
     va_list args;
     va_start(args, format);
@@ -139,6 +163,25 @@ int GetPyObjectAsTime(PyObject* object, _db_time_& value) {
     value = {1, PyDateTime_TIME_GET_HOUR(object), PyDateTime_TIME_GET_MINUTE(object),
              PyDateTime_TIME_GET_SECOND(object), PyDateTime_TIME_GET_MICROSECOND(object)};
     return 0;
+}
+
+PyRef DateTimeAsText(PyObject* value) {
+    char text[32];
+    char* end = text;
+    if (PyDate_CheckExact(value)) {
+        end = PutDate(end, value);
+    } else if (PyDateTime_CheckExact(value) && !HasTimeZone(value)) {
+        end = PutDate(end, value);
+        *end++ = ' ';
+        end = PutTime(end, PyDateTime_DATE_GET_HOUR(value), PyDateTime_DATE_GET_MINUTE(value),
+                      PyDateTime_DATE_GET_SECOND(value), PyDateTime_DATE_GET_MICROSECOND(value));
+    } else if (PyTime_CheckExact(value) && !HasTimeZone(value)) {
+        end = PutTime(end, PyDateTime_TIME_GET_HOUR(value), PyDateTime_TIME_GET_MINUTE(value),
+                      PyDateTime_TIME_GET_SECOND(value), PyDateTime_TIME_GET_MICROSECOND(value));
+    } else {
+        return PyRef(PyObject_Str(value));
+    }
+    return PyRef(PyUnicode_FromStringAndSize(text, end - text));
 }
 
 bool HasSurrogate(PyObject* text) {

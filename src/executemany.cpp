@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "include/binding.h"
@@ -35,13 +36,6 @@ bool RowError(const char* what, Py_ssize_t row, Py_ssize_t position) {
     return false;
 }
 
-// The value as the batch keeps it. A date or a time is sent as its text, which is made here, since
-// a subclass makes it with code of its own.
-PyRef GatherValue(PyObject* value, ParamKind firstKind) {
-    const bool asText = IsDateOrTime(firstKind) && ParamKindOf(value) == firstKind;
-    return asText ? PyRef(PyObject_Str(value)) : PyRef::Borrow(value);
-}
-
 bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, Batch& batch) {
     if (!PySequence_Check(row)) {
         Raise(ProgrammingError, "Row [%zd] of executemany is not a sequence.", number);
@@ -52,6 +46,7 @@ bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, 
     if (number == 0) {
         if (size > USHRT_MAX) return RowError("There is no room for a parameter", 0, USHRT_MAX);
         batch.Columns = static_cast<int>(size);
+        batch.Values.reserve(static_cast<size_t>(batch.Rows) * static_cast<size_t>(size));
     } else if (size != batch.Columns) {
         return RowError(size < batch.Columns ? "A value is missing" : "There is a value too many",
                         number, std::min<Py_ssize_t>(size, batch.Columns));
@@ -67,7 +62,10 @@ bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, 
         if (!any && kind != firstKind) {
             return RowError("The value is of another type than in the first row", number, i);
         }
-        PyRef kept = GatherValue(value.Get(), firstKind);
+        // A date or a time is sent as its text, which is made here, since a subclass makes it with
+        // code of its own.
+        PyRef kept =
+            IsDateOrTime(firstKind) ? DateTimeAsText(value.Get()) : PyRef::Borrow(value.Get());
         if (!kept) return false;
         batch.Values.push_back(std::move(kept));
     }
@@ -163,28 +161,34 @@ class ColumnBinder {
     }
 
     bool BindTexts(int column) {
-        // The encoded forms, all alive until the widest is known.
-        std::vector<PyRef> texts;
+        // The encoded forms, all alive until the widest is known. An ASCII text is its own.
+        std::vector<std::string_view> texts;
+        std::vector<PyRef> encoded;
         texts.reserve(static_cast<size_t>(m_batch.Rows));
-        Py_ssize_t width = 0;
+        size_t width = 0;
         for (int row = 0; row < m_batch.Rows; ++row) {
             PyObject* const value = m_batch.At(row, column);
-            if (HasSurrogate(value)) return RowError("Invalid value", row, column);
-            PyRef text(PyUnicode_AsUTF8String(value));
-            if (!text) return false;
-            width = std::max(width, PyBytes_GET_SIZE(text.Get()));
-            texts.push_back(std::move(text));
+            if (PyUnicode_IS_COMPACT_ASCII(value)) {
+                texts.emplace_back(static_cast<const char*>(PyUnicode_DATA(value)),
+                                   static_cast<size_t>(PyUnicode_GET_LENGTH(value)));
+            } else {
+                if (HasSurrogate(value)) return RowError("Invalid value", row, column);
+                PyRef text(PyUnicode_AsUTF8String(value));
+                if (!text) return false;
+                texts.emplace_back(PyBytes_AS_STRING(text.Get()),
+                                   static_cast<size_t>(PyBytes_GET_SIZE(text.Get())));
+                encoded.push_back(std::move(text));
+            }
+            width = std::max(width, texts.back().size());
         }
         if (width > INT_MAX) throw std::bad_alloc();
-        std::unique_ptr<char[]> slots(
-            new char[static_cast<size_t>(width) * static_cast<size_t>(m_batch.Rows) + 1]);
+        std::unique_ptr<char[]> slots(new char[width * static_cast<size_t>(m_batch.Rows) + 1]);
         std::vector<int> lengths;
         lengths.reserve(texts.size());
         char* slot = slots.get();
-        for (const PyRef& text : texts) {
-            const Py_ssize_t size = PyBytes_GET_SIZE(text.Get());
-            std::memcpy(slot, PyBytes_AS_STRING(text.Get()), static_cast<size_t>(size));
-            lengths.push_back(static_cast<int>(size));
+        for (const std::string_view text : texts) {
+            std::memcpy(slot, text.data(), text.size());
+            lengths.push_back(static_cast<int>(text.size()));
             slot += width;
         }
         return Added(m_dbs.AddParam(column, DBTYPE_STRING, slots.get(), static_cast<int>(width),

@@ -26,6 +26,10 @@ int GetPyObjectAsDatetime(PyObject* object, _db_datetime_& value);
 int GetPyObjectAsDate(PyObject* object, _db_date_& value);
 int GetPyObjectAsTime(PyObject* object, _db_time_& value);
 
+// str() of a date, a time or both: a new reference, or empty with an error set. Only a subclass and
+// a time zone make it with code of their own.
+PyRef DateTimeAsText(PyObject* value);
+
 // Whether a str holds a surrogate, which has no UTF-8 form. To be asked before a codec is: one that
 // fails may run the program's own error handler. Throws std::bad_alloc.
 bool HasSurrogate(PyObject* text);
