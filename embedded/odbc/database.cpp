@@ -88,14 +88,15 @@ OdbcDatabase::OdbcDatabase(const ConnectString& text, CursorOwner& cursors,
       m_environment(SQL_HANDLE_ENV, nullptr),
       m_connection(SQL_HANDLE_DBC, &m_environment) {
     const std::string first = completed(text, habitsOfNamed(valueOf(text, "Driver")));
-    connect(first, diagnostics);
+    const bool fromFile = text.has("FILEDSN");
+    connect(first, fromFile, diagnostics);
     try {
         m_habits = &habitsOf(textInfo(SQL_DRIVER_NAME));
         const std::string second = completed(text, *m_habits);
         if (second != first) {
             disconnect();
             diagnostics.clear();
-            connect(second, diagnostics);
+            connect(second, fromFile, diagnostics);
         }
         m_dialect = &dialectOf(textInfo(SQL_DBMS_NAME));
         m_rereadsBound = (numberInfo(SQL_GETDATA_EXTENSIONS) & SQL_GD_BOUND) != 0;
@@ -109,15 +110,20 @@ OdbcDatabase::~OdbcDatabase() {
     disconnect();
 }
 
-void OdbcDatabase::connect(const std::string& text, Diagnostics& diagnostics) {
+// Only the narrow function of unixODBC knows files of data sources.
+void OdbcDatabase::connect(std::string text, bool fromFile, Diagnostics& diagnostics) {
     WideText wide = wideText(text);
     // The manager takes the length as a short number, and a terminator for any.
-    if (wide.size() > std::numeric_limits<SQLSMALLINT>::max()) {
+    if (text.size() >= std::numeric_limits<SQLSMALLINT>::max()) {
         throw Error("HY090", "The connection string is too long.", native::kError);
     }
+    const SQLHDBC connection = m_connection.get();
     const SQLRETURN result = m_connection.check(
-        m_manager.SQLDriverConnectW(m_connection.get(), nullptr, wide.data(), SQL_NTS, nullptr, 0,
-                                    nullptr, SQL_DRIVER_NOPROMPT));
+        fromFile ? m_manager.SQLDriverConnect(connection, nullptr,
+                                              reinterpret_cast<SQLCHAR*>(text.data()), SQL_NTS,
+                                              nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT)
+                 : m_manager.SQLDriverConnectW(connection, nullptr, wide.data(), SQL_NTS, nullptr,
+                                               0, nullptr, SQL_DRIVER_NOPROMPT));
     if (result == SQL_SUCCESS_WITH_INFO) {
         const Error warning = m_connection.failure();
         diagnostics.warning(warning.state(), warning.what());

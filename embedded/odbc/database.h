@@ -88,7 +88,7 @@ class OdbcDatabase final : public Database {
     };
 
   private:
-    void connect(const std::string& text, Diagnostics& diagnostics);
+    void connect(std::string text, bool fromFile, Diagnostics& diagnostics);
     void disconnect() noexcept;
     void driverAutocommit(bool on) const;
     void endDriverTransaction(bool commit) const;

@@ -21,6 +21,7 @@ namespace embedded {
     X(SQLDescribeColW)              \
     X(SQLDescribeParam)             \
     X(SQLDisconnect)                \
+    X(SQLDriverConnect)             \
     X(SQLDriverConnectW)            \
     X(SQLEndTran)                   \
     X(SQLExecDirectW)               \
