@@ -50,7 +50,7 @@ CompiledStatement StatementCache::compileNew(std::string_view sql) {
     const char* tail = nullptr;
     const int result =
         sqlite3_prepare_v3(m_db, numbered.c_str(), static_cast<int>(numbered.size()) + 1,
-                           0, &raw, &tail);
+                           SQLITE_PREPARE_PERSISTENT, &raw, &tail);
     compiled->statement.reset(raw);
     if (result != SQLITE_OK) throw compileError(m_db);
 
