@@ -13,11 +13,12 @@ import textwrap
 import time
 from typing import List, Optional, Tuple
 
+from . import sources
 from .display import printable
 from .masking import Mask
 
 PLACES = ("by the loader's own search (LD_LIBRARY_PATH, ldconfig)", "in the fixed folder", "beside the module")
-ENVIRONMENT = ("LD_LIBRARY_PATH", "LD_PRELOAD", "VORDA_UNLOAD_RUNTIME")
+ENVIRONMENT = ("LD_LIBRARY_PATH", "LD_PRELOAD", "VORDA_UNLOAD_RUNTIME", "ODBCSYSINI", "ODBCINSTINI", "ODBCINI")
 TEXT_SIZE = 4096
 SQL_HANDLE_ENV = 1
 
@@ -145,6 +146,12 @@ def describe_runtime(report: Report, module: Module, path: str) -> bool:
     return False
 
 
+def describe_sources(report: Report, module: Module) -> None:
+    report.line("\nODBC, for connection strings with DSN, FILEDSN or Driver:")
+    for name, value in sources.description(*module.open(sources.LIBRARY)):
+        report.line("%-9s %s" % (name, value), 2)
+
+
 def try_connection(report: Report, connection_string: str) -> bool:
     from . import zelqa
 
@@ -173,6 +180,9 @@ def examine(report: Report, connection_string: Optional[str]) -> bool:
                     " of these places,\nor this package anew: its embedded runtime belongs beside the module.")
         return False
     usable = describe_runtime(report, module, runtime)
+    # Another provider's runtime has its own ways.
+    if os.path.realpath(os.path.dirname(runtime)) == os.path.realpath(os.path.dirname(path)):
+        describe_sources(report, module)
     if connection_string is None:
         report.line("\n" + ("All is well so far; with a connection string the doctor tries that too." if usable else
                             "Nothing can be connected to."))

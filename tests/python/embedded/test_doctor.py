@@ -1,6 +1,8 @@
 """python -m vorda doctor: its output alone says why there is no connection."""
 
+import ctypes.util
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -36,7 +38,7 @@ def test_a_good_installation():
 def test_an_installed_runtime_ends_the_search():
     report = doctor(LD_LIBRARY_PATH=SCRIPTED)
     assert "found   %s" % os.path.join(SCRIPTED, RUNTIME) in report and "functions    113 of 113" in report
-    assert "2. in the fixed" not in report and "All is well" in report
+    assert "2. in the fixed" not in report and "All is well" in report and "ODBC, for" not in report
 
 
 def test_the_libraries_that_fail_say_why(package):
@@ -63,6 +65,33 @@ def test_a_broken_runtime(tmp_path, kind, message):
     report = doctor(status=1, LD_LIBRARY_PATH=str(tmp_path))
     assert message in report and "1. by the loader" in report
     assert kind != "refuses" or "refuses an environment handle" in report
+
+
+@pytest.mark.skipif(ctypes.util.find_library("odbc") is None, reason="no ODBC driver manager")
+def test_odbc_drivers_and_data_sources(tmp_path):
+    (tmp_path / "broken.so").write_bytes(b"no library")
+    drivers = {"Größe": os.path.join(PACKAGE, COMPANION), "Lost": "/nowhere/lost.so", "Broken": tmp_path / "broken.so"}
+    if shutil.which("gcc"):
+        drivers["Wild"] = tmp_path / "wild.so"
+        subprocess.run(["gcc", "-shared", "-fPIC", "-x", "c", "-", "-o", str(drivers["Wild"])], check=True,
+                       input=SOURCE["ends the process"], text=True)
+    (tmp_path / "odbcinst.ini").write_text("".join(
+        "[%s]\nDriver=%s\nPassword=hunter2\n" % item for item in drivers.items()) + "[None]\n[odd\n=\n")
+    (tmp_path / "odbc.ini").write_text("[shop]\nDriver=Größe\nPWD=hunter2\n[old]\nDriver=Sold\nPassword=hunter2\n")
+    report = doctor(ODBCSYSINI=str(tmp_path), ODBCINI="/nowhere/odbc.ini", PYTHONIOENCODING="utf-8")
+    for line in ("driver    Größe: %s" % drivers["Größe"], "/nowhere/odbc.ini (missing)", "file too short",
+                 "driver    Lost: cannot be loaded: /nowhere/lost.so: cannot open", "None: cannot be loaded: no library",
+                 "source    shop, by the driver Größe\n", "source    old, by the driver Sold, which is not known\n"):
+        assert line in report
+    assert "Wild" not in drivers or "wild.so: loading it ends the process by signal 9" in report
+    assert "hunter" not in report and "All is well" in report
+
+
+@pytest.mark.parametrize("content, line", [(b"no library", "not found .*file too short"), (None, "unusable .*SQLAllocHandle")])
+def test_a_driver_manager_that_is_none(tmp_path, content, line):
+    file = tmp_path / "libodbc.so.2"
+    file.write_bytes(content) if content else shutil.copy(os.path.join(PACKAGE, COMPANION), str(file))
+    assert re.search(line, doctor("Database=:memory:", LD_LIBRARY_PATH=str(tmp_path)))
 
 
 def test_a_connection_that_fails_shows_the_providers_words():
