@@ -19,13 +19,23 @@ PyRef FetchRow(PyCursor* cursor) {
     return PyRow_New(cursor);
 }
 
+// Whether everything that CursorValidate looks at is as it was for the result of this number: a
+// closed cursor and a closed connection have let go of what is asked here.
+bool StillReads(const PyCursor* cursor, unsigned long long resultNumber) {
+    return cursor->Connection != nullptr && cursor->Connection->dbs != nullptr &&
+           cursor->Connection->dbs->GetResultNumber() == resultNumber;
+}
+
 PyRef Fetch(PyCursor* cursor, Py_ssize_t maxRows) {
+    const unsigned long long number = cursor->dbs->GetResultNumber();
     PyRef rows(PyList_New(0));
     if (!rows || (maxRows < 1 && maxRows != -1)) return rows;
     const auto self = reinterpret_cast<PyObject*>(cursor);
     for (Py_ssize_t left = maxRows; left != 0; left -= maxRows != -1) {
         // Making the last row may have run code that closed the cursor or its connection.
-        if (CursorValidate(self, true, true) == nullptr) return PyRef();
+        if (!StillReads(cursor, number) && CursorValidate(self, true, true) == nullptr) {
+            return PyRef();
+        }
         if (!cursor->dbs->Next()) break;
         const PyRef row = PyRow_New(cursor);
         if (!row) return PyErr_Occurred() ? PyRef() : std::move(rows);

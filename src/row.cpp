@@ -129,8 +129,11 @@ PyObject* PyRow_Repr(PyObject* self) {
 // wait in a list, so that the stack does not grow with the depth. Each thread has its own: a
 // value's finaliser may wait for what another thread's rows hold.
 void PyRow_Dealloc(PyObject* self) {
-    static thread_local PyRow* waiting = nullptr;
-    static thread_local bool isReleasing = false;
+    static thread_local struct {
+        PyRow* Waiting;
+        bool IsReleasing;
+    } rows = {};
+    auto& [waiting, isReleasing] = rows;
     PyRow* const dead = AsRow(self);
     // Of no further use as the description, the field links the list.
     Py_CLEAR(dead->Description);

@@ -1,5 +1,7 @@
 #include <fstream>
 
+#include "connection.h"
+#include "environment.h"
 #include "fixture.h"
 #include "handle.h"
 
@@ -65,6 +67,32 @@ TEST(Handles, NullFreedAndForeignHandlesAreInvalid) {
     SQLHANDLE next = nullptr;
     RT_SQLAllocHandle(kDriver, SQL_HANDLE_STMT, connection.handle, &next);
     EXPECT_NE(freed, next);
+}
+
+TEST(Handles, HaveNumbersThatAreNeverGivenTwice) {
+    embedded::HandleRegistry registry;
+    std::vector<SQLHANDLE> old;
+    for (int round = 0; round < 3; ++round) {
+        std::vector<SQLHANDLE> living;
+        for (int i = 0; i < 5; ++i) {
+            living.push_back(registry.add(std::make_shared<embedded::Environment>()));
+            for (const SQLHANDLE id : old) {
+                EXPECT_NE(id, living.back());
+                EXPECT_EQ(nullptr, registry.find<embedded::Environment>(id));
+            }
+            if (i % 2 != 0) continue;
+            EXPECT_NE(nullptr, registry.find<embedded::Environment>(living.back()));
+            EXPECT_EQ(nullptr, registry.find<embedded::Connection>(living.back()));
+            EXPECT_TRUE(registry.remove(living.back()));
+            EXPECT_FALSE(registry.remove(living.back()));
+            old.push_back(living.back());
+            living.pop_back();
+        }
+        EXPECT_EQ(living.size(), registry.count());
+        // An empty table is given back.
+        for (const SQLHANDLE id : living) registry.remove(id);
+        old.insert(old.end(), living.begin(), living.end());
+    }
 }
 
 TEST(Handles, AreFreedInOrderAndDisconnectingFreesStatements) {

@@ -42,6 +42,18 @@ def test_items(runtime, cursor):
     assert cursor.execute("SELECT b").description[0][0] == "b" and described[0][0] == "id"
 
 
+def test_a_change_of_any_item_shows(runtime, cursor):
+    columns = [("a", INTEGER, 11, 10, 0, 1), ("b", INTEGER, 11, 10, 0, 1), ("a", WVARCHAR, 11, 10, 0, 1),
+               ("a", INTEGER, 11, 9, 0, 1), ("a", INTEGER, 11, 10, 2, 1), ("a", INTEGER, 11, 10, 0, 0)]
+    seen = []
+    for column in columns:
+        runtime.result(Column(*column))
+        seen += [cursor.execute("SELECT a").description for _ in range(2)]
+        runtime.result(Column(*column), Column(*column))
+        assert len(cursor.execute("SELECT a, a").description) == 2
+    assert seen[::2] == seen[1::2] and len(set(seen)) == len(columns)
+
+
 @pytest.mark.parametrize("name, shown", [
     ("\u20ac" * 60, "\u20ac" * 42 + "\ufffd"), (b"caf\xe9", "caf\ufffd"), ("x" * 128, "x" * 127)])
 def test_names_never_fail(runtime, cursor, name, shown):

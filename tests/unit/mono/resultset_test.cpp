@@ -86,6 +86,36 @@ TEST_F(ResultSetTest, FailuresAreComposed) {
     }
 }
 
+TEST_F(ResultSetTest, ARecordUsedAgainShowsNothingOfItsLastUse) {
+    const auto describe = [](int sqlType) {
+        scripted_result();
+        AddColumn("a", sqlType);
+        AddColumn("b", sqlType);
+    };
+    describe(SQL_WVARCHAR);
+    EXPECT_EQ(Execute(), VORDA_OK);
+    EXPECT_EQ(rs.GetImpl()->GetBufferSize(1), 2048);
+    rs.Close();
+
+    describe(SQL_INTEGER);
+    // The first call reads the count, six read the first column.
+    scripted_answer("SQLColAttributeW", scripted_call_count("SQLColAttributeW") + 8, SQL_ERROR);
+    Diagnose(9, "broken");
+    EXPECT_EQ(Execute(), VORDA_ODBC_ERROR);
+    EXPECT_EQ(rs.GetColumnCount(), 2);
+    EXPECT_EQ(rs.GetColumnInfo(0)->DataType, DBTYPE_INTEGER);
+    EXPECT_STREQ(rs.GetColumnInfo(1)->ColumnName.Deref(), "");
+    DbColumnBuffer buffer = {};
+    EXPECT_FALSE(rs.GetImpl()->GetColumnBuffer(0, buffer));
+    rs.Close();
+
+    describe(SQL_INTEGER);
+    EXPECT_EQ(Execute(), VORDA_OK);
+    EXPECT_EQ(rs.GetImpl()->GetBufferSize(1), 0);
+    EXPECT_TRUE(rs.GetImpl()->GetColumnBuffer(1, buffer));
+    EXPECT_EQ(*buffer.Length, SQL_NULL_DATA);
+}
+
 SQLHSTMT g_lastStatement;
 int NoteStatement(const char* name, const long long* arguments, int, int*) {
     if (std::string(name) == "SQLBindCol") g_lastStatement = reinterpret_cast<SQLHSTMT>(*arguments);
