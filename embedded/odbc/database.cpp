@@ -9,6 +9,7 @@
 
 #include "error.h"
 #include "information.h"
+#include "odbc/idle.h"
 #include "odbc/program.h"
 #include "odbc/rows.h"
 #include "odbc/scanner.h"
@@ -86,7 +87,8 @@ OdbcDatabase::OdbcDatabase(const ConnectString& text, CursorOwner& cursors,
     : m_manager(DriverManager::instance()),
       m_cursors(cursors),
       m_environment(SQL_HANDLE_ENV, nullptr),
-      m_connection(SQL_HANDLE_DBC, &m_environment) {
+      m_connection(SQL_HANDLE_DBC, &m_environment),
+      m_idle(std::make_unique<IdleStatements>()) {
     const std::string first = completed(text, habitsOfNamed(valueOf(text, "Driver")));
     const bool fromFile = text.has("FILEDSN");
     connect(first, fromFile, diagnostics);
@@ -132,6 +134,7 @@ void OdbcDatabase::connect(std::string text, bool fromFile, Diagnostics& diagnos
 
 // What is not committed is rolled back: a driver refuses to disconnect within a transaction.
 void OdbcDatabase::disconnect() noexcept {
+    m_idle->clear();
     if (!m_autocommit) m_manager.SQLEndTran(SQL_HANDLE_DBC, m_connection.get(), SQL_ROLLBACK);
     m_manager.SQLDisconnect(m_connection.get());
 }

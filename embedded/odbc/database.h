@@ -11,6 +11,8 @@
 
 namespace embedded {
 
+class IdleStatements;
+
 /// A data source of the ODBC driver manager.
 class OdbcDatabase final : public Database {
   public:
@@ -37,6 +39,8 @@ class OdbcDatabase final : public Database {
 
     /// Whether SQLGetData reads bound columns again, from their start.
     bool rereadsBound() const noexcept { return m_rereadsBound; }
+
+    IdleStatements& idleStatements() noexcept { return *m_idle; }
 
     std::string textInfo(SQLUSMALLINT type) const;
     SQLUINTEGER numberInfo(SQLUSMALLINT type) const;
@@ -100,6 +104,7 @@ class OdbcDatabase final : public Database {
     CursorOwner& m_cursors;
     const OdbcHandle m_environment;
     const OdbcHandle m_connection;
+    const std::unique_ptr<IdleStatements> m_idle;
     const Dialect* m_dialect = nullptr;
     const DriverHabits* m_habits = nullptr;
     bool m_rereadsBound = false;

@@ -31,6 +31,7 @@ constexpr NamedDialect kDialects[] = {
       .nestedComments = true,
       .dollarQuotes = true,
       .wrongCall = "42809",
+      .stalePlan = "0A000",
       .strictBooleans = true}},
     {"MariaDB", mariaDb()},
     {"MySQL", kMySql},
@@ -51,18 +52,26 @@ struct NamedHabits {
     DriverHabits habits;
 };
 
-// It accepts arrays, but its reports on them cannot be relied on. It describes no fractions, keeps
-// three digits of them, shows a date that is none as NULL, and garbles the last of Unicode's
-// planes.
-constexpr DriverHabits kSqlite{
-    .arrays = false, .describesScales = false, .utf8Texts = true, .textTemporals = true};
+using AsText = DriverHabits::AsText;
+
+// It accepts arrays, but its reports on them cannot be relied on. It describes no fractions and
+// keeps three digits of them; shows a date or a number that is none as NULL; and garbles the last
+// of Unicode's planes in wide texts.
+constexpr DriverHabits kSqlite{.arrays = false,
+                               .describesScales = false,
+                               .utf8Texts = true,
+                               .comesAsText = AsText::All,
+                               .textTemporals = true,
+                               .narrow = true};
 
 constexpr NamedHabits kHabits[] = {
-    // Otherwise it shows a Boolean as a text.
-    {"psqlodbc", "postgresql", {.key = "BoolsAsChar", .value = "0"}},
+    // It shows a Boolean as a text unless told not to, and a date it does not understand as today.
+    {"psqlodbc",
+     "postgresql",
+     {.key = "BoolsAsChar", .value = "0", .comesAsText = AsText::Temporals}},
     // It counts wide texts wrong, both ways: it takes U+00D8 to U+00DB for halves of surrogate
-    // pairs, for one.
-    {"maodbc", "mariadb", {.utf8Texts = true}},
+    // pairs, for one. It shows a date that is none as NULL.
+    {"maodbc", "mariadb", {.utf8Texts = true, .comesAsText = AsText::Temporals}},
     {"sqlite3odbc", "sqlite", kSqlite},
     {"sqliteodbc", "sqlite", kSqlite},
 };

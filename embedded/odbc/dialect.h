@@ -28,6 +28,9 @@ struct Dialect {
     /// What the server says to the driver's call escape for a procedure that has to be called with
     /// CALL; null where no such thing happens.
     const char* wrongCall = nullptr;
+    /// What the server says when the plan of a prepared statement is out of date; null where it
+    /// makes a new one by itself.
+    const char* stalePlan = nullptr;
     /// A 0 or 1 for a Boolean has to be sent as one.
     bool strictBooleans = false;
 };
@@ -43,7 +46,10 @@ struct DriverHabits {
     bool arrays = true;           ///< its arrays of parameters can be used
     bool describesScales = true;  ///< of times and timestamps
     bool utf8Texts = false;       ///< texts come and go whole only as bytes, which are UTF-8
-    bool textTemporals = false;   ///< dates and times come and go whole only as texts
+    /// Which values, besides texts, it delivers right only as texts.
+    enum class AsText { None, Temporals, All } comesAsText = AsText::None;
+    bool textTemporals = false;  ///< dates and times have to be sent as texts
+    bool narrow = false;         ///< it knows no wide functions, and takes UTF-8 in the others
 };
 
 /// The habits of the driver library `file` (SQL_DRIVER_NAME).

@@ -18,12 +18,14 @@ namespace embedded {
     X(SQLCancel)                    \
     X(SQLColAttributeW)             \
     X(SQLColumnsW)                  \
+    X(SQLDescribeCol)               \
     X(SQLDescribeColW)              \
     X(SQLDescribeParam)             \
     X(SQLDisconnect)                \
     X(SQLDriverConnect)             \
     X(SQLDriverConnectW)            \
     X(SQLEndTran)                   \
+    X(SQLExecDirect)                \
     X(SQLExecDirectW)               \
     X(SQLExecute)                   \
     X(SQLFetch)                     \
@@ -35,6 +37,7 @@ namespace embedded {
     X(SQLGetInfoW)                  \
     X(SQLMoreResults)               \
     X(SQLNumResultCols)             \
+    X(SQLPrepare)                   \
     X(SQLPrepareW)                  \
     X(SQLProcedureColumnsW)         \
     X(SQLRowCount)                  \

@@ -156,6 +156,12 @@ void OdbcParameters::sendAsBooleans(size_t position) {
     m_arrays[position].form = &kBoolean;
 }
 
+std::string OdbcParameters::types() const {
+    std::string types;
+    for (const Array& array : m_arrays) types += static_cast<char>(array.form->sqlType);
+    return types;
+}
+
 bool OdbcParameters::mayBeBooleans(size_t position) const {
     bool some = false;
     for (SQLULEN set = 0; set < m_sets.count(); ++set) {

@@ -21,6 +21,9 @@ class OdbcParameters {
 
     size_t count() const noexcept { return m_arrays.size(); }
 
+    /// A short text that is the same for parameters of the same types.
+    std::string types() const;
+
     /// Whether every value of the marker at `position`, from 0, is 0, 1 or NULL, and some is not
     /// NULL.
     bool mayBeBooleans(size_t position) const;

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "error.h"
+#include "odbc/idle.h"
 #include "odbc/parameters.h"
 #include "odbc/procedures.h"
 #include "odbc/rows.h"
@@ -36,8 +37,8 @@ class OdbcProgram final : public Program {
           m_sql(std::move(sql)),
           m_wide(wideText(m_sql.text)),
           m_kind(kind),
-          m_call(std::move(call)),
-          m_statement(std::make_shared<OdbcStatement>(database)) {}
+          m_call(std::move(call)) {}
+    ~OdbcProgram() override { giveBack(); }
 
     int parameterCount() override { return m_sql.parameters; }
     const std::vector<Column>& columns() override;
@@ -45,6 +46,8 @@ class OdbcProgram final : public Program {
     Outcome execute(ParameterSets& sets) override;
 
   private:
+    void useStatement(std::string types);
+    void giveBack() noexcept;
     SQLRETURN executeOnce();
     void prepareOnce();
     Outcome runOne(ParameterSets& sets, OdbcParameters& parameters);
@@ -55,6 +58,7 @@ class OdbcProgram final : public Program {
     Outcome changedBy(SQLLEN changed) const;
     bool callOtherwise(const Error& error);
     bool sendBooleans(OdbcParameters& parameters, const Error& error);
+    bool renewPlan(const Error& error);
     Outcome outcomeOf(SQLRETURN result);
     SQLLEN countChanges();
 
@@ -63,35 +67,60 @@ class OdbcProgram final : public Program {
     WideText m_wide;
     const StatementKind m_kind;
     std::optional<ProcedureCall> m_call;
-    const std::shared_ptr<OdbcStatement> m_statement;
+    std::shared_ptr<OdbcStatement> m_statement;  ///< null before the first use
+    std::string m_key;                           ///< of it, among the idle ones
+    bool m_failed = false;                       ///< it is not to be used again
     std::vector<Column> m_described;
-    bool m_prepared = false;
-    bool m_executed = false;
 };
 
+constexpr size_t kMostKeptText = size_t{16} * 1024;
+
+/// Takes a statement for parameters of these types.
+void OdbcProgram::useStatement(std::string types) {
+    std::string key = m_sql.text + '\0' + std::move(types);
+    if (m_statement && key == m_key) return;
+    giveBack();
+    m_statement = m_database.idleStatements().take(key);
+    if (!m_statement) m_statement = std::make_shared<OdbcStatement>(m_database);
+    m_key = std::move(key);
+}
+
+// Texts of other kinds seldom come twice. Rows that are still read keep the statement for
+// themselves.
+void OdbcProgram::giveBack() noexcept {
+    const bool worthKeeping = m_kind == StatementKind::Query || m_kind == StatementKind::Change;
+    if (worthKeeping && !m_failed && m_statement && m_statement.use_count() == 1 &&
+        m_statement->executed && m_key.size() <= kMostKeptText) {
+        m_database.idleStatements().keep(std::move(m_key), std::move(m_statement));
+    }
+    m_statement.reset();
+}
+
 void OdbcProgram::prepareOnce() {
-    if (m_prepared) return;
+    if (m_statement->prepared) return;
     m_statement->run([&] {
         return m_statement->manager().SQLPrepareW(m_statement->get(), m_wide.data(),
                                                   static_cast<SQLINTEGER>(m_wide.size() - 1));
     });
-    m_prepared = true;
+    m_statement->prepared = true;
 }
 
 // A text that is executed once goes to the server in one step.
 SQLRETURN OdbcProgram::executeOnce() {
     const DriverManager& manager = m_statement->manager();
-    if (m_executed) prepareOnce();
-    m_executed = true;
+    if (m_statement->executed) prepareOnce();
+    m_statement->executed = true;
     return m_statement->run([&] {
-        return m_prepared ? manager.SQLExecute(m_statement->get())
-                          : manager.SQLExecDirectW(m_statement->get(), m_wide.data(),
-                                                   static_cast<SQLINTEGER>(m_wide.size() - 1));
+        return m_statement->prepared
+                   ? manager.SQLExecute(m_statement->get())
+                   : manager.SQLExecDirectW(m_statement->get(), m_wide.data(),
+                                            static_cast<SQLINTEGER>(m_wide.size() - 1));
     });
 }
 
 const std::vector<Column>& OdbcProgram::columns() {
     m_database.requireConnection();
+    if (!m_statement) useStatement({});
     prepareOnce();
     m_described = describeColumns(*m_statement);
     return m_described;
@@ -104,14 +133,20 @@ Outcome OdbcProgram::execute(ParameterSets& sets) {
     const auto run = [&] {
         return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
     };
+    useStatement(parameters.types());
+    for (const size_t position : m_statement->booleans) {
+        if (parameters.mayBeBooleans(position)) parameters.sendAsBooleans(position);
+    }
     const Executed executed{m_database, m_kind};
+    m_failed = true;
     Outcome outcome;
     try {
         outcome = run();
     } catch (const Error& error) {
-        if (!callOtherwise(error) && !sendBooleans(parameters, error)) throw;
+        if (!callOtherwise(error) && !sendBooleans(parameters, error) && !renewPlan(error)) throw;
         outcome = run();
     }
+    m_failed = false;
     sets.allSucceeded();
     return outcome;
 }
@@ -134,7 +169,7 @@ bool OdbcProgram::callOtherwise(const Error& error) {
         return false;
     m_sql = markedSql(std::exchange(m_call->statement, {}), m_database.dialect());
     m_wide = wideText(m_sql.text);
-    m_prepared = m_executed = false;
+    m_statement->prepared = m_statement->executed = false;
     return true;
 }
 
@@ -161,9 +196,18 @@ bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
             continue;
         }
         parameters.sendAsBooleans(i);
+        m_statement->booleans.push_back(i);
         found = true;
     }
     return found;
+}
+
+/// After `error`: whether the server's plan was out of date, and a new one is to be made.
+bool OdbcProgram::renewPlan(const Error& error) {
+    const char* const stalePlan = m_database.dialect().stalePlan;
+    if (!m_statement->prepared || !stalePlan || error.state() != stalePlan) return false;
+    m_statement = std::make_shared<OdbcStatement>(m_database);
+    return true;
 }
 
 // Results of statements in front, which yield no rows, are passed over, their rows counted.

@@ -81,20 +81,32 @@ constexpr TypeEntry kTypes[] = {
 
 constexpr SQLSMALLINT kMaxFraction = 9;
 
+// The upper half of unsigned numbers fits the next larger type only.
+constexpr TypeEntry kUnsigned[] = {
+    {SQL_SMALLINT, SQL_INTEGER, Form::Integer},
+    {SQL_INTEGER, SQL_BIGINT, Form::Integer},
+    {SQL_BIGINT, SQL_DECIMAL, Form::Ascii},
+};
+
 TypeEntry entryOf(SQLSMALLINT driverType, bool isUnsigned) noexcept {
-    // The upper half of the unsigned numbers fits no integer of 64 bits.
-    if (driverType == SQL_BIGINT && isUnsigned) return {driverType, SQL_DECIMAL, Form::Ascii};
-    const auto found = std::find_if(
-        std::begin(kTypes), std::end(kTypes),
-        [driverType](const TypeEntry& entry) { return entry.driverType == driverType; });
+    const auto isIt = [driverType](const TypeEntry& entry) {
+        return entry.driverType == driverType;
+    };
+    if (isUnsigned) {
+        const auto larger = std::find_if(std::begin(kUnsigned), std::end(kUnsigned), isIt);
+        if (larger != std::end(kUnsigned)) return *larger;
+    }
+    const auto found = std::find_if(std::begin(kTypes), std::end(kTypes), isIt);
     return found == std::end(kTypes) ? TypeEntry{driverType, SQL_WVARCHAR, Form::Wide} : *found;
 }
 
 /// How a value is read from this driver.
 Form formFor(Form form, const DriverHabits& habits) noexcept {
-    if (form == Form::Wide && habits.utf8Texts) return Form::Utf8;
+    using AsText = DriverHabits::AsText;
+    if (form == Form::Wide) return habits.utf8Texts ? Form::Utf8 : form;
+    if (form == Form::Binary || habits.comesAsText == AsText::None) return form;
     const bool temporal = form == Form::Date || form == Form::Timestamp;
-    return temporal && habits.textTemporals ? Form::Ascii : form;
+    return temporal || habits.comesAsText == AsText::All ? Form::Ascii : form;
 }
 
 bool isLong(SQLSMALLINT driverType) noexcept {
@@ -170,6 +182,9 @@ SQLSMALLINT columnCountOf(const OdbcStatement& statement) {
     return std::max<SQLSMALLINT>(count, 0);
 }
 
+/// No length and no indicator of any driver.
+constexpr SQLLEN kNotReported = -10'000;
+
 class OdbcRows final : public ResultSet {
   public:
     explicit OdbcRows(std::shared_ptr<OdbcStatement> statement);
@@ -186,7 +201,7 @@ class OdbcRows final : public ResultSet {
         Form form;
         bool bound = false;
         std::vector<char> buffer;
-        SQLLEN indicator = SQL_NULL_DATA;
+        SQLLEN indicator = kNotReported;
         std::string text;     ///< of a wide text, as UTF-8
         Temporal temporal{};  ///< of a date or timestamp
     };
@@ -238,8 +253,8 @@ void OdbcRows::bindColumns() {
 
 bool OdbcRows::next() {
     if (m_ended) return false;
-    // A value that the driver does not report is not that of the row before.
-    for (Slot& slot : m_slots) slot.indicator = SQL_NULL_DATA;
+    // A value that the driver does not report is neither NULL nor that of the row before.
+    for (Slot& slot : m_slots) slot.indicator = kNotReported;
     const SQLRETURN result =
         m_statement->run([&] { return m_manager.SQLFetch(m_statement->get()); });
     if (result == SQL_NO_DATA) {
@@ -264,7 +279,7 @@ void OdbcRows::finish() {
 /// Gets what the fetch has not put into the slot.
 void OdbcRows::complete(Slot& slot, SQLUSMALLINT number) {
     const FormTraits& traits = traitsOf(slot.form);
-    if (slot.bound) {
+    if (slot.bound && slot.indicator != kNotReported) {
         if (slot.indicator == SQL_NULL_DATA || traits.unit == 0) return;
         const bool fits = slot.indicator >= 0 && static_cast<size_t>(slot.indicator) <=
                                                      slot.buffer.size() - terminatorOf(slot.form);
@@ -286,7 +301,8 @@ void OdbcRows::readWhole(Slot& slot, SQLUSMALLINT number) {
     const FormTraits& traits = traitsOf(slot.form);
     const size_t terminator = terminatorOf(slot.form);
     size_t got = 0;
-    SQLLEN whole = slot.bound ? slot.indicator : SQL_NO_TOTAL;
+    const bool mayBeNull = !slot.bound || slot.indicator == kNotReported;
+    SQLLEN whole = mayBeNull ? SQL_NO_TOTAL : slot.indicator;
     for (;;) {
         if (traits.unit > 0) {
             // Lengths are the driver's word: no part is larger than this.
@@ -302,17 +318,18 @@ void OdbcRows::readWhole(Slot& slot, SQLUSMALLINT number) {
                                         slot.buffer.data() + got,
                                         static_cast<SQLLEN>(slot.buffer.size() - got), &rest);
         });
-        if (rest == SQL_NULL_DATA && got == 0 && !slot.bound) break;  // the indicator says so, too
+        if (result != SQL_NO_DATA && rest == SQL_NULL_DATA && got == 0 && mayBeNull) {
+            slot.indicator = SQL_NULL_DATA;
+            return;
+        }
         const bool contradiction =
             result == SQL_NO_DATA || (rest < 0 && rest != SQL_NO_TOTAL) ||
             (whole >= 0 && rest >= 0 && static_cast<SQLLEN>(got) + rest != whole);
-        if (contradiction && traits.unit > 0) {
-            refuse(number - 1U, "the driver's lengths contradict each other");
-        }
+        if (contradiction) refuse(number - 1U, "the driver's lengths contradict each other");
         const size_t part = slot.buffer.size() - got - terminator;
-        if (rest >= 0 && static_cast<size_t>(rest) <= part) {
+        if (traits.unit == 0 || (rest >= 0 && static_cast<size_t>(rest) <= part)) {
             slot.indicator = static_cast<SQLLEN>(got) + rest;
-            break;
+            return;
         }
         if (rest >= 0) whole = static_cast<SQLLEN>(got) + rest;
         got += part;

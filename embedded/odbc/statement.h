@@ -1,6 +1,6 @@
 #pragma once
 
-#include <memory>
+#include <vector>
 
 #include "odbc/database.h"
 
@@ -29,6 +29,11 @@ class OdbcStatement {
     SQLRETURN trySet(SQLINTEGER attribute, SQLPOINTER value) const {
         return manager().SQLSetStmtAttrW(get(), attribute, value, 0);
     }
+
+    // What became of it, while it is used for one text.
+    bool executed = false;
+    bool prepared = false;
+    std::vector<size_t> booleans;  ///< positions of markers that the server wants Booleans for
 
     const DriverManager& manager() const noexcept { return DriverManager::instance(); }
 
