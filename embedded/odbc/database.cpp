@@ -182,12 +182,7 @@ std::unique_ptr<Program> OdbcDatabase::prepare(std::string_view sql) {
 }
 
 void OdbcDatabase::runScript(std::string_view sql) {
-    const OdbcStatement statement(*this);
-    WideText wide = wideText(sql);
-    statement.run([&] {
-        return m_manager.SQLExecDirectW(statement.get(), wide.data(),
-                                        static_cast<SQLINTEGER>(wide.size() - 1));
-    });
+    OdbcStatement(*this).executeDirect(sql);
 }
 
 /// Runs `call` on a statement and the search arguments, which may be null pointers.
@@ -287,9 +282,7 @@ bool OdbcDatabase::inTransaction() {
     if (!m_autocommit) return true;
     if (!m_dialect->inTransaction) return m_begun;
     auto statement = std::make_shared<OdbcStatement>(*this);
-    WideText wide = wideText(m_dialect->inTransaction);
-    statement->run(
-        [&] { return m_manager.SQLExecDirectW(statement->get(), wide.data(), SQL_NTS); });
+    statement->executeDirect(m_dialect->inTransaction);
     const auto rows = makeOdbcRows(std::move(statement));
     if (!rows->next()) return false;
     const Cell answer = rows->cell(0);  // a text where the number is unsigned

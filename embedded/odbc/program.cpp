@@ -33,11 +33,7 @@ class OdbcProgram final : public Program {
   public:
     OdbcProgram(OdbcDatabase& database, MarkedSql sql, StatementKind kind,
                 std::optional<ProcedureCall> call)
-        : m_database(database),
-          m_sql(std::move(sql)),
-          m_wide(wideText(m_sql.text)),
-          m_kind(kind),
-          m_call(std::move(call)) {}
+        : m_database(database), m_sql(std::move(sql)), m_kind(kind), m_call(std::move(call)) {}
     ~OdbcProgram() override { giveBack(); }
 
     int parameterCount() override { return m_sql.parameters; }
@@ -64,7 +60,6 @@ class OdbcProgram final : public Program {
 
     OdbcDatabase& m_database;
     MarkedSql m_sql;
-    WideText m_wide;
     const StatementKind m_kind;
     std::optional<ProcedureCall> m_call;
     std::shared_ptr<OdbcStatement> m_statement;  ///< null before the first use
@@ -80,8 +75,11 @@ void OdbcProgram::useStatement(std::string types) {
     std::string key = m_sql.text + '\0' + std::move(types);
     if (m_statement && key == m_key) return;
     giveBack();
-    m_statement = m_database.idleStatements().take(key);
-    if (!m_statement) m_statement = std::make_shared<OdbcStatement>(m_database);
+    if (auto idle = m_database.idleStatements().take(key)) {
+        m_statement = std::move(idle->statement);
+    } else {
+        m_statement = std::make_shared<OdbcStatement>(m_database);
+    }
     m_key = std::move(key);
 }
 
@@ -91,31 +89,23 @@ void OdbcProgram::giveBack() noexcept {
     const bool worthKeeping = m_kind == StatementKind::Query || m_kind == StatementKind::Change;
     if (worthKeeping && !m_failed && m_statement && m_statement.use_count() == 1 &&
         m_statement->executed && m_key.size() <= kMostKeptText) {
-        m_database.idleStatements().keep(std::move(m_key), std::move(m_statement));
+        m_database.idleStatements().keep({std::move(m_key), std::move(m_statement)});
     }
     m_statement.reset();
 }
 
 void OdbcProgram::prepareOnce() {
     if (m_statement->prepared) return;
-    m_statement->run([&] {
-        return m_statement->manager().SQLPrepareW(m_statement->get(), m_wide.data(),
-                                                  static_cast<SQLINTEGER>(m_wide.size() - 1));
-    });
+    m_statement->prepare(m_sql.text);
     m_statement->prepared = true;
 }
 
 // A text that is executed once goes to the server in one step.
 SQLRETURN OdbcProgram::executeOnce() {
-    const DriverManager& manager = m_statement->manager();
     if (m_statement->executed) prepareOnce();
     m_statement->executed = true;
-    return m_statement->run([&] {
-        return m_statement->prepared
-                   ? manager.SQLExecute(m_statement->get())
-                   : manager.SQLExecDirectW(m_statement->get(), m_wide.data(),
-                                            static_cast<SQLINTEGER>(m_wide.size() - 1));
-    });
+    if (!m_statement->prepared) return m_statement->executeDirect(m_sql.text);
+    return m_statement->run([&] { return m_statement->manager().SQLExecute(m_statement->get()); });
 }
 
 const std::vector<Column>& OdbcProgram::columns() {
@@ -168,7 +158,6 @@ bool OdbcProgram::callOtherwise(const Error& error) {
     if (!m_call || m_call->statement.empty() || !wrongCall || error.state() != wrongCall)
         return false;
     m_sql = markedSql(std::exchange(m_call->statement, {}), m_database.dialect());
-    m_wide = wideText(m_sql.text);
     m_statement->prepared = m_statement->executed = false;
     return true;
 }

@@ -144,30 +144,41 @@ struct Described {
     Form form;
 };
 
+constexpr SQLSMALLINT kNameCapacity = 1024;
+
+/// Not by the length that the driver tells: some count wrong.
+std::string upToTerminator(const SQLWCHAR (&text)[kNameCapacity]) {
+    const auto* const end = std::find(std::begin(text), std::end(text), SQLWCHAR{0});
+    return narrowText(text, static_cast<size_t>(end - text));
+}
+
 Described describe(const OdbcStatement& statement, SQLUSMALLINT number) {
-    constexpr SQLSMALLINT kCapacity = 1024;
-    SQLWCHAR text[kCapacity] = {};
     SQLSMALLINT driverType = 0;
     SQLULEN size = 0;
     SQLSMALLINT digits = 0;
     SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
     const DriverManager& manager = statement.manager();
-    statement.handle().check(manager.SQLDescribeColW(
-        statement.get(), number, text, kCapacity, nullptr, &driverType, &size, &digits, &nullable));
-    // Up to the terminator: some drivers count wrong.
-    const auto given = [&text] {
-        const SQLWCHAR* const end = std::find(text, text + kCapacity, SQLWCHAR{0});
-        return narrowText(text, static_cast<size_t>(end - text));
+    const auto describeInto = [&](auto function, auto* text) {
+        statement.handle().check(function(statement.get(), number, text, kNameCapacity, nullptr,
+                                          &driverType, &size, &digits, &nullable));
     };
     Described result;
-    result.column.name = given();
+    SQLWCHAR text[kNameCapacity] = {};
+    if (statement.database().habits().narrow) {
+        SQLCHAR name[kNameCapacity] = {};
+        describeInto(manager.SQLDescribeCol, name);
+        result.column.name = reinterpret_cast<const char*>(name);
+    } else {
+        describeInto(manager.SQLDescribeColW, text);
+        result.column.name = upToTerminator(text);
+    }
     SQLLEN isUnsigned = SQL_FALSE;
     manager.SQLColAttributeW(statement.get(), number, SQL_DESC_UNSIGNED, nullptr, 0, nullptr,
                              &isUnsigned);
-    std::fill(text, text + kCapacity, SQLWCHAR{0});
+    std::fill(std::begin(text), std::end(text), SQLWCHAR{0});
     if (SQL_SUCCEEDED(manager.SQLColAttributeW(statement.get(), number, SQL_DESC_TYPE_NAME, text,
                                                sizeof text, nullptr, nullptr))) {
-        result.column.typeName = given();
+        result.column.typeName = upToTerminator(text);
     }
     const TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
     result.form = formFor(entry.form, statement.database().habits());

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "odbc/database.h"
+#include "odbc/utf16.h"
 
 namespace embedded {
 
@@ -23,6 +26,13 @@ class OdbcStatement {
         return m_handle.check(call());
     }
 
+    SQLRETURN prepare(std::string_view sql) const {
+        return send(sql, manager().SQLPrepareW, manager().SQLPrepare);
+    }
+    SQLRETURN executeDirect(std::string_view sql) const {
+        return send(sql, manager().SQLExecDirectW, manager().SQLExecDirect);
+    }
+
     void set(SQLINTEGER attribute, SQLULEN value) const {
         m_handle.check(trySet(attribute, reinterpret_cast<SQLPOINTER>(value)));
     }
@@ -38,6 +48,23 @@ class OdbcStatement {
     const DriverManager& manager() const noexcept { return DriverManager::instance(); }
 
   private:
+    // On its own way from wide to narrow the driver manager cuts every character of a text to one
+    // byte for a single one that it does not know.
+    template <class Wide, class Narrow>
+    SQLRETURN send(std::string_view sql, Wide wide, Narrow narrow) const {
+        if (!m_database.habits().narrow) {
+            WideText text = wideText(sql);
+            return run(
+                [&] { return wide(get(), text.data(), static_cast<SQLINTEGER>(text.size() - 1)); });
+        }
+        requireUtf8(sql, kNotUtf8);
+        std::string text(sql);
+        return run([&] {
+            return narrow(get(), reinterpret_cast<SQLCHAR*>(text.data()),
+                          static_cast<SQLINTEGER>(text.size()));
+        });
+    }
+
     OdbcDatabase& m_database;
     OdbcHandle m_handle;
 };
