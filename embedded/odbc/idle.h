@@ -1,35 +1,31 @@
 #pragma once
 
-#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include "odbc/statement.h"
+#include "recent.h"
 
 namespace embedded {
 
-/// Statements of one connection that wait for the same text to come again, with parameters of the
-/// same types; the least recently used go first. A text that comes a second time is prepared, and
-/// from the third time on the server has its plan already.
-class IdleStatements {
+/// A statement that waits for the same text to come again, with parameters of the same types. Its
+/// rows are closed, and nobody else holds it.
+struct IdleStatement {
+    std::string key;
+    std::shared_ptr<OdbcStatement> statement;
+
+    static std::string_view keyOf(const IdleStatement& idle) noexcept { return idle.key; }
+};
+
+/// The idle statements of one connection. A text that comes a second time is prepared, and from the
+/// third time on the server has its plan already.
+class IdleStatements : public RecentlyUsed<IdleStatement, &IdleStatement::keyOf> {
   public:
-    /// The statement kept under `key`, or null.
-    std::shared_ptr<OdbcStatement> take(std::string_view key);
-
-    /// Keeps `statement`, whose rows are closed and which nobody else holds.
-    void keep(std::string key, std::shared_ptr<OdbcStatement> statement) noexcept;
-
-    void clear() noexcept;
+    IdleStatements() noexcept : RecentlyUsed(kMost) {}
 
   private:
-    struct Entry {
-        std::string key;
-        std::shared_ptr<OdbcStatement> statement;
-    };
-    std::list<Entry> m_entries;  ///< most recently used first
-    std::unordered_map<std::string_view, std::list<Entry>::iterator> m_byKey;
+    static constexpr size_t kMost = 32;
 };
 
 }  // namespace embedded

@@ -11,7 +11,6 @@
 namespace embedded {
 namespace {
 
-constexpr size_t kMaxIdle = 64;
 constexpr size_t kMaxCachedText = size_t{16} * 1024;
 
 // Texts of other kinds seldom come twice, and most of them make compiled forms out of date.
@@ -68,13 +67,8 @@ CompiledStatement StatementCache::compileNew(std::string_view sql) {
 
 CompiledStatement StatementCache::find(std::string_view sql) {
     if (m_last && m_last->text == sql) return {*this, std::move(m_last)};
-    const auto found = m_byText.find(sql);
-    if (found == m_byText.end()) return {};
-    const Idle::iterator idle = found->second;
-    m_byText.erase(found);
-    std::unique_ptr<CompiledSql> compiled = std::move(*idle);
-    m_idle.erase(idle);
-    return {*this, std::move(compiled)};
+    auto idle = m_idle.take(sql);
+    return idle ? CompiledStatement(*this, std::move(*idle)) : CompiledStatement();
 }
 
 CompiledStatement StatementCache::compile(std::string_view sql) {
@@ -87,30 +81,12 @@ void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
     if (!isWorthKeeping(*sql) || sql->generation != m_generation) return;
     sqlite3_clear_bindings(sql->statement.get());
     std::swap(m_last, sql);
-    if (sql) store(std::move(sql));
-}
-
-// Two statements may have had the same text at a time; one of them is enough.
-void StatementCache::store(std::unique_ptr<CompiledSql> sql) noexcept {
-    if (m_byText.contains(sql->text)) return;
-    try {
-        m_idle.push_front(std::move(sql));
-        m_byText.emplace(m_idle.front()->text, m_idle.begin());
-    } catch (const std::bad_alloc&) {
-        // Keeping it is a convenience; a half-made entry must not stay.
-        if (m_byText.size() < m_idle.size()) m_idle.pop_front();
-        return;
-    }
-    if (size() > kMaxIdle) {
-        m_byText.erase(m_idle.back()->text);
-        m_idle.pop_back();
-    }
+    if (sql) m_idle.keep(std::move(sql));
 }
 
 void StatementCache::clear() noexcept {
     ++m_generation;
     m_last.reset();
-    m_byText.clear();
     m_idle.clear();
 }
 

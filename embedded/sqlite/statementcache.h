@@ -2,12 +2,11 @@
 
 #include <sqlite3.h>
 
-#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
+#include "recent.h"
 #include "sqlite/columnmemory.h"
 #include "sqlite/sqlscanner.h"
 
@@ -25,6 +24,10 @@ struct CompiledSql {
     bool readOnly = false;
     ColumnMemory columns;
     unsigned generation = 0;  ///< of the cache when it was compiled
+
+    static std::string_view textOf(const std::unique_ptr<CompiledSql>& sql) noexcept {
+        return sql->text;
+    }
 
     /// Whether it changes rows and SQLite counts them.
     bool countsRows() const noexcept {
@@ -63,7 +66,7 @@ class CompiledStatement {
 /// The idle compiled statements of one connection, by their text; the least recently used go first.
 class StatementCache {
   public:
-    explicit StatementCache(sqlite3* db) noexcept : m_db(db) {}
+    explicit StatementCache(sqlite3* db) noexcept : m_db(db), m_idle(kMostIdle) {}
 
     /// The compiled form of `sql`, cached or new. Throws an `Error` of class 42 for a text that
     /// SQLite does not accept, that holds no statement, or more than one.
@@ -81,17 +84,16 @@ class StatementCache {
 
   private:
     friend class CompiledStatement;
-    using Idle = std::list<std::unique_ptr<CompiledSql>>;
+    using Idle = RecentlyUsed<std::unique_ptr<CompiledSql>, &CompiledSql::textOf>;
+    static constexpr size_t kMostIdle = 64;
 
     void giveBack(std::unique_ptr<CompiledSql> sql) noexcept;
-    void store(std::unique_ptr<CompiledSql> sql) noexcept;
 
     sqlite3* m_db;
     unsigned m_generation = 0;  ///< counts the calls of `clear`
     /// The one given back last: programs run one statement many times, and then nothing is moved.
     std::unique_ptr<CompiledSql> m_last;
-    Idle m_idle;  ///< the others, most recently used first
-    std::unordered_map<std::string_view, Idle::iterator> m_byText;
+    Idle m_idle;  ///< the others
 };
 
 }  // namespace embedded
