@@ -6,4 +6,5 @@ build release
 start_suites
 suite "C++" cpp_tests "$folder" cpp
 python_tests "$folder" python
+server_tests "$folder" python-servers
 finish_suites

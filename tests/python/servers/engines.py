@@ -1,0 +1,193 @@
+"""The databases that the one suite runs on: a class each with all that is not as for the others, and why."""
+
+import collections
+import contextlib
+import ctypes.util
+import datetime
+import decimal
+import sqlite3
+import tempfile
+
+import servers
+
+Kind = collections.namedtuple("Kind", "declared described values")
+
+DIGITS = "1234567890123456789012345678.0123456789"
+GUID = "00112233-4455-6677-8899-aabbccddeeff"
+
+# By kind: the declared type, the type in the description, and values that come back as they went in.
+KINDS = {
+    "integer": Kind("INTEGER", int, [0, 1, -1, 2**31 - 1, -(2**31)]),
+    "bigint": Kind("BIGINT", int, [0, 2**31, -(2**31) - 1, 2**63 - 1, -(2**63)]),
+    "double": Kind("DOUBLE PRECISION", float, [0.0, -0.5, 0.1 + 0.2, 1.7976931348623157e308, 5e-324, 2.0**53 + 2]),
+    "decimal": Kind("DECIMAL(38,10)", decimal.Decimal, ["0", "12.5", "-0.0000000001", DIGITS, "-" + DIGITS]),
+    "boolean": Kind("BOOLEAN", bool, [True, False]),
+    "date": Kind("DATE", datetime.date,
+                 [datetime.date(1, 1, 1), datetime.date(2024, 2, 29), datetime.date(9999, 12, 31)]),
+    "time": Kind("TIME", datetime.time, [datetime.time(0, 0), datetime.time(23, 59, 59)]),
+    "timestamp": Kind("TIMESTAMP", datetime.datetime,
+                      [datetime.datetime(1, 1, 1), datetime.datetime(2024, 2, 29, 23, 59, 59, 123456),
+                       datetime.datetime(2024, 1, 1, 0, 0, 0, 1), datetime.datetime(9999, 12, 31, 23, 59, 59, 999999)]),
+    "text": Kind("TEXT", str, ["", " ", "a", "é€\U0001F600\U0010FFFF", "x" * 2047, "'\"\\?@a:b--/*", "a\r\n\tb "]),
+    "guid": Kind("UUID", str, [GUID]),
+}
+
+
+class Engine:
+    """The embedded SQLite engine, and what is the same for all."""
+
+    name = "sqlite"
+    library = None  # the ODBC driver
+    start = None  # of servers.py
+    kinds = {
+        # SQLite keeps a decimal as a double: 15 digits.
+        "decimal": {"values": ["0", "12.5", "-0.0001", "99999999999.9999"]},
+    }
+    # Where a bare marker is not of the column's type.
+    marker = {}
+    binary = "BLOB"
+    quoted = '"%s"'
+    characters = 0x110000
+    decimal_size = (12, 4)
+    # Cells that neither the ODBC types nor Python can hold: an error, never another value.
+    beyond = [("DATE", "'2024-02-30'"), ("INTEGER", "'abc'"), ("TIMESTAMP", "'10000-01-01'")]
+    # A statement, the state and the words of its failure.
+    failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
+                ("INSERT INTO t VALUES (1, 'again')", "23000", "UNIQUE")]
+    # A procedure that stores its arguments and one that yields them, both with the parameters a and b.
+    procedures = ["CREATE PROCEDURE put (a INTEGER, b TEXT) AS INSERT INTO t VALUES ($a, $b)",
+                  "CREATE PROCEDURE tell (a INTEGER, b TEXT) AS SELECT $a AS a, $b AS b"]
+    drop = "DROP PROCEDURE IF EXISTS "
+    marked_comments = True
+
+    def __init__(self, folder):
+        self.folder, self.server = folder, self.start and self.start()
+        self.path = "%s/%s.db" % (folder, self.name)
+        self.string = "Database={%s}" % self.path
+        if not self.server:
+            with contextlib.closing(sqlite3.connect(self.path)) as file:
+                file.execute("PRAGMA journal_mode = WAL")  # readers do not keep writers out
+
+    @classmethod
+    def missing(cls):
+        """What this engine needs and does not find, or None."""
+        if cls.library and not ctypes.util.find_library("odbc"):
+            return "there is no ODBC driver manager"
+        if cls.library and not servers.driver(cls.library):
+            return "there is no ODBC driver " + cls.library
+        if cls.start and not servers.program(cls.program):
+            return "there is no server program " + cls.program
+        return None
+
+    @classmethod
+    def kind(cls, name):
+        return KINDS[name]._replace(**cls.kinds.get(name, {}))
+
+
+class Sourced(Engine):
+    """An engine behind the driver manager."""
+
+    def source(self):
+        """The entry in odbc.ini."""
+
+    @property
+    def strings(self):
+        """Every way to name this source."""
+        words = ";".join("%s=%s" % item for item in self.named.items() if item[0] != "Driver")
+        return ["Driver={%s};%s" % (self.name, words), "DSN=" + self.name, "FILEDSN=%s/%s.dsn" % (self.folder, self.name)]
+
+
+class PostgreSQL(Sourced):
+    name, library, program, start = "postgresql", "psqlodbcw.so", "postgres", staticmethod(servers.postgresql)
+    kinds = {}
+    binary = "BYTEA"
+    # Not a DATE before Christ, nor a TIMESTAMP 'infinity': the driver makes other dates of them.
+    beyond = [("TIMESTAMP", "'10000-01-01'"), ("TIMESTAMP", "'0044-03-15 BC'"), ("DATE", "'10000-01-01'"),
+              ("DATE", "'infinity'")]
+    failures = [("SELECT * FROM nowhere", "42P01", "nowhere"), ("SELEC 1", "42601", "SELEC"),
+                ("INSERT INTO t VALUES (1, 'again')", "23505", "duplicate key"),
+                ("INSERT INTO t VALUES (NULL, NULL)", "23502", "null value"),
+                ("SELECT 1 / 0", "22012", "division by zero")]
+    procedures = ["CREATE PROCEDURE put(a integer, b text) LANGUAGE sql AS 'INSERT INTO t VALUES (a, b)'",
+                  "CREATE FUNCTION tell(a integer, b text) RETURNS TABLE (x integer, y text) LANGUAGE sql"
+                  " AS 'SELECT a, b'"]
+    drop = "DROP ROUTINE IF EXISTS "
+
+    def source(self):
+        # The driver calls a BOOLEAN a text unless it is told not to.
+        return {"Servername": "127.0.0.1", "Port": self.server.port, "Database": "postgres", "Username": "vorda",
+                "UID": "vorda", "BoolsAsChar": 0}
+
+    # The driver fetches the whole result at once unless it is told not to.
+    streaming = "UseDeclareFetch=1;Fetch=100"
+    pause = "CAST(pg_sleep(0.02) AS TEXT)"
+    numbers = "generate_series(1, 200000) AS numbers (n)"
+
+
+class MariaDB(Sourced):
+    name, library, program, start = "mariadb", "libmaodbc.so", "mariadbd", staticmethod(servers.mariadb)
+    kinds = {
+        # BOOLEAN is another word for TINYINT.
+        "boolean": {"described": int},
+        "timestamp": {"declared": "DATETIME(6)"},
+        # TEXT ends at 64 KB.
+        "text": {"declared": "LONGTEXT"},
+    }
+    binary = "LONGBLOB"
+    quoted = "`%s`"
+    beyond = [("DATE", "'0000-00-00'"), ("DATETIME", "'2024-02-00 01:02:03'"), ("TIME", "'-01:00:00'"),
+              ("TIME", "'100:00:00'")]
+    failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
+                ("INSERT INTO t VALUES (1, 'again')", "23000", "Duplicate entry"),
+                ("INSERT INTO t VALUES (NULL, NULL)", "23000", "cannot be null")]
+    procedures = ["CREATE PROCEDURE put(a INTEGER, b TEXT) INSERT INTO t VALUES (a, b)",
+                  "CREATE PROCEDURE tell(a INTEGER, b TEXT) SELECT a, b"]
+
+    def source(self):
+        return {"Server": "127.0.0.1", "Port": self.server.port, "Database": "vorda", "User": "root"}
+
+    streaming = None  # the driver knows only whole results
+    pause = "sleep(0.02)"
+    numbers = "(SELECT seq AS n FROM seq_1_to_200000) numbers"
+
+
+class SQLiteODBC(Sourced):
+    name, library = "sqliteodbc", "libsqlite3odbc.so"
+    kinds = {
+        # The driver says text.
+        "decimal": {"described": str, "values": ["0", "12.5"]},
+        # It delivers 15 digits.
+        "double": {"values": [0.0, -0.5, 0.1, 1e300, 123456789012345.0]},
+    }
+    decimal_size = (12, 0)  # it describes no scale
+    failures = [("SELECT * FROM nowhere", "HY000", "nowhere"), ("SELEC 1", "HY000", "SELEC"),
+                ("INSERT INTO t VALUES (1, 'again')", "HY000", "UNIQUE")]
+    marked_comments = False  # it counts the markers in comments
+    procedures = []
+
+    def source(self):
+        return {"Database": self.path}
+
+
+ENGINES = {engine.name: engine for engine in (Engine, PostgreSQL, MariaDB, SQLiteODBC)}
+SERVERS = [PostgreSQL.name, MariaDB.name]
+
+
+@contextlib.contextmanager
+def running():
+    """All engines that can be had, by name, with the driver manager set up for them."""
+    with contextlib.ExitStack() as stack:
+        folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="vorda-sources-"))
+        engines = {}
+        for name, engine in ENGINES.items():
+            if engine.missing() is None:
+                engines[name] = engine(folder)
+                if engine.start:
+                    stack.callback(engines[name].server.stop)
+        sourced = [engine for engine in engines.values() if isinstance(engine, Sourced)]
+        named = servers.configure(folder, {engine.name: {"Driver": servers.driver(engine.library), **engine.source()}
+                                           for engine in sourced})
+        for engine in sourced:
+            engine.named = named[engine.name]
+            engine.string = engine.strings[0]
+        yield engines

@@ -1,0 +1,61 @@
+# The suite that runs on every engine, with PostgreSQL, MariaDB and SQLite behind the ODBC driver manager. What cannot
+# be installed is skipped, and said.
+. tools/suites.sh
+
+# want PACKAGE... for FILE (a pattern): the packages, unless the file is there.
+want() {
+    packages=
+    while [ "$1" != for ]; do packages="$packages $1"; shift; done
+    # shellcheck disable=SC2086
+    [ -n "$(find /usr/lib /usr/sbin -path "$2" 2>/dev/null | head -n 1)" ] || echo $packages
+}
+
+# Debian's postgresql makes a database cluster and starts it, which nobody asked for: not while this file is there.
+no_cluster=/etc/postgresql-common/createcluster.d/vorda.conf
+
+# get PACKAGE...: all, else what can be had of them; a failure is not the end.
+get() {
+    if [ "$(id -u)" != 0 ] || ! command -v apt-get >/dev/null; then
+        say "NOT INSTALLED, please do it yourself: $*"
+        return
+    fi
+    say "installing $*"
+    (install_packages "$@") 2>/dev/null && return
+    for package in "$@"; do (install_packages "$package") || say "CANNOT BE INSTALLED: $package"; done
+}
+
+provide_servers() {
+    # shellcheck disable=SC2046
+    set -- $(
+        want postgresql for '/usr/lib/postgresql/*/bin/postgres'
+        want odbc-postgresql for '*/odbc/psqlodbcw.so'
+        # The server's program without its service.
+        want mariadb-server-core mariadb-client-core for '*/mariadbd'
+        want odbc-mariadb for '*/odbc/libmaodbc.so'
+        want libsqliteodbc for '*/odbc/libsqlite3odbc.so')
+    [ $# -gt 0 ] || return 0
+    if [ "$(id -u)" = 0 ]; then
+        mkdir -p "${no_cluster%/*}"
+        echo "create_main_cluster = false" >"$no_cluster"
+    fi
+    get "$@"
+    rm -f "$no_cluster"
+}
+
+# For the tests of both in one program.
+provide_pyodbc() {
+    PYTHONPATH=$pytest_folder "$python" -c 'import pyodbc' 2>/dev/null && return
+    if is_debian_python; then get python3-pyodbc; return; fi
+    say "providing pyodbc for $python"
+    "$python" -m pip install --quiet --disable-pip-version-check --retries 0 --timeout 20 \
+        --target "$pytest_folder" pyodbc 2>/dev/null || say "NO PYODBC for $python"
+}
+
+setup
+provide_servers
+provide_pyodbc
+say "building for $python"
+build release $package_targets
+start_suites
+server_tests "$folder" servers
+finish_suites
