@@ -196,10 +196,22 @@ SQLSMALLINT columnCountOf(const OdbcStatement& statement) {
 /// No length and no indicator of any driver.
 constexpr SQLLEN kNotReported = -10'000;
 
+/// Bytes of the longest value; servers allow no longer ones, so this is a lie.
+constexpr SQLLEN kLongest = SQLLEN{1} << 30U;
+
+constexpr const char* kContradiction = "the driver's lengths contradict each other";
+
+/// Bytes of the longest character. A driver may leave the end of a part free for not cutting one.
+constexpr size_t kCharacter = 4;
+
 class OdbcRows final : public ResultSet {
   public:
-    explicit OdbcRows(std::shared_ptr<OdbcStatement> statement);
+    explicit OdbcRows(std::shared_ptr<OdbcStatement> statement)
+        : m_manager(statement->manager()), m_statement(std::move(statement)) {}
     ~OdbcRows() override;
+
+    /// To be called once; an object that could not be opened unbinds what it had bound.
+    void open();
 
     const std::vector<Column>& columns() override { return m_columns; }
     int columnCount() const override { return static_cast<int>(m_columns.size()); }
@@ -217,9 +229,10 @@ class OdbcRows final : public ResultSet {
         Temporal temporal{};  ///< of a date or timestamp
     };
 
-    void bindColumns();
     void complete(Slot& slot, SQLUSMALLINT number);
     void readWhole(Slot& slot, SQLUSMALLINT number);
+    void requireTerminator(const Slot& slot, SQLUSMALLINT number) const;
+    void bindColumns();
     void finish();
     [[noreturn]] void refuse(size_t index, const std::string& what) const;
     const Temporal& temporalOf(Slot& slot, size_t index) const;
@@ -231,10 +244,9 @@ class OdbcRows final : public ResultSet {
     bool m_ended = false;
 };
 
-OdbcRows::OdbcRows(std::shared_ptr<OdbcStatement> statement)
-    : m_manager(statement->manager()), m_statement(std::move(statement)) {
-    const SQLSMALLINT count = columnCountOf(*m_statement);
-    for (SQLSMALLINT number = 1; number <= count; ++number) {
+void OdbcRows::open() {
+    const int count = columnCountOf(*m_statement);
+    for (int number = 1; number <= count; ++number) {
         Described described = describe(*m_statement, static_cast<SQLUSMALLINT>(number));
         m_columns.push_back(std::move(described.column));
         m_slots.emplace_back().form = described.form;
@@ -291,10 +303,17 @@ void OdbcRows::finish() {
 void OdbcRows::complete(Slot& slot, SQLUSMALLINT number) {
     const FormTraits& traits = traitsOf(slot.form);
     if (slot.bound && slot.indicator != kNotReported) {
-        if (slot.indicator == SQL_NULL_DATA || traits.unit == 0) return;
+        if (slot.indicator == SQL_NULL_DATA) return;
+        if (traits.unit == 0) {
+            if (slot.indicator < 0) refuse(number - 1U, kContradiction);
+            return;
+        }
         const bool fits = slot.indicator >= 0 && static_cast<size_t>(slot.indicator) <=
                                                      slot.buffer.size() - terminatorOf(slot.form);
-        if (fits) return;
+        if (fits) {
+            requireTerminator(slot, number);
+            return;
+        }
     }
     readWhole(slot, number);
     if (slot.bound) {
@@ -307,14 +326,28 @@ void OdbcRows::complete(Slot& slot, SQLUSMALLINT number) {
     }
 }
 
+// A length in characters instead of bytes, say, would cut the text unseen.
+void OdbcRows::requireTerminator(const Slot& slot, SQLUSMALLINT number) const {
+    const size_t terminator = terminatorOf(slot.form);
+    const char* const end = slot.buffer.data() + slot.indicator;
+    const bool whole = terminator <= 1 || slot.indicator % 2 == 0;
+    if (!whole || std::count(end, end + terminator, '\0') != static_cast<long>(terminator)) {
+        refuse(number - 1U, kContradiction);
+    }
+}
+
 /// Asks for a value, in as many parts as it takes.
 void OdbcRows::readWhole(Slot& slot, SQLUSMALLINT number) {
     const FormTraits& traits = traitsOf(slot.form);
     const size_t terminator = terminatorOf(slot.form);
+    const auto require = [&](bool holds) {
+        if (!holds) refuse(number - 1U, kContradiction);
+    };
     size_t got = 0;
     const bool mayBeNull = !slot.bound || slot.indicator == kNotReported;
     SQLLEN whole = mayBeNull ? SQL_NO_TOTAL : slot.indicator;
     for (;;) {
+        require(whole <= kLongest && got <= size_t{kLongest});
         if (traits.unit > 0) {
             // Lengths are the driver's word: no part is larger than this.
             constexpr size_t kLargestPart = size_t{64} << 20U;
@@ -323,27 +356,42 @@ void OdbcRows::readWhole(Slot& slot, SQLUSMALLINT number) {
             const size_t room = std::min(wanted, got + kLargestPart);
             if (slot.buffer.size() < room) slot.buffer.resize(room + room % traits.unit);
         }
-        SQLLEN rest = SQL_NULL_DATA;
+        char* const part = slot.buffer.data() + got;
+        const size_t room = slot.buffer.size() - got - terminator;
+        // To see afterwards how far the driver has come.
+        std::fill(part + room + terminator - std::min(kCharacter, room) * (terminator > 0),
+                  part + room + terminator, '\xFF');
+        SQLLEN rest = kNotReported;
         const SQLRETURN result = m_statement->run([&] {
-            return m_manager.SQLGetData(m_statement->get(), number, traits.cType,
-                                        slot.buffer.data() + got,
-                                        static_cast<SQLLEN>(slot.buffer.size() - got), &rest);
+            return m_manager.SQLGetData(m_statement->get(), number, traits.cType, part,
+                                        static_cast<SQLLEN>(room + terminator), &rest);
         });
-        if (result != SQL_NO_DATA && rest == SQL_NULL_DATA && got == 0 && mayBeNull) {
+        require(result != SQL_NO_DATA);
+        if (rest == SQL_NULL_DATA && got == 0 && mayBeNull) {
             slot.indicator = SQL_NULL_DATA;
             return;
         }
-        const bool contradiction =
-            result == SQL_NO_DATA || (rest < 0 && rest != SQL_NO_TOTAL) ||
-            (whole >= 0 && rest >= 0 && static_cast<SQLLEN>(got) + rest != whole);
-        if (contradiction) refuse(number - 1U, "the driver's lengths contradict each other");
-        const size_t part = slot.buffer.size() - got - terminator;
-        if (traits.unit == 0 || (rest >= 0 && static_cast<size_t>(rest) <= part)) {
-            slot.indicator = static_cast<SQLLEN>(got) + rest;
+        require(rest >= 0 || (rest == SQL_NO_TOTAL && traits.unit > 0));
+        require(rest <= kLongest);
+        const SQLLEN all = rest >= 0 ? static_cast<SQLLEN>(got) + rest : SQL_NO_TOTAL;
+        require(whole < 0 || all < 0 || all == whole);
+        if (traits.unit == 0 || (rest >= 0 && static_cast<size_t>(rest) <= room)) {
+            slot.indicator = all;
+            if (traits.unit > 0) requireTerminator(slot, number);
             return;
         }
-        if (rest >= 0) whole = static_cast<SQLLEN>(got) + rest;
-        got += part;
+        whole = all;
+        size_t filled = room;
+        if (terminator > 0) {
+            const auto ends = [&] {
+                return part[filled] == 0 && part[filled + terminator - 1] == 0;
+            };
+            while (!ends()) {
+                require(filled >= terminator && room - filled < kCharacter);
+                filled -= terminator;
+            }
+        }
+        got += filled;
     }
 }
 
@@ -427,15 +475,17 @@ Cell OdbcRows::cell(int column) {
 
 std::vector<Column> describeColumns(const OdbcStatement& statement) {
     std::vector<Column> columns;
-    const SQLSMALLINT count = columnCountOf(statement);
-    for (SQLSMALLINT number = 1; number <= count; ++number) {
+    const int count = columnCountOf(statement);
+    for (int number = 1; number <= count; ++number) {
         columns.push_back(describe(statement, static_cast<SQLUSMALLINT>(number)).column);
     }
     return columns;
 }
 
 std::unique_ptr<ResultSet> makeOdbcRows(std::shared_ptr<OdbcStatement> statement) {
-    return std::make_unique<OdbcRows>(std::move(statement));
+    auto rows = std::make_unique<OdbcRows>(std::move(statement));
+    rows->open();
+    return rows;
 }
 
 }  // namespace embedded

@@ -1,0 +1,395 @@
+#include "driver.h"
+
+#include <algorithm>
+#include <cstring>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+using namespace odbc_driver;
+
+namespace {
+
+Script& script() {
+    static Script instance;
+    return instance;
+}
+
+std::mutex mutex;  // of what the driver writes into the script
+
+struct Binding {
+    SQLSMALLINT cType = 0;
+    char* target = nullptr;
+    SQLLEN capacity = 0;
+    SQLLEN* indicator = nullptr;
+};
+
+struct Statement {
+    std::vector<Result> results;
+    size_t result = 0;
+    size_t row = 0;  ///< counted from 1
+    size_t offset = 0;
+    SQLUSMALLINT partColumn = 0;
+    std::map<SQLUSMALLINT, Binding> columns;
+    std::map<SQLINTEGER, SQLPOINTER> attributes;
+
+    Result& current() {
+        static Result none;
+        return result < results.size() ? results[result] : none;
+    }
+    template <class T>
+    T* pointer(SQLINTEGER attribute) {
+        return static_cast<T*>(attributes[attribute]);
+    }
+};
+
+Statement& statementOf(SQLHANDLE handle) {
+    return *static_cast<Statement*>(handle);
+}
+
+/// Notes a call; what the script answers to it, or `kUsual`.
+SQLRETURN answer(const std::string& name, const std::string& details = "", int* number = nullptr) {
+    int call = 0;
+    {
+        const std::lock_guard lock(mutex);
+        call = ++script().calls[name];
+        script().log.push_back(details.empty() ? name : name + " " + details);
+    }
+    if (number) *number = call;
+    const auto found = script().answers.find(name);
+    return found == script().answers.end() ? kUsual : found->second(call);
+}
+
+/// The same for a call whose usual work is `work`.
+template <class Work>
+SQLRETURN answerOr(const std::string& name, const std::string& details, Work&& work) {
+    const SQLRETURN told = answer(name, details);
+    return told == kUsual ? static_cast<SQLRETURN>(work()) : told;
+}
+
+std::string narrow(const SQLWCHAR* text, SQLINTEGER length) {
+    std::string result;
+    for (SQLINTEGER i = 0; length == SQL_NTS ? text[i] != 0 : i < length; ++i) {
+        result += text[i] < 0x80 ? static_cast<char>(text[i]) : '~';
+    }
+    return result;
+}
+
+template <class T, class Value>
+void store(T* target, Value value) {
+    if (target) *target = static_cast<T>(value);
+}
+
+/// Copies at most `room` units of `text` with a terminator.
+void put(const std::u16string& text, SQLWCHAR* target, size_t room) {
+    if (!target || room == 0) return;
+    const size_t kept = std::min(text.size(), room - 1);
+    std::copy_n(text.begin(), kept, target);
+    target[kept] = 0;
+}
+
+size_t fixedSize(SQLSMALLINT cType) {
+    switch (cType) {
+        case SQL_C_SBIGINT:
+        case SQL_C_DOUBLE:
+            return sizeof(SQLBIGINT);
+        case SQL_C_BIT:
+            return 1;
+        case SQL_C_TYPE_DATE:
+            return sizeof(SQL_DATE_STRUCT);
+        case SQL_C_TYPE_TIMESTAMP:
+            return sizeof(SQL_TIMESTAMP_STRUCT);
+        default:
+            return 0;
+    }
+}
+
+/// Delivers what is behind `offset`, which moves on; the length is the one claimed or what was
+/// left.
+SQLRETURN deliver(const Cell& cell, const Binding& to, size_t& offset) {
+    const std::string_view rest = std::string_view(cell.bytes).substr(offset);
+    if (to.indicator) *to.indicator = cell.claimed.value_or(static_cast<SQLLEN>(rest.size()));
+    const size_t fixed = fixedSize(to.cType);
+    const size_t unit = to.cType == SQL_C_WCHAR ? sizeof(SQLWCHAR) : to.cType == SQL_C_CHAR;
+    size_t room = fixed;
+    if (fixed == 0) {
+        room = static_cast<size_t>(to.capacity);
+        if (room < unit) return SQL_SUCCESS_WITH_INFO;
+        room -= unit;
+    }
+    const size_t kept = std::min(room, rest.size());
+    if (kept > 0) std::memcpy(to.target, rest.data(), kept);
+    if (fixed == 0) std::memset(to.target + kept, 0, unit);
+    offset += kept;
+    return kept < rest.size() ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
+}
+
+SQLRETURN execute(const std::string& name, SQLHANDLE handle, const std::string& text) {
+    Statement& statement = statementOf(handle);
+    const auto sets = reinterpret_cast<SQLULEN>(statement.attributes[SQL_ATTR_PARAMSET_SIZE]);
+    Execution execution{0, std::max<SQLULEN>(sets, 1),
+                        statement.pointer<SQLUSMALLINT>(SQL_ATTR_PARAM_STATUS_PTR),
+                        statement.pointer<SQLULEN>(SQL_ATTR_PARAMS_PROCESSED_PTR)};
+    const SQLRETURN told =
+        answer(name, text + (sets > 1 ? " sets=" + std::to_string(sets) : ""), &execution.call);
+    if (told != kUsual) return told;
+    statement.results = script().results;
+    statement.result = statement.row = 0;
+    const SQLRETURN result = script().execute ? script().execute(execution) : kUsual;
+    if (result != kUsual) return result;
+    if (execution.status) std::fill_n(execution.status, execution.sets, SQL_PARAM_SUCCESS);
+    if (execution.processed) *execution.processed = execution.sets;
+    return SQL_SUCCESS;
+}
+
+SQLRETURN openCatalog(const std::string& name, SQLHANDLE handle, const std::string& details) {
+    return answerOr(name, details, [&] {
+        Statement& statement = statementOf(handle);
+        statement.results = {script().catalog};
+        statement.result = statement.row = 0;
+        return SQL_SUCCESS;
+    });
+}
+
+/// Notes an attribute that is set, and keeps it.
+SQLRETURN setAttribute(const char* name, SQLINTEGER attribute, SQLPOINTER value, bool isPointer,
+                       Statement* statement) {
+    const std::string shown =
+        isPointer ? (value ? "set" : "none") : std::to_string(reinterpret_cast<SQLULEN>(value));
+    return answerOr(name, std::to_string(attribute) + "=" + shown, [&] {
+        if (statement) statement->attributes[attribute] = value;
+        return SQL_SUCCESS;
+    });
+}
+
+}  // namespace
+
+extern "C" {
+
+Script* odbc_driver_script() {
+    return &script();
+}
+
+SQLRETURN SQLAllocHandle(SQLSMALLINT type, SQLHANDLE, SQLHANDLE* out) {
+    return answerOr("SQLAllocHandle", std::to_string(type), [&] {
+        *out = new Statement;
+        const std::lock_guard lock(mutex);
+        ++script().handles;
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLFreeHandle(SQLSMALLINT type, SQLHANDLE handle) {
+    return answerOr("SQLFreeHandle", std::to_string(type), [&] {
+        delete static_cast<Statement*>(handle);
+        const std::lock_guard lock(mutex);
+        --script().handles;
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLSetEnvAttr(SQLHENV, SQLINTEGER, SQLPOINTER, SQLINTEGER) {
+    return SQL_SUCCESS;
+}
+
+SQLRETURN SQLDriverConnectW(SQLHDBC, SQLHWND, SQLWCHAR* text, SQLSMALLINT length, SQLWCHAR*,
+                            SQLSMALLINT, SQLSMALLINT*, SQLUSMALLINT) {
+    return answerOr("SQLDriverConnectW", narrow(text, length), [] { return SQL_SUCCESS; });
+}
+
+SQLRETURN SQLDisconnect(SQLHDBC) {
+    return answerOr("SQLDisconnect", "", [] { return SQL_SUCCESS; });
+}
+
+SQLRETURN SQLGetInfoW(SQLHDBC, SQLUSMALLINT type, SQLPOINTER value, SQLSMALLINT capacity,
+                      SQLSMALLINT* length) {
+    return answerOr("SQLGetInfoW", std::to_string(type), [&] {
+        const auto text = script().texts.find(type);
+        const auto number = script().numbers.find(type);
+        if (text != script().texts.end()) {
+            put(text->second, static_cast<SQLWCHAR*>(value),
+                static_cast<size_t>(capacity) / sizeof(SQLWCHAR));
+            if (length) *length = static_cast<SQLSMALLINT>(text->second.size() * sizeof(SQLWCHAR));
+        } else if (number != script().numbers.end()) {
+            std::memcpy(value, &number->second, sizeof number->second);
+        } else {
+            return SQL_ERROR;
+        }
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLSetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER) {
+    return setAttribute("SQLSetConnectAttrW", attribute, value, false, nullptr);
+}
+
+SQLRETURN SQLGetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER,
+                             SQLINTEGER*) {
+    return answerOr("SQLGetConnectAttrW", std::to_string(attribute), [&] {
+        const SQLUINTEGER alive = SQL_CD_FALSE;
+        std::memcpy(value, &alive, sizeof alive);
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLEndTran(SQLSMALLINT, SQLHANDLE, SQLSMALLINT completion) {
+    return answerOr("SQLEndTran", completion == SQL_COMMIT ? "commit" : "rollback",
+                    [] { return SQL_SUCCESS; });
+}
+
+SQLRETURN SQLPrepareW(SQLHSTMT, SQLWCHAR* text, SQLINTEGER length) {
+    return answerOr("SQLPrepareW", narrow(text, length), [] { return SQL_SUCCESS; });
+}
+
+SQLRETURN SQLExecDirectW(SQLHSTMT handle, SQLWCHAR* text, SQLINTEGER length) {
+    return execute("SQLExecDirectW", handle, narrow(text, length));
+}
+
+SQLRETURN SQLExecute(SQLHSTMT handle) {
+    return execute("SQLExecute", handle, "");
+}
+
+SQLRETURN SQLBindParameter(SQLHSTMT, SQLUSMALLINT number, SQLSMALLINT, SQLSMALLINT, SQLSMALLINT,
+                           SQLULEN, SQLSMALLINT, SQLPOINTER, SQLLEN, SQLLEN*) {
+    return answerOr("SQLBindParameter", std::to_string(number), [] { return SQL_SUCCESS; });
+}
+
+SQLRETURN SQLDescribeParam(SQLHSTMT, SQLUSMALLINT, SQLSMALLINT* type, SQLULEN*, SQLSMALLINT*,
+                           SQLSMALLINT*) {
+    return answerOr("SQLDescribeParam", "", [&] { return *type = SQL_BIT, SQL_SUCCESS; });
+}
+
+SQLRETURN SQLNumResultCols(SQLHSTMT handle, SQLSMALLINT* count) {
+    return answerOr("SQLNumResultCols", "", [&] {
+        const Result& result = statementOf(handle).current();
+        *count = result.claimed.value_or(static_cast<SQLSMALLINT>(result.columns.size()));
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLDescribeColW(SQLHSTMT handle, SQLUSMALLINT number, SQLWCHAR* name,
+                          SQLSMALLINT capacity, SQLSMALLINT* length, SQLSMALLINT* type,
+                          SQLULEN* size, SQLSMALLINT* digits, SQLSMALLINT* nullable) {
+    return answerOr("SQLDescribeColW", std::to_string(number), [&] {
+        const auto& columns = statementOf(handle).current().columns;
+        const Column column = number <= columns.size() ? columns[number - 1U] : Column{u"more"};
+        put(column.name, name, static_cast<size_t>(capacity));
+        store(length, column.claimed.value_or(static_cast<SQLSMALLINT>(column.name.size())));
+        store(type, column.type);
+        store(size, 100);
+        store(digits, 0);
+        store(nullable, SQL_NULLABLE);
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLColAttributeW(SQLHSTMT, SQLUSMALLINT, SQLUSMALLINT field, SQLPOINTER, SQLSMALLINT,
+                           SQLSMALLINT*, SQLLEN* number) {
+    return answerOr("SQLColAttributeW", std::to_string(field), [&] {
+        if (number) *number = SQL_FALSE;
+        return field == SQL_DESC_UNSIGNED ? SQL_SUCCESS : SQL_ERROR;
+    });
+}
+
+SQLRETURN SQLBindCol(SQLHSTMT handle, SQLUSMALLINT number, SQLSMALLINT cType, SQLPOINTER target,
+                     SQLLEN capacity, SQLLEN* indicator) {
+    return answerOr("SQLBindCol", std::to_string(number), [&] {
+        statementOf(handle).columns[number] = {cType, static_cast<char*>(target), capacity,
+                                               indicator};
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLFetch(SQLHSTMT handle) {
+    return answerOr("SQLFetch", "", [&] {
+        Statement& statement = statementOf(handle);
+        const Result& result = statement.current();
+        statement.partColumn = 0;
+        if (statement.row >= result.rows.size()) return SQL_NO_DATA;
+        const auto& row = result.rows[statement.row++];
+        bool cut = false;
+        // What an earlier result was bound to is written, too, as drivers do.
+        for (const auto& [number, binding] : statement.columns) {
+            size_t offset = 0;
+            const Cell cell = number <= row.size() ? row[number - 1U] : Cell{};
+            if (binding.target) cut |= deliver(cell, binding, offset) != SQL_SUCCESS;
+        }
+        return cut ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLGetData(SQLHSTMT handle, SQLUSMALLINT number, SQLSMALLINT cType, SQLPOINTER target,
+                     SQLLEN capacity, SQLLEN* indicator) {
+    GetData call{0, number, static_cast<char*>(target), capacity, indicator};
+    const SQLRETURN told = answer("SQLGetData", std::to_string(number), &call.call);
+    if (told != kUsual) return told;
+    if (script().getData) {
+        const SQLRETURN result = script().getData(call);
+        if (result != kUsual) return result;
+    }
+    Statement& statement = statementOf(handle);
+    const Cell& cell = statement.current().rows[statement.row - 1][number - 1U];
+    if (std::exchange(statement.partColumn, number) != number) statement.offset = 0;
+    if (statement.offset > 0 && statement.offset >= cell.bytes.size()) return SQL_NO_DATA;
+    return deliver(cell, {cType, call.target, capacity, indicator}, statement.offset);
+}
+
+SQLRETURN SQLMoreResults(SQLHSTMT handle) {
+    return answerOr("SQLMoreResults", "", [&] {
+        Statement& statement = statementOf(handle);
+        statement.row = 0;
+        return ++statement.result < statement.results.size() ? SQL_SUCCESS : SQL_NO_DATA;
+    });
+}
+
+SQLRETURN SQLRowCount(SQLHSTMT handle, SQLLEN* count) {
+    return answerOr("SQLRowCount", "",
+                    [&] { return *count = statementOf(handle).current().changed, SQL_SUCCESS; });
+}
+
+SQLRETURN SQLFreeStmt(SQLHSTMT handle, SQLUSMALLINT option) {
+    return answerOr("SQLFreeStmt", std::to_string(option), [&] {
+        if (option == SQL_UNBIND) statementOf(handle).columns.clear();
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLCancel(SQLHSTMT) {
+    return answerOr("SQLCancel", "", [] { return SQL_SUCCESS; });
+}
+
+SQLRETURN SQLSetStmtAttrW(SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER) {
+    return setAttribute("SQLSetStmtAttrW", attribute, value, attribute != SQL_ATTR_PARAMSET_SIZE,
+                        &statementOf(handle));
+}
+
+SQLRETURN SQLTablesW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*,
+                     SQLSMALLINT, SQLWCHAR*, SQLSMALLINT) {
+    return openCatalog("SQLTablesW", handle, "");
+}
+
+SQLRETURN SQLColumnsW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*,
+                      SQLSMALLINT, SQLWCHAR*, SQLSMALLINT) {
+    return openCatalog("SQLColumnsW", handle, "");
+}
+
+SQLRETURN SQLProcedureColumnsW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR* schema,
+                               SQLSMALLINT, SQLWCHAR* name, SQLSMALLINT, SQLWCHAR*, SQLSMALLINT) {
+    return openCatalog("SQLProcedureColumnsW", handle,
+                       (schema ? narrow(schema, SQL_NTS) + "." : "") + narrow(name, SQL_NTS));
+}
+
+SQLRETURN SQLGetDiagRecW(SQLSMALLINT, SQLHANDLE, SQLSMALLINT number, SQLWCHAR* state,
+                         SQLINTEGER* native, SQLWCHAR* text, SQLSMALLINT capacity,
+                         SQLSMALLINT* length) {
+    const auto& all = script().diagnostics;
+    if (number < 1 || static_cast<size_t>(number) > all.size()) return SQL_NO_DATA;
+    const Diagnostic& record = all[static_cast<size_t>(number) - 1];
+    put(record.state, state, SQL_SQLSTATE_SIZE + 1);
+    if (native) *native = record.native;
+    put(record.text, text, static_cast<size_t>(std::max<SQLSMALLINT>(capacity, 0)));
+    if (length) *length = record.claimed.value_or(static_cast<SQLSMALLINT>(record.text.size()));
+    return SQL_SUCCESS;
+}
+
+}  // extern "C"
