@@ -343,7 +343,7 @@ std::optional<std::vector<size_t>> selectedColumns(const std::vector<Token>& tok
 
 }  // namespace
 
-std::optional<ProcedureCall> procedureCall(OdbcDatabase& database, std::string_view sql) {
+std::optional<DriverCall> driverCall(OdbcDatabase& database, std::string_view sql) {
     const Dialect& dialect = database.dialect();
     {
         DialectScanner scanner(sql, dialect);
@@ -374,7 +374,7 @@ std::optional<ProcedureCall> procedureCall(OdbcDatabase& database, std::string_v
         text += value;
     }
     text += ')';
-    return ProcedureCall{"{call " + text + "}", "CALL " + text};
+    return DriverCall{"{call " + text + "}", "CALL " + text};
 }
 
 std::unique_ptr<Program> prepareParameterQuery(OdbcDatabase& database, std::string_view sql) {

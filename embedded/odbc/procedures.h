@@ -11,7 +11,7 @@
 namespace embedded {
 
 /// A procedure call in the forms that servers understand, the arguments in declared order.
-struct ProcedureCall {
+struct DriverCall {
     std::string escape;     ///< {call name(…)}, for the driver to translate
     std::string statement;  ///< CALL name(…)
 };
@@ -19,7 +19,7 @@ struct ProcedureCall {
 /// "EXECUTE name a=@1 , b=@2 " as the driver's call; nothing for any other statement. EXECUTE with
 /// arguments in brackets, with USING or IMMEDIATE is the server's own. Throws when an argument is
 /// missing, unknown or doubled.
-std::optional<ProcedureCall> procedureCall(OdbcDatabase& database, std::string_view sql);
+std::optional<DriverCall> driverCall(OdbcDatabase& database, std::string_view sql);
 
 /// "SELECT … FROM sys_procedureparameters WHERE ProcedureName = …", to be answered from the
 /// driver's catalogue; null for any other statement. Throws for a question that is put otherwise.

@@ -32,7 +32,7 @@ struct Executed {
 class OdbcProgram final : public Program {
   public:
     OdbcProgram(OdbcDatabase& database, MarkedSql sql, StatementKind kind,
-                std::optional<ProcedureCall> call)
+                std::optional<DriverCall> call)
         : m_database(database), m_sql(std::move(sql)), m_kind(kind), m_call(std::move(call)) {}
     ~OdbcProgram() override { giveBack(); }
 
@@ -61,7 +61,7 @@ class OdbcProgram final : public Program {
     OdbcDatabase& m_database;
     MarkedSql m_sql;
     const StatementKind m_kind;
-    std::optional<ProcedureCall> m_call;
+    std::optional<DriverCall> m_call;
     std::shared_ptr<OdbcStatement> m_statement;  ///< null before the first use
     std::string m_key;                           ///< of it, among the idle ones
     bool m_failed = false;                       ///< it is not to be used again
@@ -338,7 +338,7 @@ SQLLEN OdbcProgram::countAll(SQLRETURN result) {
 std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql) {
     database.requireConnection();
     if (auto program = prepareParameterQuery(database, sql)) return program;
-    auto call = procedureCall(database, sql);
+    auto call = driverCall(database, sql);
     const Dialect& dialect = database.dialect();
     MarkedSql marked = markedSql(call ? std::string_view(call->escape) : sql, dialect);
     return std::make_unique<OdbcProgram>(database, std::move(marked), kindOfStatement(sql, dialect),
