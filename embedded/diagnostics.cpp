@@ -32,10 +32,6 @@ void Diagnostics::warning(std::string_view state, std::string_view text) {
     made(m_records).push_back({sqlState(state), 0, runtimeMessage(text)});
 }
 
-size_t Diagnostics::count() const noexcept {
-    return (m_records ? m_records->size() : 0) + (m_outOfMemory ? 1 : 0);
-}
-
 const DiagnosticRecord* Diagnostics::at(size_t index) const noexcept {
     if (m_outOfMemory) {
         if (index == 0) return &kOutOfMemory;

@@ -33,7 +33,9 @@ class Diagnostics {
 
     void warning(std::string_view state, std::string_view text);
 
-    size_t count() const noexcept;
+    size_t count() const noexcept {
+        return (m_records ? m_records->size() : 0) + (m_outOfMemory ? 1 : 0);
+    }
 
     /// The record at the 0-based `index`, or null. Valid until the next change.
     const DiagnosticRecord* at(size_t index) const noexcept;

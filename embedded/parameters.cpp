@@ -97,13 +97,15 @@ struct ParameterKind {
     Length length = Length::Fixed;
 };
 
+// In front those that every value of every execution is looked up for.
 constexpr ParameterKind kKinds[] = {
     {SQL_C_WCHAR, readBytes<Value::Kind::Text>, 0, Length::Text},
+    {SQL_C_LONG, readInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
+    {SQL_C_SBIGINT, readInteger<SQLBIGINT>, sizeof(SQLBIGINT)},
+    {SQL_C_DOUBLE, readReal<SQLDOUBLE>, sizeof(SQLDOUBLE)},
     {SQL_C_CHAR, readBytes<Value::Kind::Text>, 0, Length::Text},
     {SQL_C_BINARY, readBytes<Value::Kind::Binary>, 0, Length::Binary},
-    {SQL_C_SBIGINT, readInteger<SQLBIGINT>, sizeof(SQLBIGINT)},
     {SQL_C_UBIGINT, readInteger<SQLUBIGINT>, sizeof(SQLUBIGINT)},
-    {SQL_C_LONG, readInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
     {SQL_C_SLONG, readInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
     {SQL_C_ULONG, readInteger<SQLUINTEGER>, sizeof(SQLUINTEGER)},
     {SQL_C_SHORT, readInteger<SQLSMALLINT>, sizeof(SQLSMALLINT)},
@@ -113,7 +115,6 @@ constexpr ParameterKind kKinds[] = {
     {SQL_C_STINYINT, readInteger<SQLSCHAR>, sizeof(SQLSCHAR)},
     {SQL_C_UTINYINT, readInteger<SQLCHAR>, sizeof(SQLCHAR)},
     {SQL_C_BIT, readBit, sizeof(SQLCHAR)},
-    {SQL_C_DOUBLE, readReal<SQLDOUBLE>, sizeof(SQLDOUBLE)},
     {SQL_C_FLOAT, readReal<SQLREAL>, sizeof(SQLREAL)},
     {SQL_C_DATE, readDate, sizeof(SQL_DATE_STRUCT)},
     {SQL_C_TYPE_DATE, readDate, sizeof(SQL_DATE_STRUCT)},
