@@ -1,5 +1,6 @@
 #pragma once
 
+#include <span>
 #include <string_view>
 
 namespace embedded {
@@ -38,6 +39,11 @@ struct Dialect {
 /// The dialect of the database that its driver names so (SQL_DBMS_NAME); plain SQL for others.
 const Dialect& dialectOf(std::string_view dbms) noexcept;
 
+struct FirstWords {
+    std::string_view first;
+    std::string_view second;  ///< empty: any
+};
+
 /// What is to be known about a driver and cannot be asked of it.
 struct DriverHabits {
     /// To be added to the connection string unless it has this key; null for nothing.
@@ -49,7 +55,9 @@ struct DriverHabits {
     /// Which values, besides texts, it delivers right only as texts.
     enum class AsText { None, Temporals, All } comesAsText = AsText::None;
     bool textTemporals = false;  ///< dates and times have to be sent as texts
-    bool narrow = false;         ///< it knows no wide functions, and takes UTF-8 in the others
+    /// Statements that it must not be given, by their first one or two words.
+    std::span<const FirstWords> unreadable = {};
+    bool narrow = false;  ///< it knows no wide functions, and takes UTF-8 in the others
 };
 
 /// The habits of the driver library `file` (SQL_DRIVER_NAME).

@@ -337,6 +337,12 @@ SQLLEN OdbcProgram::countAll(SQLRETURN result) {
 
 std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql) {
     database.requireConnection();
+    const FirstWords words = firstWords(sql, database.dialect());
+    const auto& unreadable = database.habits().unreadable;
+    if (std::any_of(unreadable.begin(), unreadable.end(),
+                    [&words](const FirstWords& pattern) { return begin(words, pattern); })) {
+        throw notSupported("The driver cannot read what this statement answers.");
+    }
     if (auto program = prepareParameterQuery(database, sql)) return program;
     auto call = driverCall(database, sql);
     const Dialect& dialect = database.dialect();

@@ -181,41 +181,47 @@ MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
     return result;
 }
 
-StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noexcept {
+FirstWords firstWords(std::string_view sql, const Dialect& dialect) noexcept {
     DialectScanner scanner(sql, dialect);
     const std::string_view first = scanner.next().text;
-    const std::string_view second = scanner.next().text;
+    return {first, scanner.next().text};
+}
+
+bool begin(const FirstWords& words, const FirstWords& pattern) noexcept {
+    return sameWord(words.first, pattern.first) &&
+           (pattern.second.empty() || sameWord(words.second, pattern.second));
+}
+
+StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noexcept {
     struct Entry {
-        std::string_view first;
-        std::string_view second;  ///< empty: any
+        FirstWords words;
         StatementKind kind;
     };
     using enum StatementKind;
     static constexpr Entry kEntries[] = {
-        {"SELECT", "", Query},
-        {"VALUES", "", Query},
-        {"SHOW", "", Query},
-        {"EXPLAIN", "", Query},
-        {"INSERT", "", Change},
-        {"UPDATE", "", Change},
-        {"DELETE", "", Change},
-        {"REPLACE", "", Change},
-        {"MERGE", "", Change},
-        {"WITH", "", Change},
-        {"START", "TRANSACTION", Begin},
-        {"BEGIN", "", Begin},
-        {"COMMIT", "", End},
-        {"END", "", End},
-        {"ABORT", "", End},
-        {"ROLLBACK", "TO", Savepoint},
-        {"ROLLBACK", "", End},
-        {"SAVEPOINT", "", Savepoint},
-        {"RELEASE", "", Savepoint},
+        {{"SELECT", ""}, Query},
+        {{"VALUES", ""}, Query},
+        {{"SHOW", ""}, Query},
+        {{"EXPLAIN", ""}, Query},
+        {{"INSERT", ""}, Change},
+        {{"UPDATE", ""}, Change},
+        {{"DELETE", ""}, Change},
+        {{"REPLACE", ""}, Change},
+        {{"MERGE", ""}, Change},
+        {{"WITH", ""}, Change},
+        {{"START", "TRANSACTION"}, Begin},
+        {{"BEGIN", ""}, Begin},
+        {{"COMMIT", ""}, End},
+        {{"END", ""}, End},
+        {{"ABORT", ""}, End},
+        {{"ROLLBACK", "TO"}, Savepoint},
+        {{"ROLLBACK", ""}, End},
+        {{"SAVEPOINT", ""}, Savepoint},
+        {{"RELEASE", ""}, Savepoint},
     };
+    const FirstWords words = firstWords(sql, dialect);
     for (const Entry& entry : kEntries) {
-        if (sameWord(entry.first, first) &&
-            (entry.second.empty() || sameWord(entry.second, second)))
-            return entry.kind;
+        if (begin(words, entry.words)) return entry.kind;
     }
     return Other;
 }
