@@ -62,6 +62,7 @@ constexpr DriverHabits kSqlite{.arrays = false,
                                .utf8Texts = true,
                                .comesAsText = AsText::All,
                                .textTemporals = true,
+                               .staleTypes = true,
                                .narrow = true};
 
 // It does not know that these answer with rows, leaves the rows on the wire, and crashes when it

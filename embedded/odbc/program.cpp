@@ -86,7 +86,8 @@ void OdbcProgram::useStatement(std::string types) {
 // Texts of other kinds seldom come twice. Rows that are still read keep the statement for
 // themselves.
 void OdbcProgram::giveBack() noexcept {
-    const bool worthKeeping = m_kind == StatementKind::Query || m_kind == StatementKind::Change;
+    const bool worthKeeping = (m_kind == StatementKind::Query || m_kind == StatementKind::Change) &&
+                              !m_database.habits().staleTypes;
     if (worthKeeping && !m_failed && m_statement && m_statement.use_count() == 1 &&
         m_statement->executed && m_key.size() <= kMostKeptText) {
         m_database.idleStatements().keep({std::move(m_key), std::move(m_statement)});
