@@ -43,14 +43,15 @@ class Engine:
         # SQLite keeps a decimal as a double: 15 digits.
         "decimal": {"values": ["0", "12.5", "-0.0001", "99999999999.9999"]},
     }
-    # Where a bare marker is not of the column's type.
-    marker = {}
     binary = "BLOB"
     quoted = '"%s"'
-    characters = 0x110000
+    backslash = "\\"  # in a string
     decimal_size = (12, 4)
+    # Cells of other types: how they are written in SQL, and what is read.
+    others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("VARCHAR(3)", "'longer'", "longer")]
     # Cells that neither the ODBC types nor Python can hold: an error, never another value.
-    beyond = [("DATE", "'2024-02-30'"), ("INTEGER", "'abc'"), ("TIMESTAMP", "'10000-01-01'")]
+    beyond = [("DATE", "'2024-02-30'"), ("INTEGER", "'abc'"), ("BIGINT", "9223372036854775808"),
+              ("TIMESTAMP", "'10000-01-01'"), ("TEXT", "x'ff'")]
     # A statement, the state and the words of its failure.
     failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23000", "UNIQUE")]
@@ -101,14 +102,18 @@ class PostgreSQL(Sourced):
     name, library, program, start = "postgresql", "psqlodbcw.so", "postgres", staticmethod(servers.postgresql)
     kinds = {}
     binary = "BYTEA"
+    others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("CHAR(3)", "'z'", "z  "), ("REAL", "0.1", 0.1),
+              ("NUMERIC", "'1%s.5'" % ("0" * 80), decimal.Decimal("1%s.5" % ("0" * 80))), ("OID", "4294967295", 2**32 - 1),
+              ("TIMESTAMPTZ", "'2024-02-29 01:02:03.000004+00'", datetime.datetime(2024, 2, 29, 1, 2, 3, 4)),
+              ("TIMETZ", "'01:02:03+02'", "01:02:03+02"), ("INTEGER[]", "'{1,2}'", "{1,2}"), ("INTERVAL", "'1 day'", "1 day")]
     # Not a DATE before Christ, nor a TIMESTAMP 'infinity': the driver makes other dates of them.
     beyond = [("TIMESTAMP", "'10000-01-01'"), ("TIMESTAMP", "'0044-03-15 BC'"), ("DATE", "'10000-01-01'"),
-              ("DATE", "'infinity'")]
+              ("DATE", "'infinity'"), ("NUMERIC", "'NaN'")]
     failures = [("SELECT * FROM nowhere", "42P01", "nowhere"), ("SELEC 1", "42601", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23505", "duplicate key"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23502", "null value"),
                 ("SELECT 1 / 0", "22012", "division by zero")]
-    procedures = ["CREATE PROCEDURE put(a integer, b text) LANGUAGE sql AS 'INSERT INTO t VALUES (a, b)'",
+    procedures = ["CREATE PROCEDURE put(a integer, b text) LANGUAGE plpgsql AS 'BEGIN INSERT INTO t VALUES (a, b); END'",
                   "CREATE FUNCTION tell(a integer, b text) RETURNS TABLE (x integer, y text) LANGUAGE sql"
                   " AS 'SELECT a, b'"]
     drop = "DROP ROUTINE IF EXISTS "
@@ -134,13 +139,18 @@ class MariaDB(Sourced):
         "text": {"declared": "LONGTEXT"},
     }
     binary = "LONGBLOB"
+    others = [("TIME(6)", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("BIT(1)", "b'1'", True), ("BIT(1)", "b'0'", False),
+              ("TINYINT UNSIGNED", "255", 255), ("SMALLINT UNSIGNED", "65535", 65535), ("INT UNSIGNED", "4294967295", 2**32 - 1),
+              ("BIGINT UNSIGNED", "18446744073709551615", decimal.Decimal(2**64 - 1)), ("ENUM('a', 'ö')", "'ö'", "ö"),
+              ("VARCHAR(9)", "CONCAT('a', CHAR(0), 'b')", "a\0b"), ("JSON", "'[\"é\"]'", '["é"]')]
     quoted = "`%s`"
+    backslash = "\\\\"
     beyond = [("DATE", "'0000-00-00'"), ("DATETIME", "'2024-02-00 01:02:03'"), ("TIME", "'-01:00:00'"),
               ("TIME", "'100:00:00'")]
     failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23000", "Duplicate entry"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23000", "cannot be null")]
-    procedures = ["CREATE PROCEDURE put(a INTEGER, b TEXT) INSERT INTO t VALUES (a, b)",
+    procedures = ["CREATE PROCEDURE put(a INTEGER, b TEXT) BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
                   "CREATE PROCEDURE tell(a INTEGER, b TEXT) SELECT a, b"]
 
     def source(self):

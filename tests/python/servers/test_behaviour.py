@@ -1,7 +1,7 @@
 """What a program may rely on, whichever engine is behind the connection."""
 
 import ctypes
-import datetime
+import os
 import threading
 
 import pytest
@@ -31,7 +31,7 @@ def stored(connection):
 def test_values_come_back_as_they_went_in(cursor, engine, name):
     kind = engine.kind(name)
     cursor.execute("CREATE TABLE t (i INTEGER, x %s)" % kind.declared)
-    insert = "INSERT INTO t VALUES (?, %s)" % engine.marker.get(name, "?")
+    insert = "INSERT INTO t VALUES (?, ?)"
     for i, value in enumerate(kind.values):
         cursor.execute(insert, (i, value))
         assert cursor.rowcount == 1
@@ -48,27 +48,22 @@ def test_values_come_back_as_they_went_in(cursor, engine, name):
     assert {type(value) for value in back} == {expected}
 
 
-def test_every_microsecond_survives(cursor, engine):
-    fractions = [0, 1, 9, 10, 250, 999, 1000, 123456, 500000, 999999, *range(3, 999999, 7919)]
-    stamps = [datetime.datetime(2024, 5, 6, 7, 8, 9, fraction) for fraction in fractions]
-    cursor.execute("CREATE TABLE t (i INTEGER, x %s)" % engine.kind("timestamp").declared)
-    for i, stamp in enumerate(stamps):
-        cursor.execute("INSERT INTO t VALUES (?, ?)", i, stamp)
-    assert column(cursor, "SELECT x FROM t ORDER BY i") == stamps
-
-
 def test_none_is_an_empty_text(table):
     table.execute("INSERT INTO t VALUES (1, ?)", (None,))
     table.execute("INSERT INTO t VALUES (2, NULLIF(?, ''))", (None,))
     assert stored(table.connection) == [(1, ""), (2, None)]
 
 
-def test_cells_that_no_type_holds_are_errors(cursor, engine):
-    for declared, literal in engine.beyond:
+def test_cells_are_read_exactly_or_not_at_all(connect, engine):
+    cursor = connect().cursor()
+    for declared, literal, *value in engine.others + engine.beyond:
         cursor.execute("DROP TABLE IF EXISTS t")
         cursor.execute("CREATE TABLE t (x %s)" % declared)
         cursor.execute("INSERT INTO t VALUES (%s)" % literal)
         cursor.execute("SELECT x FROM t")
+        if value:
+            assert list(cursor.fetchone()) == value, declared
+            continue
         with pytest.raises(zelqa.DatabaseError):
             pytest.fail("%s %s was read as %r" % (declared, literal, cursor.fetchone()))
 
@@ -97,16 +92,15 @@ def test_megabytes_of_text_are_stored_whole_and_cut_with_a_warning(table, letter
 
 
 def test_all_of_unicode(table, engine):
-    points = [i for i in range(1, engine.characters) if not 0xD800 <= i < 0xE000]
+    points = [i for i in range(1, 0x110000) if not 0xD800 <= i < 0xE000]
     rows = [(i, "".join(map(chr, points[i:i + 500]))) for i in range(0, len(points), 500)]
     table.executemany("INSERT INTO t VALUES (?, ?)", rows)
     assert stored(table.connection) == rows
     # In the statement itself, in single parameters and in names.
     for text in ["e\u0301 ØÙÚÛ ö \u202e", "李\U0002A6D6", "\U0001F469\u200D\U0001F4BB\U0001F600", "\uFFFD\uD7FF\uE000"]:
-        if max(map(ord, text)) < engine.characters:
-            table.execute("SELECT ?, '%s' AS %s" % (text, engine.quoted % "Ø李€"), (text,))
-            assert table.description[1][0] == "Ø李€"
-            assert tuple(table.fetchone()) == (text, text)
+        table.execute("SELECT ?, '%s' AS %s" % (text, engine.quoted % "Ø李€"), (text,))
+        assert table.description[1][0] == "Ø李€"
+        assert tuple(table.fetchone()) == (text, text)
     for lone in ("\ud800", "a\udfff"):
         with pytest.raises(zelqa.ProgrammingError):
             table.execute("INSERT INTO t VALUES (-1, ?)", (lone,))
@@ -124,6 +118,7 @@ def test_all_of_unicode(table, engine):
     ("b = :b OR b = :c OR b = :b", {"b": "3", "c": "1"}, [1, 3]),
     ("b = @b OR b = @c OR b = @b", {"b": "3", "c": "1"}, [1, 3]),
     ("b <> '?' AND b <> ':x @1 ' AND b <> 'it''s ?' AND a > ?", (1,), [2, 3]),
+    ("b <> 'c:{backslash}' AND a > ?", (1,), [2, 3]),
     ("/* ? it's @1  */ a > ? -- ? :x\n AND b < ?", (1, "3"), [2]),
     ("t.{quoted} > ?", (1,), [2, 3]),
     ("a IN (" + "?, " * 11 + "?)", (9,) * 11 + (2,), [2]),
@@ -134,7 +129,7 @@ def test_markers(cursor, engine, where, values, expected):
     name = engine.quoted % "a?b@1 :c"
     cursor.execute("CREATE TABLE t (a INTEGER, b VARCHAR(20), %s INTEGER)" % name)
     cursor.executemany("INSERT INTO t VALUES (?, ?, ?)", [(1, "1", 1), (2, "2", 2), (3, "3", 3)])
-    sql = "SELECT a FROM t WHERE " + where.replace("{quoted}", name) + " ORDER BY a"
+    sql = "SELECT a FROM t WHERE " + where.replace("{quoted}", name).replace("{backslash}", engine.backslash) + " ORDER BY a"
     assert [row[0] for row in cursor.execute(sql, values)] == expected
 
 
@@ -169,6 +164,47 @@ def test_row_counts(table):
     assert table.executemany("INSERT INTO t VALUES (?, ?)", [(i, "v") for i in range(10, 60)]).rowcount == 50
 
 
+def test_texts_that_come_again_see_what_has_changed(cursor, engine):
+    for i in range(8):
+        kind = engine.kind(["integer", "text", "date", "double"][i % 4])
+        cursor.execute("DROP TABLE IF EXISTS t")
+        cursor.execute("CREATE TABLE t (x %s%s)" % (kind.declared, ", y INTEGER" * (i // 4)))
+        for value in kind.values[-2:] * 3:
+            cursor.execute("INSERT INTO t (x) VALUES (?)", (value,))
+        rows = [tuple(row) for row in cursor.execute("SELECT * FROM t")]
+        assert rows == [(value,) + (None,) * (i // 4) for value in kind.values[-2:] * 3]
+        assert cursor.description[0][1] is kind.described
+        with pytest.raises(zelqa.DatabaseError):
+            cursor.execute("SELECT z FROM t")
+    for i in range(300):  # more than are kept
+        assert cursor.execute("SELECT %d, ?" % (i % 150), (i,)).fetchone()[1] == i
+
+
+@pytest.mark.parametrize("engine", ["postgresql"], indirect=True)
+def test_markers_in_dollar_quotes_are_refused(cursor):
+    # They have become numbers before the engine sees them: what was meant as text would be stored altered.
+    assert cursor.execute("SELECT $$it's$$, $x$a $$ b$x$").fetchone()[0] == "it's"
+    for sql in ("SELECT $$a ? b$$", "SELECT $tag$ :x $tag$"):
+        with pytest.raises(zelqa.DatabaseError):
+            cursor.execute(sql)
+
+
+def test_a_child_process_leaves_the_connection_alone(table, connect):
+    table.execute("BEGIN")
+    table.execute("INSERT INTO t VALUES (1, 'parent')")
+    child = os.fork()
+    if child == 0:
+        try:
+            table.execute("INSERT INTO t VALUES (2, 'child')")
+        except zelqa.DatabaseError:
+            table.connection.close()
+            os._exit(0)
+        os._exit(1)
+    assert os.waitpid(child, 0)[1] == 0
+    table.execute("COMMIT")
+    assert stored(connect()) == [(1, "parent")]
+
+
 def test_several_cursors_of_one_connection(table):
     other = table.connection.cursor()
     table.executemany("INSERT INTO t VALUES (?, ?)", [(i, str(i)) for i in range(1000)])
@@ -187,6 +223,7 @@ def test_several_cursors_of_one_connection(table):
 
 @pytest.mark.parametrize("failing, rows", [
     ("a duplicate", [(i, "new") for i in range(1, 201)]),
+    ("behind many", [(i, "new") for i in range(1000, 12000)] + [(100, "new")]),
     ("a type", [("1", "x"), ("2", "y"), ("no number", "z"), ("4", "w")]),
 ])
 def test_a_batch_with_a_failing_row_stores_nothing(table, connect, engine, failing, rows):
