@@ -51,11 +51,11 @@ Result CalledFromPython(Result failed, Body&& body) noexcept {
 // METH_FASTCALL, which makes no tuple of the arguments.
 template <PyRef (*Method)(PyObject*, PyObject* const*, Py_ssize_t)>
 PyCFunction AsFastMethod() {
-    constexpr _PyCFunctionFast method = [](PyObject* self, PyObject* const* args,
-                                           Py_ssize_t count) noexcept {
-        return CalledFromPython<PyObject*>(nullptr,
-                                           [&] { return Method(self, args, count).Release(); });
-    };
+    constexpr PyObject* (*method)(PyObject*, PyObject* const*, Py_ssize_t) =
+        [](PyObject* self, PyObject* const* args, Py_ssize_t count) noexcept {
+            return CalledFromPython<PyObject*>(nullptr,
+                                               [&] { return Method(self, args, count).Release(); });
+        };
     return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(method));
 }
 
