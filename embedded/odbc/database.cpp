@@ -115,6 +115,7 @@ OdbcDatabase::~OdbcDatabase() {
 // Only the narrow function of unixODBC knows files of data sources.
 void OdbcDatabase::connect(std::string text, bool fromFile, Diagnostics& diagnostics) {
     WideText wide = wideText(text);
+    refuseNul(text, "connection string");
     // The manager takes the length as a short number, and a terminator for any.
     if (text.size() >= std::numeric_limits<SQLSMALLINT>::max()) {
         throw Error("HY090", "The connection string is too long.", native::kError);
@@ -135,7 +136,8 @@ void OdbcDatabase::connect(std::string text, bool fromFile, Diagnostics& diagnos
 // What is not committed is rolled back: a driver refuses to disconnect within a transaction.
 void OdbcDatabase::disconnect() noexcept {
     m_idle->clear();
-    if (!m_autocommit) m_manager.SQLEndTran(SQL_HANDLE_DBC, m_connection.get(), SQL_ROLLBACK);
+    if (!m_autocommit || m_begun || m_lost)
+        m_manager.SQLEndTran(SQL_HANDLE_DBC, m_connection.get(), SQL_ROLLBACK);
     m_manager.SQLDisconnect(m_connection.get());
 }
 
@@ -226,8 +228,7 @@ std::unique_ptr<ResultSet> OdbcDatabase::procedureColumns(const CatalogSearch& s
 
 void OdbcDatabase::requireConnection() const {
     if (m_lost) {
-        throw Error("08S01",
-                    "The connection is given up: what a failed batch had done could not be undone.",
+        throw Error("08S01", "The connection is given up: the driver could not end a transaction.",
                     native::kError);
     }
 }
@@ -236,6 +237,15 @@ void OdbcDatabase::driverAutocommit(bool on) const {
     m_connection.check(m_manager.SQLSetConnectAttrW(
         m_connection.get(), SQL_ATTR_AUTOCOMMIT,
         asPointer(on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF), SQL_IS_UINTEGER));
+}
+
+/// Otherwise nothing that comes would ever be committed.
+void OdbcDatabase::returnToAutocommit() noexcept {
+    try {
+        driverAutocommit(true);
+    } catch (...) {
+        m_lost = true;
+    }
 }
 
 void OdbcDatabase::endDriverTransaction(bool commit) const {
@@ -253,11 +263,17 @@ void OdbcDatabase::setAutocommit(bool on) {
 void OdbcDatabase::endTransaction(bool commit) {
     requireConnection();
     if (!commit) m_cursors.closeCursors();
-    if (m_autocommit && m_begun) {
-        m_begun = false;
-        runScript(commit ? "COMMIT" : "ROLLBACK");
-    } else {
-        endDriverTransaction(commit);
+    const bool begun = std::exchange(m_begun, false);
+    try {
+        if (m_autocommit && begun) {
+            runScript(commit ? "COMMIT" : "ROLLBACK");
+        } else {
+            endDriverTransaction(commit);
+        }
+    } catch (const Error&) {
+        // What the application does not want any more must not be committed later.
+        if (!commit && (begun || m_changed)) m_lost = true;
+        throw;
     }
     m_changed = false;
 }
@@ -306,7 +322,7 @@ void OdbcDatabase::Atomic::release() {
     if (m_savepoint.empty()) {
         m_database.endDriverTransaction(true);
         m_released = true;
-        m_database.driverAutocommit(true);
+        m_database.returnToAutocommit();
     } else {
         if (const char* release = m_database.m_dialect->release)
             m_database.runScript(release + m_savepoint);
@@ -320,7 +336,7 @@ void OdbcDatabase::Atomic::undo() noexcept {
     try {
         if (m_savepoint.empty()) {
             m_database.endDriverTransaction(false);
-            m_database.driverAutocommit(true);
+            m_database.returnToAutocommit();
             return;
         }
         const Dialect& dialect = *m_database.m_dialect;

@@ -23,7 +23,7 @@ class OdbcDatabase final : public Database {
     std::unique_ptr<Program> prepare(std::string_view sql) override;
     void setAutocommit(bool on) override;
     void endTransaction(bool commit) override;
-    bool hasChanges() override { return m_changed; }
+    bool hasChanges() override { return m_changed && !isDead(); }
     std::unique_ptr<ResultSet> tables(const CatalogSearch& search) override;
     std::unique_ptr<ResultSet> columns(const CatalogSearch& search) override;
     std::unique_ptr<ResultSet> procedureColumns(const CatalogSearch& search);
@@ -95,6 +95,7 @@ class OdbcDatabase final : public Database {
     void connect(std::string text, bool fromFile, Diagnostics& diagnostics);
     void disconnect() noexcept;
     void driverAutocommit(bool on) const;
+    void returnToAutocommit() noexcept;
     void endDriverTransaction(bool commit) const;
     bool inTransaction();
     template <class Call>
@@ -111,7 +112,7 @@ class OdbcDatabase final : public Database {
     bool m_autocommit = true;
     bool m_begun = false;    ///< a statement has opened a transaction with autocommit on
     bool m_changed = false;  ///< something was executed, with autocommit off, since the last end
-    bool m_lost = false;     ///< given up, see `Atomic`
+    bool m_lost = false;     ///< given up: nobody knows what would be kept of what is done on it
     unsigned m_savepoints = 0;
     std::mutex m_runningMutex;
     SQLHSTMT m_running = SQL_NULL_HSTMT;

@@ -49,7 +49,11 @@ std::optional<Record> recordOf(const DriverManager& manager, SQLSMALLINT type, S
     // The length is the driver's word; the terminator is the driver manager's.
     const size_t claimed = static_cast<size_t>(std::clamp<SQLSMALLINT>(length, 0, kCapacity - 1));
     const auto end = std::find(message, message + claimed, SQLWCHAR{0});
-    return Record{readableText(state, SQL_SQLSTATE_SIZE), code,
+    std::string shown = readableText(state, SQL_SQLSTATE_SIZE);
+    const bool valid = std::all_of(shown.begin(), shown.end(), [](char c) {
+        return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z');
+    });
+    return Record{valid ? shown : "HY000", code,
                   readableText(message, static_cast<size_t>(end - message))};
 }
 
@@ -74,11 +78,15 @@ OdbcHandle::OdbcHandle(SQLSMALLINT type, const OdbcHandle* parent)
 }
 
 OdbcHandle::~OdbcHandle() {
+    if (SQL_SUCCEEDED(m_manager.SQLFreeHandle(m_type, m_handle)) || m_type != SQL_HANDLE_STMT)
+        return;
+    // A statement in the middle of something is let go of only when that is over.
+    m_manager.SQLCancel(m_handle);
     m_manager.SQLFreeHandle(m_type, m_handle);
 }
 
 SQLRETURN OdbcHandle::check(SQLRETURN result) const {
-    if (SQL_SUCCEEDED(result) || result == SQL_NO_DATA) return result;
+    if (SQL_SUCCEEDED(result)) return result;
     throw failure();
 }
 

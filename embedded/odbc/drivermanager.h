@@ -68,7 +68,7 @@ class OdbcHandle {
 
     SQLHANDLE get() const noexcept { return m_handle; }
 
-    /// Throws the handle's diagnostic unless `result` is a success or SQL_NO_DATA; answers it.
+    /// Throws the handle's diagnostic unless `result` is a success; answers it.
     SQLRETURN check(SQLRETURN result) const;
 
     /// The failure that the last call on this handle reported.

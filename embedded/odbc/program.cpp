@@ -73,7 +73,7 @@ constexpr size_t kMostKeptText = size_t{16} * 1024;
 /// Takes a statement for parameters of these types.
 void OdbcProgram::useStatement(std::string types) {
     std::string key = m_sql.text + '\0' + std::move(types);
-    if (m_statement && key == m_key) return;
+    if (m_statement && !m_statement->spoilt && key == m_key) return;
     giveBack();
     if (auto idle = m_database.idleStatements().take(key)) {
         m_statement = std::move(idle->statement);
@@ -89,7 +89,7 @@ void OdbcProgram::giveBack() noexcept {
     const bool worthKeeping = (m_kind == StatementKind::Query || m_kind == StatementKind::Change) &&
                               !m_database.habits().staleTypes;
     if (worthKeeping && !m_failed && m_statement && m_statement.use_count() == 1 &&
-        m_statement->executed && m_key.size() <= kMostKeptText) {
+        m_statement->executed && !m_statement->spoilt && m_key.size() <= kMostKeptText) {
         m_database.idleStatements().keep({std::move(m_key), std::move(m_statement)});
     }
     m_statement.reset();
@@ -205,16 +205,18 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
     const DriverManager& manager = m_statement->manager();
     Outcome outcome;
     SQLLEN changed = 0;
-    while (result != SQL_NO_DATA) {
+    do {
+        // A change that finds no row is no end of the results.
         SQLSMALLINT columns = 0;
-        m_statement->handle().check(manager.SQLNumResultCols(m_statement->get(), &columns));
+        if (result != SQL_NO_DATA)
+            m_statement->handle().check(manager.SQLNumResultCols(m_statement->get(), &columns));
         if (columns > 0) {
             outcome.rows = makeOdbcRows(m_statement);
             return outcome;
         }
-        changed += countChanges();
+        if (result != SQL_NO_DATA) changed += countChanges();
         result = m_statement->run([&] { return manager.SQLMoreResults(m_statement->get()); });
-    }
+    } while (result != SQL_NO_DATA);
     return changedBy(changed);
 }
 
@@ -236,18 +238,21 @@ SQLLEN OdbcProgram::countChanges() {
 /// What SQL_ATTR_PARAMSET_SIZE and its companions are set to, for one execution.
 class ParameterArray {
   public:
-    ParameterArray(const OdbcStatement& statement, SQLULEN count)
-        : m_statement(statement), m_status(count, SQL_PARAM_UNUSED) {
-        m_accepted = set(SQL_ATTR_PARAMSET_SIZE, count) &&
-                     point(SQL_ATTR_PARAM_STATUS_PTR, m_status.data()) &&
+    ParameterArray(OdbcStatement& statement, SQLULEN count)
+        : m_statement(statement), m_status(count, kUntouched) {
+        const SQLRETURN sized = set(SQL_ATTR_PARAMSET_SIZE, count);
+        m_sized = SQL_SUCCEEDED(sized);
+        m_accepted = sized == SQL_SUCCESS && point(SQL_ATTR_PARAM_STATUS_PTR, m_status.data()) &&
                      point(SQL_ATTR_PARAMS_PROCESSED_PTR, &m_processed);
     }
     ParameterArray(const ParameterArray&) = delete;
     ParameterArray& operator=(const ParameterArray&) = delete;
     ~ParameterArray() {
-        set(SQL_ATTR_PARAMSET_SIZE, 1);
-        point(SQL_ATTR_PARAM_STATUS_PTR, nullptr);
-        point(SQL_ATTR_PARAMS_PROCESSED_PTR, nullptr);
+        if (!m_sized) return;
+        const bool single = SQL_SUCCEEDED(set(SQL_ATTR_PARAMSET_SIZE, 1));
+        const bool released = point(SQL_ATTR_PARAM_STATUS_PTR, nullptr);
+        const bool forgotten = point(SQL_ATTR_PARAMS_PROCESSED_PTR, nullptr);
+        if (!single || !released || !forgotten) m_statement.spoilt = true;
     }
 
     /// Whether the driver has arrays. A warning says that it has changed the value.
@@ -261,23 +266,36 @@ class ParameterArray {
                                     m_status.begin());
     }
 
-    /// Whether each set was executed, as far as the driver says.
+    bool anyFailed() const noexcept {
+        return std::find(m_status.begin(), m_status.end(), SQL_PARAM_ERROR) != m_status.end();
+    }
+
+    /// Whether each set was executed. Some drivers count them and say nothing of each.
     bool complete() const noexcept {
+        const auto all = [this](auto... states) {
+            return std::all_of(m_status.begin(), m_status.end(),
+                               [&](SQLUSMALLINT status) { return ((status == states) || ...); });
+        };
         return m_processed == m_status.size() &&
-               std::find(m_status.begin(), m_status.end(), SQL_PARAM_ERROR) == m_status.end();
+               (all(kUntouched) ||
+                all(SQL_PARAM_SUCCESS, SQL_PARAM_SUCCESS_WITH_INFO, SQL_PARAM_DIAG_UNAVAILABLE));
     }
 
   private:
-    bool set(SQLINTEGER attribute, SQLULEN value) const noexcept {
-        return point(attribute, reinterpret_cast<SQLPOINTER>(value));
+    /// No status of a driver.
+    static constexpr SQLUSMALLINT kUntouched = 0xFFFF;
+
+    SQLRETURN set(SQLINTEGER attribute, SQLULEN value) const noexcept {
+        return m_statement.trySet(attribute, reinterpret_cast<SQLPOINTER>(value));
     }
     bool point(SQLINTEGER attribute, SQLPOINTER value) const noexcept {
-        return m_statement.trySet(attribute, value) == SQL_SUCCESS;
+        return SQL_SUCCEEDED(m_statement.trySet(attribute, value));
     }
 
-    const OdbcStatement& m_statement;
+    OdbcStatement& m_statement;
     std::vector<SQLUSMALLINT> m_status;
     SQLULEN m_processed = 0;
+    bool m_sized = false;
     bool m_accepted = false;
 };
 
@@ -313,7 +331,12 @@ SQLLEN OdbcProgram::runArray(ParameterSets& sets, OdbcParameters& parameters, SQ
     sets.started(first + count - 1);
     const ParameterArray array(*m_statement, count);
     try {
-        const SQLLEN changed = countAll(executeOnce());
+        if (!array.accepted()) throw Error("HY000", "The driver takes arrays of some sizes only.");
+        const SQLRETURN result = executeOnce();
+        // Later calls would replace what the driver has to say.
+        if (result == SQL_SUCCESS_WITH_INFO && array.anyFailed())
+            throw m_statement->handle().failure();
+        const SQLLEN changed = countAll(result);
         if (!array.complete()) {
             throw Error("HY000", "The driver has not executed every parameter set of the batch.");
         }
@@ -338,6 +361,8 @@ SQLLEN OdbcProgram::countAll(SQLRETURN result) {
 
 std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql) {
     database.requireConnection();
+    sql = sql.substr(0, sql.find_last_not_of('\0') + 1);
+    refuseNul(sql, "statement");
     const FirstWords words = firstWords(sql, database.dialect());
     const auto& unreadable = database.habits().unreadable;
     if (std::any_of(unreadable.begin(), unreadable.end(),

@@ -256,8 +256,9 @@ void OdbcRows::open() {
 }
 
 OdbcRows::~OdbcRows() {
-    m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE);
-    m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND);
+    const bool closed = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE));
+    const bool unbound = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND));
+    if (!closed || !unbound) m_statement->spoilt = true;
 }
 
 // Values of any length are bound, too, where the rest of a long one can be asked for. Elsewhere

@@ -19,11 +19,13 @@ class OdbcStatement {
     SQLHSTMT get() const noexcept { return m_handle.get(); }
     const OdbcHandle& handle() const noexcept { return m_handle; }
 
-    /// Runs `call`, which another thread may interrupt, and throws what went wrong.
+    /// Runs `call`, which another thread may interrupt, and throws what went wrong. SQL_NO_DATA is
+    /// an answer here.
     template <class Call>
     SQLRETURN run(Call&& call) const {
         const OdbcDatabase::Running running(m_database, get());
-        return m_handle.check(call());
+        const SQLRETURN result = call();
+        return result == SQL_NO_DATA ? result : m_handle.check(result);
     }
 
     SQLRETURN prepare(std::string_view sql) const {
@@ -43,6 +45,7 @@ class OdbcStatement {
     // What became of it, while it is used for one text.
     bool executed = false;
     bool prepared = false;
+    bool spoilt = false;  ///< not to be used again: the driver holds on to rows or addresses
     std::vector<size_t> booleans;  ///< positions of markers that the server wants Booleans for
 
     const DriverManager& manager() const noexcept { return DriverManager::instance(); }

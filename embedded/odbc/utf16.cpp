@@ -116,6 +116,11 @@ void appendWide(std::string_view text, WideText& wide) {
     }
 }
 
+void refuseNul(std::string_view text, const char* what) {
+    if (text.find('\0') == std::string_view::npos) return;
+    throw Error("42000", std::string("The ") + what + " contains a NUL character.");
+}
+
 WideText wideText(std::string_view text) {
     WideText wide;
     appendWide(text, wide);

@@ -21,6 +21,9 @@ inline constexpr const char* kNotUtf8 = "A text is not UTF-8.";
 /// Throws 22021 for a text that is not UTF-8, with that message.
 void requireUtf8(std::string_view text, const char* message);
 
+/// Throws 42000 for a text with a NUL, where some drivers stop reading; `what` it is.
+void refuseNul(std::string_view text, const char* what);
+
 /// Appends `text`, UTF-8, to `wide`, without a terminator.
 void appendWide(std::string_view text, WideText& wide);
 

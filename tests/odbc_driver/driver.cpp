@@ -392,4 +392,10 @@ SQLRETURN SQLGetDiagRecW(SQLSMALLINT, SQLHANDLE, SQLSMALLINT number, SQLWCHAR* s
     return SQL_SUCCESS;
 }
 
+// The driver manager reads no records of a driver without it.
+SQLRETURN SQLGetDiagFieldW(SQLSMALLINT, SQLHANDLE, SQLSMALLINT, SQLSMALLINT, SQLPOINTER,
+                           SQLSMALLINT, SQLSMALLINT*) {
+    return SQL_NO_DATA;
+}
+
 }  // extern "C"

@@ -1,0 +1,288 @@
+// What fails, dies, waits or is inherited behind the driver manager.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <condition_variable>
+#include <thread>
+
+#include "driver_fixture.h"
+
+namespace embedded_test {
+namespace {
+
+struct DriverFailures : DriverTest {
+    DriverFailures() {
+        give(SQL_INTEGER, {number(1), number(2)});
+        script.diagnostics = {{u"42S02", 5, u"no such thing"}};
+    }
+};
+
+/// All that a program does; the rows it got in the end, or "!" and the state.
+Rows session() {
+    const auto failed = [](const Diagnostic& error) {
+        EXPECT_EQ(5U, error.state.size()) << error.message;
+        EXPECT_NE(0, error.native);
+        EXPECT_FALSE(error.message.empty());
+        return Rows{"!" + error.state};
+    };
+    Connection connection;
+    if (!SQL_SUCCEEDED(connection.open(kDriverText))) return failed(connection.error());
+    Rows rows;
+    {
+        Statement statement(connection.handle);
+        const SQLINTEGER value = 1;
+        SQLLEN length = 4;
+        for (int round = 0; round < 2; ++round) {
+            rows.clear();
+            if (statement.prepare("SELECT c FROM t WHERE a = @1 ") != SQL_SUCCESS)
+                return failed(statement.error());
+            statement.bind(1, SQL_C_LONG, &value, &length);
+            if (statement.execute() != SQL_SUCCESS) return failed(statement.error());
+            SQLRETURN result = SQL_SUCCESS;
+            while ((result = statement.fetch()) == SQL_SUCCESS) rows.push_back(statement.get(1));
+            if (result != SQL_NO_DATA) return failed(statement.error());
+            statement.close();
+        }
+    }
+    if (connection.autocommit(false) != SQL_SUCCESS) return failed(connection.error());
+    if (connection.run("DELETE FROM t") == SQL_ERROR) return failed(connection.last);
+    if (connection.end(SQL_COMMIT) != SQL_SUCCESS) return failed(connection.error());
+    return rows;
+}
+
+TEST_F(DriverFailures, OfEveryCallAreToldAndLeaveNothingBehind) {
+    const Rows all{"1", "2"};
+    ASSERT_EQ(all, session());
+    const std::map<std::string, int> calls = script.calls;
+    for (const auto& [function, count] : calls) {
+        // Without these nothing can be given back.
+        if (function == "SQLFreeHandle" || function == "SQLDisconnect") continue;
+        const bool executes = function.starts_with("SQLExec");
+        const bool mayEnd = executes || function == "SQLFetch";
+        for (int bad = 1; bad <= count; ++bad) {
+            for (const int result :
+                 {SQL_ERROR, SQL_INVALID_HANDLE, SQL_NEED_DATA, SQL_NO_DATA, -12345, SHRT_MAX}) {
+                // The driver manager lets go of no statement that awaits data for another reason.
+                if (result == SQL_NEED_DATA && !executes) continue;
+                SCOPED_TRACE(function + " " + std::to_string(bad) + " " + std::to_string(result));
+                script.calls.clear();
+                script.answers[function] = [=](int call) {
+                    return call == bad ? static_cast<SQLRETURN>(result) : kUsual;
+                };
+                const Rows rows = session();
+                const bool told = rows.size() == 1 && rows[0].starts_with('!');
+                EXPECT_TRUE(told || rows == all || (mayEnd && result == SQL_NO_DATA))
+                    << ::testing::PrintToString(rows);
+                script.answers.clear();
+                ASSERT_EQ(0, script.handles);
+            }
+        }
+    }
+}
+
+TEST_F(DriverFailures, ComeInTheDriversWords) {
+    const std::string known = "no such thing";
+    const struct {
+        std::vector<odbc_driver::Diagnostic> records;
+        std::string state;
+        int native;
+        std::string says;
+    } kCases[] = {
+        {{}, "HY000", 1, ""},
+        {{{u"42S02", 5, u"no such thing"}}, "42S02", 5, "[42S02] no such thing"},
+        {{{u"42S02", 0, u"no such thing"}}, "42S02", 1, known},
+        {{{u"42S02", -7, u"n\u00f6\U0001F600"}}, "42S02", -7, "n\u00f6\U0001F600"},
+        {{{u"HY000", 5, u"one"}, {u"01000", 0, u"two"}}, "HY000", 5, "one; [01000] two"},
+        {{{u"42S02", 5, {u'x', 0xD83D}}}, "42S02", 5, "x\uFFFD"},
+        {{{u"42S02", 5, u""}}, "42S02", 5, "[42S02]"},
+        {{{u"42S02", 5, u"no such thing", SQLSMALLINT{-9}}}, "42S02", 5, ""},
+        {{{u"42S02", 5, u"no such thing", SQLSMALLINT{32767}}}, "42S02", 5, known},
+        {{{u"42S02", 5, std::u16string(5000, u'y')}}, "42S02", 5, std::string(800, 'y')},
+        {{{u"", 5, u"no such thing"}}, "HY000", 5, known},
+        {{{u"42", 5, u"no such thing"}}, "HY000", 5, known},
+        {{{u"\u00e4\u00e4\u00e4\u00e4\u00e4", 5, u"no such thing"}}, "HY000", 5, known},
+        {{{u"4 S;2", 5, u"no such thing"}}, "HY000", 5, known},
+    };
+    Connection connection(kDriverText);
+    script.answers["SQLExecDirectW"] = [](int) { return SQLRETURN{SQL_ERROR}; };
+    for (const auto& given : kCases) {
+        script.diagnostics = given.records;
+        EXPECT_EQ(SQL_ERROR, connection.run("SELECT 1"));
+        EXPECT_EQ(given.state, connection.last.state) << &given - kCases;
+        EXPECT_EQ(given.native, connection.last.native) << &given - kCases;
+        EXPECT_TRUE(connection.last.says(given.says)) << connection.last.message;
+        EXPECT_LT(connection.last.message.size(), 1000U);
+    }
+}
+
+TEST_F(DriverFailures, OfWhatFollowsInATextAreSeen) {
+    Connection connection(kDriverText);
+    const Result change{{}, {}, 2};
+    const Result rows = script.results[0];
+    script.results = {change, rows, change};
+    EXPECT_EQ(Rows({"1", "2"}), connection.query("UPDATE t; SELECT 1; UPDATE t"));
+    Statement statement(connection.handle);
+    script.results = {change, change};
+    EXPECT_EQ(SQL_SUCCESS, statement.run("UPDATE t; UPDATE t"));
+    EXPECT_EQ(4, statement.rowCount());
+    // The first statement finds no row.
+    script.execute = [](const odbc_driver::Execution&) { return SQLRETURN{SQL_NO_DATA}; };
+    script.results = {{}, change};
+    EXPECT_EQ(SQL_SUCCESS, statement.run("UPDATE t; UPDATE t "));
+    EXPECT_EQ(2, statement.rowCount());
+    script.results = {{}};
+    EXPECT_EQ(SQL_NO_DATA, statement.run("UPDATE t"));
+    EXPECT_EQ(0, statement.rowCount());
+
+    script.execute = {};
+    script.results = {rows, change};
+    script.answers["SQLMoreResults"] = [](int) { return SQLRETURN{SQL_ERROR}; };
+    EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1; UPDATE nowhere"));
+    for (int row = 0; row < 2; ++row) EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ("42S02", statement.stateOf(statement.fetch()));
+    script.results = {change};
+    EXPECT_EQ("42S02", statement.stateOf(statement.run("UPDATE t; UPDATE nowhere")));
+}
+
+TEST_F(DriverFailures, LeaveNoColumnsBound) {
+    Result result;
+    result.columns = {{u"a", SQL_INTEGER}, {u"b", SQL_INTEGER}};
+    result.rows = {{number(1), number(2)}};
+    script.results = {result};
+    Connection connection(kDriverText);
+    Statement statement(connection.handle);
+    EXPECT_EQ(SQL_SUCCESS, statement.prepare("SELECT a, b FROM t"));
+    script.calls.clear();
+    script.answers["SQLBindCol"] = [](int call) { return call == 2 ? SQL_ERROR : kUsual; };
+    EXPECT_EQ("42S02", statement.stateOf(statement.execute()));
+    EXPECT_EQ(Rows({"SQLFreeStmt 0", "SQLFreeStmt 2"}), calls({"SQLFreeStmt"}));
+    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_EQ(Rows{"1|2"}, statement.rows());
+}
+
+TEST_F(DriverFailures, OfTextsAreFoundBeforeTheyAreSent) {
+    Connection refused;
+    EXPECT_EQ(SQL_ERROR, refused.open(kDriverText + ";Note=" + std::string(40000, 'x')));
+    EXPECT_EQ("HY090", refused.error().state);
+    EXPECT_EQ(SQL_ERROR, refused.open(kDriverText + ";Note=\xff"));
+    EXPECT_EQ("22021", refused.error().state);
+    EXPECT_TRUE(calls({"SQLDriverConnect"}).empty());
+    Connection connection(kDriverText);
+    const struct {
+        std::string sql;
+        std::string state;
+    } kTexts[] = {{std::string("SELECT 1\0, 2", 12), "42000"},
+                  {std::string("SELECT 1\0\0", 10), ""},
+                  {"SELECT '\xff'", "22021"},
+                  {"SELECT '\xed\xa0\x80'", "22021"}};
+    for (const auto& given : kTexts) {
+        script.log.clear();
+        Statement statement(connection.handle);
+        EXPECT_EQ(given.state, statement.stateOf(statement.run(given.sql)));
+        EXPECT_EQ(given.state.empty() ? 1U : 0U, calls({"SQLExec", "SQLPrepare"}).size());
+    }
+}
+
+TEST_F(DriverFailures, OfADeadConnectionDoNotKeepIt) {
+    Connection connection(kDriverText);
+    connection.autocommit(false);
+    connection.must("DELETE FROM t");
+    Statement statement(connection.handle);
+    EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1"));
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    script.diagnostics = {{u"08S01", 57, u"the server has gone"}};
+    const auto dead = [](int) { return SQLRETURN{SQL_ERROR}; };
+    for (const char* function : {"SQLFetch", "SQLExecDirectW", "SQLEndTran", "SQLFreeStmt",
+                                 "SQLMoreResults", "SQLSetConnectAttrW"}) {
+        script.answers[function] = dead;
+    }
+    EXPECT_EQ("08S01", statement.stateOf(statement.fetch()));
+    EXPECT_EQ("24000", statement.stateOf(statement.fetch()));
+    EXPECT_EQ("08S01", statement.stateOf(statement.run("SELECT 1")));
+    EXPECT_EQ(SQL_ERROR, connection.end(SQL_COMMIT));
+    EXPECT_EQ(SQL_ERROR, connection.end(SQL_ROLLBACK));
+    EXPECT_EQ("08S01", connection.error().state);
+    EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, connection.handle));
+}
+
+TEST_F(DriverFailures, MayBeAskedForByAnotherThread) {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool running = false;
+    bool cancelled = false;
+    const auto wait = [&](bool& what) {
+        std::unique_lock lock(mutex);
+        EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return what; }));
+    };
+    const auto tell = [&](bool& what) {
+        const std::lock_guard lock(mutex);
+        what = true;
+        changed.notify_all();
+        return kUsual;
+    };
+    script.diagnostics = {{u"HY008", 1, u"cancelled"}};
+    script.answers["SQLCancel"] = [&](int) { return tell(cancelled); };
+    Connection connection(kDriverText);
+    for (const char* function : {"SQLExecDirectW", "SQLFetch"}) {
+        running = cancelled = false;
+        script.answers[function] = [&](int) {
+            tell(running);
+            wait(cancelled);
+            return SQLRETURN{SQL_ERROR};
+        };
+        Statement statement(connection.handle);
+        std::thread other([&] {
+            wait(running);
+            EXPECT_EQ(SQL_SUCCESS, RT_SQLCancel(kDriver, statement.handle));
+        });
+        SQLRETURN result = statement.run("SELECT 1");
+        if (result == SQL_SUCCESS) result = statement.fetch();
+        EXPECT_EQ("HY008", statement.stateOf(result)) << function;
+        other.join();
+        script.answers.erase(function);
+    }
+    // A statement that does not run is not disturbed.
+    Statement statement(connection.handle);
+    EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1"));
+    calls({});
+    EXPECT_EQ(SQL_SUCCESS, RT_SQLCancel(kDriver, statement.handle));
+    EXPECT_EQ(Rows{}, calls({"SQLCancel"}));
+    EXPECT_EQ(Rows({"1", "2"}), statement.rows());
+}
+
+TEST_F(DriverFailures, OfForkedProcessesDoNotReachTheDriver) {
+    Connection connection(kDriverText);
+    connection.autocommit(false);
+    connection.must("DELETE FROM t");
+    Statement statement(connection.handle);
+    EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1"));
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    const pid_t child = fork();
+    if (child == 0) {
+        const size_t before = script.log.size();
+        SQLHANDLE none = nullptr;
+        const bool refused =
+            RT_SQLAllocHandle(kDriver, SQL_HANDLE_STMT, connection.handle, &none) == SQL_ERROR &&
+            statement.stateOf(statement.fetch()) == "08S01" &&
+            connection.end(SQL_ROLLBACK) == SQL_ERROR && connection.error().state == "08S01";
+        statement.close();
+        const bool freed =
+            RT_SQLFreeHandle(kDriver, SQL_HANDLE_STMT, statement.handle) == SQL_SUCCESS &&
+            RT_SQLDisconnect(kDriver, connection.handle) == SQL_SUCCESS &&
+            RT_SQLFreeHandle(kDriver, SQL_HANDLE_DBC, connection.handle) == SQL_SUCCESS;
+        const bool quiet = script.log.size() == before;
+        // The child's own connection goes through the same driver manager.
+        const bool own = Connection(kDriverText).query("SELECT 1") == Rows({"1", "2"});
+        _exit(refused && freed && quiet && own ? 0 : 1 + refused + 2 * freed + 4 * quiet);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ("2", statement.get(1));
+    EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_COMMIT));
+}
+
+}  // namespace
+}  // namespace embedded_test
