@@ -57,6 +57,8 @@ struct DriverHabits {
     bool textTemporals = false;  ///< dates and times have to be sent as texts
     /// Statements that it must not be given, by their first one or two words.
     std::span<const FirstWords> unreadable = {};
+    /// Behind a statement without rows it can be asked for the next result.
+    bool nextResults = true;
     bool staleTypes = false;  ///< a prepared statement keeps a table's old column types
     bool narrow = false;      ///< it knows no wide functions, and takes UTF-8 in the others
 };

@@ -215,6 +215,7 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
             return outcome;
         }
         if (result != SQL_NO_DATA) changed += countChanges();
+        if (!m_call && !m_database.habits().nextResults) break;
         result = m_statement->run([&] { return manager.SQLMoreResults(m_statement->get()); });
     } while (result != SQL_NO_DATA);
     return changedBy(changed);

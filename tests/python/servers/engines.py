@@ -150,7 +150,7 @@ class MariaDB(Sourced):
     failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23000", "Duplicate entry"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23000", "cannot be null")]
-    procedures = ["CREATE PROCEDURE put(a INTEGER, b TEXT) BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
+    procedures = ["CREATE OR REPLACE PROCEDURE put(a INTEGER, b TEXT) BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
                   "CREATE PROCEDURE tell(a INTEGER, b TEXT) SELECT a, b"]
 
     def source(self):
