@@ -67,17 +67,37 @@ constexpr DriverHabits kSqlite{.arrays = false,
 
 // It does not know that these answer with rows, leaves the rows on the wire, and crashes when it
 // reads the answer to the next statement.
-constexpr FirstWords kUnreadByMaria[] = {
-    {"VALUES", ""},  {"(", "VALUES"},      {"HELP", ""},      {"OPTIMIZE", ""},
-    {"REPAIR", ""},  {"XA", "RECOVER"},    {"LOAD", "INDEX"}, {"CACHE", "INDEX"},
-    {"HANDLER", ""}, {"SET", "STATEMENT"},
+constexpr UnreadableStatement kUnreadByMaria[] = {
+    {{"VALUES", ""}},
+    {{"(", "VALUES"}},
+    {{"HELP", ""}},
+    {{"OPTIMIZE", ""}},
+    {{"REPAIR", ""}},
+    {{"XA", "RECOVER"}},
+    {{"LOAD", "INDEX"}},
+    {{"CACHE", "INDEX"}},
+    {{"HANDLER", ""}},
+    {{"SET", "STATEMENT"}},
+    {{"ALTER", "TABLE"}, {"ANALYZE", "PARTITION"}},
+    {{"ALTER", "TABLE"}, {"CHECK", "PARTITION"}},
+    {{"ALTER", "TABLE"}, {"OPTIMIZE", "PARTITION"}},
+    {{"ALTER", "TABLE"}, {"REPAIR", "PARTITION"}},
+};
+
+// It waits for ever for an answer that is in another protocol.
+constexpr UnreadableStatement kUnreadByPostgres[] = {
+    {{"COPY", ""}, {"FROM", "STDIN"}},
+    {{"COPY", ""}, {"TO", "STDOUT"}},
 };
 
 constexpr NamedHabits kHabits[] = {
     // It shows a Boolean as a text unless told not to, and a date it does not understand as today.
     {"psqlodbc",
      "postgresql",
-     {.key = "BoolsAsChar", .value = "0", .comesAsText = AsText::Temporals}},
+     {.key = "BoolsAsChar",
+      .value = "0",
+      .comesAsText = AsText::Temporals,
+      .unreadable = kUnreadByPostgres}},
     // It counts wide texts wrong, both ways: it takes U+00D8 to U+00DB for halves of surrogate
     // pairs, for one. It shows a date that is none as NULL. A body with semicolons it takes for
     // several statements, and crashes when it is asked for the result of the second.

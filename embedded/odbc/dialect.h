@@ -39,9 +39,15 @@ struct Dialect {
 /// The dialect of the database that its driver names so (SQL_DBMS_NAME); plain SQL for others.
 const Dialect& dialectOf(std::string_view dbms) noexcept;
 
-struct FirstWords {
+struct WordPair {
     std::string_view first;
     std::string_view second;  ///< empty: any
+};
+
+/// A statement that a driver must not be given: how it begins, and what stands further on in it.
+struct UnreadableStatement {
+    WordPair start;
+    WordPair inside = {};  ///< empty: anything
 };
 
 /// What is to be known about a driver and cannot be asked of it.
@@ -55,8 +61,7 @@ struct DriverHabits {
     /// Which values, besides texts, it delivers right only as texts.
     enum class AsText { None, Temporals, All } comesAsText = AsText::None;
     bool textTemporals = false;  ///< dates and times have to be sent as texts
-    /// Statements that it must not be given, by their first one or two words.
-    std::span<const FirstWords> unreadable = {};
+    std::span<const UnreadableStatement> unreadable = {};
     /// Behind a statement without rows it can be asked for the next result.
     bool nextResults = true;
     bool staleTypes = false;  ///< a prepared statement keeps a table's old column types

@@ -364,11 +364,10 @@ std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sq
     database.requireConnection();
     sql = sql.substr(0, sql.find_last_not_of('\0') + 1);
     refuseNul(sql, "statement");
-    const FirstWords words = firstWords(sql, database.dialect());
-    const auto& unreadable = database.habits().unreadable;
-    if (std::any_of(unreadable.begin(), unreadable.end(),
-                    [&words](const FirstWords& pattern) { return begin(words, pattern); })) {
-        throw notSupported("The driver cannot read what this statement answers.");
+    for (const UnreadableStatement& pattern : database.habits().unreadable) {
+        if (isUnreadable(sql, pattern, database.dialect())) {
+            throw notSupported("The driver cannot read what this statement answers.");
+        }
     }
     if (auto program = prepareParameterQuery(database, sql)) return program;
     auto call = driverCall(database, sql);

@@ -24,6 +24,16 @@ bool isNameCharacter(char c) noexcept {
            static_cast<unsigned char>(c) >= 0x80;
 }
 
+/// A token and the one behind it.
+WordPair nextPair(DialectScanner& scanner, std::string_view first) noexcept {
+    return {first, scanner.next().text};
+}
+
+bool matches(const WordPair& words, const WordPair& pattern) noexcept {
+    return sameWord(words.first, pattern.first) &&
+           (pattern.second.empty() || sameWord(words.second, pattern.second));
+}
+
 }  // namespace
 
 size_t DialectScanner::commentEnd() const noexcept {
@@ -181,20 +191,22 @@ MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
     return result;
 }
 
-FirstWords firstWords(std::string_view sql, const Dialect& dialect) noexcept {
+bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
+                  const Dialect& dialect) noexcept {
     DialectScanner scanner(sql, dialect);
-    const std::string_view first = scanner.next().text;
-    return {first, scanner.next().text};
-}
-
-bool begin(const FirstWords& words, const FirstWords& pattern) noexcept {
-    return sameWord(words.first, pattern.first) &&
-           (pattern.second.empty() || sameWord(words.second, pattern.second));
+    WordPair words = nextPair(scanner, scanner.next().text);
+    if (!matches(words, pattern.start)) return false;
+    if (pattern.inside.first.empty()) return true;
+    while (!words.second.empty()) {
+        words = nextPair(scanner, words.second);
+        if (matches(words, pattern.inside)) return true;
+    }
+    return false;
 }
 
 StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noexcept {
     struct Entry {
-        FirstWords words;
+        WordPair words;
         StatementKind kind;
     };
     using enum StatementKind;
@@ -219,9 +231,10 @@ StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noex
         {{"SAVEPOINT", ""}, Savepoint},
         {{"RELEASE", ""}, Savepoint},
     };
-    const FirstWords words = firstWords(sql, dialect);
+    DialectScanner scanner(sql, dialect);
+    const WordPair words = nextPair(scanner, scanner.next().text);
     for (const Entry& entry : kEntries) {
-        if (begin(words, entry.words)) return entry.kind;
+        if (matches(words, entry.words)) return entry.kind;
     }
     return Other;
 }

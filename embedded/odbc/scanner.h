@@ -60,11 +60,9 @@ struct MarkedSql {
 /// dollar-quoted string.
 MarkedSql markedSql(std::string_view sql, const Dialect& dialect);
 
-/// The first two words of a statement.
-FirstWords firstWords(std::string_view sql, const Dialect& dialect) noexcept;
-
-/// Whether a statement with these first words is one that begins as `pattern`.
-bool begin(const FirstWords& words, const FirstWords& pattern) noexcept;
+/// Whether `sql` is a statement that `pattern` describes.
+bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
+                  const Dialect& dialect) noexcept;
 
 /// What a statement does to the rows and to the transaction, by its first words.
 enum class StatementKind {
