@@ -95,17 +95,19 @@ class Sourced(Engine):
     def strings(self):
         """Every way to name this source."""
         words = ";".join("%s=%s" % item for item in self.named.items() if item[0] != "Driver")
-        return ["Driver={%s};%s" % (self.name, words), "DSN=" + self.name, "FILEDSN=%s/%s.dsn" % (self.folder, self.name)]
+        return ["Driver={%s};%s" % (self.name, words), "DSN=" + self.name,
+                "FILEDSN=%s/%s.dsn" % (self.folder, self.name)]
 
 
 class PostgreSQL(Sourced):
     name, library, program, start = "postgresql", "psqlodbcw.so", "postgres", staticmethod(servers.postgresql)
     kinds = {}
     binary = "BYTEA"
-    others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("CHAR(3)", "'z'", "z  "), ("REAL", "0.1", 0.1),
-              ("NUMERIC", "'1%s.5'" % ("0" * 80), decimal.Decimal("1%s.5" % ("0" * 80))), ("OID", "4294967295", 2**32 - 1),
+    others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("CHAR(3)", "'z'", "z  "),
+              ("REAL", "0.1", 0.1), ("NUMERIC", "'1%s.5'" % ("0" * 80), decimal.Decimal("1%s.5" % ("0" * 80))),
               ("TIMESTAMPTZ", "'2024-02-29 01:02:03.000004+00'", datetime.datetime(2024, 2, 29, 1, 2, 3, 4)),
-              ("TIMETZ", "'01:02:03+02'", "01:02:03+02"), ("INTEGER[]", "'{1,2}'", "{1,2}"), ("INTERVAL", "'1 day'", "1 day")]
+              ("OID", "4294967295", 2**32 - 1), ("TIMETZ", "'01:02:03+02'", "01:02:03+02"),
+              ("INTEGER[]", "'{1,2}'", "{1,2}"), ("INTERVAL", "'1 day'", "1 day")]
     # Not a DATE before Christ, nor a TIMESTAMP 'infinity': the driver makes other dates of them.
     beyond = [("TIMESTAMP", "'10000-01-01'"), ("TIMESTAMP", "'0044-03-15 BC'"), ("DATE", "'10000-01-01'"),
               ("DATE", "'infinity'"), ("NUMERIC", "'NaN'")]
@@ -113,15 +115,15 @@ class PostgreSQL(Sourced):
                 ("INSERT INTO t VALUES (1, 'again')", "23505", "duplicate key"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23502", "null value"),
                 ("SELECT 1 / 0", "22012", "division by zero")]
-    procedures = ["CREATE PROCEDURE put(a integer, b text) LANGUAGE plpgsql AS 'BEGIN INSERT INTO t VALUES (a, b); END'",
+    procedures = ["CREATE PROCEDURE put(a integer, b text) LANGUAGE plpgsql"
+                  " AS 'BEGIN INSERT INTO t VALUES (a, b); END'",
                   "CREATE FUNCTION tell(a integer, b text) RETURNS TABLE (x integer, y text) LANGUAGE sql"
                   " AS 'SELECT a, b'"]
     drop = "DROP ROUTINE IF EXISTS "
 
     def source(self):
-        # The driver calls a BOOLEAN a text unless it is told not to.
         return {"Servername": "127.0.0.1", "Port": self.server.port, "Database": "postgres", "Username": "vorda",
-                "UID": "vorda", "BoolsAsChar": 0}
+                "UID": "vorda"}  # in odbc.ini and in connection strings it has different names
 
     # The driver fetches the whole result at once unless it is told not to.
     streaming = "UseDeclareFetch=1;Fetch=100"
@@ -139,9 +141,10 @@ class MariaDB(Sourced):
         "text": {"declared": "LONGTEXT"},
     }
     binary = "LONGBLOB"
-    others = [("TIME(6)", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("BIT(1)", "b'1'", True), ("BIT(1)", "b'0'", False),
-              ("TINYINT UNSIGNED", "255", 255), ("SMALLINT UNSIGNED", "65535", 65535), ("INT UNSIGNED", "4294967295", 2**32 - 1),
-              ("BIGINT UNSIGNED", "18446744073709551615", decimal.Decimal(2**64 - 1)), ("ENUM('a', 'ö')", "'ö'", "ö"),
+    others = [("TIME(6)", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("ENUM('a', 'ö')", "'ö'", "ö"),
+              ("BIT(1)", "b'1'", True), ("BIT(1)", "b'0'", False), ("TINYINT UNSIGNED", "255", 255),
+              ("SMALLINT UNSIGNED", "65535", 65535), ("INT UNSIGNED", "4294967295", 2**32 - 1),
+              ("BIGINT UNSIGNED", "18446744073709551615", decimal.Decimal(2**64 - 1)),
               ("VARCHAR(9)", "CONCAT('a', CHAR(0), 'b')", "a\0b"), ("JSON", "'[\"é\"]'", '["é"]')]
     quoted = "`%s`"
     backslash = "\\\\"
@@ -150,7 +153,9 @@ class MariaDB(Sourced):
     failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23000", "Duplicate entry"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23000", "cannot be null")]
-    procedures = ["CREATE OR REPLACE PROCEDURE put(a INTEGER, b TEXT) BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
+    # A body with semicolons is one statement.
+    procedures = ["CREATE OR REPLACE PROCEDURE put(a INTEGER, b TEXT)"
+                  " BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
                   "CREATE PROCEDURE tell(a INTEGER, b TEXT) SELECT a, b"]
 
     def source(self):

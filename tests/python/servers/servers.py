@@ -147,14 +147,13 @@ def postgresql():
 
 def mariadb():
     return Server(
-        create=["sh", "-ec", program("mariadb-install-db") + " --no-defaults --datadir={folder}/data --skip-name-resolve"
-                " --skip-test-db --auth-root-authentication-method=normal;"
+        create=["sh", "-ec", program("mariadb-install-db") + " --no-defaults --datadir={folder}/data --skip-test-db"
+                " --skip-name-resolve --auth-root-authentication-method=normal;"
                 "echo 'CREATE DATABASE IF NOT EXISTS vorda;' >init.sql"],
         run=[program("mariadbd"), "--no-defaults", "--datadir={folder}/data", "--port={port}",
              "--bind-address=127.0.0.1", "--socket={folder}/socket", "--pid-file={folder}/pid", "--skip-name-resolve",
-             "--init-file={folder}/init.sql",
-             "--innodb-flush-log-at-trx-commit=2", "--max-allowed-packet=64M", "--character-set-server=utf8mb4",
-             "--lock-wait-timeout=10", "--innodb-lock-wait-timeout=10"],
+             "--init-file={folder}/init.sql", "--character-set-server=utf8mb4", "--max-allowed-packet=64M",
+             "--innodb-flush-log-at-trx-commit=2", "--lock-wait-timeout=10", "--innodb-lock-wait-timeout=10"],
         ready="ready for connections")
 
 
