@@ -89,16 +89,17 @@ OdbcDatabase::OdbcDatabase(const ConnectString& text, CursorOwner& cursors,
       m_environment(SQL_HANDLE_ENV, nullptr),
       m_connection(SQL_HANDLE_DBC, &m_environment),
       m_idle(std::make_unique<IdleStatements>()) {
-    const std::string first = completed(text, habitsOfNamed(valueOf(text, "Driver")));
+    const DriverHabits& named = habitsOfNamed(valueOf(text, "Driver"));
+    const std::string first = completed(text, named);
     const bool fromFile = text.has("FILEDSN");
-    connect(first, fromFile, diagnostics);
+    connect(first, fromFile || named.narrow, diagnostics);
     try {
         m_habits = &habitsOf(textInfo(SQL_DRIVER_NAME));
         const std::string second = completed(text, *m_habits);
-        if (second != first) {
+        if (second != first || m_habits->narrow != named.narrow) {
             disconnect();
             diagnostics.clear();
-            connect(second, fromFile, diagnostics);
+            connect(second, fromFile || m_habits->narrow, diagnostics);
         }
         m_dialect = &dialectOf(textInfo(SQL_DBMS_NAME));
         m_rereadsBound = (numberInfo(SQL_GETDATA_EXTENSIONS) & SQL_GD_BOUND) != 0;
@@ -112,8 +113,9 @@ OdbcDatabase::~OdbcDatabase() {
     disconnect();
 }
 
-// Only the narrow function of unixODBC knows files of data sources.
-void OdbcDatabase::connect(std::string text, bool fromFile, Diagnostics& diagnostics) {
+// Only the narrow function of unixODBC knows files of data sources, and it alone hands a text that
+// is not ASCII to a narrow driver as it is: another file would be opened.
+void OdbcDatabase::connect(std::string text, bool narrow, Diagnostics& diagnostics) {
     WideText wide = wideText(text);
     refuseNul(text, "connection string");
     // The manager takes the length as a short number, and a terminator for any.
@@ -122,11 +124,11 @@ void OdbcDatabase::connect(std::string text, bool fromFile, Diagnostics& diagnos
     }
     const SQLHDBC connection = m_connection.get();
     const SQLRETURN result = m_connection.check(
-        fromFile ? m_manager.SQLDriverConnect(connection, nullptr,
-                                              reinterpret_cast<SQLCHAR*>(text.data()), SQL_NTS,
-                                              nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT)
-                 : m_manager.SQLDriverConnectW(connection, nullptr, wide.data(), SQL_NTS, nullptr,
-                                               0, nullptr, SQL_DRIVER_NOPROMPT));
+        narrow ? m_manager.SQLDriverConnect(connection, nullptr,
+                                            reinterpret_cast<SQLCHAR*>(text.data()), SQL_NTS,
+                                            nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT)
+               : m_manager.SQLDriverConnectW(connection, nullptr, wide.data(), SQL_NTS, nullptr, 0,
+                                             nullptr, SQL_DRIVER_NOPROMPT));
     if (result == SQL_SUCCESS_WITH_INFO) {
         const Error warning = m_connection.failure();
         diagnostics.warning(warning.state(), warning.what());

@@ -339,6 +339,13 @@ def test_wrong_calls(procedures):
     assert stored(procedures.connection) == []
 
 
+def test_what_a_driver_cannot_answer_is_refused(table, engine):
+    for sql in engine.refused:
+        with pytest.raises(zelqa.DatabaseError, match="driver cannot read what"):
+            table.execute(sql)
+        assert column(table, "SELECT 1") == [1]
+
+
 # --- errors, and the ODBC functions of the module ---------------------------------------------------------------------
 
 ENV, DBC, STMT = 1, 2, 3
@@ -422,6 +429,10 @@ def test_every_way_to_connect(databases):
         connection = zelqa.connect(string)
         assert tuple(connection.execute("SELECT 'x', 1").fetchone()) == ("x", 1)
         connection.close()
+    for lite in filter(None, [databases.get("sqliteodbc")]):
+        path = lite.path + "ä李\U0001F600"
+        zelqa.connect(lite.string.replace(lite.path, path)).execute("CREATE TABLE t (a INTEGER)")
+        assert os.path.exists(path)
     for string in ("DSN=nowhere", "Driver={no such driver}", "FILEDSN=/nowhere.dsn"):
         with pytest.raises(zelqa.DatabaseError, match=r"\[unixODBC\]"):
             zelqa.connect(string)
