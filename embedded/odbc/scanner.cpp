@@ -193,13 +193,19 @@ MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
 
 bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
                   const Dialect& dialect) noexcept {
+    const bool several = sql.find(';') != std::string_view::npos;
     DialectScanner scanner(sql, dialect);
-    WordPair words = nextPair(scanner, scanner.next().text);
-    if (!matches(words, pattern.start)) return false;
-    if (pattern.inside.first.empty()) return true;
-    while (!words.second.empty()) {
-        words = nextPair(scanner, words.second);
-        if (matches(words, pattern.inside)) return true;
+    for (std::string_view first = scanner.next().text; !first.empty();
+         first = scanner.next().text) {
+        if (first == ";") continue;
+        WordPair words = nextPair(scanner, first);
+        const bool started = matches(words, pattern.start);
+        if (started && pattern.inside.first.empty()) return true;
+        if (!started && !several) return false;
+        while (!words.second.empty() && words.second != ";") {
+            words = nextPair(scanner, words.second);
+            if (started && matches(words, pattern.inside)) return true;
+        }
     }
     return false;
 }

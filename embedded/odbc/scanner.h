@@ -60,7 +60,7 @@ struct MarkedSql {
 /// dollar-quoted string.
 MarkedSql markedSql(std::string_view sql, const Dialect& dialect);
 
-/// Whether `sql` is a statement that `pattern` describes.
+/// Whether one of the statements in `sql` is one that `pattern` describes.
 bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
                   const Dialect& dialect) noexcept;
 

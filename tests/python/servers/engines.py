@@ -58,8 +58,11 @@ class Engine:
     # A procedure that stores its arguments and one that yields them, both with the parameters a and b.
     procedures = ["CREATE PROCEDURE put (a INTEGER, b TEXT) AS INSERT INTO t VALUES ($a, $b)",
                   "CREATE PROCEDURE tell (a INTEGER, b TEXT) AS SELECT $a AS a, $b AS b"]
+    refused = []  # what a driver would hang or crash on
     drop = "DROP PROCEDURE IF EXISTS "
     marked_comments = True
+    # Statements behind which the driver hangs or crashes.
+    unreadable = []
 
     def __init__(self, folder):
         self.folder, self.server = folder, self.start and self.start()
@@ -119,12 +122,14 @@ class PostgreSQL(Sourced):
                   " AS 'BEGIN INSERT INTO t VALUES (a, b); END'",
                   "CREATE FUNCTION tell(a integer, b text) RETURNS TABLE (x integer, y text) LANGUAGE sql"
                   " AS 'SELECT a, b'"]
+    refused = ["copy t to stdout", "COPY t FROM STDIN", "SET x.y = 1; COPY (SELECT 1) TO STDOUT"]
     drop = "DROP ROUTINE IF EXISTS "
 
     def source(self):
         return {"Servername": "127.0.0.1", "Port": self.server.port, "Database": "postgres", "Username": "vorda",
                 "UID": "vorda"}  # in odbc.ini and in connection strings it has different names
 
+    unreadable = ["COPY t TO STDOUT", "copy t (a) from stdin", "SELECT 1; COPY t TO STDOUT"]
     # The driver fetches the whole result at once unless it is told not to.
     streaming = "UseDeclareFetch=1;Fetch=100"
     pause = "CAST(pg_sleep(0.02) AS TEXT)"
@@ -154,6 +159,7 @@ class MariaDB(Sourced):
                 ("INSERT INTO t VALUES (1, 'again')", "23000", "Duplicate entry"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23000", "cannot be null")]
     # A body with semicolons is one statement.
+    refused = ["VALUES (1)", "/* c */ OPTIMIZE TABLE t", "XA RECOVER", "(VALUES (1))", "ALTER TABLE t CHECK PARTITION ALL"]
     procedures = ["CREATE OR REPLACE PROCEDURE put(a INTEGER, b TEXT)"
                   " BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
                   "CREATE PROCEDURE tell(a INTEGER, b TEXT) SELECT a, b"]
@@ -161,6 +167,8 @@ class MariaDB(Sourced):
     def source(self):
         return {"Server": "127.0.0.1", "Port": self.server.port, "Database": "vorda", "User": "root"}
 
+    unreadable = ["OPTIMIZE TABLE t", "values (1)", "/* c */ XA RECOVER", "HELP 'x'",
+                  "ALTER TABLE t ANALYZE PARTITION ALL"]
     streaming = None  # the driver knows only whole results
     pause = "sleep(0.02)"
     numbers = "(SELECT seq AS n FROM seq_1_to_200000) numbers"
