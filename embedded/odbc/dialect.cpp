@@ -28,6 +28,7 @@ constexpr Dialect mariaDb() noexcept {
 constexpr NamedDialect kDialects[] = {
     {"PostgreSQL",
      {.escapeStrings = true,
+      .returnEndsComment = true,
       .nestedComments = true,
       .dollarQuotes = true,
       .wrongCall = "42809",

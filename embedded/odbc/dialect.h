@@ -14,7 +14,8 @@ struct Dialect {
     bool backtickNames = false;
     bool bracketNames = false;
     bool hashComments = false;
-    bool dashNeedsBlank = false;  ///< "--1" is no comment
+    bool dashNeedsBlank = false;     ///< "--1" is no comment
+    bool returnEndsComment = false;  ///< a carriage return does, as a line feed does everywhere
     bool nestedComments = false;
     bool dollarQuotes = false;
 

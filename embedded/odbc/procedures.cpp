@@ -19,6 +19,7 @@ namespace {
 using Kind = DialectScanner::Kind;
 using Token = DialectScanner::Token;
 
+constexpr std::string_view kQuotes = "'\"";
 constexpr std::string_view kTable = "sys_procedureparameters";
 
 std::vector<Token> tokensOf(std::string_view sql, const Dialect& dialect) {
@@ -187,7 +188,7 @@ std::vector<Argument> argumentsOf(const OdbcDatabase& database, const std::vecto
             if (tokens[end].text == ")" || tokens[end].text == "]") --depth;
         }
         Argument argument;
-        const bool named = end > at + 2 && tokens[at + 1].text == "=" &&
+        const bool named = end > at + 1 && tokens[at + 1].text == "=" &&
                            (isName(tokens[at]) || tokens[at].kind == Kind::Variable);
         if (named) {
             argument.name = argumentName(database, tokens[at]);
@@ -256,7 +257,7 @@ class ParameterQuery final : public Program {
   public:
     ParameterQuery(OdbcDatabase& database, std::vector<size_t> selected, std::string_view value)
         : m_database(database), m_selected(std::move(selected)) {
-        if (value.starts_with('\'')) {
+        if (value.starts_with('\'') || value.starts_with('"')) {
             m_name = unquoted(value);
         } else {
             m_marker = markedSql(value, database.dialect()).parameters;
@@ -350,7 +351,8 @@ std::optional<DriverCall> driverCall(OdbcDatabase& database, std::string_view sq
         const Token first = scanner.next();
         if (!isWord(first, "EXECUTE") && !isWord(first, "EXEC")) return std::nullopt;
     }
-    const std::vector<Token> tokens = tokensOf(sql, dialect);
+    const std::string numbered = numberedSql(sql, dialect);
+    const std::vector<Token> tokens = tokensOf(numbered, dialect);
     size_t at = 1;
     if (at >= tokens.size() || isWord(tokens[at], "IMMEDIATE")) return std::nullopt;
     const auto name = takeName(database, tokens, at);
@@ -388,11 +390,13 @@ std::unique_ptr<Program> prepareParameterQuery(OdbcDatabase& database, std::stri
     if (table == tokens.end()) return nullptr;
     const auto at = static_cast<size_t>(table - tokens.begin());
     const auto selected = at > 1 ? selectedColumns(tokens, at - 1) : std::nullopt;
-    const bool understood =
-        selected && isWord(tokens[0], "SELECT") && isWord(tokens[at - 1], "FROM") &&
-        tokens.size() == at + 5 && isWord(tokens[at + 1], "WHERE") &&
-        isWord(tokens[at + 2], "ProcedureName") && tokens[at + 3].text == "=" &&
-        (tokens[at + 4].kind == Kind::String || tokens[at + 4].kind == Kind::Marker);
+    const bool understood = selected && isWord(tokens[0], "SELECT") &&
+                            isWord(tokens[at - 1], "FROM") && tokens.size() == at + 5 &&
+                            isWord(tokens[at + 1], "WHERE") &&
+                            isWord(tokens[at + 2], "ProcedureName") && tokens[at + 3].text == "=" &&
+                            (tokens[at + 4].kind == Kind::Marker ||
+                             (tokens[at + 4].kind == Kind::String &&
+                              kQuotes.find(tokens[at + 4].text.front()) != std::string_view::npos));
     if (!understood) {
         throw notSupported(std::string(kTable) + " can only be asked as SELECT columns FROM " +
                            std::string(kTable) + " WHERE ProcedureName = 'name'.");

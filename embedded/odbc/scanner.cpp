@@ -44,7 +44,10 @@ size_t DialectScanner::commentEnd() const noexcept {
     const bool line =
         (first == '-' && second == '-' && (!m_dialect.dashNeedsBlank || blankBehind)) ||
         (first == '#' && m_dialect.hashComments);
-    if (line) return std::min(m_sql.find('\n', m_pos), m_sql.size());
+    if (line) {
+        const char* const ends = m_dialect.returnEndsComment ? "\r\n" : "\n";
+        return std::min(m_sql.find_first_of(ends, m_pos), m_sql.size());
+    }
     if (first != '/' || second != '*') return m_pos;
     size_t depth = 1;
     size_t i = m_pos + 2;
@@ -160,7 +163,9 @@ void refuseMarkers(std::string_view dollarQuoted) {
     }
 }
 
-MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
+/// `sql` with what `spell` makes of their numbers in place of its markers.
+template <class Spell>
+MarkedSql respelled(std::string_view sql, const Dialect& dialect, Spell&& spell) {
     MarkedSql result;
     result.text.reserve(sql.size());
     DialectScanner scanner(sql, dialect);
@@ -182,13 +187,22 @@ MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
         }
         const size_t start = scanner.position() - token.text.size();
         result.text += sql.substr(copied, start - copied);
-        result.text += '?';
+        result.text += spell(number);
         copied = scanner.position();
         result.numbers.push_back(number);
         result.parameters = std::max(result.parameters, number);
     }
     result.text += sql.substr(copied);
     return result;
+}
+
+MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
+    return respelled(sql, dialect, [](int) { return '?'; });
+}
+
+std::string numberedSql(std::string_view sql, const Dialect& dialect) {
+    const auto spell = [](int number) { return "@" + std::to_string(number) + " "; };
+    return respelled(sql, dialect, spell).text;
 }
 
 bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
@@ -208,6 +222,18 @@ bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
         }
     }
     return false;
+}
+
+/// The kind of a COMMIT or ROLLBACK, which may go back to a savepoint or begin anew.
+StatementKind kindOfEnd(std::string_view sql, const Dialect& dialect) noexcept {
+    DialectScanner scanner(sql, dialect);
+    bool stays = false;
+    for (auto token = scanner.next(); !token.text.empty(); token = scanner.next()) {
+        if (sameWord(token.text, "TO")) return StatementKind::Savepoint;
+        if (sameWord(token.text, "CHAIN") && !stays) return StatementKind::Begin;
+        stays = sameWord(token.text, "NO");
+    }
+    return StatementKind::End;
 }
 
 StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noexcept {
@@ -232,7 +258,6 @@ StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noex
         {{"COMMIT", ""}, End},
         {{"END", ""}, End},
         {{"ABORT", ""}, End},
-        {{"ROLLBACK", "TO"}, Savepoint},
         {{"ROLLBACK", ""}, End},
         {{"SAVEPOINT", ""}, Savepoint},
         {{"RELEASE", ""}, Savepoint},
@@ -240,7 +265,8 @@ StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noex
     DialectScanner scanner(sql, dialect);
     const WordPair words = nextPair(scanner, scanner.next().text);
     for (const Entry& entry : kEntries) {
-        if (matches(words, entry.words)) return entry.kind;
+        if (matches(words, entry.words))
+            return entry.kind == End ? kindOfEnd(sql, dialect) : entry.kind;
     }
     return Other;
 }

@@ -60,6 +60,10 @@ struct MarkedSql {
 /// dollar-quoted string.
 MarkedSql markedSql(std::string_view sql, const Dialect& dialect);
 
+/// `sql` with every marker written as "@1 ", "@2 ", …, so that its parts may change places. Throws
+/// as `markedSql`.
+std::string numberedSql(std::string_view sql, const Dialect& dialect);
+
 /// Whether one of the statements in `sql` is one that `pattern` describes.
 bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
                   const Dialect& dialect) noexcept;

@@ -249,9 +249,12 @@ SQLRETURN SQLExecute(SQLHSTMT handle) {
     return execute("SQLExecute", handle, "");
 }
 
-SQLRETURN SQLBindParameter(SQLHSTMT, SQLUSMALLINT number, SQLSMALLINT, SQLSMALLINT, SQLSMALLINT,
-                           SQLULEN, SQLSMALLINT, SQLPOINTER, SQLLEN, SQLLEN*) {
-    return answerOr("SQLBindParameter", std::to_string(number), [] { return SQL_SUCCESS; });
+SQLRETURN SQLBindParameter(SQLHSTMT, SQLUSMALLINT number, SQLSMALLINT, SQLSMALLINT cType,
+                           SQLSMALLINT, SQLULEN, SQLSMALLINT, SQLPOINTER value, SQLLEN, SQLLEN*) {
+    SQLBIGINT integer = 0;
+    if (cType == SQL_C_SBIGINT) std::memcpy(&integer, value, sizeof integer);
+    return answerOr("SQLBindParameter", std::to_string(number) + "=" + std::to_string(integer),
+                    [] { return SQL_SUCCESS; });
 }
 
 SQLRETURN SQLDescribeParam(SQLHSTMT, SQLUSMALLINT, SQLSMALLINT* type, SQLULEN*, SQLSMALLINT*,
