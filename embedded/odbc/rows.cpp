@@ -6,6 +6,7 @@
 
 #include "error.h"
 #include "message.h"
+#include "text.h"
 
 namespace embedded {
 namespace {
@@ -81,6 +82,8 @@ constexpr TypeEntry kTypes[] = {
 
 constexpr SQLSMALLINT kMaxFraction = 9;
 
+constexpr TypeEntry kText{SQL_WVARCHAR, SQL_WVARCHAR, Form::Wide};
+
 // The upper half of unsigned numbers fits the next larger type only.
 constexpr TypeEntry kUnsigned[] = {
     {SQL_SMALLINT, SQL_INTEGER, Form::Integer},
@@ -97,7 +100,10 @@ TypeEntry entryOf(SQLSMALLINT driverType, bool isUnsigned) noexcept {
         if (larger != std::end(kUnsigned)) return *larger;
     }
     const auto found = std::find_if(std::begin(kTypes), std::end(kTypes), isIt);
-    return found == std::end(kTypes) ? TypeEntry{driverType, SQL_WVARCHAR, Form::Wide} : *found;
+    if (found != std::end(kTypes)) return *found;
+    TypeEntry text = kText;
+    text.driverType = driverType;
+    return text;
 }
 
 /// How a value is read from this driver.
@@ -180,7 +186,9 @@ Described describe(const OdbcStatement& statement, SQLUSMALLINT number) {
                                                sizeof text, nullptr, nullptr))) {
         result.column.typeName = upToTerminator(text);
     }
-    const TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
+    TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
+    // psqlodbc calls it a float, which does not have its digits.
+    if (entry.form == Form::Real && sameWord(result.column.typeName, "money")) entry = kText;
     result.form = formFor(entry.form, statement.database().habits());
     result.column.type = typeOf(entry, size, digits, statement.database().habits());
     result.column.nullable = nullable;
