@@ -115,8 +115,9 @@ OdbcDatabase::~OdbcDatabase() {
 
 // Only the narrow function of unixODBC knows files of data sources, and it alone hands a text that
 // is not ASCII to a narrow driver as it is: another file would be opened.
-void OdbcDatabase::connect(std::string text, bool narrow, Diagnostics& diagnostics) {
+void OdbcDatabase::connect(const std::string& text, bool narrow, Diagnostics& diagnostics) {
     WideText wide = wideText(text);
+    std::string utf8 = text;
     refuseNul(text, "connection string");
     // The manager takes the length as a short number, and a terminator for any.
     if (text.size() >= std::numeric_limits<SQLSMALLINT>::max()) {
@@ -125,7 +126,7 @@ void OdbcDatabase::connect(std::string text, bool narrow, Diagnostics& diagnosti
     const SQLHDBC connection = m_connection.get();
     const SQLRETURN result = m_connection.check(
         narrow ? m_manager.SQLDriverConnect(connection, nullptr,
-                                            reinterpret_cast<SQLCHAR*>(text.data()), SQL_NTS,
+                                            reinterpret_cast<SQLCHAR*>(utf8.data()), SQL_NTS,
                                             nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT)
                : m_manager.SQLDriverConnectW(connection, nullptr, wide.data(), SQL_NTS, nullptr, 0,
                                              nullptr, SQL_DRIVER_NOPROMPT));

@@ -92,7 +92,7 @@ class OdbcDatabase final : public Database {
     };
 
   private:
-    void connect(std::string text, bool narrow, Diagnostics& diagnostics);
+    void connect(const std::string& text, bool narrow, Diagnostics& diagnostics);
     void disconnect() noexcept;
     void driverAutocommit(bool on) const;
     void returnToAutocommit() noexcept;

@@ -48,7 +48,7 @@ namespace embedded {
 
 /// The functions of the machine's ODBC driver manager.
 struct DriverManager {
-#define DRIVER_MANAGER_MEMBER(name) decltype(&::name) name;
+#define DRIVER_MANAGER_MEMBER(name) decltype(&::name) name;  // NOLINT(bugprone-macro-parentheses)
     DRIVER_MANAGER_FUNCTIONS(DRIVER_MANAGER_MEMBER)
 #undef DRIVER_MANAGER_MEMBER
 
