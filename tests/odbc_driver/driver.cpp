@@ -60,6 +60,12 @@ SQLRETURN answer(const std::string& name, const std::string& details = "", int* 
     return found == script().answers.end() ? kUsual : found->second(call);
 }
 
+/// The same for a call that has nothing to do.
+SQLRETURN simple(const std::string& name, const std::string& details) {
+    const SQLRETURN told = answer(name, details);
+    return told == kUsual ? SQLRETURN{SQL_SUCCESS} : told;
+}
+
 /// The same for a call whose usual work is `work`.
 template <class Work>
 SQLRETURN answerOr(const std::string& name, const std::string& details, Work&& work) {
@@ -88,20 +94,16 @@ void put(const std::u16string& text, SQLWCHAR* target, size_t room) {
     target[kept] = 0;
 }
 
+/// Bytes of a value of a C type, or 0 for one of any length.
 size_t fixedSize(SQLSMALLINT cType) {
-    switch (cType) {
-        case SQL_C_SBIGINT:
-        case SQL_C_DOUBLE:
-            return sizeof(SQLBIGINT);
-        case SQL_C_BIT:
-            return 1;
-        case SQL_C_TYPE_DATE:
-            return sizeof(SQL_DATE_STRUCT);
-        case SQL_C_TYPE_TIMESTAMP:
-            return sizeof(SQL_TIMESTAMP_STRUCT);
-        default:
-            return 0;
-    }
+    static const std::map<SQLSMALLINT, size_t> kSizes{
+        {SQL_C_SBIGINT, sizeof(SQLBIGINT)},
+        {SQL_C_DOUBLE, sizeof(SQLDOUBLE)},
+        {SQL_C_BIT, 1},
+        {SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT)},
+        {SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT)}};
+    const auto found = kSizes.find(cType);
+    return found == kSizes.end() ? 0 : found->second;
 }
 
 /// Delivers what is behind `offset`, which moves on; the length is the one claimed or what was
@@ -142,26 +144,6 @@ SQLRETURN execute(const std::string& name, SQLHANDLE handle, const std::string& 
     return SQL_SUCCESS;
 }
 
-SQLRETURN openCatalog(const std::string& name, SQLHANDLE handle, const std::string& details) {
-    return answerOr(name, details, [&] {
-        Statement& statement = statementOf(handle);
-        statement.results = {script().catalog};
-        statement.result = statement.row = 0;
-        return SQL_SUCCESS;
-    });
-}
-
-/// Notes an attribute that is set, and keeps it.
-SQLRETURN setAttribute(const char* name, SQLINTEGER attribute, SQLPOINTER value, bool isPointer,
-                       Statement* statement) {
-    const std::string shown =
-        isPointer ? (value ? "set" : "none") : std::to_string(reinterpret_cast<SQLULEN>(value));
-    return answerOr(name, std::to_string(attribute) + "=" + shown, [&] {
-        if (statement) statement->attributes[attribute] = value;
-        return SQL_SUCCESS;
-    });
-}
-
 }  // namespace
 
 extern "C" {
@@ -194,11 +176,11 @@ SQLRETURN SQLSetEnvAttr(SQLHENV, SQLINTEGER, SQLPOINTER, SQLINTEGER) {
 
 SQLRETURN SQLDriverConnectW(SQLHDBC, SQLHWND, SQLWCHAR* text, SQLSMALLINT length, SQLWCHAR*,
                             SQLSMALLINT, SQLSMALLINT*, SQLUSMALLINT) {
-    return answerOr("SQLDriverConnectW", narrow(text, length), [] { return SQL_SUCCESS; });
+    return simple("SQLDriverConnectW", narrow(text, length));
 }
 
 SQLRETURN SQLDisconnect(SQLHDBC) {
-    return answerOr("SQLDisconnect", "", [] { return SQL_SUCCESS; });
+    return simple("SQLDisconnect", "");
 }
 
 SQLRETURN SQLGetInfoW(SQLHDBC, SQLUSMALLINT type, SQLPOINTER value, SQLSMALLINT capacity,
@@ -220,7 +202,8 @@ SQLRETURN SQLGetInfoW(SQLHDBC, SQLUSMALLINT type, SQLPOINTER value, SQLSMALLINT 
 }
 
 SQLRETURN SQLSetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER) {
-    return setAttribute("SQLSetConnectAttrW", attribute, value, false, nullptr);
+    return simple("SQLSetConnectAttrW", std::to_string(attribute) + "=" +
+                                            std::to_string(reinterpret_cast<SQLULEN>(value)));
 }
 
 SQLRETURN SQLGetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER,
@@ -233,12 +216,11 @@ SQLRETURN SQLGetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQ
 }
 
 SQLRETURN SQLEndTran(SQLSMALLINT, SQLHANDLE, SQLSMALLINT completion) {
-    return answerOr("SQLEndTran", completion == SQL_COMMIT ? "commit" : "rollback",
-                    [] { return SQL_SUCCESS; });
+    return simple("SQLEndTran", completion == SQL_COMMIT ? "commit" : "rollback");
 }
 
 SQLRETURN SQLPrepareW(SQLHSTMT, SQLWCHAR* text, SQLINTEGER length) {
-    return answerOr("SQLPrepareW", narrow(text, length), [] { return SQL_SUCCESS; });
+    return simple("SQLPrepareW", narrow(text, length));
 }
 
 SQLRETURN SQLExecDirectW(SQLHSTMT handle, SQLWCHAR* text, SQLINTEGER length) {
@@ -253,13 +235,7 @@ SQLRETURN SQLBindParameter(SQLHSTMT, SQLUSMALLINT number, SQLSMALLINT, SQLSMALLI
                            SQLSMALLINT, SQLULEN, SQLSMALLINT, SQLPOINTER value, SQLLEN, SQLLEN*) {
     SQLBIGINT integer = 0;
     if (cType == SQL_C_SBIGINT) std::memcpy(&integer, value, sizeof integer);
-    return answerOr("SQLBindParameter", std::to_string(number) + "=" + std::to_string(integer),
-                    [] { return SQL_SUCCESS; });
-}
-
-SQLRETURN SQLDescribeParam(SQLHSTMT, SQLUSMALLINT, SQLSMALLINT* type, SQLULEN*, SQLSMALLINT*,
-                           SQLSMALLINT*) {
-    return answerOr("SQLDescribeParam", "", [&] { return *type = SQL_BIT, SQL_SUCCESS; });
+    return simple("SQLBindParameter", std::to_string(number) + "=" + std::to_string(integer));
 }
 
 SQLRETURN SQLNumResultCols(SQLHSTMT handle, SQLSMALLINT* count) {
@@ -358,28 +334,24 @@ SQLRETURN SQLFreeStmt(SQLHSTMT handle, SQLUSMALLINT option) {
 }
 
 SQLRETURN SQLCancel(SQLHSTMT) {
-    return answerOr("SQLCancel", "", [] { return SQL_SUCCESS; });
+    return simple("SQLCancel", "");
 }
 
 SQLRETURN SQLSetStmtAttrW(SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER) {
-    return setAttribute("SQLSetStmtAttrW", attribute, value, attribute != SQL_ATTR_PARAMSET_SIZE,
-                        &statementOf(handle));
-}
-
-SQLRETURN SQLTablesW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*,
-                     SQLSMALLINT, SQLWCHAR*, SQLSMALLINT) {
-    return openCatalog("SQLTablesW", handle, "");
-}
-
-SQLRETURN SQLColumnsW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*,
-                      SQLSMALLINT, SQLWCHAR*, SQLSMALLINT) {
-    return openCatalog("SQLColumnsW", handle, "");
+    return answerOr("SQLSetStmtAttrW", std::to_string(attribute), [&] {
+        statementOf(handle).attributes[attribute] = value;
+        return SQL_SUCCESS;
+    });
 }
 
 SQLRETURN SQLProcedureColumnsW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR* schema,
                                SQLSMALLINT, SQLWCHAR* name, SQLSMALLINT, SQLWCHAR*, SQLSMALLINT) {
-    return openCatalog("SQLProcedureColumnsW", handle,
-                       (schema ? narrow(schema, SQL_NTS) + "." : "") + narrow(name, SQL_NTS));
+    const std::string text = (schema ? narrow(schema, SQL_NTS) + "." : "") + narrow(name, SQL_NTS);
+    return answerOr("SQLProcedureColumnsW", text, [&] {
+        statementOf(handle).results = {script().catalog};
+        statementOf(handle).result = statementOf(handle).row = 0;
+        return SQL_SUCCESS;
+    });
 }
 
 SQLRETURN SQLGetDiagRecW(SQLSMALLINT, SQLHANDLE, SQLSMALLINT number, SQLWCHAR* state,

@@ -1,5 +1,6 @@
 // Batches and transactions: all or nothing, whatever the driver does.
 #include <array>
+#include <utility>
 
 #include "driver_fixture.h"
 
@@ -7,30 +8,11 @@ namespace embedded_test {
 namespace {
 
 using odbc_driver::Execution;
+using Sets = std::array<SQLUSMALLINT, 3>;
 
-constexpr const char* kInsert = "INSERT INTO t VALUES (@1 )";
-
-struct DriverBatches : DriverTest {
-    DriverBatches() { script.diagnostics = {{u"23505", 7, u"there already"}}; }
-
-    /// The state of a batch of three sets; "" when it succeeds. `report` has what was reported.
-    std::string batch(Connection& connection) {
-        Statement statement(connection.handle);
-        const std::array<SQLINTEGER, 3> values{1, 2, 3};
-        std::array<SQLLEN, 3> lengths{4, 4, 4};
-        statement.set(SQL_ATTR_PARAMSET_SIZE, values.size());
-        statement.prepare(kInsert);
-        statement.bind(1, SQL_C_LONG, values.data(), lengths.data());
-        const SQLRETURN result = statement.execute();
-        report = result == SQL_ERROR ? statement.error() : Diagnostic{};
-        changed = result == SQL_ERROR ? -1 : statement.rowCount();
-        return report.state;
-    }
-    Rows transactions() { return calls({"SQLSetConnectAttrW", "SQLExec", "SQLEndTran"}); }
-
-    Diagnostic report;
-    SQLLEN changed = 0;
-};
+constexpr SQLUSMALLINT kGood = SQL_PARAM_SUCCESS;
+constexpr SQLUSMALLINT kBad = SQL_PARAM_ERROR;
+constexpr SQLUSMALLINT kUnused = SQL_PARAM_UNUSED;
 
 /// An answer to the calls from one to another.
 auto failing(int from, int to = 1000, SQLRETURN result = SQL_ERROR) {
@@ -38,7 +20,7 @@ auto failing(int from, int to = 1000, SQLRETURN result = SQL_ERROR) {
 }
 
 /// An execution that reports so about its sets.
-auto reporting(SQLRETURN result, SQLULEN processed, std::array<SQLUSMALLINT, 3> statuses) {
+auto reporting(SQLRETURN result, SQLULEN processed, Sets statuses) {
     return [=](const Execution& execution) {
         if (execution.sets == 1) return kUsual;
         if (execution.processed) *execution.processed = processed;
@@ -47,162 +29,137 @@ auto reporting(SQLRETURN result, SQLULEN processed, std::array<SQLUSMALLINT, 3> 
     };
 }
 
-constexpr SQLUSMALLINT kGood = SQL_PARAM_SUCCESS;
-constexpr SQLUSMALLINT kBad = SQL_PARAM_ERROR;
-constexpr SQLUSMALLINT kUnused = SQL_PARAM_UNUSED;
-
-TEST_F(DriverBatches, AreDoneWholeOrUndone) {
-    const std::string off = "SQLSetConnectAttrW 102=0";
-    const std::string on = "SQLSetConnectAttrW 102=1";
-    const std::string text = "SQLExecDirectW INSERT INTO t VALUES (? )";
-    const std::string array = text + " sets=3";
-    const std::string commit = "SQLEndTran commit";
-    const std::string rollback = "SQLEndTran rollback";
-    const Rows undone{off, array, rollback, on};
-    const Rows single{off, text, "SQLExecute", "SQLExecute", commit, on};
-    const struct {
-        const char* what;
-        std::string function;
-        std::function<SQLRETURN(int)> answer;
-        std::function<SQLRETURN(const Execution&)> execute;
-        std::string state;
-        std::string says;
-        Rows calls;
-        bool lost = false;
-    } kCases[] = {
-        {"good", "", {}, {}, "", "", {off, array, commit, on}},
-        {"no arrays", "SQLSetStmtAttrW", failing(1, 1), {}, "", "", single},
-        {"shorter arrays",
-         "SQLSetStmtAttrW",
-         failing(1, 1, SQL_SUCCESS_WITH_INFO),
-         {},
-         "",
-         "",
-         single},
-        {"no diagnosis of sets",
-         "",
-         {},
-         reporting(SQL_SUCCESS, 3, {1, 1, 1}),
-         "",
-         "",
-         {off, array, commit, on}},
-        {"a bad set",
-         "",
-         {},
-         reporting(SQL_ERROR, 3, {kGood, kBad, kGood}),
-         "23505",
-         "there already (parameter set 2 of 3)",
-         undone},
-        {"a bad set that is a warning",
-         "",
-         {},
-         reporting(SQL_SUCCESS_WITH_INFO, 3, {kGood, kGood, kBad}),
-         "23505",
-         "there already (parameter set 3 of 3)",
-         undone},
-        {"two of three",
-         "",
-         {},
-         reporting(SQL_SUCCESS, 2, {kGood, kGood, kUnused}),
-         "HY000",
-         "not executed every",
-         undone},
-        {"a set that was left out",
-         "",
-         {},
-         reporting(SQL_SUCCESS, 3, {kGood, kUnused, kGood}),
-         "HY000",
-         "not executed every",
-         undone},
-        {"a failing commit",
-         "SQLEndTran",
-         failing(1, 1),
-         {},
-         "23505",
-         "there already",
-         {off, array, commit, rollback, on}},
-        {"a commit of nothing",
-         "SQLEndTran",
-         failing(1, 1, SQL_NO_DATA),
-         {},
-         "HY000",
-         "does not say why",
-         {off, array, commit, rollback, on}},
-        {"autocommit stays on", "SQLSetConnectAttrW", failing(1), {}, "23505", "", {off}},
-        {"no rollback",
-         "SQLEndTran",
-         failing(1, 1),
-         reporting(SQL_ERROR, 1, {kBad, kUnused, kUnused}),
-         "23505",
-         "set 1 of 3",
-         {off, array, rollback},
-         true},
-        {"autocommit stays off after a rollback", "SQLSetConnectAttrW", failing(2),
-         reporting(SQL_ERROR, 1, {kUnused, kUnused, kUnused}), "23505", "", undone, true},
-        // The batch is there; what comes later would never be.
-        {"autocommit stays off after a commit",
-         "SQLSetConnectAttrW",
-         failing(2),
-         {},
-         "",
-         "",
-         {off, array, commit, on},
-         true},
-    };
-    for (const auto& given : kCases) {
-        SCOPED_TRACE(given.what);
-        script.calls.clear();
-        script.answers.clear();
+struct DriverBatches : DriverTest {
+    DriverBatches() {
+        script.diagnostics = {{u"23505", 7, u"there already"}};
         script.results = {{{}, {}, 3}};
+    }
+
+    /// A batch of three sets: the rows changed, or the state and the end of the message.
+    std::string batch(Statement& statement) {
+        static const std::array<SQLINTEGER, 3> values{1, 2, 3};
+        static std::array<SQLLEN, 3> lengths{4, 4, 4};
+        statement.set(SQL_ATTR_PARAMSET_SIZE, values.size());
+        statement.prepare("INSERT INTO t VALUES (@1 )");
+        statement.bind(1, SQL_C_LONG, values.data(), lengths.data());
+        if (statement.execute() != SQL_ERROR) return std::to_string(statement.rowCount());
+        const std::string message = statement.error().message;
+        const size_t own = message.find_last_of(']');
+        return statement.error().state + message.substr(own + 1);
+    }
+
+    /// The calls about transactions since the last look, in short.
+    std::string transactions() {
+        static const std::map<std::string, std::string> kShort{
+            {"SQLSetConnectAttrW 102=0", "off"},
+            {"SQLSetConnectAttrW 102=1", "on"},
+            {"SQLExecDirectW INSERT INTO t VALUES (? )", "one"},
+            {"SQLExecDirectW INSERT INTO t VALUES (? ) sets=3", "array"},
+            {"SQLExecute", "again"},
+            {"SQLExecute  sets=3", "array"},
+            {"SQLEndTran commit", "commit"},
+            {"SQLEndTran rollback", "rollback"}};
+        std::string all;
+        for (const std::string& call : calls({"SQLSetConnectAttrW", "SQLExec", "SQLEndTran"})) {
+            const auto found = kShort.find(call);
+            all += (all.empty() ? "" : ", ") + (found == kShort.end() ? call : found->second);
+        }
+        return all;
+    }
+
+    /// A batch in a connection of its own and what it calls; "lost" if the connection is given up.
+    std::string alone() {
+        const auto answers = std::exchange(script.answers, {});
         Connection connection(kDriverText);
-        if (given.answer) script.answers[given.function] = given.answer;
-        script.execute = given.execute;
+        script.answers = answers;
         script.calls.clear();
-        script.log.clear();
-        EXPECT_EQ(given.state, batch(connection));
-        EXPECT_TRUE(report.says(given.says)) << report.message;
-        EXPECT_EQ(given.calls, transactions());
-        const SQLLEN expected = given.calls == single ? 9 : 3;
-        EXPECT_EQ(given.state.empty() ? expected : -1, changed);
-        script.execute = {};
+        calls({});
+        std::string seen;
+        {
+            Statement statement(connection.handle);
+            seen = batch(statement) + ": ";
+            seen += transactions();
+        }
         script.answers.clear();
-        EXPECT_EQ(given.lost ? SQL_ERROR : SQL_SUCCESS, connection.run("SELECT 1"));
-        EXPECT_EQ(given.lost ? "08S01" : "", connection.last.state);
-        EXPECT_EQ(given.lost ? 0U : 1U, transactions().size());
-        SQLUINTEGER dead = 9;
+        script.execute = {};
+        SQLUINTEGER dead = SQL_CD_FALSE;
         RT_SQLGetConnectAttr(kDriver, connection.handle, SQL_ATTR_CONNECTION_DEAD, &dead, 0,
                              nullptr);
-        EXPECT_EQ(given.lost ? SQLUINTEGER{SQL_CD_TRUE} : SQLUINTEGER{SQL_CD_FALSE}, dead);
+        const bool lost = connection.run("SELECT 1") == SQL_ERROR;
+        EXPECT_EQ(lost ? "08S01" : "", connection.last.state);
+        EXPECT_EQ(lost, dead == SQL_CD_TRUE);
+        EXPECT_EQ(lost ? "" : "SQLExecDirectW SELECT 1", transactions());
         EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, connection.handle));
-        EXPECT_EQ(given.lost ? Rows{rollback} : Rows{}, transactions());
+        EXPECT_EQ(lost ? "rollback" : "", transactions());
+        return seen + (lost ? " lost" : "");
     }
+};
+
+TEST_F(DriverBatches, AreDoneWholeOrUndone) {
+    EXPECT_EQ("3: off, array, commit, on", alone());
+    script.execute = reporting(SQL_SUCCESS, 3, {1, 1, 1});  // no diagnosis of each
+    EXPECT_EQ("3: off, array, commit, on", alone());
+    script.answers["SQLSetStmtAttrW"] = failing(1, 1);
+    EXPECT_EQ("9: off, one, again, again, commit, on", alone());
+    script.answers["SQLSetStmtAttrW"] = failing(1, 1, SQL_SUCCESS_WITH_INFO);  // shorter arrays
+    EXPECT_EQ("9: off, one, again, again, commit, on", alone());
+
+    const std::string undone = ": off, array, rollback, on";
+    script.execute = reporting(SQL_ERROR, 3, {kGood, kBad, kGood});
+    EXPECT_EQ("23505 there already (parameter set 2 of 3)" + undone, alone());
+    script.execute = reporting(SQL_SUCCESS_WITH_INFO, 3, {kGood, kGood, kBad});
+    EXPECT_EQ("23505 there already (parameter set 3 of 3)" + undone, alone());
+    const std::string incomplete =
+        "HY000 The driver has not executed every parameter set of the batch." + undone;
+    script.execute = reporting(SQL_SUCCESS, 2, {kGood, kGood, kUnused});
+    EXPECT_EQ(incomplete, alone());
+    script.execute = reporting(SQL_SUCCESS, 3, {kGood, kUnused, kGood});
+    EXPECT_EQ(incomplete, alone());
+
+    script.answers["SQLEndTran"] = failing(1, 1);
+    EXPECT_EQ("23505 there already: off, array, commit, rollback, on", alone());
+    script.answers["SQLEndTran"] = failing(1, 1, SQL_NO_DATA);
+    EXPECT_EQ("HY000 The driver failed and does not say why.: off, array, commit, rollback, on",
+              alone());
+    script.answers["SQLSetConnectAttrW"] = failing(1);
+    EXPECT_EQ("23505 there already: off", alone());
+
+    const Sets bad{kBad, kUnused, kUnused};
+    script.execute = reporting(SQL_ERROR, 1, bad);
+    script.answers["SQLEndTran"] = failing(1, 1);
+    EXPECT_EQ("23505 there already (parameter set 1 of 3): off, array, rollback lost", alone());
+    script.execute = reporting(SQL_ERROR, 1, bad);
+    script.answers["SQLSetConnectAttrW"] = failing(2);
+    EXPECT_EQ("23505 there already (parameter set 1 of 3)" + undone + " lost", alone());
+    // This batch is there; what comes later would never be.
+    script.answers["SQLSetConnectAttrW"] = failing(2);
+    EXPECT_EQ("3: off, array, commit, on lost", alone());
 }
 
 TEST_F(DriverBatches, InATransactionOfTheApplicationAreUndoneAlone) {
-    const std::string array = "SQLExecDirectW INSERT INTO t VALUES (? ) sets=3";
+    const std::string call = "SQLExecDirectW ";
     Connection connection(kDriverText);
     connection.autocommit(false);
     transactions();
-    EXPECT_EQ("", batch(connection));
-    EXPECT_EQ(Rows({"SQLExecDirectW SAVEPOINT vorda_1", array,
-                    "SQLExecDirectW RELEASE SAVEPOINT vorda_1"}),
+    Statement statement(connection.handle);
+    EXPECT_EQ("3", batch(statement));
+    EXPECT_EQ(call + "SAVEPOINT vorda_1, array, " + call + "RELEASE SAVEPOINT vorda_1",
               transactions());
     script.execute = reporting(SQL_ERROR, 3, {kGood, kBad, kGood});
-    EXPECT_EQ("23505", batch(connection));
-    EXPECT_EQ(Rows({"SQLExecDirectW SAVEPOINT vorda_2", "SQLExecute  sets=3",
-                    "SQLExecDirectW ROLLBACK TO SAVEPOINT vorda_2",
-                    "SQLExecDirectW RELEASE SAVEPOINT vorda_2"}),
+    EXPECT_EQ("23505 there already (parameter set 2 of 3)", batch(statement));
+    EXPECT_EQ(call + "SAVEPOINT vorda_2, array, " + call + "ROLLBACK TO SAVEPOINT vorda_2, " +
+                  call + "RELEASE SAVEPOINT vorda_2",
               transactions());
     // The application's COMMIT would keep half a batch.
     script.calls.clear();
     script.answers["SQLExecDirectW"] = failing(2);
-    EXPECT_EQ("23505", batch(connection));
+    EXPECT_EQ("23505", batch(statement).substr(0, 5));
     transactions();
     EXPECT_EQ(SQL_ERROR, connection.end(SQL_COMMIT));
     EXPECT_EQ("08S01", connection.error().state);
-    EXPECT_EQ(Rows{}, transactions());
+    EXPECT_EQ("", transactions());
     EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, connection.handle));
-    EXPECT_EQ(Rows{"SQLEndTran rollback"}, transactions());
+    EXPECT_EQ("rollback", transactions());
 }
 
 // What could not be rolled back must not be committed later, and must not keep the handle.
@@ -227,31 +184,22 @@ TEST_F(DriverBatches, AFailedRollbackGivesTheConnectionUp) {
 
 TEST_F(DriverBatches, ThatYieldRowsAreRefused) {
     give(SQL_INTEGER, {number(1)});
-    Connection connection(kDriverText);
-    EXPECT_EQ("HYC00", batch(connection));
-    EXPECT_EQ(1U, calls({"SQLEndTran rollback"}).size());
-    EXPECT_EQ(Rows{"1"}, connection.query("SELECT 1"));
+    EXPECT_EQ("HYC00", alone().substr(0, 5));
 }
 
 // A driver that cannot be told to forget an array must not read or write behind one value.
 TEST_F(DriverBatches, LeaveNoArrayBehind) {
-    script.results = {{{}, {}, 3}};
     Connection connection(kDriverText);
     Statement statement(connection.handle);
-    const std::array<SQLINTEGER, 3> values{1, 2, 3};
-    std::array<SQLLEN, 3> lengths{4, 4, 4};
-    statement.prepare(kInsert);
-    statement.bind(1, SQL_C_LONG, values.data(), lengths.data());
-    statement.set(SQL_ATTR_PARAMSET_SIZE, 3);
     script.calls.clear();
     script.answers["SQLSetStmtAttrW"] = failing(10);
-    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_EQ("3", batch(statement));
     EXPECT_LT(9, script.calls["SQLSetStmtAttrW"]) << "the reset is not what failed";
     script.answers.clear();
     statement.set(SQL_ATTR_PARAMSET_SIZE, 1);
     transactions();
     EXPECT_EQ(SQL_SUCCESS, statement.execute());
-    EXPECT_EQ(Rows{"SQLExecDirectW INSERT INTO t VALUES (? )"}, transactions());
+    EXPECT_EQ("one", transactions());
 }
 
 }  // namespace
