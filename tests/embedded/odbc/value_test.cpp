@@ -130,7 +130,7 @@ TEST_F(DriverValues, ThatNobodyReportsAreNoNulls) {
 TEST_F(DriverValues, OfAnyLengthArePutTogether) {
     std::vector<Cell> cells;
     Rows expected;
-    for (const size_t units : {2046, 2047, 2048, 2049, 4093, 4094, 4095, 9000, 60000}) {
+    for (const size_t units : {2046U, 2047U, 2048U, 2049U, 4093U, 4094U, 4095U, 9000U, 60000U}) {
         std::u16string text(units, u'x');
         std::string utf8;
         for (size_t i = 40; i + 1 < units; i += 2) {
