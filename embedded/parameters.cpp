@@ -36,7 +36,7 @@ void readInteger(const Slot& slot, Value& value) {
     const T given = read<T>(slot);
     if (!std::in_range<std::int64_t>(given)) refuse("22003", slot, "the integer exceeds 64 bits");
     value.kind = Value::Kind::Integer;
-    value.integer = static_cast<std::int64_t>(given);
+    value.integer = static_cast<std::int64_t>(+given);  // a byte is a number here
 }
 
 void readBit(const Slot& slot, Value& value) {
