@@ -106,6 +106,7 @@ constexpr NamedHabits kHabits[] = {
      "mariadb",
      {.utf8Texts = true,
       .comesAsText = AsText::Temporals,
+      .keepsNul = true,
       .unreadable = kUnreadByMaria,
       .nextResults = false}},
     {"sqlite3odbc", "sqlite", kSqlite},

@@ -61,6 +61,7 @@ struct DriverHabits {
     bool utf8Texts = false;       ///< texts come and go whole only as bytes, which are UTF-8
     /// Which values, besides texts, it delivers right only as texts.
     enum class AsText { None, Temporals, All } comesAsText = AsText::None;
+    bool keepsNul = false;       ///< a parameter's text goes on behind a NUL character
     bool textTemporals = false;  ///< dates and times have to be sent as texts
     std::span<const UnreadableStatement> unreadable = {};
     /// Behind a statement without rows it can be asked for the next result.

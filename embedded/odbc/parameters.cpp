@@ -145,7 +145,7 @@ constexpr size_t kMostBytes = size_t{8} << 20U;
 
 OdbcParameters::OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers,
                                const DriverHabits& habits)
-    : m_sets(sets), m_arrays(numbers.size()) {
+    : m_sets(sets), m_keepsNul(habits.keepsNul), m_arrays(numbers.size()) {
     for (size_t i = 0; i < numbers.size(); ++i) {
         m_arrays[i].number = numbers[i];
         m_arrays[i].form = &formFor(formOf(sets.binding(numbers[i]).cType), habits);
@@ -218,6 +218,14 @@ void OdbcParameters::fill(Array& array, SQLULEN first, SQLULEN count) {
         const Value value = valueOf(array, first + i);
         if (value.kind == Value::Kind::Null) continue;
         try {
+            const bool cut = value.kind == Value::Kind::Text && !m_keepsNul &&
+                             value.bytes.find('\0') != std::string_view::npos;
+            if (cut) {
+                throw Error("22021",
+                            "Parameter " + std::to_string(array.number) +
+                                ": the text contains a NUL character, which would end it.",
+                            native::kMismatch);
+            }
             array.indicators[i] = store(*array.form, value, array.data.data() + array.width * i);
         } catch (const Error& error) {
             throw m_sets.failed(first + i, error);

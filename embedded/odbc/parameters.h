@@ -53,6 +53,7 @@ class OdbcParameters {
     void fill(Array& array, SQLULEN first, SQLULEN count);
 
     ParameterSets& m_sets;
+    const bool m_keepsNul;
     std::vector<Array> m_arrays;
     std::string m_text;  ///< of the temporal value that `valueOf` answered last
 };

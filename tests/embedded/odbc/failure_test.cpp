@@ -184,6 +184,23 @@ TEST_F(DriverFailures, OfTextsAreFoundBeforeTheyAreSent) {
     }
 }
 
+TEST_F(DriverFailures, OfParametersAreFoundBeforeTheyAreSent) {
+    // Most drivers would end the text at its NUL and say nothing.
+    const char texts[2][4] = {"abc", "a\0c"};
+    SQLLEN lengths[] = {3, 3};
+    Connection connection(kDriverText);
+    for (const bool batch : {false, true}) {
+        Statement statement(connection.handle);
+        EXPECT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t VALUES (@1 )"));
+        statement.bindText(1, texts[batch ? 0 : 1], lengths, sizeof texts[0]);
+        statement.set(SQL_ATTR_PARAMSET_SIZE, batch ? 2 : 1);
+        script.log.clear();
+        EXPECT_EQ("22021", statement.stateOf(statement.execute()));
+        EXPECT_TRUE(statement.error().says(batch ? "(parameter set 2 of 2)" : "NUL"));
+        EXPECT_EQ(Rows{}, calls({"SQLExec", "SQLEndTran commit"}));
+    }
+}
+
 TEST_F(DriverFailures, OfADeadConnectionDoNotKeepIt) {
     Connection connection(kDriverText);
     connection.autocommit(false);
