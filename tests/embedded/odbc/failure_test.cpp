@@ -18,6 +18,8 @@ struct DriverFailures : DriverTest {
     }
 };
 
+struct DriverConnections : DriverFailures {};
+
 /// All that a program does; the rows it got in the end, or "!" and the state.
 Rows session() {
     const auto failed = [](const Diagnostic& error) {
@@ -79,6 +81,16 @@ TEST_F(DriverFailures, OfEveryCallAreToldAndLeaveNothingBehind) {
             }
         }
     }
+}
+
+TEST_F(DriverConnections, MayBeUsedByManyThreads) {
+    std::vector<std::thread> threads;
+    for (int n = 0; n < 4; ++n) {
+        threads.emplace_back([] {
+            for (int round = 0; round < 10; ++round) EXPECT_EQ(Rows({"1", "2"}), session());
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
 }
 
 TEST_F(DriverFailures, ComeInTheDriversWords) {
@@ -223,7 +235,7 @@ TEST_F(DriverFailures, OfADeadConnectionDoNotKeepIt) {
     EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, connection.handle));
 }
 
-TEST_F(DriverFailures, MayBeAskedForByAnotherThread) {
+TEST_F(DriverConnections, AreCancelledByOtherThreads) {
     std::mutex mutex;
     std::condition_variable changed;
     bool running = false;
@@ -268,7 +280,7 @@ TEST_F(DriverFailures, MayBeAskedForByAnotherThread) {
     EXPECT_EQ(Rows({"1", "2"}), statement.rows());
 }
 
-TEST_F(DriverFailures, OfForkedProcessesDoNotReachTheDriver) {
+TEST_F(DriverConnections, AreNotReachedByForkedProcesses) {
     Connection connection(kDriverText);
     connection.autocommit(false);
     connection.must("DELETE FROM t");
