@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "error.h"
+#include "odbc/columns.h"
 #include "odbc/idle.h"
 #include "odbc/parameters.h"
 #include "odbc/procedures.h"
@@ -113,7 +114,10 @@ const std::vector<Column>& OdbcProgram::columns() {
     m_database.requireConnection();
     if (!m_statement) useStatement({});
     prepareOnce();
-    m_described = describeColumns(*m_statement);
+    m_described.clear();
+    for (OdbcColumn& described : describeColumns(*m_statement)) {
+        m_described.push_back(std::move(described.column));
+    }
     return m_described;
 }
 

@@ -5,24 +5,11 @@
 #include <utility>
 
 #include "error.h"
-#include "message.h"
+#include "odbc/columns.h"
 #include "text.h"
 
 namespace embedded {
 namespace {
-
-/// In which form a column is read from the driver.
-enum class Form {
-    Integer,
-    Bit,
-    Real,
-    Wide,   ///< text
-    Utf8,   ///< text that comes as bytes
-    Ascii,  ///< text of digits and signs: exact decimals, times with their fraction
-    Binary,
-    Date,
-    Timestamp,
-};
 
 struct FormTraits {
     SQLSMALLINT cType;
@@ -51,154 +38,6 @@ const FormTraits& traitsOf(Form form) noexcept {
 /// Bytes that the driver puts behind a value.
 size_t terminatorOf(Form form) noexcept {
     return traitsOf(form).cType == SQL_C_BINARY ? 0 : traitsOf(form).unit;
-}
-
-/// A driver's type: the one it is described as, and how it is read. All that is not listed, GUIDs
-/// and intervals included, is text.
-struct TypeEntry {
-    SQLSMALLINT driverType;
-    SQLSMALLINT sqlType;
-    Form form;
-};
-
-constexpr TypeEntry kTypes[] = {
-    {SQL_BIGINT, SQL_BIGINT, Form::Integer},
-    {SQL_INTEGER, SQL_INTEGER, Form::Integer},
-    {SQL_SMALLINT, SQL_SMALLINT, Form::Integer},
-    {SQL_TINYINT, SQL_SMALLINT, Form::Integer},
-    {SQL_BIT, SQL_BIT, Form::Bit},
-    {SQL_REAL, SQL_DOUBLE, Form::Real},
-    {SQL_FLOAT, SQL_DOUBLE, Form::Real},
-    {SQL_DOUBLE, SQL_DOUBLE, Form::Real},
-    {SQL_DECIMAL, SQL_DECIMAL, Form::Ascii},
-    {SQL_NUMERIC, SQL_DECIMAL, Form::Ascii},
-    {SQL_BINARY, SQL_VARBINARY, Form::Binary},
-    {SQL_VARBINARY, SQL_VARBINARY, Form::Binary},
-    {SQL_LONGVARBINARY, SQL_VARBINARY, Form::Binary},
-    {SQL_TYPE_DATE, SQL_TYPE_DATE, Form::Date},
-    {SQL_TYPE_TIME, SQL_TYPE_TIME, Form::Ascii},
-    {SQL_TYPE_TIMESTAMP, SQL_TYPE_TIMESTAMP, Form::Timestamp},
-};
-
-constexpr SQLSMALLINT kMaxFraction = 9;
-
-constexpr TypeEntry kText{SQL_WVARCHAR, SQL_WVARCHAR, Form::Wide};
-
-// The upper half of unsigned numbers fits the next larger type only.
-constexpr TypeEntry kUnsigned[] = {
-    {SQL_SMALLINT, SQL_INTEGER, Form::Integer},
-    {SQL_INTEGER, SQL_BIGINT, Form::Integer},
-    {SQL_BIGINT, SQL_DECIMAL, Form::Ascii},
-};
-
-TypeEntry entryOf(SQLSMALLINT driverType, bool isUnsigned) noexcept {
-    const auto isIt = [driverType](const TypeEntry& entry) {
-        return entry.driverType == driverType;
-    };
-    if (isUnsigned) {
-        const auto larger = std::find_if(std::begin(kUnsigned), std::end(kUnsigned), isIt);
-        if (larger != std::end(kUnsigned)) return *larger;
-    }
-    const auto found = std::find_if(std::begin(kTypes), std::end(kTypes), isIt);
-    if (found != std::end(kTypes)) return *found;
-    TypeEntry text = kText;
-    text.driverType = driverType;
-    return text;
-}
-
-/// How a value is read from this driver.
-Form formFor(Form form, const DriverHabits& habits) noexcept {
-    using AsText = DriverHabits::AsText;
-    if (form == Form::Wide) return habits.utf8Texts ? Form::Utf8 : form;
-    if (form == Form::Binary || habits.comesAsText == AsText::None) return form;
-    const bool temporal = form == Form::Date || form == Form::Timestamp;
-    return temporal || habits.comesAsText == AsText::All ? Form::Ascii : form;
-}
-
-bool isLong(SQLSMALLINT driverType) noexcept {
-    return driverType == SQL_LONGVARCHAR || driverType == SQL_WLONGVARCHAR ||
-           driverType == SQL_LONGVARBINARY;
-}
-
-ColumnType typeOf(const TypeEntry& entry, SQLULEN size, SQLSMALLINT digits,
-                  const DriverHabits& habits) noexcept {
-    ColumnType type = plain(entry.sqlType);
-    switch (entry.sqlType) {
-        case SQL_DECIMAL:
-            type.size = size;
-            type.scale = entry.driverType == SQL_BIGINT ? SQLSMALLINT{0} : digits;
-            break;
-        case SQL_WVARCHAR:
-        case SQL_VARBINARY:
-            type.size = isLong(entry.driverType) ? 0 : size;
-            break;
-        case SQL_TYPE_TIME:
-        case SQL_TYPE_TIMESTAMP:
-            type.size = size;
-            type.scale = habits.describesScales ? std::clamp<SQLSMALLINT>(digits, 0, kMaxFraction)
-                                                : kMaxFraction;
-            break;
-        default:
-            break;
-    }
-    return type;
-}
-
-/// A column as the driver describes it.
-struct Described {
-    Column column;
-    Form form;
-};
-
-constexpr SQLSMALLINT kNameCapacity = 1024;
-
-/// Not by the length that the driver tells: some count wrong.
-std::string upToTerminator(const SQLWCHAR (&text)[kNameCapacity]) {
-    const auto* const end = std::find(std::begin(text), std::end(text), SQLWCHAR{0});
-    return narrowText(text, static_cast<size_t>(end - text));
-}
-
-Described describe(const OdbcStatement& statement, SQLUSMALLINT number) {
-    SQLSMALLINT driverType = 0;
-    SQLULEN size = 0;
-    SQLSMALLINT digits = 0;
-    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
-    const DriverManager& manager = statement.manager();
-    const auto describeInto = [&](auto function, auto* text) {
-        statement.handle().check(function(statement.get(), number, text, kNameCapacity, nullptr,
-                                          &driverType, &size, &digits, &nullable));
-    };
-    Described result;
-    SQLWCHAR text[kNameCapacity] = {};
-    if (statement.database().habits().narrow) {
-        SQLCHAR name[kNameCapacity] = {};
-        describeInto(manager.SQLDescribeCol, name);
-        result.column.name = reinterpret_cast<const char*>(name);
-    } else {
-        describeInto(manager.SQLDescribeColW, text);
-        result.column.name = upToTerminator(text);
-    }
-    SQLLEN isUnsigned = SQL_FALSE;
-    manager.SQLColAttributeW(statement.get(), number, SQL_DESC_UNSIGNED, nullptr, 0, nullptr,
-                             &isUnsigned);
-    std::fill(std::begin(text), std::end(text), SQLWCHAR{0});
-    if (SQL_SUCCEEDED(manager.SQLColAttributeW(statement.get(), number, SQL_DESC_TYPE_NAME, text,
-                                               sizeof text, nullptr, nullptr))) {
-        result.column.typeName = upToTerminator(text);
-    }
-    TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
-    // psqlodbc calls it a float, which does not have its digits.
-    if (entry.form == Form::Real && sameWord(result.column.typeName, "money")) entry = kText;
-    result.form = formFor(entry.form, statement.database().habits());
-    result.column.type = typeOf(entry, size, digits, statement.database().habits());
-    result.column.nullable = nullable;
-    return result;
-}
-
-SQLSMALLINT columnCountOf(const OdbcStatement& statement) {
-    SQLSMALLINT count = 0;
-    statement.handle().check(statement.manager().SQLNumResultCols(statement.get(), &count));
-    return std::max<SQLSMALLINT>(count, 0);
 }
 
 /// No length and no indicator of any driver.
@@ -253,9 +92,7 @@ class OdbcRows final : public ResultSet {
 };
 
 void OdbcRows::open() {
-    const int count = columnCountOf(*m_statement);
-    for (int number = 1; number <= count; ++number) {
-        Described described = describe(*m_statement, static_cast<SQLUSMALLINT>(number));
+    for (OdbcColumn& described : describeColumns(*m_statement)) {
         m_columns.push_back(std::move(described.column));
         m_slots.emplace_back().form = described.form;
         m_slots.back().buffer.resize(traitsOf(described.form).size);
@@ -481,15 +318,6 @@ Cell OdbcRows::cell(int column) {
 }
 
 }  // namespace
-
-std::vector<Column> describeColumns(const OdbcStatement& statement) {
-    std::vector<Column> columns;
-    const int count = columnCountOf(statement);
-    for (int number = 1; number <= count; ++number) {
-        columns.push_back(describe(statement, static_cast<SQLUSMALLINT>(number)).column);
-    }
-    return columns;
-}
 
 std::unique_ptr<ResultSet> makeOdbcRows(std::shared_ptr<OdbcStatement> statement) {
     auto rows = std::make_unique<OdbcRows>(std::move(statement));

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <vector>
+
+#include "column.h"
+#include "odbc/statement.h"
+
+namespace embedded {
+
+/// In which form a column is read from the driver.
+enum class Form {
+    Integer,
+    Bit,
+    Real,
+    Wide,   ///< text
+    Utf8,   ///< text that comes as bytes
+    Ascii,  ///< text of digits and signs: exact decimals, times with their fraction
+    Binary,
+    Date,
+    Timestamp,
+};
+
+/// A result column as the driver describes it, and how it is read.
+struct OdbcColumn {
+    Column column;
+    Form form;
+};
+
+/// The columns of a statement that is executed, or prepared.
+std::vector<OdbcColumn> describeColumns(const OdbcStatement& statement);
+
+}  // namespace embedded
