@@ -50,6 +50,14 @@ std::string upper(std::string_view text) {
     return result;
 }
 
+std::string lower(std::string_view text) {
+    std::string result(text);
+    for (char& c : result) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
+    }
+    return result;
+}
+
 std::string_view trimmed(std::string_view text) noexcept {
     const size_t first = text.find_first_not_of(kBlanks);
     if (first == std::string_view::npos) return {};

@@ -23,8 +23,9 @@ std::string_view inputText(const SQLCHAR* text, SQLLEN length);
 /// ASCII case-insensitive equality, as SQL keywords and SQLite's names compare.
 bool sameWord(std::string_view a, std::string_view b) noexcept;
 
-/// Upper-case copy, ASCII letters only.
+/// Upper-case and lower-case copies, ASCII letters only.
 std::string upper(std::string_view text);
+std::string lower(std::string_view text);
 
 /// `text` without blanks, tabs and line ends at both ends.
 std::string_view trimmed(std::string_view text) noexcept;

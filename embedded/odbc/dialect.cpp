@@ -113,14 +113,6 @@ constexpr NamedHabits kHabits[] = {
     {"sqliteodbc", "sqlite", kSqlite},
 };
 
-std::string lower(std::string_view text) {
-    std::string result(text);
-    for (char& c : result) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
-    }
-    return result;
-}
-
 constexpr DriverHabits kUnknown;
 
 }  // namespace

@@ -71,11 +71,7 @@ std::string catalogued(const OdbcDatabase& database, const Token& token) {
     std::string name(token.text);
     const SQLUINTEGER fold = database.numberInfo(SQL_IDENTIFIER_CASE);
     if (fold == SQL_IC_UPPER) return upper(name);
-    if (fold != SQL_IC_LOWER) return name;
-    for (char& c : name) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
-    }
-    return name;
+    return fold == SQL_IC_LOWER ? lower(name) : name;
 }
 
 /// The name that starts at `at`, which is moved behind it.
