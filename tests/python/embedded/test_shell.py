@@ -224,6 +224,7 @@ class Terminal:
     def __init__(self, *arguments, columns=60, **environment):
         self.pid, self.file = pty.fork()
         if self.pid == 0:
+            signal.signal(signal.SIGINT, signal.SIG_DFL)  # which a job in the background may ignore
             os.environ.update(environment, TERM="dumb")
             os.execv(sys.executable, [sys.executable, "-m", "vorda", *arguments])
         ioctl(self.file, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
