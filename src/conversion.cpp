@@ -1,5 +1,6 @@
 #include "include/conversion.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstdarg>
 #include <cstring>
@@ -236,6 +237,36 @@ int MicrosecondsFrom(int fraction, int scale) {
     if (scale > 0) return fraction / 1000;
     while (fraction > 999'999) fraction /= 10;
     return fraction;
+}
+
+bool WarnIfMisread(std::string_view sql) {
+    if (sql.find('\\') == std::string_view::npos) return true;
+    size_t backslash = std::string_view::npos;
+    char quote = '\0';
+    for (size_t i = 0; i < sql.size(); ++i) {
+        const char c = sql[i];
+        const char next = i + 1 < sql.size() ? sql[i + 1] : '\0';
+        if (quote != '\0') {
+            if (c == quote) quote = '\0';
+            if (c == '\\' && next == quote) backslash = std::min(backslash, i);
+            if (c == '\\' && next == '\\') ++i;
+        } else if (c == '\'' || c == '"' || c == '`') {
+            quote = c;
+        } else if (c == '-' && next == '-') {
+            i = std::min(sql.find('\n', i), sql.size());
+        } else if (c == '/' && next == '*') {
+            i = std::min(sql.find("*/", i + 2), sql.size());
+        }
+    }
+    // Where a quote is left open the backslash is the escape that it seems to be.
+    if (backslash == std::string_view::npos || quote != '\0' ||
+        sql.find_first_of("?@:", backslash) == std::string_view::npos) {
+        return true;
+    }
+    return Warn(
+        "A backslash in front of a quote is taken for an escape in the statement: what follows "
+        "may be misread, and the characters ?, @ and : in its texts changed. Put the text "
+        "into a parameter.");
 }
 
 bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position) {

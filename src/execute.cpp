@@ -205,8 +205,10 @@ PyRef ExecuteStatement(PyObject* self, PyObject* const* args, Py_ssize_t count) 
                      "The first argument to execute must be a string or unicode query.");
     }
     Parameters parameters;
-    if (!WarnIfCut(args[0], "statement", 0) || !GatherParameters(args, count, sql, parameters) ||
-        !WarnAboutCuts(parameters) || CursorValidate(self, true, false) == nullptr) {
+    if (!WarnIfCut(args[0], "statement", 0) ||
+        !WarnIfMisread({sql.Deref(), static_cast<size_t>(sql.Length())}) ||
+        !GatherParameters(args, count, sql, parameters) || !WarnAboutCuts(parameters) ||
+        CursorValidate(self, true, false) == nullptr) {
         return PyRef();
     }
 

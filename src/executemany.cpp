@@ -289,6 +289,7 @@ PyRef PyCursor_ExecuteMany(PyObject* self, PyObject* args) {
     std::vector<ParamKind> kinds;
     Batch batch;
     if (!WarnIfCut(PyTuple_GET_ITEM(args, 0), "statement", 0) ||
+        !WarnIfMisread({sql.Deref(), static_cast<size_t>(sql.Length())}) ||
         !GatherRows(rows.Get(), kinds, batch) || !WarnAboutLostValues(kinds, batch) ||
         CursorValidate(self, true, false) == nullptr) {
         return PyRef();

@@ -3,6 +3,8 @@
 // lock.
 #pragma once
 
+#include <string_view>
+
 #include "include/dbs.h"
 #include "include/pyref.h"
 
@@ -63,3 +65,8 @@ int MicrosecondsFrom(int fraction, int scale);
 // nothing may be cut silently. `what` names the value, `position` where it stands. False with an
 // error set when the program turns warnings into errors.
 bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position);
+
+// The tokenizer takes a backslash in a quoted text for an escape; most databases do not. Warns
+// where the two disagree about where a text ends and a marker behind it may therefore be taken for
+// a part of a text, or a part of a text for a marker. False with an error set as above.
+bool WarnIfMisread(std::string_view sql);

@@ -119,6 +119,8 @@ def test_value_that_cannot_be_sent(runtime, cursor, failure, position, parameter
     assert bound(runtime) == ["1: values=[9], lens=[4]"]
 
 
+MISREAD = ("A backslash in front of a quote is taken for an escape in the statement: what follows may be misread, and the "
+           "characters ?, @ and : in its texts changed. Put the text into a parameter.")
 CUT = "The %s at position [%d] of arguments is cut at its NUL character, from %d characters to %d."
 
 
@@ -129,6 +131,8 @@ CUT = "The %s at position [%d] of arguments is cut at its NUL character, from %d
     (lambda cursor: cursor.execute("SELECT 1\0; DROP TABLE t"), CUT % ("statement", 0, 23, 8)),
     (lambda cursor: cursor.execute("SELECT ?", "ab\0cd"), CUT % ("text", 1, 5, 2)),
     (lambda cursor: cursor.execute("SELECT ?", [1, "\0"]), CUT % ("text", 1, 1, 0)),
+    (lambda cursor: cursor.execute(r"SELECT 'C:\dir\', 'it?'"), MISREAD),
+    (lambda cursor: cursor.executemany(r"SELECT 'a''\', ?", [(1,)]), MISREAD),
     (lambda cursor: cursor.execute("SELECT ?", datetime.time(1, 2, 3, 4)), "The time at position "
      "[1] of arguments loses its fraction of a second, 4 microseconds."),
     (lambda cursor: cursor.execute("SELECT ?", datetime.datetime(2024, 1, 2, tzinfo=UTC)),
@@ -146,6 +150,13 @@ def test_nothing_is_cut_silently(runtime, cursor, operation, message):
         with raises(RuntimeWarning, message):
             operation(cursor)
     assert runtime.take_log() == []
+
+
+@pytest.mark.parametrize("sql", [r"SELECT 'it\'s', ?", r"SELECT 'C:\\', '?'", r"SELECT 'a\b', '?' -- \'", r"SELECT 'a\'"])
+def test_a_backslash_that_means_the_same_to_all(runtime, cursor, sql):
+    with warnings.catch_warnings():
+        warnings.simplefilter("error")
+        cursor.execute(sql)
 
 
 def test_failures_with_a_history(runtime, cursor):
