@@ -51,6 +51,17 @@ SQLRETURN callWithTerminated(Function function, SQLHSTMT statement, Texts... tex
                                                std::make_tuple(texts, SQLSMALLINT{SQL_NTS})...));
 }
 
+/// Only the narrow function of unixODBC knows files of data sources, and finds the names of drivers
+/// and sources that are not ASCII.
+bool needsNarrowCall(const ConnectString& text) noexcept {
+    const auto isAscii = [](std::string_view name) {
+        return std::all_of(name.begin(), name.end(),
+                           [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    };
+    return text.has("FILEDSN") || !isAscii(valueOf(text, "Driver")) ||
+           !isAscii(valueOf(text, "DSN"));
+}
+
 SQLPOINTER asPointer(SQLULEN number) noexcept {
     return reinterpret_cast<SQLPOINTER>(number);
 }
@@ -91,15 +102,15 @@ OdbcDatabase::OdbcDatabase(const ConnectString& text, CursorOwner& cursors,
       m_idle(std::make_unique<IdleStatements>()) {
     const DriverHabits& named = habitsOfNamed(valueOf(text, "Driver"));
     const std::string first = completed(text, named);
-    const bool fromFile = text.has("FILEDSN");
-    connect(first, fromFile || named.narrow, diagnostics);
+    const bool narrow = needsNarrowCall(text);
+    connect(first, narrow || named.narrow, diagnostics);
     try {
         m_habits = &habitsOf(textInfo(SQL_DRIVER_NAME));
         const std::string second = completed(text, *m_habits);
         if (second != first || m_habits->narrow != named.narrow) {
             disconnect();
             diagnostics.clear();
-            connect(second, fromFile || m_habits->narrow, diagnostics);
+            connect(second, narrow || m_habits->narrow, diagnostics);
         }
         m_dialect = &dialectOf(textInfo(SQL_DBMS_NAME));
         m_rereadsBound = (numberInfo(SQL_GETDATA_EXTENSIONS) & SQL_GD_BOUND) != 0;
@@ -113,8 +124,8 @@ OdbcDatabase::~OdbcDatabase() {
     disconnect();
 }
 
-// Only the narrow function of unixODBC knows files of data sources, and it alone hands a text that
-// is not ASCII to a narrow driver as it is: another file would be opened.
+// The narrow function of unixODBC alone hands a text that is not ASCII to a narrow driver as it is:
+// another file would be opened.
 void OdbcDatabase::connect(const std::string& text, bool narrow, Diagnostics& diagnostics) {
     WideText wide = wideText(text);
     std::string utf8 = text;
