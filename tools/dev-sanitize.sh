@@ -45,6 +45,8 @@ addresses_and_leaks() {
     fi
     python_tests "$folder" sanitized-python LD_PRELOAD="$preload" PYTHONMALLOC=malloc \
         ASAN_OPTIONS="detect_leaks=$leaks"
+    # Drivers keep some of their memory to the end.
+    server_tests "$folder" sanitized-servers LD_PRELOAD="$preload" PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0
     # A length that the runtime invents must not become an allocation.
     suite "sanitized: hostile runtime" one_case hostile hostile_seeds "$folder" 4000 \
         LD_PRELOAD="$preload" PYTHONMALLOC=malloc \

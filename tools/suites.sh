@@ -53,10 +53,12 @@ python_tests() {
         tests/python/hostile
 }
 
-# server_tests FOLDER NAME: the suite for every engine, on those that are on this machine; it says which are not.
+# server_tests FOLDER NAME [ENV=...]...: the suite for every engine, on those that are on this machine; it says which
+# are not.
 server_tests() {
-    suite "$2: every engine" env PYTHONPATH="$1/python:$pytest_folder" "$python" -m pytest -q -rs \
-        -p no:cacheprovider --junitxml "$results/$2.xml" tests/python/servers
+    built=$1; label=$2; shift 2
+    suite "$label: every engine" env "$@" PYTHONPATH="$built/python:$pytest_folder" "$python" -m pytest -q -rs \
+        -p no:cacheprovider --junitxml "$results/$label.xml" tests/python/servers
 }
 
 # hostile_seeds FOLDER COUNT [ENV=...]...: random programs on the scripted runtime that answers from seeds.
