@@ -37,7 +37,7 @@ class Engine:
     """The embedded SQLite engine, and what is the same for all."""
 
     name = "sqlite"
-    library = None  # the ODBC driver
+    driver_file = None  # the ODBC driver
     start = None  # of servers.py
     kinds = {
         # SQLite keeps a decimal as a double: 15 digits.
@@ -73,10 +73,10 @@ class Engine:
     @classmethod
     def missing(cls):
         """What this engine needs and does not find, or None."""
-        if cls.library and not ctypes.util.find_library("odbc"):
+        if cls.driver_file and not ctypes.util.find_library("odbc"):
             return "there is no ODBC driver manager"
-        if cls.library and not servers.driver(cls.library):
-            return "there is no ODBC driver " + cls.library
+        if cls.driver_file and not servers.driver(cls.driver_file):
+            return "there is no ODBC driver " + cls.driver_file
         if cls.start and not servers.program(cls.program):
             return "there is no server program " + cls.program
         return None
@@ -101,7 +101,7 @@ class Sourced(Engine):
 
 
 class PostgreSQL(Sourced):
-    name, library, program, start = "postgresql", "psqlodbcw.so", "postgres", staticmethod(servers.postgresql)
+    name, driver_file, program, start = "postgresql", "psqlodbcw.so", "postgres", staticmethod(servers.postgresql)
     kinds = {}
     binary = "BYTEA"
     others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("CHAR(3)", "'z'", "z  "),
@@ -135,7 +135,7 @@ class PostgreSQL(Sourced):
 
 
 class MariaDB(Sourced):
-    name, library, program, start = "mariadb", "libmaodbc.so", "mariadbd", staticmethod(servers.mariadb)
+    name, driver_file, program, start = "mariadb", "libmaodbc.so", "mariadbd", staticmethod(servers.mariadb)
     kinds = {
         # BOOLEAN is another word for TINYINT.
         "boolean": {"described": int},
@@ -171,7 +171,7 @@ class MariaDB(Sourced):
 
 
 class SQLiteODBC(Sourced):
-    name, library = "sqliteodbc", "libsqlite3odbc.so"
+    name, driver_file = "sqliteodbc", "libsqlite3odbc.so"
     kinds = {
         # The driver says text.
         "decimal": {"described": str, "values": ["0", "12.5"]},
@@ -204,7 +204,7 @@ def running():
                 if engine.start:
                     stack.callback(engines[name].server.stop)
         sourced = [engine for engine in engines.values() if isinstance(engine, Sourced)]
-        named = servers.configure(folder, {engine.name: {"Driver": servers.driver(engine.library), **engine.source()}
+        named = servers.configure(folder, {engine.name: {"Driver": servers.driver(engine.driver_file), **engine.source()}
                                            for engine in sourced})
         for engine in sourced:
             engine.named = named[engine.name]

@@ -41,7 +41,7 @@ def test_page(name, databases, tmp_path, monkeypatch, capfd):
     source, text, here = PAGES[name]
     entry = {**sources()[source], **here, "Port": databases[name].server.port}
     # The driver manager has read, once, where its files are.
-    library = servers.driver(engines.ENGINES[name].library)
+    library = servers.driver(engines.ENGINES[name].driver_file)
     for file, section, values in [(os.path.join(os.environ["ODBCSYSINI"], "odbcinst.ini"), entry["Driver"], {"Driver": library}),
                                   (os.environ["ODBCINI"], source, entry)]:
         with open(file, "a") as ini:
