@@ -64,7 +64,7 @@ using Information = std::variant<std::string, SQLUINTEGER>;
 
 /// An open database of one engine. Calls on it and on its programs come one at a time.
 ///
-/// Closing and everything else that fails throws an `Error`.
+/// What fails throws an `Error`; closing, in the destructor, does not fail.
 class Database {
   public:
     Database() = default;

@@ -291,10 +291,10 @@ class ParameterArray {
     static constexpr SQLUSMALLINT kUntouched = 0xFFFF;
 
     SQLRETURN set(SQLINTEGER attribute, SQLULEN value) const noexcept {
-        return m_statement.trySet(attribute, reinterpret_cast<SQLPOINTER>(value));
+        return m_statement.set(attribute, reinterpret_cast<SQLPOINTER>(value));
     }
     bool point(SQLINTEGER attribute, SQLPOINTER value) const noexcept {
-        return SQL_SUCCEEDED(m_statement.trySet(attribute, value));
+        return SQL_SUCCEEDED(m_statement.set(attribute, value));
     }
 
     OdbcStatement& m_statement;

@@ -35,10 +35,7 @@ class OdbcStatement {
         return send(sql, manager().SQLExecDirectW, manager().SQLExecDirect);
     }
 
-    void set(SQLINTEGER attribute, SQLULEN value) const {
-        m_handle.check(trySet(attribute, reinterpret_cast<SQLPOINTER>(value)));
-    }
-    SQLRETURN trySet(SQLINTEGER attribute, SQLPOINTER value) const {
+    SQLRETURN set(SQLINTEGER attribute, SQLPOINTER value) const {
         return manager().SQLSetStmtAttrW(get(), attribute, value, 0);
     }
 
