@@ -10,10 +10,10 @@
 #include <variant>
 #include <vector>
 
-#include "column.h"
-#include "connectstring.h"
-#include "diagnostics.h"
-#include "resultset.h"
+#include "core/connectstring.h"
+#include "core/diagnostics.h"
+#include "core/resultset.h"
+#include "values/column.h"
 
 namespace embedded {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "odbc/utf16.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <vector>
 
-#include "column.h"
 #include "odbc/statement.h"
+#include "values/column.h"
 
 namespace embedded {
 

@@ -7,14 +7,14 @@
 #include <tuple>
 #include <utility>
 
-#include "error.h"
-#include "information.h"
+#include "core/error.h"
+#include "core/information.h"
 #include "odbc/idle.h"
 #include "odbc/program.h"
 #include "odbc/rows.h"
 #include "odbc/scanner.h"
 #include "odbc/statement.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "error.h"
+#include "core/error.h"
 #include "odbc/utf16.h"
 
 namespace embedded {

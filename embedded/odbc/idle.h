@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/recent.h"
 #include "odbc/statement.h"
-#include "recent.h"
 
 namespace embedded {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <iterator>
 
-#include "error.h"
+#include "core/error.h"
 
 namespace embedded {
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "../parameters.h"
+#include "core/parameters.h"
 #include "odbc/statement.h"
 
 namespace embedded {

@@ -5,13 +5,13 @@
 #include <utility>
 #include <vector>
 
-#include "error.h"
-#include "message.h"
+#include "core/error.h"
+#include "core/message.h"
+#include "core/parameters.h"
 #include "odbc/rows.h"
 #include "odbc/scanner.h"
 #include "odbc/statement.h"
-#include "parameters.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

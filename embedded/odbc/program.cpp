@@ -4,7 +4,8 @@
 #include <optional>
 #include <utility>
 
-#include "error.h"
+#include "core/error.h"
+#include "core/parameters.h"
 #include "odbc/columns.h"
 #include "odbc/idle.h"
 #include "odbc/parameters.h"
@@ -12,7 +13,6 @@
 #include "odbc/rows.h"
 #include "odbc/scanner.h"
 #include "odbc/statement.h"
-#include "parameters.h"
 
 namespace embedded {
 namespace {

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <utility>
 
-#include "error.h"
+#include "core/error.h"
 #include "odbc/columns.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

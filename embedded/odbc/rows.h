@@ -2,8 +2,8 @@
 
 #include <memory>
 
+#include "core/resultset.h"
 #include "odbc/statement.h"
-#include "resultset.h"
 
 namespace embedded {
 

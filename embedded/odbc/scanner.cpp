@@ -6,8 +6,8 @@
 
 #include <limits>
 
-#include "error.h"
-#include "text.h"
+#include "core/error.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <optional>
 
-#include "error.h"
+#include "core/error.h"
 
 namespace embedded {
 namespace {

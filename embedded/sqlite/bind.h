@@ -2,7 +2,7 @@
 
 #include <sqlite3.h>
 
-#include "parameters.h"
+#include "core/parameters.h"
 
 namespace embedded {
 

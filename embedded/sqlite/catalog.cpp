@@ -5,13 +5,13 @@
 #include <tuple>
 #include <vector>
 
-#include "columntype.h"
-#include "describe.h"
+#include "core/describe.h"
 #include "sqlite/origin.h"
 #include "sqlite/schemaguard.h"
 #include "sqlite/sqliteerror.h"
 #include "sqlite/statementcache.h"
-#include "text.h"
+#include "values/columntype.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

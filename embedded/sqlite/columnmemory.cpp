@@ -6,7 +6,7 @@
 
 #include "sqlite/origin.h"
 #include "sqlite/sqlscanner.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

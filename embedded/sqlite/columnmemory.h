@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "column.h"
+#include "values/column.h"
 
 namespace embedded {
 

@@ -3,7 +3,7 @@
 #include <new>
 #include <system_error>
 
-#include "error.h"
+#include "core/error.h"
 #include "sqlite/catalog.h"
 #include "sqlite/proceduretables.h"
 #include "sqlite/program.h"

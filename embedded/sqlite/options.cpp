@@ -5,9 +5,9 @@
 #include <charconv>
 #include <optional>
 
-#include "error.h"
-#include "message.h"
-#include "text.h"
+#include "core/error.h"
+#include "core/message.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

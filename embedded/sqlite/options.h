@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "connectstring.h"
+#include "core/connectstring.h"
 
 namespace embedded {
 

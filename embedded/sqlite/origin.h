@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "column.h"
+#include "values/column.h"
 
 namespace embedded {
 

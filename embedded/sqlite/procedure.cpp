@@ -3,14 +3,14 @@
 #include <utility>
 #include <vector>
 
-#include "error.h"
-#include "message.h"
+#include "core/error.h"
+#include "core/message.h"
 #include "sqlite/procedurecall.h"
 #include "sqlite/procedurecheck.h"
 #include "sqlite/procedurestore.h"
 #include "sqlite/savepoint.h"
 #include "sqlite/sqliteerror.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "error.h"
-#include "message.h"
+#include "core/error.h"
+#include "core/message.h"
 #include "sqlite/procedurestore.h"
 
 namespace embedded {

@@ -8,7 +8,7 @@
 #include "sqlite/rows.h"
 #include "sqlite/savepoint.h"
 #include "sqlite/sqlscanner.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "error.h"
-#include "message.h"
+#include "core/error.h"
+#include "core/message.h"
 #include "sqlite/sqlscanner.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -9,7 +9,7 @@
 #include <variant>
 #include <vector>
 
-#include "error.h"
+#include "core/error.h"
 #include "sqlite/procedureparser.h"
 #include "sqlite/procedurestore.h"
 #include "sqlite/schemaguard.h"

@@ -3,7 +3,7 @@
 #include <optional>
 #include <utility>
 
-#include "error.h"
+#include "core/error.h"
 #include "sqlite/bind.h"
 #include "sqlite/database.h"
 #include "sqlite/rows.h"

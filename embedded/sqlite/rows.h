@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "resultset.h"
+#include "core/resultset.h"
 #include "sqlite/statementcache.h"
 
 namespace embedded {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <iterator>
 
-#include "error.h"
+#include "core/error.h"
 #include "sqlite/sqlscanner.h"
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

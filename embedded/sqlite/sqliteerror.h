@@ -2,7 +2,7 @@
 
 #include <sqlite3.h>
 
-#include "error.h"
+#include "core/error.h"
 
 namespace embedded {
 

@@ -4,7 +4,7 @@
 #include <array>
 #include <charconv>
 
-#include "text.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {

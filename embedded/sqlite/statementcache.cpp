@@ -4,7 +4,7 @@
 #include <new>
 #include <utility>
 
-#include "error.h"
+#include "core/error.h"
 #include "sqlite/schemaguard.h"
 #include "sqlite/sqliteerror.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "recent.h"
+#include "core/recent.h"
 #include "sqlite/columnmemory.h"
 #include "sqlite/sqlscanner.h"
 

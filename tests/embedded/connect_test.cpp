@@ -1,9 +1,9 @@
 #include <fstream>
 
-#include "connection.h"
-#include "environment.h"
+#include "core/connection.h"
+#include "core/environment.h"
+#include "core/handle.h"
 #include "fixture.h"
-#include "handle.h"
 
 namespace embedded_test {
 namespace {

@@ -1,5 +1,5 @@
-#include "columntype.h"
 #include "fixture.h"
+#include "values/columntype.h"
 
 namespace embedded_test {
 namespace {

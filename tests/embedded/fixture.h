@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "runtime.h"
+#include "entry/runtime.h"
 
 namespace embedded_test {
 

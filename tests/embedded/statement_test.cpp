@@ -2,7 +2,7 @@
 
 #include <malloc.h>
 
-#include "statement.h"
+#include "core/statement.h"
 
 namespace embedded_test {
 namespace {

@@ -4,8 +4,8 @@
 #include <numeric>
 #include <thread>
 
+#include "core/handle.h"
 #include "fixture.h"
-#include "handle.h"
 
 namespace embedded_test {
 namespace {

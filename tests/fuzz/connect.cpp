@@ -5,7 +5,7 @@
 #include <optional>
 #include <regex>
 
-#include "error.h"
+#include "core/error.h"
 #include "fuzz.h"
 #include "sqlite/options.h"
 

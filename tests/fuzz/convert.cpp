@@ -1,5 +1,5 @@
 // Types, numbers, dates and texts of the embedded runtime, and every value in every C type.
-#include "convert.h"
+#include "values/convert.h"
 
 #include <chrono>
 #include <cmath>
@@ -9,9 +9,9 @@
 #include <regex>
 
 #include "fuzz.h"
-#include "numbers.h"
-#include "temporal.h"
-#include "text.h"
+#include "values/numbers.h"
+#include "values/temporal.h"
+#include "values/text.h"
 
 namespace {
 

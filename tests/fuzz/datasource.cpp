@@ -7,7 +7,7 @@
 #include <optional>
 #include <regex>
 
-#include "error.h"
+#include "core/error.h"
 #include "fuzz.h"
 #include "odbc/scanner.h"
 #include "odbc/utf16.h"

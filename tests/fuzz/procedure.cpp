@@ -6,7 +6,7 @@
 
 #include <memory>
 
-#include "error.h"
+#include "core/error.h"
 #include "fuzz.h"
 #include "sqlite/sqlscanner.h"
 

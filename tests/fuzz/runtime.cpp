@@ -1,5 +1,5 @@
 // The embedded runtime as a whole: a sequence of calls, one a line, on databases in memory.
-#include "runtime.h"
+#include "entry/runtime.h"
 
 #include <sqlite3.h>
 

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "error.h"
+#include "core/error.h"
 
 namespace embedded_test {
 namespace {

@@ -1,0 +1,85 @@
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/fork.h"
+#include "core/handle.h"
+#include "engine.h"
+
+namespace embedded {
+
+class Environment;
+class Statement;
+
+/// A connection handle and, while it is open, a database of one of the engines.
+///
+/// Its lock serialises all calls on it and on its statements; an engine then needs none.
+class Connection final : public Handle, private CursorOwner {
+  public:
+    static constexpr SQLSMALLINT kHandleType = SQL_HANDLE_DBC;
+
+    explicit Connection(SQLHANDLE environment) noexcept
+        : Handle(kHandleType), m_environment(environment) {}
+    ~Connection();
+
+    std::mutex& mutex() noexcept { return m_mutex; }
+    SQLHANDLE environment() const noexcept { return m_environment; }
+
+    bool isOpen() const noexcept { return m_database != nullptr; }
+    void open(std::string_view text);
+
+    /// Whether the database was opened by the process from which this one was forked. Its engine
+    /// must not be called then: the locks, the socket and the transaction are the parent's, and
+    /// even to close it would undo what the parent is doing there.
+    bool inherited() const noexcept { return m_database && m_forks != forkCount(); }
+
+    /// Frees all statements, rolls an open transaction back and closes the database. Throws 25000
+    /// when autocommit is off and changes are neither committed nor rolled back. An inherited
+    /// database is left alone, and what belongs to it stays in memory.
+    void close();
+
+    /// The open database; throws 08003 when there is none.
+    Database& database();
+
+    bool autocommit() const noexcept { return m_autocommit; }
+
+    /// Switching autocommit on commits an open transaction.
+    void setAutocommit(bool on);
+
+    /// Commits or rolls back the open transaction, if there is one, however it was begun. Rolling
+    /// back closes all cursors.
+    void endTransaction(bool commit);
+
+    /// Closes the cursors of all statements.
+    void closeCursors() noexcept override;
+
+    /// Interrupts what is running. Callable from any thread, without the connection's lock.
+    void interrupt() noexcept;
+
+    // For statements only: their list, and the ones whose rows nobody has asked about yet.
+    void attach(Statement& statement) noexcept;
+    void detach(Statement& statement) noexcept;
+    void addUnasked(Statement& statement) { m_unasked.push_back(&statement); }
+    void removeUnasked(Statement& statement) noexcept;
+
+    /// Closes the cursors nobody has asked about. Applications run statements that yield rows just
+    /// for their effect and never free them; such a statement must not hold the database.
+    void closeUnasked() noexcept;
+
+  private:
+    void forgetInherited();
+
+    std::mutex m_mutex;
+    std::mutex m_interruptMutex;  ///< keeps the database open while others than the owner use it
+    const SQLHANDLE m_environment;
+    std::unique_ptr<Database> m_database;
+    unsigned m_forks = 0;  ///< when it was opened
+    bool m_autocommit = true;
+    Statement* m_statements = nullptr;  ///< head of the list of all statements
+    std::vector<Statement*> m_unasked;
+};
+
+}  // namespace embedded

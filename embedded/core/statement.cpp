@@ -1,0 +1,185 @@
+#include "core/statement.h"
+
+#include <string>
+#include <utility>
+
+#include "core/error.h"
+
+namespace embedded {
+
+Statement::Statement(std::shared_ptr<Connection> connection)
+    : Handle(kHandleType), m_connection(std::move(connection)) {
+    m_connection->attach(*this);
+}
+
+Statement::~Statement() {
+    if (!dropped) m_connection->detach(*this);
+}
+
+void Statement::drop() noexcept {
+    endWork();
+    m_connection->detach(*this);
+    dropped = true;
+    HandleRegistry::instance().remove(id());  // the object may be gone behind this line
+}
+
+// What an engine has made for a parent process is never touched again.
+void Statement::endWork() noexcept {
+    if (inherited()) static_cast<void>(m_work.release());
+    m_work.reset();
+}
+
+const Statement::Settings& Statement::settings() const noexcept {
+    static const Settings kUntouched;
+    return m_settings ? *m_settings : kUntouched;
+}
+
+Statement::Settings& Statement::changeSettings() {
+    if (!m_settings) m_settings = std::make_unique<Settings>();
+    return *m_settings;
+}
+
+void Statement::prepare(std::string_view sql) {
+    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
+    m_work.reset();
+    m_executed = false;
+    m_rowCount = -1;
+    if (m_settings) m_settings->surplusParameter = 0;
+    auto work = std::make_unique<Work>();
+    work->program = m_connection->database().prepare(sql);
+    work->prepared = true;
+    m_work = std::move(work);
+}
+
+SQLRETURN Statement::execute() {
+    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
+    if (!m_work || !m_work->prepared) throw sequenceError("No statement is prepared.");
+    return run();
+}
+
+SQLRETURN Statement::executeDirect(std::string_view sql) {
+    prepare(sql);
+    m_work->prepared = false;
+    try {
+        const SQLRETURN result = run();
+        if (!hasCursor()) m_work.reset();
+        return result;
+    } catch (...) {
+        m_work.reset();
+        throw;
+    }
+}
+
+void Statement::openRows(std::unique_ptr<ResultSet> rows) {
+    if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
+    m_work = std::make_unique<Work>();
+    m_work->rows = std::move(rows);
+    m_rowCount = -1;
+    m_executed = true;
+    watchRows();
+}
+
+SQLRETURN Statement::run() {
+    Work& work = *m_work;
+    m_executed = false;
+    m_rowCount = -1;
+
+    checkParameters();
+    m_connection->closeUnasked();
+    const StatementOptions& options = settings().options;
+    ParameterSets sets(settings().parameters, options.currentLayout(), options.parameterReport,
+                       options.parameterSets);
+    const Running running(*this);
+    Outcome outcome = requireProgram().execute(sets);
+    m_rowCount = outcome.changed;
+    m_executed = true;
+    if (!outcome.rows) return outcome.nothingDone ? SQL_NO_DATA : SQL_SUCCESS;
+    work.rows = std::move(outcome.rows);
+    watchRows();
+    return SQL_SUCCESS;
+}
+
+// Columns bound beforehand ask for the rows, too.
+void Statement::watchRows() {
+    m_connection->addUnasked(*this);
+    if (!settings().columns.empty()) askedCursor();
+}
+
+void Statement::checkParameters() const {
+    const int surplus = settings().surplusParameter;
+    if (surplus == 0) return;
+    throw Error("07002",
+                "The statement has " + std::to_string(parameterCount()) +
+                    " parameter marker(s), but a value is bound to marker " +
+                    std::to_string(surplus) + ".",
+                native::kRange);
+}
+
+Program& Statement::requireProgram() const {
+    if (!m_work || !m_work->program) throw sequenceError("No statement is prepared.");
+    return *m_work->program;
+}
+
+int Statement::parameterCount() const {
+    return requireProgram().parameterCount();
+}
+
+void Statement::bindParameter(SQLUSMALLINT number, const ParameterBinding& binding) {
+    Settings& changed = changeSettings();
+    if (changed.parameters.size() < number) {
+        if (m_work && m_work->prepared) {
+            changed.parameters.reserve(static_cast<size_t>(parameterCount()));
+        }
+        changed.parameters.resize(number);
+    }
+    changed.parameters[number - 1] = binding;
+    // Bindings left from an earlier text may exceed this one's markers. One made for this text
+    // tells of a value that would be ignored.
+    if (m_work && m_work->prepared && number > parameterCount()) changed.surplusParameter = number;
+}
+
+void Statement::unbindParameters() noexcept {
+    if (!m_settings) return;
+    m_settings->parameters.clear();
+    m_settings->surplusParameter = 0;
+}
+
+void Statement::bindColumn(SQLUSMALLINT number, const ColumnBinding& binding) {
+    std::vector<ColumnBinding>& columns = changeSettings().columns;
+    if (columns.size() < number) columns.resize(number);
+    columns[number - 1] = binding;
+    if (hasCursor()) askedCursor().routed = false;
+}
+
+void Statement::unbindColumns() noexcept {
+    if (!m_settings) return;
+    m_settings->columns.clear();
+    if (m_work) m_work->routed = false;
+}
+
+SQLLEN Statement::rowCount() const {
+    if (!m_executed) throw sequenceError("The statement has not been executed.");
+    return m_rowCount;
+}
+
+void Statement::closeCursor() noexcept {
+    if (!hasCursor()) return;
+    m_connection->removeUnasked(*this);
+    if (!m_work->prepared || inherited()) {
+        endWork();
+        return;
+    }
+    Work& work = *m_work;
+    work.rows.reset();
+    if (work.program) work.program->rewind();
+    work.routes.clear();
+    work.routed = work.onRow = work.ended = false;
+    work.described = nullptr;
+    work.rowNumber = 0;
+}
+
+void Statement::cancel() noexcept {
+    if (m_running) m_connection->interrupt();
+}
+
+}  // namespace embedded

@@ -1,0 +1,183 @@
+#pragma once
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <vector>
+
+#include "core/connection.h"
+#include "core/handle.h"
+#include "core/parameters.h"
+#include "values/convert.h"
+
+namespace embedded {
+
+/// One SQLBindCol call.
+struct ColumnBinding {
+    SQLSMALLINT cType = 0;
+    void* target = nullptr;  ///< null: not bound
+    SQLLEN capacity = 0;
+    SQLLEN* indicator = nullptr;
+};
+
+/// The statement attributes that can be changed.
+struct StatementOptions {
+    SQLULEN parameterSets = 1;
+    ParameterLayout layout;              ///< without the offset
+    SQLULEN* parameterOffset = nullptr;  ///< SQL_ATTR_PARAM_BIND_OFFSET_PTR
+    ParameterReport parameterReport;
+    SQLUSMALLINT* rowStatus = nullptr;
+    SQLULEN* rowsFetched = nullptr;
+
+    /// The layout with the offset that the application's variable holds now.
+    ParameterLayout currentLayout() const noexcept {
+        return {layout.rowSize, parameterOffset ? *parameterOffset : 0};
+    }
+};
+
+/// A statement handle.
+///
+/// Applications leave many of them behind, executed and never freed. What a statement needs to run
+/// and to be read is therefore made when it is needed and dropped when it is over; an idle
+/// statement is a few pointers.
+class Statement final : public Handle {
+  public:
+    static constexpr SQLSMALLINT kHandleType = SQL_HANDLE_STMT;
+
+    explicit Statement(std::shared_ptr<Connection> connection);
+    ~Statement();
+
+    std::mutex& mutex() noexcept { return m_connection->mutex(); }
+    Connection& connection() noexcept { return *m_connection; }
+    bool inherited() const noexcept { return m_connection->inherited(); }
+
+    void prepare(std::string_view sql);
+    SQLRETURN execute();
+    SQLRETURN executeDirect(std::string_view sql);
+
+    /// Presents `rows` as the result of this statement.
+    void openRows(std::unique_ptr<ResultSet> rows);
+
+    SQLRETURN fetch();
+
+    /// Delivers the value in the 1-based column of the current row, in parts if it is long.
+    SQLRETURN getData(SQLUSMALLINT column, SQLSMALLINT cType, Target target);
+
+    /// Interrupts this statement if it is running. Callable from any thread, without the lock.
+    void cancel() noexcept;
+
+    /// Number of parameter markers of the prepared text.
+    int parameterCount() const;
+
+    /// The result columns, also of a statement that is prepared only; none for one without rows.
+    const std::vector<Column>& columns();
+    int columnCount();
+
+    /// Rows changed by the last execution; -1 when that is no question.
+    SQLLEN rowCount() const;
+
+    /// Number of the current row from 1; 0 when there is none.
+    SQLULEN rowNumber() const noexcept;
+
+    void bindParameter(SQLUSMALLINT number, const ParameterBinding& binding);
+    void unbindParameters() noexcept;
+    void bindColumn(SQLUSMALLINT number, const ColumnBinding& binding);
+    void unbindColumns() noexcept;
+
+    bool hasCursor() const noexcept { return m_work && m_work->rows; }
+
+    /// Closes the cursor, if there is one. A prepared statement can be executed again.
+    void closeCursor() noexcept;
+
+    /// Ends the handle: takes it out of its connection and of the registry.
+    void drop() noexcept;
+
+    const StatementOptions& options() const noexcept { return settings().options; }
+    StatementOptions& changeOptions() { return changeSettings().options; }
+
+    // Links of the connection's list.
+    Statement* next = nullptr;
+    Statement* previous = nullptr;
+
+  private:
+    /// A bound column with the conversion chosen for it.
+    struct Route {
+        Converter convert;
+        int index;
+        const Column* column;
+        Target target;
+    };
+
+    /// What exists from preparation or execution until the statement is over.
+    struct Work {
+        std::unique_ptr<Program> program;  ///< null when it is over, and for a catalogue function
+        bool prepared = false;             ///< by `prepare`, so it outlives its cursor
+        std::unique_ptr<ResultSet> rows;   // destroyed first: the program computes them
+        SQLULEN rowNumber = 0;
+        bool onRow = false;
+        bool passed = false;  ///< the current row is delivered and gone
+        bool ended = false;
+        /// Of `rows`, once somebody has asked for them.
+        const std::vector<Column>* described = nullptr;
+        bool routed = false;  ///< `routes` fit the bindings
+        std::vector<Route> routes;
+        bool allBound = false;  ///< `routes` lead to every column
+        SQLUSMALLINT partColumn =
+            0;  ///< column of the last `getData` on this row, and how far it got
+        size_t partOffset = 0;
+    };
+
+    /// What the application has set; outlives executions.
+    struct Settings {
+        std::vector<ParameterBinding> parameters;
+        std::vector<ColumnBinding> columns;
+        StatementOptions options;
+        int surplusParameter = 0;  ///< highest number bound beyond the markers of the prepared text
+    };
+
+    /// Marks the statement as running for `cancel`, once a row: nothing else is ordered by the
+    /// mark.
+    class Running {
+      public:
+        explicit Running(Statement& statement) noexcept : m_flag(statement.m_running) {
+            m_flag.store(true, std::memory_order_relaxed);
+        }
+        ~Running() { m_flag.store(false, std::memory_order_relaxed); }
+        Running(const Running&) = delete;
+        Running& operator=(const Running&) = delete;
+
+      private:
+        std::atomic<bool>& m_flag;
+    };
+
+    const Settings& settings() const noexcept;
+    Settings& changeSettings();
+    Work& requireCursor();
+    Work& askedCursor();
+
+    SQLRETURN run();
+    void checkParameters() const;
+    Program& requireProgram() const;
+    void endWork() noexcept;
+    void watchRows();
+
+    void chooseRoutes();
+    void lookAhead();
+    void deliverRow();
+    Delivery deliver(const Converter& convert, int index, const Column& column,
+                     const Target& target);
+    std::string place(const Column& column, int index) const;
+
+    const std::shared_ptr<Connection> m_connection;
+    std::unique_ptr<Work> m_work;
+    std::unique_ptr<Settings> m_settings;
+    SQLLEN m_rowCount = -1;
+    bool m_executed = false;
+    std::atomic<bool> m_running = false;
+};
+
+}  // namespace embedded

@@ -1,0 +1,290 @@
+// Entry points: attributes of environments, connections and statements.
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+#include <string>
+
+#include "core/connection.h"
+#include "core/environment.h"
+#include "core/statement.h"
+#include "entry/entry.h"
+#include "entry/runtime.h"
+#include "values/text.h"
+
+namespace embedded {
+namespace {
+
+/// Integers travel in the pointer argument.
+SQLULEN integerIn(SQLPOINTER value) noexcept {
+    return static_cast<SQLULEN>(reinterpret_cast<std::uintptr_t>(value));
+}
+
+template <class T>
+void output(SQLPOINTER value, T answer, SQLINTEGER* length) noexcept {
+    if (value) *static_cast<T*>(value) = answer;
+    if (length) *length = static_cast<SQLINTEGER>(sizeof answer);
+}
+
+Error unknownAttribute(SQLINTEGER attribute) {
+    return {"HY092", "Unknown attribute " + std::to_string(attribute) + "."};
+}
+
+Error badValue(SQLINTEGER attribute) {
+    return {"HY024", "Invalid value for attribute " + std::to_string(attribute) + "."};
+}
+
+/// An attribute with one possible value: setting that value succeeds, any other is not supported.
+struct FixedAttribute {
+    SQLINTEGER attribute;
+    SQLULEN value;
+};
+
+constexpr FixedAttribute kFixedOfConnection[] = {
+    {SQL_ATTR_ASYNC_ENABLE, SQL_ASYNC_ENABLE_OFF},
+    {SQL_ATTR_CONNECTION_TIMEOUT, 0},
+    {SQL_ATTR_LOGIN_TIMEOUT, 0},
+    {SQL_ATTR_METADATA_ID, SQL_FALSE},
+    {SQL_ATTR_TXN_ISOLATION, SQL_TXN_SERIALIZABLE},
+};
+
+constexpr FixedAttribute kFixedOfStatement[] = {
+    {SQL_ATTR_ASYNC_ENABLE, SQL_ASYNC_ENABLE_OFF},
+    {SQL_ATTR_CONCURRENCY, SQL_CONCUR_READ_ONLY},
+    {SQL_ATTR_CURSOR_SCROLLABLE, SQL_NONSCROLLABLE},
+    {SQL_ATTR_CURSOR_SENSITIVITY, SQL_UNSPECIFIED},
+    {SQL_ATTR_CURSOR_TYPE, SQL_CURSOR_FORWARD_ONLY},
+    {SQL_ATTR_MAX_LENGTH, 0},
+    {SQL_ATTR_MAX_ROWS, 0},
+    {SQL_ATTR_METADATA_ID, SQL_FALSE},
+    {SQL_ATTR_NOSCAN, SQL_NOSCAN_OFF},
+    {SQL_ATTR_QUERY_TIMEOUT, 0},
+    {SQL_ATTR_RETRIEVE_DATA, SQL_RD_ON},
+    {SQL_ATTR_ROW_ARRAY_SIZE, 1},
+    {SQL_ATTR_ROW_BIND_TYPE, SQL_BIND_BY_COLUMN},
+    {SQL_ATTR_USE_BOOKMARKS, SQL_UB_OFF},
+};
+
+template <size_t Count>
+const FixedAttribute* find(const FixedAttribute (&table)[Count], SQLINTEGER attribute) noexcept {
+    const auto found =
+        std::find_if(std::begin(table), std::end(table),
+                     [&](const FixedAttribute& a) { return a.attribute == attribute; });
+    return found == std::end(table) ? nullptr : found;
+}
+
+template <size_t Count>
+void setFixed(const FixedAttribute (&table)[Count], SQLINTEGER attribute, SQLULEN value) {
+    const FixedAttribute* fixed = find(table, attribute);
+    if (!fixed) throw unknownAttribute(attribute);
+    if (fixed->value != value) {
+        throw notSupported("Attribute " + std::to_string(attribute) + " has only the value " +
+                           std::to_string(fixed->value) + ".");
+    }
+}
+
+// ---- environment
+
+void setEnvironment(Environment& environment, SQLINTEGER attribute, SQLPOINTER value) {
+    const SQLULEN number = integerIn(value);
+    switch (attribute) {
+        case SQL_ATTR_ODBC_VERSION:
+            if (number != SQL_OV_ODBC2 && number != SQL_OV_ODBC3 && number != SQL_OV_ODBC3_80) {
+                throw badValue(attribute);
+            }
+            environment.odbcVersion = static_cast<SQLINTEGER>(number);
+            break;
+        case SQL_ATTR_OUTPUT_NTS:
+            if (number != SQL_TRUE) throw notSupported("Texts are always terminated.");
+            break;
+        default:
+            throw unknownAttribute(attribute);
+    }
+}
+
+void getEnvironment(Environment& environment, SQLINTEGER attribute, SQLPOINTER value,
+                    SQLINTEGER* length) {
+    switch (attribute) {
+        case SQL_ATTR_ODBC_VERSION:
+            output(value, environment.odbcVersion, length);
+            break;
+        case SQL_ATTR_OUTPUT_NTS:
+            output(value, SQLINTEGER{SQL_TRUE}, length);
+            break;
+        default:
+            throw unknownAttribute(attribute);
+    }
+}
+
+// ---- connection
+
+void setConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER value) {
+    const SQLULEN number = integerIn(value);
+    switch (attribute) {
+        case SQL_ATTR_AUTOCOMMIT:
+            if (number != SQL_AUTOCOMMIT_ON && number != SQL_AUTOCOMMIT_OFF)
+                throw badValue(attribute);
+            connection.setAutocommit(number == SQL_AUTOCOMMIT_ON);
+            break;
+        case SQL_ATTR_ACCESS_MODE:  // a hint; `Mode` of the connection string decides
+            if (number != SQL_MODE_READ_WRITE && number != SQL_MODE_READ_ONLY)
+                throw badValue(attribute);
+            break;
+        default:
+            setFixed(kFixedOfConnection, attribute, number);
+    }
+}
+
+void getConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER value,
+                   SQLINTEGER capacity, SQLINTEGER* length) {
+    const auto answer = [&](SQLULEN number) {
+        output(value, static_cast<SQLUINTEGER>(number), length);
+    };
+    switch (attribute) {
+        case SQL_ATTR_AUTOCOMMIT:
+            answer(connection.autocommit() ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF);
+            break;
+        case SQL_ATTR_ACCESS_MODE: {
+            const bool readOnly = connection.isOpen() && connection.database().isReadOnly();
+            answer(readOnly ? SQL_MODE_READ_ONLY : SQL_MODE_READ_WRITE);
+            break;
+        }
+        case SQL_ATTR_CONNECTION_DEAD:
+            answer(connection.isOpen() && !connection.database().isDead() ? SQL_CD_FALSE
+                                                                          : SQL_CD_TRUE);
+            break;
+        case SQL_ATTR_CURRENT_CATALOG:
+            if (capacity < 0) throw Error("HY090", "Invalid buffer length.");
+            if (outputText(connection.isOpen() ? connection.database().catalogName() : "", value,
+                           capacity, length) &&
+                value) {
+                connection.diagnostics.warning("01004",
+                                               "The text was cut to the size of its buffer.");
+            }
+            break;
+        default:
+            if (const FixedAttribute* fixed = find(kFixedOfConnection, attribute)) {
+                answer(fixed->value);
+            } else {
+                throw unknownAttribute(attribute);
+            }
+    }
+}
+
+// ---- statement
+
+void setStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value) {
+    const SQLULEN number = integerIn(value);
+    StatementOptions& options = statement.changeOptions();
+    switch (attribute) {
+        case SQL_ATTR_PARAMSET_SIZE:
+            if (number == 0) throw badValue(attribute);
+            options.parameterSets = number;
+            break;
+        case SQL_ATTR_PARAM_BIND_TYPE:
+            options.layout.rowSize = number;
+            break;
+        case SQL_ATTR_PARAM_BIND_OFFSET_PTR:
+            options.parameterOffset = static_cast<SQLULEN*>(value);
+            break;
+        case SQL_ATTR_PARAM_STATUS_PTR:
+            options.parameterReport.status = static_cast<SQLUSMALLINT*>(value);
+            break;
+        case SQL_ATTR_PARAMS_PROCESSED_PTR:
+            options.parameterReport.processed = static_cast<SQLULEN*>(value);
+            break;
+        case SQL_ATTR_ROW_STATUS_PTR:
+            options.rowStatus = static_cast<SQLUSMALLINT*>(value);
+            break;
+        case SQL_ATTR_ROWS_FETCHED_PTR:
+            options.rowsFetched = static_cast<SQLULEN*>(value);
+            break;
+        default:
+            setFixed(kFixedOfStatement, attribute, number);
+    }
+}
+
+void getStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value,
+                  SQLINTEGER* length) {
+    const StatementOptions& options = statement.options();
+    switch (attribute) {
+        case SQL_ATTR_PARAMSET_SIZE:
+            return output(value, options.parameterSets, length);
+        case SQL_ATTR_PARAM_BIND_TYPE:
+            return output(value, options.layout.rowSize, length);
+        case SQL_ATTR_PARAM_BIND_OFFSET_PTR:
+            return output(value, options.parameterOffset, length);
+        case SQL_ATTR_PARAM_STATUS_PTR:
+            return output(value, options.parameterReport.status, length);
+        case SQL_ATTR_PARAMS_PROCESSED_PTR:
+            return output(value, options.parameterReport.processed, length);
+        case SQL_ATTR_ROW_STATUS_PTR:
+            return output(value, options.rowStatus, length);
+        case SQL_ATTR_ROWS_FETCHED_PTR:
+            return output(value, options.rowsFetched, length);
+        case SQL_ATTR_ROW_NUMBER:
+            return output(value, statement.rowNumber(), length);
+        default:
+            if (const FixedAttribute* fixed = find(kFixedOfStatement, attribute)) {
+                return output(value, fixed->value, length);
+            }
+            throw unknownAttribute(attribute);
+    }
+}
+
+}  // namespace
+}  // namespace embedded
+
+using namespace embedded;
+
+SQLRETURN RT_SQLSetEnvAttr(const char*, SQLHENV handle, SQLINTEGER attribute, SQLPOINTER value,
+                           SQLINTEGER) {
+    return withHandle<Environment>(handle, [&](Environment& environment) {
+        setEnvironment(environment, attribute, value);
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN RT_SQLGetEnvAttr(const char*, SQLHENV handle, SQLINTEGER attribute, SQLPOINTER value,
+                           SQLINTEGER, SQLINTEGER* length) {
+    return withHandle<Environment>(handle, [&](Environment& environment) {
+        getEnvironment(environment, attribute, value, length);
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN RT_SQLSetConnectAttr(const char*, SQLHDBC handle, SQLINTEGER attribute, SQLPOINTER value,
+                               SQLINTEGER) {
+    return withHandle<Connection>(handle, [&](Connection& connection) {
+        setConnection(connection, attribute, value);
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN RT_SQLGetConnectAttr(const char*, SQLHDBC handle, SQLINTEGER attribute, SQLPOINTER value,
+                               SQLINTEGER capacity, SQLINTEGER* length) {
+    return withHandle<Connection>(handle, [&](Connection& connection) {
+        getConnection(connection, attribute, value, capacity, length);
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN RT_SQLSetStmtAttr(const char*, SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value,
+                            SQLINTEGER) {
+    return withHandle<Statement>(handle, [&](Statement& statement) {
+        setStatement(statement, attribute, value);
+        return SQL_SUCCESS;
+    });
+}
+
+SQLRETURN RT_SQLGetStmtAttr(const char*, SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value,
+                            SQLINTEGER, SQLINTEGER* length) {
+    return withHandle<Statement>(handle, [&](Statement& statement) {
+        getStatement(statement, attribute, value, length);
+        return SQL_SUCCESS;
+    });
+}
+
+RT_WIDE_IS_NARROW(SQLSetConnectAttr);
+RT_WIDE_IS_NARROW(SQLGetConnectAttr);
+RT_WIDE_IS_NARROW(SQLSetStmtAttr);
+RT_WIDE_IS_NARROW(SQLGetStmtAttr);
