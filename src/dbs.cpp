@@ -4,13 +4,20 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <vector>
+#include <new>
+#include <utility>
+
+#include "dbhandler.h"
 
 namespace {
 
 constexpr DBSSMALLINT kConnectionHandle = 2;
 constexpr DBSINTEGER kParamsetSize = 22;
 constexpr int kFirstBufferSize = 256;
+constexpr int kColumnNameSize = 128;
+
+// A handle, a flag, a text with its code, a buffer with its size.
+static_assert(sizeof(Dbs) == 544, "programs reserve this much for one");
 
 }  // namespace
 
@@ -19,7 +26,9 @@ bool ColumnDescription::operator==(const ColumnDescription& other) const {
            Precision == other.Precision && Scale == other.Scale && IsNullable == other.IsNullable;
 }
 
-Dbs::Dbs() : buffer(new char[kFirstBufferSize]), currentBufferSize(kFirstBufferSize) {}
+Dbs::Dbs()
+    : buffer(new (std::nothrow) char[kFirstBufferSize]),
+      currentBufferSize(buffer ? kFirstBufferSize : 0) {}
 
 Dbs::~Dbs() = default;
 
@@ -37,7 +46,7 @@ int Dbs::Captured(int status) {
     return status;
 }
 
-int Dbs::Open(const char* connStr, int len) {
+int Dbs::Open(char* connStr, int len) {
     const int status = DBSDriverConnect(handler, connStr, static_cast<DBSSMALLINT>(len));
     if (status == VORDA_OK) opened = 1;
     return Captured(status);
@@ -58,22 +67,20 @@ int Dbs::SetBatchSize(int size) {
                                    sizeof size));
 }
 
-int Dbs::Prepare(const char* sql, int len) {
+int Dbs::Prepare(char* sql, int len) {
     return Captured(DBSPrepare(handler, sql, len, nullptr));
 }
 
-int Dbs::AddParam(int index, int type, const void* data, int len, const int* lenPtr) {
+int Dbs::AddParam(int index, int type, void* data, int len, int* lenPtr) {
     return Captured(DBSBindParameter(handler, static_cast<DBSUSMALLINT>(index), 0,
                                      static_cast<DBSSMALLINT>(type), 0, 0, 0, data, len, lenPtr));
 }
 
 int Dbs::Execute() {
-    ++resultNumber;
     return Captured(DBSExecute(handler));
 }
 
-int Dbs::Execute(const char* sql, int len) {
-    ++resultNumber;
+int Dbs::Execute(char* sql, int len) {
     return Captured(DBSExecDirect(handler, sql, len));
 }
 
@@ -82,8 +89,12 @@ int Dbs::Next() {
     return lastFetch == VORDA_NO_MORE_DATA ? 0 : 1;
 }
 
-bool Dbs::FetchFailed() {
-    return lastFetch != VORDA_OK && ReadError(DBSFetchError) == VORDA_OK;
+bool Dbs::ReadFetchError() {
+    return ReadError(DBSFetchError) == VORDA_OK;
+}
+
+unsigned long long Dbs::GetResultNumber() const {
+    return handler != nullptr ? handler->resultNumber : 0;
 }
 
 int Dbs::GetRowCount() {
@@ -106,8 +117,10 @@ DbColumnInfo Dbs::GetColumnInfo(int index) {
     };
     describe(nullptr);
     ResizeBufferSize(nameLength);
-    describe(buffer.get());
-    return DbColumnInfo(buffer.get(), static_cast<int>(std::strlen(buffer.get())), dataType,
+    const bool hasRoom = currentBufferSize >= kColumnNameSize;
+    describe(hasRoom ? buffer.get() : nullptr);
+    const char* const name = hasRoom ? buffer.get() : "";
+    return DbColumnInfo(name, static_cast<int>(std::strlen(name)), dataType,
                         static_cast<int>(columnSize), precision, decimalDigits, nullable);
 }
 
@@ -159,6 +172,7 @@ int Dbs::ReadText(int i, char** out, int* len) {
     DBSLEN length = 0;
     DBSGetData(handler, i, DBTYPE_STRING, nullptr, 0, &length);
     ResizeBufferSize(length * 2);
+    if (currentBufferSize < length * 2) return VORDA_OUT_OF_MEMORY;
     const int status = DBSGetData(handler, i, DBTYPE_STRING, buffer.get(), 0, &length);
     if (status == VORDA_OK) {
         *len = length;
@@ -178,14 +192,28 @@ DBSRETURN Dbs::ReadError(ErrorReader read) {
     if (const DBSRETURN status = read(handler, &native, nullptr, &length); status != VORDA_OK) {
         return status;
     }
-    // The text may be longer than errMsg, which keeps as much of it as fits.
-    std::vector<char> text(static_cast<size_t>(length) + 1);
-    read(handler, &native, text.data(), &length);
     errCode = static_cast<int>(native);
-    const size_t kept = std::min(std::strlen(text.data()), sizeof errMsg - 1);
-    std::memcpy(errMsg, text.data(), kept);
+    errMsg[0] = '\0';
+    // The text may be longer than errMsg, which keeps as much of it as fits.
+    const std::unique_ptr<char[]> text(new (std::nothrow) char[static_cast<size_t>(length) + 1]);
+    if (!text) return VORDA_OK;
+    read(handler, &native, text.get(), &length);
+    const size_t kept = std::min(std::strlen(text.get()), sizeof errMsg - 1);
+    std::memcpy(errMsg, text.get(), kept);
     errMsg[kept] = '\0';
     return VORDA_OK;
+}
+
+int Dbs::GetLastError() {
+    return errCode;
+}
+
+const char* Dbs::GetLastErrorMessage() {
+    return errMsg;
+}
+
+int Dbs::IsOpen() {
+    return opened;
 }
 
 void Dbs::GetLastErrAndMsg() {
@@ -198,9 +226,10 @@ void Dbs::ResizeBufferSize(int size) {
 
 void Dbs::ResizeBufferSizeInternal(int size) {
     if (currentBufferSize >= size) return;
-    int grown = currentBufferSize;
+    int grown = std::max(currentBufferSize, kFirstBufferSize);
     while (grown < size) grown = grown > INT_MAX / 2 ? INT_MAX : grown * 2;
-    // A failed allocation leaves the old buffer in place.
-    buffer.reset(new char[static_cast<size_t>(grown)]);
+    std::unique_ptr<char[]> room(new (std::nothrow) char[static_cast<size_t>(grown)]);
+    if (!room) return;
+    buffer = std::move(room);
     currentBufferSize = grown;
 }

@@ -6,34 +6,9 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <string>
 
+#include "dbhandler.h"
 #include "dbutil.h"
-#include "mono/dbsource.h"
-#include "mono/resultset.h"
-
-struct _dbhandler {
-    std::unique_ptr<IntDbSource> S;     // null after DBSDisconnect
-    std::unique_ptr<IntDbResultSet> R;  // of the last execution, if its kind has one
-    // The last one that was closed: the next execution takes it again.
-    std::unique_ptr<IntDbResultSet> spare;
-    int affectedRows = 0;
-    int verb = 0;
-
-    // The last statement and what became of it, since programs run one statement many times.
-    struct {
-        std::string Text;
-        DynStr Normalized;
-        int Verb = 0;
-        int ParamCount = 0;
-    } last;
-
-    void EndResultSet() {
-        if (!R) return;
-        R->Close();
-        spare = std::move(R);
-    }
-};
 
 namespace {
 
@@ -52,6 +27,10 @@ DBSRETURN Guarded(Body&& body) noexcept {
     }
 }
 
+void Check(int status) {
+    if (status != VORDA_OK) throw std::bad_alloc();
+}
+
 template <class Body>
 DBSRETURN WithSource(DBSHANDLE handle, Body&& body) noexcept {
     if (handle == nullptr || !handle->S) return VORDA_NOT_OPEN;
@@ -64,20 +43,19 @@ DBSRETURN WithResultSet(DBSHANDLE handle, Body&& body) noexcept {
     return Guarded([&] { return body(*handle->R); });
 }
 
-// Normalises `text` into `normalized` and notes the kind of the statement.
 // The normalized form of a text: what is remembered, or `made` now. Sets the handle's kind.
 const DynStr& Normalize(_dbhandler& handle, const DBSCHAR* text, DynStr& made, int* paramCount) {
     auto& last = handle.last;
     if (text == nullptr) text = "";
     if (last.Text.empty() || last.Text != text) {
         int count = 0;
-        NormalizeSQL(text, made, &handle.verb, &count);
+        Check(NormalizeSQL(text, made, &handle.verb, &count));
         if (paramCount != nullptr) *paramCount = count;
         const size_t length = std::strlen(text);
         if (length > kLongestRemembered) return made;
         // Nothing is remembered of an attempt that fails.
         last.Text.clear();
-        if (last.Normalized.Set(made.Deref(), made.Length()) != VORDA_OK) throw std::bad_alloc();
+        Check(last.Normalized.Set(made.Deref(), made.Length()));
         last.Verb = handle.verb;
         last.ParamCount = count;
         last.Text.assign(text, length);

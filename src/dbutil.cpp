@@ -44,6 +44,26 @@ void Check(int status) {
     if (status != VORDA_OK) throw std::bad_alloc();
 }
 
+// Appends the statement with its markers numbered; returns their number.
+int AppendNumbered(MarkerWalk& walk, DynStr& normalizedSql) {
+    const auto append = [&](std::string_view text) {
+        Check(normalizedSql.Append(text.data(), static_cast<long long>(text.size())));
+    };
+    int paramIndex = 0;
+    while (const SQL_TOKEN* marker = walk.NextMarker()) {
+        std::string_view text = walk.TakeText();
+        // What is cut is the marker's text without quotes: of "[:x]" the bracket "[" stays behind,
+        // and an "@1 " follows it. Never more than there is.
+        text.remove_suffix(std::min(marker->Text().size(), text.size()));
+        append(text);
+        append("@");
+        Check(normalizedSql.AppendInt(++paramIndex));
+        append(" ");
+    }
+    append(walk.TakeText());
+    return paramIndex;
+}
+
 }  // namespace
 
 bool IsStoredProcedure(int sqlType) {
@@ -95,34 +115,34 @@ std::string_view MarkerWalk::TakeText() {
     return text;
 }
 
-int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, int* sqlType, int* paramCount) {
-    const auto append = [&](std::string_view text) {
-        Check(normalizedSql.Append(text.data(), static_cast<long long>(text.size())));
-    };
-    MarkerWalk walk(originalSql);
-    *sqlType = walk.SqlType();
-    int paramIndex = 0;
-    while (const SQL_TOKEN* marker = walk.NextMarker()) {
-        std::string_view text = walk.TakeText();
-        // What is cut is the marker's text without quotes: of "[:x]" the bracket "[" stays behind,
-        // and an "@1 " follows it. Never more than there is.
-        text.remove_suffix(std::min(marker->Text().size(), text.size()));
-        append(text);
-        append("@");
-        Check(normalizedSql.AppendInt(++paramIndex));
-        append(" ");
+int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, int* sqlType,
+                 int* paramCount) noexcept {
+    const int before = normalizedSql.Length();
+    *sqlType = SQLTYPE_OTHER;
+    int markers = 0;
+    int status = VORDA_OK;
+    try {
+        MarkerWalk walk(originalSql);
+        markers = AppendNumbered(walk, normalizedSql);
+        *sqlType = walk.SqlType();
+    } catch (...) {
+        normalizedSql.Resize(before, nullptr);
+        status = VORDA_OUT_OF_MEMORY;
     }
-    append(walk.TakeText());
-    if (paramCount != nullptr) *paramCount = paramIndex;
-    return VORDA_OK;
+    if (paramCount != nullptr) *paramCount = markers;
+    return status;
 }
 
-int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, const char** verb) {
+int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, const char** verb) noexcept {
     static constexpr const char* kWords[] = {"SELECT", "UPDATE", "INSERT", "DELETE"};
-    const int sqlType = MarkerWalk(originalSql).SqlType();
     *verb = nullptr;
-    if (sqlType < SQLTYPE_SELECT || sqlType > SQLTYPE_DELETE) return -1;
-    if (normalizedSql.Set(originalSql) != VORDA_OK) throw std::bad_alloc();
-    *verb = kWords[sqlType - SQLTYPE_SELECT];
-    return VORDA_OK;
+    try {
+        const int sqlType = MarkerWalk(originalSql).SqlType();
+        if (sqlType < SQLTYPE_SELECT || sqlType > SQLTYPE_DELETE) return -1;
+        if (const int status = normalizedSql.Set(originalSql); status != VORDA_OK) return status;
+        *verb = kWords[sqlType - SQLTYPE_SELECT];
+        return VORDA_OK;
+    } catch (...) {
+        return VORDA_OUT_OF_MEMORY;
+    }
 }

@@ -29,7 +29,7 @@ VORDA_EXPORT bool SQLTypeHasResultSet(int sqlType);
 /// marker live here, so that the numbers NormalizeSQL writes and the values other users look up for
 /// the same markers cannot disagree. The constructor and NextMarker throw std::bad_alloc: a token
 /// that could not be read to its end must not turn the rest of a string into markers.
-class VORDA_EXPORT MarkerWalk {
+class MarkerWalk {
   public:
     /// Reads the first word of `sql`, NUL-terminated UTF-8, which must outlive the walk.
     explicit MarkerWalk(const char* sql);
@@ -55,12 +55,13 @@ class VORDA_EXPORT MarkerWalk {
 /// Appends `originalSql` to `normalizedSql` with every parameter marker replaced by "@1 ", "@2 ", …
 /// in order of appearance; all other bytes stay as written, except white space at the very start
 /// and directly after a marker. `sqlType` receives the statement's kind, `paramCount` (unless null)
-/// the number of markers. Always returns 0; throws std::bad_alloc when there is no memory, because
-/// a statement must never be shortened silently.
+/// the number of markers. Returns 0, or VORDA_OUT_OF_MEMORY with nothing appended, a kind of
+/// SQLTYPE_OTHER and no markers: a statement must never be shortened silently.
 VORDA_EXPORT int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, int* sqlType,
-                              int* paramCount);
+                              int* paramCount) noexcept;
 
 /// The light form: only for SELECT, INSERT, UPDATE and DELETE it points `verb` at that word
 /// (static, upper-case), sets `normalizedSql` to the text unchanged and returns 0. Else `verb`
-/// becomes null and the result is -1. Throws std::bad_alloc when there is no memory.
-VORDA_EXPORT int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, const char** verb);
+/// becomes null and the result is -1, or VORDA_OUT_OF_MEMORY.
+VORDA_EXPORT int NormalizeSQL(const char* originalSql, DynStr& normalizedSql,
+                              const char** verb) noexcept;

@@ -169,12 +169,14 @@ int Unescape(std::string_view source, char quote, DynStr& out) {
 
 }  // namespace
 
-_sql_token::_sql_token(TOKEN_KIND kind, std::string_view text) : tkKind(kind) {
-    if (Set(kind, text) != VORDA_OK) throw std::bad_alloc();
+_sql_token::_sql_token(TOKEN_KIND kind, std::string_view text) noexcept : tkKind(kind) {
+    Set(kind, text);
 }
 
-_sql_token::_sql_token(const _sql_token& other) : tkKind(other.tkKind) {
-    if (Set(other) != VORDA_OK) throw std::bad_alloc();
+std::unique_ptr<_sql_token> _sql_token::Clone() const noexcept {
+    std::unique_ptr<_sql_token> copy(new (std::nothrow) _sql_token(tkKind));
+    if (copy && copy->Set(*this) != VORDA_OK) copy.reset();
+    return copy;
 }
 
 int _sql_token::Set(const _sql_token& other) {

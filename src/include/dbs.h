@@ -27,21 +27,28 @@ class VORDA_EXPORT Dbs {
     // Statuses are those of the DBS functions. Open to Execute record the error that they meet, for
     // GetLastError and GetLastErrorMessage.
     int Init();
-    int Open(const char* connStr, int len);
+    int Open(char* connStr, int len);
     // Disconnects and frees the handle, also after a failed Open; always 0.
     int Close();
     int SetBatchSize(int size);
-    int Prepare(const char* sql, int len);
+    int Prepare(char* sql, int len);
     // `type` is a DB type code; for the rest see DBSBindParameter.
-    int AddParam(int index, int type, const void* data, int len, const int* lenPtr);
+    int AddParam(int index, int type, void* data, int len, int* lenPtr);
     int Execute();
-    int Execute(const char* sql, int len);
+    int Execute(char* sql, int len);
+    // The same for what is const: all of it is only read.
+    int Open(const char* connStr, int len) { return Open(const_cast<char*>(connStr), len); }
+    int Prepare(const char* sql, int len) { return Prepare(const_cast<char*>(sql), len); }
+    int AddParam(int index, int type, const void* data, int len, const int* lenPtr) {
+        return AddParam(index, type, const_cast<void*>(data), len, const_cast<int*>(lenPtr));
+    }
+    int Execute(const char* sql, int len) { return Execute(const_cast<char*>(sql), len); }
 
     // 1 for a row and for a failed fetch, which FetchFailed and the getters then tell; 0 at the
     // end.
     int Next();
     // Whether the last fetch failed; if so, its error becomes the last error.
-    bool FetchFailed();
+    bool FetchFailed() { return lastFetch != VORDA_OK && ReadFetchError(); }
     int GetRowCount();
     // 0 without a result set.
     int GetColumnCount();
@@ -52,7 +59,7 @@ class VORDA_EXPORT Dbs {
     bool GetColumnBuffer(int index, DbColumnBuffer& columnBuffer);
     // Names the current result: what is known of an earlier one, its column buffers among it, holds
     // no longer once the number is another.
-    unsigned long long GetResultNumber() const { return resultNumber; }
+    unsigned long long GetResultNumber() const;
 
     // Values of the current row by 0-based column: 0, -1 for NULL, or a positive code.
     int GetInt(int i, int* v);
@@ -67,19 +74,25 @@ class VORDA_EXPORT Dbs {
     // Whether the value was cut at its buffer, and the provider's own length (negative: unknown).
     bool IsCut(int i, long long* reported);
 
+    int GetLastError();
+    const char* GetLastErrorMessage();
+    int IsOpen();
     int GetLastError() const { return errCode; }
     const char* GetLastErrorMessage() const { return errMsg; }
     int IsOpen() const { return opened; }
 
     void GetLastErrAndMsg();
-    // Makes room for `size` bytes and a 2-byte terminator. The contents are lost when it grows.
+    // Makes room for `size` bytes and a 2-byte terminator. The contents are lost when it grows;
+    // for want of memory the buffer stays as it is.
     void ResizeBufferSize(int size);
     void ResizeBufferSizeInternal(int size);
 
   private:
+    // Programs make objects of this class by its exported layout: nothing may be added.
     using ErrorReader = DBSRETURN (*)(DBSHANDLE, DBSINTEGER*, DBSCHAR*, DBSSMALLINT*);
     DBSRETURN ReadError(ErrorReader read);
     int Captured(int status);
+    bool ReadFetchError();
     int ReadText(int i, char** out, int* len);
 
     DBSHANDLE handler = nullptr;
@@ -88,6 +101,5 @@ class VORDA_EXPORT Dbs {
     int errCode = 0;
     std::unique_ptr<char[]> buffer;
     int currentBufferSize;
-    unsigned long long resultNumber = 0;
-    int lastFetch = 0;
+    int lastFetch = 0;  // where the compiler would leave a gap
 };

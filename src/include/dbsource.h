@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "util/def.h"
 #include "util/dynstr.h"
 
 // The module's own type codes. Code 4, 9, 13, 14, 18 to 20 and all unknown ones travel as text.
@@ -56,11 +57,12 @@ struct _db_column_info_ {
     int IsNullable = 0;
 
     _db_column_info_() = default;
+    // Without memory for a long name the name is empty.
     _db_column_info_(const char* name, int nameLength, int dataType, int columnSize, int precision,
-                     int scale, int isNullable);
+                     int scale, int isNullable) noexcept;
 
-    // A deep copy, owned by the caller.
-    std::unique_ptr<_db_column_info_> Clone() const;
+    // A deep copy, owned by the caller; null for want of memory.
+    VORDA_EXPORT std::unique_ptr<_db_column_info_> Clone() const noexcept;
 };
 using DbColumnInfo = _db_column_info_;
 

@@ -30,14 +30,16 @@ typedef enum _token_kind : int {
 } TOKEN_KIND;
 
 /// One token. The text is UTF-8 without quotes and escape characters. The Set operations return
-/// VORDA_OK or VORDA_OUT_OF_MEMORY; copying throws std::bad_alloc instead.
+/// VORDA_OK or VORDA_OUT_OF_MEMORY, after which the text is what it was.
 typedef struct VORDA_EXPORT _sql_token {
     TOKEN_KIND tkKind;
     DynStr sValue;
     int bWasQuoted = 0;  // 1 for "*" and for identifiers in brackets, double quotes or back-ticks
 
-    explicit _sql_token(TOKEN_KIND kind = TK_NULL, std::string_view text = {});
-    _sql_token(const _sql_token& other);
+    /// A text of up to 99 bytes.
+    explicit _sql_token(TOKEN_KIND kind = TK_NULL, std::string_view text = {}) noexcept;
+    _sql_token(const _sql_token&) = delete;
+    _sql_token& operator=(const _sql_token&) = delete;
 
     int Set(const _sql_token& other);
     int Set(TOKEN_KIND kind, std::string_view text, int wasQuoted = 0);
@@ -47,7 +49,8 @@ typedef struct VORDA_EXPORT _sql_token {
     bool IsKeyword() const { return tkKind == TK_KEYWORD; }
     bool IsOperator() const { return tkKind == TK_OPERATOR; }
     bool IsParameter() const { return tkKind == TK_PARAMETER; }
-    std::unique_ptr<_sql_token> Clone() const { return std::make_unique<_sql_token>(*this); }
+    /// A copy, owned by the caller; null for want of memory.
+    std::unique_ptr<_sql_token> Clone() const noexcept;
     std::string_view Text() const {
         return {sValue.Deref(), static_cast<std::size_t>(sValue.Length())};
     }

@@ -105,8 +105,15 @@ int ODBCSourceImpl::Prepare(const char* sql, int len) {
 
 int ODBCSourceImpl::Execute(IntDbResultSet* rs, int* rowCount) {
     if (const int status = RequirePrepared(); status != VORDA_OK) return status;
-    if (!BatchMatchesParameters()) return VORDA_INDEX_OUT_OF_RANGE;
-    if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
+    // An execution that is refused ends its parameters as well: the next value is the first again.
+    if (!BatchMatchesParameters()) {
+        ClearParameters();
+        return VORDA_INDEX_OUT_OF_RANGE;
+    }
+    if (!UndoLastExecution()) {
+        ClearParameters();
+        return VORDA_ODBC_ERROR;
+    }
 
     const SQLHSTMT hstmt = m_preparedHstmt;
     const int sets = m_odbcAttrs.ODBC_ATTR_PARAMSET_SIZE;
@@ -159,7 +166,10 @@ int ODBCSourceImpl::HandOver(SQLHSTMT hstmt, IntDbResultSet* rs) {
     }
     // Whatever this answers, the statement belongs to the result set now, which frees it.
     if (const int status = rs->GetImpl()->SetStmtHandle(hstmt); status != VORDA_OK) {
-        return ComposeError("Unable to DbDataResult.SetStmtHandle", m_errMsg.Deref(), status);
+        // Of an impossible number of columns no message of the driver's can tell.
+        const bool impossible = status == VORDA_NUMBER_OUT_OF_RANGE;
+        return ComposeError("Unable to DbDataResult.SetStmtHandle",
+                            impossible ? rs->GetLastErrorMessage() : m_errMsg.Deref(), status);
     }
     return VORDA_OK;
 }

@@ -28,7 +28,10 @@ namespace {
 constexpr size_t kSmallValue = 64;
 constexpr int kKeptParameters = 20;
 
-// Writes one value in its ODBC C form at `slot` and returns its length in bytes.
+// A value that its ODBC C form cannot hold.
+constexpr SQLLEN kOutOfRange = SQL_NTS;
+
+// Writes one value in its ODBC C form at `slot` and returns its length in bytes, or kOutOfRange.
 using StoreValue = SQLLEN (*)(char* slot, const char* value, int length);
 
 template <class T>
@@ -59,32 +62,47 @@ SQLLEN StoreBytes(char* slot, const char* value, int length) {
     return length;
 }
 
+// The 16 bits that ODBC has for a field; one that needs more makes the value another one.
+template <class Field>
+void Narrow(int value, Field& field, bool& fits) {
+    field = static_cast<Field>(value);
+    fits = fits && field == value;
+}
+
 SQLLEN StoreDate(char* slot, const char* value, int) {
     const auto date = Load<_db_date_>(value);
-    return Store(slot, SQL_DATE_STRUCT{static_cast<SQLSMALLINT>(date.Year),
-                                       static_cast<SQLUSMALLINT>(date.Month),
-                                       static_cast<SQLUSMALLINT>(date.Day)});
+    SQL_DATE_STRUCT sent = {};
+    bool fits = true;
+    Narrow(date.Year, sent.year, fits);
+    Narrow(date.Month, sent.month, fits);
+    Narrow(date.Day, sent.day, fits);
+    return fits ? Store(slot, sent) : kOutOfRange;
 }
 
 SQLLEN StoreTime(char* slot, const char* value, int) {
     const auto time = Load<_db_time_>(value);
-    return Store(slot, SQL_TIME_STRUCT{static_cast<SQLUSMALLINT>(time.Hour),
-                                       static_cast<SQLUSMALLINT>(time.Minute),
-                                       static_cast<SQLUSMALLINT>(time.Second)});
+    SQL_TIME_STRUCT sent = {};
+    bool fits = true;
+    Narrow(time.Hour, sent.hour, fits);
+    Narrow(time.Minute, sent.minute, fits);
+    Narrow(time.Second, sent.second, fits);
+    return fits ? Store(slot, sent) : kOutOfRange;
 }
 
-// UnitsPerSecond tells what the record's fraction field counts. A fraction of a second or more is
-// impossible; the last moment of the second stands in for it.
+// UnitsPerSecond tells what the record's fraction field counts.
 template <int UnitsPerSecond>
 SQLLEN StoreDateTime(char* slot, const char* value, int) {
     const auto stamp = Load<_db_datetime_>(value);
-    const int fraction = std::clamp(stamp.Millisecond, 0, UnitsPerSecond - 1);
-    return Store(
-        slot, SQL_TIMESTAMP_STRUCT{
-                  static_cast<SQLSMALLINT>(stamp.Year), static_cast<SQLUSMALLINT>(stamp.Month),
-                  static_cast<SQLUSMALLINT>(stamp.Day), static_cast<SQLUSMALLINT>(stamp.Hour),
-                  static_cast<SQLUSMALLINT>(stamp.Minute), static_cast<SQLUSMALLINT>(stamp.Second),
-                  static_cast<SQLUINTEGER>(fraction) * (1'000'000'000u / UnitsPerSecond)});
+    SQL_TIMESTAMP_STRUCT sent = {};
+    bool fits = stamp.Millisecond >= 0 && stamp.Millisecond < UnitsPerSecond;
+    Narrow(stamp.Year, sent.year, fits);
+    Narrow(stamp.Month, sent.month, fits);
+    Narrow(stamp.Day, sent.day, fits);
+    Narrow(stamp.Hour, sent.hour, fits);
+    Narrow(stamp.Minute, sent.minute, fits);
+    Narrow(stamp.Second, sent.second, fits);
+    sent.fraction = static_cast<SQLUINTEGER>(stamp.Millisecond) * (1'000'000'000u / UnitsPerSecond);
+    return fits ? Store(slot, sent) : kOutOfRange;
 }
 
 // Null for a type that cannot be sent.
@@ -143,9 +161,9 @@ int ODBCSourceImpl::AddParam(const char* /*name*/, int /*nameLen*/, int dbType, 
     if (m_parameterCount >= USHRT_MAX) {
         return Fail(VORDA_INDEX_OUT_OF_RANGE, "There are too many parameters");
     }
-    if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
-
+    // Before anything can fail: a later value must not get this one's number.
     _odbc_parameter_* const p = NextParameter();
+    if (!UndoLastExecution()) return VORDA_ODBC_ERROR;
     if (const int status = FillParameter(p, dbType, values, len, lengths); status != VORDA_OK) {
         return status;
     }
@@ -161,7 +179,6 @@ int ODBCSourceImpl::AddParam(const char* /*name*/, int /*nameLen*/, int dbType, 
     return VORDA_OK;
 }
 
-// A record keeps its number also when its value is refused.
 _odbc_parameter_* ODBCSourceImpl::NextParameter() {
     if (m_parameterCount == m_parameters.Size()) m_parameters.Add();
     return m_parameters.Get(m_parameterCount++);
@@ -199,7 +216,11 @@ int ODBCSourceImpl::FillParameter(_odbc_parameter_* p, int dbType, const void* v
         const auto* value = static_cast<const char*>(values);
         if (value != nullptr) value += static_cast<ptrdiff_t>(k) * len;
         char* slot = p->Data.get() + static_cast<size_t>(k) * static_cast<size_t>(slotSize);
-        p->DataLen[static_cast<size_t>(k)] = store(slot, value, length);
+        const SQLLEN stored = store(slot, value, length);
+        if (stored == kOutOfRange) {
+            return Fail(VORDA_INDEX_OUT_OF_RANGE, "The parameter value is out of range");
+        }
+        p->DataLen[static_cast<size_t>(k)] = stored;
     }
     if (!supported) {
         return Fail(VORDA_UNKNOWN_PARAMETER_TYPE, "Unknown parameter data type.");

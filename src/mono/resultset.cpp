@@ -2,26 +2,33 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
+#include <new>
 #include <type_traits>
+#include <utility>
 
 #include "mono/cancel.h"
 #include "mono/dbsource.h"
 #include "util/def.h"
 
 _db_column_info_::_db_column_info_(const char* name, int nameLength, int dataType, int columnSize,
-                                   int precision, int scale, int isNullable)
+                                   int precision, int scale, int isNullable) noexcept
     : DataType(dataType),
       ColumnSize(columnSize),
       Precision(precision),
       Scale(scale),
       IsNullable(isNullable) {
-    if (ColumnName.Set(name, nameLength) != VORDA_OK) throw std::bad_alloc();
+    ColumnName.Set(name, nameLength);
 }
 
-std::unique_ptr<_db_column_info_> _db_column_info_::Clone() const {
-    return std::make_unique<_db_column_info_>(ColumnName.Deref(), ColumnName.Length(), DataType,
-                                              ColumnSize, Precision, Scale, IsNullable);
+std::unique_ptr<_db_column_info_> _db_column_info_::Clone() const noexcept {
+    std::unique_ptr<_db_column_info_> copy(new (std::nothrow) _db_column_info_(
+        "", 0, DataType, ColumnSize, Precision, Scale, IsNullable));
+    if (copy && copy->ColumnName.Set(ColumnName.Deref(), ColumnName.Length()) != VORDA_OK) {
+        copy.reset();
+    }
+    return copy;
 }
 
 std::unique_ptr<_col_binding_info_> _col_binding_info_::Clone() const {
@@ -110,6 +117,7 @@ int ODBCResultSetImpl::Close() {
 
 void ODBCResultSetImpl::ForgetColumns() {
     m_columnCount = m_infoCount = m_bindingCount = 0;
+    m_buffers.clear();
     if (m_columns.Size() > kKeptColumns) m_columns.Resize(kKeptColumns);
     if (m_colBindingInfo.Size() > kKeptColumns) m_colBindingInfo.Resize(kKeptColumns);
 }
@@ -137,7 +145,9 @@ int ODBCResultSetImpl::InitMetadata() {
     // A statement cannot have more columns than ODBC can number: such a count is invented, and
     // memory for it must not even be asked for.
     if (count > SHRT_MAX) {
-        return ComposeError("Unable to m_columns.SetSize", m_errMsg.Deref(), VORDA_OUT_OF_MEMORY);
+        constexpr char kMessage[] = "Unable to m_columns.SetSize";
+        if (m_errMsg.Length() == 0) return Fail(VORDA_NUMBER_OUT_OF_RANGE, kMessage);
+        return ComposeError(kMessage, m_errMsg.Deref(), VORDA_NUMBER_OUT_OF_RANGE);
     }
     const int columns = static_cast<int>(std::max<SQLLEN>(count, 0));
     if (m_columns.Size() < columns) m_columns.Resize(columns);
@@ -218,6 +228,8 @@ int ODBCResultSetImpl::InitColumnBinding() {
             // Readers may look at any byte of the buffer, whatever the driver has written.
             target =
                 std::memset(binding.StringVal.Deref(), 0, static_cast<size_t>(rule.BufferSize));
+            m_buffers.push_back(
+                {binding.StringVal.Deref(), static_cast<size_t>(rule.BufferSize), &binding.ValLen});
         }
         if (!StatementPassed(SQLBindCol(m_hstmt, static_cast<SQLUSMALLINT>(i + 1), rule.BoundType,
                                         target, rule.BufferSize, &binding.ValLen))) {
@@ -234,7 +246,29 @@ const DbColumnInfo* ODBCResultSetImpl::GetColumnInfo(int index) const {
     return index < m_infoCount ? m_columns.Get(index) : &none;
 }
 
+// Zeroes what the last row has left. Whatever lengths the driver will report, no byte of one row
+// may pass for another's.
+void ODBCResultSetImpl::WipeBuffers() {
+    constexpr size_t kShort = 64;
+    for (const BoundBuffer& buffer : m_buffers) {
+        const SQLLEN reported = std::exchange(*buffer.Length, SQL_NULL_DATA);
+        size_t used = reported == SQL_NULL_DATA ? 0 : static_cast<size_t>(reported);
+        // More may have been written than was reported: then it goes on here.
+        std::uint64_t behind = 1;
+        if (!m_fetchFailed && used <= buffer.Size - sizeof behind) {
+            std::memcpy(&behind, buffer.Bytes + used, sizeof behind);
+        }
+        if (behind != 0) used = buffer.Size;
+        if (used <= kShort) {
+            std::memset(buffer.Bytes, 0, kShort);
+        } else {
+            std::memset(buffer.Bytes, 0, used);
+        }
+    }
+}
+
 int ODBCResultSetImpl::Next() {
+    if (!m_buffers.empty()) WipeBuffers();
     m_fetchFailed = false;
     if (m_hstmt == nullptr) {
         return Fail(VORDA_NOT_EXECUTED, "The query is not executed.");

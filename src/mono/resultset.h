@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "include/dbsource.h"
 #include "mono/lasterror.h"
@@ -90,6 +91,7 @@ class ODBCResultSetImpl : public LastError {
         return index < m_bindingCount ? m_colBindingInfo.Get(index) : nullptr;
     }
     void ForgetColumns();
+    void WipeBuffers();
     bool StatementPassed(SQLRETURN result) { return Passed(result, nullptr, nullptr, m_hstmt); }
 
     SQLHSTMT m_hstmt = nullptr;
@@ -101,6 +103,13 @@ class ODBCResultSetImpl : public LastError {
     int m_bindingCount = 0;
     JavaVector<_db_column_info_> m_columns;
     JavaVector<_col_binding_info_> m_colBindingInfo;
+    // The buffers of texts and binaries among the bindings.
+    struct BoundBuffer {
+        char* Bytes;
+        size_t Size;
+        SQLLEN* Length;
+    };
+    std::vector<BoundBuffer> m_buffers;
     int m_initedMetadata = 0;
     int m_initedColBinding = 0;
     bool m_fetchFailed = false;

@@ -78,7 +78,8 @@ int StringInsert(char* lpDest, int maxLen, int iIndex, const char* lpContains) {
     const auto at = static_cast<std::size_t>(iIndex);
     const std::size_t n = std::min(strnlen(lpContains, size), size - at - 1);
     std::memmove(lpDest + at + n, lpDest + at, size - at - n);
-    std::memcpy(lpDest + at, lpContains, n);
+    // The content may lie in the buffer itself.
+    std::memmove(lpDest + at, lpContains, n);
     lpDest[size - 1] = '\0';
     return 0;
 }

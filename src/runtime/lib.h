@@ -19,7 +19,7 @@ VORDA_EXPORT int GetCurrentPath(void* hInstance, char* lpszBuffer, int cbBufferL
 VORDA_EXPORT int ReplaceFileName(char* lpszFilePath, const char* lpszNewFile, int dwBufferLen);
 
 // Inserts a text at `iIndex` into a buffer of `maxLen` bytes; what no longer fits falls off at the
-// end. Always 0.
+// end. A text that lies in the buffer is read after the tail has made room. Always 0.
 VORDA_EXPORT int StringInsert(char* lpDest, int maxLen, int iIndex, const char* lpContains);
 
 // The library that the ODBC installer has on record for a driver. Returns the number of characters

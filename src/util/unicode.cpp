@@ -16,7 +16,7 @@ bool IsContinuation(char byte) {
 
 }  // namespace
 
-int ucs2_to_ucs4(const unsigned short* in, unsigned int& out) {
+int ucs2_to_ucs4(unsigned short* in, unsigned int& out) {
     const unsigned int u = in[0];
     if (u < 0xD800 || u > 0xDFFF) {
         out = u;
@@ -58,12 +58,12 @@ int ucs4_to_utf8(unsigned int c, char* out) {
     return 0;
 }
 
-int ucs2_to_utf8(const unsigned short* in, char* out) {
+int ucs2_to_utf8(unsigned short* in, char* out) {
     unsigned int c = 0;
     return ucs2_to_ucs4(in, c) != 0 ? ucs4_to_utf8(c, out) : 0;
 }
 
-int utf8_to_usc4(const char* in, unsigned int& out) {
+int utf8_to_usc4(char* in, unsigned int& out) {
     const unsigned int lead = static_cast<unsigned char>(*in);
     if (lead < 0x80) {
         out = lead;
@@ -80,7 +80,7 @@ int utf8_to_usc4(const char* in, unsigned int& out) {
     return length;
 }
 
-int utf8string_to_utf16string(const char* in, unsigned short* out) {
+int utf8string_to_utf16string(char* in, unsigned short* out) {
     int total = 0;
     while (*in != '\0') {
         unsigned int c = 0;
@@ -97,7 +97,7 @@ int utf8string_to_utf16string(const char* in, unsigned short* out) {
     return total;
 }
 
-int utf16string_to_utf8string(const unsigned short* in, char* out) {
+int utf16string_to_utf8string(unsigned short* in, char* out) {
     int total = 0;
     while (*in != 0) {
         unsigned int c = 0;

@@ -182,7 +182,8 @@ def test_invented_column_count(runtime, cursor, count):
         return None
     runtime.handler(invent)
     for parameters in ((), (1,)):
-        with pytest.raises(MemoryError):
+        with raises(zelqa.DatabaseError, "Unable to DbDataResult.SetStmtHandle: Unable to InitMetadata: "
+                                         "Unable to m_columns.SetSize"):
             cursor.execute("SELECT a FROM t", *parameters)
     runtime.handler(None)
     runtime.result("a", rows=[[1]])

@@ -162,23 +162,62 @@ TEST_F(FetchTest, TextsAndBinariesOfAllLengths) {
     }
 }
 
-// What the buffer still holds behind the terminator belongs to an earlier row.
-TEST_F(FetchTest, ACutAtAWholeCharacterEndsAtItsTerminator) {
+// What a driver writes for the n-th row, and the length that it claims. The row before it was long.
+struct Claim {
+    std::string written;
+    SQLLEN length;
+    std::string read;
+};
+const Claim* g_claim;
+int FetchAsClaimed(const char* name, const long long* arguments, int count, int* status) {
+    if (std::strcmp(name, "SQLFetch") != 0) return NoteBoundColumn(name, arguments, count, status);
+    std::memcpy(g_bound.data, g_claim->written.data(), g_claim->written.size());
+    *g_bound.indicator = g_claim->length;
+    *status = SQL_SUCCESS;
+    return 1;
+}
+
+TEST_F(FetchTest, NothingOfAnotherRowIsShown) {
+    const auto text = [](std::size_t size, char c) { return std::string(size, c) + '\0'; };
+    const std::string n2047(2047, 'n'), nothing(10, '\0');
+    const Claim claims[] = {
+        {text(2044, 'n'), 2500, std::string(2044, 'n')},
+        {text(2047, 'n'), 2500, n2047},
+        {text(2047, 'n'), SQL_NO_TOTAL, n2047},
+        {text(1000, 'n'), 5000, std::string(1000, 'n')},
+        {text(3, 'n'), 10, "nnn" + std::string(7, '\0')},
+        {"", 10, nothing},
+        {text(3, 'n'), SQL_NO_TOTAL, "nnn"},
+        {"", SQL_NO_TOTAL, ""},
+    };
+    // What was there before, as it was claimed, and as it was not.
+    const Claim before[] = {{text(2047, 'o'), 2047, std::string(2047, 'o')},
+                            {text(2047, 'o'), 9000, std::string(2047, 'o')},
+                            {text(2047, 'o'), SQL_NO_TOTAL, std::string(2047, 'o')},
+                            {text(2047, 'o'), 1, "o"},
+                            {text(70, 'o'), 70, std::string(70, 'o')}};
     AddColumns({SQL_WVARCHAR});
-    AddBytes(std::string(3000, 'o'));
-    ExecuteAndFetch();
-    for (const SQLLEN indicator : {SQLLEN{2500}, SQLLEN{SQL_NO_TOTAL}}) {
-        for (const int length : {2047, 2046, 2045, 2044}) {
-            const std::string text(static_cast<std::size_t>(length), 'n');
-            std::memset(g_bound.data, 'o', 2048);
-            std::strcpy(g_bound.data, text.c_str());
-            *g_bound.indicator = indicator;
-            EXPECT_EQ(Text(0), text);
+    scripted_handler(FetchAsClaimed);
+    ASSERT_EQ(source.Execute("q", 1, &rs, nullptr), VORDA_OK);
+    for (const Claim& earlier : before) {
+        for (const Claim& claim : claims) {
+            for (const Claim* const row : {&earlier, &claim}) {
+                g_claim = row;
+                EXPECT_EQ(rs.Next(), VORDA_OK);
+                EXPECT_EQ(Text(0), row->read) << earlier.length << " " << claim.length;
+            }
         }
-        // No terminator anywhere.
-        std::memset(g_bound.data, 'n', 2048);
-        EXPECT_LE(Text(0).size(), 2048u);
     }
+    // Nor of a fetch that failed half way.
+    std::memset(g_bound.data, 'o', 2048);
+    scripted_handler(NoteBoundColumn);
+    FailNext("SQLFetch", 7, "lost");
+    EXPECT_EQ(rs.Next(), 7);
+    std::memset(g_bound.data, 'o', 2048);
+    g_claim = &claims[5];
+    scripted_handler(FetchAsClaimed);
+    EXPECT_EQ(rs.Next(), VORDA_OK);
+    EXPECT_EQ(Text(0), nothing);
 }
 
 TEST(BindingRecord, ACloneHasABufferOfItsOwn) {

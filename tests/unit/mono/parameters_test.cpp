@@ -64,10 +64,8 @@ TEST_F(ParameterTest, EveryTypeIsSentInItsODBCForm) {
         {99, "a", -8, -9, 1, "\"a\""},
         {DBTYPE_DATETIME, moment(250), 11, 11, 16, "9999-12-31 23:59:58.250000000"},
         {DBTYPE_DATETIME_MICRO, moment(1), 11, 11, 16, "9999-12-31 23:59:58.000001000"},
-        // Impossible fractions stay within their second.
-        {DBTYPE_DATETIME, moment(1000), 11, 11, 16, "9999-12-31 23:59:58.999000000"},
-        {DBTYPE_DATETIME, moment(-1), 11, 11, 16, "9999-12-31 23:59:58.000000000"},
-        {DBTYPE_DATETIME_MICRO, moment(1000000), 11, 11, 16, "9999-12-31 23:59:58.999999000"},
+        {DBTYPE_DATETIME, moment(999), 11, 11, 16, "9999-12-31 23:59:58.999000000"},
+        {DBTYPE_DATETIME_MICRO, moment(999999), 11, 11, 16, "9999-12-31 23:59:58.999999000"},
     };
     for (const auto& c : cases) {
         TakeLog();
@@ -145,6 +143,23 @@ TEST_F(ParameterTest, ALengthBeyondItsSlotIsRefused) {
     EXPECT_EQ(scripted_call_count("SQLBindParameter"), 0);
 }
 
+TEST_F(ParameterTest, AMomentThatODBCCannotHoldIsRefused) {
+    const std::pair<int, std::string> cases[] = {
+        {DBTYPE_DATETIME, Bytes(_db_datetime_{2026, 1, 1, 0, 0, 0, 1000})},
+        {DBTYPE_DATETIME, Bytes(_db_datetime_{2026, 1, 1, 0, 0, 0, -1})},
+        {DBTYPE_DATETIME, Bytes(_db_datetime_{2026, 1, 1, 0, 0, 65536, 0})},
+        {DBTYPE_DATETIME_MICRO, Bytes(_db_datetime_{2026, 1, 1, 0, 0, 0, 1000000})},
+        {DBTYPE_DATE, Bytes(_db_date_{67562, 1, 1})},
+        {DBTYPE_TIME, Bytes(_db_time_{0, 1, -1, 0, 0})},
+    };
+    for (const auto& [dbType, value] : cases) {
+        const int len = static_cast<int>(value.size());
+        EXPECT_EQ(Bind(dbType, value, len, {len}), VORDA_INDEX_OUT_OF_RANGE);
+        ExpectError(1106, "The parameter value is out of range");
+    }
+    EXPECT_EQ(scripted_call_count("SQLBindParameter"), 0);
+}
+
 TEST_F(ParameterTest, ABatchRaisedAfterBindingIsRefused) {
     SetBatchSize(2);
     const int values[] = {1, 2};
@@ -152,9 +167,10 @@ TEST_F(ParameterTest, ABatchRaisedAfterBindingIsRefused) {
     SetBatchSize(3);
     EXPECT_EQ(Run(VORDA_INDEX_OUT_OF_RANGE), "\n");
     ExpectError(1106, "The batch size was raised after a parameter was bound");
-    // The values are still there for a batch that fits them.
+    // As after any other execution, the next value is the first again.
     SetBatchSize(1);
-    EXPECT_EQ(Run(), "\nSQLExecute(stmt1)\n  1: values=[1], lens=[4]\n");
+    BindInt(3);
+    EXPECT_EQ(Run(), "\nSQLExecute(stmt1)\n  1: values=[3], lens=[4]\n");
 }
 
 // The driver must never see the address of what an execution, also a failed or a direct one, has
@@ -194,7 +210,9 @@ TEST_F(ParameterTest, WithoutAResetNothingRunsOnReleasedMemory) {
     }
     EXPECT_EQ(scripted_call_count("SQLExecute"), 1);
     EXPECT_EQ(scripted_call_count("SQLBindParameter"), 1);
-    EXPECT_EQ(Run(), "\nSQLFreeStmt(stmt1, 3)\nSQLExecute(stmt1)\n");
+    // The value that was not bound keeps its number, the one behind it does not get it.
+    EXPECT_EQ(BindInt(4), VORDA_OK);
+    EXPECT_EQ(Run(), "\nSQLExecute(stmt1)\n  2: values=[4], lens=[4]\n");
 }
 
 TEST_F(ParameterTest, ParametersBelongToTheirStatement) {

@@ -99,6 +99,10 @@ TEST(StringInsert, ShiftsTheTailOutOfTheBuffer) {
         EXPECT_STREQ(buffer.data(), expected) << index << inserted;
         EXPECT_EQ(buffer.back(), '\0');
     }
+    // From the buffer itself, as it is once the tail has moved.
+    std::vector<char> own = Buffer(10, "abcdef");
+    EXPECT_EQ(StringInsert(own.data(), 10, 0, own.data() + 1), 0);
+    EXPECT_STREQ(own.data(), "bcdeaabcd");
     std::vector<char> untouched = {'a', 'b', 'c'};
     const std::vector<char> before = untouched;
     EXPECT_EQ(StringInsert(nullptr, 3, 0, "x"), 0);
