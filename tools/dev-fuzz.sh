@@ -39,14 +39,9 @@ build fuzz fuzzers
 targets=$(cd tests/fuzz/corpus && echo *)
 rm -rf "$found"/*.passed "$found"/*.log
 mkdir -p "$found"
-say "replaying the kept inputs"
-for target in $targets; do
-    "$folder/tests/fuzz/fuzz_$target" $flags -artifact_prefix="$found/$target-" \
-        "tests/fuzz/corpus/$target"/* >"$found/$target.log" 2>&1 || {
-        tail -n 30 "$found/$target.log"
-        fail "kept inputs of $target fail; $found/$target.log names the last one that ran"
-    }
-done
+start_tests
+run_tests "kept-inputs" fuzz
+[ -z "$failed" ] || fail "kept inputs fail"
 say "fuzzing, $seconds seconds each"
 failed=
 set -- $targets

@@ -1,6 +1,5 @@
 # The suite that runs on every engine, with PostgreSQL, MariaDB and SQLite behind the ODBC driver manager. What cannot
 # be installed is skipped, and said.
-. tools/suites.sh
 
 # want PACKAGE... for FILE (a pattern): the packages, unless the file is there.
 want() {
@@ -56,6 +55,6 @@ provide_servers
 provide_pyodbc
 say "building for $python"
 build release $package_targets
-start_suites
-server_tests "$folder" servers
-finish_suites
+start_tests
+run_tests servers servers
+finish_tests

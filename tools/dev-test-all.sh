@@ -1,5 +1,4 @@
 # Every CPython that is supported and on this machine: the module is built for it and tested by it.
-. tools/suites.sh
 
 # Prints the interpreter's version and path, or nothing where it is not one for us: a debug build or one
 # without the global lock has another binary interface.
@@ -25,9 +24,9 @@ interpreters() {
 test_with() {
     python=$2
     label=python-$1
-    while [ -e "$results/$label-embedded.xml" ]; do label=$label+; done
+    while [ -e "$results/$label.xml" ]; do label=$label+; done
     if ! python_has_headers; then
-        skip_suite "$label" "no header files (Python.h) for $python"
+        skip_tests "$label" "no header files (Python.h) for $python"
         return
     fi
     setup
@@ -37,7 +36,8 @@ test_with() {
     [ "$version" != "$main_version" ] || walk=vorda_failing_allocator
     # shellcheck disable=SC2086
     if (build release $package_targets vorda_scripted_runtime $walk); then
-        python_tests "$PWD/build/release-$(python_tag)" "$label"
+        use_build release
+        run_tests "$label" python
     else
         failed="$failed, $label: build"
     fi
@@ -50,8 +50,8 @@ main=$python
 main_version=$("$main" -c 'import platform; print(platform.python_version())')
 say "building for $main"
 build release
-start_suites
-suite "C++" cpp_tests "$folder" cpp
+start_tests
+run_tests cpp cpp
 interpreters >build/interpreters
 [ -s build/interpreters ] || fail "no CPython 3.8 to 3.13 found"
 while read -r version path; do
@@ -60,4 +60,4 @@ done <build/interpreters
 python=$main
 say "interpreters"
 cat build/interpreters
-finish_suites
+finish_tests

@@ -1,5 +1,4 @@
 # The sdist, the wheel that is built from it, and that wheel in a clean virtual environment.
-. tools/suites.sh
 
 # Makes $tools, an environment that can build; $index tells whether others can be got.
 provide_tools() {
@@ -63,7 +62,7 @@ uninstall() {
 }
 
 setup
-start_suites
+start_tests
 if is_debian_python && ! "$python" -c 'import ensurepip' 2>/dev/null; then
     [ "$(id -u)" = 0 ] || fail "please install this package first: python3-venv"
     install_packages python3-venv
@@ -78,10 +77,11 @@ if provide_tools; then
     # What a few tests compare an installed package with.
     build release vorda_scripted_runtime vorda_scripted_compat
     install_wheel || fail "cannot install"
-    suite "wheel: contents" wheel_tests
-    suite "wheel: embedded runtime" installed_tests
-    suite "wheel: uninstalling leaves nothing" uninstall
+    for step in wheel_tests installed_tests uninstall; do
+        say "$step"
+        $step || failed="$failed, $step"
+    done
 else
-    skip_suite wheel "scikit-build-core is not installed and no Python index is reached"
+    skip_tests wheel "scikit-build-core is not installed and no Python index is reached"
 fi
-finish_suites
+finish_tests
