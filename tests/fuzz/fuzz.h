@@ -1,13 +1,18 @@
 // What the fuzz targets share. Each target is one file that defines LLVMFuzzerTestOneInput and
-// compares the code with a second, independent opinion about the same input; see CMakeLists.txt for
-// how it is built. Whatever a target finds wrong ends the process.
+// holds the code to properties, round trips and the opinion of others who read the same (SQLite,
+// iconv, the C library); see CMakeLists.txt for how it is built. Whatever it finds wrong ends the
+// process.
 #pragma once
+
+#include <iconv.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,6 +21,24 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
 namespace fuzz {
+
+/// What the code made of a kept input. replay_main.cpp asks for it and compares it with answers/.
+inline std::optional<std::ostringstream> answers;
+
+/// A line of the answers. Bytes that no reader sees are written in hexadecimal.
+template <class... Parts>
+void tell(const Parts&... parts) {
+    if (!answers) return;
+    std::ostringstream line;
+    ((line << parts << ' '), ...);
+    for (const char c : line.str()) {
+        char shown[8];
+        const bool plain = c >= ' ' && c <= '~' && c != '\\';
+        std::snprintf(shown, sizeof shown, plain ? "%c" : "\\x%02x", static_cast<unsigned char>(c));
+        *answers << shown;
+    }
+    *answers << '\n';
+}
 
 /// Ends the process with the place and `what` unless `holds`.
 inline void require(bool holds, std::string_view what, const char* file = __builtin_FILE(),
@@ -113,15 +136,25 @@ inline std::size_t strictCharacter(std::string_view text, char32_t& out) {
     return 0;
 }
 
+/// `text` in another encoding, by iconv; nothing where it is malformed.
+inline std::optional<std::string> converted(std::string_view text, const char* to,
+                                            const char* from) {
+    std::string in(text);
+    std::string out(4 * in.size() + 4, '\0');
+    char* source = in.data();
+    char* target = out.data();
+    std::size_t left = in.size();
+    std::size_t room = out.size();
+    const iconv_t codec = iconv_open(to, from);
+    const bool good = iconv(codec, &source, &left, &target, &room) == 0 && left == 0;
+    iconv_close(codec);
+    out.resize(out.size() - room);
+    return good ? std::make_optional(out) : std::nullopt;
+}
+
 /// Whether all of `text` is well-formed UTF-8.
 inline bool isStrict(std::string_view text) {
-    char32_t c = 0;
-    while (!text.empty()) {
-        const std::size_t length = strictCharacter(text, c);
-        if (length == 0) return false;
-        text.remove_prefix(length);
-    }
-    return true;
+    return converted(text, "UTF-16LE", "UTF-8").has_value();
 }
 
 }  // namespace fuzz
