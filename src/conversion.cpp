@@ -233,12 +233,6 @@ int GetArgumentAsString(PyObject* pyArgs, int index, DynStr& value) {
     return PyUnicode_Check(item) ? GetPyObjectAsString(item, value) : -1;
 }
 
-int MicrosecondsFrom(int fraction, int scale) {
-    if (scale > 0) return fraction / 1000;
-    while (fraction > 999'999) fraction /= 10;
-    return fraction;
-}
-
 bool WarnIfMisread(std::string_view sql) {
     if (sql.find('\\') == std::string_view::npos) return true;
     size_t backslash = std::string_view::npos;

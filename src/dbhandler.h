@@ -14,7 +14,7 @@ struct _dbhandler {
     int verb = 0;
 
     // Counts what there is to read: another one means that what is known of an earlier result, its
-    // column buffers among it, holds no longer.
+    // cells among it, holds no longer.
     unsigned long long resultNumber = 0;
     // The last one that was closed: the next execution takes it again.
     std::unique_ptr<IntDbResultSet> spare;

@@ -132,8 +132,8 @@ void Dbs::DescribeColumn(int index, ColumnDescription& description) {
                    &description.IsNullable);
 }
 
-bool Dbs::GetColumnBuffer(int index, DbColumnBuffer& columnBuffer) {
-    return DBSGetColumnBuffer(handler, index, &columnBuffer) == VORDA_OK;
+bool Dbs::GetCell(int index, DbCell& cell) {
+    return DBSGetCell(handler, index, &cell) == VORDA_OK;
 }
 
 int Dbs::GetInt(int i, int* v) {
@@ -179,11 +179,6 @@ int Dbs::ReadText(int i, char** out, int* len) {
         *out = buffer.get();
     }
     return status;
-}
-
-bool Dbs::IsCut(int i, long long* reported) {
-    int isCut = 0;
-    return DBSGetDataExtent(handler, i, &isCut, reported) == VORDA_OK && isCut != 0;
 }
 
 DBSRETURN Dbs::ReadError(ErrorReader read) {

@@ -106,36 +106,29 @@ int Read(IntDbResultSet& rs, int (IntDbResultSet::*getter)(int, Value&), int col
 
 // The copy is twice the text's length, sized for a caller that counts in 16-bit units. The bound
 // buffer may end before that; the rest is filled with NULs.
-int ReadText(IntDbResultSet& rs, int column, DBSPOINTER target, DBSLEN* length) {
-    char* text = nullptr;
-    int bytes = 0;
-    if (const int status = rs.GetStringAsUTF8(column, &text, &bytes); status != VORDA_OK) {
-        return status;
-    }
-    *length = bytes;
-    if (target != nullptr) {
-        const auto wanted = static_cast<size_t>(bytes) * 2;
-        const auto held = static_cast<size_t>(rs.GetImpl()->GetBufferSize(column));
-        const size_t copied = std::min(wanted, held);
-        std::memcpy(target, text, copied);
-        std::memset(static_cast<char*>(target) + copied, 0, wanted - copied);
-    }
-    return VORDA_OK;
+void CopyText(const DbCell& cell, DBSPOINTER target, DBSLEN* length) {
+    *length = cell.Extent().Length;
+    if (target == nullptr) return;
+    const auto wanted = static_cast<size_t>(*length) * 2;
+    const size_t copied = std::min(wanted, static_cast<size_t>(cell.Size));
+    std::memcpy(target, cell.Text, copied);
+    std::memset(static_cast<char*>(target) + copied, 0, wanted - copied);
 }
 
-int ReadTerminatedText(IntDbResultSet& rs, int column, DBSPOINTER target, DBSLEN* length) {
-    char* text = nullptr;
-    int bytes = 0;
-    if (const int status = rs.GetStringAsUTF8(column, &text, &bytes); status != VORDA_OK) {
-        return status;
-    }
-    const size_t upToTerminator = strnlen(text, static_cast<size_t>(bytes));
+void CopyTerminatedText(const DbCell& cell, DBSPOINTER target, DBSLEN* length) {
+    const size_t upToTerminator = strnlen(cell.Text, static_cast<size_t>(cell.Extent().Length));
     *length = static_cast<int>(upToTerminator);
-    if (target != nullptr) {
-        std::memcpy(target, text, upToTerminator);
-        static_cast<char*>(target)[upToTerminator] = '\0';
-    }
-    return VORDA_OK;
+    if (target == nullptr) return;
+    std::memcpy(target, cell.Text, upToTerminator);
+    static_cast<char*>(target)[upToTerminator] = '\0';
+}
+
+int ReadText(IntDbResultSet& rs, int column, DBSPOINTER target, DBSLEN* length,
+             void (*copy)(const DbCell&, DBSPOINTER, DBSLEN*)) {
+    const DbCell* cell = nullptr;
+    const int status = rs.GetImpl()->Readable(column, cell);
+    if (status == VORDA_OK) copy(*cell, target, length);
+    return status;
 }
 
 }  // namespace
@@ -277,31 +270,19 @@ DBSRETURN DBSGetData(DBSHSTMT statementHandle, DBSINTEGER columnNumber, DBSSMALL
                 return Read(rs, &IntDbResultSet::GetTime, column, targetValue);
             case DBTYPE_TEXT:
             case DBTYPE_STRING:
-                return ReadText(rs, column, targetValue, strLen_or_Ind);
+                return ReadText(rs, column, targetValue, strLen_or_Ind, CopyText);
             default:
-                return ReadTerminatedText(rs, column, targetValue, strLen_or_Ind);
+                return ReadText(rs, column, targetValue, strLen_or_Ind, CopyTerminatedText);
         }
     });
 }
 
-DBSRETURN DBSGetDataExtent(DBSHSTMT statementHandle, DBSINTEGER columnNumber, int* isCut,
-                           DBSINTEGER* reported) {
+DBSRETURN DBSGetCell(DBSHSTMT statementHandle, DBSINTEGER columnNumber, _db_cell_* cell) {
     return WithResultSet(statementHandle, [&](IntDbResultSet& rs) {
-        ValueExtent extent;
-        const int status = rs.GetImpl()->GetExtent(ColumnIndex(columnNumber), extent);
-        if (status == VORDA_OK) {
-            *isCut = extent.IsCut;
-            *reported = extent.Reported;
-        }
-        return status;
-    });
-}
-
-DBSRETURN DBSGetColumnBuffer(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
-                             _db_column_buffer_* columnBuffer) {
-    return WithResultSet(statementHandle, [&](IntDbResultSet& rs) {
-        const bool bound = rs.GetImpl()->GetColumnBuffer(ColumnIndex(columnNumber), *columnBuffer);
-        return bound ? VORDA_OK : VORDA_INDEX_OUT_OF_RANGE;
+        const DbCell* const bound = rs.GetImpl()->CellOf(ColumnIndex(columnNumber));
+        if (bound == nullptr) return VORDA_INDEX_OUT_OF_RANGE;
+        *cell = *bound;
+        return VORDA_OK;
     });
 }
 

@@ -3,7 +3,7 @@
 // without running any Python code; the second finishes the values that need some (a class of the
 // program's choosing, a warning), and no longer touches the provider, which that code may have
 // closed.
-#include <cstring>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,7 +11,6 @@
 #include "include/errors.h"
 #include "include/pydatetime.h"
 #include "include/row.h"
-#include "include/sqltypes.h"
 
 namespace {
 
@@ -23,50 +22,40 @@ using Reader = PyObject* (*)(const ColumnPlan&);
 
 struct ColumnPlan {
     Reader Read;
-    DbColumnBuffer Buffer;
-
-    template <class Value>
-    Value As() const {
-        Value value;
-        std::memcpy(&value, Buffer.Value, sizeof value);
-        return value;
-    }
+    DbCell Cell;
 };
 
 template <class Value>
 PyObject* ReadInt(const ColumnPlan& column) {
     static_assert(sizeof(Value) <= sizeof(long));
-    return PyLong_FromLong(column.As<Value>());
+    return PyLong_FromLong(column.Cell.As<Value>());
 }
 
 template <class Value>
 PyObject* ReadFloat(const ColumnPlan& column) {
-    return PyFloat_FromDouble(static_cast<double>(column.As<Value>()));
+    return PyFloat_FromDouble(static_cast<double>(column.Cell.As<Value>()));
 }
 
 PyObject* ReadBool(const ColumnPlan& column) {
-    return PyBool_FromLong(column.As<SQLCHAR>());
-}
-
-// All dates and times are bound as timestamps.
-int Microseconds(const ColumnPlan& column, const SQL_TIMESTAMP_STRUCT& stamp) {
-    return MicrosecondsFrom(static_cast<int>(stamp.fraction), column.Buffer.Scale);
+    return PyBool_FromLong(column.Cell.As<std::uint8_t>());
 }
 
 PyObject* ReadDate(const ColumnPlan& column) {
-    const auto stamp = column.As<SQL_TIMESTAMP_STRUCT>();
-    return PyDate_FromDate(stamp.year, stamp.month, stamp.day);
+    const auto moment = column.Cell.As<DbMoment>();
+    return PyDate_FromDate(moment.Year, moment.Month, moment.Day);
 }
 
 PyObject* ReadTime(const ColumnPlan& column) {
-    const auto stamp = column.As<SQL_TIMESTAMP_STRUCT>();
-    return PyTime_FromTime(stamp.hour, stamp.minute, stamp.second, Microseconds(column, stamp));
+    const auto moment = column.Cell.As<DbMoment>();
+    return PyTime_FromTime(moment.Hour, moment.Minute, moment.Second,
+                           column.Cell.Microseconds(moment));
 }
 
 PyObject* ReadDateTime(const ColumnPlan& column) {
-    const auto stamp = column.As<SQL_TIMESTAMP_STRUCT>();
-    return PyDateTime_FromDateAndTime(stamp.year, stamp.month, stamp.day, stamp.hour, stamp.minute,
-                                      stamp.second, Microseconds(column, stamp));
+    const auto moment = column.Cell.As<DbMoment>();
+    return PyDateTime_FromDateAndTime(moment.Year, moment.Month, moment.Day, moment.Hour,
+                                      moment.Minute, moment.Second,
+                                      column.Cell.Microseconds(moment));
 }
 
 // Null without an error set when the text is not UTF-8. A codec that reported that itself could run
@@ -89,10 +78,8 @@ PyRef RaiseNotUtf8(const char* text, Py_ssize_t length, const std::string column
 
 // Decimals too arrive as text.
 PyObject* ReadText(const ColumnPlan& column) {
-    // Only a length that leaves room for the terminator is a whole value's for sure.
-    const auto length = static_cast<size_t>(*column.Buffer.Length);
-    if (length >= static_cast<size_t>(column.Buffer.TextSize)) return nullptr;
-    return DecodeText(column.Buffer.Text, static_cast<Py_ssize_t>(length));
+    if (!column.Cell.IsWholeText()) return nullptr;
+    return DecodeText(column.Cell.Text, *column.Cell.Length);
 }
 
 PyObject* RefuseBinary(const ColumnPlan&) {
@@ -108,19 +95,19 @@ Reader ReaderFor(int dataType) {
         case DBTYPE_BINARY:
             return RefuseBinary;
         case DBTYPE_TINYINT:
-            return ReadInt<SQLCHAR>;
+            return ReadInt<std::uint8_t>;
         case DBTYPE_SMALLINT:
-            return ReadInt<SQLSMALLINT>;
+            return ReadInt<std::int16_t>;
         case DBTYPE_INTEGER:
-            return ReadInt<SQLINTEGER>;
+            return ReadInt<std::int32_t>;
         case DBTYPE_BIGINT:
-            return ReadInt<SQLBIGINT>;
+            return ReadInt<std::int64_t>;
         case DBTYPE_BIT:
             return ReadBool;
         case DBTYPE_DOUBLE:
-            return ReadFloat<SQLDOUBLE>;
+            return ReadFloat<double>;
         case DBTYPE_FLOAT:
-            return ReadFloat<SQLREAL>;
+            return ReadFloat<float>;
         case DBTYPE_DATE:
             return ReadDate;
         case DBTYPE_TIME:
@@ -133,15 +120,15 @@ Reader ReaderFor(int dataType) {
 }
 
 ColumnPlan PlanColumn(Dbs& dbs, int index) {
-    // A column without a buffer, or of a type that is refused, is never looked at for NULL.
+    // A column that is not bound, or of a type that is refused, is never looked at for NULL.
     static const std::ptrdiff_t notNull = 0;
     ColumnPlan column = {};
-    if (!dbs.GetColumnBuffer(index, column.Buffer)) {
+    if (!dbs.GetCell(index, column.Cell)) {
         column.Read = ReadUnbound;
     } else {
-        column.Read = ReaderFor(column.Buffer.DataType);
+        column.Read = ReaderFor(column.Cell.DataType);
     }
-    if (column.Read == RefuseBinary || column.Read == ReadUnbound) column.Buffer.Length = &notNull;
+    if (column.Read == RefuseBinary || column.Read == ReadUnbound) column.Cell.Length = &notNull;
     return column;
 }
 
@@ -163,7 +150,7 @@ struct RowPlan {
         Columns.reserve(static_cast<size_t>(columns));
         for (int i = 0; i < columns; ++i) {
             Columns.push_back(PlanColumn(dbs, i));
-            const int type = Columns.back().Buffer.DataType;
+            const int type = Columns.back().Cell.DataType;
             if (type == DBTYPE_NUMERIC || type == DBTYPE_DECIMAL) Decimals.push_back(i);
         }
         ResultNumber = dbs.GetResultNumber();
@@ -179,10 +166,10 @@ class RowReader {
     bool ReadColumns() {
         for (const ColumnPlan& column : m_plan.Columns) {
             PyObject* value;
-            if (*column.Buffer.Length == SQL_NULL_DATA) {
+            if (column.Cell.IsNull()) {
                 value = PyRef::Borrow(Py_None).Release();
             } else if (value = column.Read(column); value == nullptr) {
-                value = ReadWithCare(m_row->columns).Release();
+                value = ReadWithCare(column, m_row->columns).Release();
                 if (value == nullptr) return false;
             }
             m_row->values[m_row->columns++] = value;
@@ -199,23 +186,20 @@ class RowReader {
   private:
     struct Cut {
         std::string ColumnName;
-        int Kept;
-        long long Reported;
+        DbExtent Extent;
     };
 
-    // What a reader has left: a text that is not UTF-8, or whose length is not what it should be.
-    PyRef ReadWithCare(int index) {
+    // What a reader has left: a column that is not bound, a text that is not UTF-8, or one whose
+    // length is not what it should be.
+    PyRef ReadWithCare(const ColumnPlan& column, int index) {
         if (PyErr_Occurred()) return PyRef();
-        char* text = nullptr;
-        int length = 0;
-        const int status = m_dbs.GetStringAsUTF8(index, &text, &length);
-        if (status > 0) return RaiseProviderError(m_dbs, status);
-        if (status < 0) return PyRef::Borrow(Py_None);
-        long long reported = 0;
-        if (m_dbs.IsCut(index, &reported)) m_cuts.push_back({NameOf(index), length, reported});
-        PyRef value(DecodeText(text, length));
+        if (column.Read == ReadUnbound) return RaiseProviderError(m_dbs, VORDA_INDEX_OUT_OF_RANGE);
+        const DbExtent extent = column.Cell.Extent();
+        if (extent.IsTruncated) m_cuts.push_back({NameOf(index), extent});
+        const char* const text = column.Cell.Text;
+        PyRef value(DecodeText(text, extent.Length));
         return value || PyErr_Occurred() ? std::move(value)
-                                         : RaiseNotUtf8(text, length, NameOf(index));
+                                         : RaiseNotUtf8(text, extent.Length, NameOf(index));
     }
 
     std::string NameOf(int index) {
@@ -228,14 +212,14 @@ class RowReader {
         for (const Cut& cut : m_cuts) {
             const char* const name = cut.ColumnName.c_str();
             const int result =
-                cut.Reported >= 0
+                cut.Extent.Reported >= 0
                     ? PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
                                        "The text of column '%s' is cut from %lld bytes to %d.",
-                                       name, cut.Reported, cut.Kept)
+                                       name, cut.Extent.Reported, cut.Extent.Length)
                     : PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
                                        "The text of column '%s' is cut to %d bytes; the provider "
                                        "does not tell its whole length.",
-                                       name, cut.Kept);
+                                       name, cut.Extent.Length);
             if (result < 0) return false;
         }
         return true;

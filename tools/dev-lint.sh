@@ -5,6 +5,9 @@ say "format"
 # shellcheck disable=SC2046
 clang-format-14 --dry-run -Werror $(sources)
 
+say "includes"
+"$python" tools/includes.py
+
 say "shell scripts"
 # Not: variables that one file sets and another reads, and files that are found when they run.
 shellcheck -s sh -S warning -e SC2034,SC2154,SC1090,SC1091 dev tools/*.sh .ci/run

@@ -56,11 +56,6 @@ int GetPyObjectAsString(PyObject* object, DynStr& value);
 // The same for an item of a tuple; -1 also when the item is not a str.
 int GetArgumentAsString(PyObject* pyArgs, int index, DynStr& value);
 
-// The fraction of a second that a row shows, in microseconds, from a provider's nanoseconds. A
-// provider that reports no fraction digits counts in a unit of its own: its number is shortened to
-// six digits.
-int MicrosecondsFrom(int fraction, int scale);
-
 // Everything about a value that its way to the provider would drop raises a RuntimeWarning, since
 // nothing may be cut silently. `what` names the value, `position` where it stands. False with an
 // error set when the program turns warnings into errors.

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "include/cell.h"
 #include "include/dbsapi.h"
 #include "include/dbsource.h"
 
@@ -56,9 +57,9 @@ class VORDA_EXPORT Dbs {
     void DescribeColumn(int index, ColumnDescription& description);
 
     // Where every fetch leaves a column's value; false without such a column.
-    bool GetColumnBuffer(int index, DbColumnBuffer& columnBuffer);
-    // Names the current result: what is known of an earlier one, its column buffers among it, holds
-    // no longer once the number is another.
+    bool GetCell(int index, DbCell& cell);
+    // Names the current result: what is known of an earlier one, its cells among it, holds no
+    // longer once the number is another.
     unsigned long long GetResultNumber() const;
 
     // Values of the current row by 0-based column: 0, -1 for NULL, or a positive code.
@@ -71,8 +72,6 @@ class VORDA_EXPORT Dbs {
     // *out stays valid until the next name or text is read.
     int GetStringAsUTF8(int i, char** out, int* len);
     int GetStringAsUCS2(int i, char** out, int* len);
-    // Whether the value was cut at its buffer, and the provider's own length (negative: unknown).
-    bool IsCut(int i, long long* reported);
 
     int GetLastError();
     const char* GetLastErrorMessage();

@@ -7,7 +7,7 @@
 #include "util/def.h"
 
 struct _dbhandler;
-struct _db_column_buffer_;
+struct _db_cell_;
 using DB_HANDLER = _dbhandler;
 using DBSHANDLE = _dbhandler*;
 using DBSHDBC = _dbhandler*;
@@ -71,15 +71,10 @@ VORDA_EXPORT DBSRETURN DBSDescribeCol(DBSHSTMT statementHandle, DBSINTEGER colum
 VORDA_EXPORT DBSRETURN DBSGetData(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
                                   DBSSMALLINT targetType, DBSPOINTER targetValue,
                                   DBSINTEGER bufferLength, DBSLEN* strLen_or_Ind);
-// Tells whether a text or binary value was cut at its buffer (*isCut), and the provider's own
-// length in bytes (*reported; negative when the provider does not know it). Same statuses as
-// DBSGetData.
-VORDA_EXPORT DBSRETURN DBSGetDataExtent(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
-                                        int* isCut, DBSINTEGER* reported);
 // Where every fetch leaves the value of a 0-based column: 0, 1104 without a result set, or 1106.
-// Valid until the next execution.
-VORDA_EXPORT DBSRETURN DBSGetColumnBuffer(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
-                                          _db_column_buffer_* columnBuffer);
+// Valid until the next execution; see include/cell.h.
+VORDA_EXPORT DBSRETURN DBSGetCell(DBSHSTMT statementHandle, DBSINTEGER columnNumber,
+                                  _db_cell_* cell);
 // Fetches a row: 0, 100 for no more data, else a code.
 VORDA_EXPORT DBSRETURN DBSFetch(DBSHSTMT statementHandle);
 // The data source's last error. textLength is required when messageText is given; a null

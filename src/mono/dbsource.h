@@ -93,13 +93,32 @@ class ODBCSourceImpl : public LastError {
     bool m_isBatched = false;
 };
 
-using IntDbSource = DbSource<ODBCSourceImpl, IntDbResultSet>;
+// Forwards each operation to Impl; the binding is static.
+template <class Impl, class ResultSet>
+class DbSource {
+  public:
+    int Init() { return m_impl.Init(); }
+    int Open(const char* connStr, int len) { return m_impl.Open(connStr, len); }
+    int Close() { return m_impl.Close(); }
+    int Config(int attribute, void* value, int length) {
+        return m_impl.Config(attribute, value, length);
+    }
+    int Prepare(const char* sql, int len) { return m_impl.Prepare(sql, len); }
+    int AddParam(const char* name, int nameLen, int dbType, const void* values, int len,
+                 const int* lengths) {
+        return m_impl.AddParam(name, nameLen, dbType, values, len, lengths);
+    }
+    int Execute(ResultSet* rs, int* rowCount) { return m_impl.Execute(rs, rowCount); }
+    int Execute(const char* sql, int len, ResultSet* rs, int* rowCount) {
+        return m_impl.Execute(sql, len, rs, rowCount);
+    }
+    int IsOpen() { return m_impl.IsOpen(); }
+    int GetLastError() { return m_impl.GetLastError(); }
+    const char* GetLastErrorMessage() { return m_impl.GetLastErrorMessage(); }
+    Impl* GetImpl() { return &m_impl; }
 
-// Type maps between DB type codes, ODBC C types and ODBC SQL types. Each gives its default for a
-// value that it does not know.
-int DbTypeToODBCType(int dbType);
-int ODBCTypeToDbType(int odbcCType);
-int ODBCTypeToSQLType(int odbcCType);
-int SQLTypeToODBCType(int sqlType);
-// Bytes of a fixed-size ODBC C type, or `defaultSize` for one without a size of its own.
-int ODBCTypeSize(int odbcCType, int defaultSize);
+  private:
+    Impl m_impl;
+};
+
+using IntDbSource = DbSource<ODBCSourceImpl, IntDbResultSet>;

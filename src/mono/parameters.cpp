@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "mono/dbsource.h"
+#include "mono/typemaps.h"
 #include "util/def.h"
 
 std::unique_ptr<_odbc_parameter_> _odbc_parameter_::Clone() const {

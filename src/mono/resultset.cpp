@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <new>
@@ -9,7 +10,7 @@
 #include <utility>
 
 #include "mono/cancel.h"
-#include "mono/dbsource.h"
+#include "mono/typemaps.h"
 #include "util/def.h"
 
 _db_column_info_::_db_column_info_(const char* name, int nameLength, int dataType, int columnSize,
@@ -42,6 +43,12 @@ std::unique_ptr<_col_binding_info_> _col_binding_info_::Clone() const {
     return copy;
 }
 
+// A moment is read from where the driver writes a timestamp, a length where it writes an indicator.
+static_assert(std::is_same_v<SQLLEN, std::ptrdiff_t> && DbCell::kNull == SQL_NULL_DATA);
+static_assert(sizeof(DbMoment) == sizeof(SQL_TIMESTAMP_STRUCT) &&
+              offsetof(DbMoment, Second) == offsetof(SQL_TIMESTAMP_STRUCT, second) &&
+              offsetof(DbMoment, Fraction) == offsetof(SQL_TIMESTAMP_STRUCT, fraction));
+
 namespace {
 
 // An idle result set keeps this many records of columns, with their buffers.
@@ -73,22 +80,6 @@ BindingRule RuleFor(int mappedType) {
     }
 }
 
-// The length up to the end of the last whole UTF-8 character in the first `length` bytes. Text that
-// is not UTF-8 at its end is left as it is: then there is no character to keep whole.
-int WholeCharacters(const char* text, int length) {
-    int start = length;
-    while (start > 0 && length - start < 4) {
-        --start;
-        const auto byte = static_cast<unsigned char>(text[start]);
-        if (byte < 0x80) return length;
-        if (byte >= 0xC0) {
-            const int size = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : 2;
-            return length - start < size ? start : length;
-        }
-    }
-    return length;
-}
-
 }  // namespace
 
 int ODBCResultSetImpl::Init() {
@@ -116,7 +107,8 @@ int ODBCResultSetImpl::Close() {
 }
 
 void ODBCResultSetImpl::ForgetColumns() {
-    m_columnCount = m_infoCount = m_bindingCount = 0;
+    m_columnCount = m_infoCount = 0;
+    m_cells.clear();
     m_buffers.clear();
     if (m_columns.Size() > kKeptColumns) m_columns.Resize(kKeptColumns);
     if (m_colBindingInfo.Size() > kKeptColumns) m_colBindingInfo.Resize(kKeptColumns);
@@ -209,34 +201,42 @@ int ODBCResultSetImpl::InitColumnBinding() {
     }
     if (m_initedColBinding) return VORDA_OK;
 
+    m_cells.clear();
+    m_buffers.clear();
+    m_cells.reserve(static_cast<size_t>(m_columnCount));
     if (m_colBindingInfo.Size() < m_columnCount) m_colBindingInfo.Resize(m_columnCount);
     for (int i = 0; i < m_columnCount; ++i) {
         if (m_colBindingInfo.Get(i) == nullptr) {
             m_colBindingInfo.SetElementAt(std::make_unique<_col_binding_info_>().release(), i);
         }
-        m_bindingCount = i + 1;
-        _col_binding_info_& binding = *m_colBindingInfo.Get(i);
-        binding.NativeVal = {};
-        binding.DataType = DbTypeToODBCType(m_columns.Get(i)->DataType);
-        binding.ValLen = SQL_NULL_DATA;
-        const BindingRule rule = RuleFor(binding.DataType);
-        SQLPOINTER target = &binding.NativeVal;
-        if (binding.StringVal.Resize(rule.BufferSize, nullptr) != VORDA_OK) {
-            return VORDA_OUT_OF_MEMORY;
-        }
-        if (rule.BufferSize > 0) {
-            // Readers may look at any byte of the buffer, whatever the driver has written.
-            target =
-                std::memset(binding.StringVal.Deref(), 0, static_cast<size_t>(rule.BufferSize));
-            m_buffers.push_back(
-                {binding.StringVal.Deref(), static_cast<size_t>(rule.BufferSize), &binding.ValLen});
-        }
-        if (!StatementPassed(SQLBindCol(m_hstmt, static_cast<SQLUSMALLINT>(i + 1), rule.BoundType,
-                                        target, rule.BufferSize, &binding.ValLen))) {
-            return VORDA_ODBC_ERROR;
-        }
+        if (const int status = BindColumn(i); status != VORDA_OK) return status;
     }
     m_initedColBinding = 1;
+    return VORDA_OK;
+}
+
+int ODBCResultSetImpl::BindColumn(int index) {
+    const DbColumnInfo& info = *m_columns.Get(index);
+    _col_binding_info_& binding = *m_colBindingInfo.Get(index);
+    binding.NativeVal = {};
+    binding.DataType = DbTypeToODBCType(info.DataType);
+    binding.ValLen = SQL_NULL_DATA;
+    const BindingRule rule = RuleFor(binding.DataType);
+    if (binding.StringVal.Resize(rule.BufferSize, nullptr) != VORDA_OK) return VORDA_OUT_OF_MEMORY;
+    char* const buffer = binding.StringVal.Deref();
+    SQLPOINTER target = &binding.NativeVal;
+    if (rule.BufferSize > 0) {
+        // Readers may look at any byte of the buffer, whatever the driver has written.
+        const auto size = static_cast<size_t>(rule.BufferSize);
+        target = std::memset(buffer, 0, size);
+        m_buffers.push_back({buffer, size, &binding.ValLen});
+    }
+    if (!StatementPassed(SQLBindCol(m_hstmt, static_cast<SQLUSMALLINT>(index + 1), rule.BoundType,
+                                    target, rule.BufferSize, &binding.ValLen))) {
+        return VORDA_ODBC_ERROR;
+    }
+    m_cells.push_back({info.DataType, info.Scale, &binding.NativeVal, buffer, rule.BufferSize,
+                       rule.BoundType == SQL_C_WCHAR, &binding.ValLen});
     return VORDA_OK;
 }
 
@@ -289,116 +289,71 @@ int ODBCResultSetImpl::Next() {
     return m_errCode == VORDA_NO_MORE_DATA ? VORDA_OK : m_errCode;
 }
 
-int ODBCResultSetImpl::Readable(int index, const _col_binding_info_*& binding) {
-    binding = BindingOf(index);
-    if (binding == nullptr) {
+int ODBCResultSetImpl::Readable(int index, const DbCell*& cell) {
+    cell = CellOf(index);
+    if (cell == nullptr) {
         return Fail(VORDA_INDEX_OUT_OF_RANGE, "The value index is out of range");
     }
     if (m_fetchFailed) return m_errCode > 0 ? m_errCode : VORDA_NOT_EXECUTED;
-    return binding->ValLen == SQL_NULL_DATA ? SQL_NULL_DATA : VORDA_OK;
+    return cell->IsNull() ? SQL_NULL_DATA : VORDA_OK;
 }
 
 int ODBCResultSetImpl::GetInt(int index, int& value) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    switch (binding->DataType) {
-        case SQL_C_SHORT:
-            value = binding->NativeVal.VSmall;
-            break;
-        case SQL_C_BIT:
-        case SQL_C_TINYINT:
-            value = binding->NativeVal.VTiny;
-            break;
-        default:
-            value = binding->NativeVal.VInteger;
-    }
-    return VORDA_OK;
+    return Read(index, [&](const DbCell& cell) {
+        switch (cell.DataType) {
+            case DBTYPE_SMALLINT:
+                value = cell.As<SQLSMALLINT>();
+                break;
+            case DBTYPE_BIT:
+            case DBTYPE_TINYINT:
+                value = cell.As<SQLCHAR>();
+                break;
+            default:
+                value = cell.As<SQLINTEGER>();
+        }
+    });
 }
 
 int ODBCResultSetImpl::GetBigint(int index, long long& value) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    value = binding->NativeVal.VBigInt;
-    return VORDA_OK;
+    return Read(index, [&](const DbCell& cell) { value = cell.As<long long>(); });
 }
 
 int ODBCResultSetImpl::GetDouble(int index, double& value) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    value = binding->DataType == SQL_C_FLOAT ? static_cast<double>(binding->NativeVal.VReal)
-                                             : binding->NativeVal.VDouble;
-    return VORDA_OK;
+    return Read(index, [&](const DbCell& cell) {
+        value = cell.DataType == DBTYPE_FLOAT ? static_cast<double>(cell.As<SQLREAL>())
+                                              : cell.As<SQLDOUBLE>();
+    });
 }
 
 int ODBCResultSetImpl::GetDate(int index, _db_date_& value) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    const SQL_TIMESTAMP_STRUCT& stamp = binding->NativeVal.VTimeStamp;
-    value = {stamp.year, stamp.month, stamp.day};
-    return VORDA_OK;
+    return Read(index, [&](const DbCell& cell) {
+        const auto moment = cell.As<DbMoment>();
+        value = {moment.Year, moment.Month, moment.Day};
+    });
 }
 
 int ODBCResultSetImpl::GetTime(int index, _db_time_& value) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    const SQL_TIMESTAMP_STRUCT& stamp = binding->NativeVal.VTimeStamp;
-    value = {stamp.day, stamp.hour, stamp.minute, stamp.second, static_cast<int>(stamp.fraction)};
-    return VORDA_OK;
+    return Read(index, [&](const DbCell& cell) {
+        const auto moment = cell.As<DbMoment>();
+        value = {moment.Day, moment.Hour, moment.Minute, moment.Second,
+                 static_cast<int>(moment.Fraction)};
+    });
 }
 
 int ODBCResultSetImpl::GetDateTime(int index, _db_datetime_& value) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    const SQL_TIMESTAMP_STRUCT& stamp = binding->NativeVal.VTimeStamp;
-    value = {stamp.year,
-             stamp.month,
-             stamp.day,
-             stamp.hour,
-             stamp.minute,
-             stamp.second,
-             static_cast<int>(stamp.fraction / 1'000'000)};
-    return VORDA_OK;
-}
-
-int ODBCResultSetImpl::GetExtent(int index, ValueExtent& extent) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    const DynStr& buffer = binding->StringVal;
-    const char* bytes = buffer.Deref();
-    const int size = buffer.Length();
-    const bool isText = RuleFor(binding->DataType).BoundType == SQL_C_WCHAR;
-    const SQLLEN reported = binding->ValLen;
-    // A text needs a byte more than its length; a fixed-size column has no buffer at all.
-    const int room = isText ? size - 1 : size;
-
-    if (reported >= 0 && reported <= room) {
-        extent = {static_cast<int>(reported), false, reported};
-    } else if (size == 0) {
-        extent = {0, false, reported};
-    } else if (!isText) {
-        extent = {size, true, reported};
-    } else if (reported < 0) {
-        // The driver does not know how long the value is; what it wrote ends with a NUL. It may
-        // have cut the value where the buffer is full but for less than a character.
-        const int length = static_cast<int>(strnlen(bytes, static_cast<size_t>(size)));
-        extent = {WholeCharacters(bytes, length), length > size - 5, reported};
-    } else {
-        // Drivers cut at a whole character or anywhere; the terminator is within the last four
-        // bytes. Looking only there keeps NULs inside the value.
-        const int tail = size - 4;
-        int length = tail + static_cast<int>(strnlen(bytes + tail, 4));
-        while (length > 0 && bytes[length - 1] == '\0') --length;
-        extent = {WholeCharacters(bytes, length), true, reported};
-    }
-    return VORDA_OK;
+    return Read(index, [&](const DbCell& cell) {
+        const auto moment = cell.As<DbMoment>();
+        const int milliseconds = static_cast<int>(moment.Fraction / 1'000'000);
+        value = {moment.Year,   moment.Month,  moment.Day,  moment.Hour,
+                 moment.Minute, moment.Second, milliseconds};
+    });
 }
 
 int ODBCResultSetImpl::GetStringAsUTF8(int index, char** text, int* length) {
-    ValueExtent extent;
-    if (const int status = GetExtent(index, extent); status != VORDA_OK) return status;
-    if (text != nullptr) *text = BindingOf(index)->StringVal.Deref();
-    if (length != nullptr) *length = extent.Length;
-    return VORDA_OK;
+    return Read(index, [&](const DbCell& cell) {
+        if (text != nullptr) *text = const_cast<char*>(cell.Text);
+        if (length != nullptr) *length = cell.Extent().Length;
+    });
 }
 
 int ODBCResultSetImpl::GetStringAsUCS2(int, char**, int*) {
@@ -406,30 +361,8 @@ int ODBCResultSetImpl::GetStringAsUCS2(int, char**, int*) {
 }
 
 int ODBCResultSetImpl::GetBytes(int index, char** data, int* length) {
-    const _col_binding_info_* binding;
-    if (const int status = Readable(index, binding); status != VORDA_OK) return status;
-    if (data != nullptr) *data = BindingOf(index)->StringVal.Deref();
-    if (length != nullptr) *length = binding->StringVal.Length();
-    return VORDA_OK;
-}
-
-bool ODBCResultSetImpl::GetColumnBuffer(int index, DbColumnBuffer& buffer) const {
-    static_assert(std::is_same_v<SQLLEN, std::ptrdiff_t>);
-    // Each bound column is described as well.
-    const _col_binding_info_* const binding = BindingOf(index);
-    if (binding == nullptr) return false;
-    const DbColumnInfo* const info = m_columns.Get(index);
-    const bool isText = RuleFor(binding->DataType).BoundType == SQL_C_WCHAR;
-    buffer = {info->DataType,
-              info->Scale,
-              &binding->NativeVal,
-              binding->StringVal.Deref(),
-              isText ? binding->StringVal.Length() : 0,
-              &binding->ValLen};
-    return true;
-}
-
-int ODBCResultSetImpl::GetBufferSize(int index) const {
-    const _col_binding_info_* const binding = BindingOf(index);
-    return binding != nullptr ? binding->StringVal.Length() : 0;
+    return Read(index, [&](const DbCell& cell) {
+        if (data != nullptr) *data = const_cast<char*>(cell.Text);
+        if (length != nullptr) *length = cell.Size;
+    });
 }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "include/cell.h"
 #include "include/dbsource.h"
 #include "mono/lasterror.h"
 #include "util/javavector.h"
@@ -71,39 +72,45 @@ class ODBCResultSetImpl : public LastError {
     int GetStringAsUCS2(int index, char** text, int* length);
     // The bound buffer and its whole size.
     int GetBytes(int index, char** data, int* length);
-    // What became of a value that may have been longer than its buffer.
-    int GetExtent(int index, ValueExtent& extent);
-    // Where fetches leave a column's value; false for an index that is not bound.
-    bool GetColumnBuffer(int index, DbColumnBuffer& buffer) const;
-    // The size of the buffer a text or binary column is bound to; 0 for other columns.
-    int GetBufferSize(int index) const;
+    // Where fetches leave a column's value; null for an index that is not bound.
+    const DbCell* CellOf(int index) const {
+        const bool isBound = index >= 0 && index < static_cast<int>(m_cells.size());
+        return isBound ? &m_cells[static_cast<size_t>(index)] : nullptr;
+    }
+    // The same for a value to be read now: 0, -1 for NULL, or a positive code.
+    int Readable(int index, const DbCell*& cell);
 
     bool FetchFailed() const { return m_fetchFailed; }
 
   private:
     int InitMetadata();
     int InitColumnBinding();
+    // Hands a value that is there to `take`.
+    template <class Take>
+    int Read(int index, Take&& take) {
+        const DbCell* cell = nullptr;
+        const int status = Readable(index, cell);
+        if (status == VORDA_OK) take(*cell);
+        return status;
+    }
     bool ReadNumber(int column, SQLUSMALLINT field, SQLLEN& value);
     int ReadColumn(int column);
-    int Readable(int index, const _col_binding_info_*& binding);
-    // Null past the last column that is bound.
-    _col_binding_info_* BindingOf(int index) const {
-        return index < m_bindingCount ? m_colBindingInfo.Get(index) : nullptr;
-    }
+    int BindColumn(int index);
     void ForgetColumns();
     void WipeBuffers();
     bool StatementPassed(SQLRETURN result) { return Passed(result, nullptr, nullptr, m_hstmt); }
 
     SQLHSTMT m_hstmt = nullptr;
-    // How many columns the driver reports, and how many of them are described and bound so far. The
-    // records behind these are of an earlier result and wait for a next one: programs run the same
+    // How many columns the driver reports, and how many of them are described so far. The records
+    // behind these are of an earlier result and wait for a next one: programs run the same
     // statements many times.
     int m_columnCount = 0;
     int m_infoCount = 0;
-    int m_bindingCount = 0;
     JavaVector<_db_column_info_> m_columns;
     JavaVector<_col_binding_info_> m_colBindingInfo;
-    // The buffers of texts and binaries among the bindings.
+    // One for each column that is bound.
+    std::vector<DbCell> m_cells;
+    // The buffers of texts and binaries among them.
     struct BoundBuffer {
         char* Bytes;
         size_t Size;
@@ -113,6 +120,38 @@ class ODBCResultSetImpl : public LastError {
     int m_initedMetadata = 0;
     int m_initedColBinding = 0;
     bool m_fetchFailed = false;
+};
+
+// Forwards each operation to Impl; the binding is static.
+template <class Impl>
+class DbResultSet {
+  public:
+    int Init() { return m_impl.Init(); }
+    int Close() { return m_impl.Close(); }
+    int Next() { return m_impl.Next(); }
+    int GetColumnCount() { return m_impl.GetColumnCount(); }
+    const DbColumnInfo* GetColumnInfo(int index) { return m_impl.GetColumnInfo(index); }
+    int GetInt(int index, int& value) { return m_impl.GetInt(index, value); }
+    int GetBigint(int index, long long& value) { return m_impl.GetBigint(index, value); }
+    int GetDouble(int index, double& value) { return m_impl.GetDouble(index, value); }
+    int GetDate(int index, _db_date_& value) { return m_impl.GetDate(index, value); }
+    int GetTime(int index, _db_time_& value) { return m_impl.GetTime(index, value); }
+    int GetDateTime(int index, _db_datetime_& value) { return m_impl.GetDateTime(index, value); }
+    int GetStringAsUTF8(int index, char** text, int* length) {
+        return m_impl.GetStringAsUTF8(index, text, length);
+    }
+    int GetStringAsUCS2(int index, char** text, int* length) {
+        return m_impl.GetStringAsUCS2(index, text, length);
+    }
+    int GetBytes(int index, char** data, int* length) {
+        return m_impl.GetBytes(index, data, length);
+    }
+    int GetLastError() { return m_impl.GetLastError(); }
+    const char* GetLastErrorMessage() { return m_impl.GetLastErrorMessage(); }
+    Impl* GetImpl() { return &m_impl; }
+
+  private:
+    Impl m_impl;
 };
 
 using IntDbResultSet = DbResultSet<ODBCResultSetImpl>;

@@ -1,13 +1,16 @@
-// The type maps of the data source, as tables. They are not inverse to each other: both decimal
-// codes travel as SQL_C_NUMERIC, which comes back as decimal only, and the same holds for
-// SQL_FLOAT.
+#include "mono/typemaps.h"
+
 #include <algorithm>
 #include <array>
 #include <climits>
 #include <cstddef>
 
-#include "mono/dbsource.h"
+#include "include/dbsource.h"
+#include "include/sqltypes.h"
 
+// Tables. They are not inverse to each other: both decimal
+// codes travel as SQL_C_NUMERIC, which comes back as decimal only, and the same holds for
+// SQL_FLOAT.
 namespace {
 
 struct Pair {

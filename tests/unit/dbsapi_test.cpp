@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "include/cell.h"
 #include "include/dbsource.h"
 #include "mono/odbc.h"
 #include "unit/mono/scriptedtest.h"
@@ -89,7 +90,8 @@ void ExpectHarmless(DBSHANDLE handle) {
     for (const DBSSMALLINT type : {DBSSMALLINT{11}, DBSSMALLINT{16}, DBSSMALLINT{4}}) {
         EXPECT_EQ(DBSGetData(handle, 0, type, text, 0, &length), VORDA_NOT_EXECUTED);
     }
-    EXPECT_EQ(DBSGetDataExtent(handle, 0, &number, &native), VORDA_NOT_EXECUTED);
+    DbCell cell = {};
+    EXPECT_EQ(DBSGetCell(handle, 0, &cell), VORDA_NOT_EXECUTED);
     EXPECT_EQ(DBSFetch(handle), VORDA_NOT_EXECUTED);
     EXPECT_EQ(DBSFetchError(handle, &native, text, small), VORDA_NOT_EXECUTED);
     EXPECT_EQ(DBSError(handle, &native, text, small), VORDA_OK);
@@ -248,10 +250,8 @@ TEST_F(DbsApiTest, NullsAndBadIndexesLeaveTheOutputsAlone) {
             EXPECT_EQ(length, -7);
         }
         EXPECT_EQ(target, before);
-        int isCut = 7;
-        DBSINTEGER reported = 7;
-        EXPECT_EQ(DBSGetDataExtent(handle, column, &isCut, &reported), status);
-        EXPECT_TRUE(isCut == 7 && reported == 7);
+        DbCell cell = {};
+        EXPECT_EQ(DBSGetCell(handle, column, &cell), status == SQL_NULL_DATA ? 0 : status);
     }
     // Errors of the result set stay there.
     ExpectError(VORDA_OK, "");

@@ -149,9 +149,8 @@ TEST_F(FetchTest, TextsAndBinariesOfAllLengths) {
         if (c.indicator != kTrueLength) scripted_cell_indicator(c.indicator);
         ExecuteAndFetch();
         EXPECT_EQ(Text(0), c.kept);
-        ValueExtent extent = {};
-        EXPECT_EQ(rs.GetImpl()->GetExtent(0, extent), VORDA_OK);
-        EXPECT_EQ(extent.IsCut, c.isCut);
+        const DbExtent extent = rs.GetImpl()->CellOf(0)->Extent();
+        EXPECT_EQ(extent.IsTruncated, c.isCut);
         EXPECT_EQ(extent.Reported, c.indicator != kTrueLength ? c.indicator : std::ssize(c.value));
         char* bytes = nullptr;
         int size = 0;

@@ -94,7 +94,7 @@ TEST_F(ResultSetTest, ARecordUsedAgainShowsNothingOfItsLastUse) {
     };
     describe(SQL_WVARCHAR);
     EXPECT_EQ(Execute(), VORDA_OK);
-    EXPECT_EQ(rs.GetImpl()->GetBufferSize(1), 2048);
+    EXPECT_EQ(rs.GetImpl()->CellOf(1)->Size, 2048);
     rs.Close();
 
     describe(SQL_INTEGER);
@@ -105,15 +105,13 @@ TEST_F(ResultSetTest, ARecordUsedAgainShowsNothingOfItsLastUse) {
     EXPECT_EQ(rs.GetColumnCount(), 2);
     EXPECT_EQ(rs.GetColumnInfo(0)->DataType, DBTYPE_INTEGER);
     EXPECT_STREQ(rs.GetColumnInfo(1)->ColumnName.Deref(), "");
-    DbColumnBuffer buffer = {};
-    EXPECT_FALSE(rs.GetImpl()->GetColumnBuffer(0, buffer));
+    EXPECT_EQ(rs.GetImpl()->CellOf(0), nullptr);
     rs.Close();
 
     describe(SQL_INTEGER);
     EXPECT_EQ(Execute(), VORDA_OK);
-    EXPECT_EQ(rs.GetImpl()->GetBufferSize(1), 0);
-    EXPECT_TRUE(rs.GetImpl()->GetColumnBuffer(1, buffer));
-    EXPECT_EQ(*buffer.Length, SQL_NULL_DATA);
+    EXPECT_EQ(rs.GetImpl()->CellOf(1)->Size, 0);
+    EXPECT_TRUE(rs.GetImpl()->CellOf(1)->IsNull());
 }
 
 SQLHSTMT g_lastStatement;

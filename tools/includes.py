@@ -1,0 +1,97 @@
+#!/usr/bin/env python3
+"""Whether every file includes only what its room may include: no room above it, none that it has to reach through
+another, no circle between rooms or headers. Prints what is wrong and fails, or says nothing."""
+
+import fnmatch
+import os
+import re
+import sys
+
+# A room's files, by the first pattern that fits, and the rooms that they may include. Each room stands on rooms that
+# are above it in the list.
+ROOMS = [
+    # The module, from the bottom; docs/architecture.md draws it.
+    ("util", ["src/util/*", "src/include/unicode.h"], []),
+    ("odbc", ["src/runtime/*", "src/mono/odbc*", "src/mono/runtimesearch*", "src/include/sqltypes.h"], ["util"]),
+    ("sql", ["src/dbutil.*", "src/sqltokenizer.cpp", "src/include/sqltokenizer.h"], ["util"]),
+    ("values", ["src/include/dbsource.h", "src/include/cell.h", "src/mono/cell.cpp"], ["util"]),
+    ("source", ["src/mono/*"], ["values", "odbc", "util"]),
+    ("dbs", ["src/dbs.cpp", "src/dbsapi.cpp", "src/dbhandler.h", "src/include/dbs.h", "src/include/dbsapi.h"],
+     ["source", "values", "sql", "util"]),
+    ("dbapi", ["src/dbapi/*"], ["odbc", "util"]),
+    ("python", ["src/*"], ["dbs", "values", "sql", "util"]),
+    # The embedded runtime.
+    ("embedded core", ["embedded/core/*", "embedded/values/*", "embedded/engine.h"], []),
+    ("embedded sqlite", ["embedded/sqlite/*"], ["embedded core"]),
+    ("embedded odbc", ["embedded/odbc/*"], ["embedded core"]),
+    ("embedded engines", ["embedded/engines.cpp"], ["embedded sqlite", "embedded odbc", "embedded core"]),
+    ("embedded entry", ["embedded/entry/*", "embedded/compat.cpp"], ["embedded core"]),
+]
+# What a room must not see through the headers of others either.
+HIDDEN = {"python": ["odbc", "source"]}
+
+INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
+
+
+def room_of(path):
+    for name, patterns, _ in ROOMS:
+        if any(fnmatch.fnmatch(path, pattern) for pattern in patterns):
+            return name
+    return None
+
+
+def includes(root):
+    """Each source under src and embedded, with the files of theirs that it includes."""
+    found = {}
+    for top in ("src", "embedded"):
+        for folder, _, names in os.walk(os.path.join(root, top)):
+            for name in names:
+                if not name.endswith((".h", ".cpp", ".def")):
+                    continue
+                path = os.path.relpath(os.path.join(folder, name), root)
+                with open(os.path.join(root, path), encoding="utf-8") as file:
+                    wanted = INCLUDE.findall(file.read())
+                tried = [[os.path.normpath(os.path.join(base, w)) for base in (top, os.path.dirname(path))] for w in wanted]
+                found[path] = [next((t for t in both if os.path.exists(os.path.join(root, t))), None) for both in tried]
+                found[path] = [path for path in found[path] if path]
+    return found
+
+
+def seen(path, files, known):
+    """Everything that a file includes, itself or through others, with the file that it comes through."""
+    for wanted in files[path]:
+        if wanted not in known:
+            known[wanted] = path
+            seen(wanted, files, known)
+    return known
+
+
+def problems(root):
+    files = includes(root)
+    may = {name: allowed for name, _, allowed in ROOMS}
+    order = [name for name, _, _ in ROOMS]
+    for name, _, allowed in ROOMS:
+        for other in allowed:
+            if order.index(other) >= order.index(name):
+                yield "the rooms %s and %s stand in a circle" % (name, other)
+    for path in sorted(files):
+        room = room_of(path)
+        if room is None:
+            yield "%s belongs to no room" % path
+            continue
+        for wanted in files[path]:
+            other = room_of(wanted)
+            if other != room and other not in may[room]:
+                yield "%s (%s) includes %s (%s)" % (path, room, wanted, other)
+        known = seen(path, files, {})
+        if path in known:
+            yield "%s includes itself, through %s" % (path, known[path])
+        for wanted, through in sorted(known.items()):
+            if room_of(wanted) in HIDDEN.get(room, []) and wanted not in files[path]:
+                yield "%s (%s) sees %s (%s), through %s" % (path, room, wanted, room_of(wanted), through)
+
+
+if __name__ == "__main__":
+    wrong = list(problems(sys.argv[1] if len(sys.argv) > 1 else "."))
+    print("".join(line + "\n" for line in wrong), end="", file=sys.stderr)
+    sys.exit(1 if wrong else 0)
