@@ -1,31 +1,23 @@
-"""Random use of the module's whole Python interface on a runtime that answers from a seed.
-
-    driver.py [--first N] [--count N] [--chunk N] [--jobs N]
+"""Random use of the module's whole Python interface on a runtime that answers from a seed: driver.py FIRST COUNT
 
 Each seed decides what the program does and what the runtime answers. Whatever that is: the process
 lives and does not hang, only proper exceptions come out, no error of the runtime passes for a success,
-no handle is misused, none is left after closing, and repeating a seed takes no more memory. A chunk of seeds shares a process; when one of
-them fails, the seed is printed and the rest of the chunk goes on in a new process.
-`--first N --count 1` is that seed alone.
+no handle is misused, none is left after closing, and repeating a seed takes no more memory. The last seed
+printed is the one that failed; `driver.py SEED 1` is that one alone.
 
 VORDA_BUILD names the build tree; PYTHONPATH and LD_LIBRARY_PATH as for the tests on the scripted
 runtime.
 """
 
-import argparse
-import collections
-import concurrent.futures
 import ctypes
 import datetime
 import decimal
 import faulthandler
 import gc
-import json
 import os
 import random
 import re
 import resource
-import subprocess
 import sys
 import warnings
 
@@ -66,8 +58,8 @@ class Nothing(Exception):
 class Program:
     """One random program and the objects that it has made."""
 
-    def __init__(self, zelqa, runtime, seed, outcomes):
-        self.zelqa, self.runtime, self.random, self.outcomes = zelqa, runtime, random.Random(seed), outcomes
+    def __init__(self, zelqa, runtime, seed):
+        self.zelqa, self.runtime, self.random = zelqa, runtime, random.Random(seed)
         self.connections, self.cursors, self.rows, self.log = [], [], [], []
 
     def run(self):
@@ -94,18 +86,17 @@ class Program:
             del last
 
     def attempt(self, expected, operation):
+        succeeded = True
         try:
             operation(self)
-            outcome = "success"
         except (Nothing, self.zelqa.Error, RuntimeWarning, MemoryError, *expected) as error:
             assert not isinstance(error, UnicodeError)
-            outcome = type(error).__name__
-        self.outcomes[outcome] += 1
+            succeeded = False
         calls = self.runtime.scripted_log().decode("utf-8", "replace").split("\n")
         self.runtime.scripted_log_clear()
         self.log += calls
         hidden = [call for call in calls if FAILED.match(call)]
-        assert outcome != "success" or not hidden, "a success in spite of %s" % hidden
+        assert not (succeeded and hidden), "a success in spite of %s" % hidden
 
     def one(self, of):
         if not of:
@@ -230,7 +221,7 @@ OPERATIONS = [
 ]
 WEIGHTS = [weight for weight, _, _ in OPERATIONS]
 
-# --- A process with a chunk of seeds ------------------------------------------------------------------------
+# --- Running seeds ------------------------------------------------------------------------------------------
 
 
 class Mallinfo(ctypes.Structure):
@@ -249,11 +240,11 @@ class Runner:
         if self.measures:
             self.libc.mallinfo2.restype = Mallinfo
 
-    def run(self, seed, outcomes):
+    def run(self, seed):
         runtime = self.runtime
         runtime.scripted_reset()
         runtime.scripted_hostile(ctypes.c_ulonglong(seed))
-        program = Program(self.zelqa, runtime, seed, outcomes)
+        program = Program(self.zelqa, runtime, seed)
         program.run()
         left, misuses = runtime.scripted_live_handles(0), runtime.scripted_errors()
         assert left == misuses == 0, "%d handles left, %d misuses:\n%s" % (
@@ -266,7 +257,7 @@ class Runner:
 
     def run_repeatedly(self, seed, times):
         for _ in range(times):
-            self.run(seed, collections.Counter())
+            self.run(seed)
         gc.collect()
         sys._clear_type_cache()  # which keeps names that other calls made
         return sys.getallocatedblocks(), self.libc.mallinfo2().in_use[0]
@@ -280,66 +271,18 @@ class Runner:
             "%d repetitions took %d more blocks, %d more bytes" % (REPETITIONS, blocks, size))
 
 
-def run_chunk(first, count):
-    runner, outcomes = Runner(), collections.Counter()
+def main(first, count):
+    runner = Runner()
     if not SANITIZED:
         resource.setrlimit(resource.RLIMIT_AS, (MEMORY, MEMORY))
     for seed in range(first, first + count):
         print("seed", seed, flush=True)
         faulthandler.dump_traceback_later(SECONDS_A_SEED, exit=True)
-        runner.run(seed, outcomes)
+        runner.run(seed)
         if runner.measures and seed % REPEATED == 0:
             runner.check_flat(seed)
     faulthandler.cancel_dump_traceback_later()
-    print(json.dumps(outcomes), flush=True)
-
-
-# --- The chunks ---------------------------------------------------------------------------------------------
-
-
-def run_in_process(first, end):
-    """Runs a chunk to its end; yields the outcomes, and a seed with its output for each that failed."""
-    # Freed memory that glibc keeps for each thread counts as used: without that the figures are exact.
-    environment = dict(os.environ, GLIBC_TUNABLES="glibc.malloc.tcache_count=0")
-    while first < end:
-        child = subprocess.run([sys.executable, __file__, "--child", "--first", str(first), "--count",
-                                str(end - first)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=environment)
-        lines = child.stdout.decode().splitlines()
-        if child.returncode == 0:
-            yield None, json.loads(lines[-1])
-            return
-        seeds = [int(line[5:]) for line in lines if line.startswith("seed ")]
-        failed = seeds[-1] if seeds else end  # it did not even start
-        yield failed, "exit status %d\n%s" % (child.returncode, child.stderr.decode("utf-8", "replace")[-6000:])
-        first = failed + 1
-
-
-def main():
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--first", type=int, default=1)
-    parser.add_argument("--count", type=int, default=1000)
-    parser.add_argument("--chunk", type=int, default=250)
-    parser.add_argument("--jobs", type=int, default=1)
-    parser.add_argument("--child", action="store_true")
-    given = parser.parse_args()
-    if given.child:
-        run_chunk(given.first, given.count)
-        return 0
-    end = given.first + given.count
-    outcomes, failed = collections.Counter(), []
-    with concurrent.futures.ThreadPoolExecutor(given.jobs) as pool:
-        for chunk in pool.map(lambda first: list(run_in_process(first, min(first + given.chunk, end))),
-                              range(given.first, end, given.chunk)):
-            for seed, result in chunk:
-                if seed is None:
-                    outcomes.update(result)
-                else:
-                    failed.append(seed)
-                    print("seed %d failed: %s" % (seed, result), flush=True)
-    print("%d seeds, %d failed %s; operations: %s" % (
-        given.count, len(failed), failed[:20], ", ".join("%s %d" % item for item in outcomes.most_common())))
-    return 1 if failed else 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main(*map(int, sys.argv[1:]))
