@@ -3,8 +3,9 @@
 Ends with status 0 at SIGTERM; anything that ought not to happen ends it with a traceback.
 """
 
-import collections
+import contextlib
 import faulthandler
+import itertools
 import json
 import mmap
 import os
@@ -21,19 +22,16 @@ PUT = "INSERT INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?)"
 CHANGE = "UPDATE entry SET version = ?, number = ?, text = ?, real = ?, moment = ? WHERE batch = ? AND n = ?"
 # The third value can make the statement fail while it runs: there is no absolute value of -2^63.
 ERASE = "DELETE FROM entry WHERE batch = ? AND n = ? AND abs(?)"
-CALLS = {
-    PUT: "EXEC put ?, ?, ?, ?, ?, ?, ?, ?", CHANGE: "EXEC change ?, ?, ?, ?, ?, ?, ?",
-    ERASE: "EXEC erase ?, ?, ?",
-}
-PROCEDURES = (
-    "put (a, b, c, d, e, f, g, h) AS INSERT INTO entry VALUES ($a, $b, $c, $d, $e, $f, $g, $h)",
-    "change (a, b, c, d, e, f, g) AS UPDATE entry SET version = $a, number = $b, text = $c, real = $d, moment = $e"
-    " WHERE batch = $f AND n = $g",
-    "erase (a, b, c) AS DELETE FROM entry WHERE batch = $a AND n = $b AND abs($c)",
-    "clear (a, n, c) AS DELETE FROM entry WHERE batch = $a AND n < $n;"
-    " DELETE FROM entry WHERE batch = $a; SELECT count(*), abs($c) FROM entry WHERE batch = $a",
-    "read (a) AS SELECT * FROM entry WHERE batch = $a ORDER BY n",
-)
+CLEAR = ("DELETE FROM entry WHERE batch = ?1 AND n < ?2; DELETE FROM entry WHERE batch = ?1;"
+         " SELECT count(*), abs(?3) FROM entry WHERE batch = ?1")
+READ = "SELECT * FROM entry WHERE batch = ?1 ORDER BY n"
+CALLS, PROCEDURES = {}, []
+for name, sql in {"put": PUT, "change": CHANGE, "erase": ERASE, "clear": CLEAR, "read": READ}.items():
+    numbers = itertools.count(1)
+    body = re.sub(r"\?(\d?)", lambda mark: "$p" + (mark[1] or str(next(numbers))), sql)
+    count = max(map(int, re.findall(r"\$p(\d)", body)))
+    PROCEDURES.append("%s (%s) AS %s" % (name, ", ".join("p%d" % (n + 1) for n in range(count)), body))
+    CALLS[sql] = "EXEC %s %s" % (name, ", ".join("?" * count))
 
 HANG = 90  # seconds; no lock is waited for as long as that
 BUSY = re.compile("database (table |schema )?is locked|BUSY")
@@ -64,14 +62,20 @@ def connect(path, timeout=5):
     return zelqa.connect("Database={%s};Timeout=%s" % (path, timeout))
 
 
+@contextlib.contextmanager
+def unless_busy():
+    """Lets pass what a lock of another process keeps from happening."""
+    try:
+        yield
+    except zelqa.DatabaseError as error:
+        if not BUSY.search(str(error)):
+            raise
+
+
 def patiently(action, *arguments):
-    """Repeats what a lock of another process keeps from happening."""
     while True:
-        try:
+        with unless_busy():
             return action(*arguments)
-        except zelqa.DatabaseError as error:
-            if not BUSY.search(str(error)):
-                raise
 
 
 def spoiled(rng, sql, sets):
@@ -88,8 +92,7 @@ class Worker:
     def __init__(self, folder, name, seed, slot, generation, stays):
         self.folder, self.path, self.seed, self.stays = folder, os.path.join(folder, name + ".db"), seed, stays
         self.rng = random.Random("%d %d %d" % (seed, slot, generation))
-        self.counts = collections.Counter()
-        self.slot = slot
+        self.slot, self.done = slot, 0
         self.ledger = Ledger("%s/ledger-%d" % (folder, slot))
         self.ledger.last = max(self.ledger.last, slot * 10**9)
         self.connection, self.left = connect(self.path), []
@@ -109,11 +112,9 @@ class Worker:
         """The rows of a batch, by any way of fetching."""
         cursor = self.connection.cursor()
         if self.rng.random() < 0.5:
-            self.counts["reading procedure"] += 1
             cursor.callproc("read", (batch,))
         else:
-            self.counts["query"] += 1
-            cursor.execute("SELECT * FROM entry WHERE batch = @b ORDER BY n", {"b": batch})
+            cursor.execute(READ.replace("?1", "@b"), {"b": batch})
         rows = self.rng.choice((
             cursor.fetchall, lambda: cursor, lambda: cursor.fetchmany(10000), lambda: iter(cursor.fetchone, None)))()
         return [tuple(row) for row in rows]
@@ -135,27 +136,22 @@ class Worker:
                 new, sql, sets = old + 1, CHANGE, [(*row[2:3], *row[4:], *row[:2]) for row in rows]
             else:
                 new, sql, sets = 0, ERASE, [(*row[:2], 1) for row in rows]
-        kind, stored, way, *arguments = rng.choice((
-            ("batch", True, self.run, sql, sets),
-            ("batch by procedure", True, self.run, CALLS[sql], sets),
-            ("transaction", True, self.in_transaction, sql, sets, "COMMIT"),
-            ("rolled back", False, self.in_transaction, sql, sets, "ROLLBACK"),
-            ("abandoned transaction", False, self.in_transaction, sql, sets, None),
-            ("doomed batch", False, self.refuse, "", self.run, sql, spoiled(rng, sql, sets)),
-            # It keeps what it has done at a failure, or ends the transaction around it.
-            ("doomed batch", False, self.refuse, "", self.run,
-             sql.replace("INTO", rng.choice(("OR FAIL INTO", "OR ROLLBACK INTO"))), spoiled(rng, sql, sets)),
-            ("doomed procedure", False, self.refuse, "", self.run, CALLS[sql], spoiled(rng, sql, sets)),
+        # These keep what they have done at a failure, or end the transaction around them.
+        doomed = sql.replace("INTO", rng.choice(("OR FAIL INTO", "OR ROLLBACK INTO")))
+        stored, way, *arguments = rng.choice((
+            (True, self.run, sql, sets),
+            (True, self.run, CALLS[sql], sets),
+            (True, self.in_transaction, sql, sets, "COMMIT"),
+            (False, self.in_transaction, sql, sets, "ROLLBACK"),
+            (False, self.in_transaction, sql, sets, None),
+            *((False, self.refuse, "", self.run, each, spoiled(rng, sql, sets)) for each in (sql, doomed, CALLS[sql])),
         ))
         self.ledger.note("about", batch, old, new)
-        try:
+        done = False
+        with unless_busy():
             way(*arguments)
-        except zelqa.DatabaseError as error:
-            if not BUSY.search(str(error)):
-                raise
-            kind, stored = "busy", False
-        self.ledger.note("is", batch, new if stored else old)
-        self.counts[kind] += 1
+            done = stored
+        self.ledger.note("is", batch, new if done else old)
 
     def run(self, sql, sets):
         cursor = self.connection.cursor()
@@ -222,7 +218,6 @@ class Worker:
             cursor.execute("ROLLBACK")
         if sums[0] != sums[1]:
             raise Fault("a transaction saw %s, then %s" % tuple(sums))
-        self.counts["audit"] += 1
 
     def abandon(self):
         """Half-read rows, of which some are on connections that are never closed."""
@@ -230,23 +225,19 @@ class Worker:
         cursor = connection.execute("SELECT * FROM entry WHERE n >= ? LIMIT 3000", (self.rng.randrange(3),))
         cursor.fetchmany(self.rng.choice((1, 10, 1000)))
         self.left = self.left[-1:] + [cursor]
-        self.counts["query"] += 1
 
     def fail(self):
         for sql, parameters, pattern in self.rng.choices(ERRORS, k=10):
             cursor = self.connection.cursor()
             self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
-            self.counts["error"] += 1
         for string, pattern in self.rng.choices(FAILED_CONNECTS, k=5):
             self.refuse(pattern, zelqa.connect, string.replace("%s", self.folder))
-            self.counts["failed connect"] += 1
 
     def change_schema(self):
         cursor, table = self.connection.cursor(), "scratch_%d" % self.slot
         cursor.execute("DROP TABLE IF EXISTS " + table)
         cursor.execute("CREATE TABLE %s (a)" % table)
         cursor.execute("CREATE OR REPLACE PROCEDURE " + self.rng.choice(PROCEDURES))
-        self.counts["schema change"] += 1
 
     def reconnect(self):
         if self.stays:
@@ -254,26 +245,22 @@ class Worker:
         if self.rng.random() < 0.5:
             self.connection.close()
         self.connection = connect(self.path, self.rng.choice((0.05, 0.5, 5)))
-        self.counts["connect"] += 1
 
     MIX = {write: 10, read_own: 6, audit: 1, abandon: 4, fail: 8, change_schema: 0.3, reconnect: 2}
 
     def step(self):
+        self.done += 1
         action = self.rng.choices(list(self.MIX), list(self.MIX.values()))[0]
-        try:
+        with unless_busy():
             action(self)
-        except zelqa.DatabaseError as error:
-            if not BUSY.search(str(error)):
-                raise
-            self.counts["busy"] += 1
 
     def sample(self, file):
-        """Operations so far, resident KiB, blocks that Python has allocated, open files; operations by kind."""
+        """Operations so far, resident KiB, blocks that Python has allocated, open files."""
         self.left.clear()
         with open("/proc/self/statm") as statm:
             resident = int(statm.read().split()[1]) * mmap.PAGESIZE // 1024
-        values = sum(self.counts.values()), resident, sys.getallocatedblocks(), len(os.listdir("/proc/self/fd"))
-        os.write(file, (json.dumps([*values, self.counts]) + "\n").encode())
+        values = self.done, resident, sys.getallocatedblocks(), len(os.listdir("/proc/self/fd"))
+        os.write(file, (json.dumps(values) + "\n").encode())
 
 
 def main(folder, name, seed, slot, generation, stays, interval):
