@@ -7,6 +7,7 @@ import sys
 import traceback
 from typing import List, NoReturn, Optional
 
+from .display import tell
 from .masking import Mask
 
 EPILOG = """\
@@ -14,11 +15,14 @@ Without SQL, statements come from standard input; on a terminal that is a shell 
 Statements end with a semicolon, several may follow one another. The exit status is 1 when a statement fails.
 
 --csv   a header line; NULL is an empty field, an empty text is "".
---json  an array of objects; decimals, dates and times are texts, NULL is null. Equal names get _2, _3 ...
+--json  an array of objects, of one result; decimals, dates and times are texts, NULL is null. Equal names get _2, _3 ...
 
   python -m vorda "Database=shop.db" "SELECT * FROM item"
   python -m vorda doctor ["Database=shop.db"]      why does it not connect?
 """
+
+
+NO_RUNTIME = "Unable to alloc env handle"
 
 
 class Parser(argparse.ArgumentParser):
@@ -41,15 +45,19 @@ def parse(arguments: List[str]) -> argparse.Namespace:
 
 
 def run(options: argparse.Namespace, mask: Mask) -> int:
+    def complain(text: str) -> None:
+        sys.stdout.flush()
+        tell(mask(text), sys.stderr)
+
     try:
         from . import zelqa
     except ImportError as error:
-        print("error: %s\n(python -m vorda doctor tells more)" % error, file=sys.stderr)
+        complain("error: %s\n(python -m vorda doctor tells more)" % error)
         return 1
     from .shell import Failure, Session
 
     if isinstance(sys.stdout, io.TextIOWrapper):
-        if options.style == "table":
+        if options.style == "table" or sys.stdout.isatty():
             sys.stdout.reconfigure(errors="backslashreplace")
         else:
             sys.stdout.reconfigure(encoding="utf-8", newline="\n")
@@ -67,18 +75,28 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
         return 0
     except EOFError:  # .quit
         return 0
+    except KeyboardInterrupt as interrupt:
+        if session:
+            complain(session.stopped(interrupt))
+        return 130
     except (Failure, zelqa.Error) as error:
-        sys.stdout.flush()
-        text = str(error)
-        print("error: " + mask(text), file=sys.stderr)
-        if session is None:
-            print("(python -m vorda doctor CONNECTION_STRING tells more)", file=sys.stderr)
-        else:
+        complain("error: %s" % error)
+        if session:
             session.note_help(error)
+        elif NO_RUNTIME in str(error):
+            complain("(no runtime can be used: python -m vorda doctor shows where it was looked for, and why)")
+        else:
+            complain("(python -m vorda doctor CONNECTION_STRING tells more)")
         return 1
 
 
 def main(arguments: List[str]) -> int:
+    try:
+        # Whatever the locale is, arguments are UTF-8, as files are.
+        arguments = [os.fsencode(argument).decode() for argument in arguments]
+    except UnicodeDecodeError:
+        tell("error: an argument is not valid UTF-8", sys.stderr)
+        return 2
     if arguments[:1] == ["doctor"]:
         from .doctor import main as doctor
 
@@ -96,11 +114,11 @@ def main(arguments: List[str]) -> int:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 141
     except OSError as error:
-        print("error: " + mask(str(error)), file=sys.stderr)
+        tell("error: " + mask(str(error)), sys.stderr)
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 1
     except Exception:
-        print(mask(traceback.format_exc()), file=sys.stderr)
+        tell(mask(traceback.format_exc()), sys.stderr)
         return 1
 
 

@@ -1,6 +1,7 @@
 """Texts as a terminal shows them: how many columns they take, what must be escaped, where to cut."""
 
 import unicodedata
+from typing import TextIO
 
 _ESCAPED = {"\n": "\\n", "\r": "\\r", "\t": "\\t"}
 _JOINERS = "\u200c\u200d"  # without them some scripts and pictures fall apart
@@ -22,6 +23,21 @@ def printable(text: str, encoding: str = "utf-8", keep: str = "") -> str:
     if encoding != "utf-8":
         text = text.encode(encoding, "backslashreplace").decode(encoding)
     return text
+
+
+class Screen:
+    """A terminal, for output that is meant for programs."""
+
+    def __init__(self, out: TextIO) -> None:
+        self.out = out
+
+    def write(self, text: str) -> None:
+        self.out.write(printable(text, self.out.encoding.lower(), "\n"))
+
+
+def tell(text: str, out: TextIO) -> None:
+    """Words for people, wherever they go."""
+    print(printable(text, (out.encoding or "utf-8").lower(), "\n"), file=out)
 
 
 def _char_width(char: str) -> int:

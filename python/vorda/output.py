@@ -9,7 +9,7 @@ import re
 import time
 from typing import Any, Callable, Dict, Iterable, Iterator, List, Sequence, TextIO
 
-from .display import cut, printable, width
+from .display import Screen, cut, printable, width
 
 # A table's widths are those of the rows that came first.
 SAMPLE_ROWS, SAMPLE_SECONDS = 200, 1.0
@@ -103,7 +103,7 @@ class Csv:
     """A header line, then the rows. NULL is an empty field, an empty text is "" in quotes."""
 
     def __init__(self, out: TextIO) -> None:
-        self.out = out
+        self.out = Screen(out) if out.isatty() else out
 
     @staticmethod
     def field(value: Any) -> str:
@@ -121,7 +121,7 @@ class Json:
     """An array with one object a row. Decimals are texts, so that no reader rounds them; dates are ISO texts."""
 
     def __init__(self, out: TextIO) -> None:
-        self.out = out
+        self.out = Screen(out) if out.isatty() else out
 
     @staticmethod
     def value(value: Any) -> Any:

@@ -1,19 +1,18 @@
 """Running statements and the shell's own commands, from a terminal, a pipe or a file."""
 
 import contextlib
-import ctypes
 import os
 import re
 import shlex
-import signal
 import sys
-import threading
 import time
 import warnings
-from typing import Any, Callable, Dict, Iterable, Iterator, List, NamedTuple, Tuple
+from typing import Any, Callable, Dict, Iterable, Iterator, List, NamedTuple, Optional, Tuple
 
 from . import history, importer, zelqa
-from .display import printable
+from .dialects import SQLITE, Dialect, dialect_of
+from .display import printable, tell
+from .interrupts import Interrupts
 from .masking import Mask
 from .output import FORMATS
 from .statements import Splitter
@@ -29,6 +28,11 @@ CATALOGUES = (
     ("ProcedureName", "Definition", "sys_procedures"),
 )
 PLAIN_COMMANDS = {"help": ".help", "quit": ".quit", "exit": ".quit"}
+# What other shells know, and where it is here.
+HINTS = {"clear": "Ctrl-L clears the screen", "cls": "Ctrl-L clears the screen", "\\q": ".quit leaves",
+         "\\i": ".read FILE runs the statements of a file", "\\?": ".help lists the commands"}
+BACKSLASH = ".tables lists tables, .schema NAME shows one, .help has the rest"
+END = object()
 PIECE = 500  # characters of a text that arrive whole whatever their size in bytes
 
 # Statements that run, but whose rows cannot be had.
@@ -38,6 +42,10 @@ NO_ROWS = {
     "PRAGMA": "SELECT * FROM pragma_NAME(...)",
     "EXPLAIN": "",
 }
+
+
+NO_CATALOGUE = ("this command knows SQLite's catalogue, and .tables those of PostgreSQL, MariaDB and MySQL too;"
+                " ask this database by its own statements")
 
 
 class Failure(Exception):
@@ -61,42 +69,37 @@ class Warnings:
     def __init__(self) -> None:
         self.first: List[str] = []
         self.count = 0
+        self.place = ""
 
     def __call__(self, message: Any, *_: Any, **__: Any) -> None:
         self.count += 1
         if len(self.first) < SHOWN_WARNINGS:
-            self.first.append(str(message))
+            self.first.append(self.place + str(message))
 
 
-class Interrupts:
-    """Lets Ctrl-C end a statement that the provider is busy with. The module holds the interpreter lock all
-    the while, so the signal's number goes through a pipe to a thread that waits in the module."""
-
-    def __init__(self) -> None:
-        reader, self.writer = os.pipe()
-        os.set_blocking(self.writer, False)
-        watch = ctypes.CDLL(str(zelqa.__file__)).VordaCancelOnInterrupt
-        threading.Thread(target=watch, args=(reader,), daemon=True).start()
-
-    def __enter__(self) -> None:
-        signal.set_wakeup_fd(self.writer, warn_on_full_buffer=False)
-
-    def __exit__(self, *_: object) -> None:
-        signal.set_wakeup_fd(-1)
+def hint(line: str) -> str:
+    """Words about a command of another shell, or nothing."""
+    word = (line.split() or [""])[0].rstrip(";").lower()
+    return HINTS.get(word, BACKSLASH if word.startswith("\\") else "")
 
 
 class Session:
     """A connection and how its results are shown. Commands and statements raise Failure or zelqa.Error."""
 
-    def __init__(self, connection: zelqa.Connection, style: str, mask: Mask, interactive: bool = False) -> None:
+    def __init__(self, connection: zelqa.Connection, style: str, mask: Mask) -> None:
         self.connection = connection
         self.style = style
         self.mask = mask
-        self.interactive = interactive
         self.depth = 0
+        self.is_one_document = style == "json"
+        self.results = 0
         self.rows = 0  # of the result that is being written
         self.running = ""  # the statement
+        self.has_ended = False  # the statement, with no rows to come
+        self.description: Any = None
+        self.warnings = Warnings()
         self.interrupts = Interrupts()
+        self.known_dialect: Optional[Dialect] = None
         self.commands: Dict[str, Command] = {
             ".tables": Command(self.tables, (0, 0), "", "the tables and views"),
             ".schema": Command(self.schema, (0, 1), "[NAME]", "the statements that made a table, view or procedure"),
@@ -114,13 +117,23 @@ class Session:
 
     def note(self, text: str) -> None:
         sys.stdout.flush()
-        print(printable(self.mask(text), sys.stderr.encoding.lower(), "\n"), file=sys.stderr)
+        tell(self.mask(text), sys.stderr)
+
+    def ask(self, sql: str, *parameters: Any) -> List[Tuple[Any, ...]]:
+        return self.interrupts.call(
+            lambda: [tuple(row) for row in self.connection.execute(sql, *parameters)])  # type: ignore[no-any-return]
+
+    @property
+    def dialect(self) -> Dialect:
+        if self.known_dialect is None:
+            self.known_dialect = dialect_of(self.connection)
+        return self.known_dialect
 
     # --- statements
 
     @contextlib.contextmanager
     def warnings_shown(self) -> Iterator[None]:
-        seen = Warnings()
+        seen = self.warnings = Warnings()
         with warnings.catch_warnings():
             warnings.simplefilter("always")
             warnings.showwarning = seen
@@ -132,25 +145,57 @@ class Session:
                 if seen.count > len(seen.first):
                     self.note("warning: and %d more" % (seen.count - len(seen.first)))
 
-    def counted(self, rows: Iterable[Any]) -> Iterator[Any]:
-        for self.rows, row in enumerate(rows, 1):
+    def start(self, sql: str) -> zelqa.Cursor:
+        cursor = self.connection.execute(sql)
+        self.description = cursor.description
+        self.has_ended = cursor.description is None
+        return cursor
+
+    def fetched(self, rows: Iterator[Any]) -> Iterator[Any]:
+        """The rows. What other programs read is whole, or ends with an error."""
+        known = self.warnings.count
+        while True:
+            self.warnings.place = "row %d: " % (self.rows + 1)
+            row = self.interrupts.call(next, rows, END)
+            if row is END:
+                return
+            if self.style != "table" and self.warnings.count > known:
+                raise Failure("row %d is not whole and is not written; substr(COLUMN, 1, 500) and so on read a long"
+                              " text in pieces" % (self.rows + 1))
+            self.rows += 1
             yield row
 
     def execute(self, sql: str) -> None:
-        self.rows, self.running = 0, sql
+        self.rows, self.running, self.has_ended, self.description = 0, sql, False, None
         start = time.monotonic()
         with self.warnings_shown(), self.interrupts:
-            cursor = self.connection.execute(sql)
-            if cursor.description is not None:
-                FORMATS[self.style](sys.stdout).write(cursor.description, self.counted(cursor))
+            try:
+                cursor = self.interrupts.call(self.start, sql)
+            except UnicodeEncodeError as error:
+                raise Failure("the statement is not valid text (%s)" % error.reason) from error
+            if self.description is not None:
+                self.results += 1
+                if self.is_one_document and self.results > 1:
+                    raise Failure("this is a second result, and --json writes one document: run it on its own")
+                FORMATS[self.style](sys.stdout).write(self.description, self.fetched(cursor))
                 done = plural(self.rows, "row")
             else:
                 done = "%s changed" % plural(cursor.rowcount, "row") if cursor.rowcount >= 0 else "done"
         self.say("(%s, %.3f s)" % (done, time.monotonic() - start))
         sys.stdout.flush()
-        self.rows, self.running = 0, ""
+        self.running, self.has_ended = "", False
         if cursor.description is None:
             self.explain_no_rows(sql)
+
+    def stopped(self, interrupt: KeyboardInterrupt) -> str:
+        """What Ctrl-C came to."""
+        if self.has_ended:
+            return "(Ctrl-C came too late: the statement has run to its end)"
+        text = "(stopped%s%s)" % (" after " + plural(self.rows, "row") if self.running and self.rows else "",
+                                  ": %s" % interrupt if str(interrupt) else "")
+        if self.running and not self.running.upper().startswith("SELECT"):
+            text += "\nnote: a transaction that was open may have been rolled back as a whole."
+        return text
 
     def explain_no_rows(self, sql: str) -> None:
         plain = re.sub(r"--[^\n]*|/\*.*?\*/|'[^']*'", " ", sql, flags=re.DOTALL)
@@ -163,12 +208,15 @@ class Session:
 
     def release(self) -> None:
         """Ends a result that is not read to its end, so that it holds no lock while nobody looks."""
-        with contextlib.suppress(zelqa.Error):
+        self.running, self.has_ended = "", False
+        with contextlib.suppress(zelqa.Error), self.interrupts.ignored():
             self.connection.execute("SELECT 1 WHERE 1 = 0").fetchall()
 
     # --- commands
 
     def run_command(self, line: str) -> None:
+        if hint(line):
+            raise Failure("there is no command %s; %s" % (line.split()[0], hint(line)))
         try:
             words = shlex.split(line)
         except ValueError as error:
@@ -192,42 +240,38 @@ class Session:
         raise EOFError
 
     def tables(self, _: List[str]) -> None:
-        try:
-            self.execute("SELECT name, type FROM sqlite_master WHERE type IN ('table', 'view')"
-                         " AND name NOT LIKE 'sqlite\\_%' ESCAPE '\\' UNION ALL"
-                         " SELECT name, 'temporary ' || type FROM sqlite_temp_master"
-                         " WHERE type IN ('table', 'view') ORDER BY name")
-        except zelqa.Error as error:
-            raise Failure(self.no_catalogue(error)) from None
-
-    @staticmethod
-    def no_catalogue(error: Exception) -> str:
-        return "this provider keeps no catalogue that the shell knows (sqlite_master): %s" % error
+        if not self.dialect.tables:
+            raise Failure(NO_CATALOGUE)
+        self.execute(self.dialect.tables)
 
     def schema(self, names: List[str]) -> None:
+        if self.dialect is not SQLITE:
+            raise Failure(NO_CATALOGUE)
         found = False
-        for column, text, table in CATALOGUES:
-            where = " AND lower(%s) = lower(?)" % column if names else ""
-            query = "SELECT rowid, length(%s) FROM %s WHERE length(%s) > 0%s ORDER BY rowid" % (
-                text, table, text, where)
-            if table == "sys_procedures":
-                query = query.replace("rowid", column)
-            try:
-                entries = [tuple(row) for row in self.connection.execute(query, names)]
-            except zelqa.Error as error:
-                if table == CATALOGUES[0][2]:
-                    raise Failure(self.no_catalogue(error)) from None
-                continue
-            for key, length in entries:
-                key_column = column if table == "sys_procedures" else "rowid"
-                pieces = [self.connection.execute(
-                    "SELECT substr(%s, ?, %d) FROM %s WHERE %s = ?" % (text, PIECE, table, key_column),
-                    start, key).fetchall()[0][0] for start in range(1, int(length) + 1, PIECE)]
-                end = "\n/" if table == "sys_procedures" else ";"
-                print(printable("".join(pieces) + end, sys.stdout.encoding.lower(), "\n\t"))
+        with self.interrupts:
+            for text in self.definitions(names):
+                if sys.stdout.isatty():
+                    text = printable(text, sys.stdout.encoding.lower(), "\n\t")
+                print(text)
                 found = True
         if names and not found:
             raise Failure("there is no table, view or procedure %s; .tables lists them" % names[0])
+
+    def definitions(self, names: List[str]) -> Iterator[str]:
+        for column, text, table in CATALOGUES:
+            key_column, end = ("rowid", ";") if column == "tbl_name" else (column, "\n/")
+            where = " AND lower(%s) = lower(?)" % column if names else ""
+            try:
+                entries = self.ask("SELECT %s, length(%s) FROM %s WHERE length(%s) > 0%s ORDER BY %s" % (
+                    key_column, text, table, text, where, key_column), names)
+            except zelqa.Error:
+                if table != "sys_procedures":  # which is there once there was a procedure
+                    raise
+                return
+            for key, length in entries:
+                yield "".join(self.ask("SELECT substr(%s, ?, %d) FROM %s WHERE %s = ?" % (
+                    text, PIECE, table, key_column), start, key)[0][0]
+                    for start in range(1, int(length) + 1, PIECE)) + end
 
     def read(self, arguments: List[str]) -> None:
         path = os.path.expanduser(arguments[0])
@@ -250,8 +294,8 @@ class Session:
         path, table = os.path.expanduser(names[0]), names[1]
         start = time.monotonic()
         try:
-            with self.warnings_shown():
-                count = importer.import_csv(self.connection, path, table, empty_text)
+            with self.interrupts:
+                count = importer.Importer(self.connection, self.interrupts, empty_text).run(path, table)
         except OSError as error:
             raise Failure("%s: %s" % (path, error.strerror)) from error
         except importer.ImportFailed as error:
@@ -268,7 +312,7 @@ class Session:
             for line in lines:
                 number += 1
                 begin = number if splitter.is_empty else begin
-                if splitter.is_empty and line.lstrip().startswith("."):
+                if splitter.is_empty and line.lstrip()[:1] in (".", "\\"):
                     self.run_command(line)
                     continue
                 for statement in splitter.feed(line):
@@ -284,6 +328,7 @@ class Session:
     def interact(self) -> None:
         """Reads from the terminal until Ctrl-D or .quit. Neither Ctrl-C nor a failure ends it."""
         splitter = Splitter(interactive=True)
+        self.is_one_document = False
         with history.kept():
             while True:
                 try:
@@ -291,25 +336,23 @@ class Session:
                 except EOFError:
                     print()
                     return
-                except KeyboardInterrupt:
+                except KeyboardInterrupt as interrupt:
                     # A second Ctrl-C, in impatience, must not end the shell.
-                    previous = signal.signal(signal.SIGINT, signal.SIG_IGN)
-                    splitter.clear()
-                    print("\n(stopped%s)" % (" after " + plural(self.rows, "row") if self.rows else ""))
-                    if self.running and not self.running.upper().startswith("SELECT"):
-                        self.note("note: a transaction that was open may have been rolled back as a whole.")
-                    self.rows, self.running = 0, ""
-                    self.release()
-                    signal.signal(signal.SIGINT, previous)
+                    with self.interrupts.ignored():
+                        splitter.clear()
+                        print()
+                        self.note(self.stopped(interrupt))
+                        self.release()
 
     def step(self, splitter: Splitter) -> None:
         """One line from the terminal."""
         try:
             line = input(PROMPT if splitter.is_empty else CONTINUED)
-            if splitter.is_empty and (line.lstrip().startswith(".") or line.strip() in PLAIN_COMMANDS):
-                self.run_command(PLAIN_COMMANDS.get(line.strip(), line))
+            word = line.strip().rstrip("; ").lower()
+            if splitter.is_empty and (line.lstrip()[:1] in (".", "\\") or word in {*PLAIN_COMMANDS, *HINTS}):
+                self.run_command(PLAIN_COMMANDS.get(word, line))
                 return
-            if not splitter.is_empty and line.strip() in {*PLAIN_COMMANDS, *self.commands}:
+            if not splitter.is_empty and word in {*PLAIN_COMMANDS, *self.commands}:
                 self.note("note: this is inside a statement, which ends with ; and is dropped with Ctrl-C.")
             was_procedure = splitter.kind == "CREATE PROCEDURE"
             for statement in splitter.feed(line + "\n"):
@@ -320,11 +363,14 @@ class Session:
             self.note("error: the line is not text in the encoding of this terminal, %s" % sys.stdin.encoding)
         except (Failure, zelqa.Error) as error:
             splitter.clear()
-            self.running = ""
             self.note("error: %s" % error)
             self.note_help(error)
             self.release()
 
     def note_help(self, error: BaseException) -> None:
-        if "Binary type not supported" in str(error):
-            self.note("note: hex(COLUMN) reads a binary column as text.")
+        if "Binary type not supported" not in str(error):
+            return
+        names = [column[0] for column in self.description or () if column[1] is bytearray]
+        self.note("note: %s; %s reads a binary column as text." % (
+            "the binary column is " + ", ".join(map(repr, names)) if names else "a column is binary",
+            self.dialect.binary % (names[0] if len(names) == 1 else "COLUMN")))

@@ -26,6 +26,10 @@ if not libc.dlopen(os.fsencode(sys.argv[1]), os.RTLD_LAZY):
 """
 
 
+# The child is no less careful than this process about where it takes modules from.
+ISOLATION = (("isolated", "-I"), ("safe_path", "-P"), ("ignore_environment", "-E"), ("no_user_site", "-s"))
+
+
 class Manager:
     """The driver manager's own answers. OSError where it cannot be used."""
 
@@ -69,7 +73,8 @@ class Manager:
         beside = os.path.join(folder, library)
         path = library if os.path.isabs(library) or not os.path.exists(beside) else beside
         try:
-            done = subprocess.run([sys.executable, "-c", LOAD, path], stdin=subprocess.DEVNULL, timeout=20,
+            flags = [flag for name, flag in ISOLATION if getattr(sys.flags, name, False)]
+            done = subprocess.run([sys.executable, *flags, "-c", LOAD, path], stdin=subprocess.DEVNULL, timeout=20,
                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         except subprocess.TimeoutExpired:
             return False, path + ": loading it takes more than 20 s"

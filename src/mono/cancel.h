@@ -12,5 +12,9 @@ void NoteStatement(SQLHSTMT statement);
 void ForgetStatement(SQLHSTMT statement);
 
 // For a thread of a tool's own, through ctypes: reads signal numbers, as signal.set_wakeup_fd
-// writes them, and cancels the statement at each SIGINT. Returns at the end of the file.
+// writes them, from a pipe that does not block. From a SIGINT on it cancels the statement again and
+// again, until the interrupts are forgotten. Returns at the end of the file.
 extern "C" VORDA_EXPORT void VordaCancelOnInterrupt(int file);
+// For the tool's main thread: the call is over for which those were meant that are in the pipe. No
+// cancellation comes any more once it has returned.
+extern "C" VORDA_EXPORT void VordaForgetInterrupts(int file);
