@@ -180,7 +180,9 @@ class Session:
                 FORMATS[self.style](sys.stdout).write(self.description, self.fetched(cursor))
                 done = plural(self.rows, "row")
             else:
-                done = "%s changed" % plural(cursor.rowcount, "row") if cursor.rowcount >= 0 else "done"
+                # A call does not tell how many rows its statements changed.
+                is_counted = cursor.rowcount >= 0 and not sql.upper().startswith("EXEC")
+                done = "%s changed" % plural(cursor.rowcount, "row") if is_counted else "done"
         self.say("(%s, %.3f s)" % (done, time.monotonic() - start))
         sys.stdout.flush()
         self.running, self.has_ended = "", False
@@ -194,8 +196,20 @@ class Session:
         text = "(stopped%s%s)" % (" after " + plural(self.rows, "row") if self.running and self.rows else "",
                                   ": %s" % interrupt if str(interrupt) else "")
         if self.running and not self.running.upper().startswith("SELECT"):
-            text += "\nnote: a transaction that was open may have been rolled back as a whole."
+            with self.interrupts.ignored():
+                text += "\nnote: " + self.transaction_now()
         return text
+
+    def transaction_now(self) -> str:
+        """What an interrupted statement has left of a transaction: SQLite ends some as a whole."""
+        if self.dialect is not SQLITE:
+            return "a transaction that was open may have been rolled back as a whole."
+        try:
+            for statement in ("BEGIN", "COMMIT"):
+                self.connection.execute(statement)
+        except zelqa.Error:
+            return "the transaction is still open."
+        return "no transaction is open now."
 
     def explain_no_rows(self, sql: str) -> None:
         plain = re.sub(r"--[^\n]*|/\*.*?\*/|'[^']*'", " ", sql, flags=re.DOTALL)

@@ -18,8 +18,10 @@ SCRIPTED = os.path.join(BUILD, "scripted")
 RUNTIME, COMPANION = "libvordart.x64.so.6", "libvordart-compat.x64.so.6"
 
 
-def doctor(*arguments, folder=os.path.dirname(PACKAGE), status=0, **environment):
-    done = subprocess.run([sys.executable, "-m", "vorda", "doctor", *arguments], text=True, timeout=120,
+def doctor(*arguments, folder=os.path.dirname(PACKAGE), status=0, isolated=None, **environment):
+    start = ["-I", "-c", "import sys; sys.path.append(%r); from vorda.__main__ import main;"
+             " sys.exit(main(sys.argv[1:]))" % folder] if isolated else ["-m", "vorda"]
+    done = subprocess.run([sys.executable, *start, "doctor", *arguments], text=True, timeout=120, cwd=isolated,
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                           env={**os.environ, "PYTHONPATH": folder, **environment})
     assert done.returncode == status, done.stdout
@@ -78,7 +80,9 @@ def test_odbc_drivers_and_data_sources(tmp_path):
     (tmp_path / "odbcinst.ini").write_text("".join(
         "[%s]\nDriver=%s\nPassword=hunter2\n" % item for item in drivers.items()) + "[None]\n[odd\n=\n")
     (tmp_path / "odbc.ini").write_text("[shop]\nDriver=Größe\nPWD=hunter2\n[old]\nDriver=Sold\nPassword=hunter2\n")
-    report = doctor(ODBCSYSINI=str(tmp_path), ODBCINI="/nowhere/odbc.ini", PYTHONIOENCODING="utf-8")
+    (tmp_path / "ctypes.py").write_text("import sys; sys.exit('a file of this folder runs')")
+    report = doctor(ODBCSYSINI=str(tmp_path), ODBCINI="/nowhere/odbc.ini", PYTHONUTF8="1", isolated=tmp_path)
+    assert "this folder" not in report
     for line in ("driver    Größe: %s" % drivers["Größe"], "/nowhere/odbc.ini (missing)", "file too short",
                  "driver    Lost: cannot be loaded: /nowhere/lost.so: cannot open", "None: cannot be loaded: no library",
                  "source    shop, by the driver Größe\n", "source    old, by the driver Sold, which is not known\n"):

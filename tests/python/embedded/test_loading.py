@@ -67,6 +67,9 @@ def test_without_a_companion_the_main_library_is_used(package):
 def test_without_any_runtime_connecting_is_an_error(package):
     output = run(folder=str(package.parent))
     assert "Unable to alloc env handle" in output and "[]" in output
+    done = subprocess.run([sys.executable, "-m", "vorda", "Database=x"], cwd=str(package.parent), text=True,
+                          stderr=subprocess.PIPE, stdin=subprocess.DEVNULL, env={**os.environ, "PYTHONPATH": ""})
+    assert "no runtime can be used: python -m vorda doctor" in done.stderr
 
 
 def test_the_module_has_no_run_path():
