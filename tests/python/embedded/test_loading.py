@@ -97,7 +97,7 @@ def test_the_exported_names():
     lines = subprocess.check_output(["nm", "-DC", "--defined-only", module], text=True).splitlines()
     names = {line.split(maxsplit=2)[2] for line in lines}
     expected = {"GetCoreName", "GetCoreName(char const*, char*, int)", "SQLAllocHandle", "SQLExecDirectW",
-                "SQLGetFunctions", "DBSPrepare", "Dbs::Prepare(char const*, int)", "PyInit_zelqa",
+                "SQLGetFunctions", "DBSPrepare", "Dbs::Prepare(char*, int)", "Dbs::IsOpen()", "PyInit_zelqa",
                 "mystrcmpi(char const*, char const*)", "ucs4_to_utf8(unsigned int, char*)",
                 "SqlTokenizer::NextToken()", "DynStrTemplate<99>::AppendDouble(double)",
                 "NormalizeSQL(char const*, DynStrTemplate<99>&, int*, int*)"}
