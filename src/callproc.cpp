@@ -32,11 +32,11 @@ bool AddArguments(PyObject* self, const DynStr& procedure, DynStr& call) {
         return false;
     }
     const PyRef rows = PyCursor_FetchAll(self, nullptr);
-    if (!rows && PyErr_Occurred()) return false;
     const Py_ssize_t count = rows ? PyList_GET_SIZE(rows.Get()) : 0;
     if (count == 0) {
-        Raise(ProgrammingError,
-              "Could not fetch metadata of the procedure parameters or the parameters count is 0");
+        RaiseFromCurrent(ProgrammingError,
+                         "Could not fetch metadata of the procedure parameters or the parameters "
+                         "count is 0");
         return false;
     }
     for (Py_ssize_t i = 0; i < count; ++i) {

@@ -52,15 +52,6 @@ char* PutTime(char* out, int hour, int minute, int second, int microsecond) {
     return PutNumber(out, microsecond, 6);
 }
 
-bool Warn(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    const PyRef text(PyUnicode_FromFormatV(format, args));
-    va_end(args);
-    const char* utf8 = text ? PyUnicode_AsUTF8(text.Get()) : nullptr;
-    return utf8 != nullptr && PyErr_WarnEx(PyExc_RuntimeWarning, utf8, 1) == 0;
-}
-
 }  // namespace
 
 PyRef ConvertSQLTypeToPyType(int sqlType) {
@@ -233,58 +224,43 @@ int GetArgumentAsString(PyObject* pyArgs, int index, DynStr& value) {
     return PyUnicode_Check(item) ? GetPyObjectAsString(item, value) : -1;
 }
 
-bool WarnIfMisread(std::string_view sql) {
-    if (sql.find('\\') == std::string_view::npos) return true;
-    size_t backslash = std::string_view::npos;
-    char quote = '\0';
-    for (size_t i = 0; i < sql.size(); ++i) {
-        const char c = sql[i];
-        const char next = i + 1 < sql.size() ? sql[i + 1] : '\0';
-        if (quote != '\0') {
-            if (c == quote) quote = '\0';
-            if (c == '\\' && next == quote) backslash = std::min(backslash, i);
-            if (c == '\\' && next == '\\') ++i;
-        } else if (c == '\'' || c == '"' || c == '`') {
-            quote = c;
-        } else if (c == '-' && next == '-') {
-            i = std::min(sql.find('\n', i), sql.size());
-        } else if (c == '/' && next == '*') {
-            i = std::min(sql.find("*/", i + 2), sql.size());
-        }
+unsigned LossesOf(PyObject* value) {
+    if (PyUnicode_Check(value)) {
+        const Py_ssize_t length = PyUnicode_GetLength(value);
+        const bool nul =
+            PyUnicode_IS_COMPACT_ASCII(value)
+                ? std::memchr(PyUnicode_DATA(value), 0, static_cast<size_t>(length)) != nullptr
+                : PyUnicode_FindChar(value, 0, 0, length, 1) >= 0;
+        return nul ? kBehindNul : 0u;
     }
-    // Where a quote is left open the backslash is the escape that it seems to be.
-    if (backslash == std::string_view::npos || quote != '\0' ||
-        sql.find_first_of("?@:", backslash) == std::string_view::npos) {
-        return true;
-    }
-    return Warn(
-        "A backslash in front of a quote is taken for an escape in the statement: what follows "
-        "may be misread, and the characters ?, @ and : in its texts changed. Put the text "
-        "into a parameter.");
+    const bool isTime = PyTime_Check(value);
+    if (!isTime && !PyDateTime_Check(value)) return 0;
+    const bool fraction = isTime && PyDateTime_TIME_GET_MICROSECOND(value) != 0;
+    return (fraction ? kFraction : 0u) | (HasTimeZone(value) ? kTimeZone : 0u);
 }
 
 bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position) {
-    if (PyUnicode_Check(value)) {
-        if (PyUnicode_IS_COMPACT_ASCII(value) &&
-            std::memchr(PyUnicode_DATA(value), 0,
-                        static_cast<size_t>(PyUnicode_GET_LENGTH(value))) == nullptr) {
-            return true;
-        }
+    const unsigned losses = LossesOf(value);
+    if (losses == 0) return true;
+    const auto warned = [](int result) { return result == 0; };
+    if ((losses & kBehindNul) != 0) {
         const Py_ssize_t length = PyUnicode_GetLength(value);
-        const Py_ssize_t nul = PyUnicode_FindChar(value, 0, 0, length, 1);
-        return nul < 0 || Warn(
-                              "The %s at position [%zd] of arguments is cut at its NUL character, "
-                              "from %zd characters to %zd.",
-                              what, position, length, nul);
+        return warned(
+            PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                             "The %s at position [%zd] of arguments is cut at its NUL character, "
+                             "from %zd characters to %zd.",
+                             what, position, length, PyUnicode_FindChar(value, 0, 0, length, 1)));
     }
-    const bool isDateTime = PyDateTime_Check(value), isTime = PyTime_Check(value);
-    if (!isDateTime && !isTime) return true;
-    if (isTime && PyDateTime_TIME_GET_MICROSECOND(value) != 0 &&
-        !Warn("The time at position [%zd] of arguments loses its fraction of a second, %d "
-              "microseconds.",
-              position, PyDateTime_TIME_GET_MICROSECOND(value))) {
+    if ((losses & kFraction) != 0 &&
+        PyErr_WarnFormat(
+            PyExc_RuntimeWarning, 1,
+            "The time at position [%zd] of arguments loses its fraction of a second, %d "
+            "microseconds.",
+            position, PyDateTime_TIME_GET_MICROSECOND(value)) < 0) {
         return false;
     }
-    return !HasTimeZone(value) ||
-           Warn("The %s at position [%zd] of arguments loses its time zone.", what, position);
+    return (losses & kTimeZone) == 0 ||
+           warned(PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                                   "The %s at position [%zd] of arguments loses its time zone.",
+                                   what, position));
 }

@@ -67,6 +67,10 @@ int Dbs::SetBatchSize(int size) {
                                    sizeof size));
 }
 
+int Dbs::CountPlaceholders(const char* sql, int& count) {
+    return Captured(DBSCountPlaceholders(handler, sql, &count));
+}
+
 int Dbs::Prepare(char* sql, int len) {
     return Captured(DBSPrepare(handler, sql, len, nullptr));
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "dbhandler.h"
 #include "dbutil.h"
@@ -180,6 +181,20 @@ DBSRETURN DBSPrepare(DBSHSTMT statementHandle, const DBSCHAR* statementText, DBS
         DynStr made;
         const DynStr& normalized = Normalize(*statementHandle, statementText, made, paramCount);
         return s.Prepare(normalized.Deref(), normalized.Length());
+    });
+}
+
+DBSRETURN DBSCountPlaceholders(DBSHSTMT statementHandle, const DBSCHAR* statementText,
+                               DBSLEN* count) {
+    return WithSource(statementHandle, [&](IntDbSource&) {
+        // Noted by the way: the kind of the last statement stays what it is.
+        const int verb = statementHandle->verb;
+        DynStr made;
+        Normalize(*statementHandle, statementText, made, count);
+        if (IsStoredProcedure(std::exchange(statementHandle->verb, verb))) {
+            *count = CountPlaceholders(statementText);
+        }
+        return VORDA_OK;
     });
 }
 

@@ -1,6 +1,7 @@
 #include "dbutil.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
 
 #include "util/core.h"
@@ -88,7 +89,7 @@ MarkerWalk::MarkerWalk(const char* sql) {
 
 // Only a token whose source may begin with a marker's first character is copied: most of a long
 // statement is read over.
-const SQL_TOKEN* MarkerWalk::NextMarker() {
+const SQL_TOKEN* MarkerWalk::NextPlaceholder() {
     while (!m_tokenizer.IsEOF()) {
         const char* const before = m_tokenizer.Position();
         SqlLexeme lexeme;
@@ -97,11 +98,21 @@ const SQL_TOKEN* MarkerWalk::NextMarker() {
         if (m_tokenizer.Position() == before) m_tokenizer.SkipCharacter();
         const bool marker = read && MayBeMarker(lexeme) && IsMarker(Taken(lexeme));
         // In a procedure call names stand on the left of "=", only what follows it is a value.
-        if (marker && IsStoredProcedure(m_sqlType) && !m_afterEquals) continue;
-        m_afterEquals = read && lexeme.kind == TK_OPERATOR && lexeme.source == "=";
-        if (marker) return &m_tokenizer.LastToken();
+        m_isNumbered = marker && (m_afterEquals || !IsStoredProcedure(m_sqlType));
+        if (marker) m_place = lexeme.source.data();
+        if (m_isNumbered || !marker) {
+            m_afterEquals = read && lexeme.kind == TK_OPERATOR && lexeme.source == "=";
+        }
+        if (m_isNumbered || (marker && lexeme.source == "?")) return &m_tokenizer.LastToken();
     }
     return nullptr;
+}
+
+const SQL_TOKEN* MarkerWalk::NextMarker() {
+    const SQL_TOKEN* marker;
+    do marker = NextPlaceholder();
+    while (marker != nullptr && !m_isNumbered);
+    return marker;
 }
 
 const SQL_TOKEN& MarkerWalk::Taken(const SqlLexeme& lexeme) {
@@ -113,6 +124,29 @@ std::string_view MarkerWalk::TakeText() {
     const std::string_view text = m_tokenizer.MarkedText();
     m_tokenizer.MarkStart();
     return text;
+}
+
+int CountPlaceholders(const char* sql) {
+    MarkerWalk walk(sql);
+    int count = 0;
+    while (walk.NextPlaceholder() != nullptr) ++count;
+    return count;
+}
+
+std::string_view AroundPlaceholder(const char* sql, long long n) {
+    constexpr std::ptrdiff_t kReach = 24;
+    MarkerWalk walk(sql);
+    do {
+        if (walk.NextPlaceholder() == nullptr) return {};
+    } while (n-- > 0);
+    const auto splits = [](const char* p) {
+        return (static_cast<unsigned char>(*p) & 0xC0) == 0x80;
+    };
+    const char* begin = walk.Place() - std::min(walk.Place() - sql, kReach);
+    while (splits(begin)) ++begin;
+    const char* end = walk.Place() + strnlen(walk.Place(), kReach);
+    while (splits(end)) ++end;
+    return {begin, static_cast<std::size_t>(end - begin)};
 }
 
 int NormalizeSQL(const char* originalSql, DynStr& normalizedSql, int* sqlType,

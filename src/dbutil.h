@@ -38,6 +38,11 @@ class MarkerWalk {
     /// The next marker that counts, valid until the next call, or null at the end of the statement.
     /// Its text is the marker as written: "?", "@name" or ":name".
     const SQL_TOKEN* NextMarker();
+    /// The next one that takes a value: a marker that counts, or a "?" of a procedure call that is
+    /// left as written, for the provider to number.
+    const SQL_TOKEN* NextPlaceholder();
+    /// Where the text of the last marker begins in the statement.
+    const char* Place() const { return m_place; }
     /// The source text since the last call, or since the first character that is not white space,
     /// up to and including the marker just read (or to the end). White space that follows is
     /// dropped.
@@ -48,9 +53,18 @@ class MarkerWalk {
 
     SqlTokenizer m_tokenizer;
     int m_sqlType = SQLTYPE_OTHER;
+    const char* m_place = nullptr;
+    bool m_isNumbered = false;
     // Whether the last token that was not an ignored marker is an "=".
     bool m_afterEquals = false;
 };
+
+/// The values that a statement takes, which is the number of its placeholders; throws as
+/// MarkerWalk.
+int CountPlaceholders(const char* sql);
+/// The text around the n-th placeholder, counted from 0, whole characters of it; empty when there
+/// are fewer. Throws as MarkerWalk.
+std::string_view AroundPlaceholder(const char* sql, long long n);
 
 /// Appends `originalSql` to `normalizedSql` with every parameter marker replaced by "@1 ", "@2 ", …
 /// in order of appearance; all other bytes stay as written, except white space at the very start

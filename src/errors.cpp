@@ -73,11 +73,11 @@ const ExceptionInfo ExcInfos[] = {
 
 int InitError(PyObject* module) {
     for (const ExceptionInfo& info : ExcInfos) {
-        const PyRef dict(PyDict_New());
-        if (!dict) return -1;
-        const PyRef doc(PyUnicode_FromString(info.Doc));
-        if (!doc || PyDict_SetItemString(dict.Get(), "__doc__", doc.Get()) < 0) return -1;
-        *info.PyExcObj = PyErr_NewException(info.FullName, *info.PyExcParentObj, dict.Get());
+        // An import under another name finds them there, and a program the classes that it catches.
+        if (*info.PyExcObj == nullptr) {
+            *info.PyExcObj =
+                PyErr_NewExceptionWithDoc(info.FullName, info.Doc, *info.PyExcParentObj, nullptr);
+        }
         if (*info.PyExcObj == nullptr) return -1;
         PyRef added = PyRef::Borrow(*info.PyExcObj);
         if (PyModule_AddObject(module, info.Name, added.Get()) < 0) return -1;
@@ -112,20 +112,17 @@ PyRef RaiseFromCurrent(PyObject* exception, const char* format, ...) {
     PyObject *causeType, *causeValue, *causeTrace, *type, *value, *trace;
     PyErr_Fetch(&causeType, &causeValue, &causeTrace);
     PyErr_NormalizeException(&causeType, &causeValue, &causeTrace);
+    const PyRef ownedType(causeType), cause(causeValue), ownedTrace(causeTrace);
     if (causeTrace != nullptr) PyException_SetTraceback(causeValue, causeTrace);
     va_list args;
     va_start(args, format);
     PyErr_FormatV(exception, format, args);
     va_end(args);
+    if (!cause) return PyRef();
     PyErr_Fetch(&type, &value, &trace);
     PyErr_NormalizeException(&type, &value, &trace);
-    Py_XINCREF(causeValue);
-    PyException_SetCause(value, causeValue);
-    Py_XINCREF(causeValue);
-    PyException_SetContext(value, causeValue);
+    PyException_SetCause(value, PyRef::Borrow(causeValue).Release());
+    PyException_SetContext(value, PyRef::Borrow(causeValue).Release());
     PyErr_Restore(type, value, trace);
-    Py_XDECREF(causeType);
-    Py_XDECREF(causeValue);
-    Py_XDECREF(causeTrace);
     return PyRef();
 }

@@ -205,10 +205,8 @@ PyRef ExecuteStatement(PyObject* self, PyObject* const* args, Py_ssize_t count) 
                      "The first argument to execute must be a string or unicode query.");
     }
     Parameters parameters;
-    if (!WarnIfCut(args[0], "statement", 0) ||
-        !WarnIfMisread({sql.Deref(), static_cast<size_t>(sql.Length())}) ||
-        !GatherParameters(args, count, sql, parameters) || !WarnAboutCuts(parameters) ||
-        CursorValidate(self, true, false) == nullptr) {
+    if (!WarnIfCut(args[0], "statement", 0) || !GatherParameters(args, count, sql, parameters) ||
+        !WarnAboutCuts(parameters) || !CompareMarkers(self, sql.Deref(), parameters.Count)) {
         return PyRef();
     }
 
@@ -220,7 +218,7 @@ PyRef ExecuteStatement(PyObject* self, PyObject* const* args, Py_ssize_t count) 
 
     const int rowCount = dbs.GetRowCount();
     if (BuildCursorDescription(cursor) != 0) {
-        return PyErr_Occurred() ? PyRef() : Raise(DatabaseError, "failed to build description");
+        return RaiseFromCurrent(DatabaseError, "failed to build description");
     }
     // A class that the description needs may be imported, and its module's code closed the cursor.
     if (cursor->Connection != nullptr) cursor->RowCount = rowCount;

@@ -12,6 +12,7 @@
 #include "include/conversion.h"
 #include "include/cursor.h"
 #include "include/errors.h"
+#include "include/metadata.h"
 
 namespace {
 
@@ -19,6 +20,15 @@ struct Batch {
     int Rows = 0;
     int Columns = 0;
     std::vector<PyRef> Values;  // row by row; dates and times of the first row's kind as their text
+    // By column, with the first row of each: what execute would drop.
+    struct Unlike {
+        Py_ssize_t Row;
+        Py_ssize_t Column;
+        ParamKind Kind;
+        unsigned Losses;
+    };
+    std::vector<Unlike> Unlikes;
+    std::vector<unsigned> Noted;
 
     PyObject* At(int row, int column) const {
         return Values[static_cast<size_t>(row) * static_cast<size_t>(Columns) +
@@ -34,6 +44,15 @@ bool IsDateOrTime(ParamKind kind) {
 bool RowError(const char* what, Py_ssize_t row, Py_ssize_t position) {
     Raise(ProgrammingError, "%s at row [%zd], position [%zd] of executemany.", what, row, position);
     return false;
+}
+
+// A text, also that of a date or a time, is sent whole here, and by execute not.
+void NoteLosses(PyObject* value, ParamKind kind, Py_ssize_t row, Py_ssize_t column, Batch& batch) {
+    unsigned& noted = batch.Noted[static_cast<size_t>(column)];
+    const unsigned losses = LossesOf(value) & ~noted;
+    if (losses == 0) return;
+    noted |= losses;
+    batch.Unlikes.push_back({row, column, kind, losses});
 }
 
 bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, Batch& batch) {
@@ -56,11 +75,15 @@ bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, 
         if (!value) return false;
         const ParamKind kind = ParamKindOf(value.Get());
         if (number == 0) kinds.push_back(kind);
+        if (number == 0) batch.Noted.push_back(0);
         const ParamKind firstKind = kinds[static_cast<size_t>(i)];
         // After a None or a value that cannot be sent, the rest of the column is not looked at.
         const bool any = firstKind == ParamKind::None || firstKind == ParamKind::Unsupported;
         if (!any && kind != firstKind) {
             return RowError("The value is of another type than in the first row", number, i);
+        }
+        if (kind != ParamKind::Int && kind != ParamKind::Float) {
+            NoteLosses(value.Get(), kind, number, i, batch);
         }
         // A date or a time is sent as its text, which is made here, since a subclass makes it with
         // code of its own.
@@ -103,6 +126,31 @@ bool WarnAboutLostValues(const std::vector<ParamKind>& kinds, const Batch& batch
                              "first row has None there (the first one lost is in row [%d]).",
                              column, row) < 0) {
             return false;
+        }
+    }
+    return true;
+}
+
+bool WarnAboutUnlikeValues(const Batch& batch) {
+    constexpr struct {
+        unsigned Loss;
+        const char* How;
+    } kHows[] = {
+        {kBehindNul, "whole, although execute cuts it at its NUL character"},
+        {kFraction, "with its fraction of a second, which execute drops"},
+        {kTimeZone, "with its time zone, which execute drops"},
+    };
+    for (const Batch::Unlike& unlike : batch.Unlikes) {
+        const char* const what = unlike.Kind == ParamKind::Text   ? "text"
+                                 : unlike.Kind == ParamKind::Time ? "time"
+                                                                  : "datetime";
+        for (const auto& [loss, how] : kHows) {
+            if ((unlike.Losses & loss) != 0 &&
+                PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                                 "The %s at row [%zd], position [%zd] of executemany is sent %s.",
+                                 what, unlike.Row, unlike.Column, how) < 0) {
+                return false;
+            }
         }
     }
     return true;
@@ -289,9 +337,8 @@ PyRef PyCursor_ExecuteMany(PyObject* self, PyObject* args) {
     std::vector<ParamKind> kinds;
     Batch batch;
     if (!WarnIfCut(PyTuple_GET_ITEM(args, 0), "statement", 0) ||
-        !WarnIfMisread({sql.Deref(), static_cast<size_t>(sql.Length())}) ||
         !GatherRows(rows.Get(), kinds, batch) || !WarnAboutLostValues(kinds, batch) ||
-        CursorValidate(self, true, false) == nullptr) {
+        !WarnAboutUnlikeValues(batch) || !CompareMarkers(self, sql.Deref(), batch.Columns)) {
         return PyRef();
     }
     return ExecuteBatch(cursor, sql, kinds, batch);

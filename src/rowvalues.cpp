@@ -2,7 +2,9 @@
 // A row then goes in two passes. The first reads every column into an object that CPython can make
 // without running any Python code; the second finishes the values that need some (a class of the
 // program's choosing, a warning), and no longer touches the provider, which that code may have
-// closed.
+// closed. Where a column cannot be read, the columns before it are finished all the same: the first
+// one that fails is the one to tell.
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -161,10 +163,11 @@ namespace {
 
 class RowReader {
   public:
-    RowReader(Dbs& dbs, const RowPlan& plan, PyRow* row) : m_dbs(dbs), m_plan(plan), m_row(row) {}
+    RowReader(Dbs& dbs, const std::shared_ptr<RowPlan>& plan, PyRow* row)
+        : m_dbs(dbs), m_plan(plan), m_row(row) {}
 
     bool ReadColumns() {
-        for (const ColumnPlan& column : m_plan.Columns) {
+        for (const ColumnPlan& column : m_plan->Columns) {
             PyObject* value;
             if (column.Cell.IsNull()) {
                 value = PyRef::Borrow(Py_None).Release();
@@ -177,29 +180,47 @@ class RowReader {
         return true;
     }
 
-    bool NeedsFinish() const { return !m_cuts.empty() || !m_plan.Decimals.empty(); }
-    // The plan's owner may replace it meanwhile: `plan` holds it.
-    bool Finish(const std::shared_ptr<RowPlan> plan) {
-        return WarnAboutCuts() && MakeDecimals(*plan);
+    bool NeedsFinish() const { return !m_cuts.empty() || !m_plan->Decimals.empty(); }
+    // Goes over the columns read, in their order.
+    bool Finish() {
+        HoldPlan();
+        auto cut = m_cuts.begin();
+        for (const int column : m_held->Decimals) {
+            if (column >= m_row->columns) break;
+            for (; cut != m_cuts.end() && cut->Column <= column; ++cut) {
+                if (!Warn(*cut)) return false;
+            }
+            if (!MakeDecimal(*m_held, m_row->values[column])) return false;
+        }
+        return std::all_of(cut, m_cuts.end(), Warn);
     }
 
   private:
     struct Cut {
-        std::string ColumnName;
+        int Column;
         DbExtent Extent;
+        std::string ColumnName;
     };
+
+    // Before any code of the program's own, which may let the cursor make another plan.
+    void HoldPlan() {
+        if (!m_held) m_held = m_plan;
+    }
 
     // What a reader has left: a column that is not bound, a text that is not UTF-8, or one whose
     // length is not what it should be.
     PyRef ReadWithCare(const ColumnPlan& column, int index) {
+        HoldPlan();
         if (PyErr_Occurred()) return PyRef();
         if (column.Read == ReadUnbound) return RaiseProviderError(m_dbs, VORDA_INDEX_OUT_OF_RANGE);
         const DbExtent extent = column.Cell.Extent();
-        if (extent.IsTruncated) m_cuts.push_back({NameOf(index), extent});
         const char* const text = column.Cell.Text;
         PyRef value(DecodeText(text, extent.Length));
-        return value || PyErr_Occurred() ? std::move(value)
-                                         : RaiseNotUtf8(text, extent.Length, NameOf(index));
+        if (!value) {
+            return PyErr_Occurred() ? PyRef() : RaiseNotUtf8(text, extent.Length, NameOf(index));
+        }
+        if (extent.IsTruncated) m_cuts.push_back({index, extent, NameOf(index)});
+        return value;
     }
 
     std::string NameOf(int index) {
@@ -208,40 +229,34 @@ class RowReader {
         return column.Name;
     }
 
-    bool WarnAboutCuts() const {
-        for (const Cut& cut : m_cuts) {
-            const char* const name = cut.ColumnName.c_str();
-            const int result =
-                cut.Extent.Reported >= 0
-                    ? PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
-                                       "The text of column '%s' is cut from %lld bytes to %d.",
-                                       name, cut.Extent.Reported, cut.Extent.Length)
-                    : PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
-                                       "The text of column '%s' is cut to %d bytes; the provider "
-                                       "does not tell its whole length.",
-                                       name, cut.Extent.Length);
-            if (result < 0) return false;
-        }
-        return true;
+    static bool Warn(const Cut& cut) {
+        const char* const name = cut.ColumnName.c_str();
+        const int result =
+            cut.Extent.Reported >= 0
+                ? PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                                   "The text of column '%s' is cut from %lld bytes to %d.", name,
+                                   cut.Extent.Reported, cut.Extent.Length)
+                : PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                                   "The text of column '%s' is cut to %d bytes; the provider "
+                                   "does not tell its whole length.",
+                                   name, cut.Extent.Length);
+        return result == 0;
     }
 
-    bool MakeDecimals(RowPlan& plan) {
-        if (plan.Decimals.empty()) return true;
+    static bool MakeDecimal(RowPlan& plan, PyObject*& slot) {
+        if (slot == Py_None) return true;
         if (!plan.DecimalClass) plan.DecimalClass = GetPyClass("decimal", "Decimal");
         if (!plan.DecimalClass) return false;
-        for (const int column : plan.Decimals) {
-            PyObject*& slot = m_row->values[column];
-            if (slot == Py_None) continue;
-            PyObject* const value =
-                PyObject_CallFunctionObjArgs(plan.DecimalClass.Get(), slot, nullptr);
-            if (value == nullptr) return false;
-            const PyRef text(std::exchange(slot, value));
-        }
+        PyObject* const value =
+            PyObject_CallFunctionObjArgs(plan.DecimalClass.Get(), slot, nullptr);
+        if (value == nullptr) return false;
+        const PyRef text(std::exchange(slot, value));
         return true;
     }
 
     Dbs& m_dbs;
-    const RowPlan& m_plan;
+    const std::shared_ptr<RowPlan>& m_plan;  // the cursor's
+    std::shared_ptr<RowPlan> m_held;
     PyRow* m_row;
     std::vector<Cut> m_cuts;
 };
@@ -256,11 +271,19 @@ PyRef PyRow_New(PyCursor* cursor) {
         if (cursor->Plan.use_count() != 1) cursor->Plan = std::make_shared<RowPlan>();
         cursor->Plan->Make(dbs);
     }
-    const RowPlan& plan = *cursor->Plan;
-    PyRef row = NewRow(static_cast<int>(plan.Columns.size()), cursor->Connection->encoding,
+    PyRef row = NewRow(static_cast<int>(cursor->Plan->Columns.size()), cursor->Connection->encoding,
                        cursor->Description);
     if (!row) return row;
-    RowReader reader(dbs, plan, reinterpret_cast<PyRow*>(row.Get()));
-    if (!reader.ReadColumns()) return PyRef();
-    return !reader.NeedsFinish() || reader.Finish(cursor->Plan) ? std::move(row) : PyRef();
+    RowReader reader(dbs, cursor->Plan, reinterpret_cast<PyRow*>(row.Get()));
+    if (reader.ReadColumns()) {
+        return !reader.NeedsFinish() || reader.Finish() ? std::move(row) : PyRef();
+    }
+    PyObject *type, *value, *trace;
+    PyErr_Fetch(&type, &value, &trace);
+    if (reader.Finish()) {
+        PyErr_Restore(type, value, trace);
+    } else {
+        const PyRef laterType(type), laterValue(value), laterTrace(trace);
+    }
+    return PyRef();
 }

@@ -3,8 +3,6 @@
 // lock.
 #pragma once
 
-#include <string_view>
-
 #include "include/dbs.h"
 #include "include/pyref.h"
 
@@ -56,12 +54,12 @@ int GetPyObjectAsString(PyObject* object, DynStr& value);
 // The same for an item of a tuple; -1 also when the item is not a str.
 int GetArgumentAsString(PyObject* pyArgs, int index, DynStr& value);
 
+// What of a value its way to the provider may drop.
+enum Loss : unsigned { kBehindNul = 1, kFraction = 2, kTimeZone = 4 };
+// What there is of it in a value, as bits.
+unsigned LossesOf(PyObject* value);
+
 // Everything about a value that its way to the provider would drop raises a RuntimeWarning, since
 // nothing may be cut silently. `what` names the value, `position` where it stands. False with an
 // error set when the program turns warnings into errors.
 bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position);
-
-// The tokenizer takes a backslash in a quoted text for an escape; most databases do not. Warns
-// where the two disagree about where a text ends and a marker behind it may therefore be taken for
-// a part of a text, or a part of a text for a marker. False with an error set as above.
-bool WarnIfMisread(std::string_view sql);

@@ -32,6 +32,7 @@ class VORDA_EXPORT Dbs {
     // Disconnects and frees the handle, also after a failed Open; always 0.
     int Close();
     int SetBatchSize(int size);
+    int CountPlaceholders(const char* sql, int& count);
     int Prepare(char* sql, int len);
     // `type` is a DB type code; for the rest see DBSBindParameter.
     int AddParam(int index, int type, void* data, int len, int* lenPtr);

@@ -40,6 +40,9 @@ VORDA_EXPORT DBSRETURN DBSSetStmtAttr(DBSHSTMT statementHandle, DBSINTEGER attri
 // number of markers.
 VORDA_EXPORT DBSRETURN DBSPrepare(DBSHSTMT statementHandle, const DBSCHAR* statementText,
                                   DBSINTEGER textLength, DBSLEN* paramCount);
+// Tells how many values the text takes, without preparing it: the count of its markers.
+VORDA_EXPORT DBSRETURN DBSCountPlaceholders(DBSHSTMT statementHandle, const DBSCHAR* statementText,
+                                            DBSLEN* count);
 // Binds the next parameter by position; fCType carries its DB type code, cbValueMax is the distance
 // from one value of a batch to the next, pcbValue has one length a set (-1 for NULL). The values
 // are copied. An ODBC failure answers 0; its text is readable through DBSError.

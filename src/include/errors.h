@@ -24,5 +24,5 @@ int InitError(PyObject* module);
 PyRef Raise(PyObject* exception, const char* format, ...);
 // Sets the provider's last error as DatabaseError, or MemoryError where `status` says so.
 PyRef RaiseProviderError(const Dbs& dbs, int status);
-// Raise, with the error set now as the cause.
+// Raise, with the error set now, if there is one, as the cause.
 PyRef RaiseFromCurrent(PyObject* exception, const char* format, ...);

@@ -15,6 +15,11 @@ from vorda import zelqa
 os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "").replace("detect_leaks=1", "detect_leaks=0")
 
 
+def pytest_configure(config):
+    """No warning unless a test asks for it."""
+    config.addinivalue_line("filterwarnings", "error::RuntimeWarning")
+
+
 @pytest.fixture
 def path(tmp_path):
     return str(tmp_path / "data.db")

@@ -24,7 +24,8 @@ def generated(rows):
 @pytest.mark.parametrize("rows_of", [list, tuple, iter, generated])
 def test_all_rows_are_stored_as_they_are(table, stdlib, rows_of):
     rows = [(i, "é" * (i % 50) + "\0x" * (i % 2), i / 7, -(2**62) + i) for i in range(1, 2001)]
-    assert table.executemany("INSERT INTO t VALUES (?, ?, ?, ?)", rows_of(rows)) is table
+    with pytest.warns(RuntimeWarning, match="NUL"):
+        assert table.executemany("INSERT INTO t VALUES (?, ?, ?, ?)", rows_of(rows)) is table
     assert table.rowcount == 2000
     assert stored(stdlib, "*") == rows
     assert stored(stdlib, "DISTINCT typeof(b), typeof(c), typeof(d)") == [("text", "real", "integer")]
@@ -35,7 +36,7 @@ def test_all_rows_are_stored_as_they_are(table, stdlib, rows_of):
     [
         (datetime.date(2020, 1, 2), datetime.date(1, 12, 31)),
         (datetime.datetime(2020, 1, 2, 3, 4, 5), datetime.datetime(2020, 1, 2, 3, 4, 5, 600)),
-        (datetime.time(3, 4, 5, 678000), datetime.time(0, 0)),
+        (datetime.time(3, 4, 5), datetime.time(0, 0)),
     ],
     ids=["dates", "datetimes", "times"],
 )

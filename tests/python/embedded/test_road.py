@@ -56,6 +56,7 @@ def test_markers_of_every_spelling_reach_their_values(cursor, people, sql, param
     assert [row["name"] for row in rows] == ["Žofie"]
 
 
+@pytest.mark.filterwarnings("ignore:The statement has 2 ")
 def test_errors_leave_the_connection_usable(cursor, people):
     for sql, parameters, message in [
         ("SELEC 1", (), "syntax error"),

@@ -41,6 +41,11 @@ def encoded(text):
     return text if isinstance(text, bytes) else text.encode()
 
 
+def pytest_configure(config):
+    """No warning unless a test asks for it."""
+    config.addinivalue_line("filterwarnings", "error::RuntimeWarning")
+
+
 class Runtime:
     """The control functions of the scripted runtime."""
 

@@ -4,7 +4,7 @@ import pytest
 
 from vorda import zelqa
 
-from conftest import WVARCHAR, Column, raises, sent
+from conftest import VARBINARY, WVARCHAR, Column, raises, sent
 
 METADATA = "SELECT ColumnName FROM sys_procedureparameters WHERE ProcedureName='%s'"
 NO_METADATA = "Could not fetch metadata of the procedure parameters or the parameters count is 0"
@@ -33,9 +33,9 @@ def test_with_parameters(runtime, cursor, parameters):
     assert sent(runtime) == ([METADATA % "MyProc", "EXECUTE MyProc pa=@1 , p\u00fc=@2 "], ["1", '"x"'])
     assert (cursor.rowcount, cursor.description[0][0]) == (0, "a")
     assert [row["a"] for row in cursor] == [1, 2]
-    names(runtime, "pa")
-    cursor.callproc("it's", parameters)
-    assert sent(runtime)[0][0] == METADATA % "it''s"
+    names(runtime, "pa", "pb")
+    cursor.callproc("[it's]", parameters)
+    assert sent(runtime)[0][0] == METADATA % "[it''s]"
 
 
 def test_count_of_values_is_the_providers_matter(runtime, cursor):
@@ -43,7 +43,8 @@ def test_count_of_values_is_the_providers_matter(runtime, cursor):
         cursor.arraysize = arraysize
         names(runtime, "pa", "pb", "pc")
         runtime.fail_next("SQLExecute", "there are too many values")
-        with raises(zelqa.DatabaseError, "there are too many values"):
+        with pytest.warns(RuntimeWarning, match="marker"), \
+                raises(zelqa.DatabaseError, "there are too many values"):
             cursor.callproc("P", (1, 2))
         assert sent(runtime) == ([METADATA % "P", "EXECUTE P " + listed], ["1", "2"])
 
@@ -61,13 +62,22 @@ def test_wrong_arguments(runtime, cursor, arguments, exception, message):
     assert runtime.take_log() == [] and cursor.rowcount == -1
 
 
-@pytest.mark.parametrize("listed, arraysize, message", [
-    ([], -1, NO_METADATA), (["pa"], 0, NO_METADATA), ([None], -1, NO_NAME % 0),
-    (["pa", None], -1, NO_NAME % 1), (None, -1, "No results.  Previous SQL was not a DQL.")])
-def test_metadata_that_is_of_no_use(runtime, cursor, listed, arraysize, message):
+NO_RESULT = zelqa.ProgrammingError("No results.  Previous SQL was not a DQL.")
+NO_BINARY = zelqa.NotSupportedError("Binary type not supported yet")
+
+
+@pytest.mark.parametrize("column, listed, arraysize, message, cause", [
+    (WVARCHAR, [], -1, NO_METADATA, None), (WVARCHAR, ["pa"], 0, NO_METADATA, None),
+    (WVARCHAR, [None], -1, NO_NAME % 0, None), (WVARCHAR, ["pa", None], -1, NO_NAME % 1, None),
+    (None, [], -1, NO_METADATA, NO_RESULT), (VARBINARY, ["pa"], -1, NO_METADATA, NO_BINARY),
+    (WVARCHAR, ["pa"], -1, NO_METADATA, zelqa.DatabaseError("broken"))])
+def test_metadata_that_is_of_no_use(runtime, cursor, column, listed, arraysize, message, cause):
     cursor.arraysize = arraysize
-    if listed is not None:
-        names(runtime, *listed)
-    with raises(zelqa.ProgrammingError, message):
+    if column is not None:
+        runtime.result(Column("ColumnName", column), rows=[[name] for name in listed])
+    if str(cause) == "broken":
+        runtime.fail_next("SQLFetch", "broken", nth=2)
+    with raises(zelqa.ProgrammingError, message) as failure:
         cursor.callproc("P", (1,))
+    assert repr(failure.value.__cause__) == repr(cause)
     assert runtime.count("SQLPrepareW") == 0

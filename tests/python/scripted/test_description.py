@@ -8,9 +8,11 @@ import types
 
 import pytest
 
+from vorda import zelqa
+
 from conftest import (BIGINT, BIT, CHAR, DATE, DECIMAL, DOUBLE, FLOAT, GUID, INTEGER, NUMERIC, REAL,
                       SMALLINT, TIME, TIMESTAMP, TINYINT, TYPE_DATE, TYPE_TIME, TYPE_TIMESTAMP,
-                      VARBINARY, VARCHAR, WVARCHAR, Column)
+                      VARBINARY, VARCHAR, WVARCHAR, Column, raises)
 
 
 @pytest.mark.parametrize("type_code, sqltypes", [
@@ -35,7 +37,7 @@ def test_items(runtime, cursor):
                          ("", decimal.Decimal, None, 32767, 32767, -32768, True))
     assert {type(item) for item in described + (described,)} == {tuple}
     assert [item[6] for item in described] == [False, True, True]  # no numbers that only equal them
-    for run in (cursor.execute, lambda sql: cursor.executemany(sql, [(1,), (2,)])):
+    for run in (cursor.execute, lambda sql: cursor.executemany(sql, [(), ()])):
         run("SELECT without columns")
         assert cursor.description is described
     runtime.result("b")
@@ -79,8 +81,9 @@ def test_class_that_cannot_be_had(runtime, cursor, monkeypatch, module, exceptio
     monkeypatch.setitem(sys.modules, "decimal", module)
 
     def run():
-        with pytest.raises(exception):
+        with raises(zelqa.DatabaseError, "failed to build description") as failure:
             cursor.execute("SELECT a")
+        assert isinstance(failure.value.__cause__, exception)
         done.append(True)
     # Classes are looked up once a thread.
     done, thread = [], threading.Thread(target=run)

@@ -8,6 +8,7 @@ from vorda import zelqa
 
 from conftest import bound, raises
 
+UTC = datetime.timezone.utc
 INSERT = "INSERT INTO t VALUES (?, ?)"
 BATCH = [(1, "a"), (2, "caf\u00e9"), (3, "")]
 AS_BOUND = ["1: values=[1, 2, 3], lens=[8, 8, 8]",
@@ -48,11 +49,11 @@ class Day(datetime.date):
     ([1, True, -2 ** 63, 2 ** 63 - 1], -25, 8, [1, 1, -2 ** 63, 2 ** 63 - 1], [8] * 4),
     ([True, False], -25, 8, [1, 0], [8, 8]), ([1.5, -0.25], 8, 8, [1.5, -0.25], [8, 8]),
     (["\U0001f600", "ab", "\u20ac\u20ac"], -8, 6, ["\U0001f600", "ab", "\u20ac\u20ac"], [4, 2, 6]),
-    (["", ""], -8, 0, ["", ""], [0, 0]), (["a\0b", "c"], -8, 3, ["a\\x00b", "c"], [3, 1]),
+    (["", ""], -8, 0, ["", ""], [0, 0]),
     ([datetime.date(2021, 5, 6), Day(2021, 5, 7)], -8, 10, ["2021-05-06", "day 7"], [10, 5]),
     ([datetime.datetime(2020, 1, 2, 3, 4, 5), datetime.datetime(2020, 1, 2, 3, 4, 5, 6)], -8, 26,
      ["2020-01-02 03:04:05", "2020-01-02 03:04:05.000006"], [19, 26]),
-    ([datetime.time(1, 2, 3, 50)], -8, 15, ["01:02:03.000050"], [15]),
+    ([datetime.time(1, 2, 3)], -8, 8, ["01:02:03"], [8]),
     ([None, None], -8, 0, ["", ""], [0, 0]),
 ], ids=lambda value: repr(value)[:20])
 def test_columns(runtime, cursor, column, ctype, size, values, lengths):
@@ -72,6 +73,27 @@ def test_none_in_the_first_row_hides_the_column(runtime, cursor):
         "The values at position [1] of executemany are not sent, since the first row has None "
         "there (the first one lost is in row [2])."]
     assert bound(runtime) == [AS_BOUND[0], '2: values=["", "", ""], lens=[0, 0, 0]']
+
+
+@pytest.mark.parametrize("column, what, how, bound_as", [
+    (["c", "a\0b", "\0"], "text", "whole, although execute cuts it at its NUL character", "a\\x00b"),
+    (["\u20ac", "\u20ac\0"], "text", "whole, although execute cuts it at its NUL character", "\u20ac\\x00"),
+    ([datetime.time(1), datetime.time(1, 2, 3, 50)], "time", "with its fraction of a second, which execute drops",
+     "01:02:03.000050"),
+    ([datetime.time(1), datetime.time(1, tzinfo=UTC)], "time", "with its time zone, which execute drops",
+     "01:00:00+00:00"),
+    ([datetime.datetime(2020, 1, 2), datetime.datetime(2020, 1, 2, tzinfo=UTC)], "datetime",
+     "with its time zone, which execute drops", "2020-01-02 00:00:00+00:00")])
+def test_what_execute_would_drop(runtime, cursor, column, what, how, bound_as):
+    """Told once a column, before anything is sent."""
+    message = "The %s at row [1], position [1] of executemany is sent %s." % (what, how)
+    with raises(RuntimeWarning, message):
+        cursor.executemany(INSERT, [(1, value) for value in column])
+    assert runtime.take_log() == []
+    with pytest.warns(RuntimeWarning) as caught:
+        cursor.executemany(INSERT, [(1, value) for value in column])
+    assert [str(warning.message) for warning in caught] == [message]
+    assert '"%s"' % bound_as in bound(runtime)[1]
 
 
 class Sequence:
@@ -143,9 +165,9 @@ OTHER_TYPE = "The value is of another type than in the first row"
     ([(1, 2), (1, "a")], OTHER_TYPE, 1, 1), ([(1,), (None,)], OTHER_TYPE, 1, 0),
     ([(1,), (1.0,)], OTHER_TYPE, 1, 0), ([("a",), (b"a",)], OTHER_TYPE, 1, 0),
     ([(datetime.date(2020, 1, 1),), (datetime.datetime(2020, 1, 1),)], OTHER_TYPE, 1, 0),
-    ([(1,), (2,), (2 ** 63,)], "Invalid value", 2, 0),
+    ([(1, 1), (2, 1), (2 ** 63, 1)], "Invalid value", 2, 0),
     ([(1, "a"), (2, "\ud800")], "Invalid value", 1, 1),
-    ([(1, b"x"), (2, b"x")], None, 0, 1), ([(1j,), (2j,)], None, 0, 0)])
+    ([(1, b"x"), (2, b"x")], None, 0, 1), ([(1j, 1), (2j, 1)], None, 0, 0)])
 def test_nothing_is_executed_half(runtime, cursor, rows, message, row, position):
     expected = (zelqa.NotSupportedError, "Unsupported data type at position [%d] of arguments."
                 % position) if message is None else (

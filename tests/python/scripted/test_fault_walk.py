@@ -20,6 +20,7 @@ INVALID_HANDLE = -2
 SAID = "what the provider said"
 VALUES = ("text", 5, 2 ** 40, 0.5, True, None, datetime.date(2024, 2, 29), datetime.time(1, 2),
           datetime.datetime(2024, 2, 29, 1))
+INSERT = "INSERT" + " ?" * len(VALUES)
 COLUMNS = [Column("t", WVARCHAR), Column("n"), Column("b", BIT), Column("f", DOUBLE),
            Column("d", DECIMAL), Column("s", TIMESTAMP)]
 ROWS = [["x", 1, 1, 0.5, "1.5", Timestamp(2024, 2, 29)], [None] * 6]
@@ -40,12 +41,12 @@ def fetch(world):
 
 STEPS = {
     "connect": connect,
-    "insert": lambda w: w.cursor.execute("INSERT", VALUES).rowcount,
+    "insert": lambda w: w.cursor.execute(INSERT, VALUES).rowcount,
     "query": lambda w: w.cursor.execute("SELECT ?", 1).description,
     "fetch": fetch,
     "direct query": lambda w: [tuple(row) for row in w.cursor.execute("SELECT 1")],
     "direct": lambda w: w.cursor.execute("UPDATE t SET a = 1").rowcount,
-    "batch": lambda w: w.cursor.executemany("INSERT", [VALUES] * 3).rowcount,
+    "batch": lambda w: w.cursor.executemany(INSERT, [VALUES] * 3).rowcount,
     "call": lambda w: w.cursor.callproc("P", [1]),
     "fetch call": fetch,
     "close": lambda w: w.connection.close(),
@@ -106,6 +107,8 @@ def calls_of(runtime):
 
 
 NOT_PREPARED = "The prepared statement is required"
+NO_METADATA = (zelqa.ProgrammingError, "Could not fetch metadata of the procedure parameters or the parameters "
+               "count is 0", "call")
 NO_RESULT = "No results.  Previous SQL was not a DQL."
 RELEASING = ("SQLFreeStmt", "SQLDisconnect", "SQLFreeHandle dbc", "SQLFreeHandle env")
 QUERIES = {"query": "fetch", "direct query": "direct query", "call": "call"}
@@ -118,6 +121,9 @@ def expected(kind, status, has_diagnostic, step, is_second):
     Any other status is passed over. `is_second`: it belongs to the second statement of a callproc.
     """
     says = (zelqa.DatabaseError, SAID if has_diagnostic else NO_DIAGNOSTIC, step)
+    is_metadata = step == "call" and not is_second
+    if is_metadata and (kind == "SQLFetch" or (kind == "SQLFetch end" and status != NO_DATA)) and status != INFO:
+        return NO_METADATA
     if status == INFO or kind in RELEASING or kind == "SQLSetStmtAttr back":
         return None  # nothing is lost by it, or nothing can be done about it
     if status == ERROR:
@@ -138,14 +144,12 @@ def expected(kind, status, has_diagnostic, step, is_second):
     if kind == "SQLPrepareW":
         return says  # of the execution
     if kind in ("SQLExecute", "SQLExecDirectW", "SQLColAttributeW count") and step in QUERIES:
-        return zelqa.ProgrammingError, NO_RESULT, "fetch call" if is_second else QUERIES[step]
+        return NO_METADATA if is_metadata else (
+            zelqa.ProgrammingError, NO_RESULT, "fetch call" if is_second else QUERIES[step])
     if kind.startswith("SQLFetch") and status == INVALID_HANDLE:
         return says
-    if step == "call" and not is_second and kind in ("SQLFetch", "SQLBindCol"):
-        return zelqa.ProgrammingError, {
-            "SQLFetch": "Could not fetch metadata of the procedure parameters or the parameters "
-                        "count is 0",
-            "SQLBindCol": "The name of parameter 0 of the procedure is not a text."}[kind], step
+    if is_metadata and kind == "SQLBindCol":
+        return zelqa.ProgrammingError, "The name of parameter 0 of the procedure is not a text.", step
     return None
 
 

@@ -2,6 +2,7 @@
 
 import copy
 import datetime
+import importlib.util
 import operator
 import re
 
@@ -26,6 +27,15 @@ def test_exceptions():
         assert str(exception) == "<class 'vorda.zelqa.%s'>" % name
         assert re.match(r"Exception (raised (for|when|in)|that is) \S(?!.*(\s\s|\n))", exception.__doc__)
         assert exception.__doc__.endswith(end)
+
+
+def test_a_second_name_for_the_module():
+    """Programs that know it by either catch the same exceptions."""
+    spec = importlib.util.spec_from_file_location("zelqa", zelqa.__file__)
+    second = importlib.util.module_from_spec(spec)
+    assert second is not zelqa and [getattr(second, name) for name in ENDS] == [getattr(zelqa, name) for name in ENDS]
+    with pytest.raises(second.ProgrammingError):
+        zelqa.connect()
 
 
 def test_module_attributes():

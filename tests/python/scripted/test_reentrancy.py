@@ -251,6 +251,7 @@ for method in "__len__", "__getitem__":
             PAIR, [evil(hook, method, list, (5, "text")), (5, "text")]), PAIRS)})
 
 
+@pytest.mark.filterwarnings("ignore:The time at row")
 @each_intrusion
 @pytest.mark.parametrize("call", CALLS)
 def test_call_backs(runtime, opened, intrude, intrusion, call):
@@ -290,7 +291,8 @@ def test_rows_released_in_two_threads(runtime, connection):
 @pytest.mark.parametrize("call", [
     lambda cursor: cursor.execute("SELECT 1\0"), lambda cursor: cursor.execute("SELECT ?", "a\0"),
     lambda cursor: cursor.callproc("P\0", (1,)), lambda cursor: cursor.executemany("X ?\0", [(1,)]),
-    lambda cursor: cursor.executemany(UPDATE, [(None,), (2,)]), *READERS.values()])
+    lambda cursor: cursor.executemany(UPDATE, [(None,), (2,)]), lambda cursor: cursor.execute(UPDATE, 1, 2),
+    lambda cursor: cursor.executemany(UPDATE, [("a\0",)]), *READERS.values()])
 def test_warnings(runtime, opened, intrude, intrusion, call, monkeypatch):
     runtime.result(Column("t", WVARCHAR), Column("d", DECIMAL), rows=[["x" * 3000, "1.5"]] * 3)
     cursor = opened.cursor.execute("SELECT *")

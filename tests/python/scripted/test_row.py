@@ -2,6 +2,7 @@
 
 import datetime
 import decimal
+import itertools
 import sys
 
 import pytest
@@ -69,6 +70,20 @@ def test_values_that_cannot_be_made(runtime, cursor, sqltype, cell, exception):
     if exception is zelqa.NotSupportedError:
         assert str(failure.value) == "Binary type not supported yet"
     assert cursor.fetchone() is None
+
+
+WRONG = {
+    decimal.InvalidOperation: (DECIMAL, "no number"), ValueError: (DATE, Timestamp(2024, 2, 30)),
+    zelqa.NotSupportedError: (VARBINARY, b"ab"), zelqa.DatabaseError: (WVARCHAR, b"\xff"),
+    RuntimeWarning: (WVARCHAR, "cut" * 1000)}
+
+
+@pytest.mark.parametrize("first, second", itertools.permutations(WRONG, 2))
+def test_the_first_wrong_column_is_told(runtime, cursor, first, second):
+    columns = [("n", DECIMAL, "1.5"), ("a", *WRONG[first]), ("b", *WRONG[second]), ("c", *WRONG[first])]
+    with pytest.raises(first):
+        fetch(runtime, cursor, [Column(name, sqltype) for name, sqltype, cell in columns],
+              [cell for name, sqltype, cell in columns])
 
 
 def test_length_and_index(row):
