@@ -26,6 +26,11 @@ struct Outcome {
     bool nothingDone = false;         ///< a change that found no row: SQL_NO_DATA
 };
 
+/// What the application wants of an execution, its parameters aside.
+struct ExecutionOptions {
+    SQLULEN timeout = 0;  ///< seconds after which it, or a fetch of its rows, fails: HYT00; 0: none
+};
+
 /// A statement that an engine has prepared. Lives no longer than its database.
 class Program {
   public:
@@ -42,7 +47,7 @@ class Program {
 
     /// Runs the statement once for every parameter set: for all of them or, when it throws, for
     /// none. The rows of the execution before are gone by then.
-    virtual Outcome execute(ParameterSets& sets) = 0;
+    virtual Outcome execute(ParameterSets& sets, const ExecutionOptions& options) = 0;
 
     /// Forgets the values of the last execution, whose rows are closed.
     virtual void rewind() noexcept {}

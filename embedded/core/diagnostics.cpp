@@ -1,5 +1,6 @@
 #include "core/diagnostics.h"
 
+#include <algorithm>
 #include <new>
 
 #include "core/message.h"
@@ -23,6 +24,18 @@ void Diagnostics::error(const Error& error) noexcept {
         // In front of any warnings: many callers read only the first record.
         Records& records = made(m_records);
         records.insert(records.begin(), {sqlState(error.state()), error.native(), error.what()});
+    } catch (const std::bad_alloc&) {
+        outOfMemory();
+    }
+}
+
+void Diagnostics::rowError(const Error& error, SQLULEN row) noexcept {
+    try {
+        Records& records = made(m_records);
+        const auto place = std::partition_point(
+            records.begin(), records.end(), [](const auto& record) { return record.native != 0; });
+        records.insert(place, {sqlState(error.state()), error.native(), error.what(),
+                               static_cast<SQLLEN>(row)});
     } catch (const std::bad_alloc&) {
         outOfMemory();
     }

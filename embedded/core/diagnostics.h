@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sql.h>
+#include <sqlext.h>
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -14,6 +17,7 @@ struct DiagnosticRecord {
     SqlState state;
     int native;
     std::string message;
+    SQLLEN row = SQL_NO_ROW_NUMBER;  ///< from 1, of the result
 };
 
 /// The diagnostics of one handle, filled by its last call. Costs one pointer while empty.
@@ -30,6 +34,9 @@ class Diagnostics {
 
     /// Records HY001; needs no memory.
     void outOfMemory() noexcept { m_outOfMemory = true; }
+
+    /// Records the failure of one of several rows, behind those of others and before any warnings.
+    void rowError(const Error& error, SQLULEN row) noexcept;
 
     void warning(std::string_view state, std::string_view text);
 

@@ -1,8 +1,12 @@
 // The reading half of a statement: describing its columns, fetching rows, delivering values.
+#include <algorithm>
+#include <new>
 #include <string>
+#include <utility>
 
 #include "core/error.h"
 #include "core/statement.h"
+#include "extensions.h"
 
 namespace embedded {
 
@@ -38,83 +42,183 @@ int Statement::columnCount() {
 }
 
 SQLULEN Statement::rowNumber() const noexcept {
-    return m_work && m_work->onRow ? m_work->rowNumber : 0;
+    return m_work && m_work->block > 0 ? m_work->rowNumber() : 0;
 }
 
 SQLRETURN Statement::fetch() {
     Work& work = askedCursor();
     const StatementOptions& options = settings().options;
+    const SQLULEN most = options.rowArraySize;
     if (options.rowsFetched) *options.rowsFetched = 0;
-    if (options.rowStatus) *options.rowStatus = SQL_ROW_NOROW;
-    work.onRow = work.passed = false;
+    if (options.rowStatus) std::fill_n(options.rowStatus, most, SQL_ROW_NOROW);
+    work.block = work.position = 0;
+    work.live = false;
+    work.kept.clear();
+    if (work.failure) {
+        const std::exception_ptr failure = std::exchange(work.failure, nullptr);
+        closeCursor();
+        std::rethrow_exception(failure);
+    }
     if (work.ended) return SQL_NO_DATA;
     if (!work.routed) chooseRoutes();
     const Running running(*this);
+    SQLULEN failed = 0;
+    while (work.block < most && nextRow()) {
+        // The row counts as fetched even if a value cannot be delivered, so that the next fetch
+        // reads on.
+        if (options.rowsFetched) *options.rowsFetched = work.block;
+        SQLUSMALLINT ignored = 0;
+        SQLUSMALLINT& status = options.rowStatus ? options.rowStatus[work.position] : ignored;
+        status = SQL_ROW_ERROR;
+        const size_t warnings = diagnostics.count();
+        if (!deliverOrReport(most == 1)) {
+            ++failed;
+        } else {
+            status = diagnostics.count() > warnings ? SQL_ROW_SUCCESS_WITH_INFO : SQL_ROW_SUCCESS;
+        }
+    }
+    if (work.block == 0) return SQL_NO_DATA;
+    const bool single = most == 1;
+    if (!single) {
+        work.live = false;
+        work.position = 0;
+        std::sort(work.kept.begin(), work.kept.end());
+    }
+    if ((!single || work.unbound.empty()) && !work.ended && !work.failure) lookAhead();
+    return failed == work.block ? SQL_ERROR : SQL_SUCCESS;
+}
+
+/// Moves to the next row of the block; false when there is none, or a failure instead, which the
+/// next fetch reports: the rows in front are the application's.
+bool Statement::nextRow() {
+    Work& work = *m_work;
+    bool found = false;
     try {
-        work.onRow = work.rows->next();
+        found = work.rows->next();
     } catch (...) {
+        if (work.block > 0) {
+            work.failure = std::current_exception();
+            return false;
+        }
         // The rows are not over, so no further fetch may say so.
         closeCursor();
         throw;
     }
-    if (!work.onRow) {
+    if (!found) {
         work.ended = true;
         // All is described and read: a statement that cannot be executed again is over.
         if (!work.prepared) work.program.reset();
-        return SQL_NO_DATA;
+        return false;
     }
-    // The row counts as fetched even if a value cannot be delivered, so that the next fetch reads
-    // on.
-    ++work.rowNumber;
+    ++work.rowsRead;
+    work.position = work.block++;
     work.partColumn = 0;
-    if (options.rowsFetched) *options.rowsFetched = 1;
-    if (options.rowStatus) *options.rowStatus = SQL_ROW_ERROR;
-    deliverRow();
-    if (options.rowStatus) {
-        *options.rowStatus = diagnostics.count() ? SQL_ROW_SUCCESS_WITH_INFO : SQL_ROW_SUCCESS;
+    work.live = true;
+    return true;
+}
+
+/// Delivers the current row; false when it failed, which is thrown if it is a `single` one.
+bool Statement::deliverOrReport(bool single) {
+    try {
+        deliverRow();
+        return true;
+    } catch (const Error& error) {
+        if (single) throw;
+        diagnostics.rowError(error, m_work->rowNumber());
+    } catch (const std::bad_alloc&) {
+        if (single) throw;
+        diagnostics.outOfMemory();
     }
-    if (work.allBound) lookAhead();
-    return SQL_SUCCESS;
+    return false;
 }
 
 // An application that reads the one row it expects never asks for the end, and its statement would
 // keep other connections from writing. With every column bound nothing of the row is left to ask
-// for.
+// for but what is kept.
 void Statement::lookAhead() {
     Work& work = *m_work;
     const Ahead ahead = work.rows->lookAhead();
-    work.passed = ahead != Ahead::Unknown;
+    if (ahead != Ahead::Unknown) work.live = false;
     if (ahead == Ahead::End && !work.prepared) work.program.reset();
 }
 
 void Statement::chooseRoutes() {
     Work& work = *m_work;
+    const StatementOptions& options = settings().options;
+    const bool byRow = options.rowSize != SQL_BIND_BY_COLUMN;
     const std::vector<ColumnBinding>& bindings = settings().columns;
     const std::vector<Column>& described = work.rows->columns();
     work.routes.clear();
-    for (size_t i = 0; i < bindings.size() && i < described.size(); ++i) {
+    work.unbound.clear();
+    for (size_t i = 0; i < described.size(); ++i) {
+        const int index = static_cast<int>(i);
+        if (i >= bindings.size() || !bindings[i].target) {
+            work.unbound.push_back(index);
+            continue;
+        }
         const ColumnBinding& binding = bindings[i];
-        if (!binding.target) continue;
-        work.routes.push_back(
-            {converterFor(binding.cType, described[i].type), static_cast<int>(i), &described[i],
-             Target{binding.target, binding.capacity, binding.indicator, nullptr}});
+        const size_t size = elementSize(binding.cType, described[i].type);
+        work.routes.push_back({converterFor(binding.cType, described[i].type), index, &described[i],
+                               Target{binding.target, binding.capacity, binding.indicator, nullptr,
+                                      binding.cType == kCellCType},
+                               byRow      ? options.rowSize
+                               : size > 0 ? size
+                                          : static_cast<size_t>(binding.capacity),
+                               byRow ? options.rowSize : sizeof(SQLLEN)});
     }
     work.routed = true;
-    work.allBound = work.routes.size() == described.size();
 }
 
 void Statement::deliverRow() {
-    for (const Route& route : m_work->routes) {
-        if (deliver(route.convert, route.index, *route.column, route.target) == Delivery::Cut) {
-            diagnostics.warning("01004", place(*route.column, route.index) +
-                                             ": the value was cut to the size of its buffer.");
-        }
+    Work& work = *m_work;
+    const StatementOptions& options = settings().options;
+    const bool single = options.rowArraySize == 1;
+    const size_t offset = options.rowOffset ? *options.rowOffset : 0;
+    if (!single) {
+        for (const int column : work.unbound) keep(column, work.rows->cell(column));
+    }
+    for (const Route& route : work.routes) {
+        Target target = route.target;
+        const auto moved = [&](void* first, size_t step) {
+            return first ? static_cast<char*>(first) + offset + work.position * step : nullptr;
+        };
+        target.buffer = moved(target.buffer, route.valueStep);
+        target.indicator = reinterpret_cast<SQLLEN*>(moved(target.indicator, route.indicatorStep));
+        const Cell cell = work.rows->cell(route.index);
+        if (deliver(route.convert, cell, route.index, *route.column, target) != Delivery::Cut)
+            continue;
+        if (!single || work.unbound.empty()) keep(route.index, cell);
+        if (target.tagged) continue;  // its indicator tells all
+        diagnostics.warning("01004", place(*route.column, route.index) +
+                                         ": the value was cut to the size of its buffer.");
     }
 }
 
-Delivery Statement::deliver(const Converter& convert, int index, const Column& column,
-                            const Target& target) {
-    const Cell cell = m_work->rows->cell(index);
+void Statement::keep(int column, const Cell& cell) {
+    m_work->kept.push_back({m_work->position, column, cell, std::string(cell.bytes),
+                            cell.temporal ? *cell.temporal : Temporal{}});
+}
+
+/// The value in the 0-based column of the current row.
+Cell Statement::currentCell(int column) {
+    Work& work = *m_work;
+    if (work.live) return work.rows->cell(column);
+    const KeptCell wanted{work.position, column, {}, {}, {}};
+    const auto kept = std::lower_bound(work.kept.begin(), work.kept.end(), wanted);
+    if (kept == work.kept.end() || wanted < *kept) {
+        throw Error("07009",
+                    "All of the value was delivered when the row was fetched, and cannot be read "
+                    "again.",
+                    native::kMisuse);
+    }
+    Cell cell = kept->cell;
+    cell.bytes = kept->bytes;
+    if (cell.temporal) cell.temporal = &kept->temporal;
+    return cell;
+}
+
+Delivery Statement::deliver(const Converter& convert, const Cell& cell, int index,
+                            const Column& column, const Target& target) {
     try {
         return cell.kind == Cell::Kind::Null ? deliverNull(target)
                                              : convert(cell, column.type, target);
@@ -126,29 +230,36 @@ Delivery Statement::deliver(const Converter& convert, int index, const Column& c
 
 std::string Statement::place(const Column& column, int index) const {
     return "Column " + std::to_string(index + 1) + " \"" + column.name + "\", row " +
-           std::to_string(m_work->rowNumber);
+           std::to_string(m_work->rowNumber());
+}
+
+void Statement::setPosition(SQLULEN row) {
+    Work& work = requireCursor();
+    if (work.block == 0) throw Error("24000", "The cursor is not on a row.", native::kMisuse);
+    if (row == 0 || row > work.block) {
+        throw Error("HY107", "There is no row " + std::to_string(row) + " in the last fetch.",
+                    native::kRange);
+    }
+    work.position = row - 1;
+    work.partColumn = 0;
 }
 
 SQLRETURN Statement::getData(SQLUSMALLINT column, SQLSMALLINT cType, Target target) {
     Work& work = requireCursor();
-    if (!work.onRow) throw Error("24000", "The cursor is not on a row.", native::kMisuse);
+    if (work.block == 0) throw Error("24000", "The cursor is not on a row.", native::kMisuse);
     const std::vector<Column>& described = work.rows->columns();
     if (column == 0 || column > described.size()) {
         throw Error("07009", "There is no column " + std::to_string(column) + ".", native::kRange);
     }
-    if (work.passed) {
-        throw Error("07009",
-                    "All columns were bound when the row was fetched; their values are delivered "
-                    "and cannot be read again.",
-                    native::kMisuse);
-    }
+    const Cell cell = currentCell(column - 1);
     if (work.partColumn != column) {
         work.partColumn = column;
         work.partOffset = 0;
     }
     const Column& source = described[column - 1U];
     target.partOffset = &work.partOffset;
-    switch (deliver(converterFor(cType, source.type), column - 1, source, target)) {
+    target.tagged = cType == kCellCType;
+    switch (deliver(converterFor(cType, source.type), cell, column - 1, source, target)) {
         case Delivery::Nothing:
             return SQL_NO_DATA;
         case Delivery::Cut:

@@ -90,7 +90,7 @@ SQLRETURN Statement::run() {
     ParameterSets sets(settings().parameters, options.currentLayout(), options.parameterReport,
                        options.parameterSets);
     const Running running(*this);
-    Outcome outcome = requireProgram().execute(sets);
+    Outcome outcome = requireProgram().execute(sets, options.execution);
     m_rowCount = outcome.changed;
     m_executed = true;
     if (!outcome.rows) return outcome.nothingDone ? SQL_NO_DATA : SQL_SUCCESS;
@@ -173,9 +173,11 @@ void Statement::closeCursor() noexcept {
     work.rows.reset();
     if (work.program) work.program->rewind();
     work.routes.clear();
-    work.routed = work.onRow = work.ended = false;
+    work.kept.clear();
+    work.routed = work.ended = false;
     work.described = nullptr;
-    work.rowNumber = 0;
+    work.failure = nullptr;
+    work.rowsRead = work.block = 0;
 }
 
 void Statement::cancel() noexcept {

@@ -4,8 +4,10 @@
 #include <sqlext.h>
 
 #include <atomic>
+#include <exception>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -30,8 +32,12 @@ struct StatementOptions {
     ParameterLayout layout;              ///< without the offset
     SQLULEN* parameterOffset = nullptr;  ///< SQL_ATTR_PARAM_BIND_OFFSET_PTR
     ParameterReport parameterReport;
+    SQLULEN rowArraySize = 1;
+    SQLULEN rowSize = SQL_BIND_BY_COLUMN;  ///< SQL_ATTR_ROW_BIND_TYPE
+    SQLULEN* rowOffset = nullptr;          ///< SQL_ATTR_ROW_BIND_OFFSET_PTR
     SQLUSMALLINT* rowStatus = nullptr;
     SQLULEN* rowsFetched = nullptr;
+    ExecutionOptions execution;
 
     /// The layout with the offset that the application's variable holds now.
     ParameterLayout currentLayout() const noexcept {
@@ -62,7 +68,12 @@ class Statement final : public Handle {
     /// Presents `rows` as the result of this statement.
     void openRows(std::unique_ptr<ResultSet> rows);
 
+    /// Reads as many rows as the application's arrays hold. Of several, a row that fails is
+    /// reported with its number and does not keep back the others.
     SQLRETURN fetch();
+
+    /// Makes the 1-based `row` of those that were fetched together the current one.
+    void setPosition(SQLULEN row);
 
     /// Delivers the value in the 1-based column of the current row, in parts if it is long.
     SQLRETURN getData(SQLUSMALLINT column, SQLSMALLINT cType, Target target);
@@ -97,7 +108,10 @@ class Statement final : public Handle {
     void drop() noexcept;
 
     const StatementOptions& options() const noexcept { return settings().options; }
-    StatementOptions& changeOptions() { return changeSettings().options; }
+    StatementOptions& changeOptions() {
+        if (m_work) m_work->routed = false;
+        return changeSettings().options;
+    }
 
     // Links of the connection's list.
     Statement* next = nullptr;
@@ -109,7 +123,22 @@ class Statement final : public Handle {
         Converter convert;
         int index;
         const Column* column;
-        Target target;
+        Target target;  ///< of the first row
+        size_t valueStep;
+        size_t indicatorStep;
+    };
+
+    /// A copy of a value that its row, left behind by the engine, cannot be asked for any more.
+    struct KeptCell {
+        SQLULEN row;
+        int column;
+        Cell cell;
+        std::string bytes;
+        Temporal temporal;
+
+        bool operator<(const KeptCell& other) const noexcept {
+            return row != other.row ? row < other.row : column < other.column;
+        }
     };
 
     /// What exists from preparation or execution until the statement is over.
@@ -117,18 +146,23 @@ class Statement final : public Handle {
         std::unique_ptr<Program> program;  ///< null when it is over, and for a catalogue function
         bool prepared = false;             ///< by `prepare`, so it outlives its cursor
         std::unique_ptr<ResultSet> rows;   // destroyed first: the program computes them
-        SQLULEN rowNumber = 0;
-        bool onRow = false;
-        bool passed = false;  ///< the current row is delivered and gone
+        SQLULEN rowsRead = 0;
+        SQLULEN block = 0;           ///< rows of the last fetch
+        SQLULEN position = 0;        ///< of the current row in them
+        bool live = false;           ///< the engine stands on that row
+        std::vector<KeptCell> kept;  ///< of these rows, by row and column
         bool ended = false;
+        std::exception_ptr failure;  ///< of the engine, behind these rows
         /// Of `rows`, once somebody has asked for them.
         const std::vector<Column>* described = nullptr;
         bool routed = false;  ///< `routes` fit the bindings
         std::vector<Route> routes;
-        bool allBound = false;  ///< `routes` lead to every column
+        std::vector<int> unbound;  ///< the columns that no route leads to
         SQLUSMALLINT partColumn =
             0;  ///< column of the last `getData` on this row, and how far it got
         size_t partOffset = 0;
+
+        SQLULEN rowNumber() const noexcept { return rowsRead - block + position + 1; }
     };
 
     /// What the application has set; outlives executions.
@@ -166,9 +200,13 @@ class Statement final : public Handle {
     void watchRows();
 
     void chooseRoutes();
+    bool nextRow();
+    bool deliverOrReport(bool single);
     void lookAhead();
     void deliverRow();
-    Delivery deliver(const Converter& convert, int index, const Column& column,
+    void keep(int column, const Cell& cell);
+    Cell currentCell(int column);
+    Delivery deliver(const Converter& convert, const Cell& cell, int index, const Column& column,
                      const Target& target);
     std::string place(const Column& column, int index) const;
 

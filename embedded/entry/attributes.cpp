@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <iterator>
 #include <string>
+#include <type_traits>
+#include <variant>
 
 #include "core/connection.h"
 #include "core/environment.h"
@@ -57,10 +59,7 @@ constexpr FixedAttribute kFixedOfStatement[] = {
     {SQL_ATTR_MAX_ROWS, 0},
     {SQL_ATTR_METADATA_ID, SQL_FALSE},
     {SQL_ATTR_NOSCAN, SQL_NOSCAN_OFF},
-    {SQL_ATTR_QUERY_TIMEOUT, 0},
     {SQL_ATTR_RETRIEVE_DATA, SQL_RD_ON},
-    {SQL_ATTR_ROW_ARRAY_SIZE, 1},
-    {SQL_ATTR_ROW_BIND_TYPE, SQL_BIND_BY_COLUMN},
     {SQL_ATTR_USE_BOOKMARKS, SQL_UB_OFF},
 };
 
@@ -172,63 +171,72 @@ void getConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER valu
 
 // ---- statement
 
-void setStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value) {
-    const SQLULEN number = integerIn(value);
-    StatementOptions& options = statement.changeOptions();
+/// Where an attribute is kept; nothing for one that cannot be changed.
+using Field = std::variant<std::monostate, SQLULEN*, SQLULEN**, SQLUSMALLINT**>;
+
+Field fieldOf(StatementOptions& options, SQLINTEGER attribute) noexcept {
     switch (attribute) {
         case SQL_ATTR_PARAMSET_SIZE:
-            if (number == 0) throw badValue(attribute);
-            options.parameterSets = number;
-            break;
+            return &options.parameterSets;
         case SQL_ATTR_PARAM_BIND_TYPE:
-            options.layout.rowSize = number;
-            break;
+            return &options.layout.rowSize;
         case SQL_ATTR_PARAM_BIND_OFFSET_PTR:
-            options.parameterOffset = static_cast<SQLULEN*>(value);
-            break;
+            return &options.parameterOffset;
         case SQL_ATTR_PARAM_STATUS_PTR:
-            options.parameterReport.status = static_cast<SQLUSMALLINT*>(value);
-            break;
+            return &options.parameterReport.status;
         case SQL_ATTR_PARAMS_PROCESSED_PTR:
-            options.parameterReport.processed = static_cast<SQLULEN*>(value);
-            break;
+            return &options.parameterReport.processed;
+        case SQL_ATTR_QUERY_TIMEOUT:
+            return &options.execution.timeout;
+        case SQL_ATTR_ROW_ARRAY_SIZE:
+            return &options.rowArraySize;
+        case SQL_ATTR_ROW_BIND_TYPE:
+            return &options.rowSize;
+        case SQL_ATTR_ROW_BIND_OFFSET_PTR:
+            return &options.rowOffset;
         case SQL_ATTR_ROW_STATUS_PTR:
-            options.rowStatus = static_cast<SQLUSMALLINT*>(value);
-            break;
+            return &options.rowStatus;
         case SQL_ATTR_ROWS_FETCHED_PTR:
-            options.rowsFetched = static_cast<SQLULEN*>(value);
-            break;
+            return &options.rowsFetched;
         default:
-            setFixed(kFixedOfStatement, attribute, number);
+            return {};
+    }
+}
+
+void setStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value) {
+    const SQLULEN number = integerIn(value);
+    const bool isArray =
+        attribute == SQL_ATTR_PARAMSET_SIZE || attribute == SQL_ATTR_ROW_ARRAY_SIZE;
+    if (isArray && number == 0) throw badValue(attribute);
+    const Field field = fieldOf(statement.changeOptions(), attribute);
+    if (auto* const* place = std::get_if<SQLULEN*>(&field)) {
+        **place = number;
+    } else if (auto* const* numbers = std::get_if<SQLULEN**>(&field)) {
+        **numbers = static_cast<SQLULEN*>(value);
+    } else if (auto* const* states = std::get_if<SQLUSMALLINT**>(&field)) {
+        **states = static_cast<SQLUSMALLINT*>(value);
+    } else {
+        setFixed(kFixedOfStatement, attribute, number);
     }
 }
 
 void getStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value,
                   SQLINTEGER* length) {
-    const StatementOptions& options = statement.options();
-    switch (attribute) {
-        case SQL_ATTR_PARAMSET_SIZE:
-            return output(value, options.parameterSets, length);
-        case SQL_ATTR_PARAM_BIND_TYPE:
-            return output(value, options.layout.rowSize, length);
-        case SQL_ATTR_PARAM_BIND_OFFSET_PTR:
-            return output(value, options.parameterOffset, length);
-        case SQL_ATTR_PARAM_STATUS_PTR:
-            return output(value, options.parameterReport.status, length);
-        case SQL_ATTR_PARAMS_PROCESSED_PTR:
-            return output(value, options.parameterReport.processed, length);
-        case SQL_ATTR_ROW_STATUS_PTR:
-            return output(value, options.rowStatus, length);
-        case SQL_ATTR_ROWS_FETCHED_PTR:
-            return output(value, options.rowsFetched, length);
-        case SQL_ATTR_ROW_NUMBER:
-            return output(value, statement.rowNumber(), length);
-        default:
-            if (const FixedAttribute* fixed = find(kFixedOfStatement, attribute)) {
-                return output(value, fixed->value, length);
+    if (attribute == SQL_ATTR_ROW_NUMBER) return output(value, statement.rowNumber(), length);
+    StatementOptions options = statement.options();
+    const bool found = std::visit(
+        [&](auto field) {
+            if constexpr (!std::is_same_v<decltype(field), std::monostate>) {
+                output(value, *field, length);
+                return true;
             }
-            throw unknownAttribute(attribute);
-    }
+            return false;
+        },
+        fieldOf(options, attribute));
+    if (found) return;
+    const FixedAttribute* fixed = find(kFixedOfStatement, attribute);
+    if (!fixed) throw unknownAttribute(attribute);
+    output(value, fixed->value, length);
 }
 
 }  // namespace

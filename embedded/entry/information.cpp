@@ -13,16 +13,19 @@
 namespace embedded {
 namespace {
 
-struct TextInfo {
+struct OwnInfo {
     SQLUSMALLINT type;
-    const char* value;
+    const char* text;  ///< null: a number
+    SQLUINTEGER number = 0;
 };
 
 /// Facts about this runtime, whichever engine runs, and before one does.
-constexpr TextInfo kOwn[] = {
+constexpr OwnInfo kOwn[] = {
     {SQL_DRIVER_NAME, "libvordart.x64.so.6"},
     {SQL_DRIVER_ODBC_VER, "03.00"},
     {SQL_DRIVER_VER, "06.00.0000"},
+    {SQL_GETDATA_EXTENSIONS, nullptr,
+     SQL_GD_ANY_COLUMN | SQL_GD_ANY_ORDER | SQL_GD_BLOCK | SQL_GD_BOUND},
 };
 
 template <class T>
@@ -33,8 +36,8 @@ void outputNumber(T answer, SQLPOINTER value, SQLSMALLINT* length) noexcept {
 
 Information informationOf(Connection& connection, SQLUSMALLINT type) {
     const auto own = std::find_if(std::begin(kOwn), std::end(kOwn),
-                                  [type](const TextInfo& entry) { return entry.type == type; });
-    if (own != std::end(kOwn)) return own->value;
+                                  [type](const OwnInfo& entry) { return entry.type == type; });
+    if (own != std::end(kOwn)) return own->text ? Information(own->text) : Information(own->number);
     if (auto answer = connection.database().information(type)) return std::move(*answer);
     throw Error("HY096", "Unknown information type " + std::to_string(type) + ".");
 }

@@ -3,6 +3,8 @@
 /// Each is the function of the ODBC standard with the same name behind "RT_", and takes in front of
 /// the standard arguments the path of the library that calls it, which is not used.
 ///
+/// `extensions.h` has what goes beyond the standard.
+///
 /// All texts are UTF-8 with lengths in bytes, in both directions, in the wide functions (…W) too:
 /// there SQLWCHAR* stands for the same 8-bit text as SQLCHAR* does in the narrow ones, and
 /// SQL_C_WCHAR for the same data as SQL_C_CHAR. Each pair is therefore one function under two
@@ -78,6 +80,8 @@ RT_FUNCTION(SQLBindCol, SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT cTy
 RT_FUNCTION(SQLFetch, SQLHSTMT statement);
 RT_FUNCTION(SQLGetData, SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT cType,
             SQLPOINTER target, SQLLEN capacity, SQLLEN* indicator);
+RT_FUNCTION(SQLSetPos, SQLHSTMT statement, SQLSETPOSIROW row, SQLUSMALLINT operation,
+            SQLUSMALLINT lock);
 RT_FUNCTION(SQLMoreResults, SQLHSTMT statement);
 RT_FUNCTION(SQLCloseCursor, SQLHSTMT statement);
 
@@ -85,6 +89,8 @@ RT_FUNCTION(SQLCloseCursor, SQLHSTMT statement);
 RT_FUNCTION_PAIR(SQLGetDiagRec, SQLSMALLINT type, SQLHANDLE handle, SQLSMALLINT number,
                  SQLCHAR* state, SQLINTEGER* native, SQLCHAR* message, SQLSMALLINT capacity,
                  SQLSMALLINT* length);
+RT_FUNCTION_PAIR(SQLGetDiagField, SQLSMALLINT type, SQLHANDLE handle, SQLSMALLINT number,
+                 SQLSMALLINT field, SQLPOINTER value, SQLSMALLINT capacity, SQLSMALLINT* length);
 RT_FUNCTION_PAIR(SQLError, SQLHENV environment, SQLHDBC connection, SQLHSTMT statement,
                  SQLCHAR* state, SQLINTEGER* native, SQLCHAR* message, SQLSMALLINT capacity,
                  SQLSMALLINT* length);

@@ -7,14 +7,19 @@
 #include "core/statement.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
+#include "extensions.h"
 #include "values/text.h"
 
 namespace embedded {
 namespace {
 
-void checkTarget(SQLSMALLINT cType, SQLLEN capacity) {
+void checkTarget(SQLSMALLINT cType, SQLLEN capacity, const SQLLEN* indicator) {
     if (capacity < 0)
         throw Error("HY090", "Invalid buffer length " + std::to_string(capacity) + ".");
+    if (cType == kCellCType && (capacity < kSmallestCell || !indicator)) {
+        throw Error("HY090", "A cell needs a buffer of " + std::to_string(kSmallestCell) +
+                                 " bytes and an indicator.");
+    }
     if (isDeliverable(cType)) return;
     if (cType == SQL_C_NUMERIC || cType == SQL_C_GUID) {
         throw notSupported("Values cannot be delivered in the C type " + std::to_string(cType) +
@@ -130,7 +135,7 @@ SQLRETURN RT_SQLBindCol(const char*, SQLHSTMT handle, SQLUSMALLINT column, SQLSM
                         SQLPOINTER target, SQLLEN capacity, SQLLEN* indicator) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
         if (column == 0) throw Error("07009", "Columns are numbered from 1.", native::kRange);
-        if (target) checkTarget(cType, capacity);
+        if (target) checkTarget(cType, capacity, indicator);
         statement.bindColumn(column, {cType, target, capacity, indicator});
         return SQL_SUCCESS;
     });
@@ -143,9 +148,19 @@ SQLRETURN RT_SQLFetch(const char*, SQLHSTMT handle) {
 SQLRETURN RT_SQLGetData(const char*, SQLHSTMT handle, SQLUSMALLINT column, SQLSMALLINT cType,
                         SQLPOINTER target, SQLLEN capacity, SQLLEN* indicator) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        checkTarget(cType, capacity);
+        checkTarget(cType, capacity, indicator);
         if (!target) throw Error("HY009", "There is no buffer for the value.", native::kMisuse);
         return statement.getData(column, cType, {target, capacity, indicator, nullptr});
+    });
+}
+
+SQLRETURN RT_SQLSetPos(const char*, SQLHSTMT handle, SQLSETPOSIROW row, SQLUSMALLINT operation,
+                       SQLUSMALLINT lock) {
+    return withHandle<Statement>(handle, [&](Statement& statement) {
+        if (operation != SQL_POSITION || lock != SQL_LOCK_NO_CHANGE)
+            throw notSupported("Rows can be pointed at, and neither changed nor locked.");
+        statement.setPosition(row);
+        return SQL_SUCCESS;
     });
 }
 

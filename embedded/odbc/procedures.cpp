@@ -270,7 +270,7 @@ class ParameterQuery final : public Program {
     int parameterCount() override { return m_marker; }
     const std::vector<Column>& columns() override { return m_columns; }
     int columnCount() override { return static_cast<int>(m_columns.size()); }
-    Outcome execute(ParameterSets& sets) override;
+    Outcome execute(ParameterSets& sets, const ExecutionOptions&) override;
 
   private:
     OdbcDatabase& m_database;
@@ -280,7 +280,7 @@ class ParameterQuery final : public Program {
     int m_marker = 0;  ///< of the name; 0: it stands in the text
 };
 
-Outcome ParameterQuery::execute(ParameterSets& sets) {
+Outcome ParameterQuery::execute(ParameterSets& sets, const ExecutionOptions&) {
     if (sets.count() > 1) {
         throw notSupported("A query cannot be executed with several parameter sets.");
     }

@@ -40,7 +40,7 @@ class OdbcProgram final : public Program {
     int parameterCount() override { return m_sql.parameters; }
     const std::vector<Column>& columns() override;
     int columnCount() override { return static_cast<int>(columns().size()); }
-    Outcome execute(ParameterSets& sets) override;
+    Outcome execute(ParameterSets& sets, const ExecutionOptions& options) override;
 
   private:
     void useStatement(std::string types);
@@ -121,7 +121,7 @@ const std::vector<Column>& OdbcProgram::columns() {
     return m_described;
 }
 
-Outcome OdbcProgram::execute(ParameterSets& sets) {
+Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& options) {
     m_database.requireConnection();
     sets.require(m_sql.parameters);
     OdbcParameters parameters(sets, m_sql.numbers, m_database.habits());
@@ -129,6 +129,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets) {
         return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
     };
     useStatement(parameters.types());
+    m_statement->setTimeout(options.timeout);
     for (const size_t position : m_statement->booleans) {
         if (parameters.mayBeBooleans(position)) parameters.sendAsBooleans(position);
     }
@@ -200,7 +201,9 @@ bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
 bool OdbcProgram::renewPlan(const Error& error) {
     const char* const stalePlan = m_database.dialect().stalePlan;
     if (!m_statement->prepared || !stalePlan || error.state() != stalePlan) return false;
+    const SQLULEN timeout = m_statement->timeout();
     m_statement = std::make_shared<OdbcStatement>(m_database);
+    m_statement->setTimeout(timeout);
     return true;
 }
 

@@ -39,6 +39,18 @@ class OdbcStatement {
         return manager().SQLSetStmtAttrW(get(), attribute, value, 0);
     }
 
+    /// Seconds after which an execution fails; 0 for never. Throws if the driver has no such limit.
+    void setTimeout(SQLULEN seconds) {
+        if (seconds == m_timeout) return;
+        const SQLRETURN result = set(SQL_ATTR_QUERY_TIMEOUT, reinterpret_cast<SQLPOINTER>(seconds));
+        m_handle.check(result);
+        // The driver has changed the value.
+        if (result != SQL_SUCCESS && m_handle.state() == "01S02")
+            throw notSupported("The driver has no such timeout for queries.");
+        m_timeout = seconds;
+    }
+    SQLULEN timeout() const noexcept { return m_timeout; }
+
     // What became of it, while it is used for one text.
     bool executed = false;
     bool prepared = false;
@@ -67,6 +79,7 @@ class OdbcStatement {
 
     OdbcDatabase& m_database;
     OdbcHandle m_handle;
+    SQLULEN m_timeout = 0;
 };
 
 }  // namespace embedded

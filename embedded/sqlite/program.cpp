@@ -70,7 +70,7 @@ void SqliteProgram::rewind() noexcept {
     sqlite3_clear_bindings(m_compiled.get());
 }
 
-Outcome SqliteProgram::execute(ParameterSets& sets) {
+Outcome SqliteProgram::execute(ParameterSets& sets, const ExecutionOptions&) {
     const Verb verb = m_compiled.sql().verb;
     m_described.reset();
     m_database.finishUndo();

@@ -20,7 +20,7 @@ class SqliteProgram final : public Program {
     int parameterCount() override;
     const std::vector<Column>& columns() override;
     int columnCount() override;
-    Outcome execute(ParameterSets& sets) override;
+    Outcome execute(ParameterSets& sets, const ExecutionOptions&) override;
     void rewind() noexcept override;
 
   private:

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "core/message.h"
+#include "extensions.h"
 #include "values/numbers.h"
 #include "values/temporal.h"
 #include "values/text.h"
@@ -116,13 +117,20 @@ Delivery toHexText(const Cell& cell, const ColumnType& column, const Target& tar
     return storeBytes(hex, target, true);
 }
 
-Delivery toDecimalText(const Cell& cell, const ColumnType& column, const Target& target) {
-    if (cell.kind == Cell::Kind::Integer) return toText(cell, column, target);
+/// The digits of a decimal number; those of an integer need no more than its own text.
+std::string decimalOf(const Cell& cell) {
+    NumberBuffer buffer;
     std::optional<std::string> digits;
+    if (cell.kind == Cell::Kind::Integer) digits = formatInteger(cell.integer, buffer);
     if (cell.kind == Cell::Kind::Text) digits = plainDecimal(cell.bytes);
     if (cell.kind == Cell::Kind::Real) digits = plainDecimal(cell.real);
     if (!digits) refuse(kInvalid, cell, "a decimal number");
-    return storeBytes(*digits, target, true);
+    return *digits;
+}
+
+Delivery toDecimalText(const Cell& cell, const ColumnType& column, const Target& target) {
+    if (cell.kind == Cell::Kind::Integer) return toText(cell, column, target);
+    return storeBytes(decimalOf(cell), target, true);
 }
 
 Delivery toBinary(const Cell& cell, const ColumnType&, const Target& target) {
@@ -250,6 +258,16 @@ Delivery toTime(const Cell& cell, const ColumnType& column, const Target& target
         target);
 }
 
+SQL_TIMESTAMP_STRUCT stampOf(const DateTime& value) noexcept {
+    return {narrow<SQLSMALLINT>(value.year),
+            narrow<SQLUSMALLINT>(value.month),
+            narrow<SQLUSMALLINT>(value.day),
+            narrow<SQLUSMALLINT>(value.hour),
+            narrow<SQLUSMALLINT>(value.minute),
+            narrow<SQLUSMALLINT>(value.second),
+            value.nanosecond};
+}
+
 Delivery toTimestamp(const Cell& cell, const ColumnType& column, const Target& target) {
     Temporal parsed = temporalOf(cell, column, "a date or time");
     DateTime& value = parsed.value;
@@ -258,44 +276,118 @@ Delivery toTimestamp(const Cell& cell, const ColumnType& column, const Target& t
         value.month = kTimeMonth;
         value.day = kTimeDay;
     }
-    return store(
-        SQL_TIMESTAMP_STRUCT{narrow<SQLSMALLINT>(value.year), narrow<SQLUSMALLINT>(value.month),
-                             narrow<SQLUSMALLINT>(value.day), narrow<SQLUSMALLINT>(value.hour),
-                             narrow<SQLUSMALLINT>(value.minute), narrow<SQLUSMALLINT>(value.second),
-                             value.nanosecond},
-        target);
+    return store(stampOf(value), target);
+}
+
+// ---- cells as what they are
+
+constexpr size_t kTagSize = offsetof(VordaCell, bytes);
+
+void storeTag(CellKind kind, const Target& target) noexcept {
+    const std::int32_t tag[] = {static_cast<std::int32_t>(kind), 0};
+    static_assert(sizeof tag == kTagSize);
+    std::memcpy(target.buffer, tag, sizeof tag);
+}
+
+Target behindTag(const Target& target) noexcept {
+    return {static_cast<char*>(target.buffer) + kTagSize,
+            target.capacity - static_cast<SQLLEN>(kTagSize), target.indicator, target.partOffset};
+}
+
+template <class T>
+Delivery storeTagged(CellKind kind, const T& value, const Target& target) {
+    storeTag(kind, target);
+    return store(value, behindTag(target));
+}
+
+Delivery storeTaggedBytes(CellKind kind, std::string_view value, const Target& target) {
+    storeTag(kind, target);
+    return storeBytes(value, behindTag(target), false);
+}
+
+Delivery storeTaggedTemporal(CellKind kind, const Temporal& value, const Target& target) {
+    return storeTagged(kind, stampOf(value.value), target);
+}
+
+/// For the columns of types that hold any value.
+Delivery toTagged(const Cell& cell, const ColumnType&, const Target& target) {
+    switch (cell.kind) {
+        case Cell::Kind::Integer:
+            return storeTagged(CellKind::Integer, cell.integer, target);
+        case Cell::Kind::Real:
+            return storeTagged(CellKind::Real, cell.real, target);
+        case Cell::Kind::Text:
+            return storeTaggedBytes(CellKind::Text, cell.bytes, target);
+        case Cell::Kind::Binary:
+            return storeTaggedBytes(CellKind::Blob, cell.bytes, target);
+        case Cell::Kind::Temporal: {
+            constexpr CellKind kKinds[] = {CellKind::Date, CellKind::Time, CellKind::Timestamp};
+            return storeTaggedTemporal(kKinds[static_cast<size_t>(cell.temporal->shape)],
+                                       *cell.temporal, target);
+        }
+        default:
+            return deliverNull(target);
+    }
+}
+
+/// For the columns of the others.
+Delivery toTaggedOfType(const Cell& cell, const ColumnType& column, const Target& target) {
+    switch (column.sqlType) {
+        case SQL_DECIMAL:
+            return storeTaggedBytes(CellKind::Decimal, decimalOf(cell), target);
+        case SQL_TYPE_DATE:
+            return storeTaggedTemporal(CellKind::Date, temporalOf(cell, column, "a date"), target);
+        case SQL_TYPE_TIME:
+            return storeTaggedTemporal(CellKind::Time, temporalOf(cell, column, "a time of day"),
+                                       target);
+        case SQL_TYPE_TIMESTAMP:
+            return storeTaggedTemporal(CellKind::Timestamp, temporalOf(cell, column, "a timestamp"),
+                                       target);
+        default:
+            if (cell.kind != Cell::Kind::Integer || cell.integer < 0 || cell.integer > 1)
+                refuse(kInvalid, cell, "0 or 1");
+            return toTagged(cell, column, target);
+    }
+}
+
+bool isChecked(SQLSMALLINT sqlType) noexcept {
+    constexpr SQLSMALLINT kChecked[] = {SQL_BIT, SQL_DECIMAL, SQL_TYPE_DATE, SQL_TYPE_TIME,
+                                        SQL_TYPE_TIMESTAMP};
+    return std::find(std::begin(kChecked), std::end(kChecked), sqlType) != std::end(kChecked);
 }
 
 struct Conversion {
     SQLSMALLINT cType;
     Converter converter;
+    size_t size = 0;  ///< bytes of a value; 0 where the buffer's length counts
 };
 
 constexpr Conversion kConversions[] = {
+    {kCellCType, toTagged},
     {SQL_C_WCHAR, toText},
     {SQL_C_CHAR, toText},
     {SQL_C_BINARY, toBinary},
-    {SQL_C_SBIGINT, toInteger<SQLBIGINT>},
-    {SQL_C_UBIGINT, toInteger<SQLUBIGINT>},
-    {SQL_C_LONG, toInteger<SQLINTEGER>},
-    {SQL_C_SLONG, toInteger<SQLINTEGER>},
-    {SQL_C_ULONG, toInteger<SQLUINTEGER>},
-    {SQL_C_SHORT, toInteger<SQLSMALLINT>},
-    {SQL_C_SSHORT, toInteger<SQLSMALLINT>},
-    {SQL_C_USHORT, toInteger<SQLUSMALLINT>},
+    {SQL_C_SBIGINT, toInteger<SQLBIGINT>, sizeof(SQLBIGINT)},
+    {SQL_C_UBIGINT, toInteger<SQLUBIGINT>, sizeof(SQLUBIGINT)},
+    {SQL_C_LONG, toInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
+    {SQL_C_SLONG, toInteger<SQLINTEGER>, sizeof(SQLINTEGER)},
+    {SQL_C_ULONG, toInteger<SQLUINTEGER>, sizeof(SQLUINTEGER)},
+    {SQL_C_SHORT, toInteger<SQLSMALLINT>, sizeof(SQLSMALLINT)},
+    {SQL_C_SSHORT, toInteger<SQLSMALLINT>, sizeof(SQLSMALLINT)},
+    {SQL_C_USHORT, toInteger<SQLUSMALLINT>, sizeof(SQLUSMALLINT)},
     // The standard leaves the sign of the plain form open; bytes from 0 to 255 here, both ways.
-    {SQL_C_TINYINT, toInteger<SQLCHAR>},
-    {SQL_C_STINYINT, toInteger<SQLSCHAR>},
-    {SQL_C_UTINYINT, toInteger<SQLCHAR>},
-    {SQL_C_BIT, toBit},
-    {SQL_C_DOUBLE, toDouble},
-    {SQL_C_FLOAT, toFloat},
-    {SQL_C_DATE, toDate},
-    {SQL_C_TYPE_DATE, toDate},
-    {SQL_C_TIME, toTime},
-    {SQL_C_TYPE_TIME, toTime},
-    {SQL_C_TIMESTAMP, toTimestamp},
-    {SQL_C_TYPE_TIMESTAMP, toTimestamp},
+    {SQL_C_TINYINT, toInteger<SQLCHAR>, sizeof(SQLCHAR)},
+    {SQL_C_STINYINT, toInteger<SQLSCHAR>, sizeof(SQLSCHAR)},
+    {SQL_C_UTINYINT, toInteger<SQLCHAR>, sizeof(SQLCHAR)},
+    {SQL_C_BIT, toBit, sizeof(SQLCHAR)},
+    {SQL_C_DOUBLE, toDouble, sizeof(SQLDOUBLE)},
+    {SQL_C_FLOAT, toFloat, sizeof(SQLREAL)},
+    {SQL_C_DATE, toDate, sizeof(SQL_DATE_STRUCT)},
+    {SQL_C_TYPE_DATE, toDate, sizeof(SQL_DATE_STRUCT)},
+    {SQL_C_TIME, toTime, sizeof(SQL_TIME_STRUCT)},
+    {SQL_C_TYPE_TIME, toTime, sizeof(SQL_TIME_STRUCT)},
+    {SQL_C_TIMESTAMP, toTimestamp, sizeof(SQL_TIMESTAMP_STRUCT)},
+    {SQL_C_TYPE_TIMESTAMP, toTimestamp, sizeof(SQL_TIMESTAMP_STRUCT)},
 };
 
 const Conversion* conversionTo(SQLSMALLINT cType) noexcept {
@@ -310,10 +402,15 @@ bool isDeliverable(SQLSMALLINT cType) noexcept {
     return cType == SQL_C_DEFAULT || conversionTo(cType) != nullptr;
 }
 
+size_t elementSize(SQLSMALLINT cType, const ColumnType& column) noexcept {
+    return conversionTo(cType == SQL_C_DEFAULT ? traitsOf(column.sqlType).cType : cType)->size;
+}
+
 Converter converterFor(SQLSMALLINT cType, const ColumnType& column) noexcept {
     if (cType == SQL_C_DEFAULT) cType = traitsOf(column.sqlType).cType;
     const Conversion* conversion = conversionTo(cType);
     if (!conversion) return nullptr;
+    if (conversion->converter == toTagged && isChecked(column.sqlType)) return toTaggedOfType;
     if (conversion->converter == toText && column.sqlType == SQL_DECIMAL) return toDecimalText;
     if (conversion->converter == toText && column.sqlType == SQL_VARBINARY) return toHexText;
     return conversion->converter;
@@ -324,9 +421,11 @@ Delivery deliverNull(const Target& target) {
         if (*target.partOffset != 0) return Delivery::Nothing;
         *target.partOffset = 1;
     }
-    if (!target.indicator)
+    if (target.tagged)
+        storeTag(CellKind::Null, target);
+    else if (!target.indicator)
         throw ConversionError("22002", "the value is NULL and there is no indicator for it");
-    *target.indicator = SQL_NULL_DATA;
+    if (target.indicator) *target.indicator = SQL_NULL_DATA;
     return Delivery::Whole;
 }
 

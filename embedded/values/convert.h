@@ -14,10 +14,10 @@ namespace embedded {
 /// Where a converted value goes.
 struct Target {
     void* buffer;
-    SQLLEN capacity;    ///< bytes; for text and binary only
-    SQLLEN* indicator;  ///< receives the length or SQL_NULL_DATA; may be null
-    size_t*
-        partOffset;  ///< bytes read before, when a value is read in parts; null for a bound column
+    SQLLEN capacity;      ///< bytes; for text and binary only
+    SQLLEN* indicator;    ///< receives the length or SQL_NULL_DATA; may be null
+    size_t* partOffset;   ///< bytes read before, in parts; null for a bound column
+    bool tagged = false;  ///< the buffer is a `VordaCell`
 };
 
 enum class Delivery {
@@ -43,10 +43,14 @@ using Converter = Delivery (*)(const Cell& cell, const ColumnType& column, const
 /// Whether values can be delivered in the C type `cType`. SQL_C_DEFAULT can.
 bool isDeliverable(SQLSMALLINT cType) noexcept;
 
+/// Bytes from value to value in a bound array of a deliverable C type; 0 for those whose buffer
+/// length says it.
+size_t elementSize(SQLSMALLINT cType, const ColumnType& column) noexcept;
+
 /// The conversion of a column into a deliverable C type, chosen once per column, not per value.
 Converter converterFor(SQLSMALLINT cType, const ColumnType& column) noexcept;
 
-/// Stores SQL_NULL_DATA; throws 22002 when there is no indicator to store it in.
+/// Stores SQL_NULL_DATA; throws 22002 when there is neither an indicator nor a tag to say so.
 Delivery deliverNull(const Target& target);
 
 }  // namespace embedded

@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <cmath>
 #include <optional>
 
+#include "extensions.h"
 #include "fixture.h"
 
 namespace embedded_test {
@@ -267,6 +269,163 @@ TEST_F(FetchTest, AFailureIsReportedAtItsRow) {
     EXPECT_EQ("24000", statement.stateOf(statement.fetch()));  // the cursor is closed
 }
 
+struct BoundRow {
+    char text[8];
+    SQLLEN textLength;
+    SQLBIGINT number;
+    SQLLEN numberLength;
+};
+
+// Four rows at a time, of which the third fails and the second's text is cut.
+TEST_F(FetchTest, BlocksDeliverAllRowsButThoseThatFail) {
+    connection.must("CREATE TABLE t (a TEXT, b INTEGER, c BLOB)");
+    connection.must(
+        "INSERT INTO t VALUES ('one', 1, x'01'), ('longer than eight', 2, NULL), ('three', 'bad', "
+        "''), (NULL, 4, x'0404'), ('five', 5, NULL)");
+    for (const bool byRow : {false, true}) {
+        for (const bool allBound : {false, true}) {
+            Statement statement(connection.handle);
+            BoundRow rows[5] = {};
+            char texts[4][8];
+            SQLLEN lengths[4] = {};
+            SQLBIGINT numbers[4] = {};
+            SQLLEN numberLengths[4] = {};
+            SQLUSMALLINT status[4] = {};
+            SQLULEN fetched = 99;
+            SQLULEN offset = sizeof(BoundRow);
+            const auto pointer = [&](SQLINTEGER attribute, void* value) {
+                statement.set(attribute, reinterpret_cast<SQLULEN>(value));
+            };
+            const auto bind = [&](SQLUSMALLINT number, SQLSMALLINT cType, void* value,
+                                  SQLLEN* length) {
+                RT_SQLBindCol(kDriver, statement.handle, number, cType, value, 8, length);
+            };
+            statement.set(SQL_ATTR_ROW_ARRAY_SIZE, 4);
+            pointer(SQL_ATTR_ROW_STATUS_PTR, status);
+            pointer(SQL_ATTR_ROWS_FETCHED_PTR, &fetched);
+            if (byRow) {
+                statement.set(SQL_ATTR_ROW_BIND_TYPE, sizeof(BoundRow));
+                pointer(SQL_ATTR_ROW_BIND_OFFSET_PTR, &offset);
+                bind(1, SQL_C_CHAR, rows[0].text, &rows[0].textLength);
+                bind(2, SQL_C_SBIGINT, &rows[0].number, &rows[0].numberLength);
+            } else {
+                bind(1, SQL_C_CHAR, texts, lengths);
+                bind(2, SQL_C_SBIGINT, numbers, numberLengths);
+            }
+            ASSERT_EQ(SQL_SUCCESS,
+                      statement.run(allBound ? "SELECT a, b FROM t" : "SELECT a, b, c FROM t"));
+            ASSERT_EQ(SQL_SUCCESS_WITH_INFO, statement.fetch());
+            const std::vector<SQLUSMALLINT> expected{SQL_ROW_SUCCESS, SQL_ROW_SUCCESS_WITH_INFO,
+                                                     SQL_ROW_ERROR, SQL_ROW_SUCCESS};
+            EXPECT_EQ(expected, std::vector<SQLUSMALLINT>(status, status + 4));
+            EXPECT_EQ(4U, fetched);
+            EXPECT_STREQ("longer ", byRow ? rows[2].text : texts[1]);
+            EXPECT_EQ(17, byRow ? rows[2].textLength : lengths[1]);
+            EXPECT_EQ(SQL_NULL_DATA, byRow ? rows[4].textLength : lengths[3]);
+            EXPECT_EQ(4, byRow ? rows[4].number : numbers[3]);
+            // The failure stands in front of the warning, with the number of its row.
+            EXPECT_TRUE(statement.error().says("\"b\", row 3: the text 'bad'"));
+            SQLLEN row = 0;
+            RT_SQLGetDiagField(kDriver, SQL_HANDLE_STMT, statement.handle, 1, SQL_DIAG_ROW_NUMBER,
+                               &row, 0, nullptr);
+            EXPECT_EQ(3, row);
+            EXPECT_EQ("01004", statement.error(2).state);
+            // What was cut is there whole, in parts too, and so is what was not bound.
+            const auto position = [&](SQLSETPOSIROW number) {
+                return statement.stateOf(RT_SQLSetPos(kDriver, statement.handle, number,
+                                                      SQL_POSITION, SQL_LOCK_NO_CHANGE));
+            };
+            EXPECT_EQ("HY107", position(5));
+            EXPECT_EQ("", position(4));
+            EXPECT_EQ(allBound ? "!07009" : "0404", statement.get(3));
+            EXPECT_EQ("", position(2));
+            EXPECT_EQ(allBound ? "!07009" : "NULL", statement.get(3));
+            char part[10];
+            RT_SQLGetData(kDriver, statement.handle, 1, SQL_C_CHAR, part, sizeof part, nullptr);
+            EXPECT_EQ("longer than eight", part + statement.get(1));
+            EXPECT_EQ("!07009", statement.get(2));
+            ASSERT_EQ(SQL_SUCCESS, statement.fetch());
+            EXPECT_EQ(1U, fetched);
+            EXPECT_EQ(SQL_ROW_NOROW, status[1]);
+            EXPECT_EQ(5, byRow ? rows[1].number : numbers[0]);
+            EXPECT_EQ(SQL_NO_DATA, statement.fetch());
+        }
+    }
+}
+
+TEST_F(FetchTest, AFailureBehindRowsIsReportedByTheNextFetch) {
+    Statement statement(connection.handle);
+    SQLBIGINT values[5] = {};
+    statement.set(SQL_ATTR_ROW_ARRAY_SIZE, 5);
+    RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_SBIGINT, values, 0, nullptr);
+    ASSERT_EQ(SQL_SUCCESS,
+              statement.run("SELECT abs(column1) FROM (VALUES (1), (-2), (-9223372036854775808))"));
+    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+    EXPECT_EQ(2, values[1]);
+    EXPECT_EQ("22003", statement.stateOf(statement.fetch()));
+    EXPECT_EQ("24000", statement.stateOf(statement.fetch()));
+}
+
+// Any column takes any cell, but those of types that promise something.
+TEST_F(FetchTest, CellsComeAsWhatTheyAre) {
+    const struct {
+        const char* type;
+        const char* literal;
+        const char* expected;
+    } cases[] = {{"INTEGER", "-7", "1:-7"},
+                 {"INTEGER", "'abc'", "3:abc"},
+                 {"TEXT", "x'4142'", "4:AB"},
+                 {"DOUBLE", "0.5", "2:0.5"},
+                 {"", "NULL", "0:"},
+                 {"TEXT", "''", "3:"},
+                 {"TEXT", "'twenty bytes and more'", "3:twenty bytes and"},
+                 {"DECIMAL(5,2)", "1.25", "5:1.25"},
+                 {"DECIMAL(5,2)", "7", "5:7"},
+                 {"BOOLEAN", "1", "1:1"},
+                 {"DATE", "'2020-01-02'", "6:2020-1-2 0:0:0.0"},
+                 {"TIME", "'03:04:05.006'", "7:0-0-0 3:4:5.6000000"},
+                 {"TIMESTAMP", "'2020-01-02 03:04'", "8:2020-1-2 3:4:0.0"},
+                 {"DECIMAL", "'abc'", "!22018"},
+                 {"BOOLEAN", "2", "!22018"},
+                 {"DATE", "'yesterday'", "!22018"},
+                 {"TIME", "5", "!22018"},
+                 {"TIMESTAMP", "x'00'", "!22018"}};
+    for (const auto& [type, literal, expected] : cases) {
+        embedded::VordaCell cell{};
+        SQLLEN length = -77;
+        const bool fetched =
+            fetchInto(type, literal, embedded::kCellCType, &cell, sizeof cell, &length);
+        std::string shown = fetched ? std::to_string(static_cast<int>(cell.kind)) + ":" : "!";
+        const size_t here = std::min<size_t>(sizeof cell.bytes, length > 0 ? length : 0);
+        char text[64] = "";
+        switch (cell.kind) {
+            case embedded::CellKind::Null:
+                EXPECT_TRUE(!fetched || length == SQL_NULL_DATA);
+                if (!fetched) shown += last.state;
+                break;
+            case embedded::CellKind::Integer:
+                shown += std::to_string(cell.integer);
+                break;
+            case embedded::CellKind::Real:
+                std::snprintf(text, sizeof text, "%g", cell.real);
+                shown += text;
+                break;
+            case embedded::CellKind::Date:
+            case embedded::CellKind::Time:
+            case embedded::CellKind::Timestamp: {
+                const auto& v = cell.stamp;
+                std::snprintf(text, sizeof text, "%d-%d-%d %d:%d:%d.%u", v.year, v.month, v.day,
+                              v.hour, v.minute, v.second, v.fraction);
+                shown += text;
+                break;
+            }
+            default:
+                shown.append(cell.bytes, here);
+        }
+        EXPECT_EQ(expected, shown) << type << literal;
+    }
+}
+
 TEST_F(FetchTest, ImpossibleBindingsAreRefused) {
     Statement statement(connection.handle);
     char buffer[20];
@@ -278,6 +437,7 @@ TEST_F(FetchTest, ImpossibleBindingsAreRefused) {
     EXPECT_EQ("HY090", bind(1, SQL_C_WCHAR, -1));
     EXPECT_EQ("HYC00", bind(1, SQL_C_NUMERIC, 19));
     EXPECT_EQ("HY003", bind(1, 4711, 19));
+    EXPECT_EQ("HY090", bind(1, embedded::kCellCType, sizeof buffer));
     EXPECT_EQ("", bind(1, SQL_C_DEFAULT, 19));
     // Not more columns are delivered than there are.
     EXPECT_EQ("", bind(40, SQL_C_WCHAR, 5));

@@ -1,0 +1,44 @@
+/// What this runtime adds to the ODBC standard. Callers have copies: nothing here ever changes.
+#pragma once
+
+#include <sql.h>
+#include <sqlext.h>
+
+#include <cstddef>
+#include <cstdint>
+
+namespace embedded {
+
+/// SQL_C_VORDA_CELL, a C type for SQLBindCol and SQLGetData: a value as what it is, whatever its
+/// column is described as. The buffer, of `kSmallestCell` bytes at least, receives a `VordaCell`;
+/// texts, blobs and decimals go from offset 8 to the end of the buffer, without a terminator. The
+/// indicator, which is required, receives the value's length in bytes without the eight in front.
+inline constexpr SQLSMALLINT kCellCType = 0x4001;
+
+enum class CellKind : std::int32_t {
+    Null = 0,
+    Integer = 1,
+    Real = 2,
+    Text = 3,  ///< UTF-8
+    Blob = 4,
+    Decimal = 5,  ///< digits as a text, without exponent
+    Date = 6,     ///< these three in `stamp`, the parts that they do not have being 0
+    Time = 7,
+    Timestamp = 8,
+};
+
+struct VordaCell {
+    CellKind kind;
+    std::int32_t reserved;  ///< 0
+    union {
+        std::int64_t integer;
+        double real;
+        SQL_TIMESTAMP_STRUCT stamp;
+        char bytes[16];  ///< and on
+    };
+};
+
+inline constexpr SQLLEN kSmallestCell = sizeof(VordaCell);
+static_assert(kSmallestCell == 24 && offsetof(VordaCell, bytes) == 8);
+
+}  // namespace embedded
