@@ -1,0 +1,289 @@
+"""DB-API 2.0 in full, on any runtime: SQLite files, and every ODBC data source.
+
+    from vorda import dbapi
+    with dbapi.connect("shop.db") as connection:
+        connection.execute("INSERT INTO item (name, price) VALUES (?, ?)", ("nail", Decimal("0.02")))
+
+This is the face; what has to be fast is in the core, vorda._statement.
+"""
+
+import datetime
+import enum
+import functools
+import numbers
+import operator
+import re
+import time
+from decimal import Decimal
+from typing import Any, Callable, Dict, Iterable, List, Mapping, Optional, Sequence, Tuple, Type
+from uuid import UUID
+
+from . import __version__ as __version__
+from . import _statement
+
+apilevel = "2.0"
+threadsafety = 2
+paramstyle = "qmark"
+
+
+# --- errors -------------------------------------------------------------------------------------
+
+
+class Warning(Exception):
+    """Never raised: what a driver remarks on a connection is a UserWarning."""
+
+
+class Error(Exception):
+    """What all errors of this module are. `sqlstate` and `native_code` are the driver's, or None."""
+
+    sqlstate: Optional[str] = None
+    native_code: Optional[int] = None
+
+
+class InterfaceError(Error):
+    """The driver or the runtime, not the database, is in trouble; or a closed cursor was used."""
+
+
+class DatabaseError(Error):
+    """The database refused, for a reason that no other class stands for."""
+
+
+class DataError(DatabaseError):
+    """A value does not fit."""
+
+
+class OperationalError(DatabaseError):
+    """The connection, a lock, time, space: what may go well another time."""
+
+
+class IntegrityError(DatabaseError):
+    """A constraint does not hold."""
+
+
+class InternalError(DatabaseError):
+    """The database, or the transaction, is not in order."""
+
+
+class ProgrammingError(DatabaseError):
+    """The statement, its parameters, or the order of calls is wrong."""
+
+
+class NotSupportedError(DatabaseError):
+    """The database or its driver cannot do this."""
+
+
+_EXCEPTIONS = (Warning, Error, InterfaceError, DatabaseError, DataError, OperationalError, IntegrityError,
+               InternalError, ProgrammingError, NotSupportedError)
+
+# By the longest beginning of the SQLSTATE.
+_BY_STATE: Dict[str, Type[Error]] = {
+    **dict.fromkeys(("22",), DataError),
+    **dict.fromkeys(("23",), IntegrityError),
+    **dict.fromkeys(("08", "25006", "28", "40", "53", "54", "55", "57", "58", "HY001", "HY008", "HY013", "HYT", "HY018"),
+                    OperationalError),
+    **dict.fromkeys(("07", "21", "26", "3D", "3F", "42", "44", "HY009", "HY010", "HY011", "HY090"), ProgrammingError),
+    **dict.fromkeys(("0A", "HYC", "IM001"), NotSupportedError),
+    **dict.fromkeys(("25", "2D", "3B", "F0", "P0", "XX"), InternalError),
+    **dict.fromkeys(("24", "IM"), InterfaceError),
+}
+
+
+def _failure(records: List[Tuple[str, int, str]]) -> Error:
+    """The exception for what a driver says; called by the core."""
+    state, native, _ = records[0]
+    kind = next((_BY_STATE[state[:n]] for n in (5, 3, 2) if state[:n] in _BY_STATE), DatabaseError)
+    error = kind("\n".join(words for _, _, words in records))
+    error.sqlstate, error.native_code = state, native
+    return error
+
+
+# --- values -------------------------------------------------------------------------------------
+
+Date = datetime.date
+Time = datetime.time
+Timestamp = datetime.datetime
+Binary = bytes
+
+
+def DateFromTicks(ticks: float) -> datetime.date:
+    """The local date of a time in seconds since 1970."""
+    return Date(*time.localtime(ticks)[:3])
+
+
+def TimeFromTicks(ticks: float) -> datetime.time:
+    """The local time of day of a time in seconds since 1970."""
+    return Time(*time.localtime(ticks)[3:6])
+
+
+def TimestampFromTicks(ticks: float) -> datetime.datetime:
+    """The local date and time of a time in seconds since 1970."""
+    return Timestamp(*time.localtime(ticks)[:6])
+
+
+class _Types(frozenset):
+    """Equals each of the types it holds, which are those in descriptions."""
+
+    def __eq__(self, other: object) -> bool:
+        return other in self if isinstance(other, type) else frozenset.__eq__(self, other)
+
+    def __ne__(self, other: object) -> bool:
+        return not self == other
+
+    __hash__ = frozenset.__hash__
+
+
+STRING = _Types({str, UUID})
+BINARY = _Types({bytes})
+NUMBER = _Types({bool, int, float, Decimal})
+DATETIME = _Types({datetime.date, datetime.time, datetime.datetime})
+ROWID = _Types()
+
+_Adapter = Callable[[Any], Any]
+
+
+def _whole_microseconds(value: Any) -> datetime.datetime:
+    if getattr(value, "nanosecond", 0):
+        raise DataError("%r has nanoseconds, which datetime has not" % (value,))
+    if not isinstance(value.year, int):
+        raise DataError("%r is no time" % (value,))
+    return datetime.datetime.combine(value.date(), value.timetz())
+
+
+_adapters: Dict[type, _Adapter] = {
+    int: int, float: float, str: str.__str__, bytes: bytes, bytearray: bytes, memoryview: bytes,
+    datetime.datetime: _whole_microseconds, datetime.date: lambda value: value, datetime.time: lambda value: value,
+    Decimal: lambda value: value, UUID: str, enum.Enum: operator.attrgetter("value"),
+}
+
+
+def register_adapter(type: type, function: _Adapter, /) -> None:
+    """Have `function` make of each value of a type, or of one derived from it, one that can be sent."""
+    _adapters[type] = function
+
+
+def _adapt(value: Any, position: int) -> Any:
+    """Makes a value one of those that the core sends; called by the core for all but the plainest."""
+    for base in type(value).__mro__:
+        if base in _adapters:
+            made = _adapters[base](value)
+            return made if base in _PLAIN else _again(made, position)
+    if type(value).__module__ == "numpy" and hasattr(value, "item") and not getattr(value, "ndim", 1):
+        made = value.item()
+        if isinstance(made, (bool, int, float, str, bytes)) and made == value:
+            return made
+    raise ProgrammingError("Parameter %d: a value of type %s cannot be sent; register_adapter() makes it one that can"
+                           % (position, type(value).__qualname__))
+
+
+_PLAIN = {int, float, str, bytes, bytearray, memoryview, datetime.datetime, datetime.date, datetime.time, Decimal, UUID}
+_SENT = (type(None), bool, int, float, str, bytes)
+
+
+def _again(made: Any, position: int) -> Any:
+    return made if type(made) in _SENT else _adapt(made, position)
+
+
+# --- named markers ------------------------------------------------------------------------------
+
+# What may hide a colon, then a marker. Dollar quotes and backslashes are read as the server reads them.
+_NAMED = re.compile(
+    r"""'(?:[^']|'')*' | "(?:[^"]|"")*" | `(?:[^`]|``)*` | \[[^\]]*\] | --[^\n]* | /\*.*?\*/
+    | (?P<quote>\$(?:[A-Za-z_]\w*)?\$).*?(?P=quote) | :: | (?<![\w:]):(?P<name>[A-Za-z_]\w*)""",
+    re.DOTALL | re.VERBOSE)
+
+
+@functools.lru_cache(maxsize=128)
+def _plain_markers(sql: str) -> Tuple[str, Tuple[str, ...]]:
+    names: List[str] = []
+
+    def replaced(match: "re.Match[str]") -> str:
+        if match["name"] is None:
+            return match[0]
+        names.append(match["name"])
+        return "?"
+
+    return _NAMED.sub(replaced, sql), tuple(names)
+
+
+def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
+    """The statement and its values for plain markers; called by the core for what is no tuple or list."""
+    if isinstance(given, Mapping):
+        text, names = _plain_markers(sql)
+        missing = [name for name in names if name not in given]
+        if missing:
+            raise ProgrammingError("The statement has the marker :%s, for which there is no value" % missing[0])
+        return text, tuple(given[name] for name in names)
+    if isinstance(given, (str, bytes, bytearray, memoryview)) or not hasattr(given, "__getitem__"):
+        raise ProgrammingError("The parameters are a %s: they must be a sequence or a mapping"
+                               % type(given).__qualname__)
+    return sql, tuple(given)
+
+
+# --- connections and cursors --------------------------------------------------------------------
+
+
+class Cursor(_statement.Cursor):
+    """Runs statements and gives their rows. Made by Connection.cursor()."""
+
+    __slots__ = ()
+
+    def __enter__(self) -> "Cursor":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+
+class Connection(_statement.Connection):
+    """A connection to a database. Made by connect().
+
+    As a context manager it commits, or rolls back after an exception; it stays open.
+    """
+
+    def cursor(self) -> Cursor:
+        """A new cursor, which has a statement of its own."""
+        return Cursor(self)
+
+    def execute(self, operation: str, parameters: Any = None, /) -> Cursor:
+        """Run a statement with a new cursor, and return that."""
+        return Cursor(self).execute(operation, parameters)
+
+    def __enter__(self) -> "Connection":
+        return self
+
+    def __exit__(self, kind: Optional[type], *_: object) -> None:
+        if kind is None:
+            self.commit()
+        else:
+            self.rollback()
+
+
+for _exception in _EXCEPTIONS:
+    setattr(Connection, _exception.__name__, _exception)
+
+
+def _quoted(value: object) -> str:
+    text = str(value)
+    if re.search(r"[;{}=\s]", text) or not text:
+        return "{%s}" % text.replace("}", "}}")
+    return text
+
+
+def connect(connection_string: Optional[str] = None, /, *, autocommit: bool = False,
+            timeout: Optional[float] = None, **keys: object) -> Connection:
+    """Connect to a database.
+
+    The connection string is the provider's, or the path of a SQLite file, or ":memory:". Keys are added to it:
+    connect(Database="shop.db"). Without autocommit, changes are made to last by commit(). A statement that takes
+    longer than `timeout` seconds is ended.
+    """
+    parts = []
+    if connection_string:
+        is_path = "=" not in connection_string
+        parts.append("Database=" + _quoted(connection_string) if is_path else connection_string.rstrip("; "))
+    parts.extend("%s=%s" % (key, _quoted(value)) for key, value in keys.items())
+    if not parts:
+        raise ProgrammingError("connect() needs a connection string, a path or keys")
+    if timeout is not None and not timeout >= 0:
+        raise ProgrammingError("The timeout is negative")
+    return Connection(";".join(parts), autocommit, 0 if timeout is None else -int(-timeout // 1))

@@ -1,0 +1,175 @@
+// The Python type Connection.
+#include <new>
+
+#include "dbapi/objects.h"
+
+namespace {
+
+ConnectionObject* Self(PyObject* object) {
+    return reinterpret_cast<ConnectionObject*>(object);
+}
+
+PyObject* New(PyTypeObject* type, PyObject*, PyObject*) {
+    PyObject* const object = type->tp_alloc(type, 0);
+    if (!object) return nullptr;
+    new (&Self(object)->link) std::shared_ptr<Link>();
+    Py_INCREF(Py_None);
+    Self(object)->rowFactory = Py_None;
+    return object;
+}
+
+int Init(PyObject* self, PyObject* args, PyObject*) {
+    return AtBoundary(-1, [&] {
+        const char* text = nullptr;
+        Py_ssize_t length = 0;
+        int autocommit = 0;
+        long timeout = 0;
+        if (!PyArg_ParseTuple(args, "s#pl", &text, &length, &autocommit, &timeout)) return -1;
+        if (Self(self)->link) throw Failure("08002", "The connection is open already.");
+        std::string warning;
+        Self(self)->link = std::make_shared<Link>(std::string(text, static_cast<size_t>(length)),
+                                                  autocommit != 0, timeout, warning);
+        if (warning.empty()) return 0;
+        return PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 2);
+    });
+}
+
+int Traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(Self(self)->rowFactory);
+    return 0;
+}
+
+int Clear(PyObject* self) {
+    Py_CLEAR(Self(self)->rowFactory);
+    return 0;
+}
+
+void Dealloc(PyObject* self) {
+    PyObject_GC_UnTrack(self);
+    if (Self(self)->weakReferences) PyObject_ClearWeakRefs(self);
+    PyObject *type, *value, *trace;
+    PyErr_Fetch(&type, &value, &trace);
+    Self(self)->link.~shared_ptr();
+    PyErr_Restore(type, value, trace);
+    Clear(self);
+    Py_TYPE(self)->tp_free(self);
+}
+
+PyRef Close(PyObject* self, PyObject*) {
+    if (Self(self)->link) Self(self)->link->Close();
+    return PyRef::Borrow(Py_None);
+}
+
+PyRef Commit(PyObject* self, PyObject*) {
+    LinkOf(self).Commit(true);
+    return PyRef::Borrow(Py_None);
+}
+
+PyRef Rollback(PyObject* self, PyObject*) {
+    LinkOf(self).Commit(false);
+    return PyRef::Borrow(Py_None);
+}
+
+PyRef Cancel(PyObject* self, PyObject*) {
+    const std::shared_ptr<Link> link = Self(self)->link;
+    if (link && !link->IsInherited()) {
+        const Unlocked unlocked;
+        link->Cancel();
+    }
+    return PyRef::Borrow(Py_None);
+}
+
+template <PyRef (*Method)(PyObject*, PyObject*)>
+PyObject* Adapted(PyObject* self, PyObject* argument) noexcept {
+    return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, argument).Release(); });
+}
+
+PyMethodDef Methods[] = {
+    {"close", Adapted<Close>, METH_NOARGS,
+     "close($self, /)\n--\n\nRoll back, and close the connection. Further calls do nothing."},
+    {"commit", Adapted<Commit>, METH_NOARGS, "commit($self, /)\n--\n\nMake what was changed last."},
+    {"rollback", Adapted<Rollback>, METH_NOARGS,
+     "rollback($self, /)\n--\n\nUndo what was changed since the last commit. Rows that were not "
+     "read yet are gone."},
+    {"cancel", Adapted<Cancel>, METH_NOARGS,
+     "cancel($self, /)\n--\n\nEnd the statement that runs, if one does; its call raises "
+     "OperationalError. For any thread."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyObject* GetAutocommit(PyObject* self, void*) {
+    return AtBoundary<PyObject*>(
+        nullptr, [&] { return PyBool_FromLong(LinkOf(self).Autocommit() ? 1 : 0); });
+}
+
+int SetAutocommit(PyObject* self, PyObject* value, void*) {
+    return AtBoundary(-1, [&] {
+        const int on = value ? PyObject_IsTrue(value) : 0;
+        if (on < 0) return -1;
+        Link& link = LinkOf(self);
+        const Link::Turn turn(link);
+        if ((on != 0) == link.Autocommit()) return 0;
+        if (link.InTransaction()) {
+            throw Failure("HY011",
+                          "autocommit cannot be changed inside a transaction: commit or roll back "
+                          "first.");
+        }
+        link.SetAutocommit(on != 0);
+        return 0;
+    });
+}
+
+PyObject* InTransaction(PyObject* self, void*) {
+    return AtBoundary<PyObject*>(
+        nullptr, [&] { return PyBool_FromLong(LinkOf(self).InTransaction() ? 1 : 0); });
+}
+
+PyObject* IsClosed(PyObject* self, void*) {
+    return PyBool_FromLong(Self(self)->link && Self(self)->link->IsOpen() ? 0 : 1);
+}
+
+PyObject* GetRowFactory(PyObject* self, void*) {
+    return PyRef::Borrow(Self(self)->rowFactory).Release();
+}
+
+int SetRowFactory(PyObject* self, PyObject* value, void*) {
+    const PyRef old(Self(self)->rowFactory);
+    Self(self)->rowFactory = PyRef::Borrow(value ? value : Py_None).Release();
+    return 0;
+}
+
+PyGetSetDef Properties[] = {
+    {"autocommit", GetAutocommit, SetAutocommit,
+     "Whether each statement is committed by itself. Cannot be changed inside a transaction.",
+     nullptr},
+    {"in_transaction", InTransaction, nullptr, "Whether there is something to commit.", nullptr},
+    {"closed", IsClosed, nullptr, "Whether the connection is closed.", nullptr},
+    {"row_factory", GetRowFactory, SetRowFactory,
+     "What makes rows in new cursors: called with the cursor for each result, it returns what is "
+     "called with each tuple. None: the tuples.",
+     nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+}  // namespace
+
+Link& LinkOf(PyObject* connection) {
+    Link* const link = Self(connection)->link.get();
+    if (!link || !link->IsOpen()) throw Failure("08003", "The connection is closed.");
+    return *link;
+}
+
+PyTypeObject ConnectionType = {
+    .ob_base = PyVarObject_HEAD_INIT(nullptr, 0).tp_name = "vorda._statement.Connection",
+    .tp_basicsize = sizeof(ConnectionObject),
+    .tp_dealloc = Dealloc,
+    .tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
+    .tp_doc = "A connection to a database.",
+    .tp_traverse = Traverse,
+    .tp_clear = Clear,
+    .tp_weaklistoffset = offsetof(ConnectionObject, weakReferences),
+    .tp_methods = Methods,
+    .tp_getset = Properties,
+    .tp_init = Init,
+    .tp_new = New,
+};

@@ -1,0 +1,353 @@
+// The Python type Cursor: executing, and handing out rows.
+#include <new>
+
+#include "dbapi/objects.h"
+// Behind Python.h, which it does not include.
+#include <structmember.h>
+
+namespace {
+
+CursorObject* Self(PyObject* object) {
+    return reinterpret_cast<CursorObject*>(object);
+}
+
+// One call of a cursor. Whatever runs Python code in the middle of it finds the cursor taken.
+class Call {
+  public:
+    explicit Call(PyObject* cursor) : m_cursor(*Self(cursor)) {
+        if (!m_cursor.connection) throw Failure("24000", "The cursor is closed.");
+        if (m_cursor.isBusy) {
+            throw Failure("HY010",
+                          "The cursor is busy: another thread uses it, or this was called by what "
+                          "it calls itself.");
+        }
+        m_cursor.isBusy = true;
+    }
+    ~Call() { m_cursor.isBusy = false; }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+  private:
+    CursorObject& m_cursor;
+};
+
+// ---- life
+
+PyObject* New(PyTypeObject* type, PyObject*, PyObject*) {
+    PyObject* const object = type->tp_alloc(type, 0);
+    if (!object) return nullptr;
+    CursorObject* const self = Self(object);
+    new (&self->link) std::shared_ptr<Link>();
+    new (&self->statement) std::unique_ptr<Statement>();
+    new (&self->values) std::vector<Value>();
+    self->rowFactory = PyRef::Borrow(Py_None).Release();
+    self->arraySize = 1;
+    self->rowCount = -1;
+    return object;
+}
+
+int Init(PyObject* object, PyObject* args, PyObject*) {
+    return AtBoundary(-1, [&] {
+        PyObject* connection = nullptr;
+        if (!PyArg_ParseTuple(args, "O!", &ConnectionType, &connection)) return -1;
+        LinkOf(connection);
+        CursorObject* const self = Self(object);
+        if (self->connection) throw Failure("HY010", "The cursor is made already.");
+        self->connection = reinterpret_cast<ConnectionObject*>(PyRef::Borrow(connection).Release());
+        self->link = self->connection->link;
+        const PyRef old(self->rowFactory);
+        self->rowFactory = PyRef::Borrow(self->connection->rowFactory).Release();
+        return 0;
+    });
+}
+
+void GiveStatementBack(CursorObject* self) {
+    if (self->statement) self->link->GiveBack(std::move(self->statement));
+    Py_CLEAR(self->makeRow);
+}
+
+int Traverse(PyObject* object, visitproc visit, void* arg) {
+    Py_VISIT(Self(object)->connection);
+    Py_VISIT(Self(object)->rowFactory);
+    Py_VISIT(Self(object)->makeRow);
+    return 0;
+}
+
+int Clear(PyObject* object) {
+    Py_CLEAR(Self(object)->connection);
+    Py_CLEAR(Self(object)->rowFactory);
+    Py_CLEAR(Self(object)->makeRow);
+    return 0;
+}
+
+void Dealloc(PyObject* object) {
+    PyObject_GC_UnTrack(object);
+    CursorObject* const self = Self(object);
+    if (self->weakReferences) PyObject_ClearWeakRefs(object);
+    GiveStatementBack(self);
+    self->statement.~unique_ptr();
+    self->values.~vector();
+    // The last one to let go of a connection closes it, which may run other threads.
+    PyObject *type, *value, *trace;
+    PyErr_Fetch(&type, &value, &trace);
+    Clear(object);
+    self->link.~shared_ptr();
+    PyErr_Restore(type, value, trace);
+    Py_TYPE(object)->tp_free(object);
+}
+
+PyRef Close(PyObject* object, PyObject*) {
+    CursorObject* const self = Self(object);
+    if (!self->connection) return PyRef::Borrow(Py_None);
+    const Call call(object);
+    GiveStatementBack(self);
+    Py_CLEAR(self->connection);
+    return PyRef::Borrow(Py_None);
+}
+
+// ---- executing
+
+// Reads what was given as parameters. `named` becomes the statement with plain markers when they
+// are a mapping.
+void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
+    self->values.clear();
+    if (!given || given == Py_None) return;
+    PyRef sequence = PyRef::Borrow(given);
+    if (!PyTuple_CheckExact(given) && !PyList_CheckExact(given)) {
+        const PyRef pair = CallFace("_positional", "(OO)", sql.Get(), given);
+        sql = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 0));
+        sequence = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 1));
+        if (!sql || !sequence) throw PythonError();
+    }
+    const Sending sending{self->link->IsSqlite()};
+    // A list may change while adapters run.
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.Get()); ++i) {
+        const PyRef item = PyRef::Borrow(PySequence_Fast_GET_ITEM(sequence.Get(), i));
+        self->values.push_back(ReadValue(item.Get(), i + 1, sending));
+    }
+}
+
+PyRef Execute(PyObject* object, PyObject* const* args, Py_ssize_t count) {
+    if (count < 1 || count > 2 || !PyUnicode_Check(args[0])) {
+        PyErr_SetString(PyExc_TypeError,
+                        "execute() takes a statement as str, and optionally its parameters");
+        return PyRef();
+    }
+    const Call call(object);
+    CursorObject* const self = Self(object);
+    LinkOf(reinterpret_cast<PyObject*>(self->connection));
+    PyRef sql = PyRef::Borrow(args[0]);
+    ReadParameters(self, count > 1 ? args[1] : nullptr, sql);
+    Py_CLEAR(self->makeRow);
+    self->rowCount = -1;
+    Link& link = *self->link;
+    const Link::Turn turn(link);
+    if (self->statement && self->statement->IsFor(sql.Get())) {
+        self->statement->Close();
+    } else {
+        GiveStatementBack(self);
+        self->statement = link.TakeStatement(sql.Get());
+    }
+    Statement& statement = *self->statement;
+    link.Touch();
+    link.Wait(statement.Handle(), [&] { statement.Execute(self->values); });
+    self->rowCount = statement.RowCount();
+    self->values.clear();
+    return PyRef::Borrow(object);
+}
+
+// ---- rows
+
+Statement& StatementWithRows(CursorObject* self) {
+    if (!self->statement || !self->statement->HasColumns())
+        throw Failure("HY010", "The last operation gave no rows, or there was none.");
+    return *self->statement;
+}
+
+// The next row as the factory makes it; null at the end.
+PyRef Next(CursorObject* self, Statement& statement) {
+    if (statement.WantsLoading()) {
+        Link& link = *self->link;
+        const Link::Turn turn(link);
+        link.Wait(statement.Handle(), [&] { statement.Load(); });
+    }
+    PyRef row = statement.NextRow();
+    if (!row || self->rowFactory == Py_None) return row;
+    if (!self->makeRow) {
+        self->makeRow =
+            Checked(PyObject_CallFunctionObjArgs(self->rowFactory, self, nullptr)).Release();
+    }
+    return Checked(PyObject_CallFunctionObjArgs(self->makeRow, row.Get(), nullptr));
+}
+
+PyRef FetchOne(PyObject* object, PyObject*) {
+    const Call call(object);
+    PyRef row = Next(Self(object), StatementWithRows(Self(object)));
+    return row ? std::move(row) : PyRef::Borrow(Py_None);
+}
+
+PyObject* IterNext(PyObject* object) {
+    return AtBoundary<PyObject*>(nullptr, [&] {
+        const Call call(object);
+        return Next(Self(object), StatementWithRows(Self(object))).Release();
+    });
+}
+
+PyRef FetchUpTo(PyObject* object, Py_ssize_t most) {
+    const Call call(object);
+    Statement& statement = StatementWithRows(Self(object));
+    PyRef rows = Checked(PyList_New(0));
+    while (PyList_GET_SIZE(rows.Get()) < most) {
+        const PyRef row = Next(Self(object), statement);
+        if (!row) break;
+        if (PyList_Append(rows.Get(), row.Get()) < 0) throw PythonError();
+    }
+    return rows;
+}
+
+PyRef FetchAll(PyObject* object, PyObject*) {
+    return FetchUpTo(object, PY_SSIZE_T_MAX);
+}
+
+PyRef FetchMany(PyObject* object, PyObject* args, PyObject* keywords) {
+    static const char* const kNames[] = {"size", nullptr};
+    Py_ssize_t size = Self(object)->arraySize;
+    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|n", const_cast<char**>(kNames), &size))
+        return PyRef();
+    if (size < 0) throw Failure("HY090", "The number of rows is negative.");
+    return FetchUpTo(object, size);
+}
+
+PyObject* FetchManyAdapted(PyObject* self, PyObject* args, PyObject* keywords) noexcept {
+    return AtBoundary<PyObject*>(nullptr,
+                                 [&] { return FetchMany(self, args, keywords).Release(); });
+}
+
+PyRef NextSet(PyObject* object, PyObject*) {
+    const Call call(object);
+    CursorObject* const self = Self(object);
+    if (!self->statement) return PyRef::Borrow(Py_None);
+    Py_CLEAR(self->makeRow);
+    Link& link = *self->link;
+    const Link::Turn turn(link);
+    bool found = false;
+    link.Wait(self->statement->Handle(), [&] { found = self->statement->NextResult(); });
+    self->rowCount = self->statement->RowCount();
+    return PyRef::Borrow(found ? Py_True : Py_None);
+}
+
+PyRef SetSizes(PyObject*, PyObject*) {
+    return PyRef::Borrow(Py_None);
+}
+
+template <PyRef (*Method)(PyObject*, PyObject*)>
+PyObject* Adapted(PyObject* self, PyObject* argument) noexcept {
+    return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, argument).Release(); });
+}
+
+PyObject* ExecuteAdapted(PyObject* self, PyObject* const* args, Py_ssize_t count) noexcept {
+    return AtBoundary<PyObject*>(nullptr, [&] { return Execute(self, args, count).Release(); });
+}
+
+PyCFunction AsMethod(PyObject* (*method)(PyObject*, PyObject* const*, Py_ssize_t)) {
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(method));
+}
+
+PyMethodDef Methods[] = {
+    {"execute", AsMethod(ExecuteAdapted), METH_FASTCALL,
+     "execute($self, operation, parameters=None, /)\n--\n\nRun a statement, and return the cursor. "
+     "Parameters: a sequence for ?, or a mapping for :name."},
+    {"fetchone", Adapted<FetchOne>, METH_NOARGS,
+     "fetchone($self, /)\n--\n\nThe next row, or None after the last."},
+    {"fetchmany", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(FetchManyAdapted)),
+     METH_VARARGS | METH_KEYWORDS,
+     "fetchmany($self, /, size=arraysize)\n--\n\nThe next rows, as a list of at most `size`."},
+    {"fetchall", Adapted<FetchAll>, METH_NOARGS,
+     "fetchall($self, /)\n--\n\nThe rows that are left, as a list."},
+    {"nextset", Adapted<NextSet>, METH_NOARGS,
+     "nextset($self, /)\n--\n\nGo on to the next result: True, or None if there is none."},
+    {"setinputsizes", Adapted<SetSizes>, METH_O,
+     "setinputsizes($self, sizes, /)\n--\n\nDoes nothing: values tell what they are."},
+    {"setoutputsize", Adapted<SetSizes>, METH_VARARGS,
+     "setoutputsize($self, size, column=None, /)\n--\n\nDoes nothing: no value is cut."},
+    {"close", Adapted<Close>, METH_NOARGS,
+     "close($self, /)\n--\n\nClose the cursor. Further calls do nothing."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyObject* Description(PyObject* object, void*) {
+    return AtBoundary<PyObject*>(nullptr, [&] {
+        CursorObject* const self = Self(object);
+        if (!self->statement || !self->statement->HasColumns())
+            return PyRef::Borrow(Py_None).Release();
+        return self->statement->Description().Release();
+    });
+}
+
+PyObject* RowCount(PyObject* object, void*) {
+    return PyLong_FromSsize_t(Self(object)->rowCount);
+}
+
+PyObject* IsClosed(PyObject* object, void*) {
+    return PyBool_FromLong(Self(object)->connection ? 0 : 1);
+}
+
+PyObject* GetConnection(PyObject* object, void*) {
+    return AtBoundary<PyObject*>(nullptr, [&] {
+        if (!Self(object)->connection) throw Failure("24000", "The cursor is closed.");
+        return PyRef::Borrow(reinterpret_cast<PyObject*>(Self(object)->connection)).Release();
+    });
+}
+
+PyObject* GetRowFactory(PyObject* object, void*) {
+    return PyRef::Borrow(Self(object)->rowFactory).Release();
+}
+
+int SetRowFactory(PyObject* object, PyObject* value, void*) {
+    const PyRef old(Self(object)->rowFactory);
+    const PyRef made(std::exchange(Self(object)->makeRow, nullptr));
+    Self(object)->rowFactory = PyRef::Borrow(value ? value : Py_None).Release();
+    return 0;
+}
+
+PyGetSetDef Properties[] = {
+    {"description", Description, nullptr,
+     "The columns of the result, each as name, type, None, size, precision, scale and whether it "
+     "may be NULL; None without a result.",
+     nullptr},
+    {"rowcount", RowCount, nullptr, "Rows that the last statement changed; -1 for queries.",
+     nullptr},
+    {"connection", GetConnection, nullptr, "The connection that the cursor works on.", nullptr},
+    {"closed", IsClosed, nullptr, "Whether the cursor is closed.", nullptr},
+    {"row_factory", GetRowFactory, SetRowFactory,
+     "What makes rows: called with the cursor for each result, it returns what is called with each "
+     "tuple. None: the tuples.",
+     nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMemberDef Members[] = {
+    {"arraysize", T_PYSSIZET, offsetof(CursorObject, arraySize), 0,
+     "How many rows fetchmany() gives when it is not told."},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+}  // namespace
+
+PyTypeObject CursorType = {
+    .ob_base = PyVarObject_HEAD_INIT(nullptr, 0).tp_name = "vorda._statement.Cursor",
+    .tp_basicsize = sizeof(CursorObject),
+    .tp_dealloc = Dealloc,
+    .tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
+    .tp_doc = "What runs statements and gives their rows.",
+    .tp_traverse = Traverse,
+    .tp_clear = Clear,
+    .tp_weaklistoffset = offsetof(CursorObject, weakReferences),
+    .tp_iter = PyObject_SelfIter,
+    .tp_iternext = IterNext,
+    .tp_methods = Methods,
+    .tp_members = Members,
+    .tp_getset = Properties,
+    .tp_init = Init,
+    .tp_new = New,
+};

@@ -1,0 +1,64 @@
+// What goes wrong below Python: thrown as a Failure, with or without the interpreter lock, and
+// raised at the boundary as an exception of the class that the face's table has for its SQLSTATE.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "include/pyref.h"
+#include "include/sqltypes.h"
+
+// One diagnostic record: SQLSTATE, the driver's own code and its words (UTF-8).
+struct Diagnostic {
+    std::string state;
+    long native = 0;
+    std::string words;
+};
+
+class Failure {
+  public:
+    explicit Failure(std::vector<Diagnostic> records) : m_records(std::move(records)) {}
+    Failure(const char* state, std::string words) : m_records{{state, 0, std::move(words)}} {}
+
+    const std::vector<Diagnostic>& Records() const { return m_records; }
+    // Sets the Python error. The interpreter lock is held.
+    void Raise() const;
+
+  private:
+    std::vector<Diagnostic> m_records;
+};
+
+// Thrown when a Python error is set already.
+struct PythonError {};
+
+// The records of a handle behind its last call, at most a few; one that says so if there are none.
+std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle);
+
+// Throws what a handle has to say unless `status` is a success; SQL_NO_DATA is one.
+inline void Check(SQLRETURN status, SQLSMALLINT handleType, SQLHANDLE handle) {
+    if (!OdbcSucceeded(status) && status != SQL_NO_DATA)
+        throw Failure(ReadDiagnostics(handleType, handle));
+}
+
+// A new reference, or a PythonError.
+inline PyRef Checked(PyObject* owned) {
+    if (!owned) throw PythonError();
+    return PyRef(owned);
+}
+
+// Runs `body` for a caller in C: what it throws becomes a Python error, and the result `failed`.
+template <class Result, class Body>
+Result AtBoundary(Result failed, Body&& body) noexcept {
+    return CalledFromPython(failed, [&] {
+        try {
+            return body();
+        } catch (const Failure& failure) {
+            failure.Raise();
+        } catch (const PythonError&) {
+        }
+        return failed;
+    });
+}
+
+// Calls a function of the face by name, and answers what it returns.
+PyRef CallFace(const char* function, const char* format, ...);

@@ -1,0 +1,194 @@
+#include "dbapi/link.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+constexpr const char* kClosed = "08003";
+constexpr const char* kClosedWords = "The connection is closed.";
+
+SQLPOINTER AsPointer(std::uintptr_t number) {
+    return reinterpret_cast<SQLPOINTER>(number);
+}
+
+}  // namespace
+
+Link::Link(const std::string& text, bool autocommit, long timeout, std::string& warning)
+    : m_timeout(timeout) {
+    if (!OdbcSucceeded(SQLAllocHandle(SQL_HANDLE_ENV, nullptr, &m_environment))) {
+        throw Failure("IM003",
+                      "No runtime can be loaded; python -m vorda doctor shows where it was looked "
+                      "for.");
+    }
+    try {
+        Connect(text, autocommit, warning);
+    } catch (...) {
+        FreeHandles();
+        throw;
+    }
+}
+
+void Link::Connect(const std::string& text, bool autocommit, std::string& warning) {
+    Check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, AsPointer(SQL_OV_ODBC3), 0),
+          SQL_HANDLE_ENV, m_environment);
+    SQLHDBC connection = nullptr;
+    Check(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &connection), SQL_HANDLE_ENV,
+          m_environment);
+    m_connection = connection;
+    if (text.size() > std::numeric_limits<SQLSMALLINT>::max())
+        throw Failure("HY090", "The connection string is too long.");
+    Wait(nullptr, [&] {
+        const SQLRETURN status = SQLDriverConnectW(connection, nullptr, AsWideText(text.c_str()),
+                                                   static_cast<SQLSMALLINT>(text.size()), nullptr,
+                                                   0, nullptr, SQL_DRIVER_NOPROMPT);
+        Check(status, SQL_HANDLE_DBC, connection);
+        if (status == SQL_SUCCESS_WITH_INFO)
+            warning = ReadDiagnostics(SQL_HANDLE_DBC, connection).front().words;
+        char name[64] = {};
+        SQLGetInfoW(connection, SQL_DBMS_NAME, name, sizeof name - 1, nullptr);
+        m_isSqlite = std::strcmp(name, "SQLite") == 0;
+    });
+    if (!autocommit) SetAutocommit(false);
+}
+
+// What is freed here has no transaction and no statements any more.
+void Link::FreeHandles() {
+    if (m_connection) {
+        SQLDisconnect(m_connection);
+        SQLFreeHandle(SQL_HANDLE_DBC, m_connection);
+    }
+    m_connection = nullptr;
+    if (m_environment) SQLFreeHandle(SQL_HANDLE_ENV, m_environment);
+    m_environment = nullptr;
+}
+
+Link::~Link() {
+    if (IsInherited()) return;
+    try {
+        Close();
+    } catch (...) {
+        // There is nobody to tell; what is not committed is lost, as it should be.
+        PyErr_Clear();
+    }
+}
+
+Link::Turn::Turn(Link& link) : m_link(link) {
+    if (link.IsInherited()) {
+        throw Failure("08S01",
+                      "The connection belongs to the process from which this one was forked; open "
+                      "one of its own.");
+    }
+    const unsigned long thread = PyThread_get_thread_ident();
+    if (link.m_owner.load(std::memory_order_relaxed) == thread) {
+        throw Failure(
+            "HY010",
+            "The connection is busy: this was called by a signal's handler or a finalizer "
+            "in the middle of another call.");
+    }
+    if (!link.m_mutex.try_lock()) {
+        const Unlocked unlocked;
+        link.m_mutex.lock();
+    }
+    if (!link.IsOpen()) {
+        link.m_mutex.unlock();
+        throw Failure(kClosed, kClosedWords);
+    }
+    link.m_owner.store(thread, std::memory_order_relaxed);
+}
+
+Link::Turn::~Turn() {
+    m_link.TakeInWaiting();
+    m_link.m_owner.store(0, std::memory_order_relaxed);
+    m_link.m_mutex.unlock();
+}
+
+void Link::NoteRunning(SQLHSTMT statement) {
+    const std::lock_guard lock(m_runningMutex);
+    m_running = statement;
+}
+
+void Link::Cancel() {
+    const std::lock_guard lock(m_runningMutex);
+    if (m_running) SQLCancel(m_running);
+}
+
+void Link::EndTransaction(SQLSMALLINT how) {
+    Wait(nullptr, [&] {
+        Check(SQLEndTran(SQL_HANDLE_DBC, m_connection, how), SQL_HANDLE_DBC, m_connection);
+    });
+    m_touched = false;
+}
+
+void Link::Commit(bool keep) {
+    const Turn turn(*this);
+    if (!keep) {
+        for (Statement* const statement : m_taken)
+            statement->Lose("24000", "The rows are gone with the rollback.");
+    }
+    EndTransaction(keep ? SQL_COMMIT : SQL_ROLLBACK);
+}
+
+void Link::SetAutocommit(bool on) {
+    const SQLULEN value = on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
+    Check(SQLSetConnectAttrW(m_connection, SQL_ATTR_AUTOCOMMIT, AsPointer(value), 0),
+          SQL_HANDLE_DBC, m_connection);
+    m_autocommit = on;
+    m_touched = false;
+}
+
+bool Link::InTransaction() {
+    return !m_autocommit && m_touched;
+}
+
+void Link::Close() {
+    if (!IsOpen()) return;
+    const Turn turn(*this);
+    for (Statement* const statement : m_taken) statement->Release(kClosed, kClosedWords);
+    m_idle.Clear();
+    m_waiting.clear();
+    // Whatever the server says to the rollback, the connection ends, and with it the transaction.
+    Wait(nullptr, [&] {
+        SQLEndTran(SQL_HANDLE_DBC, m_connection, SQL_ROLLBACK);
+        SQLDisconnect(m_connection);
+    });
+    FreeHandles();
+}
+
+// ---- statements
+
+std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
+    std::unique_ptr<Statement> statement = m_idle.Take(text);
+    if (!statement) statement = std::make_unique<Statement>(*this, text);
+    m_taken.push_back(statement.get());
+    return statement;
+}
+
+void Link::GiveBack(std::unique_ptr<Statement> statement) {
+    m_taken.erase(std::remove(m_taken.begin(), m_taken.end(), statement.get()), m_taken.end());
+    if (IsInherited() || !IsOpen()) return;
+    const unsigned long thread = PyThread_get_thread_ident();
+    if (m_owner.load(std::memory_order_relaxed) == thread) {
+        m_waiting.push_back(std::move(statement));
+        return;
+    }
+    if (!m_mutex.try_lock()) {
+        m_waiting.push_back(std::move(statement));
+        return;
+    }
+    TakeIn(std::move(statement));
+    m_mutex.unlock();
+}
+
+void Link::TakeIn(std::unique_ptr<Statement> statement) {
+    statement->Close();
+    m_idle.Keep(std::move(statement));
+}
+
+void Link::TakeInWaiting() {
+    while (!m_waiting.empty()) {
+        std::unique_ptr<Statement> statement = std::move(m_waiting.back());
+        m_waiting.pop_back();
+        TakeIn(std::move(statement));
+    }
+}

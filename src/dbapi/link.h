@@ -1,0 +1,124 @@
+// One connection to the runtime: its handles, the lock that makes its calls come one at a time, the
+// statements that are kept prepared, and cancelling what runs.
+#pragma once
+
+#include <atomic>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dbapi/failure.h"
+#include "dbapi/statementcache.h"
+#include "dbapi/waiting.h"
+
+class Link {
+  public:
+    // Connects; `warning` gets what the driver remarks. Handles of environments are counted without
+    // a lock: they are allocated and freed under the interpreter's.
+    Link(const std::string& text, bool autocommit, long timeout, std::string& warning);
+    // Rolls back and disconnects, unless that was done or a parent process owns the connection.
+    ~Link();
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+
+    // Exclusive use, for as long as it lives; taken under the interpreter lock, which others get
+    // while it is waited for. Throws for a connection that is closed, inherited through a fork, or
+    // in use further up in this thread.
+    class Turn {
+      public:
+        explicit Turn(Link& link);
+        ~Turn();
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+      private:
+        Link& m_link;
+    };
+
+    // For the holder of a turn: runs `call`, which may wait, without the interpreter lock. Ends
+    // with what it throws, or with the exception of a signal's handler.
+    template <class Call>
+    void Wait(SQLHSTMT statement, Call&& call) {
+        const Running running(*this, statement);
+        if (m_isSqlite || !InMainThread()) {
+            const Unlocked unlocked;
+            call();
+            return;
+        }
+        std::exception_ptr thrown;
+        const std::function<void()> work = [&] {
+            try {
+                call();
+            } catch (...) {
+                thrown = std::current_exception();
+            }
+        };
+        WaitAside(work, [this] { Cancel(); });
+        if (thrown) std::rethrow_exception(thrown);
+    }
+
+    // Ends what runs, if anything does. For any thread, without the interpreter lock.
+    void Cancel();
+
+    void Commit(bool keep);
+    void SetAutocommit(bool on);
+    // Waits for its turn, rolls back and disconnects. Open results are over.
+    void Close();
+
+    bool IsOpen() const { return m_connection != nullptr; }
+    // Whether a parent process owns it: nothing of it may be touched.
+    bool IsInherited() const { return m_forks != ForkCount(); }
+    bool Autocommit() const { return m_autocommit; }
+    bool InTransaction();
+    // Something was executed that a commit would keep.
+    void Touch() { m_touched = true; }
+    bool IsSqlite() const { return m_isSqlite; }
+    long Timeout() const { return m_timeout; }
+    void SetTimeout(long seconds) { m_timeout = seconds; }
+    SQLHDBC Handle() const { return m_connection; }
+
+    // A prepared statement that nobody uses, or a new one; for the holder of a turn.
+    std::unique_ptr<Statement> TakeStatement(PyObject* text);
+    // Takes a statement back at any time, its result with it; under the interpreter lock.
+    void GiveBack(std::unique_ptr<Statement> statement);
+
+  private:
+    // Notes what runs, for Cancel.
+    class Running {
+      public:
+        Running(Link& link, SQLHSTMT statement) : m_link(link) { m_link.NoteRunning(statement); }
+        ~Running() { m_link.NoteRunning(nullptr); }
+        Running(const Running&) = delete;
+        Running& operator=(const Running&) = delete;
+
+      private:
+        Link& m_link;
+    };
+
+    void NoteRunning(SQLHSTMT statement);
+    void Connect(const std::string& text, bool autocommit, std::string& warning);
+    void FreeHandles();
+    void EndTransaction(SQLSMALLINT how);
+    void TakeIn(std::unique_ptr<Statement> statement);
+    void TakeInWaiting();
+
+    SQLHENV m_environment = nullptr;
+    SQLHDBC m_connection = nullptr;
+    const unsigned m_forks = ForkCount();
+    bool m_autocommit = true;
+    bool m_touched = false;
+    bool m_isSqlite = false;
+    long m_timeout;
+
+    std::mutex m_mutex;
+    std::atomic<unsigned long> m_owner = 0;  // the thread that has the turn
+    std::mutex m_runningMutex;
+    SQLHSTMT m_running = nullptr;
+
+    StatementCache m_idle;
+    std::vector<std::unique_ptr<Statement>> m_waiting;  // given back during another's turn
+    std::vector<Statement*> m_taken;
+};

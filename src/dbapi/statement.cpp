@@ -1,0 +1,233 @@
+#include "dbapi/statement.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "dbapi/link.h"
+
+namespace {
+
+// A longer name is cut: no database has one.
+constexpr SQLSMALLINT kNameSize = 1024;
+// Longer texts are bound where they are, instead of being copied to a place that stays.
+constexpr size_t kMostCopied = 256;
+
+Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType) {
+    if (sqlType == SQL_BIT) return Meaning::Boolean;
+    if (sqlType == SQL_GUID) return Meaning::Uuid;
+    if (sqlType != SQL_WVARCHAR) return Meaning::Plain;
+    char name[kNameSize + 1] = {};
+    const SQLRETURN status =
+        SQLColAttributeW(statement, number, SQL_DESC_TYPE_NAME, name, kNameSize, nullptr, nullptr);
+    return OdbcSucceeded(status) && std::strcmp(name, "uuid") == 0 ? Meaning::Uuid : Meaning::Plain;
+}
+
+}  // namespace
+
+Statement::Statement(Link& link, PyObject* text) : m_link(link), m_text(PyRef::Borrow(text)) {
+    m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
+    if (!m_utf8) {
+        PyErr_Clear();
+        throw Failure("42000", "The statement has a lone surrogate, which is no character.");
+    }
+    if (m_length > std::numeric_limits<SQLINTEGER>::max())
+        throw Failure("42000", "The statement is longer than 2 GB.");
+}
+
+Statement::~Statement() {
+    if (m_handle && !m_link.IsInherited()) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+}
+
+bool Statement::IsFor(PyObject* text) const {
+    if (text == m_text.Get()) return true;
+    return PyObject_Hash(text) == PyObject_Hash(m_text.Get()) &&
+           PyUnicode_Compare(text, m_text.Get()) == 0;
+}
+
+void Statement::Prepare() {
+    if (!m_handle) {
+        Check(SQLAllocHandle(SQL_HANDLE_STMT, m_link.Handle(), &m_handle), SQL_HANDLE_DBC,
+              m_link.Handle());
+    }
+    if (m_timeout != m_link.Timeout()) {
+        Called(SQLSetStmtAttrW(m_handle, SQL_ATTR_QUERY_TIMEOUT,
+                               reinterpret_cast<SQLPOINTER>(m_link.Timeout()), 0));
+        m_timeout = m_link.Timeout();
+    }
+    if (m_prepared) return;
+    Called(SQLPrepareW(m_handle, AsWideText(m_utf8), static_cast<SQLINTEGER>(m_length)));
+    SQLSMALLINT count = 0;
+    m_parameterCount = OdbcSucceeded(SQLNumParams(m_handle, &count)) ? count : -1;
+    m_prepared = true;
+}
+
+void Statement::Execute(const std::vector<Value>& values) {
+    Prepare();
+    const auto count = static_cast<int>(values.size());
+    if (m_parameterCount >= 0 && count != m_parameterCount) {
+        throw Failure("07002", "The statement has " + std::to_string(m_parameterCount) +
+                                   " parameter marker(s), but " + std::to_string(count) +
+                                   " value(s) were given.");
+    }
+    Bind(values);
+    m_isDescribed = false;
+    Executed(SQLExecute(m_handle));
+}
+
+void Statement::Executed(SQLRETURN status) {
+    if (status == SQL_NEED_DATA) throw Failure("HY010", "The driver asks for more data.");
+    Called(status);
+    m_isOpen = true;
+    m_failed.reset();
+    m_block.Begin();
+    m_rowCount = -1;
+    SQLSMALLINT columns = 0;
+    if (status != SQL_NO_DATA) Called(SQLNumResultCols(m_handle, &columns));
+    m_columnCount = std::max<SQLSMALLINT>(columns, 0);
+    m_hasRows = m_columnCount > 0;
+    if (!m_hasRows) {
+        Called(SQLRowCount(m_handle, &m_rowCount));
+        return;
+    }
+    Describe();
+    Load();
+}
+
+void Statement::Load() {
+    try {
+        if (!m_block.Load(m_handle, m_columns)) m_hasRows = false;
+    } catch (const Failure& failure) {
+        m_failed = std::make_unique<Failure>(failure);
+    }
+}
+
+bool Statement::NextResult() {
+    if (!m_isOpen) return false;
+    const SQLRETURN status = SQLMoreResults(m_handle);
+    m_columnCount = 0;
+    m_hasRows = false;
+    m_isDescribed = false;
+    m_rowCount = -1;
+    m_failed.reset();
+    Called(status);
+    if (status == SQL_NO_DATA) return false;
+    Executed(status);
+    return true;
+}
+
+PyRef Statement::NextRow() {
+    if (m_block.HasRow()) return m_block.Take(m_columns);
+    if (m_failed) {
+        const Failure failure = *m_failed;
+        if (m_isOpen) m_failed.reset();
+        m_hasRows = false;
+        throw failure;
+    }
+    return PyRef();
+}
+
+void Statement::Describe() {
+    if (m_isDescribed) return;
+    m_columns.assign(static_cast<size_t>(m_columnCount), {});
+    SQLUSMALLINT number = 0;
+    for (ColumnInfo& column : m_columns) {
+        char name[kNameSize + 1] = {};
+        Called(SQLDescribeColW(m_handle, ++number, AsWideBuffer(name), kNameSize, nullptr,
+                               &column.sqlType, &column.size, &column.digits, &column.nullable));
+        column.name = name;
+        column.meaning = MeaningOf(m_handle, number, column.sqlType);
+    }
+    m_isDescribed = true;
+}
+
+PyRef Statement::Description() const {
+    PyRef all = Checked(PyTuple_New(static_cast<Py_ssize_t>(m_columns.size())));
+    Py_ssize_t index = 0;
+    for (const ColumnInfo& column : m_columns) {
+        PyObject* const type = TypeOf(column.sqlType, column.meaning);
+        const bool hasDigits = column.sqlType == SQL_DECIMAL || column.sqlType == SQL_NUMERIC ||
+                               column.sqlType == SQL_TYPE_TIME ||
+                               column.sqlType == SQL_TYPE_TIMESTAMP;
+        const PyRef name = Checked(PyUnicode_DecodeUTF8(
+            column.name.data(), static_cast<Py_ssize_t>(column.name.size()), "replace"));
+        const PyRef size = column.size > 0 ? Checked(PyLong_FromUnsignedLongLong(column.size))
+                                           : PyRef::Borrow(Py_None);
+        const PyRef digits =
+            hasDigits ? Checked(PyLong_FromLong(column.digits)) : PyRef::Borrow(Py_None);
+        PyObject* const nullable = column.nullable == SQL_NO_NULLS   ? Py_False
+                                   : column.nullable == SQL_NULLABLE ? Py_True
+                                                                     : Py_None;
+        PyRef entry = Checked(
+            Py_BuildValue("(OOOOOOO)", name.Get(), type, Py_None, hasDigits ? Py_None : size.Get(),
+                          hasDigits ? size.Get() : Py_None, digits.Get(), nullable));
+        PyTuple_SET_ITEM(all.Get(), index++, entry.Release());
+    }
+    return all;
+}
+
+void Statement::Close() {
+    if (!m_isOpen) return;
+    m_isOpen = m_hasRows = false;
+    m_failed.reset();
+    m_block.Begin();
+    m_columnCount = 0;
+    SQLFreeStmt(m_handle, SQL_CLOSE);
+}
+
+void Statement::Lose(const char* state, const char* words) {
+    if (!m_isOpen) return;
+    if (m_hasRows) {
+        Describe();
+        m_failed = std::make_unique<Failure>(state, words);
+        m_isOpen = false;
+    }
+}
+
+void Statement::Release(const char* state, const char* words) {
+    Lose(state, words);
+    m_isOpen = m_prepared = false;
+    if (m_handle) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+    m_handle = nullptr;
+}
+
+// ---- parameters
+
+void Statement::Bind(const std::vector<Value>& values) {
+    if (m_parameters.size() != values.size()) {
+        if (!m_parameters.empty()) Called(SQLFreeStmt(m_handle, SQL_RESET_PARAMS));
+        m_parameters = std::vector<Parameter>(values.size());
+    }
+    for (size_t i = 0; i < values.size(); ++i) BindOne(i, values[i]);
+}
+
+void Statement::BindOne(size_t index, const Value& value) {
+    Parameter& parameter = m_parameters[index];
+    const void* data = parameter.fixed;
+    SQLSMALLINT cType = value.cType;
+    SQLSMALLINT sqlType = value.sqlType;
+    if (value.isNull) {
+        parameter.indicator = SQL_NULL_DATA;
+        // Of whatever type is bound.
+        if (parameter.bound) return;
+    } else if (value.bytes.data()) {
+        parameter.indicator = static_cast<SQLLEN>(value.bytes.size());
+        data = value.bytes.data();
+        if (value.bytes.size() <= kMostCopied) {
+            parameter.text.reserve(kMostCopied);
+            parameter.text.assign(value.bytes);
+            data = parameter.text.data();
+        }
+    } else {
+        parameter.indicator = 0;
+        std::memcpy(parameter.fixed, &value.stamp, sizeof value.stamp);
+    }
+    if (parameter.bound == data && parameter.cType == cType && parameter.sqlType == sqlType) return;
+    const auto length = static_cast<SQLLEN>(value.bytes.size());
+    Called(SQLBindParameter(m_handle, static_cast<SQLUSMALLINT>(index + 1), SQL_PARAM_INPUT, cType,
+                            sqlType, static_cast<SQLULEN>(std::max<SQLLEN>(length, 1)), 0,
+                            const_cast<void*>(data), length, &parameter.indicator));
+    parameter.bound = data;
+    parameter.cType = cType;
+    parameter.sqlType = sqlType;
+}

@@ -1,0 +1,93 @@
+// A prepared statement: its parameters, the rows of its last execution, and what describes them.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dbapi/block.h"
+#include "dbapi/values.h"
+
+class Link;
+
+// Belongs to one cursor at a time, or to the link's store. What calls the runtime is for the holder
+// of the link's turn, and needs no interpreter lock; all else needs that.
+class Statement {
+  public:
+    // `text` is a str, kept as long as the statement.
+    Statement(Link& link, PyObject* text);
+    ~Statement();
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+
+    bool IsFor(PyObject* text) const;
+    SQLHSTMT Handle() const { return m_handle; }
+    // Prepares the text unless that is done.
+    void Prepare();
+    // Parameter markers, or -1 if the driver does not tell.
+    int ParameterCount() const { return m_parameterCount; }
+    // Executes, and loads the first rows. The values' bytes must last until the end.
+    void Execute(const std::vector<Value>& values);
+    // Goes on to the next result; whether there is one.
+    bool NextResult();
+
+    // Whether the last execution gave columns.
+    bool HasColumns() const { return m_columnCount > 0; }
+    // Rows changed, -1 when that is no question.
+    SQLLEN RowCount() const { return m_rowCount; }
+
+    // Whether no row is at hand, and more may come: time to load.
+    bool WantsLoading() const { return m_hasRows && !m_block.HasRow() && !m_failed; }
+    void Load();
+    // The next row as a tuple, or null after the last. A failure behind the rows so far is thrown
+    // when they are read; one of a row, when that comes.
+    PyRef NextRow();
+
+    // What DB-API calls the description; the columns are described by the runtime at most once for
+    // each result.
+    void Describe();
+    PyRef Description() const;
+    const std::vector<ColumnInfo>& Columns() const { return m_columns; }
+
+    // Ends the result, so that the statement can be executed again.
+    void Close();
+    // Frees the handle. Whatever is asked for later is over, for the reason that `words` give.
+    void Release(const char* state, const char* words);
+    // Takes the rows away, for the same.
+    void Lose(const char* state, const char* words);
+
+    // Links of the link's list of statements in use.
+  private:
+    struct Parameter {
+        SQLSMALLINT cType = 0;
+        SQLSMALLINT sqlType = 0;
+        const void* bound = nullptr;
+        SQLLEN indicator = 0;
+        alignas(SQLBIGINT) char fixed[sizeof(SQL_TIMESTAMP_STRUCT)] = {};
+        std::string text;
+    };
+
+    void Bind(const std::vector<Value>& values);
+    void BindOne(size_t index, const Value& value);
+    void Executed(SQLRETURN status);
+    void Called(SQLRETURN status) const { Check(status, SQL_HANDLE_STMT, m_handle); }
+
+    Link& m_link;
+    const PyRef m_text;
+    const char* m_utf8;
+    Py_ssize_t m_length = 0;
+    SQLHSTMT m_handle = nullptr;
+    bool m_prepared = false;
+    int m_parameterCount = -1;
+    std::vector<Parameter> m_parameters;
+    long m_timeout = 0;
+
+    SQLSMALLINT m_columnCount = 0;
+    SQLLEN m_rowCount = -1;
+    bool m_hasRows = false;  // and they are not over
+    bool m_isOpen = false;   // the runtime has a cursor
+    bool m_isDescribed = false;
+    std::vector<ColumnInfo> m_columns;
+    Block m_block;
+    std::unique_ptr<Failure> m_failed;
+};

@@ -1,0 +1,141 @@
+#include "dbapi/waiting.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "dbapi/failure.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kTick{50};
+
+unsigned g_forks = 0;
+
+// A thread that does one piece of work at a time for somebody who waits for it. It never ends, and
+// is never destroyed: the process may exit while it works.
+class Worker {
+  public:
+    Worker() : m_forks(ForkCount()) {
+        std::thread([this] { Serve(); }).detach();
+    }
+
+    // Threads do not live on in a child process.
+    bool IsAlive() const { return m_forks == ForkCount(); }
+
+    void Begin(const std::function<void()>& work) {
+        const std::lock_guard lock(m_mutex);
+        m_work = &work;
+        m_changed.notify_all();
+    }
+
+    // Whether the work was done within the time.
+    bool Finished(std::chrono::milliseconds time) {
+        std::unique_lock lock(m_mutex);
+        return m_changed.wait_for(lock, time, [this] { return m_work == nullptr; });
+    }
+
+  private:
+    [[noreturn]] void Serve() {
+        // Signals are the other threads' business.
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        std::unique_lock lock(m_mutex);
+        for (;;) {
+            m_changed.wait(lock, [this] { return m_work != nullptr; });
+            const std::function<void()>& work = *m_work;
+            lock.unlock();
+            work();
+            lock.lock();
+            m_work = nullptr;
+            m_changed.notify_all();
+        }
+    }
+
+    const unsigned m_forks;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    const std::function<void()>* m_work = nullptr;
+};
+
+// Those without work; used by the main thread only. A handler that runs during a wait may wait,
+// too.
+std::vector<Worker*>& IdleWorkers() {
+    static auto* const workers = new std::vector<Worker*>();
+    return *workers;
+}
+
+Worker* TakeWorker() {
+    std::vector<Worker*>& idle = IdleWorkers();
+    idle.reserve(idle.size() + 1);
+    while (!idle.empty()) {
+        Worker* const worker = idle.back();
+        idle.pop_back();
+        if (worker->IsAlive()) return worker;
+    }
+    return new Worker();
+}
+
+// An exception put aside, since others may come before it is raised.
+class RaisedAside {
+  public:
+    void Take() {
+        PyObject *type, *value, *trace;
+        PyErr_Fetch(&type, &value, &trace);
+        m_type = PyRef(type);
+        m_value = PyRef(value);
+        m_trace = PyRef(trace);
+    }
+    explicit operator bool() const { return static_cast<bool>(m_type); }
+    void Restore() { PyErr_Restore(m_type.Release(), m_value.Release(), m_trace.Release()); }
+
+  private:
+    PyRef m_type, m_value, m_trace;
+};
+
+}  // namespace
+
+unsigned ForkCount() {
+    [[maybe_unused]] static const int registered =
+        pthread_atfork(nullptr, nullptr, [] { ++g_forks; });
+    return g_forks;
+}
+
+bool InMainThread() {
+    // The one that imported the module may be another: the interpreter is asked.
+    static const unsigned long mainThread = [] {
+        const PyRef threading(PyImport_ImportModule("threading"));
+        const PyRef thread(threading ? PyObject_CallMethod(threading.Get(), "main_thread", nullptr)
+                                     : nullptr);
+        const PyRef number(thread ? PyObject_GetAttrString(thread.Get(), "ident") : nullptr);
+        const unsigned long ident = number ? PyLong_AsUnsignedLong(number.Get()) : 0;
+        PyErr_Clear();
+        return ident;
+    }();
+    return PyThread_get_thread_ident() == mainThread;
+}
+
+void WaitAside(const std::function<void()>& work, const std::function<void()>& cancel) {
+    Worker* const worker = TakeWorker();
+    RaisedAside raised;
+    PyThreadState* const state = PyEval_SaveThread();
+    worker->Begin(work);
+    while (!worker->Finished(kTick)) {
+        PyEval_RestoreThread(state);
+        const bool raises = PyErr_CheckSignals() < 0;
+        if (raises) raised.Take();
+        PyEval_SaveThread();
+        if (raises) cancel();
+    }
+    PyEval_RestoreThread(state);
+    IdleWorkers().push_back(worker);
+    if (!raised) return;
+    raised.Restore();
+    throw PythonError();
+}

@@ -1,0 +1,94 @@
+"""Values come back as they went in, or are refused."""
+
+import datetime
+import enum
+import uuid
+from decimal import Decimal
+
+import pytest
+
+from vorda import dbapi
+
+
+class Colour(enum.Enum):
+    RED = "red"
+
+
+class Size(enum.IntEnum):
+    BIG = 3
+
+
+VALUES = [
+    ("INTEGER", [0, 1, -1, 2**31, 2**63 - 1, -(2**63)]),
+    ("TEXT", ["", "x", "\0", "é\0\U0001F600" * 5000, "x" * 4095, "é" * 2048, "a" * 256, "a" * 257]),
+    ("REAL", [0.5, -0.0, 1e308, float("inf")]),
+    ("BLOB", [b"", b"\0\xff" * 40000]),
+    ("BOOLEAN", [True, False]),
+    ("DECIMAL(20,4)", [Decimal("0.02"), Decimal("-12345678901.2345"), Decimal(0)]),
+    ("DATE", [datetime.date(1, 1, 1), datetime.date(9999, 12, 31)]),
+    ("TIME", [datetime.time(23, 59, 59, 999999), datetime.time(0)]),
+    ("TIMESTAMP", [datetime.datetime(2024, 2, 29, 1, 2, 3, 456789)]),
+]
+
+
+@pytest.mark.parametrize("declared, values", VALUES, ids=[declared for declared, _ in VALUES])
+def test_values_come_back_as_they_went_in(connection, declared, values):
+    connection.execute("CREATE TABLE t (i INTEGER, x %s)" % declared)
+    values = [*values, None]
+    for pair in enumerate(values):
+        connection.execute("INSERT INTO t VALUES (?, ?)", pair)
+    cursor = connection.execute("SELECT x FROM t ORDER BY i")
+    back = [row[0] for row in cursor]
+    assert back == values and [type(value) for value in back] == [type(value) for value in values]
+    assert cursor.description[0][0] == "x" and cursor.description[0][1] is type(values[0])
+    assert connection.execute("SELECT count(*) FROM t WHERE x = ?", values[:1]).fetchone() >= (1,)
+
+
+@pytest.mark.parametrize("given, sent", [
+    (Colour.RED, "red"), (Size.BIG, 3), (bytearray(b"x"), b"x"), (memoryview(b"xyz")[1:], b"yz"), (Decimal("1.5"), 1.5),
+    (uuid.UUID(int=1), str(uuid.UUID(int=1))), (type("T", (str,), {})("t"), "t"), (type("B", (bytes,), {})(b"b"), b"b"),
+])
+def test_other_types_are_sent_as_what_they_stand_for(connection, given, sent):
+    assert connection.execute("SELECT ?", (given,)).fetchone() == (sent,)
+
+
+@pytest.mark.parametrize("value, error, words", [
+    (2**63, dbapi.DataError, "64 bits"),
+    ("\ud800", dbapi.DataError, "surrogate"),
+    (float("nan"), dbapi.DataError, "NaN"),
+    (Decimal("1234567890.1234567"), dbapi.DataError, "15 digits"),
+    (Decimal("1E+400"), dbapi.DataError, "15 digits"),
+    (Decimal("NaN"), dbapi.DataError, "15 digits"),
+    (datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc), dbapi.DataError, "time zone"),
+    (object(), dbapi.ProgrammingError, "type object.*register_adapter"),
+    ([1], dbapi.ProgrammingError, "type list"),
+])
+def test_what_cannot_be_sent_exactly_is_refused_by_its_place(connection, value, error, words):
+    with pytest.raises(error, match="Parameter 2: .*" + words):
+        connection.execute("SELECT ?, ?", (1, value))
+
+
+def test_an_adapter_serves_a_type_and_those_derived_from_it(connection, monkeypatch):
+    monkeypatch.setattr(dbapi, "_adapters", dict(dbapi._adapters))
+
+    class Money:
+        amount = Decimal("1.5")
+
+    dbapi.register_adapter(Money, lambda money: money.amount)
+    assert connection.execute("SELECT ?", [type("Euro", (Money,), {})()]).fetchone() == (1.5,)
+
+
+@pytest.mark.parametrize("parameters, row", [
+    ((1, "x"), (1, ":a", "x")), ([1, "x"], (1, ":a", "x")), ({"a": 1, "b": "x", "c": 0}, (1, ":a", "x")),
+])
+def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
+    markers = ":a, ':a', :b -- :c" if isinstance(parameters, dict) else "?, ':a', ? -- ?"
+    assert connection.execute("SELECT " + markers, parameters).fetchone() == row
+
+
+@pytest.mark.parametrize("parameters, words", [
+    ((), "1 parameter marker.*0 value"), ((1, 2), "1 parameter marker.*2 value"), ("x", "are a str"), ({1}, "are a set"),
+])
+def test_parameters_that_do_not_fit_are_refused(connection, parameters, words):
+    with pytest.raises(dbapi.ProgrammingError, match=words):
+        connection.execute("SELECT ?", parameters)
