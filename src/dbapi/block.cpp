@@ -2,134 +2,231 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 
 namespace {
 
-// How a column is read without buffers bound to it.
-struct Reading {
-    SQLSMALLINT sqlType;
-    SQLSMALLINT cType;
-    CellKind kind;
-    size_t size;  // 0: any length
-};
+// The indicator and the cell's tag, in front of the value.
+constexpr size_t kHead = sizeof(SQLLEN) + kCellTag;
+constexpr size_t kFixedWidth = sizeof(SQL_TIMESTAMP_STRUCT);
+constexpr size_t kTextWidth = 48;
+constexpr size_t kWidest = 2048;
 
-constexpr Reading kReadings[] = {
-    {SQL_BIT, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
-    {SQL_TINYINT, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
-    {SQL_SMALLINT, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
-    {SQL_INTEGER, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
-    {SQL_BIGINT, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
-    {SQL_REAL, SQL_C_DOUBLE, CellKind::Real, sizeof(double)},
-    {SQL_FLOAT, SQL_C_DOUBLE, CellKind::Real, sizeof(double)},
-    {SQL_DOUBLE, SQL_C_DOUBLE, CellKind::Real, sizeof(double)},
-    {SQL_DECIMAL, SQL_C_CHAR, CellKind::Decimal, 0},
-    {SQL_NUMERIC, SQL_C_CHAR, CellKind::Decimal, 0},
-    {SQL_BINARY, SQL_C_BINARY, CellKind::Blob, 0},
-    {SQL_VARBINARY, SQL_C_BINARY, CellKind::Blob, 0},
-    {SQL_LONGVARBINARY, SQL_C_BINARY, CellKind::Blob, 0},
-    {SQL_TYPE_DATE, SQL_C_TYPE_DATE, CellKind::Date, sizeof(SQL_DATE_STRUCT)},
-    {SQL_TYPE_TIME, SQL_C_TYPE_TIMESTAMP, CellKind::Time, sizeof(SQL_TIMESTAMP_STRUCT)},
-    {SQL_TYPE_TIMESTAMP, SQL_C_TYPE_TIMESTAMP, CellKind::Timestamp, sizeof(SQL_TIMESTAMP_STRUCT)},
-};
-constexpr Reading kText{SQL_WVARCHAR, SQL_C_WCHAR, CellKind::Text, 0};
+// A single row is told from several by fetching two; many rows come in larger blocks from block to
+// block. No block is larger than what a processor keeps at hand.
+constexpr size_t kFirstRows = 2;
+constexpr size_t kGrowth = 8;
+constexpr size_t kMostRows = 256;
+constexpr size_t kMostBytes = size_t{192} * 1024;
+// More than this is not kept by a statement that waits to be used again.
+constexpr size_t kMostKept = size_t{16} * 1024;
 
-const Reading& ReadingOf(SQLSMALLINT sqlType) {
-    const auto* const found =
-        std::find_if(std::begin(kReadings), std::end(kReadings),
-                     [sqlType](const Reading& reading) { return reading.sqlType == sqlType; });
-    return found == std::end(kReadings) ? kText : *found;
+SQLPOINTER AsPointer(size_t number) {
+    return reinterpret_cast<SQLPOINTER>(number);
 }
 
-// Class 22 is about data: one value cannot be delivered, and all others can.
-bool IsAboutData(const Failure& failure) {
-    return failure.Records().front().state.compare(0, 2, "22") == 0;
+void Set(SQLHSTMT statement, SQLINTEGER attribute, SQLPOINTER value) {
+    Check(SQLSetStmtAttrW(statement, attribute, value, 0), SQL_HANDLE_STMT, statement);
 }
 
 }  // namespace
 
-void Block::Begin() {
-    m_hasRow = false;
-    m_rowNumber = 0;
-    m_failed.reset();
+void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, bool areNew,
+                  bool& hasCells) {
+    m_columns = &columns;
+    m_count = m_next = 0;
+    m_rowsBefore = 0;
+    m_long.clear();
+    m_failures.clear();
+    m_nextLong = m_nextFailure = 0;
+    if (m_isBound && !areNew) return;
+    m_places.assign(columns.size(), {});
+    for (size_t i = 0; i < columns.size(); ++i)
+        m_places[i].wanted = HasAnyLength(columns[i].sqlType) ? kTextWidth : kFixedWidth;
+    m_cellByCell = !hasCells;
+    try {
+        Resize(statement, m_cellByCell ? 1 : kFirstRows);
+    } catch (const Failure&) {
+        SQLFreeStmt(statement, SQL_UNBIND);
+        hasCells = false;
+        m_cellByCell = true;
+        Resize(statement, 1);
+    }
 }
 
-bool Block::Load(SQLHSTMT statement, const std::vector<ColumnInfo>& columns) {
+// Memory for at most so many rows, with cells as wide as wanted.
+void Block::Resize(SQLHSTMT statement, size_t rows) {
+    m_rowSize = 0;
+    for (Place& place : m_places) {
+        place.width = place.wanted;
+        place.offset = m_rowSize;
+        m_rowSize += kHead + place.width;
+    }
+    m_widen = false;
+    m_isBound = false;
+    m_size = std::clamp<size_t>(kMostBytes / m_rowSize, 1, std::min(rows, kMostRows));
+    m_memory = std::make_unique<char[]>(m_size * m_rowSize);
+    m_status.assign(m_size, SQL_ROW_NOROW);
+    if (!m_cellByCell) Bind(statement);
+    m_isBound = true;
+}
+
+void Block::Bind(SQLHSTMT statement) {
+    Set(statement, SQL_ATTR_ROW_BIND_TYPE, AsPointer(m_rowSize));
+    Set(statement, SQL_ATTR_ROW_ARRAY_SIZE, AsPointer(m_size));
+    Set(statement, SQL_ATTR_ROW_STATUS_PTR, m_status.data());
+    Set(statement, SQL_ATTR_ROWS_FETCHED_PTR, &m_fetched);
+    for (size_t i = 0; i < m_places.size(); ++i) {
+        char* const indicator = m_memory.get() + m_places[i].offset;
+        Check(SQLBindCol(statement, static_cast<SQLUSMALLINT>(i + 1), kCellCType,
+                         indicator + sizeof(SQLLEN),
+                         static_cast<SQLLEN>(kCellTag + m_places[i].width),
+                         reinterpret_cast<SQLLEN*>(indicator)),
+              SQL_HANDLE_STMT, statement);
+    }
+}
+
+bool Block::Load(SQLHSTMT statement) {
+    const bool wasFull = m_count > 0 && m_count == m_size;
+    m_rowsBefore += m_count;
+    m_count = m_next = 0;
+    m_nextLong = m_nextFailure = 0;
+    m_long.clear();
+    m_failures.clear();
+    if (m_cellByCell) return LoadCellByCell(statement);
+    if (wasFull) Grow(statement);
+    m_fetched = 0;
+    const SQLRETURN status = SQLFetch(statement);
+    if (status == SQL_NO_DATA) return false;
+    const size_t fetched = std::min<size_t>(m_fetched, m_size);
+    if (status != SQL_SUCCESS) NoteFailures(statement, status, fetched);
+    m_count = fetched;
+    ReadLong(statement);
+    return true;
+}
+
+void Block::Grow(SQLHSTMT statement) {
+    const size_t most = std::max<size_t>(1, std::min(kMostRows, kMostBytes / m_rowSize));
+    if (m_widen || m_size < most) Resize(statement, m_size * kGrowth);
+}
+
+// A row that fails has one diagnostic of its own; they come in the order of the rows.
+void Block::NoteFailures(SQLHSTMT statement, SQLRETURN status, size_t fetched) {
+    SQLSMALLINT number = 0;
+    for (size_t row = 0; row < fetched; ++row) {
+        if (m_status[row] != SQL_ROW_ERROR) continue;
+        m_failures.emplace_back(row,
+                                Failure(ReadDiagnostics(SQL_HANDLE_STMT, statement, ++number, 1)));
+    }
+    if (m_failures.empty()) Check(status, SQL_HANDLE_STMT, statement);
+}
+
+void Block::ReadLong(SQLHSTMT statement) {
+    auto failure = m_failures.begin();
+    for (size_t row = 0; row < m_count; ++row) {
+        if (failure != m_failures.end() && failure->first == row) {
+            ++failure;
+            continue;
+        }
+        bool isPositioned = false;
+        for (size_t column = 0; column < m_places.size(); ++column) {
+            SQLLEN length = 0;
+            std::memcpy(&length, At(row, column), sizeof length);
+            if (length <= static_cast<SQLLEN>(m_places[column].width)) continue;
+            if (!isPositioned) {
+                Check(SQLSetPos(statement, row + 1, SQL_POSITION, SQL_LOCK_NO_CHANGE),
+                      SQL_HANDLE_STMT, statement);
+                isPositioned = true;
+            }
+            m_long.push_back({row, column, {}});
+            ReadWhole(statement, static_cast<SQLUSMALLINT>(column + 1), static_cast<size_t>(length),
+                      m_long.back().bytes);
+            ++m_places[column].longValues;
+        }
+    }
+    // A column where such values are no exception gets wider cells with the next block.
+    for (Place& place : m_places) {
+        const bool often = place.longValues > m_count / 8 && place.width < kWidest;
+        place.wanted = often ? place.width * 4 : place.width;
+        m_widen |= often;
+        place.longValues = 0;
+    }
+}
+
+bool Block::LoadCellByCell(SQLHSTMT statement) {
     const SQLRETURN status = SQLFetch(statement);
     Check(status, SQL_HANDLE_STMT, statement);
     if (status == SQL_NO_DATA) return false;
-    m_hasRow = true;
-    m_cells.resize(columns.size());
+    m_count = 1;
+    std::string bytes;
     try {
-        for (size_t i = 0; i < columns.size(); ++i) {
-            Read(statement, static_cast<SQLUSMALLINT>(i + 1), columns[i].sqlType, m_cells[i]);
+        for (size_t i = 0; i < m_places.size(); ++i) {
+            const CellKind kind = ReadStandard(statement, static_cast<SQLUSMALLINT>(i + 1),
+                                               (*m_columns)[i].sqlType, bytes);
+            char* const place = m_memory.get() + m_places[i].offset;
+            const auto length = static_cast<SQLLEN>(bytes.size());
+            std::memcpy(place, &length, sizeof length);
+            std::memcpy(place + sizeof length, &kind, sizeof kind);
+            if (bytes.size() <= m_places[i].width) {
+                std::copy(bytes.begin(), bytes.end(), place + kHead);
+            } else {
+                m_long.push_back({0, i, std::move(bytes)});
+                bytes.clear();
+            }
         }
     } catch (const Failure& failure) {
-        if (!IsAboutData(failure)) throw;
-        m_failed = failure;
+        // Class 22 is about data: one value cannot be delivered, and all others can.
+        if (failure.Records().front().state.compare(0, 2, "22") != 0) throw;
+        m_failures.emplace_back(0, failure);
     }
     return true;
 }
 
-void Block::Read(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, OwnCell& cell) {
-    const Reading& reading = ReadingOf(sqlType);
-    const size_t terminator = reading.cType == SQL_C_BINARY ? 0 : 1;
-    std::string& bytes = cell.bytes;
-    bytes.clear();
-    cell.kind = reading.kind;
-    // A piece ends with a whole character, so how long it is shows only in what is left behind it.
-    SQLLEN left = SQL_NO_TOTAL;
-    size_t piece = 0;
-    for (size_t room = 4096;;) {
-        const size_t begin = bytes.size();
-        bytes.resize(begin + room);
-        SQLLEN indicator = 0;
-        const SQLRETURN status = SQLGetData(statement, number, reading.cType, &bytes[begin],
-                                            static_cast<SQLLEN>(room), &indicator);
-        Check(status, SQL_HANDLE_STMT, statement);
-        if (status == SQL_NO_DATA) indicator = 0;
-        if (indicator == SQL_NULL_DATA) cell.kind = CellKind::Null;
-        if (reading.size > 0 || cell.kind == CellKind::Null) {
-            bytes.resize(reading.size);
-            return;
-        }
-        if (left >= 0 && indicator >= 0 && indicator <= left) {
-            const auto delivered = static_cast<size_t>(left - indicator);
-            if (delivered < piece) bytes.erase(begin - piece + delivered, piece - delivered);
-        }
-        const size_t start = bytes.size() - room;
-        if (indicator >= 0 && static_cast<size_t>(indicator) + terminator <= room) {
-            bytes.resize(start + static_cast<size_t>(indicator));
-            return;
-        }
-        piece = terminator && indicator < 0 ? strnlen(&bytes[start], room - 1) : room - terminator;
-        if (piece == 0) throw Failure("HY000", "The driver sends a value in pieces of nothing.");
-        bytes.resize(start + piece);
-        left = indicator;
-        if (indicator >= 0) room = static_cast<size_t>(indicator) + terminator;
+PyRef Block::MakeCell(size_t row, size_t column) {
+    const char* const place = At(row, column);
+    SQLLEN length = 0;
+    Cell cell{};
+    std::memcpy(&length, place, sizeof length);
+    std::memcpy(&cell.kind, place + sizeof length, sizeof cell.kind);
+    if (length == SQL_NULL_DATA) cell.kind = CellKind::Null;
+    if (m_nextLong < m_long.size() && m_long[m_nextLong].row == row &&
+        m_long[m_nextLong].column == column) {
+        cell.bytes = m_long[m_nextLong++].bytes;
+    } else {
+        const auto width = static_cast<SQLLEN>(m_places[column].width);
+        cell.bytes = {place + kHead, static_cast<size_t>(std::clamp<SQLLEN>(length, 0, width))};
     }
+    return MakeValue(cell, (*m_columns)[column].meaning);
 }
 
-PyRef Block::Take(const std::vector<ColumnInfo>& columns) {
-    m_hasRow = false;
-    ++m_rowNumber;
-    if (m_failed) {
-        const Failure failure = std::move(*m_failed);
-        m_failed.reset();
-        throw failure;
-    }
-    PyRef row = Checked(PyTuple_New(static_cast<Py_ssize_t>(columns.size())));
-    for (size_t i = 0; i < columns.size(); ++i) {
+PyRef Block::Take() {
+    const size_t row = m_next++;
+    while (m_nextLong < m_long.size() && m_long[m_nextLong].row < row) ++m_nextLong;
+    if (m_nextFailure < m_failures.size() && m_failures[m_nextFailure].first == row)
+        throw Failure(m_failures[m_nextFailure++].second);
+    PyRef made = Checked(PyTuple_New(static_cast<Py_ssize_t>(m_places.size())));
+    for (size_t column = 0; column < m_places.size(); ++column) {
         try {
-            const Cell cell{m_cells[i].kind, m_cells[i].bytes};
-            PyTuple_SET_ITEM(row.Get(), static_cast<Py_ssize_t>(i),
-                             MakeValue(cell, columns[i].meaning).Release());
+            PyTuple_SET_ITEM(made.Get(), static_cast<Py_ssize_t>(column),
+                             MakeCell(row, column).Release());
         } catch (const Failure& failure) {
             const Diagnostic& record = failure.Records().front();
-            throw Failure(record.state.c_str(),
-                          "Column " + std::to_string(i + 1) + " \"" + columns[i].name + "\", row " +
-                              std::to_string(m_rowNumber) + ": " + record.words);
+            throw Failure(record.state.c_str(), "Column " + std::to_string(column + 1) + " \"" +
+                                                    (*m_columns)[column].name + "\", row " +
+                                                    std::to_string(m_rowsBefore + row + 1) + ": " +
+                                                    record.words + ".");
         }
     }
-    return row;
+    // What a row holds refers to nothing: the collector need not look at it.
+    PyObject_GC_UnTrack(made.Get());
+    return made;
+}
+
+void Block::End(SQLHSTMT statement) {
+    m_count = m_next = 0;
+    m_long = {};
+    m_failures.clear();
+    if (!m_isBound || m_size * m_rowSize <= kMostKept) return;
+    SQLFreeStmt(statement, SQL_UNBIND);
+    m_isBound = false;
+    m_memory.reset();
 }

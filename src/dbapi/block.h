@@ -1,10 +1,12 @@
 // Rows that are fetched and not yet handed out.
 #pragma once
 
-#include <optional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "dbapi/cells.h"
 #include "dbapi/values.h"
 
 // A result column as the driver describes it.
@@ -17,27 +19,67 @@ struct ColumnInfo {
     Meaning meaning = Meaning::Plain;
 };
 
+// The rows of one statement's results, fetched some at a time into memory that is bound to it, in
+// cells that are what they are. Short values lie in their cells; what does not fit is read on its
+// own, and a column with many such values gets wider cells. A runtime without such cells is asked
+// for each value.
+//
+// What takes a statement calls the runtime, and needs no interpreter lock.
 class Block {
   public:
-    // Before the first row of a result.
-    void Begin();
-    // Fetches; false when the rows are over. Needs no interpreter lock.
-    bool Load(SQLHSTMT statement, const std::vector<ColumnInfo>& columns);
-    bool HasRow() const { return m_hasRow; }
+    // Before the first row of a result with these columns, which must stay.
+    void Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, bool areNew,
+               bool& hasCells);
+    // Fetches; false when the rows are over.
+    bool Load(SQLHSTMT statement);
+    bool HasRow() const { return m_next < m_count; }
     // The next of the rows; throws for one that cannot be told, which then is passed over.
-    PyRef Take(const std::vector<ColumnInfo>& columns);
+    PyRef Take();
+    // Forgets rows, and gives back memory that is worth it.
+    void End(SQLHSTMT statement);
 
   private:
-    // A cell that is read on its own.
-    struct OwnCell {
-        CellKind kind = CellKind::Null;
+    // Where a column's part of a row lies: the indicator, and the cell behind it.
+    struct Place {
+        size_t offset = 0;
+        size_t width = 0;  // of the value in the cell
+        size_t wanted = 0;
+        size_t longValues = 0;  // in the block at hand
+    };
+    // A value that did not fit its cell.
+    struct LongValue {
+        size_t row;
+        size_t column;
         std::string bytes;
     };
 
-    static void Read(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, OwnCell& cell);
+    void Bind(SQLHSTMT statement);
+    void Resize(SQLHSTMT statement, size_t rows);
+    void Grow(SQLHSTMT statement);
+    void ReadLong(SQLHSTMT statement);
+    void NoteFailures(SQLHSTMT statement, SQLRETURN status, size_t fetched);
+    bool LoadCellByCell(SQLHSTMT statement);
+    const char* At(size_t row, size_t column) const {
+        return m_memory.get() + row * m_rowSize + m_places[column].offset;
+    }
+    PyRef MakeCell(size_t row, size_t column);
 
-    bool m_hasRow = false;
-    unsigned long long m_rowNumber = 0;
-    std::vector<OwnCell> m_cells;
-    std::optional<Failure> m_failed;  // the row cannot be told
+    const std::vector<ColumnInfo>* m_columns = nullptr;
+    bool m_cellByCell = false;
+    bool m_isBound = false;
+    bool m_widen = false;
+    std::vector<Place> m_places;
+    size_t m_rowSize = 0;
+    size_t m_size = 0;  // rows that a fetch brings at most
+    std::unique_ptr<char[]> m_memory;
+    std::vector<SQLUSMALLINT> m_status;
+    SQLULEN m_fetched = 0;
+
+    size_t m_count = 0;
+    size_t m_next = 0;
+    unsigned long long m_rowsBefore = 0;
+    std::vector<LongValue> m_long;  // in the order in which they are taken
+    size_t m_nextLong = 0;
+    std::vector<std::pair<size_t, Failure>> m_failures;  // of rows, in their order
+    size_t m_nextFailure = 0;
 };

@@ -11,26 +11,6 @@ CursorObject* Self(PyObject* object) {
     return reinterpret_cast<CursorObject*>(object);
 }
 
-// One call of a cursor. Whatever runs Python code in the middle of it finds the cursor taken.
-class Call {
-  public:
-    explicit Call(PyObject* cursor) : m_cursor(*Self(cursor)) {
-        if (!m_cursor.connection) throw Failure("24000", "The cursor is closed.");
-        if (m_cursor.isBusy) {
-            throw Failure("HY010",
-                          "The cursor is busy: another thread uses it, or this was called by what "
-                          "it calls itself.");
-        }
-        m_cursor.isBusy = true;
-    }
-    ~Call() { m_cursor.isBusy = false; }
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
-
-  private:
-    CursorObject& m_cursor;
-};
-
 // ---- life
 
 PyObject* New(PyTypeObject* type, PyObject*, PyObject*) {
@@ -59,11 +39,6 @@ int Init(PyObject* object, PyObject* args, PyObject*) {
         self->rowFactory = PyRef::Borrow(self->connection->rowFactory).Release();
         return 0;
     });
-}
-
-void GiveStatementBack(CursorObject* self) {
-    if (self->statement) self->link->GiveBack(std::move(self->statement));
-    Py_CLEAR(self->makeRow);
 }
 
 int Traverse(PyObject* object, visitproc visit, void* arg) {
@@ -103,57 +78,6 @@ PyRef Close(PyObject* object, PyObject*) {
     GiveStatementBack(self);
     Py_CLEAR(self->connection);
     return PyRef::Borrow(Py_None);
-}
-
-// ---- executing
-
-// Reads what was given as parameters. `named` becomes the statement with plain markers when they
-// are a mapping.
-void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
-    self->values.clear();
-    if (!given || given == Py_None) return;
-    PyRef sequence = PyRef::Borrow(given);
-    if (!PyTuple_CheckExact(given) && !PyList_CheckExact(given)) {
-        const PyRef pair = CallFace("_positional", "(OO)", sql.Get(), given);
-        sql = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 0));
-        sequence = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 1));
-        if (!sql || !sequence) throw PythonError();
-    }
-    const Sending sending{self->link->IsSqlite()};
-    // A list may change while adapters run.
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.Get()); ++i) {
-        const PyRef item = PyRef::Borrow(PySequence_Fast_GET_ITEM(sequence.Get(), i));
-        self->values.push_back(ReadValue(item.Get(), i + 1, sending));
-    }
-}
-
-PyRef Execute(PyObject* object, PyObject* const* args, Py_ssize_t count) {
-    if (count < 1 || count > 2 || !PyUnicode_Check(args[0])) {
-        PyErr_SetString(PyExc_TypeError,
-                        "execute() takes a statement as str, and optionally its parameters");
-        return PyRef();
-    }
-    const Call call(object);
-    CursorObject* const self = Self(object);
-    LinkOf(reinterpret_cast<PyObject*>(self->connection));
-    PyRef sql = PyRef::Borrow(args[0]);
-    ReadParameters(self, count > 1 ? args[1] : nullptr, sql);
-    Py_CLEAR(self->makeRow);
-    self->rowCount = -1;
-    Link& link = *self->link;
-    const Link::Turn turn(link);
-    if (self->statement && self->statement->IsFor(sql.Get())) {
-        self->statement->Close();
-    } else {
-        GiveStatementBack(self);
-        self->statement = link.TakeStatement(sql.Get());
-    }
-    Statement& statement = *self->statement;
-    link.Touch();
-    link.Wait(statement.Handle(), [&] { statement.Execute(self->values); });
-    self->rowCount = statement.RowCount();
-    self->values.clear();
-    return PyRef::Borrow(object);
 }
 
 // ---- rows
@@ -245,18 +169,23 @@ PyObject* Adapted(PyObject* self, PyObject* argument) noexcept {
     return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, argument).Release(); });
 }
 
-PyObject* ExecuteAdapted(PyObject* self, PyObject* const* args, Py_ssize_t count) noexcept {
-    return AtBoundary<PyObject*>(nullptr, [&] { return Execute(self, args, count).Release(); });
-}
-
-PyCFunction AsMethod(PyObject* (*method)(PyObject*, PyObject* const*, Py_ssize_t)) {
-    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(method));
+template <PyRef (*Method)(PyObject*, PyObject* const*, Py_ssize_t)>
+PyCFunction AsFast() {
+    constexpr PyObject* (*adapted)(PyObject*, PyObject* const*,
+                                   Py_ssize_t) = [](PyObject* self, PyObject* const* args,
+                                                    Py_ssize_t count) noexcept {
+        return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, args, count).Release(); });
+    };
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(adapted));
 }
 
 PyMethodDef Methods[] = {
-    {"execute", AsMethod(ExecuteAdapted), METH_FASTCALL,
+    {"execute", AsFast<CursorExecute>(), METH_FASTCALL,
      "execute($self, operation, parameters=None, /)\n--\n\nRun a statement, and return the cursor. "
      "Parameters: a sequence for ?, or a mapping for :name."},
+    {"executemany", AsFast<CursorExecuteMany>(), METH_FASTCALL,
+     "executemany($self, operation, seq_of_parameters, /)\n--\n\nRun a statement once for each of "
+     "many sequences or mappings: for all or, when one fails, for none."},
     {"fetchone", Adapted<FetchOne>, METH_NOARGS,
      "fetchone($self, /)\n--\n\nThe next row, or None after the last."},
     {"fetchmany", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(FetchManyAdapted)),
@@ -280,12 +209,30 @@ PyObject* Description(PyObject* object, void*) {
         CursorObject* const self = Self(object);
         if (!self->statement || !self->statement->HasColumns())
             return PyRef::Borrow(Py_None).Release();
-        return self->statement->Description().Release();
+        Statement& statement = *self->statement;
+        if (!statement.IsDescribed()) {
+            const Link::Turn turn(*self->link);
+            self->link->Wait(statement.Handle(), [&] { statement.Describe(); });
+        }
+        return statement.Description().Release();
     });
 }
 
 PyObject* RowCount(PyObject* object, void*) {
     return PyLong_FromSsize_t(Self(object)->rowCount);
+}
+
+PyObject* LastRowId(PyObject* object, void*) {
+    return AtBoundary<PyObject*>(nullptr, [&] {
+        CursorObject* const self = Self(object);
+        SQLBIGINT id = 0;
+        bool known = false;
+        if (self->statement && self->link->IsOpen()) {
+            const Link::Turn turn(*self->link);
+            known = self->statement->LastRowId(id);
+        }
+        return known ? PyLong_FromLongLong(id) : PyRef::Borrow(Py_None).Release();
+    });
 }
 
 PyObject* IsClosed(PyObject* object, void*) {
@@ -317,6 +264,8 @@ PyGetSetDef Properties[] = {
      nullptr},
     {"rowcount", RowCount, nullptr, "Rows that the last statement changed; -1 for queries.",
      nullptr},
+    {"lastrowid", LastRowId, nullptr,
+     "The row id of the row inserted last, on SQLite; None where there are none.", nullptr},
     {"connection", GetConnection, nullptr, "The connection that the cursor works on.", nullptr},
     {"closed", IsClosed, nullptr, "Whether the cursor is closed.", nullptr},
     {"row_factory", GetRowFactory, SetRowFactory,

@@ -6,15 +6,14 @@
 
 namespace {
 
-// No driver has more to say; a runtime that never ends is not listened to for ever.
-constexpr SQLSMALLINT kMostRecords = 16;
 constexpr SQLSMALLINT kWordsSize = 4096;
 
 }  // namespace
 
-std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle) {
+std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle, SQLSMALLINT first,
+                                        SQLSMALLINT most) {
     std::vector<Diagnostic> records;
-    for (SQLSMALLINT number = 1; number <= kMostRecords; ++number) {
+    for (SQLSMALLINT number = first; number - first < most; ++number) {
         // Terminated whatever the runtime writes into all but the last bytes.
         char state[16] = {};
         char words[kWordsSize + 1] = {};

@@ -48,6 +48,10 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
         char name[64] = {};
         SQLGetInfoW(connection, SQL_DBMS_NAME, name, sizeof name - 1, nullptr);
         m_isSqlite = std::strcmp(name, "SQLite") == 0;
+        constexpr SQLUINTEGER kBlocks = SQL_GD_BLOCK | SQL_GD_BOUND;
+        SQLUINTEGER extensions = 0;
+        SQLGetInfoW(connection, SQL_GETDATA_EXTENSIONS, &extensions, sizeof extensions, nullptr);
+        m_hasCells = (extensions & kBlocks) == kBlocks;
     });
     if (!autocommit) SetAutocommit(false);
 }
@@ -113,20 +117,49 @@ void Link::Cancel() {
     if (m_running) SQLCancel(m_running);
 }
 
-void Link::EndTransaction(SQLSMALLINT how) {
+void Link::EndTransaction(bool keep) {
+    if (!keep) {
+        for (Statement* const statement : m_taken)
+            statement->Lose("24000", "The rows are gone with the rollback.");
+    }
     Wait(nullptr, [&] {
-        Check(SQLEndTran(SQL_HANDLE_DBC, m_connection, how), SQL_HANDLE_DBC, m_connection);
+        Check(SQLEndTran(SQL_HANDLE_DBC, m_connection, keep ? SQL_COMMIT : SQL_ROLLBACK),
+              SQL_HANDLE_DBC, m_connection);
     });
     m_touched = false;
 }
 
 void Link::Commit(bool keep) {
     const Turn turn(*this);
-    if (!keep) {
-        for (Statement* const statement : m_taken)
-            statement->Lose("24000", "The rows are gone with the rollback.");
+    EndTransaction(keep);
+}
+
+void Link::Run(const char* sql) {
+    SQLHSTMT statement = nullptr;
+    Check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection, &statement), SQL_HANDLE_DBC, m_connection);
+    const std::unique_ptr<void, void (*)(SQLHSTMT)> owner(
+        statement, [](SQLHSTMT owned) { SQLFreeHandle(SQL_HANDLE_STMT, owned); });
+    Wait(statement, [&] {
+        Check(SQLExecDirectW(statement, AsWideText(sql), SQL_NTS), SQL_HANDLE_STMT, statement);
+    });
+}
+
+void Link::SetSavepoint() {
+    if (m_isSqlite) {
+        // There, a savepoint outside of a transaction is one of its own, committed when released.
+        try {
+            Run("BEGIN");
+        } catch (const Failure&) {
+            // It is open already.
+        }
     }
-    EndTransaction(keep ? SQL_COMMIT : SQL_ROLLBACK);
+    m_touched = true;
+    Run("SAVEPOINT vorda_executemany");
+}
+
+void Link::ReleaseSavepoint(bool keep) {
+    if (!keep) Run("ROLLBACK TO SAVEPOINT vorda_executemany");
+    Run("RELEASE SAVEPOINT vorda_executemany");
 }
 
 void Link::SetAutocommit(bool on) {
@@ -164,15 +197,11 @@ std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
     return statement;
 }
 
-void Link::GiveBack(std::unique_ptr<Statement> statement) {
+void Link::GiveBack(std::unique_ptr<Statement> statement) noexcept {
     m_taken.erase(std::remove(m_taken.begin(), m_taken.end(), statement.get()), m_taken.end());
     if (IsInherited() || !IsOpen()) return;
     const unsigned long thread = PyThread_get_thread_ident();
-    if (m_owner.load(std::memory_order_relaxed) == thread) {
-        m_waiting.push_back(std::move(statement));
-        return;
-    }
-    if (!m_mutex.try_lock()) {
+    if (m_owner.load(std::memory_order_relaxed) == thread || !m_mutex.try_lock()) {
         m_waiting.push_back(std::move(statement));
         return;
     }
@@ -180,12 +209,16 @@ void Link::GiveBack(std::unique_ptr<Statement> statement) {
     m_mutex.unlock();
 }
 
-void Link::TakeIn(std::unique_ptr<Statement> statement) {
+void Link::TakeIn(std::unique_ptr<Statement> statement) noexcept {
     statement->Close();
-    m_idle.Keep(std::move(statement));
+    try {
+        m_idle.Keep(std::move(statement));
+    } catch (const std::bad_alloc&) {
+        // It is prepared again when it is wanted again.
+    }
 }
 
-void Link::TakeInWaiting() {
+void Link::TakeInWaiting() noexcept {
     while (!m_waiting.empty()) {
         std::unique_ptr<Statement> statement = std::move(m_waiting.back());
         m_waiting.pop_back();

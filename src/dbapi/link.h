@@ -63,8 +63,14 @@ class Link {
     // Ends what runs, if anything does. For any thread, without the interpreter lock.
     void Cancel();
 
+    // Waits for its turn, and commits or rolls back.
     void Commit(bool keep);
+    // For the holder of a turn, as all that follows up to Close. Rolling back ends open results.
+    void EndTransaction(bool keep);
     void SetAutocommit(bool on);
+    // A point in the transaction to come back to, and doing so, or keeping what came behind it.
+    void SetSavepoint();
+    void ReleaseSavepoint(bool keep);
     // Waits for its turn, rolls back and disconnects. Open results are over.
     void Close();
 
@@ -75,6 +81,8 @@ class Link {
     bool InTransaction();
     // Something was executed that a commit would keep.
     void Touch() { m_touched = true; }
+    // Whether the runtime delivers cells as what they are; a block finds out that it does not.
+    bool& HasCells() { return m_hasCells; }
     bool IsSqlite() const { return m_isSqlite; }
     long Timeout() const { return m_timeout; }
     void SetTimeout(long seconds) { m_timeout = seconds; }
@@ -83,7 +91,7 @@ class Link {
     // A prepared statement that nobody uses, or a new one; for the holder of a turn.
     std::unique_ptr<Statement> TakeStatement(PyObject* text);
     // Takes a statement back at any time, its result with it; under the interpreter lock.
-    void GiveBack(std::unique_ptr<Statement> statement);
+    void GiveBack(std::unique_ptr<Statement> statement) noexcept;
 
   private:
     // Notes what runs, for Cancel.
@@ -101,9 +109,9 @@ class Link {
     void NoteRunning(SQLHSTMT statement);
     void Connect(const std::string& text, bool autocommit, std::string& warning);
     void FreeHandles();
-    void EndTransaction(SQLSMALLINT how);
-    void TakeIn(std::unique_ptr<Statement> statement);
-    void TakeInWaiting();
+    void Run(const char* sql);
+    void TakeIn(std::unique_ptr<Statement> statement) noexcept;
+    void TakeInWaiting() noexcept;
 
     SQLHENV m_environment = nullptr;
     SQLHDBC m_connection = nullptr;
@@ -111,6 +119,7 @@ class Link {
     bool m_autocommit = true;
     bool m_touched = false;
     bool m_isSqlite = false;
+    bool m_hasCells = false;
     long m_timeout;
 
     std::mutex m_mutex;

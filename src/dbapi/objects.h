@@ -19,7 +19,6 @@ struct CursorObject {
     ConnectionObject* connection;  // null once closed
     PyObject* rowFactory;
     PyObject* makeRow;  // what the factory gave for this result, or null
-    PyObject* messages;
     Py_ssize_t arraySize;
     SQLLEN rowCount;
     bool isBusy;  // in a call; may be one of another thread
@@ -31,7 +30,41 @@ struct CursorObject {
 extern PyTypeObject ConnectionType;
 extern PyTypeObject CursorType;
 
-// The link of an open connection; throws for one that was never opened.
+// The link of an open connection; throws for one that is closed or was never opened.
 Link& LinkOf(PyObject* connection);
-// A new cursor of the type that the face has registered.
-PyRef NewCursor(PyObject* connection);
+
+inline CursorObject* AsCursor(PyObject* cursor) {
+    return reinterpret_cast<CursorObject*>(cursor);
+}
+// Lets go of what the cursor executed last.
+void GiveStatementBack(CursorObject* cursor);
+
+// One call of a cursor. Whatever runs Python code in the middle of it finds the cursor taken.
+class Call {
+  public:
+    explicit Call(PyObject* cursor) : m_cursor(*AsCursor(cursor)) {
+        if (!m_cursor.connection) throw Failure("24000", "The cursor is closed.");
+        if (m_cursor.isBusy) {
+            throw Failure("HY010",
+                          "The cursor is busy: another thread uses it, or this was called by what "
+                          "it calls itself.");
+        }
+        m_cursor.isBusy = true;
+    }
+    ~Call() { m_cursor.isBusy = false; }
+    Call(const Call&) = delete;
+    Call& operator=(const Call&) = delete;
+
+  private:
+    CursorObject& m_cursor;
+};
+
+// The methods that execute.
+PyRef CursorExecute(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
+PyRef CursorExecuteMany(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
+
+// Reads what was given as parameters into the cursor's values. A mapping makes `sql` the statement
+// with plain markers.
+void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql);
+// Has the cursor hold a statement for the text; for the holder of a turn.
+Statement& UseStatement(CursorObject* self, PyObject* sql);

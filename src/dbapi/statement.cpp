@@ -10,6 +10,8 @@ namespace {
 
 // A longer name is cut: no database has one.
 constexpr SQLSMALLINT kNameSize = 1024;
+// The runtime's attribute of a statement for it.
+constexpr SQLINTEGER kLastRowId = 0x7001;
 // Longer texts are bound where they are, instead of being copied to a place that stays.
 constexpr size_t kMostCopied = 256;
 
@@ -33,6 +35,7 @@ Statement::Statement(Link& link, PyObject* text) : m_link(link), m_text(PyRef::B
     }
     if (m_length > std::numeric_limits<SQLINTEGER>::max())
         throw Failure("42000", "The statement is longer than 2 GB.");
+    Check(SQLAllocHandle(SQL_HANDLE_STMT, link.Handle(), &m_handle), SQL_HANDLE_DBC, link.Handle());
 }
 
 Statement::~Statement() {
@@ -45,31 +48,27 @@ bool Statement::IsFor(PyObject* text) const {
            PyUnicode_Compare(text, m_text.Get()) == 0;
 }
 
-void Statement::Prepare() {
-    if (!m_handle) {
-        Check(SQLAllocHandle(SQL_HANDLE_STMT, m_link.Handle(), &m_handle), SQL_HANDLE_DBC,
-              m_link.Handle());
-    }
+// For so many values.
+void Statement::Prepare(size_t values) {
     if (m_timeout != m_link.Timeout()) {
         Called(SQLSetStmtAttrW(m_handle, SQL_ATTR_QUERY_TIMEOUT,
                                reinterpret_cast<SQLPOINTER>(m_link.Timeout()), 0));
         m_timeout = m_link.Timeout();
     }
-    if (m_prepared) return;
-    Called(SQLPrepareW(m_handle, AsWideText(m_utf8), static_cast<SQLINTEGER>(m_length)));
-    SQLSMALLINT count = 0;
-    m_parameterCount = OdbcSucceeded(SQLNumParams(m_handle, &count)) ? count : -1;
-    m_prepared = true;
+    if (!m_prepared) {
+        Called(SQLPrepareW(m_handle, AsWideText(m_utf8), static_cast<SQLINTEGER>(m_length)));
+        SQLSMALLINT count = 0;
+        m_parameterCount = OdbcSucceeded(SQLNumParams(m_handle, &count)) ? count : -1;
+        m_prepared = true;
+    }
+    if (m_parameterCount < 0 || static_cast<size_t>(m_parameterCount) == values) return;
+    throw Failure("07002", "The statement has " + std::to_string(m_parameterCount) +
+                               " parameter marker(s), but " + std::to_string(values) +
+                               " value(s) were given.");
 }
 
 void Statement::Execute(const std::vector<Value>& values) {
-    Prepare();
-    const auto count = static_cast<int>(values.size());
-    if (m_parameterCount >= 0 && count != m_parameterCount) {
-        throw Failure("07002", "The statement has " + std::to_string(m_parameterCount) +
-                                   " parameter marker(s), but " + std::to_string(count) +
-                                   " value(s) were given.");
-    }
+    Prepare(values.size());
     Bind(values);
     m_isDescribed = false;
     Executed(SQLExecute(m_handle));
@@ -80,7 +79,6 @@ void Statement::Executed(SQLRETURN status) {
     Called(status);
     m_isOpen = true;
     m_failed.reset();
-    m_block.Begin();
     m_rowCount = -1;
     SQLSMALLINT columns = 0;
     if (status != SQL_NO_DATA) Called(SQLNumResultCols(m_handle, &columns));
@@ -90,13 +88,55 @@ void Statement::Executed(SQLRETURN status) {
         Called(SQLRowCount(m_handle, &m_rowCount));
         return;
     }
-    Describe();
+    // Cells tell what they are: as long as there are as many, they need no new description.
+    const bool isNew = m_columns.size() != static_cast<size_t>(m_columnCount);
+    if (isNew || !m_link.HasCells()) Describe();
+    m_block.Begin(m_handle, m_columns, isNew, m_link.HasCells());
     Load();
+}
+
+SQLLEN Statement::Changed(SQLRETURN status) {
+    Called(status);
+    SQLLEN count = 0;
+    Called(SQLRowCount(m_handle, &count));
+    SQLFreeStmt(m_handle, SQL_CLOSE);
+    return std::max<SQLLEN>(count, 0);
+}
+
+SQLLEN Statement::ExecuteBatch(Batch& batch) {
+    Prepare(batch.Width());
+    m_parameters.clear();
+    const auto size = [this](size_t sets) {
+        return SQLSetStmtAttrW(m_handle, SQL_ATTR_PARAMSET_SIZE, reinterpret_cast<SQLPOINTER>(sets),
+                               0);
+    };
+    batch.Bind(m_handle, 0);
+    if (batch.Count() == 1) return Changed(SQLExecute(m_handle));
+    if (size(batch.Count()) != SQL_SUCCESS) throw Failure("HYC00", "The driver has no arrays.");
+    try {
+        const SQLLEN changed = Changed(SQLExecute(m_handle));
+        size(1);
+        return changed;
+    } catch (...) {
+        size(1);
+        throw;
+    }
+}
+
+SQLLEN Statement::ExecuteEach(Batch& batch) {
+    Prepare(batch.Width());
+    m_parameters.clear();
+    SQLLEN changed = 0;
+    for (size_t row = 0; row < batch.Count(); ++row) {
+        batch.Bind(m_handle, row);
+        changed += Changed(SQLExecute(m_handle));
+    }
+    return changed;
 }
 
 void Statement::Load() {
     try {
-        if (!m_block.Load(m_handle, m_columns)) m_hasRows = false;
+        if (!m_block.Load(m_handle)) m_hasRows = false;
     } catch (const Failure& failure) {
         m_failed = std::make_unique<Failure>(failure);
     }
@@ -117,7 +157,7 @@ bool Statement::NextResult() {
 }
 
 PyRef Statement::NextRow() {
-    if (m_block.HasRow()) return m_block.Take(m_columns);
+    if (m_block.HasRow()) return m_block.Take();
     if (m_failed) {
         const Failure failure = *m_failed;
         if (m_isOpen) m_failed.reset();
@@ -128,7 +168,7 @@ PyRef Statement::NextRow() {
 }
 
 void Statement::Describe() {
-    if (m_isDescribed) return;
+    if (m_isDescribed || m_columnCount == 0) return;
     m_columns.assign(static_cast<size_t>(m_columnCount), {});
     SQLUSMALLINT number = 0;
     for (ColumnInfo& column : m_columns) {
@@ -166,21 +206,29 @@ PyRef Statement::Description() const {
     return all;
 }
 
+bool Statement::LastRowId(SQLBIGINT& id) const {
+    return m_handle &&
+           OdbcSucceeded(SQLGetStmtAttrW(m_handle, kLastRowId, &id, sizeof id, nullptr));
+}
+
 void Statement::Close() {
     if (!m_isOpen) return;
     m_isOpen = m_hasRows = false;
     m_failed.reset();
-    m_block.Begin();
+    m_block.End(m_handle);
     m_columnCount = 0;
     SQLFreeStmt(m_handle, SQL_CLOSE);
 }
 
+// The description stays, if the driver still gives it.
 void Statement::Lose(const char* state, const char* words) {
     if (!m_isOpen) return;
-    if (m_hasRows) {
+    m_isOpen = false;
+    if (m_hasRows) m_failed = std::make_unique<Failure>(state, words);
+    try {
         Describe();
-        m_failed = std::make_unique<Failure>(state, words);
-        m_isOpen = false;
+    } catch (const Failure&) {
+        m_columnCount = 0;
     }
 }
 

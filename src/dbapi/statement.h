@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "dbapi/batch.h"
 #include "dbapi/block.h"
 #include "dbapi/values.h"
 
@@ -14,7 +15,7 @@ class Link;
 // of the link's turn, and needs no interpreter lock; all else needs that.
 class Statement {
   public:
-    // `text` is a str, kept as long as the statement.
+    // `text` is a str, kept as long as the statement. For the holder of the turn.
     Statement(Link& link, PyObject* text);
     ~Statement();
     Statement(const Statement&) = delete;
@@ -22,12 +23,12 @@ class Statement {
 
     bool IsFor(PyObject* text) const;
     SQLHSTMT Handle() const { return m_handle; }
-    // Prepares the text unless that is done.
-    void Prepare();
-    // Parameter markers, or -1 if the driver does not tell.
-    int ParameterCount() const { return m_parameterCount; }
     // Executes, and loads the first rows. The values' bytes must last until the end.
     void Execute(const std::vector<Value>& values);
+    // Executes for each row of a batch, at once or one by one, and answers how many rows changed;
+    // rows that it yields are dropped.
+    SQLLEN ExecuteBatch(Batch& batch);
+    SQLLEN ExecuteEach(Batch& batch);
     // Goes on to the next result; whether there is one.
     bool NextResult();
 
@@ -43,11 +44,14 @@ class Statement {
     // when they are read; one of a row, when that comes.
     PyRef NextRow();
 
+    bool IsDescribed() const { return m_isDescribed; }
     // What DB-API calls the description; the columns are described by the runtime at most once for
     // each result.
     void Describe();
     PyRef Description() const;
-    const std::vector<ColumnInfo>& Columns() const { return m_columns; }
+
+    // The id of the row inserted last; false where there is none.
+    bool LastRowId(SQLBIGINT& id) const;
 
     // Ends the result, so that the statement can be executed again.
     void Close();
@@ -56,7 +60,6 @@ class Statement {
     // Takes the rows away, for the same.
     void Lose(const char* state, const char* words);
 
-    // Links of the link's list of statements in use.
   private:
     struct Parameter {
         SQLSMALLINT cType = 0;
@@ -67,7 +70,9 @@ class Statement {
         std::string text;
     };
 
+    void Prepare(size_t values);
     void Bind(const std::vector<Value>& values);
+    SQLLEN Changed(SQLRETURN status);
     void BindOne(size_t index, const Value& value);
     void Executed(SQLRETURN status);
     void Called(SQLRETURN status) const { Check(status, SQL_HANDLE_STMT, m_handle); }
@@ -78,7 +83,7 @@ class Statement {
     Py_ssize_t m_length = 0;
     SQLHSTMT m_handle = nullptr;
     bool m_prepared = false;
-    int m_parameterCount = -1;
+    int m_parameterCount = -1;  // markers, -1 if the driver does not tell
     std::vector<Parameter> m_parameters;
     long m_timeout = 0;
 

@@ -210,7 +210,7 @@ int Microseconds(const SQL_TIMESTAMP_STRUCT& when) {
 }
 
 PyRef MakeDate(std::string_view bytes) {
-    const auto day = Load<SQL_DATE_STRUCT>(bytes);
+    const auto day = Load<SQL_TIMESTAMP_STRUCT>(bytes);
     return Made(PyDate_FromDate(day.year, day.month, day.day), "date");
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "dbapi/cells.h"
 #include "dbapi/failure.h"
 
 // A value to send, in the form in which it is bound.
@@ -29,19 +30,6 @@ struct Sending {
 
 // Reads a Python value, which may run any code. Throws what names the 1-based `position`.
 Value ReadValue(PyObject* object, Py_ssize_t position, const Sending& sending);
-
-// What a cell holds. The numbers are the runtime's.
-enum class CellKind : std::int32_t {
-    Null = 0,
-    Integer = 1,
-    Real = 2,
-    Text = 3,
-    Blob = 4,
-    Decimal = 5,
-    Date = 6,
-    Time = 7,
-    Timestamp = 8,
-};
 
 // What the column's type adds to a cell's own.
 enum class Meaning { Plain, Boolean, Uuid };

@@ -1,0 +1,58 @@
+// Executing a statement once.
+#include "dbapi/objects.h"
+
+void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
+    self->values.clear();
+    if (!given || given == Py_None) return;
+    PyRef sequence = PyRef::Borrow(given);
+    if (!PyTuple_CheckExact(given) && !PyList_CheckExact(given)) {
+        const PyRef pair = CallFace("_positional", "(OO)", sql.Get(), given);
+        sql = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 0));
+        sequence = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 1));
+        if (!sql || !sequence) throw PythonError();
+    }
+    const Sending sending{self->link->IsSqlite()};
+    // A list may change while adapters run.
+    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.Get()); ++i) {
+        const PyRef item = PyRef::Borrow(PySequence_Fast_GET_ITEM(sequence.Get(), i));
+        self->values.push_back(ReadValue(item.Get(), i + 1, sending));
+    }
+}
+
+void GiveStatementBack(CursorObject* self) {
+    if (self->statement) self->link->GiveBack(std::move(self->statement));
+    Py_CLEAR(self->makeRow);
+}
+
+Statement& UseStatement(CursorObject* self, PyObject* sql) {
+    Py_CLEAR(self->makeRow);
+    self->rowCount = -1;
+    if (self->statement && self->statement->IsFor(sql)) {
+        self->statement->Close();
+    } else {
+        GiveStatementBack(self);
+        self->statement = self->link->TakeStatement(sql);
+    }
+    self->link->Touch();
+    return *self->statement;
+}
+
+PyRef CursorExecute(PyObject* object, PyObject* const* args, Py_ssize_t count) {
+    if (count < 1 || count > 2 || !PyUnicode_Check(args[0])) {
+        PyErr_SetString(PyExc_TypeError,
+                        "execute() takes a statement as str, and optionally its parameters");
+        return PyRef();
+    }
+    const Call call(object);
+    CursorObject* const self = AsCursor(object);
+    LinkOf(reinterpret_cast<PyObject*>(self->connection));
+    PyRef sql = PyRef::Borrow(args[0]);
+    ReadParameters(self, count > 1 ? args[1] : nullptr, sql);
+    Link& link = *self->link;
+    const Link::Turn turn(link);
+    Statement& statement = UseStatement(self, sql.Get());
+    link.Wait(statement.Handle(), [&] { statement.Execute(self->values); });
+    self->rowCount = statement.RowCount();
+    self->values.clear();
+    return PyRef::Borrow(object);
+}

@@ -1,0 +1,144 @@
+// Executing a statement for many rows of parameters, in batches of bounded memory.
+#include "dbapi/batch.h"
+#include "dbapi/objects.h"
+
+namespace {
+
+// Makes several executions one: all of them or none.
+class Atomic {
+  public:
+    explicit Atomic(Link& link) : m_link(link) {}
+    Atomic(const Atomic&) = delete;
+    Atomic& operator=(const Atomic&) = delete;
+    ~Atomic() {
+        if (m_began) Undo();
+    }
+
+    void Begin() {
+        if (m_began) return;
+        const Link::Turn turn(m_link);
+        m_ownTransaction = m_link.Autocommit();
+        if (m_ownTransaction) {
+            m_link.SetAutocommit(false);
+        } else {
+            m_link.SetSavepoint();
+        }
+        m_began = true;
+    }
+
+    void Release() {
+        if (!m_began) return;
+        const Link::Turn turn(m_link);
+        if (m_ownTransaction) {
+            m_link.EndTransaction(true);
+            m_link.SetAutocommit(true);
+        } else {
+            m_link.ReleaseSavepoint(true);
+        }
+        m_began = false;
+    }
+
+  private:
+    // What failed is what the caller hears of, not that this fails, too: then the transaction, or
+    // the connection, is over, and nothing is kept either.
+    void Undo() noexcept {
+        PyObject *type, *value, *trace;
+        PyErr_Fetch(&type, &value, &trace);
+        try {
+            const Link::Turn turn(m_link);
+            if (m_ownTransaction) {
+                m_link.EndTransaction(false);
+                m_link.SetAutocommit(true);
+            } else {
+                m_link.ReleaseSavepoint(false);
+            }
+        } catch (...) {
+            PyErr_Clear();
+        }
+        PyErr_Restore(type, value, trace);
+    }
+
+    Link& m_link;
+    bool m_began = false;
+    bool m_ownTransaction = false;
+};
+
+// One execution of executemany().
+class Run {
+  public:
+    explicit Run(CursorObject* self) : m_self(self), m_atomic(*self->link) {}
+
+    void Add(PyObject* parameters, const PyRef& given) {
+        PyRef sql = PyRef::Borrow(given.Get());
+        ReadParameters(m_self, parameters, sql);
+        const bool isOther = m_sql && m_sql.Get() != sql.Get();
+        if (isOther || !m_batch.Add(m_self->values)) {
+            // There is more than one execution.
+            m_atomic.Begin();
+            Flush();
+            m_batch.Add(m_self->values);
+        }
+        m_sql = std::move(sql);
+    }
+
+    SQLLEN Finish() {
+        if (m_batch.Count() > 0) Flush();
+        m_atomic.Release();
+        return m_changed;
+    }
+
+  private:
+    void Flush() {
+        try {
+            if (m_inArrays) {
+                Execute([&](Statement& statement) { return statement.ExecuteBatch(m_batch); });
+            }
+        } catch (const Failure& failure) {
+            // No arrays, or not of this statement, which may yield rows.
+            if (failure.Records().front().state != "HYC00") throw;
+            m_inArrays = false;
+        }
+        if (!m_inArrays) {
+            m_atomic.Begin();
+            Execute([&](Statement& statement) { return statement.ExecuteEach(m_batch); });
+        }
+        m_batch.Clear();
+    }
+
+    template <class Work>
+    void Execute(Work&& work) {
+        Link& link = *m_self->link;
+        const Link::Turn turn(link);
+        Statement& statement = UseStatement(m_self, m_sql.Get());
+        link.Wait(statement.Handle(), [&] { m_changed += work(statement); });
+    }
+
+    CursorObject* const m_self;
+    Atomic m_atomic;
+    Batch m_batch;
+    PyRef m_sql;
+    bool m_inArrays = true;
+    SQLLEN m_changed = 0;
+};
+
+}  // namespace
+
+PyRef CursorExecuteMany(PyObject* object, PyObject* const* args, Py_ssize_t count) {
+    if (count != 2 || !PyUnicode_Check(args[0])) {
+        PyErr_SetString(PyExc_TypeError,
+                        "executemany() takes a statement as str, and an iterable of parameters");
+        return PyRef();
+    }
+    const Call call(object);
+    CursorObject* const self = AsCursor(object);
+    LinkOf(reinterpret_cast<PyObject*>(self->connection));
+    const PyRef sql = PyRef::Borrow(args[0]);
+    const PyRef rows = Checked(PyObject_GetIter(args[1]));
+    Run run(self);
+    while (const PyRef row{PyIter_Next(rows.Get())}) run.Add(row.Get(), sql);
+    if (PyErr_Occurred()) throw PythonError();
+    const SQLLEN changed = run.Finish();
+    self->rowCount = changed;
+    self->values.clear();
+    return PyRef::Borrow(object);
+}
