@@ -5,7 +5,7 @@
 
 #include <cmath>
 #include <cstring>
-#include <limits>
+#include <utility>
 
 #include "fuzz.h"
 #include "values/numbers.h"
@@ -174,58 +174,44 @@ void checkText(Converter converter, const Cell& cell, const ColumnType& column,
     requireSame(joined, value, "the parts together");
 }
 
-template <class T>
-void checkInteger(Converter converter, const Cell& cell, const ColumnType& column, long double low,
-                  long double high) {
-    long double value = 0;
-    bool whole = true;
-    if (cell.kind == Cell::Kind::Integer) value = static_cast<long double>(cell.integer);
-    if (cell.kind == Cell::Kind::Real) value = static_cast<long double>(cell.real);
-    if (cell.kind == Cell::Kind::Text) {
-        const std::string text(trimmed(cell.bytes));
-        const std::size_t sign = text.starts_with('-') ? 1 : 0;
-        whole =
-            text.size() > sign && text.find_first_not_of("0123456789", sign) == std::string::npos;
-        if (whole) value = std::strtold(text.c_str(), nullptr);
-    }
-    const bool expected = cell.kind != Cell::Kind::Binary && whole && value >= low &&
-                          value <= high && value >= -0x1p63L && value < 0x1p63L &&
-                          std::rint(value) == value;
-    try {
-        const Delivered seen = deliver(converter, cell, column, sizeof(T), nullptr);
-        require(expected, "the value is no such integer");
-        T stored;
-        std::memcpy(&stored, seen.bytes.data(), sizeof stored);
-        require(static_cast<long double>(stored) == value, "the integer's value");
-        require(seen.indicator == sizeof stored, "the integer's length");
-    } catch (const ConversionError&) {
-        require(!expected, "the integer fits");
-    }
-}
-
-/// Either refuses the value or stores as many bytes as it tells.
-void checkFixed(SQLSMALLINT cType, std::size_t length, const Cell& cell, const ColumnType& column) {
+/// The bytes of a value, in a type whose values have one size; nothing for one that is refused.
+std::optional<std::string> fixed(SQLSMALLINT cType, std::size_t length, const Cell& cell,
+                                 const ColumnType& column) {
     try {
         const Delivered seen = deliver(converterFor(cType, column), cell, column, length, nullptr);
         require(seen.indicator == static_cast<SQLLEN>(length), "the length of the value");
-        if (cType != SQL_C_DOUBLE) return;
-        double stored = 0;
-        std::memcpy(&stored, seen.bytes.data(), sizeof stored);
-        double value =
-            cell.kind == Cell::Kind::Real ? cell.real : static_cast<double>(cell.integer);
-        if (cell.kind == Cell::Kind::Text) {
-            value = std::strtod(std::string(trimmed(cell.bytes)).c_str(), nullptr);
-        }
-        require(stored == value || std::isnan(value), "the value of the double");
-    } catch (const ConversionError& error) {
-        require(cType != SQL_C_DOUBLE || cell.kind != Cell::Kind::Real, error.what());
+        return std::string(seen.bytes.begin(), seen.bytes.end());
+    } catch (const ConversionError&) {
+        return std::nullopt;
     }
 }
 
 template <class T>
-void checkIntegerType(SQLSMALLINT cType, const Cell& cell, const ColumnType& column) {
-    using Limits = std::numeric_limits<T>;
-    checkInteger<T>(converterFor(cType, column), cell, column, Limits::min(), Limits::max());
+void checkInteger(SQLSMALLINT cType, const Cell& cell, const ColumnType& column) {
+    const auto bytes = fixed(cType, sizeof(T), cell, column);
+    T stored{};
+    if (bytes) std::memcpy(&stored, bytes->data(), sizeof stored);
+    if (bytes && cell.kind == Cell::Kind::Text) fuzz::tell(cType, +stored);
+    if (cell.kind == Cell::Kind::Integer) {
+        require(bytes.has_value() == std::in_range<T>(cell.integer), "what fits is taken");
+        require(!bytes || std::cmp_equal(stored, cell.integer), "the integer's value");
+    }
+    if (cell.kind == Cell::Kind::Real && bytes) {
+        require(static_cast<long double>(stored) == cell.real, "the double was whole");
+    }
+}
+
+void checkDouble(const Cell& cell, const ColumnType& column) {
+    const auto bytes = fixed(SQL_C_DOUBLE, sizeof(double), cell, column);
+    require(bytes || cell.kind != Cell::Kind::Real, "a double is taken");
+    if (!bytes) return;
+    double stored = 0;
+    std::memcpy(&stored, bytes->data(), sizeof stored);
+    double value = cell.kind == Cell::Kind::Real ? cell.real : static_cast<double>(cell.integer);
+    if (cell.kind == Cell::Kind::Text) {
+        value = std::strtod(std::string(trimmed(cell.bytes)).c_str(), nullptr);
+    }
+    require(stored == value, "the value of the double");
 }
 
 void checkConversions(const Cell& cell, const ColumnType& column, std::size_t capacity) {
@@ -241,20 +227,23 @@ void checkConversions(const Cell& cell, const ColumnType& column, std::size_t ca
             require(cell.kind != Cell::Kind::Text || column.sqlType == SQL_DECIMAL, error.what());
         }
     }
-    checkIntegerType<SQLBIGINT>(SQL_C_SBIGINT, cell, column);
-    checkIntegerType<SQLUBIGINT>(SQL_C_UBIGINT, cell, column);
-    checkIntegerType<SQLINTEGER>(SQL_C_SLONG, cell, column);
-    checkIntegerType<SQLUINTEGER>(SQL_C_ULONG, cell, column);
-    checkIntegerType<SQLSMALLINT>(SQL_C_SSHORT, cell, column);
-    checkIntegerType<SQLUSMALLINT>(SQL_C_USHORT, cell, column);
-    checkIntegerType<SQLSCHAR>(SQL_C_STINYINT, cell, column);
-    checkIntegerType<SQLCHAR>(SQL_C_UTINYINT, cell, column);
-    checkInteger<SQLCHAR>(converterFor(SQL_C_BIT, column), cell, column, 0, 1);
-    checkFixed(SQL_C_DOUBLE, sizeof(double), cell, column);
-    checkFixed(SQL_C_FLOAT, sizeof(float), cell, column);
-    checkFixed(SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT), cell, column);
-    checkFixed(SQL_C_TYPE_TIME, sizeof(SQL_TIME_STRUCT), cell, column);
-    checkFixed(SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), cell, column);
+    checkInteger<SQLBIGINT>(SQL_C_SBIGINT, cell, column);
+    checkInteger<SQLUBIGINT>(SQL_C_UBIGINT, cell, column);
+    checkInteger<SQLINTEGER>(SQL_C_SLONG, cell, column);
+    checkInteger<SQLUINTEGER>(SQL_C_ULONG, cell, column);
+    checkInteger<SQLSMALLINT>(SQL_C_SSHORT, cell, column);
+    checkInteger<SQLUSMALLINT>(SQL_C_USHORT, cell, column);
+    checkInteger<SQLSCHAR>(SQL_C_STINYINT, cell, column);
+    checkInteger<SQLCHAR>(SQL_C_UTINYINT, cell, column);
+    checkDouble(cell, column);
+    for (const auto& [cType, length] : {std::pair{SQL_C_BIT, sizeof(SQLCHAR)},
+                                        {SQL_C_FLOAT, sizeof(float)},
+                                        {SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT)},
+                                        {SQL_C_TYPE_TIME, sizeof(SQL_TIME_STRUCT)},
+                                        {SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT)}}) {
+        const auto bytes = fixed(static_cast<SQLSMALLINT>(cType), length, cell, column);
+        if (bytes && cell.kind == Cell::Kind::Text) fuzz::tell(cType, *bytes);
+    }
 }
 
 }  // namespace
