@@ -22,7 +22,8 @@ OWN = TEXT.index("## MariaDB and MySQL")
 PAGES = {
     "postgresql": ("shop", TEXT[:OWN], {"Servername": "127.0.0.1", "Database": "postgres", "Username": "vorda",
                                         "SSLmode": "disable"}),
-    "mariadb": ("blog", TEXT[OWN:], {"Server": "127.0.0.1", "Database": "vorda", "User": "root"}),
+    "mariadb": ("blog", TEXT[OWN:], {"Server": "127.0.0.1", "Database": "vorda", "User": "root",
+                                     "Password": "", "SSLVERIFY": "0"}),
 }
 
 
