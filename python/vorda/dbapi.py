@@ -10,7 +10,7 @@ This is the face; what has to be fast is in the core, vorda._statement.
 import datetime
 import enum
 import functools
-import numbers
+import logging
 import operator
 import re
 import time
@@ -20,6 +20,7 @@ from uuid import UUID
 
 from . import __version__ as __version__
 from . import _statement
+from .statements import Splitter
 
 apilevel = "2.0"
 threadsafety = 2
@@ -219,13 +220,104 @@ def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
     return sql, tuple(given)
 
 
+# --- rows ---------------------------------------------------------------------------------------
+
+
+class Row(tuple):
+    """A row whose values can also be had by name. As row_factory it makes all rows of a cursor or connection such."""
+
+    __slots__ = ()
+    _fields: Tuple[str, ...] = ()
+
+    def __new__(cls, cursor: Any) -> Any:
+        """The type of the rows of a cursor's result."""
+        return _row_type(_names(cursor))
+
+    def __getitem__(self, key: Any) -> Any:
+        if isinstance(key, str):
+            try:
+                return tuple.__getitem__(self, self._fields.index(key))
+            except ValueError:
+                raise KeyError(key) from None
+        return tuple.__getitem__(self, key)
+
+    def __getattr__(self, name: str) -> Any:
+        try:
+            return tuple.__getitem__(self, self._fields.index(name))
+        except ValueError:
+            raise AttributeError("the row has no column %r" % name) from None
+
+    def keys(self) -> Tuple[str, ...]:
+        """The names of the columns."""
+        return self._fields
+
+    def _asdict(self) -> Dict[str, Any]:
+        return dict(zip(self._fields, self))
+
+    def __repr__(self) -> str:
+        return "Row(%s)" % ", ".join("%s=%r" % pair for pair in zip(self._fields, self))
+
+    def __reduce__(self) -> Any:
+        return _row_again, (self._fields, tuple(self))
+
+
+@functools.lru_cache(maxsize=128)
+def _row_type(names: Tuple[str, ...]) -> type:
+    return type("Row", (Row,), {"__slots__": (), "__new__": tuple.__new__, "_fields": names, "__module__": __name__})
+
+
+def _row_again(names: Tuple[str, ...], values: Tuple[Any, ...]) -> Any:
+    return _row_type(names)(values)
+
+
+def _names(cursor: Any) -> Tuple[str, ...]:
+    return tuple(column[0] for column in cursor.description or ())
+
+
+def dict_row(cursor: Any) -> Callable[[Tuple[Any, ...]], Dict[str, Any]]:
+    """A row_factory: rows are dictionaries."""
+    names = _names(cursor)
+    return lambda values: dict(zip(names, values))
+
+
 # --- connections and cursors --------------------------------------------------------------------
+
+_logger = logging.getLogger("vorda")
+
+
+def _log(operation: str, values: int, rows: int, seconds: float, failed: bool) -> None:
+    """Tells what was executed, and no value of it; called by the core where somebody listens."""
+    _logger.debug("%s [%d values, %s, %.3f ms]", operation, values,
+                  "failed" if failed else "query" if rows < 0 else "%d rows" % rows, seconds * 1e3)
+
+
+_PROCEDURE = re.compile(r"""(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\])(?:\.(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\]))*""")
 
 
 class Cursor(_statement.Cursor):
     """Runs statements and gives their rows. Made by Connection.cursor()."""
 
     __slots__ = ()
+
+    def callproc(self, name: str, parameters: Sequence[Any] = (), /) -> List[Any]:
+        """Call a stored procedure. Its rows are then there to be fetched. Returns the parameters."""
+        if not _PROCEDURE.fullmatch(name):
+            raise ProgrammingError("%r is no name of a procedure" % name)
+        markers = ", ".join("?" * len(parameters))
+        is_sqlite = self.connection._is_sqlite
+        self.execute("EXECUTE %s %s" % (name, markers) if is_sqlite else "{CALL %s(%s)}" % (name, markers),
+                     tuple(parameters))
+        return list(parameters)
+
+    def executescript(self, script: str, /) -> "Cursor":
+        """Run the statements of a script one by one, as SQLite would read them."""
+        splitter = Splitter()
+        for line in script.splitlines(True):
+            for statement in splitter.feed(line):
+                self.execute(statement)
+        for statement in splitter.finish():
+            self.execute(statement)
+        return self
 
     def __enter__(self) -> "Cursor":
         return self
@@ -246,7 +338,15 @@ class Connection(_statement.Connection):
 
     def execute(self, operation: str, parameters: Any = None, /) -> Cursor:
         """Run a statement with a new cursor, and return that."""
-        return Cursor(self).execute(operation, parameters)
+        return Cursor(self).execute(operation, parameters)  # type: ignore[return-value]
+
+    def executemany(self, operation: str, seq_of_parameters: Iterable[Any], /) -> Cursor:
+        """Run a statement for many rows of parameters with a new cursor, and return that."""
+        return Cursor(self).executemany(operation, seq_of_parameters)  # type: ignore[return-value]
+
+    def executescript(self, script: str, /) -> Cursor:
+        """Run a script with a new cursor, and return that."""
+        return Cursor(self).executescript(script)
 
     def __enter__(self) -> "Connection":
         return self
@@ -284,6 +384,4 @@ def connect(connection_string: Optional[str] = None, /, *, autocommit: bool = Fa
     parts.extend("%s=%s" % (key, _quoted(value)) for key, value in keys.items())
     if not parts:
         raise ProgrammingError("connect() needs a connection string, a path or keys")
-    if timeout is not None and not timeout >= 0:
-        raise ProgrammingError("The timeout is negative")
-    return Connection(";".join(parts), autocommit, 0 if timeout is None else -int(-timeout // 1))
+    return Connection(";".join(parts), autocommit, timeout or 0)

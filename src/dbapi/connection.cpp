@@ -1,4 +1,5 @@
 // The Python type Connection.
+#include <cmath>
 #include <new>
 
 #include "dbapi/objects.h"
@@ -7,6 +8,14 @@ namespace {
 
 ConnectionObject* Self(PyObject* object) {
     return reinterpret_cast<ConnectionObject*>(object);
+}
+
+// The driver counts in seconds: a part of one is one.
+long WholeSeconds(double seconds) {
+    constexpr double kMost = 1e9;
+    if (!(seconds >= 0 && seconds <= kMost))
+        throw Failure("HY090", "The timeout is negative, or no number of seconds.");
+    return static_cast<long>(std::ceil(seconds));
 }
 
 PyObject* New(PyTypeObject* type, PyObject*, PyObject*) {
@@ -23,12 +32,12 @@ int Init(PyObject* self, PyObject* args, PyObject*) {
         const char* text = nullptr;
         Py_ssize_t length = 0;
         int autocommit = 0;
-        long timeout = 0;
-        if (!PyArg_ParseTuple(args, "s#pl", &text, &length, &autocommit, &timeout)) return -1;
+        double timeout = 0;
+        if (!PyArg_ParseTuple(args, "s#pd", &text, &length, &autocommit, &timeout)) return -1;
         if (Self(self)->link) throw Failure("08002", "The connection is open already.");
         std::string warning;
         Self(self)->link = std::make_shared<Link>(std::string(text, static_cast<size_t>(length)),
-                                                  autocommit != 0, timeout, warning);
+                                                  autocommit != 0, WholeSeconds(timeout), warning);
         if (warning.empty()) return 0;
         return PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 2);
     });
@@ -124,6 +133,24 @@ PyObject* InTransaction(PyObject* self, void*) {
         nullptr, [&] { return PyBool_FromLong(LinkOf(self).InTransaction() ? 1 : 0); });
 }
 
+PyObject* IsSqlite(PyObject* self, void*) {
+    return AtBoundary<PyObject*>(nullptr,
+                                 [&] { return PyBool_FromLong(LinkOf(self).IsSqlite() ? 1 : 0); });
+}
+
+PyObject* GetTimeout(PyObject* self, void*) {
+    return AtBoundary<PyObject*>(nullptr, [&] { return PyLong_FromLong(LinkOf(self).Timeout()); });
+}
+
+int SetTimeout(PyObject* self, PyObject* value, void*) {
+    return AtBoundary(-1, [&] {
+        const double seconds = value && value != Py_None ? PyFloat_AsDouble(value) : 0;
+        if (PyErr_Occurred()) return -1;
+        LinkOf(self).SetTimeout(WholeSeconds(seconds));
+        return 0;
+    });
+}
+
 PyObject* IsClosed(PyObject* self, void*) {
     return PyBool_FromLong(Self(self)->link && Self(self)->link->IsOpen() ? 0 : 1);
 }
@@ -143,6 +170,9 @@ PyGetSetDef Properties[] = {
      "Whether each statement is committed by itself. Cannot be changed inside a transaction.",
      nullptr},
     {"in_transaction", InTransaction, nullptr, "Whether there is something to commit.", nullptr},
+    {"timeout", GetTimeout, SetTimeout, "Whole seconds after which a statement is ended; 0: never.",
+     nullptr},
+    {"_is_sqlite", IsSqlite, nullptr, nullptr, nullptr},
     {"closed", IsClosed, nullptr, "Whether the connection is closed.", nullptr},
     {"row_factory", GetRowFactory, SetRowFactory,
      "What makes rows in new cursors: called with the cursor for each result, it returns what is "

@@ -135,9 +135,12 @@ PyRef FetchAll(PyObject* object, PyObject*) {
 
 PyRef FetchMany(PyObject* object, PyObject* args, PyObject* keywords) {
     static const char* const kNames[] = {"size", nullptr};
-    Py_ssize_t size = Self(object)->arraySize;
-    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|n", const_cast<char**>(kNames), &size))
+    PyObject* given = Py_None;
+    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|O", const_cast<char**>(kNames), &given))
         return PyRef();
+    const Py_ssize_t size =
+        given == Py_None ? Self(object)->arraySize : PyNumber_AsSsize_t(given, nullptr);
+    if (PyErr_Occurred()) throw PythonError();
     if (size < 0) throw Failure("HY090", "The number of rows is negative.");
     return FetchUpTo(object, size);
 }
@@ -190,7 +193,8 @@ PyMethodDef Methods[] = {
      "fetchone($self, /)\n--\n\nThe next row, or None after the last."},
     {"fetchmany", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(FetchManyAdapted)),
      METH_VARARGS | METH_KEYWORDS,
-     "fetchmany($self, /, size=arraysize)\n--\n\nThe next rows, as a list of at most `size`."},
+     "fetchmany($self, /, size=None)\n--\n\nThe next rows, as a list of at most `size`, or of "
+     "`arraysize`."},
     {"fetchall", Adapted<FetchAll>, METH_NOARGS,
      "fetchall($self, /)\n--\n\nThe rows that are left, as a list."},
     {"nextset", Adapted<NextSet>, METH_NOARGS,

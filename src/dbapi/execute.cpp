@@ -1,4 +1,5 @@
 // Executing a statement once.
+#include "dbapi/logging.h"
 #include "dbapi/objects.h"
 
 void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
@@ -49,10 +50,12 @@ PyRef CursorExecute(PyObject* object, PyObject* const* args, Py_ssize_t count) {
     PyRef sql = PyRef::Borrow(args[0]);
     ReadParameters(self, count > 1 ? args[1] : nullptr, sql);
     Link& link = *self->link;
+    Logged logged(sql.Get(), self->values.size());
     const Link::Turn turn(link);
     Statement& statement = UseStatement(self, sql.Get());
     link.Wait(statement.Handle(), [&] { statement.Execute(self->values); });
     self->rowCount = statement.RowCount();
+    logged.Succeeded(self->rowCount);
     self->values.clear();
     return PyRef::Borrow(object);
 }

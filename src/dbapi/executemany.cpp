@@ -1,5 +1,6 @@
 // Executing a statement for many rows of parameters, in batches of bounded memory.
 #include "dbapi/batch.h"
+#include "dbapi/logging.h"
 #include "dbapi/objects.h"
 
 namespace {
@@ -108,9 +109,13 @@ class Run {
     template <class Work>
     void Execute(Work&& work) {
         Link& link = *m_self->link;
+        Logged logged(m_sql.Get(), m_batch.Count() * m_batch.Width());
         const Link::Turn turn(link);
         Statement& statement = UseStatement(m_self, m_sql.Get());
-        link.Wait(statement.Handle(), [&] { m_changed += work(statement); });
+        SQLLEN changed = 0;
+        link.Wait(statement.Handle(), [&] { changed = work(statement); });
+        logged.Succeeded(changed);
+        m_changed += changed;
     }
 
     CursorObject* const m_self;

@@ -43,8 +43,12 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
                                                    static_cast<SQLSMALLINT>(text.size()), nullptr,
                                                    0, nullptr, SQL_DRIVER_NOPROMPT);
         Check(status, SQL_HANDLE_DBC, connection);
-        if (status == SQL_SUCCESS_WITH_INFO)
-            warning = ReadDiagnostics(SQL_HANDLE_DBC, connection).front().words;
+        // What a server remarks on each connection is nobody's business; a key that is not known
+        // is.
+        if (status == SQL_SUCCESS_WITH_INFO) {
+            const Diagnostic remark = ReadDiagnostics(SQL_HANDLE_DBC, connection).front();
+            if (remark.state == "01S00") warning = remark.words;
+        }
         char name[64] = {};
         SQLGetInfoW(connection, SQL_DBMS_NAME, name, sizeof name - 1, nullptr);
         m_isSqlite = std::strcmp(name, "SQLite") == 0;

@@ -15,10 +15,10 @@ constexpr SQLINTEGER kLastRowId = 0x7001;
 // Longer texts are bound where they are, instead of being copied to a place that stays.
 constexpr size_t kMostCopied = 256;
 
-Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType) {
+Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, bool isSqlite) {
     if (sqlType == SQL_BIT) return Meaning::Boolean;
     if (sqlType == SQL_GUID) return Meaning::Uuid;
-    if (sqlType != SQL_WVARCHAR) return Meaning::Plain;
+    if (sqlType != SQL_WVARCHAR || isSqlite) return Meaning::Plain;
     char name[kNameSize + 1] = {};
     const SQLRETURN status =
         SQLColAttributeW(statement, number, SQL_DESC_TYPE_NAME, name, kNameSize, nullptr, nullptr);
@@ -176,7 +176,7 @@ void Statement::Describe() {
         Called(SQLDescribeColW(m_handle, ++number, AsWideBuffer(name), kNameSize, nullptr,
                                &column.sqlType, &column.size, &column.digits, &column.nullable));
         column.name = name;
-        column.meaning = MeaningOf(m_handle, number, column.sqlType);
+        column.meaning = MeaningOf(m_handle, number, column.sqlType, m_link.IsSqlite());
     }
     m_isDescribed = true;
 }

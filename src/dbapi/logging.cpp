@@ -1,0 +1,32 @@
+#include "dbapi/logging.h"
+
+bool IsLogging() {
+    constexpr long kDebug = 10;
+    static PyObject* const logger =
+        PyObject_GetAttrString(PyImport_ImportModule("vorda.dbapi"), "_logger");
+    static PyObject* const level = PyLong_FromLong(kDebug);
+    // Not part of the logger's interface; without it, the logger is asked each time.
+    static PyObject* const answers = PyObject_GetAttrString(logger, "_cache");
+    PyErr_Clear();
+    PyObject* const known = answers ? PyDict_GetItemWithError(answers, level) : nullptr;
+    if (known) return known == Py_True;
+    PyErr_Clear();
+    const PyRef answer(PyObject_CallMethod(logger, "isEnabledFor", "O", level));
+    const bool isOn = answer && answer.Get() == Py_True;
+    PyErr_Clear();
+    return isOn;
+}
+
+void Logged::Tell() const noexcept {
+    const std::chrono::duration<double> time = std::chrono::steady_clock::now() - m_begin;
+    PyObject *type, *value, *trace;
+    PyErr_Fetch(&type, &value, &trace);
+    try {
+        CallFace("_log", "(OnndO)", m_sql, static_cast<Py_ssize_t>(m_values),
+                 static_cast<Py_ssize_t>(m_rows), time.count(), m_failed ? Py_True : Py_False);
+    } catch (...) {
+        // A handler that raises has told so by itself.
+        PyErr_Clear();
+    }
+    PyErr_Restore(type, value, trace);
+}
