@@ -94,46 +94,11 @@ class Input {
     std::string_view m_rest;
 };
 
-/// ASCII letters in lower case.
-inline std::string lower(std::string_view text) {
-    std::string result(text);
-    for (char& c : result) c = static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
-    return result;
-}
-
 /// A NUL-terminated copy, without the slack of a std::string in which a read too far goes unseen.
 inline std::vector<char> terminated(std::string_view text) {
     std::vector<char> copy(text.begin(), text.end());
     copy.push_back('\0');
     return copy;
-}
-
-/// The length of the well-formed UTF-8 character at the front of `text`, by the standard's table of
-/// permitted byte ranges; 0 when there is none. `out` receives the code point.
-inline std::size_t strictCharacter(std::string_view text, char32_t& out) {
-    struct Row {
-        unsigned char leadFrom, leadTo, nextFrom, nextTo;
-        std::size_t length;
-    };
-    constexpr Row kRows[] = {
-        {0x00, 0x7F, 0, 0, 1},       {0xC2, 0xDF, 0x80, 0xBF, 2}, {0xE0, 0xE0, 0xA0, 0xBF, 3},
-        {0xE1, 0xEC, 0x80, 0xBF, 3}, {0xED, 0xED, 0x80, 0x9F, 3}, {0xEE, 0xEF, 0x80, 0xBF, 3},
-        {0xF0, 0xF0, 0x90, 0xBF, 4}, {0xF1, 0xF3, 0x80, 0xBF, 4}, {0xF4, 0xF4, 0x80, 0x8F, 4}};
-    const auto at = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    for (const Row& row : kRows) {
-        if (text.empty() || at(0) < row.leadFrom || at(0) > row.leadTo) continue;
-        if (text.size() < row.length) return 0;
-        out = row.length == 1 ? at(0) : at(0) & (0x7FU >> row.length);
-        for (std::size_t i = 1; i < row.length; ++i) {
-            const bool second = i == 1;
-            if (at(i) < (second ? row.nextFrom : 0x80) || at(i) > (second ? row.nextTo : 0xBF)) {
-                return 0;
-            }
-            out = out << 6 | (at(i) & 0x3FU);
-        }
-        return row.length;
-    }
-    return 0;
 }
 
 /// `text` in another encoding, by iconv; nothing where it is malformed.
