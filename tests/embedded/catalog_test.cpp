@@ -6,12 +6,13 @@ namespace {
 class CatalogTest : public DatabaseTest {
   protected:
     CatalogTest() {
-        connection.must(
-            "CREATE TABLE people (id INTEGER PRIMARY KEY, name VARCHAR(20) NOT NULL,"
-            " born DATE, pay DECIMAL(10,2) DEFAULT 1.5, extra)");
-        connection.must("CREATE TABLE pe_ple (id INTEGER)");
-        connection.must("CREATE VIEW adults AS SELECT id, name FROM people");
-        connection.must("CREATE TEMP TABLE scratch (a INT)");
+        connection.expect(R"(
+CREATE TABLE people (id INTEGER PRIMARY KEY, name VARCHAR(20) NOT NULL,
+ born DATE, pay DECIMAL(10,2) DEFAULT 1.5, extra)
+CREATE TABLE pe_ple (id INTEGER)
+CREATE VIEW adults AS SELECT id, name FROM people
+CREATE TEMP TABLE scratch (a INT)
+)");
     }
 
     Rows tables(const char* catalog, const char* schema, const char* table, const char* types) {

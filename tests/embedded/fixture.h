@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -129,17 +130,35 @@ class Statement {
         return length == SQL_NULL_DATA ? "NULL" : std::string(value, static_cast<size_t>(length));
     }
 
+    SQLSMALLINT columns() {
+        SQLSMALLINT count = 0;
+        RT_SQLNumResultCols(kDriver, handle, &count);
+        return count;
+    }
     /// All rows that remain, values joined by "|".
     std::vector<std::string> rows() {
-        SQLSMALLINT columns = 0;
-        RT_SQLNumResultCols(kDriver, handle, &columns);
+        const SQLSMALLINT count = columns();
         std::vector<std::string> all;
         while (SQL_SUCCEEDED(fetch())) {
             std::string row;
-            for (SQLUSMALLINT i = 1; i <= columns; ++i) row += (i > 1 ? "|" : "") + get(i);
+            for (SQLUSMALLINT i = 1; i <= count; ++i) row += (i > 1 ? "|" : "") + get(i);
             all.push_back(row);
         }
         return all;
+    }
+
+    /// What an execution did: its rows joined by ", ", or "#" and the number of rows changed; on a
+    /// failure "!", the state, the native code and the message.
+    std::string outcome(SQLRETURN result) {
+        if (result == SQL_ERROR) {
+            const Diagnostic why = error();
+            return "!" + why.state + " " + std::to_string(why.native) + " " + why.message;
+        }
+        EXPECT_EQ(result == SQL_NO_DATA, columns() == 0 && rowCount() == 0);
+        if (columns() == 0) return "#" + std::to_string(rowCount());
+        std::string all;
+        for (const std::string& row : rows()) all += (all.empty() ? "" : ", ") + row;
+        return all.empty() ? "no rows" : all;
     }
 
     Diagnostic error(SQLSMALLINT number = 1) {
@@ -190,6 +209,26 @@ class Connection {
         EXPECT_EQ(SQL_SUCCESS, statement.run(sql)) << sql << ": " << statement.error().message;
         return statement.rows();
     }
+    /// Runs a script of one statement a line, which goes on in lines that begin with a blank. Each
+    /// is to succeed, or to have the outcome behind " => "; of a failure any part will do.
+    void expect(const std::string& script) {
+        static const std::regex kStep("\n(?! )");
+        for (std::sregex_token_iterator step(script.begin(), script.end(), kStep, -1), end;
+             step != end; ++step) {
+            const std::string text = *step;
+            const size_t arrow = std::min(text.find(" => "), text.size());
+            if (text.empty()) continue;
+            const std::string wanted = arrow == text.size() ? "#" : text.substr(arrow + 4);
+            Statement statement(handle);
+            const std::string seen = statement.outcome(statement.run(text.substr(0, arrow)));
+            const bool alike =
+                wanted == "#" ? !seen.starts_with('!')
+                : !wanted.starts_with('!')
+                    ? seen == wanted
+                    : seen.starts_with('!') && seen.find(wanted.substr(1)) != std::string::npos;
+            EXPECT_TRUE(alike) << text << "\nbut it was: " << seen;
+        }
+    }
     SQLRETURN autocommit(bool on) {
         return RT_SQLSetConnectAttr(kDriver, handle, SQL_ATTR_AUTOCOMMIT,
                                     reinterpret_cast<SQLPOINTER>(SQLULEN{on}), 0);
@@ -211,24 +250,21 @@ class DatabaseTest : public ::testing::Test {
   protected:
     DatabaseTest() : path(folder.file("test.db")), connection("Database=" + path + ";Timeout=0") {}
 
-    /// What SQLite itself reads from the file: rows with values as SQL literals, joined by "|".
+    /// What SQLite itself reads from the file: rows with their values joined by "|".
     Rows stored(const std::string& sql) {
         sqlite3* raw = nullptr;
         sqlite3_open(path.c_str(), &raw);
         const std::unique_ptr<sqlite3, int (*)(sqlite3*)> db(raw, sqlite3_close);
-        sqlite3_stmt* statement = nullptr;
-        EXPECT_EQ(SQLITE_OK, sqlite3_prepare_v2(raw, sql.c_str(), -1, &statement, nullptr))
-            << sqlite3_errmsg(raw);
-        Rows rows;
-        while (sqlite3_step(statement) == SQLITE_ROW) {
+        const auto add = [](void* rows, int count, char** values, char**) {
             std::string row;
-            for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-                const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement, i));
-                row += (i ? "|" : "") + std::string(text ? text : "NULL");
-            }
-            rows.push_back(row);
-        }
-        sqlite3_finalize(statement);
+            for (int i = 0; i < count; ++i)
+                row += (i ? "|" : "") + std::string(values[i] ? values[i] : "NULL");
+            static_cast<Rows*>(rows)->push_back(row);
+            return 0;
+        };
+        Rows rows;
+        EXPECT_EQ(SQLITE_OK, sqlite3_exec(raw, sql.c_str(), add, &rows, nullptr))
+            << sqlite3_errmsg(raw);
         return rows;
     }
 
