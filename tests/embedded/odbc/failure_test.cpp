@@ -173,37 +173,33 @@ TEST_F(DriverFailures, LeaveNoColumnsBound) {
     EXPECT_EQ(Rows{"1|2"}, statement.rows());
 }
 
-TEST_F(DriverFailures, OfTextsAreFoundBeforeTheyAreSent) {
+TEST_F(DriverFailures, OfTextsAndParametersAreFoundBeforeTheyAreSent) {
     Connection refused;
-    EXPECT_EQ(SQL_ERROR, refused.open(kDriverText + ";Note=" + std::string(40000, 'x')));
-    EXPECT_EQ("HY090", refused.error().state);
-    EXPECT_EQ(SQL_ERROR, refused.open(kDriverText + ";Note=\xff"));
-    EXPECT_EQ("22021", refused.error().state);
+    const std::pair<std::string, std::string> kNotes[] = {{std::string(40000, 'x'), "HY090"},
+                                                          {"\xff", "22021"}};
+    for (const auto& [note, state] : kNotes) {
+        EXPECT_EQ(SQL_ERROR, refused.open(kDriverText + ";Note=" + note));
+        EXPECT_EQ(state, refused.error().state);
+    }
     EXPECT_TRUE(calls({"SQLDriverConnect"}).empty());
     Connection connection(kDriverText);
-    const struct {
-        std::string sql;
-        std::string state;
-    } kTexts[] = {{std::string("SELECT 1\0, 2", 12), "42000"},
-                  {std::string("SELECT 1\0\0", 10), ""},
-                  {"SELECT '\xff'", "22021"},
-                  {"SELECT '\xed\xa0\x80'", "22021"}};
-    for (const auto& given : kTexts) {
+    Statement statement(connection.handle);
+    const std::pair<std::string, std::string> kTexts[] = {
+        {std::string("SELECT 1\0, 2", 12), "42000"},
+        {"SELECT '\xff'", "22021"},
+        {"SELECT '\xed\xa0\x80'", "22021"},
+        {std::string("SELECT 1\0\0", 10), ""}};
+    for (const auto& [sql, state] : kTexts) {
         script.log.clear();
-        Statement statement(connection.handle);
-        EXPECT_EQ(given.state, statement.stateOf(statement.run(given.sql)));
-        EXPECT_EQ(given.state.empty() ? 1U : 0U, calls({"SQLExec", "SQLPrepare"}).size());
+        EXPECT_EQ(state, statement.stateOf(statement.run(sql)));
+        EXPECT_EQ(state.empty() ? 1U : 0U, calls({"SQLExec", "SQLPrepare"}).size());
     }
-}
-
-TEST_F(DriverFailures, OfParametersAreFoundBeforeTheyAreSent) {
+    statement.close();
     // Most drivers would end the text at its NUL and say nothing.
     const char texts[2][4] = {"abc", "a\0c"};
     SQLLEN lengths[] = {3, 3};
-    Connection connection(kDriverText);
+    EXPECT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t VALUES (@1 )"));
     for (const bool batch : {false, true}) {
-        Statement statement(connection.handle);
-        EXPECT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t VALUES (@1 )"));
         statement.bindText(1, texts[batch ? 0 : 1], lengths, sizeof texts[0]);
         statement.set(SQL_ATTR_PARAMSET_SIZE, batch ? 2 : 1);
         script.log.clear();

