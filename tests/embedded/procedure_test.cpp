@@ -18,7 +18,7 @@ SELECT * FROM sys_procedureparameters => no rows
  AS INSERT INTO t (b) VALUES ($b || ';' || $A); SELECT $c, $d; -- done
  ;
 create procedure `none`() as select 2
-SELECT length(Definition) FROM sys_procedures WHERE ProcedureName='add it' => 161
+SELECT length(Definition) FROM sys_procedures WHERE ProcedureName='add it' => 162
 )");
     connection.must("CREATE PROCEDURE zero AS SELECT 1" + std::string("\0\0", 2));
     for (const bool reopened : {false, true}) {

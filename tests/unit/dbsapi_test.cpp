@@ -261,7 +261,8 @@ TEST_F(DbsApiTest, ErrorsNeedNoPlaceForTheirText) {
     DBSINTEGER native = 7;
     DBSSMALLINT length = 7;
     char text[16] = "#";
-    DBSSetStmtAttr(handle, 21, nullptr, 0);
+    for (const int attribute : {23, 0, -22, 21})
+        EXPECT_EQ(DBSSetStmtAttr(handle, attribute, nullptr, 0), VORDA_UNKNOWN_ATTRIBUTE);
     EXPECT_EQ(DBSError(handle, nullptr, text, nullptr), VORDA_OK);
     EXPECT_STREQ(text, "#");
     ExpectError(1103, "Unknown dbsource attribute.");

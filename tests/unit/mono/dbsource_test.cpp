@@ -50,34 +50,6 @@ TEST_F(ClosedSourceTest, AFailedOpenKeepsItsHandlesForTheNext) {
     EXPECT_EQ(TakeLog().find("\nSQLAllocHandle(2, env2, dbc2)"), 0u);
 }
 
-TEST_F(ClosedSourceTest, NothingRunsOnAClosedSource) {
-    const int value = 1, length = 4;
-    int rows = 7;
-    IntDbResultSet rs;
-    const auto refused = [this](int status) {
-        EXPECT_EQ(status, VORDA_NOT_OPEN);
-        ExpectError(1102, "The connection is not open.");
-        source.Close();
-    };
-    refused(source.Prepare("x", 1));
-    refused(source.AddParam("@1", 2, DBTYPE_INTEGER, &value, 4, &length));
-    refused(source.Execute(&rs, &rows));
-    refused(source.Execute("x", 1, &rs, &rows));
-    EXPECT_EQ(rows, 7);
-    EXPECT_EQ(scripted_call_count(nullptr), 0);
-}
-
-TEST_F(SourceTest, OnlyTheBatchSizeCanBeConfigured) {
-    EXPECT_EQ(SetBatchSize(3), VORDA_OK);
-    for (const int attribute : {21, 23, 0, -22}) {
-        EXPECT_EQ(source.Config(attribute, nullptr, 4), VORDA_UNKNOWN_ATTRIBUTE);
-        ExpectError(1103, "Unknown dbsource attribute.");
-    }
-    source.Prepare("x", 1);
-    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
-    EXPECT_NE(TakeLog().find("SQLSetStmtAttr(stmt1, 22, 3)"), std::string::npos);
-}
-
 TEST_F(SourceTest, DiagnosticsAsTheyCome) {
     constexpr char kEarlier[] = "Unknown dbsource attribute.";
     const std::string longest(1023, 'm');

@@ -69,23 +69,6 @@ TEST_F(ResultSetTest, NamesAreCutAtTheirBufferAndTheirLength) {
     }
 }
 
-TEST_F(ResultSetTest, FailuresAreComposed) {
-    for (const bool describes : {true, false}) {
-        scripted_result();
-        AddColumn("a", SQL_INTEGER);
-        FailNext(describes ? "SQLColAttributeW" : "SQLBindCol", 99, "broken");
-        EXPECT_EQ(Execute(), VORDA_ODBC_ERROR);
-        ExpectOwnError(-1, describes ? "Unable to InitMetadata: broken"
-                                     : "Unable to InitColumnBinding: broken");
-        // The source has no message of its own to compose with.
-        ExpectError(VORDA_OK, "");
-        int value = 7;
-        EXPECT_EQ(rs.GetInt(1, value), VORDA_INDEX_OUT_OF_RANGE);
-        rs.Close();
-        ExpectOwnError(VORDA_OK, "");
-    }
-}
-
 TEST_F(ResultSetTest, ARecordUsedAgainShowsNothingOfItsLastUse) {
     const auto describe = [](int sqlType) {
         scripted_result();
