@@ -5,25 +5,6 @@
 
 namespace {
 
-TEST_F(SourceTest, PrepareReplacesTheStatement) {
-    EXPECT_EQ(source.Prepare("SELECT 1 and more", 8), VORDA_OK);
-    EXPECT_EQ(source.Prepare("", 0), VORDA_OK);
-    EXPECT_EQ(TakeLog(), R"(
-SQLAllocHandle(3, dbc1, stmt1)
-SQLPrepareW(stmt1, "SELECT 1", 8)
-SQLFreeStmt(stmt1, 1)
-SQLAllocHandle(3, dbc1, stmt2)
-SQLPrepareW(stmt2, "", 0)
-)");
-    // One that was not had is not prepared.
-    FailNext("SQLAllocHandle", 11, "no statement");
-    EXPECT_EQ(source.Prepare("x", 1), VORDA_ODBC_ERROR);
-    ExpectError(11, "no statement");
-    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
-    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_NOT_PREPARED);
-    ExpectError(1103, "The prepared statement is required");
-}
-
 TEST_F(SourceTest, PreparedExecutionsKeepTheirStatementUntilAResultSetTakesIt) {
     source.Prepare("x", 1);
     TakeLog();

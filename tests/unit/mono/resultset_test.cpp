@@ -118,6 +118,8 @@ TEST_F(ResultSetTest, AStatementIsNeededAndDescribedOnce) {
     TakeLog();
     EXPECT_EQ(rs.GetImpl()->SetStmtHandle(g_lastStatement), VORDA_OK);
     EXPECT_EQ(TakeLog(), "\n");
+    rs.Close();
+    ExpectOwnError(VORDA_OK, "");
 }
 
 }  // namespace
