@@ -51,16 +51,16 @@ class DbsTest : public ScriptedTest {
 };
 
 TEST_F(DbsTest, MethodsRecordTheErrorsTheyMeet) {
+    EXPECT_EQ(dbs.Prepare("x", 1), VORDA_NOT_OPEN);
+    ExpectError(1102, "The connection is not open.");
     FailNext("SQLDriverConnectW", 17, "no such server");
     EXPECT_EQ(Open(), VORDA_ODBC_ERROR);
     ExpectError(17, "no such server");
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(dbs.Close(), VORDA_OK);
         EXPECT_EQ(scripted_live_handles(0), 0);
-        EXPECT_EQ(dbs.Prepare("x", 1), VORDA_NOT_OPEN);
         EXPECT_EQ(dbs.Execute("x", 1), VORDA_NOT_OPEN);
     }
-    ExpectError(1102, "The connection is not open.");
     EXPECT_EQ(dbs.Init(), VORDA_OK);
     EXPECT_EQ(Open(), VORDA_OK);
     EXPECT_EQ(dbs.Execute(), VORDA_NOT_PREPARED);
