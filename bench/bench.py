@@ -1,13 +1,14 @@
-"""Times the module against its peers on the same SQLite file, or the same server, and prints tables of ratios.
+"""Times the module against its peers on the same SQLite file, or the same server, and prints tables
+of ratios.
 
     bench.py [--server] [--quick] [--only TEXT] [--rounds N] [--json FILE] [--plot FILE.png]
 
---server starts a PostgreSQL of its own and measures on that: the module and pyodbc through the ODBC driver, psycopg
-through PostgreSQL's own library.
+--server starts a PostgreSQL of its own and measures on that: the module and pyodbc through the ODBC
+driver, psycopg through PostgreSQL's own library.
 
-Within a case the drivers take turns, and a ratio is made of two neighbours of one round, so what slows the machine
-down slows both. Shown are the medians of the ratios and their range. Before a case is timed, all drivers have to
-return the same data.
+Within a case the drivers take turns, and a ratio is made of two neighbours of one round, so what
+slows the machine down slows both. Shown are the medians of the ratios and their range. Before a
+case is timed, all drivers have to return the same data.
 """
 
 import argparse
@@ -29,7 +30,9 @@ TYPES = {
     "integers": ("INTEGER", "(n * 7919) %% 1000003 + %d"),
     "doubles": ("DOUBLE", "n * 0.25 + %d"),
     "short text": ("TEXT", "'row ' || (n + %d)"),
-    "200-byte text": ("TEXT", "substr('Zwölf Boxkämpfer jagen Viktor quer über den großen Sylter Deich. ' ||"
+    "200-byte text": ("TEXT",
+                      "substr('Zwölf Boxkämpfer jagen Viktor quer über den großen Sylter Deich. ' "
+                      "||"
                               " hex(zeroblob(100)), 1, 190) || (10000000 + n + %d)"),
     "decimals": ("DECIMAL(12,2)", "(n %% 1000) + 0.25 + %d"),
     "dates": ("DATE", "date('2000-01-01', ((n + %d) %% 9000) || ' days')"),
@@ -49,12 +52,13 @@ def table_of(path, name, columns, rows):
         values = ", ".join(TYPES[kind][1] % i for i, kind in enumerate(kinds))
         connection.execute('CREATE TABLE IF NOT EXISTS "%s" (%s)' % (table, declared))
         if not connection.execute('SELECT 1 FROM "%s" LIMIT 1' % table).fetchone():
-            connection.execute('WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r WHERE n < %d)'
+            connection.execute(
+                'WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r WHERE n < %d)'
                                ' INSERT INTO "%s" SELECT %s FROM r' % (rows, table, values))
     return table
 
 
-# --- reading ------------------------------------------------------------------------------------------------
+# --- reading --------------------------------------------------------------------------------------
 
 def iterate(cursor):
     for row in cursor:
@@ -72,7 +76,8 @@ def reading_cases(path, quick):
         for columns in (1, 4, 7, 30):
             rows = min(300000, 1200000 // columns) // (10 if quick else 1)
             for how in (fetchall, iterate, fetchone):
-                if how is not fetchall and (columns not in (4, 30) or name not in ("integers", "mixed")):
+                if how is not fetchall and (columns not in (4, 30)
+                                            or name not in ("integers", "mixed")):
                     continue  # the way of fetching costs the same whatever the cells hold
                 yield reading_case(path, name, columns, rows, how)
 
@@ -92,12 +97,13 @@ def reading_case(path, name, columns, rows, how):
     def result(peer, state):
         cursor, sql = state
         cursor.execute(sql)
-        return [tuple(map(plain, row)) for row in cursor.fetchall()[::97]], len(list(run(peer, state) or []))
+        return [tuple(map(plain, row))
+                for row in cursor.fetchall()[::97]], len(list(run(peer, state) or []))
 
     return Case("%s, %d columns of %s" % (how.__name__, columns, name), prepare, run, result)
 
 
-# --- everything else ----------------------------------------------------------------------------------------
+# --- everything else ------------------------------------------------------------------------------
 
 def point_queries(path, count):
     @contextlib.contextmanager
@@ -115,7 +121,8 @@ def point_queries(path, count):
 
 @contextlib.contextmanager
 def empty_table(peer, path):
-    """A fresh table in a file of its own for each round: no driver pays for what another has written."""
+    """A fresh table in a file of its own for each round: no driver pays for what another has
+    written."""
     with tempfile.TemporaryDirectory(dir=os.path.dirname(path)) as folder:
         file = os.path.join(folder, "w.db")
         with contextlib.closing(peer_module.sqlite3.connect(file)) as connection:
@@ -127,7 +134,8 @@ def empty_table(peer, path):
 def contents(path):
     """What a driver has written, read by one and the same."""
     with contextlib.closing(peer_module.sqlite3.connect(path)) as connection:
-        return connection.execute("SELECT count(*), sum(a), sum(b), max(c), count(DISTINCT c) FROM w").fetchall()
+        return connection.execute(
+            "SELECT count(*), sum(a), sum(b), max(c), count(DISTINCT c) FROM w").fetchall()
 
 
 def writing_case(path, name, count, write):
@@ -152,7 +160,8 @@ def one_by_one(peer, connection, cursor, rows):
 
 
 def long_statement(path, size):
-    """A query of about `size` bytes with a marker now and then, prepared and executed anew each time."""
+    """A query of about `size` bytes with a marker now and then, prepared and executed anew each
+    time."""
     texts = ["?" if n % 50 == 1 else "'a text of %d'" % n for n in range(size // 18)]
     sql = "SELECT 1 WHERE 'x' IN (%s)" % ", ".join(texts)
     values = [1] * sql.count("?")
@@ -165,24 +174,27 @@ def long_statement(path, size):
 
     def run(peer, cursor):
         for n in range(repeat):
-            cursor.execute("%s -- %d" % (sql, n), values)  # a text never seen before: no cache helps
+            # a text never seen before: no cache helps
+            cursor.execute("%s -- %d" % (sql, n), values)
         return cursor.fetchall()
 
-    return Case("statement of %d bytes" % size, prepare, run, lambda peer, state: len(run(peer, state)))
+    return Case("statement of %d bytes" % size, prepare, run,
+                lambda peer, state: len(run(peer, state)))
 
 
 def other_cases(path, quick):
     scale = 10 if quick else 1
     yield point_queries(path, 20000 // scale)
     for count in (100000, 1000000):
-        yield writing_case(path, "executemany of %d rows" % (count // scale), count // scale, in_one_batch)
+        yield writing_case(path, "executemany of %d rows" % (count // scale), count // scale,
+                           in_one_batch)
     yield writing_case(path, "%d single inserts" % (20000 // scale), 20000 // scale, one_by_one)
     yield connecting(path, 500 // scale)
     for size in (100, 10000, 900000):
         yield long_statement(path, size)
 
 
-# --- measuring ----------------------------------------------------------------------------------------------
+# --- measuring ------------------------------------------------------------------------------------
 
 def check_same(case, drivers):
     results = {}
@@ -191,7 +203,8 @@ def check_same(case, drivers):
             results[peer.name] = case.result(peer, state)
     for peer in drivers[1:]:
         if results[peer.name] != results[drivers[0].name]:
-            sys.exit("%s: %s and %s do not return the same data" % (case.name, drivers[0].name, peer.name))
+            sys.exit("%s: %s and %s do not return the same data"
+                     % (case.name, drivers[0].name, peer.name))
 
 
 def measure(case, drivers, rounds):
@@ -210,12 +223,13 @@ def measure(case, drivers, rounds):
 
 
 def in_processes(code, drivers, rounds):
-    """What `code` prints in a fresh process for each driver, as numbers; {peer} in it is the driver's name."""
+    """What `code` prints in a fresh process for each driver, as numbers; {peer} in it is the
+    driver's name."""
     numbers = {peer.name: [] for peer in drivers}
     for _ in range(rounds):
         for peer in drivers:
-            done = subprocess.run([sys.executable, "-c", code.replace("{peer}", peer.name)], cwd=HERE, check=True,
-                                  stdout=subprocess.PIPE, encoding="utf-8")
+            done = subprocess.run([sys.executable, "-c", code.replace("{peer}", peer.name)],
+                                  cwd=HERE, check=True, stdout=subprocess.PIPE, encoding="utf-8")
             numbers[peer.name].append(float(done.stdout))
     return numbers
 
@@ -223,7 +237,7 @@ def in_processes(code, drivers, rounds):
 IMPORT = """
 import time
 start = time.perf_counter()
-exec({"zelqa": "from vorda import zelqa", "sqlite3": "import sqlite3", "pyodbc": "import pyodbc"}["{peer}"])
+exec("from vorda import zelqa" if "{peer}" == "zelqa" else "import {peer}")
 print(time.perf_counter() - start)
 """
 MEMORY = """
@@ -260,8 +274,10 @@ def plot(results, drivers, path):
     figure, axes = pyplot.subplots(figsize=(9, 0.28 * len(results) + 1))
     names = list(results)[::-1]
     for shift, peer in enumerate(drivers[1:]):
-        medians = [statistics.median(ratios(results[n][drivers[0].name], results[n][peer.name])) for n in names]
-        axes.barh([i + 0.4 * shift for i in range(len(names))], medians, height=0.38, label="to " + peer.name)
+        medians = [statistics.median(ratios(results[n][drivers[0].name], results[n][peer.name]))
+                   for n in names]
+        axes.barh([i + 0.4 * shift for i in range(len(names))], medians, height=0.38,
+                  label="to " + peer.name)
     axes.axvline(1, color="black", linewidth=0.8)
     axes.set_yticks(range(len(names)))
     axes.set_yticklabels(names, fontsize=7)
@@ -273,7 +289,8 @@ def plot(results, drivers, path):
 
 def print_head(drivers, database):
     print("CPython %s, %s, %s" % (platform.python_version(), database, platform.machine()))
-    print("%-44s %12s" % ("case", "zelqa") + "".join("   to %-14s" % peer.name for peer in drivers[1:]))
+    print("%-44s %12s" % ("case", "zelqa")
+          + "".join("   to %-14s" % peer.name for peer in drivers[1:]))
 
 
 def on_server(options):
@@ -300,14 +317,16 @@ def on_file(options):
         name = "memory of %d rows" % rows
         if options.only in name:
             table = table_of(path, "integers", 4, rows)
-            yield name, in_processes(MEMORY % (path, table), drivers, min(3, options.rounds)), drivers, "MB"
+            yield name, in_processes(MEMORY % (path, table), drivers,
+                                     min(3, options.rounds)), drivers, "MB"
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--server", action="store_true", help="the cases on a PostgreSQL server")
     parser.add_argument("--quick", action="store_true", help="a tenth of the rows")
-    parser.add_argument("--only", default="", metavar="TEXT", help="only cases whose names have this in them")
+    parser.add_argument("--only", default="", metavar="TEXT",
+                        help="only cases whose names have this in them")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--json", metavar="FILE")
     parser.add_argument("--plot", metavar="FILE")

@@ -5,14 +5,16 @@ import datetime
 
 
 class Case:
-    """One measurement: `run(peer, state)` is timed; `prepare(peer)` is a context that gives the state."""
+    """One measurement: `run(peer, state)` is timed; `prepare(peer)` is a context that gives the
+    state."""
 
     def __init__(self, name, prepare, run, result=None):
         self.name, self.prepare, self.run, self.result = name, prepare, run, result
 
 
 def plain(value):
-    """A value in a form in which all drivers agree: some give decimals and dates as text or floats."""
+    """A value in a form in which all drivers agree: some give decimals and dates as text or
+    floats."""
     if isinstance(value, datetime.date):
         return value.isoformat()
     try:

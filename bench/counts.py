@@ -1,12 +1,14 @@
-"""What the module itself costs, in instructions, without any database: on the null runtime, under callgrind.
+"""What the module itself costs, in instructions, without any database: on the null runtime, under
+callgrind.
 
     counts.py            measure, and print a table
     counts.py --check    also fail when a count has risen by more than a tenth against counts.json
     counts.py --write    keep the counts in counts.json
 
-Counts are the same in every run of one build, whatever else the machine does. Across compilers they are not, so each
-kept count is scaled by what the hand-written loop of probe.cpp takes here and took there. Nothing makes those of one
-interpreter or C library comparable with those of another: there --check says so, and judges nothing.
+Counts are the same in every run of one build, whatever else the machine does. Across compilers they
+are not, so each kept count is scaled by what the hand-written loop of probe.cpp takes here and took
+there. Nothing makes those of one interpreter or C library comparable with those of another: there
+--check says so, and judges nothing.
 """
 
 import argparse
@@ -21,7 +23,8 @@ import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 KEPT = os.path.join(HERE, "counts.json")
-TYPES = ["int", "bigint", "bit", "double", "text", "text200", "decimal", "date", "time", "timestamp", "halfnull"]
+TYPES = ["int", "bigint", "bit", "double", "text", "text200", "decimal", "date", "time",
+         "timestamp", "halfnull"]
 ROWS, EXECUTES, BATCH = 400, 50, 400
 TOLERANCE = 1.10
 
@@ -63,20 +66,25 @@ def measure():
     counted("statement without rows", execute, "UPDATE t SET a = 1")
     counted("query of one column", execute, "SELECT 1 int 0")
     counted("statement with one parameter", execute, "UPDATE t SET a = ?", (5,))
-    counted("statement with named parameters", execute, "UPDATE t SET a = :a, b = :b", {"a": 5, "b": "x"})
-    counted("statement of 10 KB", execute, "UPDATE t SET a = 1 WHERE " + " OR ".join("b = %d" % n for n in range(900)))
+    counted("statement with named parameters", execute, "UPDATE t SET a = :a, b = :b",
+            {"a": 5, "b": "x"})
+    counted("statement of 10 KB", execute,
+            "UPDATE t SET a = 1 WHERE " + " OR ".join("b = %d" % n for n in range(900)))
     for value in (5, 1.5, "short text", zelqa.Date(2026, 11, 21)):
         rows = [(value,)] * BATCH
-        counted("batch of %s" % type(value).__name__, cursor.executemany, "INSERT INTO t VALUES (?)", rows)
+        counted("batch of %s" % type(value).__name__, cursor.executemany,
+                "INSERT INTO t VALUES (?)", rows)
 
 
 def counts():
     """A dictionary of label to instructions, per row, cell or statement."""
     raw = {}
     with tempfile.TemporaryDirectory() as folder:
-        command = ["valgrind", "--tool=callgrind", "--collect-atstart=no", "--callgrind-out-file=%s/out" % folder,
-                   sys.executable, os.path.abspath(__file__), "--measure"]
-        done = subprocess.run(command, env=dict(os.environ, PYTHONHASHSEED="0"), stderr=subprocess.PIPE, encoding="utf-8")
+        command = ["valgrind", "--tool=callgrind", "--collect-atstart=no",
+                   "--callgrind-out-file=%s/out" % folder, sys.executable,
+                   os.path.abspath(__file__), "--measure"]
+        done = subprocess.run(command, env=dict(os.environ, PYTHONHASHSEED="0"),
+                              stderr=subprocess.PIPE, encoding="utf-8")
         if done.returncode != 0:
             sys.exit("the measured process failed:\n" + done.stderr)
         for path in glob.glob(folder + "/out*"):
@@ -108,7 +116,8 @@ def print_table(now):
     for what in ("cell", "row"):
         for name in TYPES:
             ours, loop = now["module %s %s" % (what, name)], now["loop %s %s" % (what, name)]
-            print("%-30s %10.0f %9.0f %7.2f" % ("a %s of %s" % (what, name), ours, loop, ours / loop))
+            print("%-30s %10.0f %9.0f %7.2f"
+                  % ("a %s of %s" % (what, name), ours, loop, ours / loop))
     for label in now:
         if not label.startswith(("module", "loop")):
             print("%-30s %10.0f" % (label, now[label]))

@@ -2,9 +2,10 @@
 
     growth.py [--quick]
 
-Each quantity is doubled several times. The exponent is that of the curve time = constant * size ** exponent which fits
-best: 1 is in proportion, less has a fixed part. Times are the least processor time of several runs. For rows read one by
-one it is the memory that counts: it has to stay where it is, however many rows go by.
+Each quantity is doubled several times. The exponent is that of the curve time = constant * size **
+exponent which fits best: 1 is in proportion, less has a fixed part. Times are the least processor
+time of several runs. For rows read one by one it is the memory that counts: it has to stay where it
+is, however many rows go by.
 """
 
 import argparse
@@ -52,7 +53,8 @@ def marks(cursor, size):
 
 def named_markers(cursor, size):
     names = ["n%d" % i for i in range(size)]
-    text = "SELECT 1 WHERE %d IN (%s)" % (time.perf_counter_ns(), ", ".join(":" + name for name in names))
+    text = "SELECT 1 WHERE %d IN (%s)" % (time.perf_counter_ns(),
+                                          ", ".join(":" + name for name in names))
     return lambda: cursor.execute(text, dict.fromkeys(names, 7))
 
 
@@ -101,7 +103,8 @@ def make_numbers(path, count):
     with contextlib.closing(zelqa.connect("Database={%s}" % path)) as connection:
         cursor = connection.cursor()
         cursor.execute("CREATE TABLE numbers (i INTEGER, t TEXT)")
-        cursor.execute("WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r WHERE n < %d)"
+        cursor.execute(
+            "WITH RECURSIVE r(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM r WHERE n < %d)"
                        " INSERT INTO numbers SELECT n, 'row ' || n FROM r" % count)
 
 
@@ -117,12 +120,14 @@ print(next(line.split()[1] for line in open("/proc/self/status") if line.startsw
 
 
 def peak(path, size):
-    output = subprocess.run([sys.executable, "-c", STREAM, path, str(size)], stdout=subprocess.PIPE, check=True)
+    output = subprocess.run([sys.executable, "-c", STREAM, path, str(size)], stdout=subprocess.PIPE,
+                            check=True)
     return int(output.stdout) * 1024
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--quick", action="store_true", help="fewer repetitions")
     repeats = 3 if parser.parse_args().quick else 7
     bad = []
@@ -131,7 +136,8 @@ def main():
         make_numbers(path, 1_600_000)
         with contextlib.closing(zelqa.connect("Database={%s}" % path)) as connection:
             cursor = connection.cursor()
-            print("%-18s %8s  %s" % ("", "exponent", "size: microseconds, and nanoseconds for each"))
+            print("%-18s %8s  %s"
+                  % ("", "exponent", "size: microseconds, and nanoseconds for each"))
             for name, prepare, smallest, doublings in CURVES:
                 sizes = [smallest << step for step in range(doublings + 1)]
                 times = [seconds(prepare, cursor, size, repeats) for size in sizes]
@@ -139,7 +145,8 @@ def main():
                 if found > MOST:
                     bad.append(name)
                 print("%-18s %8.2f  %s" % (name, found, "  ".join(
-                    "%d: %.0f, %.0f" % (size, spent * 1e6, spent / size * 1e9) for size, spent in zip(sizes, times))))
+                    "%d: %.0f, %.0f" % (size, spent * 1e6, spent / size * 1e9)
+                    for size, spent in zip(sizes, times))))
         sizes = [100_000, 400_000, 1_600_000]
         peaks = [peak(path, size) for size in sizes]
         print("%-18s %8s  %s" % ("memory, fetchone", "", "  ".join(

@@ -1,6 +1,7 @@
-// A runtime that answers at once from memory, to count what the module itself costs. A query says what it wants:
-// "SELECT <columns> <type> <rows>", with a type of kTypes; anything else is a statement without rows. Put its
-// folder on LD_LIBRARY_PATH. It trusts its caller: it is for measuring only.
+// A runtime that answers at once from memory, to count what the module itself costs. A query says
+// what it wants: "SELECT <columns> <type> <rows>", with a type of kTypes; anything else is a
+// statement without rows. Put its folder on LD_LIBRARY_PATH. It trusts its caller: it is for
+// measuring only.
 #include <sqlext.h>
 
 #include <cstdio>
@@ -15,13 +16,16 @@ namespace {
 struct Type {
     const char* Name;
     SQLLEN SqlType, Precision, Scale;
-    std::string_view Text;  // the value of a text column; others have the one of their structure below
+    std::string_view
+        Text;  // the value of a text column; others have the one of their structure below
     int NullEvery;
 };
 
 constexpr char kText200[] =
-    "two hundred bytes of text, as an address or a remark may have: enough that copying it is seen, not so much "
-    "that it is all there is; and to fill it up: Zwölf Boxkämpfer jagen Viktor quer über den Deich.";
+    "two hundred bytes of text, as an address or a remark may have: enough that copying it is "
+    "seen, not so much "
+    "that it is all there is; and to fill it up: Zwölf Boxkämpfer jagen Viktor quer über den "
+    "Deich.";
 
 constexpr Type kTypes[] = {
     {"int", SQL_INTEGER, 10, 0, {}, 0},
@@ -57,7 +61,9 @@ Statement& Of(SQLHSTMT statement) {
 void Understand(Statement& statement, std::string_view text) {
     char type[16] = {};
     statement = Statement{};
-    if (std::sscanf(text.data(), "SELECT %d %15s %ld", &statement.Columns, type, &statement.Rows) != 3) return;
+    if (std::sscanf(text.data(), "SELECT %d %15s %ld", &statement.Columns, type, &statement.Rows) !=
+        3)
+        return;
     for (const Type& known : kTypes) {
         if (std::strcmp(known.Name, type) == 0) statement.Column = &known;
     }
@@ -124,33 +130,38 @@ EXPORT SQLRETURN RT_SQLSetEnvAttr(const char*, SQLHENV, SQLINTEGER, SQLPOINTER, 
 EXPORT SQLRETURN RT_SQLSetStmtAttr(const char*, SQLHSTMT, SQLINTEGER, SQLPOINTER, SQLINTEGER) {
     return SQL_SUCCESS;
 }
-EXPORT SQLRETURN RT_SQLDriverConnectW(const char*, SQLHDBC, SQLHWND, SQLWCHAR*, SQLSMALLINT, SQLWCHAR*,
-                                      SQLSMALLINT, SQLSMALLINT*, SQLUSMALLINT) {
+EXPORT SQLRETURN RT_SQLDriverConnectW(const char*, SQLHDBC, SQLHWND, SQLWCHAR*, SQLSMALLINT,
+                                      SQLWCHAR*, SQLSMALLINT, SQLSMALLINT*, SQLUSMALLINT) {
     return SQL_SUCCESS;
 }
 EXPORT SQLRETURN RT_SQLDisconnect(const char*, SQLHDBC) {
     return SQL_SUCCESS;
 }
-EXPORT SQLRETURN RT_SQLPrepareW(const char*, SQLHSTMT statement, SQLWCHAR* text, SQLINTEGER length) {
-    Understand(Of(statement), {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
+EXPORT SQLRETURN RT_SQLPrepareW(const char*, SQLHSTMT statement, SQLWCHAR* text,
+                                SQLINTEGER length) {
+    Understand(Of(statement),
+               {reinterpret_cast<const char*>(text), static_cast<std::size_t>(length)});
     return SQL_SUCCESS;
 }
-EXPORT SQLRETURN RT_SQLExecDirectW(const char* path, SQLHSTMT statement, SQLWCHAR* text, SQLINTEGER length) {
+EXPORT SQLRETURN RT_SQLExecDirectW(const char* path, SQLHSTMT statement, SQLWCHAR* text,
+                                   SQLINTEGER length) {
     return RT_SQLPrepareW(path, statement, text, length);
 }
 EXPORT SQLRETURN RT_SQLExecute(const char*, SQLHSTMT) {
     return SQL_SUCCESS;
 }
-EXPORT SQLRETURN RT_SQLBindParameter(const char*, SQLHSTMT, SQLUSMALLINT, SQLSMALLINT, SQLSMALLINT, SQLSMALLINT,
-                                     SQLULEN, SQLSMALLINT, SQLPOINTER, SQLLEN, SQLLEN*) {
+EXPORT SQLRETURN RT_SQLBindParameter(const char*, SQLHSTMT, SQLUSMALLINT, SQLSMALLINT, SQLSMALLINT,
+                                     SQLSMALLINT, SQLULEN, SQLSMALLINT, SQLPOINTER, SQLLEN,
+                                     SQLLEN*) {
     return SQL_SUCCESS;
 }
 EXPORT SQLRETURN RT_SQLRowCount(const char*, SQLHSTMT, SQLLEN* count) {
     *count = 0;
     return SQL_SUCCESS;
 }
-EXPORT SQLRETURN RT_SQLColAttributeW(const char*, SQLHSTMT statement, SQLUSMALLINT column, SQLUSMALLINT field,
-                                     SQLPOINTER text, SQLSMALLINT size, SQLSMALLINT* length, SQLLEN* number) {
+EXPORT SQLRETURN RT_SQLColAttributeW(const char*, SQLHSTMT statement, SQLUSMALLINT column,
+                                     SQLUSMALLINT field, SQLPOINTER text, SQLSMALLINT size,
+                                     SQLSMALLINT* length, SQLLEN* number) {
     const Statement& described = Of(statement);
     if (field == SQL_COLUMN_COUNT) {
         *number = described.Columns;
@@ -162,8 +173,8 @@ EXPORT SQLRETURN RT_SQLColAttributeW(const char*, SQLHSTMT statement, SQLUSMALLI
     }
     return SQL_SUCCESS;
 }
-EXPORT SQLRETURN RT_SQLBindCol(const char*, SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT type,
-                               SQLPOINTER target, SQLLEN, SQLLEN* indicator) {
+EXPORT SQLRETURN RT_SQLBindCol(const char*, SQLHSTMT statement, SQLUSMALLINT column,
+                               SQLSMALLINT type, SQLPOINTER target, SQLLEN, SQLLEN* indicator) {
     Of(statement).Bindings[column - 1u] = {type, static_cast<char*>(target), indicator};
     return SQL_SUCCESS;
 }
@@ -174,8 +185,8 @@ EXPORT SQLRETURN RT_SQLFetch(const char*, SQLHSTMT statement) {
     ++fetched.Row;
     return SQL_SUCCESS;
 }
-EXPORT SQLRETURN RT_SQLErrorW(const char*, SQLHENV, SQLHDBC, SQLHSTMT, SQLWCHAR*, SQLINTEGER*, SQLWCHAR*,
-                              SQLSMALLINT, SQLSMALLINT*) {
+EXPORT SQLRETURN RT_SQLErrorW(const char*, SQLHENV, SQLHDBC, SQLHSTMT, SQLWCHAR*, SQLINTEGER*,
+                              SQLWCHAR*, SQLSMALLINT, SQLSMALLINT*) {
     return SQL_NO_DATA;
 }
 EXPORT int RT_Version() {

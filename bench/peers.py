@@ -1,4 +1,5 @@
-"""The drivers that are compared, each on the same SQLite file or the same server, behind one small interface."""
+"""The drivers that are compared, each on the same SQLite file or the same server, behind one small
+interface."""
 
 import datetime
 import decimal
@@ -32,7 +33,8 @@ class Zelqa:
 
 
 class Sqlite3:
-    """The standard library's module: bound to SQLite directly. Dates and decimals are what its converters make."""
+    """The standard library's module: bound to SQLite directly. Dates and decimals are what its
+    converters make."""
 
     name = "sqlite3"
     marker = "?"
@@ -58,7 +60,8 @@ class Pyodbc:
         self.connect(":memory:").close()
 
     def connect(self, path, typed=False):
-        # As the others do, a query then keeps no transaction open, which would save it all the locking.
+        # As the others do, a query then keeps no transaction open, which would save it all the
+        # locking.
         return self.module.connect("Driver=SQLite3;Database=%s" % path, autocommit=True)
 
     def begin(self, connection):
@@ -67,7 +70,7 @@ class Pyodbc:
     commit = Sqlite3.commit
 
 
-# --- on a server: what `connect` gets is a `Source` of server_cases.py ------------------------------------------
+# --- on a server: what `connect` gets is a `Source` of server_cases.py ----------------------------
 
 class ServerZelqa(Zelqa):
     def connect(self, source):

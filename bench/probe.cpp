@@ -1,6 +1,6 @@
-// What the counts are compared with: a loop that makes the objects of a result from filled buffers, as little
-// as CPython's interface allows; and the null runtime's own share. Also the marks that tell callgrind where a
-// measurement begins and ends.
+// What the counts are compared with: a loop that makes the objects of a result from filled buffers,
+// as little as CPython's interface allows; and the null runtime's own share. Also the marks that
+// tell callgrind where a measurement begins and ends.
 #include <Python.h>
 #include <datetime.h>
 #include <dlfcn.h>
@@ -22,24 +22,31 @@ struct Buffer {
 // A statement of the null runtime with every column bound.
 class Result {
   public:
-    Result(int columns, const char* type, long rows) : m_buffers(static_cast<std::size_t>(columns)) {
+    Result(int columns, const char* type, long rows)
+        : m_buffers(static_cast<std::size_t>(columns)) {
         void* const library = dlopen("libvordart.x64.so.6", RTLD_NOW);
         const auto symbol = [&](const char* name) { return dlsym(library, name); };
-        const auto allocate = reinterpret_cast<SQLRETURN (*)(const char*, SQLSMALLINT, SQLHANDLE, SQLHANDLE*)>(
-            symbol("RT_SQLAllocHandle"));
+        const auto allocate =
+            reinterpret_cast<SQLRETURN (*)(const char*, SQLSMALLINT, SQLHANDLE, SQLHANDLE*)>(
+                symbol("RT_SQLAllocHandle"));
         const auto prepare =
-            reinterpret_cast<SQLRETURN (*)(const char*, SQLHSTMT, SQLWCHAR*, SQLINTEGER)>(symbol("RT_SQLPrepareW"));
-        const auto bind = reinterpret_cast<SQLRETURN (*)(const char*, SQLHSTMT, SQLUSMALLINT, SQLSMALLINT, SQLPOINTER,
-                                                         SQLLEN, SQLLEN*)>(symbol("RT_SQLBindCol"));
+            reinterpret_cast<SQLRETURN (*)(const char*, SQLHSTMT, SQLWCHAR*, SQLINTEGER)>(
+                symbol("RT_SQLPrepareW"));
+        const auto bind =
+            reinterpret_cast<SQLRETURN (*)(const char*, SQLHSTMT, SQLUSMALLINT, SQLSMALLINT,
+                                           SQLPOINTER, SQLLEN, SQLLEN*)>(symbol("RT_SQLBindCol"));
         m_fetch = reinterpret_cast<SQLRETURN (*)(const char*, SQLHSTMT)>(symbol("RT_SQLFetch"));
-        m_free = reinterpret_cast<SQLRETURN (*)(const char*, SQLSMALLINT, SQLHANDLE)>(symbol("RT_SQLFreeHandle"));
+        m_free = reinterpret_cast<SQLRETURN (*)(const char*, SQLSMALLINT, SQLHANDLE)>(
+            symbol("RT_SQLFreeHandle"));
         allocate("", SQL_HANDLE_STMT, nullptr, &m_statement);
         char text[80];
-        const int length = std::snprintf(text, sizeof text, "SELECT %d %s %ld", columns, type, rows);
+        const int length =
+            std::snprintf(text, sizeof text, "SELECT %d %s %ld", columns, type, rows);
         prepare("", m_statement, reinterpret_cast<SQLWCHAR*>(text), length);
         SQLUSMALLINT number = 0;
         for (Buffer& buffer : m_buffers) {
-            bind("", m_statement, ++number, CTypeOf(type), buffer.Bytes, sizeof buffer.Bytes, &buffer.Indicator);
+            bind("", m_statement, ++number, CTypeOf(type), buffer.Bytes, sizeof buffer.Bytes,
+                 &buffer.Indicator);
         }
     }
     ~Result() { m_free("", SQL_HANDLE_STMT, m_statement); }
@@ -54,9 +61,10 @@ class Result {
         static const struct {
             const char* Name;
             SQLSMALLINT CType;
-        } types[] = {{"int", SQL_C_LONG},        {"halfnull", SQL_C_LONG},  {"bigint", SQL_C_SBIGINT},
-                     {"bit", SQL_C_BIT},         {"double", SQL_C_DOUBLE},  {"date", SQL_C_TIMESTAMP},
-                     {"time", SQL_C_TIMESTAMP},  {"timestamp", SQL_C_TIMESTAMP}};
+        } types[] = {{"int", SQL_C_LONG},       {"halfnull", SQL_C_LONG},
+                     {"bigint", SQL_C_SBIGINT}, {"bit", SQL_C_BIT},
+                     {"double", SQL_C_DOUBLE},  {"date", SQL_C_TIMESTAMP},
+                     {"time", SQL_C_TIMESTAMP}, {"timestamp", SQL_C_TIMESTAMP}};
         for (const auto& known : types) {
             if (std::strcmp(known.Name, type) == 0) return known.CType;
         }
@@ -109,7 +117,8 @@ Maker MakerOf(const char* type) {
         {"time",
          [](const Buffer& b) {
              const auto v = As<SQL_TIMESTAMP_STRUCT>(b);
-             return PyTime_FromTime(v.hour, v.minute, v.second, static_cast<int>(v.fraction / 1000));
+             return PyTime_FromTime(v.hour, v.minute, v.second,
+                                    static_cast<int>(v.fraction / 1000));
          }},
         {"timestamp",
          [](const Buffer& b) {
@@ -124,8 +133,8 @@ Maker MakerOf(const char* type) {
     return MakeText;
 }
 
-// make(columns, type, rows): a list of tuples, from buffers that are filled once; every other row of
-// "halfnull" is NULL.
+// make(columns, type, rows): a list of tuples, from buffers that are filled once; every other row
+// of "halfnull" is NULL.
 PyObject* Make(PyObject*, PyObject* args) {
     int columns;
     const char* type;
@@ -190,7 +199,8 @@ PyMethodDef methods[] = {
     {nullptr, nullptr, 0, nullptr},
 };
 
-PyModuleDef module = {PyModuleDef_HEAD_INIT, "probe", nullptr, -1, methods, nullptr, nullptr, nullptr, nullptr};
+PyModuleDef module = {
+    PyModuleDef_HEAD_INIT, "probe", nullptr, -1, methods, nullptr, nullptr, nullptr, nullptr};
 
 }  // namespace
 

@@ -7,7 +7,8 @@ import tempfile
 
 from case import Case, connecting, fetchall, in_one_batch, plain
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python", "servers"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python",
+                                "servers"))
 import servers  # noqa: E402
 
 DRIVER, DRIVER_NAME = "psqlodbcw.so", "PostgreSQL Unicode"
@@ -21,12 +22,14 @@ class Source:
     def __init__(self, server, folder):
         self.words = {"port": server.port, "dbname": "postgres", "user": "vorda"}
         servers.configure(folder, {DRIVER_NAME: {"Driver": servers.driver(DRIVER)}})
-        self.string = "Driver={%s};Server=127.0.0.1;Port=%d;Database=postgres;UID=vorda" % (DRIVER_NAME, server.port)
+        self.string = "Driver={%s};Server=127.0.0.1;Port=%d;Database=postgres;UID=vorda" % (
+            DRIVER_NAME, server.port)
 
 
 @contextlib.contextmanager
 def running_source():
-    for found, package in [(servers.program("postgres"), "postgresql"), (servers.driver(DRIVER), "odbc-postgresql")]:
+    for found, package in [(servers.program("postgres"), "postgresql"),
+                           (servers.driver(DRIVER), "odbc-postgresql")]:
         if not found:
             sys.exit("this needs a PostgreSQL and its ODBC driver: install " + package)
     server = servers.postgresql()
@@ -38,7 +41,9 @@ def running_source():
 
 
 def make_table(connection, rows):
-    connection.execute("CREATE TABLE %s (key INTEGER PRIMARY KEY, big BIGINT, ratio DOUBLE PRECISION, words TEXT)" % TABLE)
+    connection.execute(
+        "CREATE TABLE %s (key INTEGER PRIMARY KEY, big BIGINT, ratio DOUBLE PRECISION, words TEXT)"
+        % TABLE)
     connection.execute("INSERT INTO %s SELECT n, 5000000000 + n, n * 0.25, 'row ' || n"
                        " FROM generate_series(1, %d) AS numbers (n)" % (TABLE, rows))
     connection.execute("ANALYZE " + TABLE)

@@ -2,8 +2,8 @@
 
 Run as:  python airports.py [DATABASE_FILE]
 
-The airports are a public-domain extract (ourairports.com). Shown are: tables loaded in batches, a join with
-parameters and its description, a stored procedure, and an error caught as DatabaseError.
+The airports are a public-domain extract (ourairports.com). Shown are: tables loaded in batches, a
+join with parameters and its description, a stored procedure, and an error caught as DatabaseError.
 """
 
 import csv
@@ -32,12 +32,14 @@ def create_tables(cursor: zelqa.Cursor) -> None:
 
 
 def load(cursor: zelqa.Cursor) -> int:
-    """Load both tables, each as one batch that is stored whole or not at all; returns the row count."""
+    """Load both tables, each as one batch that is stored whole or not at all; returns the row
+    count."""
     states = [(row["code"], row["name"], row["admitted"]) for row in rows_of("states.csv")]
     cursor.executemany("INSERT INTO state VALUES (?, ?, ?)", states)
     count = cursor.rowcount
     airports = (
-        (row["iata"], row["name"], row["city"], row["state"], float(row["latitude"]), float(row["longitude"]))
+        (row["iata"], row["name"], row["city"], row["state"], float(row["latitude"]),
+         float(row["longitude"]))
         for row in rows_of("airports.csv")
     )
     cursor.executemany("INSERT INTO airport VALUES (?, ?, ?, ?, ?, ?)", airports)

@@ -17,7 +17,8 @@ def main() -> None:
     path = sys.argv[1] if len(sys.argv) > 1 else ":memory:"
     with closing(zelqa.connect("Database={%s}" % path)) as connection:
         with closing(connection.cursor()) as cursor:
-            cursor.execute("CREATE TABLE state (code TEXT PRIMARY KEY, name TEXT NOT NULL, admitted DATE)")
+            cursor.execute(
+                "CREATE TABLE state (code TEXT PRIMARY KEY, name TEXT NOT NULL, admitted DATE)")
             with open(os.path.join(HERE, "states.csv"), newline="", encoding="utf-8") as file:
                 rows = csv.reader(file)
                 next(rows)
@@ -25,7 +26,9 @@ def main() -> None:
                 cursor.executemany("INSERT INTO state VALUES (?, ?, NULLIF(?, ''))", rows)
 
             writer = csv.writer(sys.stdout)
-            cursor.execute("SELECT name, admitted FROM state WHERE admitted < ? ORDER BY admitted, name LIMIT 3",
+            cursor.execute(
+                "SELECT name, admitted FROM state WHERE admitted < ? ORDER BY admitted, name LIMIT "
+                "3",
                            ("1788-01-01",))
             writer.writerow(column[0] for column in cursor.description or ())
             writer.writerows(cursor)

@@ -13,14 +13,18 @@ from vorda import zelqa
 
 
 def write_frame(connection: zelqa.Connection, frame: pandas.DataFrame, table: str) -> None:
-    """Appends all rows of a frame in one batch, stored whole or not at all; missing values become NULL."""
+    """Appends all rows of a frame in one batch, stored whole or not at all; missing values become
+    NULL."""
     columns = ", ".join('"%s"' % name.replace('"', '""') for name in frame.columns)
-    markers = ", ".join("NULLIF(?, '')" if frame[name].isna().any() else "?" for name in frame.columns)
-    # Objects instead of NumPy's numbers, and texts where values are missing, since None travels as an empty text.
+    markers = ", ".join("NULLIF(?, '')" if frame[name].isna().any() else "?"
+                        for name in frame.columns)
+    # Objects instead of NumPy's numbers, and texts where values are missing, since None travels as
+    # an empty text.
     plain = frame.astype(object)
     for name in frame.columns:
         if frame[name].isna().any():
-            plain[name] = ["" if missing else str(value) for value, missing in zip(plain[name], frame[name].isna())]
+            plain[name] = ["" if missing else str(value)
+                           for value, missing in zip(plain[name], frame[name].isna())]
     statement = 'INSERT INTO "%s" (%s) VALUES (%s)' % (table, columns, markers)
     connection.cursor().executemany(statement, plain.values.tolist())
 
@@ -36,7 +40,8 @@ def main() -> None:
         })
         write_frame(connection, frame, "reading")
         # pandas warns about every DB-API connection that it has no adapter of its own for.
-        warnings.filterwarnings("ignore", message="pandas only supports SQLAlchemy", category=UserWarning)
+        warnings.filterwarnings("ignore", message="pandas only supports SQLAlchemy",
+                                category=UserWarning)
         print(pandas.read_sql("SELECT * FROM reading WHERE day > ? ORDER BY station", connection,
                               params=[zelqa.Date(2026, 11, 19)]))
 

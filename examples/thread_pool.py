@@ -28,7 +28,8 @@ def deposit(path: str, account: int) -> None:
 
 
 def balance(path: str, account: int) -> Any:
-    row = connection(path).execute("SELECT balance FROM account WHERE id = ?", (account,)).fetchone()
+    row = connection(path).execute("SELECT balance FROM account WHERE id = ?",
+                                   (account,)).fetchone()
     return row[0] if row is not None else None
 
 

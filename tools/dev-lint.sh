@@ -1,9 +1,12 @@
-wanted="clang++-14=clang-14 clang-format-14=clang-format-14 clang-tidy-14=clang-tidy-14 cppcheck=cppcheck shellcheck=shellcheck"
+wanted="clang++-14=clang-14 clang-format-14=clang-format-14 clang-tidy-14=clang-tidy-14 cppcheck=cppcheck shellcheck=shellcheck flake8=flake8"
 setup
 
 say "format"
 # shellcheck disable=SC2046
 clang-format-14 --dry-run -Werror $(sources)
+
+say "Python"
+flake8 bench examples python tests tools
 
 say "includes"
 "$python" tools/includes.py

@@ -1,22 +1,25 @@
 #!/usr/bin/env python3
-"""Whether every file includes only what its room may include: no room above it, none that it has to reach through
-another, no circle between rooms or headers. Prints what is wrong and fails, or says nothing."""
+"""Whether every file includes only what its room may include: no room above it, none that it has to
+reach through another, no circle between rooms or headers. Prints what is wrong and fails, or says
+nothing."""
 
 import fnmatch
 import os
 import re
 import sys
 
-# A room's files, by the first pattern that fits, and the rooms that they may include. Each room stands on rooms that
-# are above it in the list.
+# A room's files, by the first pattern that fits, and the rooms that they may include. Each room
+# stands on rooms that are above it in the list.
 ROOMS = [
     # The module, from the bottom; docs/architecture.md draws it.
     ("util", ["src/util/*", "src/include/unicode.h"], []),
-    ("odbc", ["src/runtime/*", "src/mono/odbc*", "src/mono/runtimesearch*", "src/include/sqltypes.h"], ["util"]),
+    ("odbc", ["src/runtime/*", "src/mono/odbc*", "src/mono/runtimesearch*",
+              "src/include/sqltypes.h"], ["util"]),
     ("sql", ["src/dbutil.*", "src/sqltokenizer.cpp", "src/include/sqltokenizer.h"], ["util"]),
     ("values", ["src/include/dbsource.h", "src/include/cell.h", "src/mono/cell.cpp"], ["util"]),
     ("source", ["src/mono/*"], ["values", "odbc", "util"]),
-    ("dbs", ["src/dbs.cpp", "src/dbsapi.cpp", "src/dbhandler.h", "src/include/dbs.h", "src/include/dbsapi.h"],
+    ("dbs", ["src/dbs.cpp", "src/dbsapi.cpp", "src/dbhandler.h", "src/include/dbs.h",
+             "src/include/dbsapi.h"],
      ["source", "values", "sql", "util"]),
     ("dbapi", ["src/dbapi/*"], ["odbc", "util"]),
     ("python", ["src/*"], ["dbs", "values", "sql", "util"]),
@@ -24,7 +27,8 @@ ROOMS = [
     ("embedded core", ["embedded/core/*", "embedded/values/*", "embedded/engine.h"], []),
     ("embedded sqlite", ["embedded/sqlite/*"], ["embedded core"]),
     ("embedded odbc", ["embedded/odbc/*"], ["embedded core"]),
-    ("embedded engines", ["embedded/engines.cpp"], ["embedded sqlite", "embedded odbc", "embedded core"]),
+    ("embedded engines", ["embedded/engines.cpp"],
+     ["embedded sqlite", "embedded odbc", "embedded core"]),
     ("embedded entry", ["embedded/entry/*", "embedded/compat.cpp"], ["embedded core"]),
 ]
 # What a room must not see through the headers of others either.
@@ -51,14 +55,17 @@ def includes(root):
                 path = os.path.relpath(os.path.join(folder, name), root)
                 with open(os.path.join(root, path), encoding="utf-8") as file:
                     wanted = INCLUDE.findall(file.read())
-                tried = [[os.path.normpath(os.path.join(base, w)) for base in (top, os.path.dirname(path))] for w in wanted]
-                found[path] = [next((t for t in both if os.path.exists(os.path.join(root, t))), None) for both in tried]
+                tried = [[os.path.normpath(os.path.join(base, w))
+                          for base in (top, os.path.dirname(path))] for w in wanted]
+                found[path] = [next((t for t in both if os.path.exists(os.path.join(root, t))),
+                                    None) for both in tried]
                 found[path] = [path for path in found[path] if path]
     return found
 
 
 def seen(path, files, known):
-    """Everything that a file includes, itself or through others, with the file that it comes through."""
+    """Everything that a file includes, itself or through others, with the file that it comes
+    through."""
     for wanted in files[path]:
         if wanted not in known:
             known[wanted] = path
@@ -88,7 +95,8 @@ def problems(root):
             yield "%s includes itself, through %s" % (path, known[path])
         for wanted, through in sorted(known.items()):
             if room_of(wanted) in HIDDEN.get(room, []) and wanted not in files[path]:
-                yield "%s (%s) sees %s (%s), through %s" % (path, room, wanted, room_of(wanted), through)
+                yield "%s (%s) sees %s (%s), through %s" % (path, room, wanted, room_of(wanted),
+                                                            through)
 
 
 if __name__ == "__main__":

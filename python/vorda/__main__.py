@@ -11,11 +11,13 @@ from .display import tell
 from .masking import Mask
 
 EPILOG = """\
-Without SQL, statements come from standard input; on a terminal that is a shell with history (.help tells more).
-Statements end with a semicolon, several may follow one another. The exit status is 1 when a statement fails.
+Without SQL, statements come from standard input; on a terminal that is a shell with history
+(.help tells more). Statements end with a semicolon, several may follow one another. The exit
+status is 1 when a statement fails.
 
 --csv   a header line; NULL is an empty field, an empty text is "".
---json  an array of objects, of one result; decimals, dates and times are texts, NULL is null. Equal names get _2, _3 ...
+--json  an array of objects, of one result; decimals, dates and times are texts, NULL is null.
+        Equal names get _2, _3 ...
 
   python -m vorda "Database=shop.db" "SELECT * FROM item"
   python -m vorda doctor ["Database=shop.db"]      why does it not connect?
@@ -27,19 +29,24 @@ NO_RUNTIME = "Unable to alloc env handle"
 
 class Parser(argparse.ArgumentParser):
     def error(self, message: str) -> NoReturn:
-        if message.startswith("unrecognized"):  # they may be pieces of a connection string: not to be repeated
-            message = "too many arguments; put quotes around the connection string and around the statement"
+        # They may be pieces of a connection string: not to be repeated.
+        if message.startswith("unrecognized"):
+            message = ("too many arguments; put quotes around the connection string and around"
+                       " the statement")
         super().error(message)
 
 
 def parse(arguments: List[str]) -> argparse.Namespace:
-    parser = Parser(prog="python -m vorda", epilog=EPILOG, formatter_class=argparse.RawDescriptionHelpFormatter,
+    parser = Parser(prog="python -m vorda", epilog=EPILOG,
+                    formatter_class=argparse.RawDescriptionHelpFormatter,
                     description="Run SQL on a connection, or open a shell.")
     style = parser.add_mutually_exclusive_group()
     for name in ("csv", "json"):
-        style.add_argument("--" + name, dest="style", action="store_const", const=name, default="table",
+        style.add_argument("--" + name, dest="style", action="store_const", const=name,
+                           default="table",
                            help="write results as " + name.upper())
-    parser.add_argument("connection_string", metavar="CONNECTION_STRING", help="for example Database=shop.db")
+    parser.add_argument("connection_string", metavar="CONNECTION_STRING",
+                        help="for example Database=shop.db")
     parser.add_argument("sql", metavar="SQL", nargs="?", help="what to run")
     return parser.parse_intermixed_args(arguments)
 
@@ -71,7 +78,8 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
             print("vorda.zelqa shell; .help for help, Ctrl-D to leave.")
             session.interact()
         else:
-            session.run_lines(io.TextIOWrapper(sys.stdin.buffer, encoding="utf-8-sig"), "standard input")
+            session.run_lines(io.TextIOWrapper(sys.stdin.buffer, encoding="utf-8-sig"),
+                              "standard input")
         return 0
     except EOFError:  # .quit
         return 0
@@ -84,7 +92,8 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
         if session:
             session.note_help(error)
         elif NO_RUNTIME in str(error):
-            complain("(no runtime can be used: python -m vorda doctor shows where it was looked for, and why)")
+            complain("(no runtime can be used: python -m vorda doctor shows where it was looked"
+                     " for, and why)")
         else:
             complain("(python -m vorda doctor CONNECTION_STRING tells more)")
         return 1
@@ -110,7 +119,7 @@ def main(arguments: List[str]) -> int:
     except KeyboardInterrupt:
         return 130
     except BrokenPipeError:
-        # Whoever read the output has seen enough; the interpreter must not flush into the closed pipe.
+        # Whoever read the output has seen enough; the interpreter must not flush into the pipe.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 141
     except OSError as error:

@@ -12,7 +12,7 @@ MARKERS = re.compile("[?@:]")
 class Dialect(NamedTuple):
     name: str
     quote: str
-    marked: str  # a name with marker characters: "'" in these quotes, "U&" escaped; "" there is no way
+    marked: str  # a name with marker characters: "'" in these quotes, "U&" escaped; "" no way
     tables: str  # lists tables and views
     binary: str  # reads a binary column as text
 
@@ -24,7 +24,8 @@ class Dialect(NamedTuple):
             raise ValueError(name)
         if self.marked == "'":
             return "'%s'" % name.replace("'", "''")
-        escaped = MARKERS.sub(lambda match: "\\%04x" % ord(match.group()), name.replace("\\", "\\\\"))
+        escaped = MARKERS.sub(lambda match: "\\%04x" % ord(match.group()),
+                              name.replace("\\", "\\\\"))
         return 'U&"%s"' % escaped.replace('"', '""')
 
 
@@ -58,4 +59,6 @@ def dialect_of(connection: Any) -> Dialect:
     known, version = _answer(connection, "SELECT version()")
     if not known and _answer(connection, "SELECT sqlite_version()")[0]:
         return SQLITE
-    return POSTGRESQL if version.startswith("PostgreSQL") else MARIADB if version[:1].isdigit() else OTHER
+    if version.startswith("PostgreSQL"):
+        return POSTGRESQL
+    return MARIADB if version[:1].isdigit() else OTHER

@@ -1,4 +1,4 @@
-"""Texts as a terminal shows them: how many columns they take, what must be escaped, where to cut."""
+"""Texts as a terminal shows them: how wide they are, what must be escaped, where to cut."""
 
 import unicodedata
 from typing import TextIO
@@ -17,7 +17,7 @@ def _character(char: str) -> str:
 
 
 def printable(text: str, encoding: str = "utf-8", keep: str = "") -> str:
-    """The text with all that would move the cursor, or that the encoding lacks, written as an escape."""
+    """The text with all that would move the cursor, or that the encoding lacks, escaped."""
     if not text.isascii() or not text.isprintable():
         text = "".join(char if char in keep else _character(char) for char in text)
     if encoding != "utf-8":

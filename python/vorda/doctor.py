@@ -17,8 +17,10 @@ from . import sources
 from .display import printable
 from .masking import Mask
 
-PLACES = ("by the loader's own search (LD_LIBRARY_PATH, ldconfig)", "in the fixed folder", "beside the module")
-ENVIRONMENT = ("LD_LIBRARY_PATH", "LD_PRELOAD", "VORDA_UNLOAD_RUNTIME", "ODBCSYSINI", "ODBCINSTINI", "ODBCINI")
+PLACES = ("by the loader's own search (LD_LIBRARY_PATH, ldconfig)", "in the fixed folder",
+          "beside the module")
+ENVIRONMENT = ("LD_LIBRARY_PATH", "LD_PRELOAD", "VORDA_UNLOAD_RUNTIME", "ODBCSYSINI", "ODBCINSTINI",
+               "ODBCINI")
 TEXT_SIZE = 4096
 SQL_HANDLE_ENV = 1
 
@@ -30,15 +32,16 @@ class Report:
         self.mask = mask
 
     def line(self, text: str, indent: int = 0) -> None:
-        print(" " * indent + printable(self.mask(text), sys.stdout.encoding.lower(), "\n"), flush=True)
+        print(" " * indent + printable(self.mask(text), sys.stdout.encoding.lower(), "\n"),
+              flush=True)
 
     def fact(self, name: str, value: str) -> None:
         self.line("%-12s %s" % (name, value))
 
 
 class Module:
-    """The extension module's functions for tools. It opens the libraries itself, by the very calls of a
-    connect, so what the loader says here is what it says there."""
+    """The extension module's functions for tools. It opens the libraries itself, by the very calls
+    of a connect, so what the loader says here is what it says there."""
 
     def __init__(self, path: str) -> None:
         self.exports = ctypes.CDLL(path)
@@ -76,7 +79,8 @@ class Module:
 
 def describe_interpreter(report: Report) -> None:
     report.fact("interpreter", "%s %s, %d bits, %s" % (
-        platform.python_implementation(), platform.python_version(), struct.calcsize("P") * 8, sys.executable))
+        platform.python_implementation(), platform.python_version(), struct.calcsize("P") * 8,
+        sys.executable))
     report.fact("system", "%s, %s" % (platform.platform(), " ".join(platform.libc_ver())))
     for name in ENVIRONMENT:
         if name in os.environ:
@@ -91,9 +95,10 @@ def load_module(report: Report) -> Optional[str]:
         report.fact("module", "cannot be imported: %s" % error)
         folder = os.path.dirname(os.path.abspath(__file__))
         files = [os.path.basename(path) for path in glob.glob(os.path.join(folder, "zelqa.*so"))]
-        report.line("In %s there is %s; this interpreter looks for zelqa%s. Install the package for this"
-                    " interpreter (python -m pip install)." % (
-                        folder, ", ".join(files) or "no module", importlib.machinery.EXTENSION_SUFFIXES[0]), 13)
+        report.line("In %s there is %s; this interpreter looks for zelqa%s. Install the package for"
+                    " this interpreter (python -m pip install)." % (
+                        folder, ", ".join(files) or "no module",
+                        importlib.machinery.EXTENSION_SUFFIXES[0]), 13)
         return None
     report.fact("module", str(zelqa.__file__))
     try:
@@ -137,12 +142,13 @@ def describe_runtime(report: Report, module: Module, path: str) -> bool:
     missing = [name for name in names if not hasattr(library, name)]
     report.fact("functions", "%d of %d" % (len(names) - len(missing), len(names)))
     if missing:
-        report.line("It lacks the following; calls of these fail, which matters only to a program that needs them.", 13)
+        report.line("It lacks the following; calls of these fail, which matters only to a program"
+                    " that needs them.", 13)
         report.line(textwrap.indent(textwrap.fill(" ".join(missing), 90), " " * 13))
     if module.allocates_environment():
         return True
-    report.line("It refuses an environment handle (RT_SQLAllocHandle): it cannot be used. Is it complete, and of"
-                " the version that this module needs?", 13)
+    report.line("It refuses an environment handle (RT_SQLAllocHandle): it cannot be used. Is it"
+                " complete, and of the version that this module needs?", 13)
     return False
 
 
@@ -176,16 +182,17 @@ def examine(report: Report, connection_string: Optional[str]) -> bool:
     module = Module(path)
     runtime = search(report, module)
     if runtime is None:
-        report.line("\nNo runtime can be loaded, so nothing can be connected to. Install the provider's runtime at one"
-                    " of these places,\nor this package anew: its embedded runtime belongs beside the module.")
+        report.line("\nNo runtime can be loaded, so nothing can be connected to. Install the"
+                    " provider's runtime at one of these places,\nor this package anew: its"
+                    " embedded runtime belongs beside the module.")
         return False
     usable = describe_runtime(report, module, runtime)
     # Another provider's runtime has its own ways.
     if os.path.realpath(os.path.dirname(runtime)) == os.path.realpath(os.path.dirname(path)):
         describe_sources(report, module)
     if connection_string is None:
-        report.line("\n" + ("All is well so far; with a connection string the doctor tries that too." if usable else
-                            "Nothing can be connected to."))
+        report.line("\nAll is well so far; with a connection string the doctor tries that too."
+                    if usable else "\nNothing can be connected to.")
         return usable
     return try_connection(report, connection_string) and usable
 
@@ -193,10 +200,11 @@ def examine(report: Report, connection_string: Optional[str]) -> bool:
 def main(arguments: List[str]) -> int:
     parser = argparse.ArgumentParser(prog="python -m vorda doctor",
                                      description="Shows why a connection comes about, or does not.")
-    parser.add_argument("connection_string", metavar="CONNECTION_STRING", nargs="?", help="is tried when given")
+    parser.add_argument("connection_string", metavar="CONNECTION_STRING", nargs="?",
+                        help="is tried when given")
     connection_string = parser.parse_args(arguments).connection_string
     report = Report(Mask(connection_string or ""))
-    # In a process of its own: a broken library may end it, and the step in which it did is the answer.
+    # In a process of its own: a broken library may end it, and the last step is the answer.
     sys.stdout.flush()
     child = os.fork()
     if child == 0:
@@ -215,7 +223,7 @@ def main(arguments: List[str]) -> int:
         status = os.waitpid(child, 0)[1]
     if os.WIFSIGNALED(status):
         number = os.WTERMSIG(status)
-        report.line("\nThe process was ended by %s in the step above: the library loaded there is broken, or does"
-                    " not fit." % signal.Signals(number).name)
+        report.line("\nThe process was ended by %s in the step above: the library loaded there is"
+                    " broken, or does not fit." % signal.Signals(number).name)
         return 1
     return os.WEXITSTATUS(status)

@@ -16,10 +16,11 @@ def path() -> str:
 
 @contextlib.contextmanager
 def kept() -> Iterator[None]:
-    """Within it, input() edits lines and remembers them; afterwards they are in a file of the user's own.
+    """Within it, input() edits lines and remembers them; afterwards they are in a file of the
+    user's own.
 
-    A line that looks like a connection string with a password is forgotten. A file that cannot be read or
-    written is no reason not to work.
+    A line that looks like a connection string with a password is forgotten. A file that cannot be
+    read or written is no reason not to work.
     """
     try:
         import readline

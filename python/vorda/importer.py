@@ -4,7 +4,8 @@ import re
 import sys
 import time
 import warnings
-from typing import Any, BinaryIO, Callable, Dict, Iterable, Iterator, List, NamedTuple, Optional, Sequence, TextIO, Tuple
+from typing import (Any, BinaryIO, Callable, Dict, Iterable, Iterator, List, NamedTuple, Optional,
+                    Sequence, TextIO, Tuple)
 
 from . import zelqa
 from .dialects import MARIADB, SQLITE, Dialect, dialect_of
@@ -117,10 +118,11 @@ class Target(NamedTuple):
 
 
 class Importer:
-    """Inserts the rows of a UTF-8 file with a header line. An empty field becomes NULL; in a column of
-    texts one with quotes is an empty text, as all are with `empty_text`."""
+    """Inserts the rows of a UTF-8 file with a header line. An empty field becomes NULL; in a column
+    of texts one with quotes is an empty text, as all are with `empty_text`."""
 
-    def __init__(self, connection: zelqa.Connection, interrupts: Interrupts, empty_text: bool) -> None:
+    def __init__(self, connection: zelqa.Connection, interrupts: Interrupts,
+                 empty_text: bool) -> None:
         self.cursor = connection.cursor()
         self.connection = connection
         self.interrupts, self.empty_text = interrupts, empty_text
@@ -153,24 +155,26 @@ class Importer:
                 name = dialect.quoted(table)
                 described = self.interrupts.call(self.describe, name)
         except ValueError:
-            raise ImportFailed("the name of the table cannot be written here: the module takes ?, @ and : in it for"
-                               " markers") from None
+            raise ImportFailed("the name of the table cannot be written here: the module takes"
+                               " ?, @ and : in it for markers") from None
         if dialect is MARIADB:
             self.refuse_without_transactions(parts)
         return Target(name, described, choose([column[0] for column in described], header), dialect)
 
     def describe(self, name: str) -> List[Any]:
-        return list(self.connection.execute("SELECT * FROM %s WHERE 1 = 0" % name).description or ())
+        return list(self.connection.execute("SELECT * FROM %s WHERE 1 = 0" % name).description
+                    or ())
 
     def refuse_without_transactions(self, parts: Sequence[str]) -> None:
         found = self.ask(
-            "SELECT e.transactions, e.engine FROM information_schema.tables t JOIN information_schema.engines e"
-            " ON e.engine = t.engine WHERE t.table_schema = COALESCE(NULLIF(?, ''), DATABASE())"
-            " AND t.table_name = ?", ".".join(parts[:-1]), parts[-1])
+            "SELECT e.transactions, e.engine FROM information_schema.tables t"
+            " JOIN information_schema.engines e ON e.engine = t.engine "
+            " WHERE t.table_schema = COALESCE(NULLIF(?, ''), DATABASE()) AND t.table_name = ?",
+            ".".join(parts[:-1]), parts[-1])
         for transactions, engine in found:
             if transactions != "YES":
-                raise ImportFailed("the table's engine, %s, has no transactions: an import that fails could not be"
-                                   " undone" % engine)
+                raise ImportFailed("the table's engine, %s, has no transactions: an import that"
+                                   " fails could not be undone" % engine)
 
     # --- all or nothing
 
@@ -185,7 +189,8 @@ class Importer:
             self.cursor.execute("START TRANSACTION")
             self.end, self.undo = "COMMIT", ["ROLLBACK"]
 
-    def insert(self, target: Target, lines: Iterable[Tuple[int, Fields]], progress: Optional[Progress]) -> int:
+    def insert(self, target: Target, lines: Iterable[Tuple[int, Fields]],
+               progress: Optional[Progress]) -> int:
         with self.interrupts.ignored():
             self.begin()
         rows = 0
@@ -207,8 +212,8 @@ class Importer:
                     for statement in self.undo:
                         self.cursor.execute(statement)
                 except zelqa.Error as failure:
-                    raise ImportFailed("%s; the transaction that was open is gone as a whole (%s)" % (
-                        error or "stopped", failure)) from error
+                    raise ImportFailed("%s; the transaction that was open is gone as a whole (%s)"
+                                       % (str(error) or "stopped", failure)) from error
             if isinstance(error, KeyboardInterrupt):
                 raise KeyboardInterrupt("nothing is imported") from None
             raise
@@ -229,7 +234,7 @@ class Importer:
 
     def batches(self, lines: Iterable[Tuple[int, Fields]], target: Target) -> Iterator[
             Tuple[int, Sequence[bool], List[List[Any]]]]:
-        """The values in batches with NULL in the same columns, each with the number of its first line."""
+        """Batches with NULL in the same columns, each with the number of its first line."""
         parsers = target.parsers()
         batch: List[List[Any]] = []
         first, widest, batch_null = 0, 0, [False]
@@ -237,7 +242,8 @@ class Importer:
             if fields == [None] and len(parsers) > 1:
                 continue  # an empty line
             if len(fields) != len(parsers):
-                raise ImportFailed("line %d has %d fields, the header has %d" % (number, len(fields), len(parsers)))
+                raise ImportFailed("line %d has %d fields, the header has %d"
+                                   % (number, len(fields), len(parsers)))
             values = [self.value(text, number, *parser) for text, parser in zip(fields, parsers)]
             is_null = [value is None for value in values]
             values = [value for value in values if value is not None]
@@ -262,18 +268,20 @@ class Importer:
         try:
             return parse(text)
         except ValueError:
-            raise ImportFailed("line %d: %r is no %s, which column %s needs" % (number, text, what, name)) from None
+            raise ImportFailed("line %d: %r is no %s, which column %s needs"
+                               % (number, text, what, name)) from None
 
 
 def choose(names: Sequence[str], header: Fields) -> List[int]:
-    """The table's columns in the order of the header, names compared exactly or else in any case."""
+    """The table's columns in the order of the header; names are the same, but for their case."""
     by_name: Dict[str, int] = {name.lower(): i for i, name in enumerate(names)}
     by_name.update({name: i for i, name in enumerate(names)})
     texts = [name or "" for name in header]
     found = [by_name.get(name, by_name.get(name.strip().lower(), -1)) for name in texts]
     unknown = [repr(name) for name, column in zip(texts, found) if column < 0]
     if unknown:
-        raise ImportFailed("the table has no column %s; its columns are %s" % (", ".join(unknown), ", ".join(names)))
+        raise ImportFailed("the table has no column %s; its columns are %s"
+                           % (", ".join(unknown), ", ".join(names)))
     twice = sorted({names[i] for i in found if found.count(i) > 1})
     if twice:
         raise ImportFailed("the header names a column twice: %s" % ", ".join(twice))

@@ -12,16 +12,19 @@ _HEAD = 6
 # A shorter one is left in messages: it protects nothing, and may be any word.
 _SHORTEST = 4
 
-_PAIR = re.compile(r"""(?P<key>[^=;]*)=(?P<value>\s*\{(?:[^}]|\}\})*(?:\}[^;]*)?|\s*"[^"]*"[^;]*|\s*'[^']*'[^;]*|[^;]*)
-                   |(?P<stray>[^;]+)""", re.VERBOSE)
+_PAIR = re.compile(r"""
+    (?P<key>[^=;]*)=(?P<value>\s*\{(?:[^}]|\}\})*(?:\}[^;]*)?|\s*"[^"]*"[^;]*|\s*'[^']*'[^;]*|[^;]*)
+    |(?P<stray>[^;]+)""", re.VERBOSE)
 # Pairs inside a value, as libraries under a driver take them.
-_INNER = re.compile(r"""([\w -]+?)\s*[=:]\s*('(?:[^'\\]|\\.)*'|"[^"]*"|[^\s;&}'"](?:[^\s;&}]|\}\})*)""")
+_INNER = re.compile(
+    r"""([\w -]+?)\s*[=:]\s*('(?:[^'\\]|\\.)*'|"[^"]*"|[^\s;&}'"](?:[^\s;&}]|\}\})*)""")
 _ADDRESS = re.compile(r"://[^\s:/?\#]*:([^\s;]+)@")
 
 
 def _pairs(connection_string: str) -> Iterator[Tuple[str, str, int]]:
-    """Key, value and where the value starts. A value in braces runs to its closing brace, "}}" being one in
-    it, or to the end; one in quotes to the closing one; a piece without "=" has an empty key."""
+    """Key, value and where the value starts. A value in braces runs to its closing brace, "}}"
+    being one in it, or to the end; one in quotes to the closing one; a piece without "=" has an
+    empty key."""
     for match in _PAIR.finditer(connection_string):
         group = "value" if match["stray"] is None else "stray"
         yield (match["key"] or "").strip(), match[group], match.start(group)
@@ -37,7 +40,8 @@ def _secrets(connection_string: str) -> List[Tuple[int, int]]:
         if secret and value.strip():
             found.append((start, start + len(value)))
         elif not secret:
-            found += [(start + inner.start(2), start + inner.end(2)) for inner in _INNER.finditer(value)
+            found += [(start + inner.start(2), start + inner.end(2))
+                      for inner in _INNER.finditer(value)
                       if _SECRET_KEY.search(inner[1])]
     merged: List[Tuple[int, int]] = []
     for start, end in sorted(found):

@@ -13,7 +13,7 @@ from .display import Screen, cut, printable, width
 
 # A table's widths are those of the rows that came first.
 SAMPLE_ROWS, SAMPLE_SECONDS = 200, 1.0
-_NARROWEST = 6  # columns that a cut text keeps; a table that needs more cuts is shown one value a line
+_NARROWEST = 6  # columns that a cut text keeps; a table that is wider has one value a line
 
 _QUOTED = re.compile(r'[,"\r\n]|^\s|\s$|^$')  # CSV fields that need quotes
 
@@ -26,7 +26,8 @@ def text_of(value: Any, separator: str = " ") -> str:
         return str(value)
     if isinstance(value, decimal.Decimal):
         # Without an exponent, unless that would take a page.
-        return format(value, "f") if value.is_finite() and abs(value.adjusted()) < 100 else str(value)
+        is_short = value.is_finite() and abs(value.adjusted()) < 100
+        return format(value, "f") if is_short else str(value)
     if isinstance(value, bool):
         return "true" if value else "false"
     if isinstance(value, datetime.datetime):
@@ -35,7 +36,7 @@ def text_of(value: Any, separator: str = " ") -> str:
 
 
 class Table:
-    """Aligned columns. On a terminal texts are cut to its width with a mark; numbers and dates never are."""
+    """Aligned columns. On a terminal texts are cut to its width; numbers and dates never are."""
 
     def __init__(self, out: TextIO) -> None:
         self.out = out
@@ -65,7 +66,8 @@ class Table:
             self.line(cells, widths, right, fixed)
 
     def cells(self, row: Row) -> List[str]:
-        return ["NULL" if value is None else printable(text_of(value), self.encoding) for value in row]
+        return ["NULL" if value is None else printable(text_of(value), self.encoding)
+                for value in row]
 
     def shrink(self, widths: List[int], sample: List[List[str]], fixed: List[bool]) -> bool:
         """Takes from the widest columns until all fit; false when that is not possible."""
@@ -80,7 +82,8 @@ class Table:
             widths[i] -= 1
         return True
 
-    def line(self, cells: Sequence[str], widths: List[int], right: List[bool], fixed: List[bool]) -> None:
+    def line(self, cells: Sequence[str], widths: List[int], right: List[bool],
+             fixed: List[bool]) -> None:
         parts = []
         for text, columns, is_right, is_fixed in zip(cells, widths, right, fixed):
             if self.screen and not is_fixed:
@@ -96,7 +99,8 @@ class Table:
             for name, text in zip(names, cells):
                 name = cut(name, margin, self.mark)
                 room = max((self.screen) - margin - 3, _NARROWEST)
-                self.out.write("%s | %s\n" % (name + " " * (margin - width(name)), cut(text, room, self.mark)))
+                self.out.write("%s | %s\n"
+                               % (name + " " * (margin - width(name)), cut(text, room, self.mark)))
 
 
 class Csv:
@@ -118,7 +122,7 @@ class Csv:
 
 
 class Json:
-    """An array with one object a row. Decimals are texts, so that no reader rounds them; dates are ISO texts."""
+    """An array with one object a row. Decimals are texts, so that no reader rounds them."""
 
     def __init__(self, out: TextIO) -> None:
         self.out = Screen(out) if out.isatty() else out

@@ -29,7 +29,8 @@ CATALOGUES = (
 )
 PLAIN_COMMANDS = {"help": ".help", "quit": ".quit", "exit": ".quit"}
 # What other shells know, and where it is here.
-HINTS = {"clear": "Ctrl-L clears the screen", "cls": "Ctrl-L clears the screen", "\\q": ".quit leaves",
+HINTS = {"clear": "Ctrl-L clears the screen", "cls": "Ctrl-L clears the screen",
+         "\\q": ".quit leaves",
          "\\i": ".read FILE runs the statements of a file", "\\?": ".help lists the commands"}
 BACKSLASH = ".tables lists tables, .schema NAME shows one, .help has the rest"
 END = object()
@@ -44,8 +45,8 @@ NO_ROWS = {
 }
 
 
-NO_CATALOGUE = ("this command knows SQLite's catalogue, and .tables those of PostgreSQL, MariaDB and MySQL too;"
-                " ask this database by its own statements")
+NO_CATALOGUE = ("this command knows SQLite's catalogue, and .tables those of PostgreSQL, MariaDB"
+                " and MySQL too; ask this database by its own statements")
 
 
 class Failure(Exception):
@@ -84,7 +85,8 @@ def hint(line: str) -> str:
 
 
 class Session:
-    """A connection and how its results are shown. Commands and statements raise Failure or zelqa.Error."""
+    """A connection and how its results are shown. Commands and statements raise Failure or
+    zelqa.Error."""
 
     def __init__(self, connection: zelqa.Connection, style: str, mask: Mask) -> None:
         self.connection = connection
@@ -102,10 +104,11 @@ class Session:
         self.known_dialect: Optional[Dialect] = None
         self.commands: Dict[str, Command] = {
             ".tables": Command(self.tables, (0, 0), "", "the tables and views"),
-            ".schema": Command(self.schema, (0, 1), "[NAME]", "the statements that made a table, view or procedure"),
+            ".schema": Command(self.schema, (0, 1), "[NAME]",
+                               "the statements that made a table, view or procedure"),
             ".read": Command(self.read, (1, 1), "FILE", "run the statements of a file"),
             ".import": Command(self.import_file, (2, 3), "[--empty-text] FILE.csv TABLE",
-                               "add a file's rows, all or none; an empty field is NULL, or an empty text"),
+                               "add a file's rows, all or none; an empty field is NULL, or a text"),
             ".help": Command(self.help, (0, 0), "", "this list"),
             ".quit": Command(self.quit, (0, 0), "", "leave; so does Ctrl-D"),
         }
@@ -120,8 +123,10 @@ class Session:
         tell(self.mask(text), sys.stderr)
 
     def ask(self, sql: str, *parameters: Any) -> List[Tuple[Any, ...]]:
-        return self.interrupts.call(
-            lambda: [tuple(row) for row in self.connection.execute(sql, *parameters)])  # type: ignore[no-any-return]
+        def rows() -> List[Tuple[Any, ...]]:
+            return [tuple(row) for row in self.connection.execute(sql, *parameters)]
+
+        return list(self.interrupts.call(rows))
 
     @property
     def dialect(self) -> Dialect:
@@ -160,8 +165,8 @@ class Session:
             if row is END:
                 return
             if self.style != "table" and self.warnings.count > known:
-                raise Failure("row %d is not whole and is not written; substr(COLUMN, 1, 500) and so on read a long"
-                              " text in pieces" % (self.rows + 1))
+                raise Failure("row %d is not whole and is not written; substr(COLUMN, 1, 500) and"
+                              " so on read a long text in pieces" % (self.rows + 1))
             self.rows += 1
             yield row
 
@@ -176,7 +181,8 @@ class Session:
             if self.description is not None:
                 self.results += 1
                 if self.is_one_document and self.results > 1:
-                    raise Failure("this is a second result, and --json writes one document: run it on its own")
+                    raise Failure("this is a second result, and --json writes one document:"
+                                  " run it on its own")
                 FORMATS[self.style](sys.stdout).write(self.description, self.fetched(cursor))
                 done = plural(self.rows, "row")
             else:
@@ -193,8 +199,8 @@ class Session:
         """What Ctrl-C came to."""
         if self.has_ended:
             return "(Ctrl-C came too late: the statement has run to its end)"
-        text = "(stopped%s%s)" % (" after " + plural(self.rows, "row") if self.running and self.rows else "",
-                                  ": %s" % interrupt if str(interrupt) else "")
+        after = " after " + plural(self.rows, "row") if self.running and self.rows else ""
+        text = "(stopped%s%s)" % (after, ": %s" % interrupt if str(interrupt) else "")
         if self.running and not self.running.upper().startswith("SELECT"):
             with self.interrupts.ignored():
                 text += "\nnote: " + self.transaction_now()
@@ -217,11 +223,12 @@ class Session:
         first = words[0] if words else ""
         if first in NO_ROWS or "RETURNING" in words:
             instead = NO_ROWS.get(first)
-            self.note("note: rows come only from SELECT, EXECUTE and EXEC; what this statement yields is not shown."
+            self.note("note: rows come only from SELECT, EXECUTE and EXEC; what this statement"
+                      " yields is not shown."
                       + (" Write: " + instead if instead else ""))
 
     def release(self) -> None:
-        """Ends a result that is not read to its end, so that it holds no lock while nobody looks."""
+        """Ends a result that is not read to its end: it holds no lock while nobody looks."""
         self.running, self.has_ended = "", False
         with contextlib.suppress(zelqa.Error), self.interrupts.ignored():
             self.connection.execute("SELECT 1 WHERE 1 = 0").fetchall()
@@ -276,7 +283,8 @@ class Session:
             key_column, end = ("rowid", ";") if column == "tbl_name" else (column, "\n/")
             where = " AND lower(%s) = lower(?)" % column if names else ""
             try:
-                entries = self.ask("SELECT %s, length(%s) FROM %s WHERE length(%s) > 0%s ORDER BY %s" % (
+                entries = self.ask(
+                    "SELECT %s, length(%s) FROM %s WHERE length(%s) > 0%s ORDER BY %s" % (
                     key_column, text, table, text, where, key_column), names)
             except zelqa.Error:
                 if table != "sys_procedures":  # which is there once there was a procedure
@@ -309,7 +317,8 @@ class Session:
         start = time.monotonic()
         try:
             with self.interrupts:
-                count = importer.Importer(self.connection, self.interrupts, empty_text).run(path, table)
+                importing = importer.Importer(self.connection, self.interrupts, empty_text)
+                count = importing.run(path, table)
         except OSError as error:
             raise Failure("%s: %s" % (path, error.strerror)) from error
         except importer.ImportFailed as error:
@@ -363,18 +372,21 @@ class Session:
         try:
             line = input(PROMPT if splitter.is_empty else CONTINUED)
             word = line.strip().rstrip("; ").lower()
-            if splitter.is_empty and (line.lstrip()[:1] in (".", "\\") or word in {*PLAIN_COMMANDS, *HINTS}):
+            if splitter.is_empty and (line.lstrip()[:1] in (".", "\\")
+                                      or word in {*PLAIN_COMMANDS, *HINTS}):
                 self.run_command(PLAIN_COMMANDS.get(word, line))
                 return
             if not splitter.is_empty and word in {*PLAIN_COMMANDS, *self.commands}:
-                self.note("note: this is inside a statement, which ends with ; and is dropped with Ctrl-C.")
+                self.note("note: this is inside a statement, which ends with ; and is dropped"
+                          " with Ctrl-C.")
             was_procedure = splitter.kind == "CREATE PROCEDURE"
             for statement in splitter.feed(line + "\n"):
                 self.execute(statement)
             if splitter.kind == "CREATE PROCEDURE" and not was_procedure:
                 print("(an empty line ends the procedure)")
         except UnicodeDecodeError:
-            self.note("error: the line is not text in the encoding of this terminal, %s" % sys.stdin.encoding)
+            self.note("error: the line is not text in the encoding of this terminal, %s"
+                      % sys.stdin.encoding)
         except (Failure, zelqa.Error) as error:
             splitter.clear()
             self.note("error: %s" % error)
@@ -386,5 +398,5 @@ class Session:
             return
         names = [column[0] for column in self.description or () if column[1] is bytearray]
         self.note("note: %s; %s reads a binary column as text." % (
-            "the binary column is " + ", ".join(map(repr, names)) if names else "a column is binary",
+            "the binary column is " + ", ".join(map(repr, names)) if names else "one is binary",
             self.dialect.binary % (names[0] if len(names) == 1 else "COLUMN")))

@@ -1,4 +1,4 @@
-"""The ODBC driver manager for the doctor: its version, its drivers and whether they can be loaded, its data sources."""
+"""The ODBC driver manager for the doctor: its version, drivers, and data sources."""
 
 import ctypes
 import os
@@ -16,7 +16,7 @@ SQL_FETCH_NEXT, SQL_FETCH_FIRST = 1, 2
 SQL_ATTR_ODBC_VERSION, SQL_OV_ODBC3 = 200, 3
 SQL_DM_VER = 171
 
-# A driver is loaded as the driver manager does it, but elsewhere: it may crash, hang, or meet other libraries.
+# A driver is loaded as the driver manager does it, but elsewhere: it may crash or hang.
 LOAD = """
 import ctypes, os, sys
 libc = ctypes.CDLL(None)
@@ -27,7 +27,8 @@ if not libc.dlopen(os.fsencode(sys.argv[1]), os.RTLD_LAZY):
 
 
 # The child is no less careful than this process about where it takes modules from.
-ISOLATION = (("isolated", "-I"), ("safe_path", "-P"), ("ignore_environment", "-E"), ("no_user_site", "-s"))
+ISOLATION = (("isolated", "-I"), ("safe_path", "-P"), ("ignore_environment", "-E"),
+             ("no_user_site", "-s"))
 
 
 class Manager:
@@ -42,7 +43,8 @@ class Manager:
     def version(self) -> str:
         connection, size = ctypes.c_void_p(), ctypes.c_short()
         text = ctypes.create_string_buffer(TEXT_SIZE)
-        if self.odbc.SQLAllocHandle(SQL_HANDLE_DBC, self.env, ctypes.byref(connection)) not in (0, 1):
+        if self.odbc.SQLAllocHandle(SQL_HANDLE_DBC, self.env,
+                                    ctypes.byref(connection)) not in (0, 1):
             return "not told"
         self.odbc.SQLGetInfo(connection, SQL_DM_VER, text, TEXT_SIZE, ctypes.byref(size))
         self.odbc.SQLFreeHandle(SQL_HANDLE_DBC, connection)
@@ -54,14 +56,16 @@ class Manager:
         sizes = ctypes.c_short(), ctypes.c_short()
         direction = SQL_FETCH_FIRST
         for _ in range(MOST):
-            if getattr(self.odbc, function)(self.env, direction, name, TEXT_SIZE, ctypes.byref(sizes[0]),
+            if getattr(self.odbc, function)(self.env, direction, name, TEXT_SIZE,
+                                            ctypes.byref(sizes[0]),
                                             text, TEXT_SIZE, ctypes.byref(sizes[1])) not in (0, 1):
                 return
             yield os.fsdecode(name.value), text.raw[:max(0, sizes[1].value)]
             direction = SQL_FETCH_NEXT
 
     def drivers(self) -> Iterator[Tuple[str, str]]:
-        """Name and library. The other attributes are nobody's business: there may be passwords among them."""
+        """Name and library. The other attributes are nobody's business: there may be passwords
+        among them."""
         for name, attributes in self.entries("SQLDrivers"):
             pairs = (text.partition("=") for text in os.fsdecode(attributes).split("\0"))
             values = {key.strip().lower(): value.strip() for key, _, value in pairs}
@@ -74,28 +78,34 @@ class Manager:
         path = library if os.path.isabs(library) or not os.path.exists(beside) else beside
         try:
             flags = [flag for name, flag in ISOLATION if getattr(sys.flags, name, False)]
-            done = subprocess.run([sys.executable, *flags, "-c", LOAD, path], stdin=subprocess.DEVNULL, timeout=20,
+            done = subprocess.run([sys.executable, *flags, "-c", LOAD, path],
+                                  stdin=subprocess.DEVNULL, timeout=20,
                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         except subprocess.TimeoutExpired:
             return False, path + ": loading it takes more than 20 s"
         if done.returncode < 0:
             return False, "%s: loading it ends the process by signal %d" % (path, -done.returncode)
-        return done.returncode == 0, path if done.returncode == 0 else os.fsdecode(done.stderr).strip()
+        words = os.fsdecode(done.stderr).strip()
+        return done.returncode == 0, path if done.returncode == 0 else words
 
 
 def settings() -> List[str]:
     """The files that the driver manager reads."""
     folder = os.environ.get("ODBCSYSINI", "/etc")
-    files = [os.path.join(folder, os.environ.get("ODBCINSTINI", "odbcinst.ini")), os.path.join(folder, "odbc.ini"),
+    files = [os.path.join(folder, os.environ.get("ODBCINSTINI", "odbcinst.ini")),
+             os.path.join(folder, "odbc.ini"),
              os.environ.get("ODBCINI", os.path.expanduser("~/.odbc.ini"))]
-    return [path + ("" if os.access(path, os.R_OK) else " (missing)") for path in dict.fromkeys(files)]
+    return [path + ("" if os.access(path, os.R_OK) else " (missing)")
+            for path in dict.fromkeys(files)]
 
 
 def description(opened: bool, words: str) -> Iterator[Tuple[str, str]]:
-    """Facts, name and value, about the library that was `opened`: `words` is its path, or why it was not."""
+    """Facts, name and value, about the library that was `opened`: `words` is its path, or why it
+    was not."""
     if not opened:
         yield "not found", words
-        yield "", "Such connections fail. Install a driver manager and the driver of your server " + INSTALL
+        yield "", ("Such connections fail. Install a driver manager and the driver of your server "
+                   + INSTALL)
         return
     try:
         manager = Manager(words)
@@ -113,4 +123,5 @@ def description(opened: bool, words: str) -> Iterator[Tuple[str, str]]:
     for name, driver in manager.entries("SQLDataSources"):
         driver_name = os.fsdecode(driver)
         known_driver = driver_name in known or os.path.exists(driver_name)
-        yield "source", "%s, by the driver %s%s" % (name, driver_name, "" if known_driver else ", which is not known")
+        doubt = "" if known_driver else ", which is not known"
+        yield "source", "%s, by the driver %s%s" % (name, driver_name, doubt)

@@ -11,8 +11,8 @@ _TOKEN = re.compile(r"--[^\n]*|/\*|['\"`\[]|;|\w+|\S")
 class Splitter:
     """Takes lines, gives statements.
 
-    A statement ends with its semicolon; that of a trigger follows END. A procedure holds statements of its
-    own and goes on to a line with nothing but "/", or at a terminal to an empty one.
+    A statement ends with its semicolon; that of a trigger follows END. A procedure holds statements
+    of its own and goes on to a line with nothing but "/", or at a terminal to an empty one.
     """
 
     def __init__(self, interactive: bool = False) -> None:
@@ -32,7 +32,8 @@ class Splitter:
 
     @property
     def kind(self) -> str:
-        head = " ".join(word for word in self.words if word not in ("OR", "REPLACE", "TEMP", "TEMPORARY"))
+        head = " ".join(word for word in self.words
+                        if word not in ("OR", "REPLACE", "TEMP", "TEMPORARY"))
         return head if head in ("CREATE PROCEDURE", "CREATE TRIGGER") else ""
 
     def feed(self, line: str) -> Iterator[str]:

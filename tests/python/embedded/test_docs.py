@@ -1,4 +1,4 @@
-"""Runs what the pages show: Python sessions and terminal screens, block by block in one folder a page."""
+"""Runs what the pages show, Python sessions and terminal screens, in one folder a page."""
 
 import doctest
 import os
@@ -11,13 +11,15 @@ import pytest
 
 ROOT = pathlib.Path(__file__).parents[3]
 PAGES = ["README.md", *(str(page.relative_to(ROOT)) for page in sorted(ROOT.glob("docs/*.md")))]
-BLOCK = re.compile(r"^```(pycon|python|console)\n(.*?)^```$(?:\n\n```text\n(.*?)^```$)?", re.DOTALL | re.MULTILINE)
+BLOCK = re.compile(r"^```(pycon|python|console)\n(.*?)^```$(?:\n\n```text\n(.*?)^```$)?",
+                   re.DOTALL | re.MULTILINE)
 
 
 def assert_shown(expected, got):
     """'…' stands for any text in a page, as it does in what a reader takes from it."""
     pattern = ".*?".join(map(re.escape, expected.strip().split("…")))
-    assert re.fullmatch(pattern, got.strip(), re.DOTALL), "the page shows\n%s\nbut it is\n%s" % (expected, got)
+    is_shown = re.fullmatch(pattern, got.strip(), re.DOTALL)
+    assert is_shown, "the page shows\n%s\nbut it is\n%s" % (expected, got)
 
 
 def run_session(text, names):
@@ -31,8 +33,9 @@ def run_session(text, names):
 
 def run_screen(text, folder):
     for command, shown in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", text, re.MULTILINE):
-        done = subprocess.run(["sh", "-c", command], cwd=folder, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, encoding="utf-8", timeout=60)
+        done = subprocess.run(["sh", "-c", command], cwd=folder, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
+                              timeout=60)
         assert_shown(shown, done.stdout)
 
 

@@ -1,7 +1,6 @@
 """Connections that meet the end of a process, or a second one: exits with live objects, forks, interpreters
 beside the main one. What is written is there whole, and nobody's file comes to harm."""
 
-import os
 import sqlite3
 import subprocess
 import sys

@@ -32,8 +32,8 @@ print([line.split(maxsplit=5)[-1].strip() for line in lines][:1])
 
 def run(prelude="", folder=os.path.dirname(PACKAGE), **environment):
     env = {**os.environ, "PYTHONPATH": folder, **environment}
-    done = subprocess.run([sys.executable, "-c", PROGRAM.format(prelude=prelude)], env=env, text=True,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
+    done = subprocess.run([sys.executable, "-c", PROGRAM.format(prelude=prelude)], env=env,
+                          text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
     assert done.returncode == 0, done.stdout
     return done.stdout
 
@@ -67,8 +67,9 @@ def test_without_a_companion_the_main_library_is_used(package):
 def test_without_any_runtime_connecting_is_an_error(package):
     output = run(folder=str(package.parent))
     assert "Unable to alloc env handle" in output and "[]" in output
-    done = subprocess.run([sys.executable, "-m", "vorda", "Database=x"], cwd=str(package.parent), text=True,
-                          stderr=subprocess.PIPE, stdin=subprocess.DEVNULL, env={**os.environ, "PYTHONPATH": ""})
+    done = subprocess.run([sys.executable, "-m", "vorda", "Database=x"], cwd=str(package.parent),
+                          text=True, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                          env={**os.environ, "PYTHONPATH": ""})
     assert "no runtime can be used: python -m vorda doctor" in done.stderr
 
 
@@ -96,16 +97,19 @@ def test_the_exported_names():
     (module,) = glob.glob(os.path.join(PACKAGE, "zelqa*.so"))
     lines = subprocess.check_output(["nm", "-DC", "--defined-only", module], text=True).splitlines()
     names = {line.split(maxsplit=2)[2] for line in lines}
-    expected = {"GetCoreName", "GetCoreName(char const*, char*, int)", "SQLAllocHandle", "SQLExecDirectW",
-                "SQLGetFunctions", "DBSPrepare", "Dbs::Prepare(char*, int)", "Dbs::IsOpen()", "PyInit_zelqa",
-                "mystrcmpi(char const*, char const*)", "ucs4_to_utf8(unsigned int, char*)",
-                "SqlTokenizer::NextToken()", "DynStrTemplate<99>::AppendDouble(double)",
+    expected = {"GetCoreName", "GetCoreName(char const*, char*, int)", "SQLAllocHandle",
+                "SQLExecDirectW", "SQLGetFunctions", "DBSPrepare", "Dbs::Prepare(char*, int)",
+                "Dbs::IsOpen()", "PyInit_zelqa", "mystrcmpi(char const*, char const*)",
+                "ucs4_to_utf8(unsigned int, char*)", "SqlTokenizer::NextToken()",
+                "DynStrTemplate<99>::AppendDouble(double)",
                 "NormalizeSQL(char const*, DynStrTemplate<99>&, int*, int*)"}
     assert expected <= names
     # Nothing of the Python layer, whose names are not ours alone.
     assert not {name for name in names if name.startswith("Py") and name != "PyInit_zelqa"}
     # Of the runtime, only what it implements: what is missing is told from what fails.
-    lines = subprocess.check_output(["nm", "-D", "--defined-only", os.path.join(PACKAGE, PAIR[0])], text=True)
+    lines = subprocess.check_output(["nm", "-D", "--defined-only", os.path.join(PACKAGE, PAIR[0])],
+                                    text=True)
     names = {line.split()[2] for line in lines.splitlines()}
-    assert {"RT_Version", "RT_SQLExecDirectW"} <= names and all(name.startswith("RT_") for name in names)
+    assert {"RT_Version", "RT_SQLExecDirectW"} <= names
+    assert all(name.startswith("RT_") for name in names)
     assert "RT_SQLProcedures" not in names

@@ -13,7 +13,7 @@ PACKAGE = os.path.dirname(zelqa.__file__)
 ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), *[os.pardir] * 3))
 with open(os.path.join(PACKAGE, "zelqa.pyi"), encoding="utf-8") as file:
     STUB = ast.parse(file.read())
-# Iteration goes by index, which only type checkers have to be told otherwise; an item cannot be deleted.
+# Iteration goes by index, which only type checkers have to be told; an item cannot be deleted.
 DIFFERENCES = {"Row": {"__iter__", "__delitem__"}}
 
 
@@ -32,9 +32,11 @@ def test_the_stub_names_what_there_is_and_nothing_else():
         real = getattr(zelqa, name)
         if not isinstance(node, ast.ClassDef):
             continue
-        own = {n for n in vars(real) if n not in vars(object) and n not in ("__module__", "__weakref__", "__doc__")}
+        own = {n for n in vars(real) if n not in vars(object)
+               and n not in ("__module__", "__weakref__", "__doc__")}
         assert own ^ {n for n, _ in names(node.body)} == DIFFERENCES.get(name, set()), name
-        assert [base.id for base in node.bases] == [b.__name__ for b in real.__bases__ if b is not object]
+        assert [base.id for base in node.bases] == [b.__name__ for b in real.__bases__
+                                                    if b is not object]
         if any(getattr(d, "id", "") == "final" for d in node.decorator_list):
             with pytest.raises(TypeError):
                 type("Derived", (real,), {})
@@ -51,13 +53,14 @@ def methods():
 @pytest.mark.parametrize("cls, function", list(methods()))
 def test_the_stub_counts_arguments_as_the_module_does(cls, function, connection):
     cursor = connection.execute("SELECT 1 AS a")
-    target = {"Connection": connection, "Cursor": cursor, "Row": connection.execute("SELECT 1 AS a").fetchone()}[cls]
+    target = {"Connection": connection, "Cursor": cursor,
+              "Row": connection.execute("SELECT 1 AS a").fetchone()}[cls]
     if any(getattr(d, "id", "") == "property" for d in function.decorator_list):
         with pytest.raises(AttributeError):
             setattr(target, function.name, None)
         return
     arguments = function.args
-    assert not arguments.args[1:] and not arguments.kwonlyargs and not arguments.kwarg, "by position only"
+    assert not (arguments.args[1:] or arguments.kwonlyargs or arguments.kwarg), "by position only"
     method = getattr(target, function.name)
     most = len(arguments.posonlyargs or arguments.args) - 1
     refused = (TypeError, zelqa.ProgrammingError)
@@ -75,21 +78,26 @@ def test_the_stub_counts_arguments_as_the_module_does(cls, function, connection)
 def test_what_can_be_none(connection):
     cursor = connection.cursor()
     assert cursor.description is None
-    assert cursor.execute("SELECT 1 WHERE 1 = 0").fetchone() is None and cursor.description is not None
-    assert cursor.callproc("p") is None if connection.execute("CREATE PROCEDURE p AS SELECT 1") else False
+    assert cursor.execute("SELECT 1 WHERE 1 = 0").fetchone() is None
+    assert cursor.description is not None
+    connection.execute("CREATE PROCEDURE p AS SELECT 1")
+    assert cursor.callproc("p") is None
 
 
 def mypy(*arguments, **environment):
     pytest.importorskip("mypy")
     done = subprocess.run([sys.executable, "-m", *arguments], text=True, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, cwd=os.path.dirname(PACKAGE), env={**os.environ, **environment})
+                          stderr=subprocess.STDOUT, cwd=os.path.dirname(PACKAGE),
+                          env={**os.environ, **environment})
     assert done.returncode == 0, done.stdout
 
 
 def test_mypy_finds_nothing(tmp_path):
     folder = os.path.join(ROOT, "examples")
-    files = [os.path.join(folder, name) for name in sorted(os.listdir(folder)) if name.endswith(".py")]
-    strict = ("mypy", "--strict", "--cache-dir", str(tmp_path), "--python-executable", sys.executable)
+    files = [os.path.join(folder, name) for name in sorted(os.listdir(folder))
+             if name.endswith(".py")]
+    strict = ("mypy", "--strict", "--cache-dir", str(tmp_path), "--python-executable",
+              sys.executable)
     mypy(*strict, "-p", "vorda")
     for file in files:
         mypy(*strict, "--ignore-missing-imports", file, MYPYPATH=os.path.dirname(PACKAGE))
