@@ -12,6 +12,7 @@ CREATE TABLE people (id INTEGER PRIMARY KEY, name VARCHAR(20) NOT NULL,
 CREATE TABLE pe_ple (id INTEGER)
 CREATE VIEW adults AS SELECT id, name FROM people
 CREATE TEMP TABLE scratch (a INT)
+CREATE PROCEDURE p AS SELECT 1
 )");
     }
 
@@ -34,6 +35,8 @@ TEST_F(CatalogTest, TablesByPattern) {
     EXPECT_EQ(2U, tables(nullptr, "main", "PE_PLE", "TABLE").size());
     EXPECT_EQ(Rows{"NULL|main|pe_ple|TABLE|NULL"}, tables("", "%", "pe\\_ple", "TABLE"));
     EXPECT_EQ(1U, tables(nullptr, "main", "sqlite_master", "SYSTEM TABLE").size());
+    EXPECT_EQ(Rows{"NULL|main|vorda_procedures|SYSTEM TABLE|NULL"},
+              tables(nullptr, nullptr, "vorda%", "SYSTEM TABLE"));
     EXPECT_TRUE(tables("some", nullptr, nullptr, nullptr).empty());
     EXPECT_TRUE(tables(nullptr, nullptr, "", nullptr).empty());
     EXPECT_EQ(Rows({"NULL|main|NULL|NULL|NULL", "NULL|temp|NULL|NULL|NULL"}),

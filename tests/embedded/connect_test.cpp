@@ -116,6 +116,8 @@ TEST(Diagnostics, AreClearedByEveryCallAndConsumedByErrorOnly) {
     Statement statement(connection.handle);
     EXPECT_EQ(SQL_ERROR, statement.run("SELECT * FROM nowhere"));
     for (int reading = 0; reading < 2; ++reading) EXPECT_EQ("42S02", statement.error().state);
+    EXPECT_EQ(SQL_ERROR, RT_SQLGetDiagRec(kDriver, SQL_HANDLE_STMT, statement.handle, 0, nullptr,
+                                          nullptr, nullptr, 0, nullptr));
 
     SQLCHAR state[6];
     SQLCHAR message[12];

@@ -121,7 +121,7 @@ TEST_F(ProcedureTest, MarkersAreBoundLikeOthers) {
         SQLSMALLINT count = -1;
         EXPECT_EQ(SQL_SUCCESS, RT_SQLNumParams(kDriver, statement.handle, &count));
         EXPECT_EQ(2, count);
-        EXPECT_EQ(0, statement.attribute(1, SQL_COLUMN_COUNT));
+        EXPECT_EQ(0, statement.columns());
         EXPECT_EQ("07002", statement.stateOf(statement.execute()));
         statement.bind(1, SQL_C_SBIGINT, &number, nullptr);
         statement.bindText(2, "x", &length);
@@ -206,12 +206,10 @@ TEST_F(ProcedureTest, BatchesRunOncePerSetAllOrNone) {
     ASSERT_EQ(SQL_SUCCESS, statement.prepare("EXEC add a=@1 "));
     statement.set(SQL_ATTR_PARAMSET_SIZE, 3);
     statement.bind(1, SQL_C_SBIGINT, numbers, lengths);
-    EXPECT_EQ(SQL_SUCCESS, statement.execute()) << statement.error().message;
-    EXPECT_EQ(6, statement.rowCount());
+    EXPECT_EQ("#6", statement.outcome(statement.execute()));
     connection.must("DELETE FROM t WHERE a <> 13");
     EXPECT_EQ(SQL_ERROR, statement.execute());
-    EXPECT_TRUE(statement.error().says("statement 1) (parameter set 3 of 3)"))
-        << statement.error().message;
+    EXPECT_TRUE(statement.error().says("statement 1) (parameter set 3 of 3)"));
     EXPECT_EQ(Rows{"13|y"}, stored("SELECT * FROM t"));
     ASSERT_EQ(SQL_SUCCESS, statement.prepare("EXEC show @1 "));
     EXPECT_EQ("HYC00", statement.stateOf(statement.execute()));
@@ -255,13 +253,6 @@ EXEC p 5 => 5
         .must("CREATE TRIGGER r AFTER INSERT ON t BEGIN DELETE FROM vorda_procedures; END");
     EXPECT_EQ(SQL_ERROR, insert.execute());
     EXPECT_EQ(SQLITE_AUTH, insert.error().native);
-
-    Statement tables(connection.handle);
-    RT_SQLTablesW(kDriver, tables.handle, nullptr, 0, nullptr, 0, nullptr, 0, chars("SYSTEM TABLE"),
-                  SQL_NTS);
-    const Rows rows = tables.rows();
-    ASSERT_EQ(5U, rows.size());
-    EXPECT_EQ("NULL|main|vorda_procedures|SYSTEM TABLE|NULL", rows.back());
 }
 
 TEST_F(ProcedureTest, WaitsForOthersAndSeesWhatTheyStored) {

@@ -47,16 +47,13 @@ SQLRowCount(stmt2, ptr)
 }
 
 TEST_F(SourceTest, EachStepsDiagnosticIsReadFromItsHandle) {
-    const struct {
-        bool isPrepared;
-        const char* function;
-        std::string diagnosed;
-    } steps[] = {{true, "SQLSetStmtAttr", "(null, null, stmt1, "},
-                 {true, "SQLExecute", "(null, null, stmt1, "},
-                 {true, "SQLRowCount", "(null, null, stmt1, "},
-                 {false, "SQLAllocHandle", "(null, dbc1, null, "},
-                 {false, "SQLExecDirectW", "(null, null, stmt2, "},
-                 {false, "SQLRowCount", "(null, null, stmt3, "}};
+    const std::tuple<bool, const char*, std::string> steps[] = {
+        {true, "SQLSetStmtAttr", "(null, null, stmt1, "},
+        {true, "SQLExecute", "(null, null, stmt1, "},
+        {true, "SQLRowCount", "(null, null, stmt1, "},
+        {false, "SQLAllocHandle", "(null, dbc1, null, "},
+        {false, "SQLExecDirectW", "(null, null, stmt2, "},
+        {false, "SQLRowCount", "(null, null, stmt3, "}};
     SetBatchSize(2);
     source.Prepare("x", 1);
     for (const auto& [isPrepared, function, diagnosed] : steps) {
