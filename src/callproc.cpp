@@ -13,7 +13,7 @@ void Add(DynStr& text, const char* piece) {
 }
 
 // The metadata query for a procedure; single quotes in its name are doubled.
-void MakeMetadataQuery(const DynStr& procedure, DynStr& query) {
+void MakeMetadataQuery(const Utf8Text& procedure, DynStr& query) {
     Add(query, "SELECT ColumnName FROM sys_procedureparameters WHERE ProcedureName='");
     for (const char* c = procedure.Deref(); *c != '\0'; ++c) {
         const char piece[] = {*c, *c == '\'' ? '\'' : '\0', '\0'};
@@ -23,7 +23,7 @@ void MakeMetadataQuery(const DynStr& procedure, DynStr& query) {
 }
 
 // Appends " name=?" for every parameter that the provider lists.
-bool AddArguments(PyObject* self, const DynStr& procedure, DynStr& call) {
+bool AddArguments(PyObject* self, const Utf8Text& procedure, DynStr& call) {
     DynStr query;
     MakeMetadataQuery(procedure, query);
     Dbs& dbs = *reinterpret_cast<PyCursor*>(self)->dbs;
@@ -42,13 +42,13 @@ bool AddArguments(PyObject* self, const DynStr& procedure, DynStr& call) {
     for (Py_ssize_t i = 0; i < count; ++i) {
         const PyRef value(PySequence_GetItem(PyList_GET_ITEM(rows.Get(), i), 0));
         if (!value) return false;
-        DynStr name;
-        if (!PyUnicode_Check(value.Get()) || GetPyObjectAsString(value.Get(), name) != 0) {
+        const auto name = AsUtf8(value.Get());
+        if (!name) {
             Raise(ProgrammingError, "The name of parameter %zd of the procedure is not a text.", i);
             return false;
         }
         Add(call, i == 0 ? " " : ", ");
-        Add(call, name.Deref());
+        Add(call, name->Deref());
         Add(call, "=?");
     }
     return true;
@@ -70,19 +70,20 @@ PyRef PyCursor_CallProc(PyObject* self, PyObject* args) {
         return Raise(ProgrammingError,
                      "The second parameter of callproc() is expected to be a tuple or a list");
     }
-    DynStr procedure;
-    if (GetArgumentAsString(args, 0, procedure) != 0) {
+    PyObject* const name = PyTuple_GET_ITEM(args, 0);
+    const auto procedure = AsUtf8(name);
+    if (!procedure) {
         return Raise(PyExc_TypeError,
                      "The first argument to execute must be a string or unicode query.");
     }
-    if (!WarnIfCut(PyTuple_GET_ITEM(args, 0), "procedure name", 0)) return PyRef();
+    if (procedure->IsTruncated() && !WarnAboutNul(name, "procedure name", 0)) return PyRef();
 
     DynStr call;
     Add(call, "EXECUTE ");
-    Add(call, procedure.Deref());
+    Add(call, procedure->Deref());
     const Py_ssize_t given = count == 2 ? PySequence_Size(parameters) : 0;
     if (given < 0 || CursorValidate(self, true, false) == nullptr) return PyRef();
-    if (given > 0 && !AddArguments(self, procedure, call)) return PyRef();
+    if (given > 0 && !AddArguments(self, *procedure, call)) return PyRef();
 
     const PyRef statement(PyUnicode_DecodeUTF8(call.Deref(), call.Length(), "strict"));
     if (!statement) return PyRef();

@@ -71,16 +71,19 @@ PyRef Connect(PyObject* args) {
     if (count > 1) {
         return Raise(ProgrammingError, "Function takes at most 1 non-keyword argument");
     }
-    DynStr connStr;
-    if (GetArgumentAsString(args, 0, connStr) != 0) {
+    PyObject* const argument = PyTuple_GET_ITEM(args, 0);
+    const auto connStr = AsUtf8(argument);
+    if (!connStr) {
         return Raise(ProgrammingError, "The parameter should be valid connection string");
     }
-    if (!WarnIfCut(PyTuple_GET_ITEM(args, 0), "connection string", 0)) return PyRef();
+    if (connStr->IsTruncated() && !WarnAboutNul(argument, "connection string", 0)) return PyRef();
 
     PyRef object = PyConnection_New();
-    if (!object) return Raise(DatabaseError, "fail to create valid connection");
+    if (!object) {
+        return RaiseFromCurrent(DatabaseError, "fail to create valid connection");
+    }
     Dbs& dbs = *AsConnection(object.Get())->dbs;
-    if (const int status = dbs.Open(connStr.Deref(), connStr.Length()); status != VORDA_OK) {
+    if (const int status = dbs.Open(connStr->Deref(), connStr->Length()); status != VORDA_OK) {
         return RaiseProviderError(dbs, status);
     }
     return object;
@@ -105,19 +108,20 @@ PyObject* VordaModule_Connect(PyObject*, PyObject* args, PyObject*) {
 
 PyRef PyConnection_New() {
     PyRef object(reinterpret_cast<PyObject*>(PyObject_New(PyConnection, &ConnectionType)));
-    if (!object) {
-        PyErr_Clear();
-        return PyRef();
-    }
+    if (!object) return object;
     PyConnection* const connection = AsConnection(object.Get());
     connection->encoding = 1;
     connection->dbs = nullptr;
     try {
         connection->dbs = new Dbs();
     } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
         return PyRef();
     }
-    return connection->dbs->Init() == VORDA_OK ? std::move(object) : PyRef();
+    if (const int status = connection->dbs->Init(); status != VORDA_OK) {
+        return RaiseProviderError(*connection->dbs, status);
+    }
+    return object;
 }
 
 int PyConnection_Close(_py_connection* connection) {

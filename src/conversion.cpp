@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <cstdarg>
 #include <cstring>
 
 #include "include/errors.h"
@@ -21,11 +20,6 @@ int CountUnits(const char* text) {
         std::memcpy(&unit, text + static_cast<size_t>(count) * sizeof unit, sizeof unit);
         if (unit == 0) return count;
     }
-}
-
-// All of the C API's date and time objects with a time begin alike.
-bool HasTimeZone(PyObject* value) {
-    return reinterpret_cast<_PyDateTime_BaseTZInfo*>(value)->hastzinfo != 0;
 }
 
 char* PutNumber(char* out, int number, int digits) {
@@ -157,6 +151,11 @@ int GetPyObjectAsTime(PyObject* object, _db_time_& value) {
     return 0;
 }
 
+// All of the C API's date and time objects with a time begin alike.
+bool HasTimeZone(PyObject* value) {
+    return reinterpret_cast<_PyDateTime_BaseTZInfo*>(value)->hastzinfo != 0;
+}
+
 PyRef DateTimeAsText(PyObject* value) {
     char text[32];
     char* end = text;
@@ -191,76 +190,54 @@ bool HasSurrogate(PyObject* text) {
     return false;
 }
 
-int Utf8Text::Set(PyObject* text) {
+Py_ssize_t FindNul(PyObject* text) {
+    if (!PyUnicode_IS_COMPACT_ASCII(text)) {
+        return PyUnicode_FindChar(text, 0, 0, PyUnicode_GetLength(text), 1);
+    }
+    const auto begin = static_cast<const char*>(PyUnicode_DATA(text));
+    const void* const nul = std::memchr(begin, 0, static_cast<size_t>(PyUnicode_GET_LENGTH(text)));
+    return nul != nullptr ? static_cast<const char*>(nul) - begin : -1;
+}
+
+std::optional<Utf8Text> AsUtf8(PyObject* text) {
+    if (!PyUnicode_Check(text)) return std::nullopt;
+    PyRef encoded;
+    const char* utf8;
     Py_ssize_t length;
     if (PyUnicode_IS_COMPACT_ASCII(text)) {
-        m_text = static_cast<const char*>(PyUnicode_DATA(text));
+        utf8 = static_cast<const char*>(PyUnicode_DATA(text));
         length = PyUnicode_GET_LENGTH(text);
     } else {
-        if (HasSurrogate(text)) return -1;
-        m_encoded = PyRef(PyUnicode_AsUTF8String(text));
-        if (!m_encoded) {
+        if (HasSurrogate(text)) return std::nullopt;
+        encoded = PyRef(PyUnicode_AsUTF8String(text));
+        if (!encoded) {
             PyErr_Clear();
             throw std::bad_alloc();
         }
-        m_text = PyBytes_AS_STRING(m_encoded.Get());
-        length = PyBytes_GET_SIZE(m_encoded.Get());
+        utf8 = PyBytes_AS_STRING(encoded.Get());
+        length = PyBytes_GET_SIZE(encoded.Get());
     }
     // Lengths are of type int in all layers below.
     if (length > INT_MAX) throw std::bad_alloc();
-    m_length = static_cast<int>(std::strlen(m_text));
-    return 0;
+    const size_t upToNul = std::strlen(utf8);
+    return Utf8Text(utf8, static_cast<int>(upToNul), upToNul < static_cast<size_t>(length),
+                    std::move(encoded));
 }
 
 int GetPyObjectAsString(PyObject* object, DynStr& value) {
-    Utf8Text text;
-    if (text.Set(object) != 0) return -1;
-    if (value.Set(text.Deref(), text.Length()) != VORDA_OK) throw std::bad_alloc();
+    const auto text = AsUtf8(object);
+    if (!text) return -1;
+    if (value.Set(text->Deref(), text->Length()) != VORDA_OK) throw std::bad_alloc();
     return 0;
 }
 
 int GetArgumentAsString(PyObject* pyArgs, int index, DynStr& value) {
-    PyObject* const item = PyTuple_GET_ITEM(pyArgs, index);
-    return PyUnicode_Check(item) ? GetPyObjectAsString(item, value) : -1;
+    return GetPyObjectAsString(PyTuple_GET_ITEM(pyArgs, index), value);
 }
 
-unsigned LossesOf(PyObject* value) {
-    if (PyUnicode_Check(value)) {
-        const Py_ssize_t length = PyUnicode_GetLength(value);
-        const bool nul =
-            PyUnicode_IS_COMPACT_ASCII(value)
-                ? std::memchr(PyUnicode_DATA(value), 0, static_cast<size_t>(length)) != nullptr
-                : PyUnicode_FindChar(value, 0, 0, length, 1) >= 0;
-        return nul ? kBehindNul : 0u;
-    }
-    const bool isTime = PyTime_Check(value);
-    if (!isTime && !PyDateTime_Check(value)) return 0;
-    const bool fraction = isTime && PyDateTime_TIME_GET_MICROSECOND(value) != 0;
-    return (fraction ? kFraction : 0u) | (HasTimeZone(value) ? kTimeZone : 0u);
-}
-
-bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position) {
-    const unsigned losses = LossesOf(value);
-    if (losses == 0) return true;
-    const auto warned = [](int result) { return result == 0; };
-    if ((losses & kBehindNul) != 0) {
-        const Py_ssize_t length = PyUnicode_GetLength(value);
-        return warned(
-            PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
-                             "The %s at position [%zd] of arguments is cut at its NUL character, "
-                             "from %zd characters to %zd.",
-                             what, position, length, PyUnicode_FindChar(value, 0, 0, length, 1)));
-    }
-    if ((losses & kFraction) != 0 &&
-        PyErr_WarnFormat(
-            PyExc_RuntimeWarning, 1,
-            "The time at position [%zd] of arguments loses its fraction of a second, %d "
-            "microseconds.",
-            position, PyDateTime_TIME_GET_MICROSECOND(value)) < 0) {
-        return false;
-    }
-    return (losses & kTimeZone) == 0 ||
-           warned(PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
-                                   "The %s at position [%zd] of arguments loses its time zone.",
-                                   what, position));
+bool WarnAboutNul(PyObject* text, const char* what, Py_ssize_t position) {
+    return PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                            "The %s at position [%zd] of arguments is truncated at its NUL "
+                            "character, from %zd characters to %zd.",
+                            what, position, PyUnicode_GetLength(text), FindNul(text)) == 0;
 }

@@ -105,7 +105,7 @@ PyMemberDef PyCursor_Members[] = {
 
 // One item of the description: (name, type_code, None, precision, precision, scale, null_ok).
 PyRef GetColumnPyObject(const ColumnDescription& column) {
-    // A name may have been cut inside a character by the provider, or be in another encoding.
+    // A name may have been truncated inside a character by the provider, or be in another encoding.
     const PyRef name(PyUnicode_DecodeUTF8(
         column.Name, static_cast<Py_ssize_t>(std::strlen(column.Name)), "replace"));
     if (!name) return PyRef();

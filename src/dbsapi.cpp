@@ -187,10 +187,16 @@ DBSRETURN DBSPrepare(DBSHSTMT statementHandle, const DBSCHAR* statementText, DBS
 DBSRETURN DBSCountPlaceholders(DBSHSTMT statementHandle, const DBSCHAR* statementText,
                                DBSLEN* count) {
     return WithSource(statementHandle, [&](IntDbSource&) {
-        // Noted by the way: the kind of the last statement stays what it is.
+        const auto& last = statementHandle->last;
+        // The kind of the last statement stays what it is.
         const int verb = statementHandle->verb;
-        DynStr made;
-        Normalize(*statementHandle, statementText, made, count);
+        if (last.Text.empty() || last.Text != statementText) {
+            DynStr made;
+            Normalize(*statementHandle, statementText, made, count);
+        } else {
+            *count = last.ParamCount;
+            statementHandle->verb = last.Verb;
+        }
         if (IsStoredProcedure(std::exchange(statementHandle->verb, verb))) {
             *count = CountPlaceholders(statementText);
         }

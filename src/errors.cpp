@@ -99,7 +99,8 @@ PyRef RaiseProviderError(const Dbs& dbs, int status) {
         PyErr_NoMemory();
         return PyRef();
     }
-    // The provider may have left no text, text in another encoding, or text cut inside a character.
+    // The provider may have left no text, text in another encoding, or text truncated inside a
+    // character.
     const char* message = dbs.GetLastErrorMessage();
     if (*message == '\0') message = "Unable to retrieve the error";
     const PyRef text(

@@ -1,8 +1,7 @@
 // Cursor.execute. It goes in three moves: gather the parameters, which may run any Python code;
 // look again whether the cursor is still usable; then prepare, bind and execute without giving
 // Python a chance to come in between.
-#include <climits>
-#include <vector>
+#include <optional>
 
 #include "include/binding.h"
 #include "include/conversion.h"
@@ -10,16 +9,6 @@
 #include "include/errors.h"
 #include "include/metadata.h"
 #include "include/pydatetime.h"
-
-ParamKind ParamKindOf(PyObject* value) {
-    if (PyUnicode_Check(value)) return ParamKind::Text;
-    if (PyLong_Check(value)) return ParamKind::Int;
-    if (PyFloat_Check(value)) return ParamKind::Float;
-    if (PyDateTime_Check(value)) return ParamKind::DateTime;
-    if (PyDate_Check(value)) return ParamKind::Date;
-    if (PyTime_Check(value)) return ParamKind::Time;
-    return value == Py_None ? ParamKind::None : ParamKind::Unsupported;
-}
 
 namespace {
 
@@ -74,99 +63,58 @@ bool GatherParameters(PyObject* const* args, Py_ssize_t count, const Utf8Text& s
     return true;
 }
 
-const char* CutWhat(ParamKind kind) {
-    switch (kind) {
-        case ParamKind::Text:
-            return "text";
-        case ParamKind::DateTime:
-            return "datetime";
-        case ParamKind::Time:
-            return "time";
-        default:
-            return nullptr;  // nothing of such a value can be lost
-    }
-}
-
-bool WarnAboutCuts(const Parameters& parameters) {
-    for (Py_ssize_t i = 0; i < parameters.Count; ++i) {
-        PyObject* const value = parameters.Values[i];
-        const char* const what = CutWhat(ParamKindOf(value));
-        if (what != nullptr && !WarnIfCut(value, what, parameters.FirstPosition + i)) return false;
-    }
-    return true;
-}
-
-// Binds one fixed-size value. The layer below copies it.
-template <class Value>
-int AddFixed(Dbs& dbs, int index, int type, const Value& value) {
-    const int size = sizeof value;
-    return dbs.AddParam(index, type, &value, size, &size);
-}
-
-template <class Value>
-int AddConverted(Dbs& dbs, int index, int type, PyObject* object,
-                 int (*convert)(PyObject*, Value&)) {
-    Value value;
-    convert(object, value);
-    return AddFixed(dbs, index, type, value);
-}
-
-bool BindInt(Dbs& dbs, int index, PyObject* value, int& status) {
-    int overflow = 0;
-    const long long number = PyLong_AsLongLongAndOverflow(value, &overflow);
-    if (overflow != 0) return false;
-    const bool fits32 = static_cast<unsigned long long>(number) + 2147483648ULL <= 4294967295ULL;
-    status = fits32 ? AddConverted(dbs, index, DBTYPE_INTEGER, value, GetPyObjectAsInt)
-                    : AddConverted(dbs, index, DBTYPE_BIGINT, value, GetPyObjectAsLongLong);
-    return true;
-}
-
-bool BindText(Dbs& dbs, int index, PyObject* value, int& status) {
-    Utf8Text text;
-    if (text.Set(value) != 0) return false;
-    const int size = text.Length();
-    status = dbs.AddParam(index, DBTYPE_STRING, text.Deref(), size, &size);
-    return true;
-}
-
-// Binds one value; false with an error set when it cannot be sent.
-bool Bind(Dbs& dbs, int index, PyObject* value, Py_ssize_t position) {
-    bool valid = true;
-    int status = VORDA_OK;
-    switch (ParamKindOf(value)) {
-        case ParamKind::Text:
-            valid = BindText(dbs, index, value, status);
-            break;
-        case ParamKind::Int:
-            valid = BindInt(dbs, index, value, status);
-            break;
-        case ParamKind::Float:
-            status = AddConverted(dbs, index, DBTYPE_DOUBLE, value, GetPyObjectAsDouble);
-            break;
-        case ParamKind::DateTime:
-            status = AddConverted(dbs, index, DBTYPE_DATETIME_MICRO, value, GetPyObjectAsDatetime);
-            break;
-        case ParamKind::Date:
-            status = AddConverted(dbs, index, DBTYPE_DATE, value, GetPyObjectAsDate);
-            break;
-        case ParamKind::Time:
-            status = AddConverted(dbs, index, DBTYPE_TIME, value, GetPyObjectAsTime);
-            break;
-        case ParamKind::None: {
-            // A length of 0, not -1: None is an empty text to the provider, not NULL.
-            const int size = 0;
-            status = dbs.AddParam(index, DBTYPE_NONE, nullptr, size, &size);
-            break;
-        }
-        case ParamKind::Unsupported:
-            Raise(NotSupportedError, "Unsupported data type at position [%zd] of arguments.",
-                  position);
-            return false;
-    }
-    if (!valid) {
-        Raise(ProgrammingError, "Invalid value at position [%zd] of arguments.", position);
+// Everything of a value that its way to the provider drops.
+bool WarnAboutLosses(PyObject* value, Py_ssize_t position) {
+    const ParamKind* const kind = ParamKindOf(value);
+    const unsigned losses = kind != nullptr && kind->Losses != nullptr ? kind->Losses(value) : 0;
+    if ((losses & kBehindNul) != 0) return WarnAboutNul(value, kind->Name, position);
+    if ((losses & kFraction) != 0 &&
+        PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                         "The time at position [%zd] of arguments loses its fraction of a second, "
+                         "%d microseconds.",
+                         position, PyDateTime_TIME_GET_MICROSECOND(value)) < 0) {
         return false;
     }
+    return (losses & kTimeZone) == 0 ||
+           PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
+                            "The %s at position [%zd] of arguments loses its time zone.",
+                            kind->Name, position) == 0;
+}
+
+bool WarnAboutLosses(const Parameters& parameters) {
+    for (Py_ssize_t i = 0; i < parameters.Count; ++i) {
+        if (!WarnAboutLosses(parameters.Values[i], parameters.FirstPosition + i)) return false;
+    }
+    return true;
+}
+
+bool InvalidValue(Py_ssize_t position) {
+    RaiseFromCurrent(ProgrammingError, "Invalid value at position [%zd] of arguments.", position);
+    return false;
+}
+
+// Binds one value, which the layer below copies; false with an error set when it cannot be sent.
+bool Bind(Dbs& dbs, int index, PyObject* value, Py_ssize_t position) {
+    const ParamKind* const kind = ParamKindOf(value);
+    if (kind == nullptr) {
+        Raise(NotSupportedError, "Unsupported data type at position [%zd] of arguments.", position);
+        return false;
+    }
+    const Encoding& encoding = SingleEncoding(*kind, value);
+    alignas(long long) char fixed[sizeof(_db_datetime_)];
+    std::optional<Utf8Text> text;
+    const char* data = nullptr;
+    int size = encoding.Size;
+    if (encoding.Put != nullptr) {
+        if (!encoding.Put(value, fixed)) return InvalidValue(position);
+        data = fixed;
+    } else if (encoding.IsText()) {
+        text = AsUtf8(value);
+        if (!text) return InvalidValue(position);
+        data = text->Deref();
+        size = text->Length();
+    }
+    const int status = dbs.AddParam(index, encoding.Type, data, size, &size);
     if (status != VORDA_OK) RaiseProviderError(dbs, status);
     return status == VORDA_OK;
 }
@@ -199,21 +147,22 @@ PyRef ExecuteStatement(PyObject* self, PyObject* const* args, Py_ssize_t count) 
     if (count < 1) {
         return Raise(PyExc_TypeError, "execute() takes at least 1 argument (0 given)");
     }
-    Utf8Text sql;
-    if (!PyUnicode_Check(args[0]) || sql.Set(args[0]) != 0) {
+    const auto sql = AsUtf8(args[0]);
+    if (!sql) {
         return Raise(PyExc_TypeError,
                      "The first argument to execute must be a string or unicode query.");
     }
     Parameters parameters;
-    if (!WarnIfCut(args[0], "statement", 0) || !GatherParameters(args, count, sql, parameters) ||
-        !WarnAboutCuts(parameters) || !CompareMarkers(self, sql.Deref(), parameters.Count)) {
+    if ((sql->IsTruncated() && !WarnAboutNul(args[0], "statement", 0)) ||
+        !GatherParameters(args, count, *sql, parameters) || !WarnAboutLosses(parameters) ||
+        !CompareMarkers(self, sql->Deref(), parameters.Count)) {
         return PyRef();
     }
 
     Dbs& dbs = *cursor->dbs;
     const bool direct = parameters.Count == 0;
-    if (!direct && !PrepareAndBind(dbs, sql, parameters)) return PyRef();
-    const int status = direct ? dbs.Execute(sql.Deref(), sql.Length()) : dbs.Execute();
+    if (!direct && !PrepareAndBind(dbs, *sql, parameters)) return PyRef();
+    const int status = direct ? dbs.Execute(sql->Deref(), sql->Length()) : dbs.Execute();
     if (status != VORDA_OK) return RaiseProviderError(dbs, status);
 
     const int rowCount = dbs.GetRowCount();

@@ -5,7 +5,6 @@
 #include <climits>
 #include <cstring>
 #include <memory>
-#include <string_view>
 #include <vector>
 
 #include "include/binding.h"
@@ -16,46 +15,75 @@
 
 namespace {
 
+// A column of the batch, as its value in the first row decides.
+struct Column {
+    const ParamKind* Kind;  // null: cannot be sent
+    PyTypeObject* Type;
+    // After a None or a value that cannot be sent, the rest of the column is not looked at.
+    bool IsLookedAt;
+
+    explicit Column(PyObject* first)
+        : Kind(ParamKindOf(first)),
+          Type(Py_TYPE(first)),
+          IsLookedAt(Kind != nullptr && Kind->Batch.Type != DBTYPE_NONE) {}
+    // Dates and times go as their text.
+    bool IsMadeText() const { return Kind->Batch.IsText() && !Kind->Single.IsText(); }
+};
+
 struct Batch {
-    int Rows = 0;
-    int Columns = 0;
-    std::vector<PyRef> Values;  // row by row; dates and times of the first row's kind as their text
-    // By column, with the first row of each: what execute would drop.
-    struct Unlike {
-        Py_ssize_t Row;
-        Py_ssize_t Column;
-        ParamKind Kind;
+    // What execute would drop of a value.
+    struct Lost {
         unsigned Losses;
+        Py_ssize_t Row, Column;
     };
-    std::vector<Unlike> Unlikes;
-    std::vector<unsigned> Noted;
+
+    int Rows = 0;
+    int Width = 0;  // in columns
+    std::vector<Column> Columns;
+    std::vector<PyRef> Values;  // row by row; dates and times as their text
+    std::vector<Lost> Losses;   // each the first of its kind in its column
 
     PyObject* At(int row, int column) const {
-        return Values[static_cast<size_t>(row) * static_cast<size_t>(Columns) +
+        return Values[static_cast<size_t>(row) * static_cast<size_t>(Width) +
                       static_cast<size_t>(column)]
             .Get();
     }
+    const Column& At(Py_ssize_t column) const { return Columns[static_cast<size_t>(column)]; }
 };
 
-bool IsDateOrTime(ParamKind kind) {
-    return kind == ParamKind::DateTime || kind == ParamKind::Date || kind == ParamKind::Time;
-}
-
 bool RowError(const char* what, Py_ssize_t row, Py_ssize_t position) {
-    Raise(ProgrammingError, "%s at row [%zd], position [%zd] of executemany.", what, row, position);
+    RaiseFromCurrent(ProgrammingError, "%s at row [%zd], position [%zd] of executemany.", what, row,
+                     position);
     return false;
 }
 
-// A text, also that of a date or a time, is sent whole here, and by execute not.
-void NoteLosses(PyObject* value, ParamKind kind, Py_ssize_t row, Py_ssize_t column, Batch& batch) {
-    unsigned& noted = batch.Noted[static_cast<size_t>(column)];
-    const unsigned losses = LossesOf(value) & ~noted;
-    if (losses == 0) return;
-    noted |= losses;
-    batch.Unlikes.push_back({row, column, kind, losses});
+void NoteLosses(unsigned losses, Py_ssize_t row, Py_ssize_t column, Batch& batch) {
+    for (const Batch::Lost& noted : batch.Losses) {
+        if (noted.Column == column) losses &= ~noted.Losses;
+    }
+    if (losses != 0) batch.Losses.push_back({losses, row, column});
 }
 
-bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, Batch& batch) {
+bool GatherValue(PyRef&& value, Py_ssize_t row, Py_ssize_t position, Batch& batch) {
+    if (row == 0) batch.Columns.emplace_back(value.Get());
+    const Column& column = batch.At(position);
+    if (column.IsLookedAt) {
+        if (Py_TYPE(value.Get()) != column.Type && !column.Kind->Fits(value.Get())) {
+            return RowError("The value is of another type than in the first row", row, position);
+        }
+        if (column.Kind->Losses != nullptr) {
+            const unsigned losses = column.Kind->Losses(value.Get());
+            if (losses != 0) NoteLosses(losses, row, position, batch);
+        }
+        // Made here, since a subclass makes its text with code of its own.
+        if (column.IsMadeText()) value = DateTimeAsText(value.Get());
+        if (!value) return false;
+    }
+    batch.Values.push_back(std::move(value));
+    return true;
+}
+
+bool GatherRow(PyObject* row, Py_ssize_t number, Batch& batch) {
     if (!PySequence_Check(row)) {
         Raise(ProgrammingError, "Row [%zd] of executemany is not a sequence.", number);
         return false;
@@ -64,38 +92,20 @@ bool GatherRow(PyObject* row, Py_ssize_t number, std::vector<ParamKind>& kinds, 
     if (size < 0) return false;
     if (number == 0) {
         if (size > USHRT_MAX) return RowError("There is no room for a parameter", 0, USHRT_MAX);
-        batch.Columns = static_cast<int>(size);
+        batch.Width = static_cast<int>(size);
         batch.Values.reserve(static_cast<size_t>(batch.Rows) * static_cast<size_t>(size));
-    } else if (size != batch.Columns) {
-        return RowError(size < batch.Columns ? "A value is missing" : "There is a value too many",
-                        number, std::min<Py_ssize_t>(size, batch.Columns));
+    } else if (size != batch.Width) {
+        return RowError(size < batch.Width ? "A value is missing" : "There is a value too many",
+                        number, std::min<Py_ssize_t>(size, batch.Width));
     }
     for (Py_ssize_t i = 0; i < size; ++i) {
-        const PyRef value(PySequence_GetItem(row, i));
-        if (!value) return false;
-        const ParamKind kind = ParamKindOf(value.Get());
-        if (number == 0) kinds.push_back(kind);
-        if (number == 0) batch.Noted.push_back(0);
-        const ParamKind firstKind = kinds[static_cast<size_t>(i)];
-        // After a None or a value that cannot be sent, the rest of the column is not looked at.
-        const bool any = firstKind == ParamKind::None || firstKind == ParamKind::Unsupported;
-        if (!any && kind != firstKind) {
-            return RowError("The value is of another type than in the first row", number, i);
-        }
-        if (kind != ParamKind::Int && kind != ParamKind::Float) {
-            NoteLosses(value.Get(), kind, number, i, batch);
-        }
-        // A date or a time is sent as its text, which is made here, since a subclass makes it with
-        // code of its own.
-        PyRef kept =
-            IsDateOrTime(firstKind) ? DateTimeAsText(value.Get()) : PyRef::Borrow(value.Get());
-        if (!kept) return false;
-        batch.Values.push_back(std::move(kept));
+        PyRef value(PySequence_GetItem(row, i));
+        if (!value || !GatherValue(std::move(value), number, i, batch)) return false;
     }
     return true;
 }
 
-bool GatherRows(PyObject* rows, std::vector<ParamKind>& kinds, Batch& batch) {
+bool GatherRows(PyObject* rows, Batch& batch) {
     const Py_ssize_t count = PySequence_Size(rows);
     if (count < 0) return false;
     if (count == 0) {
@@ -109,15 +119,16 @@ bool GatherRows(PyObject* rows, std::vector<ParamKind>& kinds, Batch& batch) {
     batch.Rows = static_cast<int>(count);
     for (Py_ssize_t r = 0; r < count; ++r) {
         const PyRef row(PySequence_GetItem(rows, r));
-        if (!row || !GatherRow(row.Get(), r, kinds, batch)) return false;
+        if (!row || !GatherRow(row.Get(), r, batch)) return false;
     }
     return true;
 }
 
 // A None in the first row makes the whole column None, whatever the other rows hold.
-bool WarnAboutLostValues(const std::vector<ParamKind>& kinds, const Batch& batch) {
-    for (int column = 0; column < batch.Columns; ++column) {
-        if (kinds[static_cast<size_t>(column)] != ParamKind::None) continue;
+bool WarnAboutHiddenValues(const Batch& batch) {
+    for (int column = 0; column < batch.Width; ++column) {
+        const ParamKind* const kind = batch.At(column).Kind;
+        if (kind == nullptr || kind->Batch.Type != DBTYPE_NONE) continue;
         int row = 1;
         while (row < batch.Rows && batch.At(row, column) == Py_None) ++row;
         if (row < batch.Rows &&
@@ -131,24 +142,23 @@ bool WarnAboutLostValues(const std::vector<ParamKind>& kinds, const Batch& batch
     return true;
 }
 
-bool WarnAboutUnlikeValues(const Batch& batch) {
+// A text, also that of a date or a time, is sent whole here, and by execute not.
+bool WarnAboutLosses(const Batch& batch) {
     constexpr struct {
         unsigned Loss;
         const char* How;
     } kHows[] = {
-        {kBehindNul, "whole, although execute cuts it at its NUL character"},
+        {kBehindNul, "whole, although execute truncates it at its NUL character"},
         {kFraction, "with its fraction of a second, which execute drops"},
         {kTimeZone, "with its time zone, which execute drops"},
     };
-    for (const Batch::Unlike& unlike : batch.Unlikes) {
-        const char* const what = unlike.Kind == ParamKind::Text   ? "text"
-                                 : unlike.Kind == ParamKind::Time ? "time"
-                                                                  : "datetime";
+    for (const Batch::Lost& lost : batch.Losses) {
         for (const auto& [loss, how] : kHows) {
-            if ((unlike.Losses & loss) != 0 &&
+            if ((lost.Losses & loss) != 0 &&
                 PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
                                  "The %s at row [%zd], position [%zd] of executemany is sent %s.",
-                                 what, unlike.Row, unlike.Column, how) < 0) {
+                                 batch.At(lost.Column).Kind->Name, lost.Row, lost.Column,
+                                 how) < 0) {
                 return false;
             }
         }
@@ -156,101 +166,91 @@ bool WarnAboutUnlikeValues(const Batch& batch) {
     return true;
 }
 
-// Binds arrays of a batch to the prepared statement, column by column. The layer below copies them.
-class ColumnBinder {
+// One column of a batch as an array, in the form in which the layer below copies it.
+class ColumnArray {
   public:
-    ColumnBinder(Dbs& dbs, const Batch& batch) : m_dbs(dbs), m_batch(batch) {}
+    // False with an error set when a value cannot be sent.
+    bool Make(const Batch& batch, int column) {
+        const Encoding& encoding = batch.At(column).Kind->Batch;
+        if (encoding.Put != nullptr) return PutFixed(batch, column, encoding);
+        if (encoding.IsText()) return PutTexts(batch, column);
+        m_lengths.resize(static_cast<size_t>(batch.Rows));
+        return true;
+    }
 
-    // False with an error set.
-    bool Bind(int column, ParamKind kind) {
-        switch (kind) {
-            case ParamKind::Text:
-            case ParamKind::DateTime:
-            case ParamKind::Date:
-            case ParamKind::Time:
-                return BindTexts(column);
-            case ParamKind::Int:
-                return BindFixed<long long>(column, DBTYPE_BIGINT, [](PyObject* v, long long& out) {
-                    int overflow = 0;
-                    out = PyLong_AsLongLongAndOverflow(v, &overflow);
-                    return overflow == 0;
-                });
-            case ParamKind::Float:
-                return BindFixed<double>(column, DBTYPE_DOUBLE, [](PyObject* v, double& out) {
-                    GetPyObjectAsDouble(v, out);
-                    return true;
-                });
-            case ParamKind::None:
-                return BindNones(column);
-            case ParamKind::Unsupported:
-                break;
-        }
-        Raise(NotSupportedError, "Unsupported data type at position [%d] of arguments.", column);
-        return false;
+    int Add(Dbs& dbs, int column, int type) const {
+        return dbs.AddParam(column, type, m_slots.get(), static_cast<int>(m_width),
+                            m_lengths.data());
     }
 
   private:
-    bool Added(int status) {
-        if (status != VORDA_OK) RaiseProviderError(m_dbs, status);
-        return status == VORDA_OK;
+    void MakeSlots(size_t width, int rows) {
+        if (width > INT_MAX) throw std::bad_alloc();
+        m_width = width;
+        m_slots.reset(new char[width * static_cast<size_t>(rows) + 1]);
     }
 
-    template <class Value, class Convert>
-    bool BindFixed(int column, int type, Convert convert) {
-        std::vector<Value> values(static_cast<size_t>(m_batch.Rows));
-        for (int row = 0; row < m_batch.Rows; ++row) {
-            if (!convert(m_batch.At(row, column), values[static_cast<size_t>(row)])) {
+    bool PutFixed(const Batch& batch, int column, const Encoding& encoding) {
+        MakeSlots(static_cast<size_t>(encoding.Size), batch.Rows);
+        m_lengths.assign(static_cast<size_t>(batch.Rows), encoding.Size);
+        char* slot = m_slots.get();
+        for (int row = 0; row < batch.Rows; ++row, slot += m_width) {
+            if (!encoding.Put(batch.At(row, column), slot)) {
                 return RowError("Invalid value", row, column);
             }
         }
-        const std::vector<int> lengths(values.size(), int{sizeof(Value)});
-        return Added(
-            m_dbs.AddParam(column, type, values.data(), int{sizeof(Value)}, lengths.data()));
+        return true;
     }
 
-    bool BindTexts(int column) {
+    bool PutTexts(const Batch& batch, int column) {
         // The encoded forms, all alive until the widest is known. An ASCII text is its own.
-        std::vector<std::string_view> texts;
+        std::vector<const char*> texts(static_cast<size_t>(batch.Rows));
         std::vector<PyRef> encoded;
-        texts.reserve(static_cast<size_t>(m_batch.Rows));
-        size_t width = 0;
-        for (int row = 0; row < m_batch.Rows; ++row) {
-            PyObject* const value = m_batch.At(row, column);
+        m_lengths.resize(texts.size());
+        Py_ssize_t width = 0;
+        for (int row = 0; row < batch.Rows; ++row) {
+            PyObject* const value = batch.At(row, column);
+            const char*& text = texts[static_cast<size_t>(row)];
+            Py_ssize_t length;
             if (PyUnicode_IS_COMPACT_ASCII(value)) {
-                texts.emplace_back(static_cast<const char*>(PyUnicode_DATA(value)),
-                                   static_cast<size_t>(PyUnicode_GET_LENGTH(value)));
+                text = static_cast<const char*>(PyUnicode_DATA(value));
+                length = PyUnicode_GET_LENGTH(value);
             } else {
                 if (HasSurrogate(value)) return RowError("Invalid value", row, column);
-                PyRef text(PyUnicode_AsUTF8String(value));
-                if (!text) return false;
-                texts.emplace_back(PyBytes_AS_STRING(text.Get()),
-                                   static_cast<size_t>(PyBytes_GET_SIZE(text.Get())));
-                encoded.push_back(std::move(text));
+                encoded.emplace_back(PyUnicode_AsUTF8String(value));
+                if (!encoded.back()) return false;
+                text = PyBytes_AS_STRING(encoded.back().Get());
+                length = PyBytes_GET_SIZE(encoded.back().Get());
             }
-            width = std::max(width, texts.back().size());
+            width = std::max(width, length);
+            m_lengths[static_cast<size_t>(row)] = static_cast<int>(length);
         }
-        if (width > INT_MAX) throw std::bad_alloc();
-        std::unique_ptr<char[]> slots(new char[width * static_cast<size_t>(m_batch.Rows) + 1]);
-        std::vector<int> lengths;
-        lengths.reserve(texts.size());
-        char* slot = slots.get();
-        for (const std::string_view text : texts) {
-            std::memcpy(slot, text.data(), text.size());
-            lengths.push_back(static_cast<int>(text.size()));
-            slot += width;
+        MakeSlots(static_cast<size_t>(width), batch.Rows);
+        char* slot = m_slots.get();
+        for (size_t row = 0; row < texts.size(); ++row, slot += m_width) {
+            std::memcpy(slot, texts[row], static_cast<size_t>(m_lengths[row]));
         }
-        return Added(m_dbs.AddParam(column, DBTYPE_STRING, slots.get(), static_cast<int>(width),
-                                    lengths.data()));
+        return true;
     }
 
-    bool BindNones(int column) {
-        const std::vector<int> lengths(static_cast<size_t>(m_batch.Rows), 0);
-        return Added(m_dbs.AddParam(column, DBTYPE_NONE, nullptr, 0, lengths.data()));
-    }
-
-    Dbs& m_dbs;
-    const Batch& m_batch;
+    std::unique_ptr<char[]> m_slots;
+    size_t m_width = 0;
+    std::vector<int> m_lengths;
 };
+
+// Binds a column to the prepared statement; false with an error set.
+bool BindColumn(Dbs& dbs, const Batch& batch, int column) {
+    const ParamKind* const kind = batch.At(column).Kind;
+    if (kind == nullptr) {
+        Raise(NotSupportedError, "Unsupported data type at position [%d] of arguments.", column);
+        return false;
+    }
+    ColumnArray array;
+    if (!array.Make(batch, column)) return false;
+    const int status = array.Add(dbs, column, kind->Batch.Type);
+    if (status != VORDA_OK) RaiseProviderError(dbs, status);
+    return status == VORDA_OK;
+}
 
 // Sets the batch size for as long as it lives: whatever the way out, the next statement is a single
 // one. An error on the way is an object, whose making may start the garbage collector and so any
@@ -280,17 +280,15 @@ class BatchSize {
     bool m_set = false;
 };
 
-PyRef ExecuteBatch(PyCursor* cursor, const DynStr& sql, const std::vector<ParamKind>& kinds,
-                   const Batch& batch) {
+PyRef ExecuteBatch(PyCursor* cursor, const Utf8Text& sql, const Batch& batch) {
     Dbs& dbs = *cursor->dbs;
     BatchSize batchSize(cursor->Connection);
     int status = batchSize.Set(batch.Rows);
     if (status == VORDA_OK) status = dbs.Prepare(sql.Deref(), sql.Length());
     if (status != VORDA_OK) return RaiseProviderError(dbs, status);
 
-    ColumnBinder binder(dbs, batch);
-    for (int column = 0; column < batch.Columns; ++column) {
-        if (!binder.Bind(column, kinds[static_cast<size_t>(column)])) return PyRef();
+    for (int column = 0; column < batch.Width; ++column) {
+        if (!BindColumn(dbs, batch, column)) return PyRef();
     }
     status = dbs.Execute();
     if (status == VORDA_OK) status = batchSize.Reset();
@@ -316,8 +314,8 @@ PyRef PyCursor_ExecuteMany(PyObject* self, PyObject* args) {
         default:
             return Raise(ProgrammingError, "executemany() takes at most 2 arguments");
     }
-    DynStr sql;
-    if (GetArgumentAsString(args, 0, sql) != 0) {
+    const auto sql = AsUtf8(PyTuple_GET_ITEM(args, 0));
+    if (!sql) {
         return Raise(ProgrammingError,
                      "The first argument to execute must be a string or unicode query.");
     }
@@ -334,12 +332,11 @@ PyRef PyCursor_ExecuteMany(PyObject* self, PyObject* args) {
                                     "The second parameter to executemany is invalid.");
         }
     }
-    std::vector<ParamKind> kinds;
     Batch batch;
-    if (!WarnIfCut(PyTuple_GET_ITEM(args, 0), "statement", 0) ||
-        !GatherRows(rows.Get(), kinds, batch) || !WarnAboutLostValues(kinds, batch) ||
-        !WarnAboutUnlikeValues(batch) || !CompareMarkers(self, sql.Deref(), batch.Columns)) {
+    if ((sql->IsTruncated() && !WarnAboutNul(PyTuple_GET_ITEM(args, 0), "statement", 0)) ||
+        !GatherRows(rows.Get(), batch) || !WarnAboutHiddenValues(batch) ||
+        !WarnAboutLosses(batch) || !CompareMarkers(self, sql->Deref(), batch.Width)) {
         return PyRef();
     }
-    return ExecuteBatch(cursor, sql, kinds, batch);
+    return ExecuteBatch(cursor, *sql, batch);
 }

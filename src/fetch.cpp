@@ -12,9 +12,11 @@ void CountRow(PyCursor* cursor) {
     if (cursor->Connection != nullptr && cursor->RowCount < INT_MAX) ++cursor->RowCount;
 }
 
-// The next row, or empty: with an error set, or at the end of the rows without one.
-PyRef FetchRow(PyCursor* cursor) {
-    if (!cursor->dbs->Next()) return PyRef();
+// The next row, or `atEnd` behind the last one; empty with an error set.
+PyRef FetchRow(PyObject* self, PyRef (*atEnd)()) {
+    PyCursor* const cursor = CursorValidate(self, true, true);
+    if (cursor == nullptr) return PyRef();
+    if (!cursor->dbs->Next()) return atEnd();
     CountRow(cursor);
     return PyRow_New(cursor);
 }
@@ -38,30 +40,16 @@ PyRef Fetch(PyCursor* cursor, Py_ssize_t maxRows) {
         }
         if (!cursor->dbs->Next()) break;
         const PyRef row = PyRow_New(cursor);
-        if (!row) return PyErr_Occurred() ? PyRef() : std::move(rows);
-        if (PyList_Append(rows.Get(), row.Get()) < 0) return PyRef();
+        if (!row || PyList_Append(rows.Get(), row.Get()) < 0) return PyRef();
         CountRow(cursor);
     }
     return rows;
 }
 
-// The next row; at the end of the rows, StopIteration with `atEnd`.
-PyRef NextRow(PyObject* self, const char* atEnd) {
-    PyCursor* const cursor = CursorValidate(self, true, true);
-    if (cursor == nullptr) return PyRef();
-    PyRef row = FetchRow(cursor);
-    if (!row && !PyErr_Occurred()) return Raise(PyExc_StopIteration, atEnd);
-    return row;
-}
-
 }  // namespace
 
 PyRef PyCursor_FetchOne(PyObject* self, PyObject*) {
-    PyCursor* const cursor = CursorValidate(self, true, true);
-    if (cursor == nullptr) return PyRef();
-    PyRef row = FetchRow(cursor);
-    if (!row && !PyErr_Occurred()) return PyRef::Borrow(Py_None);
-    return row;
+    return FetchRow(self, [] { return PyRef::Borrow(Py_None); });
 }
 
 PyRef PyCursor_FetchMany(PyObject* self, PyObject* args) {
@@ -81,7 +69,10 @@ PyRef PyCursor_FetchAll(PyObject* self, PyObject*) {
 }
 
 PyRef PyCursor_Next(PyObject* self, PyObject*) {
-    return NextRow(self, "attempt to fetch next row when there is no rows anymore");
+    return FetchRow(self, [] {
+        return Raise(PyExc_StopIteration,
+                     "attempt to fetch next row when there is no rows anymore");
+    });
 }
 
 PyObject* PyCursor_Iter(PyObject* self) {
@@ -90,6 +81,10 @@ PyObject* PyCursor_Iter(PyObject* self) {
 }
 
 PyObject* PyCursor_IterNext(PyObject* self) {
-    return CalledFromPython<PyObject*>(
-        nullptr, [&] { return NextRow(self, "Cursor object has no more rows.").Release(); });
+    return CalledFromPython<PyObject*>(nullptr, [&] {
+        return FetchRow(
+                   self,
+                   [] { return Raise(PyExc_StopIteration, "Cursor object has no more rows."); })
+            .Release();
+    });
 }

@@ -163,11 +163,32 @@ namespace {
 
 class RowReader {
   public:
-    RowReader(Dbs& dbs, const std::shared_ptr<RowPlan>& plan, PyRow* row)
-        : m_dbs(dbs), m_plan(plan), m_row(row) {}
+    RowReader(Dbs& dbs, RowPlan& plan, PyRow* row) : m_dbs(dbs), m_plan(plan), m_row(row) {}
+
+    // False with an error set: that of the first column that has one.
+    bool Read() {
+        if (ReadColumns()) {
+            return (m_truncations.empty() && m_plan.Decimals.empty()) || Finish();
+        }
+        PyObject *type, *value, *trace;
+        PyErr_Fetch(&type, &value, &trace);
+        if (Finish()) {
+            PyErr_Restore(type, value, trace);
+        } else {
+            const PyRef laterType(type), laterValue(value), laterTrace(trace);
+        }
+        return false;
+    }
+
+  private:
+    struct Truncation {
+        int Column;
+        DbExtent Extent;
+        std::string ColumnName;
+    };
 
     bool ReadColumns() {
-        for (const ColumnPlan& column : m_plan->Columns) {
+        for (const ColumnPlan& column : m_plan.Columns) {
             PyObject* value;
             if (column.Cell.IsNull()) {
                 value = PyRef::Borrow(Py_None).Release();
@@ -180,37 +201,22 @@ class RowReader {
         return true;
     }
 
-    bool NeedsFinish() const { return !m_cuts.empty() || !m_plan->Decimals.empty(); }
     // Goes over the columns read, in their order.
     bool Finish() {
-        HoldPlan();
-        auto cut = m_cuts.begin();
-        for (const int column : m_held->Decimals) {
+        auto next = m_truncations.begin();
+        for (const int column : m_plan.Decimals) {
             if (column >= m_row->columns) break;
-            for (; cut != m_cuts.end() && cut->Column <= column; ++cut) {
-                if (!Warn(*cut)) return false;
+            for (; next != m_truncations.end() && next->Column <= column; ++next) {
+                if (!Warn(*next)) return false;
             }
-            if (!MakeDecimal(*m_held, m_row->values[column])) return false;
+            if (!MakeDecimal(m_row->values[column])) return false;
         }
-        return std::all_of(cut, m_cuts.end(), Warn);
-    }
-
-  private:
-    struct Cut {
-        int Column;
-        DbExtent Extent;
-        std::string ColumnName;
-    };
-
-    // Before any code of the program's own, which may let the cursor make another plan.
-    void HoldPlan() {
-        if (!m_held) m_held = m_plan;
+        return std::all_of(next, m_truncations.end(), Warn);
     }
 
     // What a reader has left: a column that is not bound, a text that is not UTF-8, or one whose
     // length is not what it should be.
     PyRef ReadWithCare(const ColumnPlan& column, int index) {
-        HoldPlan();
         if (PyErr_Occurred()) return PyRef();
         if (column.Read == ReadUnbound) return RaiseProviderError(m_dbs, VORDA_INDEX_OUT_OF_RANGE);
         const DbExtent extent = column.Cell.Extent();
@@ -219,7 +225,7 @@ class RowReader {
         if (!value) {
             return PyErr_Occurred() ? PyRef() : RaiseNotUtf8(text, extent.Length, NameOf(index));
         }
-        if (extent.IsTruncated) m_cuts.push_back({index, extent, NameOf(index)});
+        if (extent.IsTruncated) m_truncations.push_back({index, extent, NameOf(index)});
         return value;
     }
 
@@ -229,61 +235,53 @@ class RowReader {
         return column.Name;
     }
 
-    static bool Warn(const Cut& cut) {
-        const char* const name = cut.ColumnName.c_str();
+    static bool Warn(const Truncation& truncation) {
+        const char* const name = truncation.ColumnName.c_str();
         const int result =
-            cut.Extent.Reported >= 0
+            truncation.Extent.Reported >= 0
                 ? PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
-                                   "The text of column '%s' is cut from %lld bytes to %d.", name,
-                                   cut.Extent.Reported, cut.Extent.Length)
+                                   "The text of column '%s' is truncated from %lld bytes to %d.",
+                                   name, truncation.Extent.Reported, truncation.Extent.Length)
                 : PyErr_WarnFormat(PyExc_RuntimeWarning, 1,
-                                   "The text of column '%s' is cut to %d bytes; the provider "
+                                   "The text of column '%s' is truncated to %d bytes; the provider "
                                    "does not tell its whole length.",
-                                   name, cut.Extent.Length);
+                                   name, truncation.Extent.Length);
         return result == 0;
     }
 
-    static bool MakeDecimal(RowPlan& plan, PyObject*& slot) {
+    bool MakeDecimal(PyObject*& slot) {
         if (slot == Py_None) return true;
-        if (!plan.DecimalClass) plan.DecimalClass = GetPyClass("decimal", "Decimal");
-        if (!plan.DecimalClass) return false;
+        if (!m_plan.DecimalClass) m_plan.DecimalClass = GetPyClass("decimal", "Decimal");
+        if (!m_plan.DecimalClass) return false;
         PyObject* const value =
-            PyObject_CallFunctionObjArgs(plan.DecimalClass.Get(), slot, nullptr);
+            PyObject_CallFunctionObjArgs(m_plan.DecimalClass.Get(), slot, nullptr);
         if (value == nullptr) return false;
         const PyRef text(std::exchange(slot, value));
         return true;
     }
 
     Dbs& m_dbs;
-    const std::shared_ptr<RowPlan>& m_plan;  // the cursor's
-    std::shared_ptr<RowPlan> m_held;
+    RowPlan& m_plan;
     PyRow* m_row;
-    std::vector<Cut> m_cuts;
+    std::vector<Truncation> m_truncations;
 };
 
 }  // namespace
 
+void DeleteRowPlan::operator()(RowPlan* plan) const {
+    delete plan;
+}
+
 PyRef PyRow_New(PyCursor* cursor) {
     Dbs& dbs = *cursor->dbs;
     if (dbs.FetchFailed()) return RaiseProviderError(dbs, VORDA_ODBC_ERROR);
-    if (!cursor->Plan || cursor->Plan->ResultNumber != dbs.GetResultNumber()) {
-        // One that is in use belongs to a row that is being finished.
-        if (cursor->Plan.use_count() != 1) cursor->Plan = std::make_shared<RowPlan>();
-        cursor->Plan->Make(dbs);
-    }
-    PyRef row = NewRow(static_cast<int>(cursor->Plan->Columns.size()), cursor->Connection->encoding,
+    // The cursor goes without its plan meanwhile: the code that a row runs may fetch from it, too.
+    auto plan = std::move(cursor->Plan);
+    if (!plan) plan.reset(new RowPlan);
+    if (plan->ResultNumber != dbs.GetResultNumber()) plan->Make(dbs);
+    PyRef row = NewRow(static_cast<int>(plan->Columns.size()), cursor->Connection->encoding,
                        cursor->Description);
-    if (!row) return row;
-    RowReader reader(dbs, cursor->Plan, reinterpret_cast<PyRow*>(row.Get()));
-    if (reader.ReadColumns()) {
-        return !reader.NeedsFinish() || reader.Finish() ? std::move(row) : PyRef();
-    }
-    PyObject *type, *value, *trace;
-    PyErr_Fetch(&type, &value, &trace);
-    if (reader.Finish()) {
-        PyErr_Restore(type, value, trace);
-    } else {
-        const PyRef laterType(type), laterValue(value), laterTrace(trace);
-    }
-    return PyRef();
+    if (row && !RowReader(dbs, *plan, reinterpret_cast<PyRow*>(row.Get())).Read()) row = PyRef();
+    cursor->Plan = std::move(plan);
+    return row;
 }

@@ -16,7 +16,7 @@ int InitConnectionType(PyObject* module, const char* name, const char* doc);
 
 // connect(connection_string): a new Connection. Keyword arguments are ignored.
 PyObject* VordaModule_Connect(PyObject* self, PyObject* args, PyObject* kwargs);
-// A Connection that is not open yet, or empty when it could not be made.
+// A Connection that is not open yet, or empty with an error set.
 PyRef PyConnection_New();
 // Closes the provider connection, if there is one; always 0.
 int PyConnection_Close(_py_connection* connection);

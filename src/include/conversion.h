@@ -3,6 +3,8 @@
 // lock.
 #pragma once
 
+#include <optional>
+
 #include "include/dbs.h"
 #include "include/pyref.h"
 
@@ -26,6 +28,8 @@ int GetPyObjectAsDatetime(PyObject* object, _db_datetime_& value);
 int GetPyObjectAsDate(PyObject* object, _db_date_& value);
 int GetPyObjectAsTime(PyObject* object, _db_time_& value);
 
+// Whether a datetime or a time has a time zone.
+bool HasTimeZone(PyObject* value);
 // str() of a date, a time or both: a new reference, or empty with an error set. Only a subclass and
 // a time zone make it with code of their own.
 PyRef DateTimeAsText(PyObject* value);
@@ -33,33 +37,34 @@ PyRef DateTimeAsText(PyObject* value);
 // Whether a str holds a surrogate, which has no UTF-8 form. To be asked before a codec is: one that
 // fails may run the program's own error handler. Throws std::bad_alloc.
 bool HasSurrogate(PyObject* text);
-// The UTF-8 form of a str, up to its first NUL, without a copy where the str itself holds it: the
-// str must outlive this.
+// Where a str has its first NUL, or -1.
+Py_ssize_t FindNul(PyObject* text);
+// A NUL-terminated text and its length in bytes; owns it, or borrows it from a str.
 class Utf8Text {
   public:
-    // 0, or -1 without an error set when the str has no such form (a lone surrogate); throws
-    // std::bad_alloc for want of memory.
-    int Set(PyObject* text);
+    Utf8Text(const char* text, int length, bool isTruncated, PyRef owner)
+        : m_owner(std::move(owner)), m_text(text), m_length(length), m_isTruncated(isTruncated) {}
     const char* Deref() const { return m_text; }
     int Length() const { return m_length; }
+    // Whether the str goes on behind a NUL.
+    bool IsTruncated() const { return m_isTruncated; }
 
   private:
-    PyRef m_encoded;
-    const char* m_text = "";
-    int m_length = 0;
+    PyRef m_owner;
+    const char* m_text;
+    int m_length;
+    bool m_isTruncated;
 };
-// The UTF-8 form of a str, up to its first NUL. 0, or -1 without an error set when it has none (a
-// lone surrogate); throws std::bad_alloc for want of memory.
+// The UTF-8 form of a str, up to its first NUL, without a copy where the str itself holds it: the
+// str must outlive it. Nothing where there is no such form (a lone surrogate) or no str; throws
+// std::bad_alloc for want of memory.
+std::optional<Utf8Text> AsUtf8(PyObject* text);
+// A copy of it. 0, or -1 without an error set: the callers have messages of their own.
 int GetPyObjectAsString(PyObject* object, DynStr& value);
-// The same for an item of a tuple; -1 also when the item is not a str.
+// The same for an item of a tuple.
 int GetArgumentAsString(PyObject* pyArgs, int index, DynStr& value);
 
-// What of a value its way to the provider may drop.
-enum Loss : unsigned { kBehindNul = 1, kFraction = 2, kTimeZone = 4 };
-// What there is of it in a value, as bits.
-unsigned LossesOf(PyObject* value);
-
-// Everything about a value that its way to the provider would drop raises a RuntimeWarning, since
-// nothing may be cut silently. `what` names the value, `position` where it stands. False with an
-// error set when the program turns warnings into errors.
-bool WarnIfCut(PyObject* value, const char* what, Py_ssize_t position);
+// A RuntimeWarning that a text is sent up to its first NUL only, since nothing may be truncated
+// silently. `what` names the text, `position` where it stands. False with an error set when the
+// program turns warnings into errors.
+bool WarnAboutNul(PyObject* text, const char* what, Py_ssize_t position);

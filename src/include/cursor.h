@@ -8,6 +8,9 @@
 #include "include/pyref.h"
 
 struct RowPlan;
+struct DeleteRowPlan {
+    void operator()(RowPlan* plan) const;
+};
 
 struct _py_cursor {
     PyObject_HEAD PyConnection* Connection;  // strong; null once the cursor is closed
@@ -16,7 +19,7 @@ struct _py_cursor {
     int ArraySize;
     int RowCount;
     // How the rows of the last result fetched from are read; empty before the first row.
-    std::shared_ptr<RowPlan> Plan;
+    std::unique_ptr<RowPlan, DeleteRowPlan> Plan;
     // What Description was made of; empty while it is None.
     std::vector<ColumnDescription> Described;
 };

@@ -45,7 +45,7 @@ def test_message_of_any_length(runtime, cursor):
 def test_cut_text_is_told(runtime, cursor, unit, kept):
     """Cut at a whole character, with a warning that names the column and both lengths; what fits is not."""
     def check(cell, told):
-        message = "The text of column 'the name' is cut " + told
+        message = "The text of column 'the name' is truncated " + told
         with pytest.warns(RuntimeWarning) as caught:
             assert fetch(runtime, cursor, cell) == unit * (kept // width)
         assert [str(warning.message) for warning in caught] == [message]

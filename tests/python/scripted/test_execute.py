@@ -122,16 +122,16 @@ def test_value_that_cannot_be_sent(runtime, cursor, failure, position, parameter
 
 COUNTS = "The statement has %d parameter marker(s), but %d value(s) are given"
 SURPLUS = COUNTS + ": there is none for the marker in %r."
-CUT = "The %s at position [%d] of arguments is cut at its NUL character, from %d characters to %d."
+TRUNCATED = "The %s at position [%d] of arguments is truncated at its NUL character, from %d characters to %d."
 
 
 @pytest.mark.parametrize("operation, message", [
-    (lambda cursor: zelqa.connect("A=b\0C=d").close(), CUT % ("connection string", 0, 7, 3)),
-    (lambda cursor: cursor.callproc("P\0ab"), CUT % ("procedure name", 0, 4, 1)),
-    (lambda cursor: cursor.executemany("SELECT ?\0", [(1,)]), CUT % ("statement", 0, 9, 8)),
-    (lambda cursor: cursor.execute("SELECT 1\0; DROP TABLE t"), CUT % ("statement", 0, 23, 8)),
-    (lambda cursor: cursor.execute("SELECT ?", "ab\0cd"), CUT % ("text", 1, 5, 2)),
-    (lambda cursor: cursor.execute("SELECT ?, ?", [1, "\0"]), CUT % ("text", 1, 1, 0)),
+    (lambda cursor: zelqa.connect("A=b\0C=d").close(), TRUNCATED % ("connection string", 0, 7, 3)),
+    (lambda cursor: cursor.callproc("P\0ab"), TRUNCATED % ("procedure name", 0, 4, 1)),
+    (lambda cursor: cursor.executemany("SELECT ?\0", [(1,)]), TRUNCATED % ("statement", 0, 9, 8)),
+    (lambda cursor: cursor.execute("SELECT 1\0; DROP TABLE t"), TRUNCATED % ("statement", 0, 23, 8)),
+    (lambda cursor: cursor.execute("SELECT ?", "ab\0cd"), TRUNCATED % ("text", 1, 5, 2)),
+    (lambda cursor: cursor.execute("SELECT ?, ?", [1, "\0"]), TRUNCATED % ("text", 1, 1, 0)),
     # Where the tokenizer and a database disagree, what it takes for a marker has no value.
     (lambda cursor: cursor.execute("UPDATE t SET a = 1e5--see [:\nWHERE id = 1 -- ]"),
      SURPLUS % (1, 0, "ATE t SET a = 1e5--see [:\nWHERE id = 1 -- ]")),

@@ -76,8 +76,8 @@ def test_none_in_the_first_row_hides_the_column(runtime, cursor):
 
 
 @pytest.mark.parametrize("column, what, how, bound_as", [
-    (["c", "a\0b", "\0"], "text", "whole, although execute cuts it at its NUL character", "a\\x00b"),
-    (["\u20ac", "\u20ac\0"], "text", "whole, although execute cuts it at its NUL character", "\u20ac\\x00"),
+    (["c", "a\0b", "\0"], "text", "whole, although execute truncates it at its NUL character", "a\\x00b"),
+    (["\u20ac", "\u20ac\0"], "text", "whole, although execute truncates it at its NUL character", "\u20ac\\x00"),
     ([datetime.time(1), datetime.time(1, 2, 3, 50)], "time", "with its fraction of a second, which execute drops",
      "01:02:03.000050"),
     ([datetime.time(1), datetime.time(1, tzinfo=UTC)], "time", "with its time zone, which execute drops",
