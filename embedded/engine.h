@@ -29,6 +29,16 @@ struct Outcome {
 /// What the application wants of an execution, its parameters aside.
 struct ExecutionOptions {
     SQLULEN timeout = 0;  ///< seconds after which it, or a fetch of its rows, fails: HYT00; 0: none
+    SQLULEN allResults = 0;  ///< whether `Program::nextResult` will be asked; else failures of
+                             ///< later results are reported at the end of the first one's rows
+};
+
+/// What SQLDescribeParam answers.
+struct ParameterType {
+    SQLSMALLINT sqlType = SQL_UNKNOWN_TYPE;
+    SQLULEN size = 0;
+    SQLSMALLINT scale = 0;
+    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
 };
 
 /// A statement that an engine has prepared. Lives no longer than its database.
@@ -48,6 +58,16 @@ class Program {
     /// Runs the statement once for every parameter set: for all of them or, when it throws, for
     /// none. The rows of the execution before are gone by then.
     virtual Outcome execute(ParameterSets& sets, const ExecutionOptions& options) = 0;
+
+    /// Ends `rows`, those of the last execution that are read, for the rows of its next result;
+    /// nothing behind the last one.
+    virtual std::unique_ptr<ResultSet> nextResult(std::unique_ptr<ResultSet> rows) {
+        rows.reset();
+        return nullptr;
+    }
+
+    /// The type of the 1-based parameter as the engine knows it; nothing where it does not.
+    virtual std::optional<ParameterType> parameterType(int) { return std::nullopt; }
 
     /// Forgets the values of the last execution, whose rows are closed.
     virtual void rewind() noexcept {}

@@ -9,6 +9,10 @@
 
 namespace embedded {
 
+/// A statement attribute, 0 or 1: whether SQLMoreResults gives the results behind the first.
+/// Without it, their failures are reported at the end of the first one's rows.
+inline constexpr SQLINTEGER kAllResultsAttribute = 0x7002;
+
 /// SQL_C_VORDA_CELL, a C type for SQLBindCol and SQLGetData: a value as what it is, whatever its
 /// column is described as. The buffer, of `kSmallestCell` bytes at least, receives a `VordaCell`;
 /// texts, blobs and decimals go from offset 8 to the end of the buffer, without a terminator. The

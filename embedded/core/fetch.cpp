@@ -26,17 +26,22 @@ Statement::Work& Statement::askedCursor() {
     return work;
 }
 
+/// Whether the last execution gave no rows, whatever another one might give.
+bool Statement::isOver() const noexcept {
+    return m_executed && !m_gaveRows;
+}
+
 const std::vector<Column>& Statement::columns() {
     static const std::vector<Column> kNone;
     if (hasCursor()) return *askedCursor().described;
-    if (m_work && m_work->prepared) return requireProgram().columns();
+    if (m_work && m_work->prepared && !isOver()) return requireProgram().columns();
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
     return kNone;
 }
 
 int Statement::columnCount() {
     if (hasCursor()) return static_cast<int>(askedCursor().described->size());
-    if (m_work && m_work->prepared) return requireProgram().columnCount();
+    if (m_work && m_work->prepared && !isOver()) return requireProgram().columnCount();
     if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
     return 0;
 }
@@ -106,8 +111,7 @@ bool Statement::nextRow() {
     }
     if (!found) {
         work.ended = true;
-        // All is described and read: a statement that cannot be executed again is over.
-        if (!work.prepared) work.program.reset();
+        dropProgram();
         return false;
     }
     ++work.rowsRead;
@@ -139,7 +143,12 @@ void Statement::lookAhead() {
     Work& work = *m_work;
     const Ahead ahead = work.rows->lookAhead();
     if (ahead != Ahead::Unknown) work.live = false;
-    if (ahead == Ahead::End && !work.prepared) work.program.reset();
+    if (ahead == Ahead::End) dropProgram();
+}
+
+// All is described and read: a statement that cannot be executed again is over.
+void Statement::dropProgram() noexcept {
+    if (!m_work->prepared && !settings().options.execution.allResults) m_work->program.reset();
 }
 
 void Statement::chooseRoutes() {

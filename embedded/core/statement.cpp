@@ -81,7 +81,7 @@ void Statement::openRows(std::unique_ptr<ResultSet> rows) {
 
 SQLRETURN Statement::run() {
     Work& work = *m_work;
-    m_executed = false;
+    m_executed = m_gaveRows = false;
     m_rowCount = -1;
 
     checkParameters();
@@ -93,6 +93,7 @@ SQLRETURN Statement::run() {
     Outcome outcome = requireProgram().execute(sets, options.execution);
     m_rowCount = outcome.changed;
     m_executed = true;
+    m_gaveRows = outcome.rows != nullptr;
     if (!outcome.rows) return outcome.nothingDone ? SQL_NO_DATA : SQL_SUCCESS;
     work.rows = std::move(outcome.rows);
     watchRows();
@@ -122,6 +123,16 @@ Program& Statement::requireProgram() const {
 
 int Statement::parameterCount() const {
     return requireProgram().parameterCount();
+}
+
+ParameterType Statement::parameterType(int number) const {
+    Program& program = requireProgram();
+    if (number < 1 || number > program.parameterCount()) {
+        throw Error("07009", "There is no parameter " + std::to_string(number) + ".",
+                    native::kRange);
+    }
+    if (const auto type = program.parameterType(number)) return *type;
+    throw notSupported("The types of parameters are not known.");
 }
 
 void Statement::bindParameter(SQLUSMALLINT number, const ParameterBinding& binding) {
@@ -169,15 +180,36 @@ void Statement::closeCursor() noexcept {
         endWork();
         return;
     }
-    Work& work = *m_work;
-    work.rows.reset();
-    if (work.program) work.program->rewind();
-    work.routes.clear();
-    work.kept.clear();
-    work.routed = work.ended = false;
-    work.described = nullptr;
-    work.failure = nullptr;
-    work.rowsRead = work.block = 0;
+    m_work->rows.reset();
+    if (m_work->program) m_work->program->rewind();
+    m_work->forgetRows();
+}
+
+void Statement::Work::forgetRows() noexcept {
+    routes.clear();
+    kept.clear();
+    routed = ended = false;
+    described = nullptr;
+    failure = nullptr;
+    rowsRead = block = 0;
+}
+
+SQLRETURN Statement::moreResults() {
+    if (!hasCursor()) return SQL_NO_DATA;
+    if (settings().options.execution.allResults && m_work->program) {
+        const Running running(*this);
+        m_connection->removeUnasked(*this);
+        m_work->forgetRows();
+        m_work->rows = m_work->program->nextResult(std::move(m_work->rows));
+        if (m_work->rows) {
+            watchRows();
+            return SQL_SUCCESS;
+        }
+        if (!m_work->prepared) m_work.reset();
+        return SQL_NO_DATA;
+    }
+    closeCursor();
+    return SQL_NO_DATA;
 }
 
 void Statement::cancel() noexcept {

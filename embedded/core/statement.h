@@ -78,11 +78,17 @@ class Statement final : public Handle {
     /// Delivers the value in the 1-based column of the current row, in parts if it is long.
     SQLRETURN getData(SQLUSMALLINT column, SQLSMALLINT cType, Target target);
 
+    /// Ends the rows of this result for those of the next one.
+    SQLRETURN moreResults();
+
     /// Interrupts this statement if it is running. Callable from any thread, without the lock.
     void cancel() noexcept;
 
     /// Number of parameter markers of the prepared text.
     int parameterCount() const;
+
+    /// Of the 1-based parameter; throws HYC00 where nobody knows it.
+    ParameterType parameterType(int number) const;
 
     /// The result columns, also of a statement that is prepared only; none for one without rows.
     const std::vector<Column>& columns();
@@ -163,6 +169,9 @@ class Statement final : public Handle {
         size_t partOffset = 0;
 
         SQLULEN rowNumber() const noexcept { return rowsRead - block + position + 1; }
+
+        /// Forgets all that is known about the rows, which are gone.
+        void forgetRows() noexcept;
     };
 
     /// What the application has set; outlives executions.
@@ -198,11 +207,13 @@ class Statement final : public Handle {
     Program& requireProgram() const;
     void endWork() noexcept;
     void watchRows();
+    bool isOver() const noexcept;
 
     void chooseRoutes();
     bool nextRow();
     bool deliverOrReport(bool single);
     void lookAhead();
+    void dropProgram() noexcept;
     void deliverRow();
     void keep(int column, const Cell& cell);
     Cell currentCell(int column);
@@ -215,6 +226,7 @@ class Statement final : public Handle {
     std::unique_ptr<Settings> m_settings;
     SQLLEN m_rowCount = -1;
     bool m_executed = false;
+    bool m_gaveRows = false;  ///< the last execution
     std::atomic<bool> m_running = false;
 };
 

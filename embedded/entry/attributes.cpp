@@ -11,6 +11,7 @@
 #include "core/statement.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
+#include "extensions.h"
 #include "values/text.h"
 
 namespace embedded {
@@ -186,6 +187,8 @@ Field fieldOf(StatementOptions& options, SQLINTEGER attribute) noexcept {
             return &options.parameterReport.status;
         case SQL_ATTR_PARAMS_PROCESSED_PTR:
             return &options.parameterReport.processed;
+        case kAllResultsAttribute:
+            return &options.execution.allResults;
         case SQL_ATTR_QUERY_TIMEOUT:
             return &options.execution.timeout;
         case SQL_ATTR_ROW_ARRAY_SIZE:
@@ -208,6 +211,7 @@ void setStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value) 
     const bool isArray =
         attribute == SQL_ATTR_PARAMSET_SIZE || attribute == SQL_ATTR_ROW_ARRAY_SIZE;
     if (isArray && number == 0) throw badValue(attribute);
+    if (attribute == kAllResultsAttribute && number > 1) throw badValue(attribute);
     const Field field = fieldOf(statement.changeOptions(), attribute);
     if (auto* const* place = std::get_if<SQLULEN*>(&field)) {
         **place = number;

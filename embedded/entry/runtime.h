@@ -62,6 +62,8 @@ RT_FUNCTION_PAIR(SQLPrepare, SQLHSTMT statement, SQLCHAR* sql, SQLINTEGER length
 RT_FUNCTION(SQLExecute, SQLHSTMT statement);
 RT_FUNCTION_PAIR(SQLExecDirect, SQLHSTMT statement, SQLCHAR* sql, SQLINTEGER length);
 RT_FUNCTION(SQLNumParams, SQLHSTMT statement, SQLSMALLINT* count);
+RT_FUNCTION(SQLDescribeParam, SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT* sqlType,
+            SQLULEN* size, SQLSMALLINT* digits, SQLSMALLINT* nullable);
 RT_FUNCTION(SQLBindParameter, SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT direction,
             SQLSMALLINT cType, SQLSMALLINT sqlType, SQLULEN size, SQLSMALLINT digits,
             SQLPOINTER value, SQLLEN capacity, SQLLEN* indicator);

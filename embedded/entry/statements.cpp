@@ -59,6 +59,19 @@ SQLRETURN RT_SQLNumParams(const char*, SQLHSTMT handle, SQLSMALLINT* count) {
     });
 }
 
+SQLRETURN RT_SQLDescribeParam(const char*, SQLHSTMT handle, SQLUSMALLINT number,
+                              SQLSMALLINT* sqlType, SQLULEN* size, SQLSMALLINT* digits,
+                              SQLSMALLINT* nullable) {
+    return withHandle<Statement>(handle, [&](Statement& statement) {
+        const ParameterType type = statement.parameterType(number);
+        if (sqlType) *sqlType = type.sqlType;
+        if (size) *size = type.size;
+        if (digits) *digits = type.scale;
+        if (nullable) *nullable = type.nullable;
+        return SQL_SUCCESS;
+    });
+}
+
 SQLRETURN RT_SQLBindParameter(const char*, SQLHSTMT handle, SQLUSMALLINT number,
                               SQLSMALLINT direction, SQLSMALLINT cType, SQLSMALLINT sqlType,
                               SQLULEN, SQLSMALLINT, SQLPOINTER value, SQLLEN capacity,
@@ -164,12 +177,9 @@ SQLRETURN RT_SQLSetPos(const char*, SQLHSTMT handle, SQLSETPOSIROW row, SQLUSMAL
     });
 }
 
-// A statement has one result at most.
 SQLRETURN RT_SQLMoreResults(const char*, SQLHSTMT handle) {
-    return withHandle<Statement>(handle, [](Statement& statement) {
-        statement.closeCursor();
-        return SQL_NO_DATA;
-    });
+    return withHandle<Statement>(handle,
+                                 [](Statement& statement) { return statement.moreResults(); });
 }
 
 SQLRETURN RT_SQLCloseCursor(const char*, SQLHSTMT handle) {

@@ -41,6 +41,8 @@ class OdbcProgram final : public Program {
     const std::vector<Column>& columns() override;
     int columnCount() override { return static_cast<int>(columns().size()); }
     Outcome execute(ParameterSets& sets, const ExecutionOptions& options) override;
+    std::unique_ptr<ResultSet> nextResult(std::unique_ptr<ResultSet> rows) override;
+    std::optional<ParameterType> parameterType(int number) override;
 
   private:
     void useStatement(std::string types);
@@ -57,6 +59,8 @@ class OdbcProgram final : public Program {
     bool sendBooleans(OdbcParameters& parameters, const Error& error);
     bool renewPlan(const Error& error);
     Outcome outcomeOf(SQLRETURN result);
+    SQLRETURN toNextResult();
+    std::unique_ptr<ResultSet> noRows();
     SQLLEN countChanges();
 
     OdbcDatabase& m_database;
@@ -66,6 +70,7 @@ class OdbcProgram final : public Program {
     std::shared_ptr<OdbcStatement> m_statement;  ///< null before the first use
     std::string m_key;                           ///< of it, among the idle ones
     bool m_failed = false;                       ///< it is not to be used again
+    bool m_allResults = false;                   ///< of the last execution are asked for
     std::vector<Column> m_described;
 };
 
@@ -128,6 +133,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
     const auto run = [&] {
         return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
     };
+    m_allResults = options.allResults != 0;
     useStatement(parameters.types());
     m_statement->setTimeout(options.timeout);
     for (const size_t position : m_statement->booleans) {
@@ -210,22 +216,66 @@ bool OdbcProgram::renewPlan(const Error& error) {
 // Results of statements in front, which yield no rows, are passed over, their rows counted.
 Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
     const DriverManager& manager = m_statement->manager();
-    Outcome outcome;
     SQLLEN changed = 0;
     do {
         // A change that finds no row is no end of the results.
         SQLSMALLINT columns = 0;
-        if (result != SQL_NO_DATA)
-            m_statement->handle().check(manager.SQLNumResultCols(m_statement->get(), &columns));
+        m_statement->handle().check(manager.SQLNumResultCols(m_statement->get(), &columns));
         if (columns > 0) {
-            outcome.rows = makeOdbcRows(m_statement);
+            Outcome outcome;
+            if (m_kind == StatementKind::Change) outcome.changed = countChanges();
+            outcome.rows =
+                result == SQL_NO_DATA ? noRows() : makeOdbcRows(m_statement, !m_allResults);
             return outcome;
         }
         if (result != SQL_NO_DATA) changed += countChanges();
         if (!m_call && !m_database.habits().nextResults) break;
-        result = m_statement->run([&] { return manager.SQLMoreResults(m_statement->get()); });
+        result = toNextResult();
     } while (result != SQL_NO_DATA);
     return changedBy(changed);
+}
+
+SQLRETURN OdbcProgram::toNextResult() {
+    return m_statement->run(
+        [this] { return m_statement->manager().SQLMoreResults(m_statement->get()); });
+}
+
+/// Of a change that answers with rows and has found none: the driver manager takes that for the end
+/// of the results, and describes them to another statement only.
+std::unique_ptr<ResultSet> OdbcProgram::noRows() {
+    const OdbcStatement statement(m_database);
+    statement.prepare(m_sql.text);
+    std::vector<Column> columns;
+    for (OdbcColumn& described : describeColumns(statement)) {
+        columns.push_back(std::move(described.column));
+    }
+    return std::make_unique<StoredRows>(std::move(columns));
+}
+
+std::unique_ptr<ResultSet> OdbcProgram::nextResult(std::unique_ptr<ResultSet> rows) {
+    m_statement->keepsResults = true;
+    rows.reset();
+    m_statement->keepsResults = false;
+    m_failed = true;
+    const SQLRETURN result = toNextResult();
+    if (result != SQL_NO_DATA) rows = outcomeOf(result).rows;
+    m_failed = false;
+    if (!rows) m_statement->manager().SQLFreeStmt(m_statement->get(), SQL_CLOSE);
+    return rows;
+}
+
+std::optional<ParameterType> OdbcProgram::parameterType(int number) {
+    m_database.requireConnection();
+    const auto place = std::find(m_sql.numbers.begin(), m_sql.numbers.end(), number);
+    if (place == m_sql.numbers.end()) return std::nullopt;
+    // On a statement of its own: drivers repeat what is bound.
+    const OdbcStatement statement(m_database);
+    statement.prepare(m_sql.text);
+    ParameterType type;
+    statement.handle().check(statement.manager().SQLDescribeParam(
+        statement.get(), static_cast<SQLUSMALLINT>(place - m_sql.numbers.begin() + 1),
+        &type.sqlType, &type.size, &type.scale, &type.nullable));
+    return type;
 }
 
 Outcome OdbcProgram::changedBy(SQLLEN changed) const {

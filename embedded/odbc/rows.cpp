@@ -53,8 +53,8 @@ constexpr size_t kCharacter = 4;
 
 class OdbcRows final : public ResultSet {
   public:
-    explicit OdbcRows(std::shared_ptr<OdbcStatement> statement)
-        : m_manager(statement->manager()), m_statement(std::move(statement)) {}
+    OdbcRows(std::shared_ptr<OdbcStatement> statement, bool last)
+        : m_manager(statement->manager()), m_statement(std::move(statement)), m_last(last) {}
     ~OdbcRows() override;
 
     /// To be called once; an object that could not be opened unbinds what it had bound.
@@ -86,6 +86,7 @@ class OdbcRows final : public ResultSet {
 
     const DriverManager& m_manager;
     const std::shared_ptr<OdbcStatement> m_statement;
+    const bool m_last;
     std::vector<Column> m_columns;
     std::vector<Slot> m_slots;
     bool m_ended = false;
@@ -101,7 +102,8 @@ void OdbcRows::open() {
 }
 
 OdbcRows::~OdbcRows() {
-    const bool closed = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE));
+    const bool closed = m_statement->keepsResults ||
+                        SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE));
     const bool unbound = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND));
     if (!closed || !unbound) m_statement->spoilt = true;
 }
@@ -128,7 +130,7 @@ bool OdbcRows::next() {
         m_statement->run([&] { return m_manager.SQLFetch(m_statement->get()); });
     if (result == SQL_NO_DATA) {
         m_ended = true;
-        finish();
+        if (m_last) finish();
         return false;
     }
     for (size_t i = 0; i < m_slots.size(); ++i) {
@@ -319,8 +321,8 @@ Cell OdbcRows::cell(int column) {
 
 }  // namespace
 
-std::unique_ptr<ResultSet> makeOdbcRows(std::shared_ptr<OdbcStatement> statement) {
-    auto rows = std::make_unique<OdbcRows>(std::move(statement));
+std::unique_ptr<ResultSet> makeOdbcRows(std::shared_ptr<OdbcStatement> statement, bool last) {
+    auto rows = std::make_unique<OdbcRows>(std::move(statement), last);
     rows->open();
     return rows;
 }

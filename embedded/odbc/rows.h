@@ -8,6 +8,7 @@
 namespace embedded {
 
 /// The rows of an executed statement, read from the driver one by one.
-std::unique_ptr<ResultSet> makeOdbcRows(std::shared_ptr<OdbcStatement> statement);
+/// With `last`, results behind them are passed over at their end, for their failures.
+std::unique_ptr<ResultSet> makeOdbcRows(std::shared_ptr<OdbcStatement> statement, bool last = true);
 
 }  // namespace embedded

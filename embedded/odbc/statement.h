@@ -54,7 +54,8 @@ class OdbcStatement {
     // What became of it, while it is used for one text.
     bool executed = false;
     bool prepared = false;
-    bool spoilt = false;  ///< not to be used again: the driver holds on to rows or addresses
+    bool keepsResults = false;  ///< rows that end leave those of the next result
+    bool spoilt = false;        ///< not to be used again: the driver holds on to rows or addresses
     std::vector<size_t> booleans;  ///< positions of markers that the server wants Booleans for
 
     const DriverManager& manager() const noexcept { return DriverManager::instance(); }

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "driver_fixture.h"
+#include "extensions.h"
 
 namespace embedded_test {
 namespace {
@@ -155,6 +156,64 @@ TEST_F(DriverFailures, OfWhatFollowsInATextAreSeen) {
     EXPECT_EQ("42S02", statement.stateOf(statement.fetch()));
     script.results = {change};
     EXPECT_EQ("42S02", statement.stateOf(statement.run("UPDATE t; UPDATE nowhere")));
+}
+
+struct DriverResults : DriverFailures {
+    static SQLSMALLINT columns(Statement& statement) {
+        SQLSMALLINT count = -1;
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLNumResultCols(kDriver, statement.handle, &count));
+        return count;
+    }
+};
+
+TEST_F(DriverResults, ComeOneAfterTheOtherIfAllAreAskedFor) {
+    Connection connection(kDriverText);
+    Statement statement(connection.handle);
+    const Result rows = script.results[0];
+    give(SQL_INTEGER, {number(3)});
+    script.results = {rows, Result{{}, {}, 2}, script.results[0]};
+    statement.set(embedded::kAllResultsAttribute, 1);
+    for (const bool unread : {false, true}) {
+        ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT 1; UPDATE t; SELECT 3"));
+        if (!unread) EXPECT_EQ(Rows({"1", "2"}), statement.rows());
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLMoreResults(kDriver, statement.handle));
+        EXPECT_EQ(Rows{"3"}, statement.rows());
+        EXPECT_EQ(SQL_NO_DATA, RT_SQLMoreResults(kDriver, statement.handle));
+    }
+}
+
+TEST_F(DriverResults, OfChangesHaveColumnsOrNone) {
+    Connection connection(kDriverText);
+    Statement statement(connection.handle);
+    const std::vector<odbc_driver::Column> described = script.results[0].columns;
+    script.results = {{{}, {}, 1}};
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t VALUES (1)"));
+    for (int execution = 0; execution < 2; ++execution) {
+        EXPECT_EQ(SQL_SUCCESS, statement.execute());
+        // Behind the last result a driver knows of no execution.
+        script.answers["SQLNumResultCols"] = [](int) { return SQLRETURN{SQL_ERROR}; };
+        EXPECT_EQ(0, columns(statement));
+        script.answers.clear();
+    }
+    // RETURNING that finds no row: the driver manager takes it for the end of the results.
+    script.execute = [](const odbc_driver::Execution&) { return SQLRETURN{SQL_NO_DATA}; };
+    script.results = {{described, {}, 0}};
+    EXPECT_EQ(SQL_SUCCESS, statement.run("DELETE FROM t RETURNING c"));
+    EXPECT_EQ(0, statement.rowCount());
+    EXPECT_EQ("c", statement.text(1, SQL_DESC_NAME));
+    EXPECT_EQ(SQL_NO_DATA, statement.fetch());
+}
+
+TEST_F(DriverResults, AreWaitedForAsLongAsTheDriverIsTold) {
+    Connection connection(kDriverText);
+    Statement statement(connection.handle);
+    statement.set(SQL_ATTR_QUERY_TIMEOUT, 3);
+    EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT c FROM t"));
+    EXPECT_EQ(Rows{"SQLSetStmtAttrW 0"}, calls({"SQLSetStmtAttrW 0"}));
+    statement.close();
+    script.answers["SQLSetStmtAttrW"] = [](int) { return SQLRETURN{SQL_SUCCESS_WITH_INFO}; };
+    script.diagnostics = {{u"01S02", 0, u"another value"}};
+    EXPECT_EQ("HYC00", statement.stateOf(statement.run("SELECT c FROM u")));
 }
 
 TEST_F(DriverFailures, LeaveNoColumnsBound) {
