@@ -1,4 +1,5 @@
 #include "core/describe.h"
+#include "core/callertext.h"
 
 #include <algorithm>
 #include <optional>
@@ -6,7 +7,6 @@
 #include <string_view>
 
 #include "core/error.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -3,6 +3,8 @@
 #include <string>
 #include <string_view>
 
+#include "values/text.h"
+
 namespace embedded {
 
 /// Longest diagnostic text in bytes. Callers commonly read diagnostics once, into 1 KiB, and drop a
@@ -19,8 +21,5 @@ std::string sqliteMessage(std::string_view text);
 /// `text` of a driver with the prefix that says so and the SQLSTATE, which not every caller reads
 /// elsewhere; cut to `kMaxMessage`.
 std::string driverMessage(std::string_view state, std::string_view text);
-
-/// A value from the user's data as it appears in a message: quoted and short.
-std::string quoted(std::string_view value);
 
 }  // namespace embedded

@@ -6,13 +6,13 @@
 #include <type_traits>
 #include <variant>
 
+#include "core/callertext.h"
 #include "core/connection.h"
 #include "core/environment.h"
 #include "core/statement.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
 #include "extensions.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -1,8 +1,8 @@
 // Entry points: the catalogue.
+#include "core/callertext.h"
 #include "core/statement.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -3,12 +3,12 @@
 #include <string_view>
 #include <utility>
 
+#include "core/callertext.h"
 #include "core/connection.h"
 #include "core/environment.h"
 #include "core/statement.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -2,12 +2,12 @@
 #include <algorithm>
 #include <string>
 
+#include "core/callertext.h"
 #include "core/connection.h"
 #include "core/environment.h"
 #include "core/statement.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -4,11 +4,11 @@
 #include <iterator>
 #include <string>
 
+#include "core/callertext.h"
 #include "core/connection.h"
 #include "core/information.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {

@@ -3,12 +3,12 @@
 #include <limits>
 #include <string>
 
+#include "core/callertext.h"
 #include "core/describe.h"
 #include "core/statement.h"
 #include "entry/entry.h"
 #include "entry/runtime.h"
 #include "extensions.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {

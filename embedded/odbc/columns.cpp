@@ -121,7 +121,7 @@ OdbcColumn describe(const OdbcStatement& statement, SQLUSMALLINT number) {
     };
     OdbcColumn result;
     SQLWCHAR text[kNameCapacity] = {};
-    if (statement.database().habits().narrow) {
+    if (statement.session().habits().narrow) {
         SQLCHAR name[kNameCapacity] = {};
         describeInto(manager.SQLDescribeCol, name);
         result.column.name = reinterpret_cast<const char*>(name);
@@ -140,8 +140,8 @@ OdbcColumn describe(const OdbcStatement& statement, SQLUSMALLINT number) {
     TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
     // psqlodbc calls it a float, which does not have its digits.
     if (entry.form == Form::Real && sameWord(result.column.typeName, "money")) entry = kText;
-    result.form = formFor(entry.form, statement.database().habits());
-    result.column.type = typeOf(entry, size, digits, statement.database().habits());
+    result.form = formFor(entry.form, statement.session().habits());
+    result.column.type = typeOf(entry, size, digits, statement.session().habits());
     result.column.nullable = nullable;
     return result;
 }

@@ -8,7 +8,7 @@
 #include "core/error.h"
 #include "core/message.h"
 #include "core/parameters.h"
-#include "odbc/rows.h"
+#include "odbc/catalog.h"
 #include "odbc/scanner.h"
 #include "odbc/statement.h"
 #include "values/text.h"
@@ -66,21 +66,21 @@ struct ProcedureName {
 };
 
 /// A name as the catalogue has it: what is not quoted is folded as the server does.
-std::string catalogued(const OdbcDatabase& database, const Token& token) {
+std::string catalogued(const OdbcSession& session, const Token& token) {
     if (token.kind == Kind::QuotedName) return unquoted(token.text);
     std::string name(token.text);
-    const SQLUINTEGER fold = database.numberInfo(SQL_IDENTIFIER_CASE);
+    const SQLUINTEGER fold = session.numberInfo(SQL_IDENTIFIER_CASE);
     if (fold == SQL_IC_UPPER) return upper(name);
     return fold == SQL_IC_LOWER ? lower(name) : name;
 }
 
 /// The name that starts at `at`, which is moved behind it.
-std::optional<ProcedureName> takeName(const OdbcDatabase& database,
-                                      const std::vector<Token>& tokens, size_t& at) {
+std::optional<ProcedureName> takeName(const OdbcSession& session, const std::vector<Token>& tokens,
+                                      size_t& at) {
     std::vector<std::string> parts;
     for (;;) {
         if (at >= tokens.size() || !isName(tokens[at])) return std::nullopt;
-        parts.push_back(catalogued(database, tokens[at++]));
+        parts.push_back(catalogued(session, tokens[at++]));
         if (at >= tokens.size() || tokens[at].text != ".") break;
         ++at;
     }
@@ -90,8 +90,8 @@ std::optional<ProcedureName> takeName(const OdbcDatabase& database,
 }
 
 /// `name` as a pattern that matches nothing else.
-std::string exactPattern(const OdbcDatabase& database, std::string_view name) {
-    const std::string escape = database.textInfo(SQL_SEARCH_PATTERN_ESCAPE);
+std::string exactPattern(const OdbcSession& session, std::string_view name) {
+    const std::string escape = session.textInfo(SQL_SEARCH_PATTERN_ESCAPE);
     std::string pattern;
     for (const char c : name) {
         if (c == '%' || c == '_' || escape == std::string_view(&c, 1)) pattern += escape;
@@ -101,13 +101,13 @@ std::string exactPattern(const OdbcDatabase& database, std::string_view name) {
 }
 
 /// Where a server has no schemas, its catalogues take their place.
-CatalogSearch searchFor(OdbcDatabase& database, const ProcedureName& name) {
+CatalogSearch searchFor(const OdbcSession& session, const ProcedureName& name) {
     CatalogSearch search;
-    search.table = exactPattern(database, name.name);
-    if (!database.textInfo(SQL_SCHEMA_TERM).empty()) {
-        if (name.qualifier) search.schema = exactPattern(database, *name.qualifier);
+    search.table = exactPattern(session, name.name);
+    if (!session.textInfo(SQL_SCHEMA_TERM).empty()) {
+        if (name.qualifier) search.schema = exactPattern(session, *name.qualifier);
     } else {
-        search.catalog = name.qualifier ? *name.qualifier : database.catalogName();
+        search.catalog = name.qualifier ? *name.qualifier : session.catalogName();
     }
     return search;
 }
@@ -118,7 +118,7 @@ std::string textOf(ResultSet& rows, int column) {
 }
 
 /// The input parameters of a procedure in their order. Empty also for one that does not exist.
-std::vector<Parameter> parametersOf(OdbcDatabase& database, const ProcedureName& name) {
+std::vector<Parameter> parametersOf(OdbcSession& session, const ProcedureName& name) {
     constexpr int kSchema = 1;
     constexpr int kName = 3;
     constexpr int kKind = 4;
@@ -126,7 +126,7 @@ std::vector<Parameter> parametersOf(OdbcDatabase& database, const ProcedureName&
     constexpr int kOrdinal = 17;
     std::unique_ptr<ResultSet> rows;
     try {
-        rows = database.procedureColumns(searchFor(database, name));
+        rows = odbcProcedureColumns(session, searchFor(session, name));
     } catch (const Error& error) {
         throw Error(error.state(),
                     "The driver has no catalogue of the parameters of procedures: " +
@@ -149,7 +149,7 @@ std::vector<Parameter> parametersOf(OdbcDatabase& database, const ProcedureName&
         schema = textOf(*rows, kSchema);
         parameters.push_back({textOf(*rows, kName), textOf(*rows, kTypeName)});
     }
-    if (parameters.empty() && database.textInfo(SQL_PROCEDURES) == "N") {
+    if (parameters.empty() && session.textInfo(SQL_PROCEDURES) == "N") {
         throw notSupported("The driver has no catalogue of the parameters of procedures.");
     }
     return parameters;
@@ -163,9 +163,9 @@ struct Argument {
 };
 
 /// The name in front of "=", as `a`, `@a` or `:a`.
-std::string argumentName(const OdbcDatabase& database, const Token& token) {
+std::string argumentName(const OdbcSession& session, const Token& token) {
     if (token.kind == Kind::Variable) return std::string(token.text.substr(1));
-    return token.kind == Kind::QuotedName ? catalogued(database, token) : std::string(token.text);
+    return token.kind == Kind::QuotedName ? catalogued(session, token) : std::string(token.text);
 }
 
 /// The text from the first to the last of some tokens.
@@ -174,7 +174,7 @@ std::string_view span(const Token& first, const Token& last) noexcept {
             static_cast<size_t>(last.text.data() + last.text.size() - first.text.data())};
 }
 
-std::vector<Argument> argumentsOf(const OdbcDatabase& database, const std::vector<Token>& tokens,
+std::vector<Argument> argumentsOf(const OdbcSession& session, const std::vector<Token>& tokens,
                                   size_t at) {
     std::vector<Argument> arguments;
     while (at < tokens.size()) {
@@ -187,7 +187,7 @@ std::vector<Argument> argumentsOf(const OdbcDatabase& database, const std::vecto
         const bool named = end > at + 1 && tokens[at + 1].text == "=" &&
                            (isName(tokens[at]) || tokens[at].kind == Kind::Variable);
         if (named) {
-            argument.name = argumentName(database, tokens[at]);
+            argument.name = argumentName(session, tokens[at]);
             at += 2;
         }
         if (end == at || end + 1 == tokens.size()) {
@@ -251,12 +251,12 @@ constexpr TableColumn kColumns[] = {
 /// A question for the parameters of one procedure.
 class ParameterQuery final : public Program {
   public:
-    ParameterQuery(OdbcDatabase& database, std::vector<size_t> selected, std::string_view value)
-        : m_database(database), m_selected(std::move(selected)) {
+    ParameterQuery(OdbcSession& session, std::vector<size_t> selected, std::string_view value)
+        : m_session(session), m_selected(std::move(selected)) {
         if (value.starts_with('\'') || value.starts_with('"')) {
             m_name = unquoted(value);
         } else {
-            m_marker = markedSql(value, database.dialect()).parameters;
+            m_marker = markedSql(value, session.dialect()).parameters;
         }
         for (const size_t index : m_selected) {
             Column column;
@@ -273,7 +273,7 @@ class ParameterQuery final : public Program {
     Outcome execute(ParameterSets& sets, const ExecutionOptions&) override;
 
   private:
-    OdbcDatabase& m_database;
+    OdbcSession& m_session;
     const std::vector<size_t> m_selected;
     std::vector<Column> m_columns;
     std::string m_name;
@@ -288,12 +288,12 @@ Outcome ParameterQuery::execute(ParameterSets& sets, const ExecutionOptions&) {
     sets.started(0);
     std::string name = m_name;
     if (m_marker > 0) name = sets.value(0, m_marker).bytes;
-    const std::vector<Token> tokens = tokensOf(name, m_database.dialect());
+    const std::vector<Token> tokens = tokensOf(name, m_session.dialect());
     size_t end = 0;
-    const auto parsed = takeName(m_database, tokens, end);
+    const auto parsed = takeName(m_session, tokens, end);
     auto rows = std::make_unique<StoredRows>(m_columns);
     const std::vector<Parameter> parameters = parsed && end == tokens.size()
-                                                  ? parametersOf(m_database, *parsed)
+                                                  ? parametersOf(m_session, *parsed)
                                                   : std::vector<Parameter>();
     const auto text = [](std::string_view value) {
         Cell cell;
@@ -340,8 +340,8 @@ std::optional<std::vector<size_t>> selectedColumns(const std::vector<Token>& tok
 
 }  // namespace
 
-std::optional<DriverCall> driverCall(OdbcDatabase& database, std::string_view sql) {
-    const Dialect& dialect = database.dialect();
+std::optional<DriverCall> driverCall(OdbcSession& session, std::string_view sql) {
+    const Dialect& dialect = session.dialect();
     {
         DialectScanner scanner(sql, dialect);
         const Token first = scanner.next();
@@ -351,18 +351,18 @@ std::optional<DriverCall> driverCall(OdbcDatabase& database, std::string_view sq
     const std::vector<Token> tokens = tokensOf(numbered, dialect);
     size_t at = 1;
     if (at >= tokens.size() || isWord(tokens[at], "IMMEDIATE")) return std::nullopt;
-    const auto name = takeName(database, tokens, at);
+    const auto name = takeName(session, tokens, at);
     if (!name) return std::nullopt;
     const std::string_view spelling = span(tokens[1], tokens[at - 1]);
     if (at < tokens.size() && (tokens[at].text == "(" || isWord(tokens[at], "USING"))) {
         return std::nullopt;
     }
-    const std::vector<Argument> arguments = argumentsOf(database, tokens, at);
+    const std::vector<Argument> arguments = argumentsOf(session, tokens, at);
     std::vector<std::string_view> values;
     const bool named = std::any_of(arguments.begin(), arguments.end(),
                                    [](const Argument& argument) { return !argument.name.empty(); });
     if (named) {
-        values = inOrder(arguments, parametersOf(database, *name), name->name);
+        values = inOrder(arguments, parametersOf(session, *name), name->name);
     } else {
         for (const Argument& argument : arguments) values.push_back(argument.value);
     }
@@ -375,12 +375,12 @@ std::optional<DriverCall> driverCall(OdbcDatabase& database, std::string_view sq
     return DriverCall{"{call " + text + "}", "CALL " + text};
 }
 
-std::unique_ptr<Program> prepareParameterQuery(OdbcDatabase& database, std::string_view sql) {
+std::unique_ptr<Program> prepareParameterQuery(OdbcSession& session, std::string_view sql) {
     // Most statements are let go without being read.
     const auto sameLetter = [](char a, char b) { return sameWord({&a, 1}, {&b, 1}); };
     if (std::search(sql.begin(), sql.end(), kTable.begin(), kTable.end(), sameLetter) == sql.end())
         return nullptr;
-    const std::vector<Token> tokens = tokensOf(sql, database.dialect());
+    const std::vector<Token> tokens = tokensOf(sql, session.dialect());
     const auto table = std::find_if(tokens.begin(), tokens.end(),
                                     [](const Token& token) { return isWord(token, kTable); });
     if (table == tokens.end()) return nullptr;
@@ -397,7 +397,7 @@ std::unique_ptr<Program> prepareParameterQuery(OdbcDatabase& database, std::stri
         throw notSupported(std::string(kTable) + " can only be asked as SELECT columns FROM " +
                            std::string(kTable) + " WHERE ProcedureName = 'name'.");
     }
-    return std::make_unique<ParameterQuery>(database, *selected, tokens[at + 4].text);
+    return std::make_unique<ParameterQuery>(session, *selected, tokens[at + 4].text);
 }
 
 }  // namespace embedded

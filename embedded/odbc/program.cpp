@@ -7,7 +7,6 @@
 #include "core/error.h"
 #include "core/parameters.h"
 #include "odbc/columns.h"
-#include "odbc/idle.h"
 #include "odbc/parameters.h"
 #include "odbc/procedures.h"
 #include "odbc/rows.h"
@@ -23,18 +22,23 @@ constexpr std::string_view kTypeErrors[] = {"42804", "42883"};
 /// Sets of one array: reports and row counts of larger ones take drivers long.
 constexpr SQLULEN kMostSets = 10'000;
 
-/// Tells the database of an execution when it is over.
+/// Tells of an execution when it is over.
 struct Executed {
-    OdbcDatabase& database;
+    OdbcTransactions& transactions;
     const StatementKind kind;
-    ~Executed() { database.executed(kind); }
+    ~Executed() { transactions.executed(kind); }
 };
 
 class OdbcProgram final : public Program {
   public:
-    OdbcProgram(OdbcDatabase& database, MarkedSql sql, StatementKind kind,
-                std::optional<DriverCall> call)
-        : m_database(database), m_sql(std::move(sql)), m_kind(kind), m_call(std::move(call)) {}
+    OdbcProgram(OdbcTransactions& transactions, IdleStatements& idle, MarkedSql sql,
+                StatementKind kind, std::optional<DriverCall> call)
+        : m_transactions(transactions),
+          m_session(transactions.session()),
+          m_idle(idle),
+          m_sql(std::move(sql)),
+          m_kind(kind),
+          m_call(std::move(call)) {}
     ~OdbcProgram() override { giveBack(); }
 
     int parameterCount() override { return m_sql.parameters; }
@@ -63,7 +67,9 @@ class OdbcProgram final : public Program {
     std::unique_ptr<ResultSet> noRows();
     SQLLEN countChanges();
 
-    OdbcDatabase& m_database;
+    OdbcTransactions& m_transactions;
+    OdbcSession& m_session;
+    IdleStatements& m_idle;
     MarkedSql m_sql;
     const StatementKind m_kind;
     std::optional<DriverCall> m_call;
@@ -81,10 +87,10 @@ void OdbcProgram::useStatement(std::string types) {
     std::string key = m_sql.text + '\0' + std::move(types);
     if (m_statement && !m_statement->spoilt && key == m_key) return;
     giveBack();
-    if (auto idle = m_database.idleStatements().take(key)) {
+    if (auto idle = m_idle.take(key)) {
         m_statement = std::move(idle->statement);
     } else {
-        m_statement = std::make_shared<OdbcStatement>(m_database);
+        m_statement = std::make_shared<OdbcStatement>(m_session);
     }
     m_key = std::move(key);
 }
@@ -93,10 +99,10 @@ void OdbcProgram::useStatement(std::string types) {
 // themselves.
 void OdbcProgram::giveBack() noexcept {
     const bool worthKeeping = (m_kind == StatementKind::Query || m_kind == StatementKind::Change) &&
-                              !m_database.habits().staleTypes;
+                              !m_session.habits().staleTypes;
     if (worthKeeping && !m_failed && m_statement && m_statement.use_count() == 1 &&
         m_statement->executed && !m_statement->spoilt && m_key.size() <= kMostKeptText) {
-        m_database.idleStatements().keep({std::move(m_key), std::move(m_statement)});
+        m_idle.keep({std::move(m_key), std::move(m_statement)});
     }
     m_statement.reset();
 }
@@ -116,7 +122,7 @@ SQLRETURN OdbcProgram::executeOnce() {
 }
 
 const std::vector<Column>& OdbcProgram::columns() {
-    m_database.requireConnection();
+    m_session.require();
     if (!m_statement) useStatement({});
     prepareOnce();
     m_described.clear();
@@ -127,9 +133,9 @@ const std::vector<Column>& OdbcProgram::columns() {
 }
 
 Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& options) {
-    m_database.requireConnection();
+    m_session.require();
     sets.require(m_sql.parameters);
-    OdbcParameters parameters(sets, m_sql.numbers, m_database.habits());
+    OdbcParameters parameters(sets, m_sql.numbers, m_session.habits());
     const auto run = [&] {
         return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
     };
@@ -139,7 +145,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
     for (const size_t position : m_statement->booleans) {
         if (parameters.mayBeBooleans(position)) parameters.sendAsBooleans(position);
     }
-    const Executed executed{m_database, m_kind};
+    const Executed executed{m_transactions, m_kind};
     m_failed = true;
     Outcome outcome;
     try {
@@ -166,10 +172,10 @@ Outcome OdbcProgram::runOne(ParameterSets& sets, OdbcParameters& parameters) {
 /// After `error`: whether a procedure is to be called in the other way, and will be now. The driver
 /// does not say beforehand.
 bool OdbcProgram::callOtherwise(const Error& error) {
-    const char* const wrongCall = m_database.dialect().wrongCall;
+    const char* const wrongCall = m_session.dialect().wrongCall;
     if (!m_call || m_call->statement.empty() || !wrongCall || error.state() != wrongCall)
         return false;
-    m_sql = markedSql(std::exchange(m_call->statement, {}), m_database.dialect());
+    m_sql = markedSql(std::exchange(m_call->statement, {}), m_session.dialect());
     m_statement->prepared = m_statement->executed = false;
     return true;
 }
@@ -177,7 +183,7 @@ bool OdbcProgram::callOtherwise(const Error& error) {
 /// After `error`: whether some integers are to be sent as Booleans, and are now. Only asked behind
 /// a failure, since it takes the server a second look at the statement.
 bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
-    if (!m_database.dialect().strictBooleans ||
+    if (!m_session.dialect().strictBooleans ||
         std::find(std::begin(kTypeErrors), std::end(kTypeErrors), error.state()) ==
             std::end(kTypeErrors)) {
         return false;
@@ -205,10 +211,10 @@ bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
 
 /// After `error`: whether the server's plan was out of date, and a new one is to be made.
 bool OdbcProgram::renewPlan(const Error& error) {
-    const char* const stalePlan = m_database.dialect().stalePlan;
+    const char* const stalePlan = m_session.dialect().stalePlan;
     if (!m_statement->prepared || !stalePlan || error.state() != stalePlan) return false;
     const SQLULEN timeout = m_statement->timeout();
-    m_statement = std::make_shared<OdbcStatement>(m_database);
+    m_statement = std::make_shared<OdbcStatement>(m_session);
     m_statement->setTimeout(timeout);
     return true;
 }
@@ -229,7 +235,7 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
             return outcome;
         }
         if (result != SQL_NO_DATA) changed += countChanges();
-        if (!m_call && !m_database.habits().nextResults) break;
+        if (!m_call && !m_session.habits().nextResults) break;
         result = toNextResult();
     } while (result != SQL_NO_DATA);
     return changedBy(changed);
@@ -243,7 +249,7 @@ SQLRETURN OdbcProgram::toNextResult() {
 /// Of a change that answers with rows and has found none: the driver manager takes that for the end
 /// of the results, and describes them to another statement only.
 std::unique_ptr<ResultSet> OdbcProgram::noRows() {
-    const OdbcStatement statement(m_database);
+    const OdbcStatement statement(m_session);
     statement.prepare(m_sql.text);
     std::vector<Column> columns;
     for (OdbcColumn& described : describeColumns(statement)) {
@@ -265,11 +271,11 @@ std::unique_ptr<ResultSet> OdbcProgram::nextResult(std::unique_ptr<ResultSet> ro
 }
 
 std::optional<ParameterType> OdbcProgram::parameterType(int number) {
-    m_database.requireConnection();
+    m_session.require();
     const auto place = std::find(m_sql.numbers.begin(), m_sql.numbers.end(), number);
     if (place == m_sql.numbers.end()) return std::nullopt;
     // On a statement of its own: drivers repeat what is bound.
-    const OdbcStatement statement(m_database);
+    const OdbcStatement statement(m_session);
     statement.prepare(m_sql.text);
     ParameterType type;
     statement.handle().check(statement.manager().SQLDescribeParam(
@@ -358,9 +364,9 @@ class ParameterArray {
 };
 
 Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
-    OdbcDatabase::Atomic atomic(m_database);
+    OdbcTransactions::Atomic atomic(m_transactions);
     const bool arrays =
-        m_database.habits().arrays && ParameterArray(*m_statement, sets.count()).accepted();
+        m_session.habits().arrays && ParameterArray(*m_statement, sets.count()).accepted();
     SQLLEN changed = 0;
     for (SQLULEN first = 0; first < sets.count();) {
         SQLULEN count = arrays ? std::min(kMostSets, sets.count() - first) : 1;
@@ -417,21 +423,23 @@ SQLLEN OdbcProgram::countAll(SQLRETURN result) {
 
 }  // namespace
 
-std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql) {
-    database.requireConnection();
+std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStatements& idle,
+                                     std::string_view sql) {
+    OdbcSession& session = transactions.session();
+    session.require();
     sql = sql.substr(0, sql.find_last_not_of('\0') + 1);
     refuseNul(sql, "statement");
-    for (const UnreadableStatement& pattern : database.habits().unreadable) {
-        if (isUnreadable(sql, pattern, database.dialect())) {
+    for (const UnreadableStatement& pattern : session.habits().unreadable) {
+        if (isUnreadable(sql, pattern, session.dialect())) {
             throw notSupported("The driver cannot read what this statement answers.");
         }
     }
-    if (auto program = prepareParameterQuery(database, sql)) return program;
-    auto call = driverCall(database, sql);
-    const Dialect& dialect = database.dialect();
+    if (auto program = prepareParameterQuery(session, sql)) return program;
+    auto call = driverCall(session, sql);
+    const Dialect& dialect = session.dialect();
     MarkedSql marked = markedSql(call ? std::string_view(call->escape) : sql, dialect);
-    return std::make_unique<OdbcProgram>(database, std::move(marked), kindOfStatement(sql, dialect),
-                                         std::move(call));
+    return std::make_unique<OdbcProgram>(transactions, idle, std::move(marked),
+                                         kindOfStatement(sql, dialect), std::move(call));
 }
 
 }  // namespace embedded

@@ -4,11 +4,13 @@
 #include <string_view>
 
 #include "engine.h"
-#include "odbc/database.h"
+#include "odbc/idle.h"
+#include "odbc/transactions.h"
 
 namespace embedded {
 
 /// A statement for the driver, a procedure call, or a question for the tables of the procedures.
-std::unique_ptr<Program> prepareOdbc(OdbcDatabase& database, std::string_view sql);
+std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStatements& idle,
+                                     std::string_view sql);
 
 }  // namespace embedded

@@ -114,7 +114,7 @@ void OdbcRows::bindColumns() {
     for (size_t i = 0; i < m_slots.size(); ++i) {
         Slot& slot = m_slots[i];
         const FormTraits& traits = traitsOf(slot.form);
-        if (traits.unit > 0 && !m_statement->database().rereadsBound()) return;
+        if (traits.unit > 0 && !m_statement->session().rereadsBound()) return;
         m_statement->handle().check(m_manager.SQLBindCol(
             m_statement->get(), static_cast<SQLUSMALLINT>(i + 1), traits.cType, slot.buffer.data(),
             static_cast<SQLLEN>(slot.buffer.size()), &slot.indicator));

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "odbc/database.h"
+#include "odbc/session.h"
 #include "odbc/utf16.h"
 
 namespace embedded {
@@ -12,10 +12,10 @@ namespace embedded {
 /// A statement handle of the driver manager, with what everybody needs who calls through it.
 class OdbcStatement {
   public:
-    explicit OdbcStatement(OdbcDatabase& database)
-        : m_database(database), m_handle(SQL_HANDLE_STMT, &database.handle()) {}
+    explicit OdbcStatement(OdbcSession& session)
+        : m_session(session), m_handle(SQL_HANDLE_STMT, &session.handle()) {}
 
-    OdbcDatabase& database() const noexcept { return m_database; }
+    OdbcSession& session() const noexcept { return m_session; }
     SQLHSTMT get() const noexcept { return m_handle.get(); }
     const OdbcHandle& handle() const noexcept { return m_handle; }
 
@@ -23,7 +23,7 @@ class OdbcStatement {
     /// an answer here.
     template <class Call>
     SQLRETURN run(Call&& call) const {
-        const OdbcDatabase::Running running(m_database, get());
+        const OdbcSession::Running running(m_session, get());
         const SQLRETURN result = call();
         return result == SQL_NO_DATA ? result : m_handle.check(result);
     }
@@ -65,7 +65,7 @@ class OdbcStatement {
     // byte for a single one that it does not know.
     template <class Wide, class Narrow>
     SQLRETURN send(std::string_view sql, Wide wide, Narrow narrow) const {
-        if (!m_database.habits().narrow) {
+        if (!m_session.habits().narrow) {
             WideText text = wideText(sql);
             return run(
                 [&] { return wide(get(), text.data(), static_cast<SQLINTEGER>(text.size() - 1)); });
@@ -78,7 +78,7 @@ class OdbcStatement {
         });
     }
 
-    OdbcDatabase& m_database;
+    OdbcSession& m_session;
     OdbcHandle m_handle;
     SQLULEN m_timeout = 0;
 };

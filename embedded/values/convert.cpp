@@ -8,7 +8,6 @@
 #include <optional>
 #include <utility>
 
-#include "core/message.h"
 #include "extensions.h"
 #include "values/numbers.h"
 #include "values/temporal.h"

@@ -1,6 +1,6 @@
 #include "values/text.h"
 
-#include "core/error.h"
+#include <algorithm>
 
 namespace embedded {
 namespace {
@@ -13,6 +13,8 @@ bool isContinuation(char c) noexcept {
     return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U;
 }
 
+constexpr size_t kMaxQuoted = 40;
+
 constexpr std::string_view kBlanks = " \t\r\n\f\v";
 
 }  // namespace
@@ -23,19 +25,6 @@ size_t wholeCharacters(std::string_view text, size_t limit) noexcept {
     for (int steps = 0; steps < 3 && end > 0 && isContinuation(text[end]); ++steps) --end;
     // Four continuation bytes in a row are no UTF-8: nothing to keep whole.
     return isContinuation(text[end]) ? limit : end;
-}
-
-std::string_view inputText(const SQLCHAR* text, SQLLEN length) {
-    if (length < 0 && length != SQL_NTS) {
-        throw Error("HY090", "Invalid text length " + std::to_string(length) + ".");
-    }
-    if (!text) {
-        if (length == 0) return {};
-        throw Error("HY009", "Invalid use of a null pointer as text.");
-    }
-    const char* chars = reinterpret_cast<const char*>(text);
-    return length == SQL_NTS ? std::string_view(chars)
-                             : std::string_view(chars, static_cast<size_t>(length));
 }
 
 bool sameWord(std::string_view a, std::string_view b) noexcept {
@@ -62,6 +51,19 @@ std::string_view trimmed(std::string_view text) noexcept {
     const size_t first = text.find_first_not_of(kBlanks);
     if (first == std::string_view::npos) return {};
     return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+std::string shortened(std::string text, size_t limit) {
+    constexpr std::string_view kEllipsis = "...";
+    if (text.size() > limit) {
+        text.resize(wholeCharacters(text, limit - kEllipsis.size()));
+        text += kEllipsis;
+    }
+    return text;
+}
+
+std::string quoted(std::string_view value) {
+    return "'" + shortened(std::string(value.substr(0, kMaxQuoted + 1)), kMaxQuoted) + "'";
 }
 
 }  // namespace embedded

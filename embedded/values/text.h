@@ -1,11 +1,5 @@
 #pragma once
 
-#include <sql.h>
-#include <sqlext.h>
-
-#include <algorithm>
-#include <cstring>
-#include <limits>
 #include <string>
 #include <string_view>
 
@@ -14,11 +8,6 @@ namespace embedded {
 /// Length of the longest prefix of `text`, at most `limit` bytes, that does not end inside a UTF-8
 /// character. Text that is not UTF-8 is cut at `limit` or up to three bytes before it.
 size_t wholeCharacters(std::string_view text, size_t limit) noexcept;
-
-/// The text argument of an ODBC call: UTF-8, `length` in bytes or SQL_NTS. A null pointer of length
-/// 0 is the empty text. Throws HY009 for another null pointer and HY090 for another negative
-/// length.
-std::string_view inputText(const SQLCHAR* text, SQLLEN length);
 
 /// ASCII case-insensitive equality, as SQL keywords and SQLite's names compare.
 bool sameWord(std::string_view a, std::string_view b) noexcept;
@@ -30,21 +19,10 @@ std::string lower(std::string_view text);
 /// `text` without blanks, tabs and line ends at both ends.
 std::string_view trimmed(std::string_view text) noexcept;
 
-/// Copies `text` into a caller's buffer of `capacity` bytes, cut at a whole character and
-/// terminated, and stores its full length in bytes. Either pointer may be null. Answers true when
-/// it was cut.
-template <class Length>
-bool outputText(std::string_view text, void* buffer, SQLLEN capacity, Length* length) {
-    if (length) {
-        constexpr size_t kMost = static_cast<size_t>(std::numeric_limits<Length>::max());
-        *length = static_cast<Length>(std::min(text.size(), kMost));
-    }
-    if (!buffer || capacity <= 0) return buffer != nullptr;
-    const size_t kept = wholeCharacters(text, static_cast<size_t>(capacity) - 1);
-    char* out = static_cast<char*>(buffer);
-    std::copy_n(text.data(), kept, out);
-    out[kept] = '\0';
-    return kept < text.size();
-}
+/// `text`, or what fits into `limit` bytes of it with an ellipsis behind.
+std::string shortened(std::string text, size_t limit);
+
+/// A value from the user's data as it appears in a message: quoted and short.
+std::string quoted(std::string_view value);
 
 }  // namespace embedded

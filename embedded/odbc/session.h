@@ -1,0 +1,78 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include "core/connectstring.h"
+#include "core/diagnostics.h"
+#include "odbc/dialect.h"
+#include "odbc/drivermanager.h"
+
+namespace embedded {
+
+/// A connection to a data source, what is known of the server and its driver, and which statement
+/// is running.
+class OdbcSession {
+  public:
+    /// Connects; throws the driver's words. A warning goes to `diagnostics`.
+    OdbcSession(const ConnectString& text, Diagnostics& diagnostics);
+    OdbcSession(const OdbcSession&) = delete;
+    OdbcSession& operator=(const OdbcSession&) = delete;
+    ~OdbcSession() { disconnect(); }
+
+    const OdbcHandle& handle() const noexcept { return m_connection; }
+    const DriverManager& manager() const noexcept { return m_manager; }
+    const Dialect& dialect() const noexcept { return *m_dialect; }
+    const DriverHabits& habits() const noexcept { return *m_habits; }
+
+    /// Whether SQLGetData reads bound columns again, from their start.
+    bool rereadsBound() const noexcept { return m_rereadsBound; }
+
+    std::string textInfo(SQLUSMALLINT type) const;
+    SQLUINTEGER numberInfo(SQLUSMALLINT type) const;
+    std::string catalogName() const { return textInfo(SQL_DATABASE_NAME); }
+
+    bool isDead() const;
+
+    /// Gives the connection up: nobody knows what would be kept of what is done on it.
+    void giveUp() noexcept { m_lost = true; }
+    bool isGivenUp() const noexcept { return m_lost; }
+
+    /// Throws when the connection was given up.
+    void require() const;
+
+    /// Cancels the statement that is running. Callable from any thread.
+    void interrupt() noexcept;
+
+    /// Marks a statement, while it runs, as the one that `interrupt` cancels.
+    class Running {
+      public:
+        Running(OdbcSession& session, SQLHSTMT statement) : m_session(session) { set(statement); }
+        Running(const Running&) = delete;
+        Running& operator=(const Running&) = delete;
+        ~Running() { set(SQL_NULL_HSTMT); }
+
+      private:
+        void set(SQLHSTMT statement) noexcept {
+            const std::lock_guard lock(m_session.m_runningMutex);
+            m_session.m_running = statement;
+        }
+        OdbcSession& m_session;
+    };
+
+  private:
+    void connect(const std::string& text, bool narrow, Diagnostics& diagnostics);
+    void disconnect() noexcept { m_manager.SQLDisconnect(m_connection.get()); }
+
+    const DriverManager& m_manager;
+    const OdbcHandle m_environment;
+    const OdbcHandle m_connection;
+    const Dialect* m_dialect = nullptr;
+    const DriverHabits* m_habits = nullptr;
+    bool m_rereadsBound = false;
+    bool m_lost = false;
+    std::mutex m_runningMutex;
+    SQLHSTMT m_running = SQL_NULL_HSTMT;
+};
+
+}  // namespace embedded

@@ -1,0 +1,137 @@
+#include "odbc/transactions.h"
+
+#include <utility>
+
+#include "core/error.h"
+#include "odbc/rows.h"
+#include "odbc/statement.h"
+
+namespace embedded {
+
+// What is not committed is rolled back: a driver refuses to disconnect within a transaction.
+OdbcTransactions::~OdbcTransactions() {
+    if (m_autocommit && !m_begun && !m_session.isGivenUp()) return;
+    m_session.manager().SQLEndTran(SQL_HANDLE_DBC, m_session.handle().get(), SQL_ROLLBACK);
+}
+
+void OdbcTransactions::runScript(std::string_view sql) {
+    OdbcStatement(m_session).executeDirect(sql);
+}
+
+void OdbcTransactions::driverAutocommit(bool on) const {
+    const SQLULEN value = on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
+    m_session.handle().check(m_session.manager().SQLSetConnectAttrW(
+        m_session.handle().get(), SQL_ATTR_AUTOCOMMIT, reinterpret_cast<SQLPOINTER>(value),
+        SQL_IS_UINTEGER));
+}
+
+/// Otherwise nothing that comes would ever be committed.
+void OdbcTransactions::returnToAutocommit() noexcept {
+    try {
+        driverAutocommit(true);
+    } catch (...) {
+        m_session.giveUp();
+    }
+}
+
+void OdbcTransactions::endDriverTransaction(bool commit) const {
+    m_session.handle().check(m_session.manager().SQLEndTran(
+        SQL_HANDLE_DBC, m_session.handle().get(), commit ? SQL_COMMIT : SQL_ROLLBACK));
+}
+
+void OdbcTransactions::setAutocommit(bool on) {
+    m_session.require();
+    driverAutocommit(on);
+    m_autocommit = on;
+    m_changed = false;
+}
+
+void OdbcTransactions::endTransaction(bool commit) {
+    m_session.require();
+    if (!commit) m_cursors.closeCursors();
+    const bool begun = std::exchange(m_begun, false);
+    try {
+        if (m_autocommit && begun) {
+            runScript(commit ? "COMMIT" : "ROLLBACK");
+        } else {
+            endDriverTransaction(commit);
+        }
+    } catch (const Error&) {
+        // What the application does not want any more must not be committed later.
+        if (!commit && (begun || m_changed)) m_session.giveUp();
+        throw;
+    }
+    m_changed = false;
+}
+
+void OdbcTransactions::executed(StatementKind kind) noexcept {
+    switch (kind) {
+        case StatementKind::Begin:
+            m_begun = m_autocommit;
+            break;
+        case StatementKind::End:
+            m_begun = m_changed = false;
+            break;
+        case StatementKind::Other:
+            if (m_session.dialect().commitsBySchemaChange) m_begun = false;
+            [[fallthrough]];
+        default:
+            if (!m_autocommit && kind != StatementKind::Query) m_changed = true;
+    }
+}
+
+bool OdbcTransactions::inTransaction() {
+    if (!m_autocommit) return true;
+    if (!m_session.dialect().inTransaction) return m_begun;
+    auto statement = std::make_shared<OdbcStatement>(m_session);
+    statement->executeDirect(m_session.dialect().inTransaction);
+    const auto rows = makeOdbcRows(std::move(statement));
+    if (!rows->next()) return false;
+    const Cell answer = rows->cell(0);  // a text where the number is unsigned
+    return answer.kind == Cell::Kind::Text ? answer.bytes != "0" : answer.integer != 0;
+}
+
+OdbcTransactions::Atomic::Atomic(OdbcTransactions& transactions) : m_transactions(transactions) {
+    const Dialect& dialect = transactions.m_session.dialect();
+    if (!dialect.savepointBegins && !transactions.inTransaction()) {
+        transactions.driverAutocommit(false);
+        return;
+    }
+    m_savepoint = "vorda_" + std::to_string(++transactions.m_savepoints);
+    transactions.runScript(dialect.savepoint + m_savepoint);
+}
+
+OdbcTransactions::Atomic::~Atomic() {
+    if (!m_released) undo();
+}
+
+void OdbcTransactions::Atomic::release() {
+    if (m_savepoint.empty()) {
+        m_transactions.endDriverTransaction(true);
+        m_released = true;
+        m_transactions.returnToAutocommit();
+    } else {
+        if (const char* release = m_transactions.m_session.dialect().release)
+            m_transactions.runScript(release + m_savepoint);
+        m_released = true;
+    }
+}
+
+// Where nothing can be undone any more, the connection must not go on: switching autocommit on, or
+// the application's COMMIT, would keep half of a batch.
+void OdbcTransactions::Atomic::undo() noexcept {
+    try {
+        if (m_savepoint.empty()) {
+            m_transactions.endDriverTransaction(false);
+            m_transactions.returnToAutocommit();
+            return;
+        }
+        const Dialect& dialect = m_transactions.m_session.dialect();
+        m_transactions.runScript(dialect.rollbackTo + m_savepoint);
+        if (dialect.release) m_transactions.runScript(dialect.release + m_savepoint);
+    } catch (...) {
+        m_transactions.m_session.giveUp();
+    }
+}
+
+}  // namespace embedded
