@@ -93,7 +93,7 @@ void Connection::closeUnasked() noexcept {
     while (!m_unasked.empty()) {
         Statement& statement = *m_unasked.back();
         m_unasked.pop_back();
-        statement.closeCursor();
+        statement.overtake();
     }
 }
 

@@ -26,24 +26,33 @@ Statement::Work& Statement::askedCursor() {
     return work;
 }
 
-/// Whether the last execution gave no rows, whatever another one might give.
-bool Statement::isOver() const noexcept {
-    return m_executed && !m_gaveRows;
+/// Whether there are no columns any more, since the last execution is over and not to be repeated
+/// or gave no rows.
+bool Statement::isOver() const {
+    if (!m_executed) {
+        if (!m_work || !m_work->prepared)
+            throw sequenceError("The statement is neither prepared nor executed.");
+        return false;
+    }
+    if (m_gaveRows && m_work && m_work->prepared) return false;
+    if (m_overtaken) {
+        throw Error("24000",
+                    "The rows were closed by what came next on the connection, before anybody "
+                    "asked for them.",
+                    native::kMisuse);
+    }
+    return true;
 }
 
 const std::vector<Column>& Statement::columns() {
     static const std::vector<Column> kNone;
     if (hasCursor()) return *askedCursor().described;
-    if (m_work && m_work->prepared && !isOver()) return requireProgram().columns();
-    if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
-    return kNone;
+    return isOver() ? kNone : requireProgram().columns();
 }
 
 int Statement::columnCount() {
     if (hasCursor()) return static_cast<int>(askedCursor().described->size());
-    if (m_work && m_work->prepared && !isOver()) return requireProgram().columnCount();
-    if (!m_executed) throw sequenceError("The statement is neither prepared nor executed.");
-    return 0;
+    return isOver() ? 0 : requireProgram().columnCount();
 }
 
 SQLULEN Statement::rowNumber() const noexcept {

@@ -74,6 +74,7 @@ void Statement::openRows(std::unique_ptr<ResultSet> rows) {
     if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
     m_work = std::make_unique<Work>();
     m_work->rows = std::move(rows);
+    m_overtaken = false;
     m_rowCount = -1;
     m_executed = true;
     watchRows();
@@ -81,7 +82,7 @@ void Statement::openRows(std::unique_ptr<ResultSet> rows) {
 
 SQLRETURN Statement::run() {
     Work& work = *m_work;
-    m_executed = m_gaveRows = false;
+    m_executed = m_gaveRows = m_overtaken = false;
     m_rowCount = -1;
 
     checkParameters();
@@ -183,6 +184,11 @@ void Statement::closeCursor() noexcept {
     m_work->rows.reset();
     if (m_work->program) m_work->program->rewind();
     m_work->forgetRows();
+}
+
+void Statement::overtake() noexcept {
+    m_overtaken = hasCursor();
+    closeCursor();
 }
 
 void Statement::Work::forgetRows() noexcept {

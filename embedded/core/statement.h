@@ -110,6 +110,9 @@ class Statement final : public Handle {
     /// Closes the cursor, if there is one. A prepared statement can be executed again.
     void closeCursor() noexcept;
 
+    /// The same for rows that nobody has asked about and that now make way for something else.
+    void overtake() noexcept;
+
     /// Ends the handle: takes it out of its connection and of the registry.
     void drop() noexcept;
 
@@ -207,7 +210,7 @@ class Statement final : public Handle {
     Program& requireProgram() const;
     void endWork() noexcept;
     void watchRows();
-    bool isOver() const noexcept;
+    bool isOver() const;
 
     void chooseRoutes();
     bool nextRow();
@@ -226,7 +229,8 @@ class Statement final : public Handle {
     std::unique_ptr<Settings> m_settings;
     SQLLEN m_rowCount = -1;
     bool m_executed = false;
-    bool m_gaveRows = false;  ///< the last execution
+    bool m_gaveRows = false;   ///< the last execution
+    bool m_overtaken = false;  ///< and they were closed before anybody asked
     std::atomic<bool> m_running = false;
 };
 

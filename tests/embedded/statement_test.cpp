@@ -109,6 +109,8 @@ TEST_F(StatementTest, RowsNobodyAskedForBlockNothing) {
     EXPECT_EQ(SQL_SUCCESS, cte.run("WITH w AS (SELECT * FROM t) SELECT * FROM w"));
     EXPECT_EQ(SQL_SUCCESS, pragma.run("PRAGMA table_info(t)"));
     EXPECT_EQ("24000", cte.stateOf(cte.fetch()));
+    SQLSMALLINT columns = -1;
+    EXPECT_EQ("24000", cte.stateOf(RT_SQLNumResultCols(kDriver, cte.handle, &columns)));
 
     // Columns bound beforehand ask for the rows.
     SQLINTEGER value = 0;

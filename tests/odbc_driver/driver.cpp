@@ -219,8 +219,12 @@ SQLRETURN SQLEndTran(SQLSMALLINT, SQLHANDLE, SQLSMALLINT completion) {
     return simple("SQLEndTran", completion == SQL_COMMIT ? "commit" : "rollback");
 }
 
-SQLRETURN SQLPrepareW(SQLHSTMT, SQLWCHAR* text, SQLINTEGER length) {
-    return simple("SQLPrepareW", narrow(text, length));
+SQLRETURN SQLPrepareW(SQLHSTMT handle, SQLWCHAR* text, SQLINTEGER length) {
+    return answerOr("SQLPrepareW", narrow(text, length), [&] {
+        statementOf(handle).results = script().results;
+        statementOf(handle).result = 0;
+        return SQL_SUCCESS;
+    });
 }
 
 SQLRETURN SQLExecDirectW(SQLHSTMT handle, SQLWCHAR* text, SQLINTEGER length) {
