@@ -2,7 +2,8 @@
 
     from vorda import dbapi
     with dbapi.connect("shop.db") as connection:
-        connection.execute("INSERT INTO item (name, price) VALUES (?, ?)", ("nail", Decimal("0.02")))
+        connection.execute("INSERT INTO item (name, price) VALUES (?, ?)", ("nail",
+        Decimal("0.02")))
 
 This is the face; what has to be fast is in the core, vorda._statement.
 """
@@ -18,7 +19,7 @@ from decimal import Decimal
 from typing import Any, Callable, Dict, Iterable, List, Mapping, Optional, Sequence, Tuple, Type
 from uuid import UUID
 
-from . import __version__ as __version__
+from . import __version__ as __version__  # noqa: F401
 from . import _statement
 from .statements import Splitter
 
@@ -35,7 +36,8 @@ class Warning(Exception):
 
 
 class Error(Exception):
-    """What all errors of this module are. `sqlstate` and `native_code` are the driver's, or None."""
+    """What all errors of this module are. `sqlstate` and `native_code` are the driver's, or
+    None."""
 
     sqlstate: Optional[str] = None
     native_code: Optional[int] = None
@@ -73,16 +75,18 @@ class NotSupportedError(DatabaseError):
     """The database or its driver cannot do this."""
 
 
-_EXCEPTIONS = (Warning, Error, InterfaceError, DatabaseError, DataError, OperationalError, IntegrityError,
-               InternalError, ProgrammingError, NotSupportedError)
+_EXCEPTIONS = (Warning, Error, InterfaceError, DatabaseError, DataError, OperationalError,
+               IntegrityError, InternalError, ProgrammingError, NotSupportedError)
 
 # By the longest beginning of the SQLSTATE.
 _BY_STATE: Dict[str, Type[Error]] = {
     **dict.fromkeys(("22",), DataError),
     **dict.fromkeys(("23",), IntegrityError),
-    **dict.fromkeys(("08", "25006", "28", "40", "53", "54", "55", "57", "58", "HY001", "HY008", "HY013", "HYT", "HY018"),
+    **dict.fromkeys(("08", "25006", "28", "40", "53", "54", "55", "57", "58", "HY001", "HY008",
+                     "HY013", "HYT", "HY018"),
                     OperationalError),
-    **dict.fromkeys(("07", "21", "26", "3D", "3F", "42", "44", "HY009", "HY010", "HY011", "HY090"), ProgrammingError),
+    **dict.fromkeys(("07", "21", "26", "3D", "3F", "42", "44", "HY009", "HY010", "HY011", "HY090"),
+                    ProgrammingError),
     **dict.fromkeys(("0A", "HYC", "IM001"), NotSupportedError),
     **dict.fromkeys(("25", "2D", "3B", "F0", "P0", "XX"), InternalError),
     **dict.fromkeys(("24", "IM"), InterfaceError),
@@ -152,31 +156,37 @@ def _whole_microseconds(value: Any) -> datetime.datetime:
 
 _adapters: Dict[type, _Adapter] = {
     int: int, float: float, str: str.__str__, bytes: bytes, bytearray: bytes, memoryview: bytes,
-    datetime.datetime: _whole_microseconds, datetime.date: lambda value: value, datetime.time: lambda value: value,
-    Decimal: lambda value: value, UUID: str, enum.Enum: operator.attrgetter("value"),
+    datetime.datetime: _whole_microseconds, datetime.date: lambda value: value,
+    datetime.time: lambda value: value, Decimal: lambda value: value, UUID: str,
+    enum.Enum: operator.attrgetter("value"),
 }
 
 
 def register_adapter(type: type, function: _Adapter, /) -> None:
-    """Have `function` make of each value of a type, or of one derived from it, one that can be sent."""
+    """Have `function` make of each value of a type, or of one derived from it, one that can be
+    sent."""
     _adapters[type] = function
 
 
 def _adapt(value: Any, position: int) -> Any:
-    """Makes a value one of those that the core sends; called by the core for all but the plainest."""
+    """Makes a value one of those that the core sends; called by the core for all but the
+    plainest."""
     for base in type(value).__mro__:
         if base in _adapters:
             made = _adapters[base](value)
             return made if base in _PLAIN else _again(made, position)
-    if type(value).__module__ == "numpy" and hasattr(value, "item") and not getattr(value, "ndim", 1):
+    if type(value).__module__ == "numpy" and hasattr(value,
+                                                     "item") and not getattr(value, "ndim", 1):
         made = value.item()
         if isinstance(made, (bool, int, float, str, bytes)) and made == value:
             return made
-    raise ProgrammingError("Parameter %d: a value of type %s cannot be sent; register_adapter() makes it one that can"
+    raise ProgrammingError(
+        "Parameter %d: a value of type %s cannot be sent; register_adapter() makes it one that can"
                            % (position, type(value).__qualname__))
 
 
-_PLAIN = {int, float, str, bytes, bytearray, memoryview, datetime.datetime, datetime.date, datetime.time, Decimal, UUID}
+_PLAIN = {int, float, str, bytes, bytearray, memoryview, datetime.datetime, datetime.date,
+          datetime.time, Decimal, UUID}
 _SENT = (type(None), bool, int, float, str, bytes)
 
 
@@ -186,7 +196,8 @@ def _again(made: Any, position: int) -> Any:
 
 # --- named markers ------------------------------------------------------------------------------
 
-# What may hide a colon, then a marker. Dollar quotes and backslashes are read as the server reads them.
+# What may hide a colon, then a marker. Dollar quotes and backslashes are read as the server reads
+# them.
 _NAMED = re.compile(
     r"""'(?:[^']|'')*' | "(?:[^"]|"")*" | `(?:[^`]|``)*` | \[[^\]]*\] | --[^\n]* | /\*.*?\*/
     | (?P<quote>\$(?:[A-Za-z_]\w*)?\$).*?(?P=quote) | :: | (?<![\w:]):(?P<name>[A-Za-z_]\w*)""",
@@ -207,12 +218,14 @@ def _plain_markers(sql: str) -> Tuple[str, Tuple[str, ...]]:
 
 
 def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
-    """The statement and its values for plain markers; called by the core for what is no tuple or list."""
+    """The statement and its values for plain markers; called by the core for what is no tuple or
+    list."""
     if isinstance(given, Mapping):
         text, names = _plain_markers(sql)
         missing = [name for name in names if name not in given]
         if missing:
-            raise ProgrammingError("The statement has the marker :%s, for which there is no value" % missing[0])
+            raise ProgrammingError("The statement has the marker :%s, for which there is no value"
+                                   % missing[0])
         return text, tuple(given[name] for name in names)
     if isinstance(given, (str, bytes, bytearray, memoryview)) or not hasattr(given, "__getitem__"):
         raise ProgrammingError("The parameters are a %s: they must be a sequence or a mapping"
@@ -224,7 +237,8 @@ def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
 
 
 class Row(tuple):
-    """A row whose values can also be had by name. As row_factory it makes all rows of a cursor or connection such."""
+    """A row whose values can also be had by name. As row_factory it makes all rows of a cursor or
+    connection such."""
 
     __slots__ = ()
     _fields: Tuple[str, ...] = ()
@@ -263,7 +277,8 @@ class Row(tuple):
 
 @functools.lru_cache(maxsize=128)
 def _row_type(names: Tuple[str, ...]) -> type:
-    return type("Row", (Row,), {"__slots__": (), "__new__": tuple.__new__, "_fields": names, "__module__": __name__})
+    return type("Row", (Row,), {"__slots__": (), "__new__": tuple.__new__, "_fields": names,
+                                "__module__": __name__})
 
 
 def _row_again(names: Tuple[str, ...], values: Tuple[Any, ...]) -> Any:
@@ -291,7 +306,8 @@ def _log(operation: str, values: int, rows: int, seconds: float, failed: bool) -
                   "failed" if failed else "query" if rows < 0 else "%d rows" % rows, seconds * 1e3)
 
 
-_PROCEDURE = re.compile(r"""(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\])(?:\.(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\]))*""")
+_PROCEDURE = re.compile(
+    r"""(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\])(?:\.(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\]))*""")
 
 
 class Cursor(_statement.Cursor):
@@ -300,13 +316,14 @@ class Cursor(_statement.Cursor):
     __slots__ = ()
 
     def callproc(self, name: str, parameters: Sequence[Any] = (), /) -> List[Any]:
-        """Call a stored procedure. Its rows are then there to be fetched. Returns the parameters."""
+        """Call a stored procedure. Its rows are then there to be fetched. Returns the
+        parameters."""
         if not _PROCEDURE.fullmatch(name):
             raise ProgrammingError("%r is no name of a procedure" % name)
         markers = ", ".join("?" * len(parameters))
         is_sqlite = self.connection._is_sqlite
-        self.execute("EXECUTE %s %s" % (name, markers) if is_sqlite else "{CALL %s(%s)}" % (name, markers),
-                     tuple(parameters))
+        self.execute("EXECUTE %s %s" % (name, markers) if is_sqlite
+                     else "{CALL %s(%s)}" % (name, markers), tuple(parameters))
         return list(parameters)
 
     def executescript(self, script: str, /) -> "Cursor":
@@ -373,14 +390,15 @@ def connect(connection_string: Optional[str] = None, /, *, autocommit: bool = Fa
             timeout: Optional[float] = None, **keys: object) -> Connection:
     """Connect to a database.
 
-    The connection string is the provider's, or the path of a SQLite file, or ":memory:". Keys are added to it:
-    connect(Database="shop.db"). Without autocommit, changes are made to last by commit(). A statement that takes
-    longer than `timeout` seconds is ended.
+    The connection string is the provider's, or the path of a SQLite file, or ":memory:". Keys are
+    added to it: connect(Database="shop.db"). Without autocommit, changes are made to last by
+    commit(). A statement that takes longer than `timeout` seconds is ended.
     """
     parts = []
     if connection_string:
         is_path = "=" not in connection_string
-        parts.append("Database=" + _quoted(connection_string) if is_path else connection_string.rstrip("; "))
+        parts.append("Database=" + _quoted(connection_string) if is_path
+                     else connection_string.rstrip("; "))
     parts.extend("%s=%s" % (key, _quoted(value)) for key, value in keys.items())
     if not parts:
         raise ProgrammingError("connect() needs a connection string, a path or keys")

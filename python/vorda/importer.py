@@ -134,13 +134,14 @@ class Importer:
             warnings.simplefilter("error", RuntimeWarning)  # of a value that would be changed
             progress = Progress(out, file) if file.seekable() else None
             lines = records(lines_of(file))
-            header = next(lines, (0, [None]))[1]
-            if header == [None]:
+            header = next(lines, (0, []))[1]
+            if header in ([], [None]):
                 raise ImportFailed("the file has no header line")
             return self.insert(self.target(table, header), lines, progress)
 
     def ask(self, sql: str, *parameters: Any) -> List[Any]:
-        return self.interrupts.call(lambda: list(self.connection.execute(sql, *parameters)))
+        return list(self.interrupts.call(
+            lambda: list(self.connection.execute(sql, *parameters))))
 
     def target(self, table: str, header: Fields) -> Target:
         dialect = self.interrupts.call(dialect_of, self.connection)

@@ -284,8 +284,8 @@ class Session:
             where = " AND lower(%s) = lower(?)" % column if names else ""
             try:
                 entries = self.ask(
-                    "SELECT %s, length(%s) FROM %s WHERE length(%s) > 0%s ORDER BY %s" % (
-                    key_column, text, table, text, where, key_column), names)
+                    "SELECT %s, length(%s) FROM %s WHERE length(%s) > 0%s ORDER BY %s"
+                    % (key_column, text, table, text, where, key_column), names)
             except zelqa.Error:
                 if table != "sys_procedures":  # which is there once there was a procedure
                     raise

@@ -15,7 +15,8 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 CLEAN = pathlib.Path(os.environ["VORDA_CLEAN"])
 (SDIST,) = glob.glob(os.path.join(os.environ["VORDA_DIST"], "*.tar.gz"))
 (WHEEL,) = glob.glob(os.path.join(os.environ["VORDA_DIST"], "*.whl"))
-VERSION = re.search(r"project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text()).group(1)
+VERSION = re.search(r"project\(\w+ VERSION ([\d.]+)",
+                    (ROOT / "CMakeLists.txt").read_text()).group(1)
 LIBRARIES = ("libvordart.x64.so.6", "libvordart-compat.x64.so.6",
              "zelqa" + sysconfig.get_config_var("EXT_SUFFIX"))
 
@@ -26,7 +27,8 @@ def contents(path):
 
 
 def run(*arguments):
-    """Runs something in an empty folder of the clean environment, with nothing of ours in the environment."""
+    """Runs something in an empty folder of the clean environment, with nothing of ours in the
+    environment."""
     bare = {"PATH": os.environ["PATH"], "HOME": str(CLEAN), "LC_ALL": "C.UTF-8"}
     done = subprocess.run(arguments, cwd=CLEAN, env=bare, stdout=subprocess.PIPE, timeout=120,
                           stderr=subprocess.STDOUT, universal_newlines=True)
@@ -55,7 +57,8 @@ def test_sdist_and_tree_give_the_same_wheel():
 def test_the_sdist_holds_what_it_takes_and_no_waste():
     with tarfile.open(SDIST) as sdist:
         names = {name.split("/", 1)[1] for name in sdist.getnames()}
-    assert {"CHANGELOG.md", "LICENSE", "README.md", "dev", "tests/CMakeLists.txt", "embedded/exports.map"} <= names
+    assert {"CHANGELOG.md", "LICENSE", "README.md", "dev", "tests/CMakeLists.txt",
+            "embedded/exports.map"} <= names
     assert not [name for name in names if re.search(r"^build|(^|/)\.|__pycache__|\.so\b", name)]
 
 
@@ -64,8 +67,8 @@ def test_libraries_need_only_run_time_packages_and_show_no_folder(name):
     (path,) = CLEAN.glob("lib/python*/site-packages/vorda/" + name)
     dynamic = run("readelf", "-d", str(path))
     needed = set(re.findall(r"NEEDED.*\[(.*)\]", dynamic))
-    assert needed <= {"libsqlite3.so.0", "libstdc++.so.6", "libgcc_s.so.1", "libm.so.6", "libc.so.6",
-                      "ld-linux-x86-64.so.2"}
+    assert needed <= {"libsqlite3.so.0", "libstdc++.so.6", "libgcc_s.so.1", "libm.so.6",
+                      "libc.so.6", "ld-linux-x86-64.so.2"}
     assert "RPATH" not in dynamic and "RUNPATH" not in dynamic
     assert not re.search(r"\.(symtab|debug_info)\b", run("readelf", "-S", "-W", str(path)))
     assert str(ROOT).encode() not in path.read_bytes()
@@ -80,7 +83,8 @@ def test_a_session_in_the_clean_environment():
         connection.execute("CREATE TABLE t (x TEXT)")
         connection.execute("INSERT INTO t VALUES (?)", ("ü",))
         print(vorda.__version__, connection.execute("SELECT * FROM t").fetchall())
-        print(*{line.split(maxsplit=5)[5] for line in open("/proc/self/maps") if "vorda" in line})""")
+        maps = [line.split(maxsplit=5) for line in open("/proc/self/maps") if "vorda" in line]
+        print(*{fields[5] for fields in maps})""")
     assert output.startswith("%s [('ü')]\n" % VERSION)
     assert output.count(str(CLEAN)) == len(LIBRARIES) and str(ROOT) not in output
     if (ROOT / "python" / "vorda" / "__main__.py").exists():

@@ -1,10 +1,12 @@
 """What a batch holds, and the book that a writer keeps about its batches.
 
-A batch is a number; version 0 of it is nothing, and its rows in any other version follow from the seed, so that
-everyone can tell what has to be in the database. A writer notes each step from one version to another before it
-takes it, and how it went afterwards, in a file outside the database that survives its death:
+A batch is a number; version 0 of it is nothing, and its rows in any other version follow from the
+seed, so that everyone can tell what has to be in the database. A writer notes each step from one
+version to another before it takes it, and how it went afterwards, in a file outside the database
+that survives its death:
 
-    about BATCH OLD NEW | is BATCH VERSION | found BATCH VERSION (by the successor of a writer that was killed)
+    about BATCH OLD NEW | is BATCH VERSION | found BATCH VERSION (by the successor of a writer that
+    was killed)
 """
 
 import collections
@@ -13,8 +15,10 @@ import os
 import random
 
 TABLE = (
-    "CREATE TABLE entry (batch INTEGER NOT NULL, n INTEGER NOT NULL, version INTEGER NOT NULL CHECK (version > 0),"
-    " size INTEGER NOT NULL, number INTEGER, text TEXT, real REAL, moment TIMESTAMP, PRIMARY KEY (batch, n))"
+    "CREATE TABLE entry (batch INTEGER NOT NULL, n INTEGER NOT NULL, version INTEGER NOT NULL "
+    "CHECK (version > 0),"
+    " size INTEGER NOT NULL, number INTEGER, text TEXT, real REAL, moment TIMESTAMP, PRIMARY KEY "
+    "(batch, n))"
 )
 # Parts of batches: in no committed state of the file may this find any.
 PARTS = (
@@ -32,8 +36,10 @@ def rows_of(seed, batch, version):
     rows = []
     for n in range(size):
         text = "".join(rng.choices("a'é;?李\U0001F600\n", k=rng.randrange(1, 25)))
-        moment = datetime.datetime(1900, 1, 1) + datetime.timedelta(0, rng.randrange(6 * 10**9), n % 3)
-        rows.append((batch, n, version, size, rng.getrandbits(64) - 2**63, text, rng.uniform(-1e9, 1e9), moment))
+        moment = datetime.datetime(1900, 1, 1) + datetime.timedelta(0, rng.randrange(6 * 10**9),
+                                                                    n % 3)
+        rows.append((batch, n, version, size, rng.getrandbits(64) - 2**63, text,
+                     rng.uniform(-1e9, 1e9), moment))
     return rows
 
 
@@ -70,4 +76,5 @@ class Ledger:
         allowed = {batch: [version] for batch, version in self.versions.items()}
         if self.doubt:
             allowed[self.doubt[0]] = self.doubt[1:]
-        return {batch: [rows_of(seed, batch, v) for v in versions] for batch, versions in allowed.items()}
+        return {batch: [rows_of(seed, batch, v) for v in versions]
+                for batch, versions in allowed.items()}

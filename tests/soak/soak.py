@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
 """The soak: `soak.py [minutes] [--seed N]`, on the embedded runtime and the standard library alone.
 
-Eight processes (worker.py) work on two files, one with a rollback journal and one with a write-ahead log. Four of
-them are killed at random with SIGKILL, and others take their places and their ledgers (ledger.py). In the end each
-batch of which a ledger says that it was stored has to be there whole and with its content, no other may be, and a
-step during which a writer was killed must have happened whole or not at all. The other four live to the end, two of
-them on one and the same connection, and must not have grown.
+Eight processes (worker.py) work on two files, one with a rollback journal and one with a
+write-ahead log. Four of them are killed at random with SIGKILL, and others take their places and
+their ledgers (ledger.py). In the end each batch of which a ledger says that it was stored has to be
+there whole and with its content, no other may be, and a step during which a writer was killed must
+have happened whole or not at all. The other four live to the end, two of them on one and the same
+connection, and must not have grown.
 """
 
 import argparse
@@ -27,13 +28,15 @@ from ledger import TABLE, Ledger
 from worker import PROCEDURES, connect
 
 FILES = ("rollback", "wal")
-MORTAL, SLOTS = range(4), range(8)  # an even slot works on the first file; the last two stay connected
+# an even slot works on the first file; the last two stay connected
+MORTAL, SLOTS = range(4), range(8)
 STAYING = SLOTS[-2:]
 TEXT = "This is no database. " * 100
 
-WARM = 1000  # operations; by then a process has done everything often, and the caches of SQLite are full
-# What a process may have gained between the medians of two quarters of its samples. A statement without rows keeps
-# its handle, of less than 200 bytes, until the connection ends.
+# operations; by then a process has done everything often, and the caches of SQLite are full
+WARM = 1000
+# What a process may have gained between the medians of two quarters of its samples. A statement
+# without rows keeps its handle, of less than 200 bytes, until the connection ends.
 TOLERANCE = {"KiB": 2048, "blocks": 3000, "files": 3}
 KIB_PER_OPERATION_OF_STAYING = 1.8
 
@@ -59,10 +62,12 @@ class Soak:
 
     def start(self, slot):
         self.started += 1
-        arguments = (self.folder, FILES[slot % 2], self.seed, slot, self.started, slot in STAYING, self.seconds / 100)
+        arguments = (self.folder, FILES[slot % 2], self.seed, slot, self.started, slot in STAYING,
+                     self.seconds / 100)
         script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "worker.py")
         with open("%s/errors-%d" % (self.folder, slot), "a") as errors:
-            self.processes[slot] = subprocess.Popen([sys.executable, script, *map(str, arguments)], stderr=errors)
+            self.processes[slot] = subprocess.Popen([sys.executable, script, *map(str, arguments)],
+                                                    stderr=errors)
 
     def expect(self, right, fault):
         if not right:
@@ -71,7 +76,8 @@ class Soak:
     def watch(self):
         """Whether all is well: nobody has ended on its own."""
         for slot, process in self.processes.items():
-            self.expect(not process.poll(), "process %d ended with status %s" % (slot, process.returncode))
+            self.expect(not process.poll(),
+                        "process %d ended with status %s" % (slot, process.returncode))
         return not self.faults
 
     def run(self):
@@ -89,7 +95,8 @@ class Soak:
                 self.kill(slot)
             for process in self.processes.values():
                 process.terminate()
-            while self.watch() and any(process.returncode is None for process in self.processes.values()):
+            while self.watch() and any(process.returncode is None
+                                       for process in self.processes.values()):
                 time.sleep(0.1)
         finally:
             for slot in list(self.processes):
@@ -100,7 +107,7 @@ class Soak:
         process.kill()
         self.kills += process.wait() == -signal.SIGKILL
 
-    # --- afterwards ----------------------------------------------------------------------------------------
+    # --- afterwards -------------------------------------------------------------------------------
 
     def check_files(self):
         ledgers = {slot: Ledger("%s/ledger-%d" % (self.folder, slot)) for slot in SLOTS}
@@ -114,18 +121,22 @@ class Soak:
             connect(path).execute("SELECT count(*) FROM entry").fetchall()
             other = sqlite3.connect(path)
             self.compare(name, allowed, other.execute("SELECT * FROM entry ORDER BY batch, n"))
-            self.expect(other.execute("PRAGMA integrity_check").fetchall() == [("ok",)], "%s is damaged" % name)
+            self.expect(other.execute("PRAGMA integrity_check").fetchall() == [("ok",)],
+                        "%s is damaged" % name)
             other.close()
         with open(self.folder + "/text.db") as file:
             self.expect(file.read() == TEXT, "a file that is no database was changed")
         for name in ("missing", "absent.db"):
-            self.expect(not os.path.exists(os.path.join(self.folder, name)), "a failed connect made " + name)
+            self.expect(not os.path.exists(os.path.join(self.folder, name)),
+                        "a failed connect made " + name)
 
     def compare(self, what, allowed, rows):
-        stored = {batch: list(group) for batch, group in itertools.groupby(rows, lambda row: row[0])}
+        stored = {batch: list(group)
+                  for batch, group in itertools.groupby(rows, lambda row: row[0])}
         for batch in sorted(stored.keys() | allowed.keys()):
             found = stored.get(batch, [])
-            right = [[(*row[:-1], str(row[-1])) for row in rows] for rows in allowed.get(batch, [[]])]
+            right = [[(*row[:-1], str(row[-1])) for row in rows]
+                     for rows in allowed.get(batch, [[]])]
             self.expect(found in right, "%s: batch %d has %d rows, where the ledger says %s" % (
                 what, batch, len(found), [len(rows) for rows in right]))
 
@@ -137,7 +148,8 @@ class Soak:
             samples = [sample for sample in samples[len(samples) // 4:] if sample[0] >= WARM]
             quarter = len(samples) // 4
             if not quarter:
-                print("process %d: too few operations to judge; it has to do %d to be warm" % (slot, WARM))
+                print("process %d: too few operations to judge; it has to do %d to be warm"
+                      % (slot, WARM))
                 continue
             first, last = ([statistics.median(column) for column in list(zip(*part))[:4]]
                            for part in (samples[:quarter], samples[-quarter:]))
@@ -163,7 +175,8 @@ def main():
     parser.add_argument("--seed", type=int, default=random.randrange(10**6))
     options = parser.parse_args()
     folder = tempfile.mkdtemp(prefix="soak-")
-    print("soak: %g minutes, --seed %d, in %s" % (options.minutes, options.seed, folder), flush=True)
+    print("soak: %g minutes, --seed %d, in %s" % (options.minutes, options.seed, folder),
+          flush=True)
     prepare(folder)
     soak = Soak(folder, options.seed, options.minutes * 60)
     soak.run()

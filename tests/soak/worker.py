@@ -19,18 +19,21 @@ from ledger import PARTS, Ledger, rows_of
 from vorda import zelqa
 
 PUT = "INSERT INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?)"
-CHANGE = "UPDATE entry SET version = ?, number = ?, text = ?, real = ?, moment = ? WHERE batch = ? AND n = ?"
+CHANGE = ("UPDATE entry SET version = ?, number = ?, text = ?, real = ?, moment = ?"
+          " WHERE batch = ? AND n = ?")
 # The third value can make the statement fail while it runs: there is no absolute value of -2^63.
 ERASE = "DELETE FROM entry WHERE batch = ? AND n = ? AND abs(?)"
 CLEAR = ("DELETE FROM entry WHERE batch = ?1 AND n < ?2; DELETE FROM entry WHERE batch = ?1;"
          " SELECT count(*), abs(?3) FROM entry WHERE batch = ?1")
 READ = "SELECT * FROM entry WHERE batch = ?1 ORDER BY n"
 CALLS, PROCEDURES = {}, []
-for name, sql in {"put": PUT, "change": CHANGE, "erase": ERASE, "clear": CLEAR, "read": READ}.items():
+for name, sql in {"put": PUT, "change": CHANGE, "erase": ERASE, "clear": CLEAR,
+                  "read": READ}.items():
     numbers = itertools.count(1)
     body = re.sub(r"\?(\d?)", lambda mark: "$p" + (mark[1] or str(next(numbers))), sql)
     count = max(map(int, re.findall(r"\$p(\d)", body)))
-    PROCEDURES.append("%s (%s) AS %s" % (name, ", ".join("p%d" % (n + 1) for n in range(count)), body))
+    PROCEDURES.append("%s (%s) AS %s"
+                      % (name, ", ".join("p%d" % (n + 1) for n in range(count)), body))
     CALLS[sql] = "EXEC %s %s" % (name, ", ".join("?" * count))
 
 HANG = 90  # seconds; no lock is waited for as long as that
@@ -90,7 +93,8 @@ def spoiled(rng, sql, sets):
 
 class Worker:
     def __init__(self, folder, name, seed, slot, generation, stays):
-        self.folder, self.path, self.seed, self.stays = folder, os.path.join(folder, name + ".db"), seed, stays
+        self.folder, self.path, self.seed, self.stays = folder, os.path.join(folder, name
+                                                                             + ".db"), seed, stays
         self.rng = random.Random("%d %d %d" % (seed, slot, generation))
         self.slot, self.done = slot, 0
         self.ledger = Ledger("%s/ledger-%d" % (folder, slot))
@@ -106,7 +110,8 @@ class Worker:
         for version in versions:
             if rows == rows_of(self.seed, batch, version):
                 return self.ledger.note("found", batch, version)
-        raise Fault("batch %d is neither as before nor as after the step %s: %d rows" % (batch, versions, len(rows)))
+        raise Fault("batch %d is neither as before nor as after the step %s: %d rows"
+                    % (batch, versions, len(rows)))
 
     def rows_stored(self, batch):
         """The rows of a batch, by any way of fetching."""
@@ -116,10 +121,11 @@ class Worker:
         else:
             cursor.execute(READ.replace("?1", "@b"), {"b": batch})
         rows = self.rng.choice((
-            cursor.fetchall, lambda: cursor, lambda: cursor.fetchmany(10000), lambda: iter(cursor.fetchone, None)))()
+            cursor.fetchall, lambda: cursor, lambda: cursor.fetchmany(10000),
+            lambda: iter(cursor.fetchone, None)))()
         return [tuple(row) for row in rows]
 
-    # --- operations ----------------------------------------------------------------------------------------
+    # --- operations -------------------------------------------------------------------------------
 
     def write(self):
         """One step of one batch, by one of the ways to take it."""
@@ -144,7 +150,8 @@ class Worker:
             (True, self.in_transaction, sql, sets, "COMMIT"),
             (False, self.in_transaction, sql, sets, "ROLLBACK"),
             (False, self.in_transaction, sql, sets, None),
-            *((False, self.refuse, "", self.run, each, spoiled(rng, sql, sets)) for each in (sql, doomed, CALLS[sql])),
+            *((False, self.refuse, "", self.run, each, spoiled(rng, sql, sets))
+              for each in (sql, doomed, CALLS[sql])),
         ))
         self.ledger.note("about", batch, old, new)
         done = False
@@ -165,7 +172,8 @@ class Worker:
             raise Fault("wrong row count")
 
     def in_transaction(self, sql, sets, end):
-        """The work in parts, failing ones among them; without an end on a connection that is closed or forgotten."""
+        """The work in parts, failing ones among them; without an end on a connection that is closed
+        or forgotten."""
         rng, connection = self.rng, self.connection if end else connect(self.path, 1)
         cursor = connection.cursor()
         cursor.execute(rng.choice(("BEGIN", "BEGIN IMMEDIATE", "BEGIN EXCLUSIVE")))
@@ -205,7 +213,8 @@ class Worker:
                 raise Fault("batch %d is not as it was stored" % batch)
 
     def audit(self):
-        """What others do at the same time is seen whole or not at all, and not at all inside a transaction."""
+        """What others do at the same time is seen whole or not at all, and not at all inside a
+        transaction."""
         cursor, sums = self.connection.cursor(), []
         cursor.execute("BEGIN")
         try:
@@ -213,7 +222,8 @@ class Worker:
                 parts = cursor.execute(PARTS).fetchall()
                 if parts:
                     raise Fault("parts of batches: %s" % [tuple(row) for row in parts])
-                sums.append(tuple(cursor.execute("SELECT count(*), total(number) FROM entry").fetchone()))
+                cursor.execute("SELECT count(*), total(number) FROM entry")
+                sums.append(tuple(cursor.fetchone()))
         finally:
             cursor.execute("ROLLBACK")
         if sums[0] != sums[1]:
@@ -222,7 +232,8 @@ class Worker:
     def abandon(self):
         """Half-read rows, of which some are on connections that are never closed."""
         connection = connect(self.path) if self.rng.random() < 0.3 else self.connection
-        cursor = connection.execute("SELECT * FROM entry WHERE n >= ? LIMIT 3000", (self.rng.randrange(3),))
+        cursor = connection.execute("SELECT * FROM entry WHERE n >= ? LIMIT 3000",
+                                    (self.rng.randrange(3),))
         cursor.fetchmany(self.rng.choice((1, 10, 1000)))
         self.left = self.left[-1:] + [cursor]
 

@@ -39,14 +39,16 @@ def test_values_come_back_as_they_went_in(connection, declared, values):
         connection.execute("INSERT INTO t VALUES (?, ?)", pair)
     cursor = connection.execute("SELECT x FROM t ORDER BY i")
     back = [row[0] for row in cursor]
-    assert back == values and [type(value) for value in back] == [type(value) for value in values]
-    assert cursor.description[0][0] == "x" and cursor.description[0][1] is type(values[0])
+    assert back == values and list(map(type, back)) == list(map(type, values))
+    assert cursor.description[0][0] == "x" and type(values[0]) is cursor.description[0][1]
     assert connection.execute("SELECT count(*) FROM t WHERE x = ?", values[:1]).fetchone() >= (1,)
 
 
 @pytest.mark.parametrize("given, sent", [
-    (Colour.RED, "red"), (Size.BIG, 3), (bytearray(b"x"), b"x"), (memoryview(b"xyz")[1:], b"yz"), (Decimal("1.5"), 1.5),
-    (uuid.UUID(int=1), str(uuid.UUID(int=1))), (type("T", (str,), {})("t"), "t"), (type("B", (bytes,), {})(b"b"), b"b"),
+    (Colour.RED, "red"), (Size.BIG, 3), (bytearray(b"x"), b"x"), (memoryview(b"xyz")[1:], b"yz"),
+    (Decimal("1.5"), 1.5),
+    (uuid.UUID(int=1), str(uuid.UUID(int=1))), (type("T", (str,), {})("t"), "t"),
+    (type("B", (bytes,), {})(b"b"), b"b"),
 ])
 def test_other_types_are_sent_as_what_they_stand_for(connection, given, sent):
     assert connection.execute("SELECT ?", (given,)).fetchone() == (sent,)
@@ -79,7 +81,8 @@ def test_an_adapter_serves_a_type_and_those_derived_from_it(connection, monkeypa
 
 
 @pytest.mark.parametrize("parameters, row", [
-    ((1, "x"), (1, ":a", "x")), ([1, "x"], (1, ":a", "x")), ({"a": 1, "b": "x", "c": 0}, (1, ":a", "x")),
+    ((1, "x"), (1, ":a", "x")), ([1, "x"], (1, ":a", "x")),
+    ({"a": 1, "b": "x", "c": 0}, (1, ":a", "x")),
 ])
 def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
     markers = ":a, ':a', :b -- :c" if isinstance(parameters, dict) else "?, ':a', ? -- ?"
@@ -87,7 +90,8 @@ def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
 
 
 @pytest.mark.parametrize("parameters, words", [
-    ((), "1 parameter marker.*0 value"), ((1, 2), "1 parameter marker.*2 value"), ("x", "are a str"), ({1}, "are a set"),
+    ((), "1 parameter marker.*0 value"), ((1, 2), "1 parameter marker.*2 value"),
+    ("x", "are a str"), ({1}, "are a set"),
 ])
 def test_parameters_that_do_not_fit_are_refused(connection, parameters, words):
     with pytest.raises(dbapi.ProgrammingError, match=words):

@@ -2,10 +2,10 @@
 
     allocation_walk.py one|rest [OPERATION [NUMBER]]
 
-"one" fails a single request, "rest" that one and all behind it. Either the operation reports the lack
-of memory and has done nothing, or it is done whole; then the same connection does it well, and nothing
-is left behind. Each operation runs in a child, so that a crash is one finding and the walk goes on
-behind it. NUMBER fails that request alone and in this process, for a debugger.
+"one" fails a single request, "rest" that one and all behind it. Either the operation reports the
+lack of memory and has done nothing, or it is done whole; then the same connection does it well, and
+nothing is left behind. Each operation runs in a child, so that a crash is one finding and the walk
+goes on behind it. NUMBER fails that request alone and in this process, for a debugger.
 
 The interpreter takes all memory from the allocator (PYTHONMALLOC=malloc), so that its raw, mem and
 object requests are among those that fail.
@@ -24,7 +24,8 @@ import tempfile
 import traceback
 import warnings
 
-import decimal  # noqa: F401  what the module imports is there before: the walk is not through imports
+# What the module imports is there before: the walk is not through imports.
+import decimal  # noqa: F401
 import uuid  # noqa: F401
 
 from vorda import zelqa
@@ -48,7 +49,8 @@ ALL = "SELECT * FROM t"
 
 SETUP = [
     "PRAGMA synchronous = OFF",
-    "CREATE TABLE t (k INTEGER PRIMARY KEY, s VARCHAR(9), l TEXT NOT NULL DEFAULT '', i INT, b BIGINT,"
+    "CREATE TABLE t (k INTEGER PRIMARY KEY, s VARCHAR(9), l TEXT NOT NULL DEFAULT '', i INT, b "
+    "BIGINT,"
     " f REAL, t BOOLEAN, dt TIMESTAMP, d DATE, tm TIME, n DECIMAL(9,2))",
     "CREATE TABLE log (what TEXT)",
     "CREATE PROCEDURE put (s VARCHAR, i INT) AS INSERT INTO log VALUES ($s); INSERT INTO log VALUES"
@@ -102,9 +104,10 @@ class World:
         return len(os.listdir("/proc/self/fd")) > self.files
 
 
-# What runs under the failing allocator, what goes before and behind it, and the state that a failure may
-# leave: "failed", as if it had not run; also "done", where reading the rows fails behind the effect; also
-# "none", where SQLite gives up the whole transaction, as it may for want of memory.
+# What runs under the failing allocator, what goes before and behind it, and the state that a
+# failure may leave: "failed", as if it had not run; also "done", where reading the rows fails
+# behind the effect; also "none", where SQLite gives up the whole transaction, as it may for want of
+# memory.
 Operation = collections.namedtuple("Operation", "run before after failed",
                                    defaults=(None, None, "failed"))
 
@@ -170,7 +173,8 @@ OPERATIONS = {
     "connect": Operation(connect),
     "insert": Operation(lambda w: w.cursor.execute(INSERT, VALUES).rowcount),
     "named": Operation(lambda w: w.cursor.execute(NAMED, dict(zip(NAMES, VALUES))).rowcount),
-    "direct": Operation(lambda w: w.cursor.execute("INSERT INTO log VALUES ('%s')" % LONG).rowcount),
+    "direct": Operation(lambda w: w.cursor.execute("INSERT INTO log VALUES ('%s')"
+                                                   % LONG).rowcount),
     "select": Operation(lambda w: w.cursor.execute(QUERY, 1, "").description),
     "select again": Operation(lambda w: w.cursor.execute(QUERY, 1, "").description, query),
     "fetchall": Operation(fetch, query),
@@ -191,7 +195,8 @@ OPERATIONS = {
     "expressions": Operation(lambda w: w.cursor.execute(
         "SELECT count(*) c, sum(n), max(s), l || s FROM t GROUP BY l ORDER BY k") and fetch(w)),
     "long cells": Operation(
-        lambda w: w.cursor.execute("SELECT hex(zeroblob(600)), printf('%.1000c', 'x')") and fetch(w)),
+        lambda w: w.cursor.execute("SELECT hex(zeroblob(600)), printf('%.1000c', 'x')")
+        and fetch(w)),
     "listing": Operation(lambda w: w.cursor.execute("SELECT * FROM sys_procedures") and fetch(w)),
 }
 
@@ -210,7 +215,8 @@ def reports_lack_of_memory(error):
 
 
 class Good:
-    """What an operation gives when nothing fails, and the states with it, without it and before it."""
+    """What an operation gives when nothing fails, and the states with it, without it and before
+    it."""
 
     def __init__(self, operation):
         self.states = {}
@@ -273,7 +279,8 @@ def check(operation, good, first, last):
 
 
 def check_memory(operation, good, first, last):
-    """The same; what is kept each time is lost, what is kept once is a cache of the interpreter's."""
+    """The same; what is kept each time is lost, what is kept once is a cache of the
+    interpreter's."""
     for _ in range(4):
         before = live()
         failed = check(operation, good, first, last)

@@ -10,9 +10,10 @@ import vorda
 from vorda import zelqa
 
 
-# Leaks are looked for in this process. Those that tests start are other programs, compilers among them, or end
-# without tidying up on purpose.
-os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "").replace("detect_leaks=1", "detect_leaks=0")
+# Leaks are looked for in this process. Those that tests start are other programs, compilers among
+# them, or end without tidying up on purpose.
+os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "").replace("detect_leaks=1",
+                                                                        "detect_leaks=0")
 
 
 def pytest_configure(config):
@@ -52,5 +53,6 @@ def stdlib(path, connection):
 def package(tmp_path):
     """A copy of the package without its runtime."""
     target = tmp_path / "python" / "vorda"
-    shutil.copytree(os.path.dirname(vorda.__file__), target, ignore=shutil.ignore_patterns("libvordart*"))
+    shutil.copytree(os.path.dirname(vorda.__file__), target,
+                    ignore=shutil.ignore_patterns("libvordart*"))
     return target

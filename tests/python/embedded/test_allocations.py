@@ -10,7 +10,8 @@ WALK = os.path.join(os.path.dirname(__file__), "allocation_walk.py")
 ALLOCATOR = os.path.join(os.environ.get("VORDA_BUILD", ""), "faults", "libfailing_allocator.so")
 
 
-@pytest.mark.skipif(not os.path.exists(ALLOCATOR), reason="the failing allocator is built for one interpreter")
+@pytest.mark.skipif(not os.path.exists(ALLOCATOR),
+                    reason="the failing allocator is built for one interpreter")
 @pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""),
                     reason="the sanitizer's allocator takes the requests itself")
 @pytest.mark.parametrize("failing", ["one", "rest"])

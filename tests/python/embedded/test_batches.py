@@ -28,7 +28,8 @@ def test_all_rows_are_stored_as_they_are(table, stdlib, rows_of):
         assert table.executemany("INSERT INTO t VALUES (?, ?, ?, ?)", rows_of(rows)) is table
     assert table.rowcount == 2000
     assert stored(stdlib, "*") == rows
-    assert stored(stdlib, "DISTINCT typeof(b), typeof(c), typeof(d)") == [("text", "real", "integer")]
+    assert stored(stdlib,
+                  "DISTINCT typeof(b), typeof(c), typeof(d)") == [("text", "real", "integer")]
 
 
 @pytest.mark.parametrize(

@@ -1,5 +1,6 @@
-"""Connections that meet the end of a process, or a second one: exits with live objects, forks, interpreters
-beside the main one. What is written is there whole, and nobody's file comes to harm."""
+"""Connections that meet the end of a process, or a second one: exits with live objects, forks,
+interpreters beside the main one. What is written is there whole, and nobody's file comes to
+harm."""
 
 import sqlite3
 import subprocess
@@ -28,7 +29,8 @@ def refused(operation, text="opened before this process was forked"):
 
 
 def run(path, *pieces, status=0):
-    """Runs a program made of pieces in a process of its own, which ends with `status`; what it printed."""
+    """Runs a program made of pieces in a process of its own, which ends with `status`; what it
+    printed."""
     program = PRELUDE + "\n".join(textwrap.dedent(piece) for piece in pieces)
     done = subprocess.run([sys.executable, "-c", program, path], stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
@@ -77,7 +79,8 @@ CHILDREN = {
     "let go": "global connection, cursor; connection = cursor = None; gc.collect()",
     "use": """
         for operation in (cursor.fetchone, cursor.fetchall, lambda: write(connection),
-                          lambda: connection.execute("ROLLBACK"), lambda: cursor.execute("SELECT ?", 1),
+                          lambda: connection.execute("ROLLBACK"),
+                          lambda: cursor.execute("SELECT ?", 1),
                           lambda: cursor.executemany("INSERT INTO t VALUES (?, ?)", [(0, "")]),
                           lambda: cursor.callproc("p", (1,))):
             refused(operation)""",
@@ -112,7 +115,8 @@ def test_child_with_a_connection_of_its_own(path):
         run(path, """
         connection = zelqa.connect(connect_string)
         connection.execute("PRAGMA journal_mode=%(journal)s")
-        connection.execute("CREATE TABLE t_%(journal)s AS SELECT 1 AS n UNION SELECT 2 UNION SELECT 3")
+        connection.execute("CREATE TABLE t_%(journal)s AS"
+                           " SELECT 1 AS n UNION SELECT 2 UNION SELECT 3")
         connection.execute("BEGIN")
         connection.execute("INSERT INTO t_%(journal)s VALUES (4)")
         child_reads, parent_writes = os.pipe()
@@ -145,7 +149,8 @@ def test_child_with_a_connection_of_its_own(path):
 ENDINGS = {  # code, exit status, rows added
     "kept by the module": ("row.description", 0, 0),
     "a circle": ("circle = [connection, cursor, row]; circle.append(circle)", 0, 0),
-    "kept by other modules": ("import builtins; builtins.kept = sys.modules['kept'] = iter(cursor)", 0, 0),
+    "kept by other modules": ("import builtins; builtins.kept = sys.modules['kept'] = iter(cursor)",
+                              0, 0),
     "an open transaction": ("connection.execute('BEGIN'); insert(2)", 0, 0),
     "an exit handler": ("atexit.register(lambda: (insert(2), connection.close()))", 0, 1),
     "a finaliser": ("""

@@ -58,7 +58,9 @@ def test_without_parameters(table, stdlib):
 
 @pytest.mark.filterwarnings("ignore:The statement has 2 ")
 def test_mistakes_name_what_is_wrong(table, stdlib):
-    table.execute("CREATE PROCEDURE two (a, b) AS INSERT INTO t (a) VALUES ($a); INSERT INTO t (a) VALUES ($b)")
+    table.execute(
+        "CREATE PROCEDURE two (a, b) AS INSERT INTO t (a) VALUES ($a); INSERT INTO t (a) VALUES "
+        "($b)")
     table.execute("BEGIN")
     for call, message in [
         (("nobody",), "no procedure 'nobody'"),

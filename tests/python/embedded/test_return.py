@@ -1,4 +1,5 @@
-"""A data source that leads the driver manager back to this module: it ends at a file, not in circles."""
+"""A data source that leads the driver manager back to this module: it ends at a file, not in
+circles."""
 
 import ctypes.util
 import os
@@ -26,7 +27,8 @@ print(*again.cursor().execute("SELECT sum(a) FROM t").fetchone())
 def test_a_data_source_that_is_this_module(tmp_path, stdlib, path, source):
     sources = tmp_path / "odbc.ini"
     sources.write_text("[back]\nDriver=%s\n" % zelqa.__file__)
-    done = subprocess.run([sys.executable, "-c", PROGRAM, "%s;Database={%s}" % (source, path)], text=True, timeout=120,
-                          env=dict(os.environ, ODBCINI=str(sources)), stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    done = subprocess.run([sys.executable, "-c", PROGRAM, "%s;Database={%s}" % (source, path)],
+                          text=True, timeout=120, env=dict(os.environ, ODBCINI=str(sources)),
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     assert (done.returncode, done.stdout) == (0, "3\n")
     assert stdlib.execute("SELECT count(*) FROM t").fetchone() == (2,)

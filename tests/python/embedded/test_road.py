@@ -9,7 +9,8 @@ from vorda import zelqa
 
 @pytest.fixture
 def people(cursor, stdlib):
-    cursor.execute("CREATE TABLE person (id INTEGER PRIMARY KEY, name TEXT NOT NULL, born DATE, height REAL)")
+    cursor.execute(
+        "CREATE TABLE person (id INTEGER PRIMARY KEY, name TEXT NOT NULL, born DATE, height REAL)")
     rows = [
         (1, "Ada", datetime.date(1815, 12, 10), 1.65),
         (2, "Žofie", datetime.date(1901, 1, 2), 1.7),
@@ -46,7 +47,8 @@ def test_description_tells_names_types_and_nullability(cursor, people):
     [
         ("SELECT name FROM person WHERE id = ? AND name = ?", (2, "Žofie")),
         ("SELECT name FROM person WHERE id = @i AND name = :n", {"i": 2, "n": "Žofie"}),
-        ("SELECT name FROM person WHERE '?' <> '\U0001F600?' AND id = ? AND name = ? -- ?", (2, "Žofie")),
+        ("SELECT name FROM person WHERE '?' <> '\U0001F600?' AND id = ? AND name = ? -- ?",
+         (2, "Žofie")),
         ("/* ? */ SELECT name FROM person WHERE name=?AND'@x'<>name AND id=:i", ("Žofie", 2)),
         ("SELECT [name], \"name\" FROM person WHERE `id` = ? AND name = ?;", (2, "Žofie")),
     ],

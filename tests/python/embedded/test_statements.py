@@ -11,7 +11,8 @@ import pytest
 from vorda import zelqa
 
 
-@pytest.mark.parametrize("separator", ["-- c\n", "/* ? */", " + 0"], ids=["lines", "blocks", "terms"])
+@pytest.mark.parametrize("separator", ["-- c\n", "/* ? */", " + 0"],
+                         ids=["lines", "blocks", "terms"])
 def test_megabyte_statements(cursor, separator):
     # SQLite's own limits: a statement of 1,000,000 bytes, an expression 1,000 levels deep.
     terms = 900 if separator == " + 0" else 900000 // len(separator)
@@ -43,7 +44,8 @@ def test_every_character_of_a_statement_arrives(cursor):
         assert cursor.execute("SELECT '%s', ?" % text, (1,)).fetchone()[0] == text
 
 
-MARKS = ["?", ":a", "@b", "'", '"', "`", "[", "]", "\\", "--", "/*", "*/", "//", "#", "\n", "\r", " x", "=", "2"]
+MARKS = ["?", ":a", "@b", "'", '"', "`", "[", "]", "\\", "--", "/*", "*/", "//", "#", "\n", "\r",
+         " x", "=", "2"]
 
 
 def filled(chance, text):
@@ -60,14 +62,16 @@ def filled(chance, text):
 
 
 def test_no_text_is_changed_without_a_warning(cursor, stdlib):
-    """What SQLite reads as a string, a name or a comment: but for a marker that is missed at the same time, which
-    is what counting cannot see."""
-    def names(described):  # that of an expression is its text; behind a marker that is found there is one space
+    """What SQLite reads as a string, a name or a comment: but for a marker that is missed at the
+    same time, which is what counting cannot see."""
+    # that of an expression is its text; behind a marker that is found there is one space
+    def names(described):
         return [column[0] for column in described.description]
     chance, told, alike = random.Random(1), 0, 0
     for _ in range(4000):
         columns = [filled(chance, chance.choice([
-            "?\t||''", "?\t||''", "'%s'", '1 AS "%s"', "2 AS [%s]", "3 AS `%s`", "1e5--%s\n", "2/**/*1"]) +
+            "?\t||''", "?\t||''", "'%s'", '1 AS "%s"', "2 AS [%s]", "3 AS `%s`", "1e5--%s\n",
+            "2/**/*1"]) +
             chance.choice(["", "", " --%s\n", " /*%s*/"])) for _ in range(chance.randint(1, 5))]
         values = ["value %d" % i for i, column in enumerate(columns) if column[0] == "?"]
         sql = "SELECT " + ", ".join(columns)
@@ -82,7 +86,8 @@ def test_no_text_is_changed_without_a_warning(cursor, stdlib):
         if sum(name.startswith("? ||") for name in names(here)) == len(values):
             there = stdlib.execute(sql, values)
             assert row == there.fetchone(), sql
-            assert ["".join(name.split()) for name in names(here)] == ["".join(n.split()) for n in names(there)], sql
+            assert ["".join(name.split()) for name in names(here)] == ["".join(n.split())
+                                                                       for n in names(there)], sql
             alike += 1
     assert told > 400 and alike > 400, (told, alike)
 
@@ -120,8 +125,10 @@ def test_memory_stays_flat_over_statements_connects_and_errors(path):
 
 
 @pytest.mark.parametrize("string, reason", [
-    ("", "Database is missing"), ("Database=", "Database is missing"), ("Mode=rw", "Database is missing"),
-    ("Database=x;Mode=rx", "'rx'"), ("Database=x;Timeout=-1", "'-1'"), ("Database=x;Timeout=5s", "'5s'"),
+    ("", "Database is missing"), ("Database=", "Database is missing"),
+    ("Mode=rw", "Database is missing"),
+    ("Database=x;Mode=rx", "'rx'"), ("Database=x;Timeout=-1", "'-1'"),
+    ("Database=x;Timeout=5s", "'5s'"),
     ("Database=x;word", "'word'"), ("=x;Database=x", "no key"), ("Database={x", "closing }"),
     ("Database={x}y", "follows"), ("Database=/nowhere/at/all.db", "/nowhere/at/all.db"),
 ])

@@ -15,10 +15,12 @@ from vorda import zelqa
     [
         ("INTEGER", [0, 1, -1, 2**31 - 1, 2**31, -(2**31), -(2**31) - 1, 2**63 - 1, -(2**63)]),
         ("REAL", [0.0, -0.5, 0.1 + 0.2, 1e308, 5e-324, math.inf, -math.inf, 2.0**53 + 2]),
-        ("TEXT", ["", "a", "é€\U0001F600\U000F1234\U0010FFFF", "x" * 2047, "é" * 1023, "'\"\\?@a:b--/*"]),
+        ("TEXT",
+         ["", "a", "é€\U0001F600\U000F1234\U0010FFFF", "x" * 2047, "é" * 1023, "'\"\\?@a:b--/*"]),
         ("DATE", [datetime.date(1, 1, 1), datetime.date(2024, 2, 29), datetime.date(9999, 12, 31)]),
         ("TIME", [datetime.time(0, 0), datetime.time(23, 59, 59)]),
-        ("TIMESTAMP", [datetime.datetime(1, 1, 1), datetime.datetime(9999, 12, 31, 23, 59, 59, 999999)]),
+        ("TIMESTAMP",
+         [datetime.datetime(1, 1, 1), datetime.datetime(9999, 12, 31, 23, 59, 59, 999999)]),
         ("BOOLEAN", [True, False]),
     ],
 )
@@ -48,7 +50,8 @@ def test_every_microsecond_survives(cursor, stdlib):
 
 
 def test_none_is_an_empty_text_and_null_is_none(cursor, stdlib):
-    cursor.execute("CREATE TABLE t (a TEXT, b INTEGER, c REAL, d DATE, e TIMESTAMP, f DECIMAL(8,2), g BOOLEAN)")
+    cursor.execute("CREATE TABLE t (a TEXT, b INTEGER, c REAL, d DATE, e TIMESTAMP,"
+                   " f DECIMAL(8,2), g BOOLEAN)")
     cursor.execute("INSERT INTO t (a) VALUES (?)", (None,))
     assert stdlib.execute("SELECT a, b FROM t").fetchall() == [("", None)]
     assert tuple(cursor.execute("SELECT * FROM t").fetchone()) == ("",) + (None,) * 6
@@ -58,7 +61,8 @@ def test_decimals_are_exact(cursor, stdlib):
     cursor.execute("CREATE TABLE t (x DECIMAL(12,4))")
     stdlib.execute("INSERT INTO t VALUES (12.5), (-0.0001), (3), ('0.1'), (99999999.9999)")
     values = [row[0] for row in cursor.execute("SELECT x FROM t")]
-    assert values == [decimal.Decimal(text) for text in ("12.5", "-0.0001", "3", "0.1", "99999999.9999")]
+    assert values == [decimal.Decimal(text)
+                      for text in ("12.5", "-0.0001", "3", "0.1", "99999999.9999")]
     assert cursor.description[0][1] is decimal.Decimal
     assert cursor.description[0][4:6] == (12, 4)
 

@@ -1,9 +1,10 @@
-"""Random use of the module's whole Python interface on a runtime that answers from a seed: driver.py FIRST COUNT
+"""Random use of the module's whole Python interface on a runtime that answers from a seed:
+driver.py FIRST COUNT
 
 Each seed decides what the program does and what the runtime answers. Whatever that is: the process
-lives and does not hang, only proper exceptions come out, no error of the runtime passes for a success,
-no handle is misused, none is left after closing, and repeating a seed takes no more memory. The last seed
-printed is the one that failed; `driver.py SEED 1` is that one alone.
+lives and does not hang, only proper exceptions come out, no error of the runtime passes for a
+success, no handle is misused, none is left after closing, and repeating a seed takes no more
+memory. The last seed printed is the one that failed; `driver.py SEED 1` is that one alone.
 
 VORDA_BUILD names the build tree; PYTHONPATH and LD_LIBRARY_PATH as for the tests on the scripted
 runtime.
@@ -24,29 +25,34 @@ import warnings
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
 SECONDS_A_SEED = 60
 MEMORY = 600 << 20
-# Every so many seeds, one is repeated so often, so many times over, to see that it leaves no memory.
+# Every so many seeds, one is repeated so often, so many times over, to see that it leaves no
+# memory.
 REPEATED, REPETITIONS, ROUNDS = 50, 12, 2
 
-# --- What the program does ----------------------------------------------------------------------------------
+# --- What the program does ------------------------------------------------------------------------
 
-TEXTS = ["", "a", "text", "naïve €", "\U0001f600", "nul\0inside", "\ud800", "x" * 99, "y" * 3000, "'", "1.5"]
-NUMBERS = [0, 1, -1, 200, 2 ** 31 - 1, 2 ** 31, -2 ** 31 - 1, 2 ** 63 - 1, 2 ** 63, -2 ** 63, 10 ** 30,
-           True, 0.5, -0.0, 1e308, float("nan"), float("inf")]
-MOMENTS = [datetime.date(1, 1, 1), datetime.date(9999, 12, 31), datetime.datetime(2024, 2, 29, 1, 2, 3, 4),
-           datetime.datetime(2024, 2, 29, tzinfo=datetime.timezone.utc), datetime.time(23, 59, 59, 999999),
-           datetime.time(0)]
-ODD = [None, None, b"bytes", bytearray(b"b"), decimal.Decimal("1.5"), object(), (), [1], {}, 1j, slice(1), int]
+TEXTS = ["", "a", "text", "naïve €", "\U0001f600", "nul\0inside", "\ud800", "x" * 99, "y" * 3000,
+         "'", "1.5"]
+NUMBERS = [0, 1, -1, 200, 2 ** 31 - 1, 2 ** 31, -2 ** 31 - 1, 2 ** 63 - 1, 2 ** 63, -2 ** 63,
+           10 ** 30, True, 0.5, -0.0, 1e308, float("nan"), float("inf")]
+MOMENTS = [datetime.date(1, 1, 1), datetime.date(9999, 12, 31),
+           datetime.datetime(2024, 2, 29, 1, 2, 3, 4),
+           datetime.datetime(2024, 2, 29, tzinfo=datetime.timezone.utc),
+           datetime.time(23, 59, 59, 999999), datetime.time(0)]
+ODD = [None, None, b"bytes", bytearray(b"b"), decimal.Decimal("1.5"), object(), (), [1], {}, 1j,
+       slice(1), int]
 VALUES = TEXTS + NUMBERS + MOMENTS + [None, None]
-PIECES = ["SELECT", "UPDATE", "INSERT INTO", "EXECUTE", "EXEC", "DELETE", "(", ")", ",", "?", "?", "@a", ":b",
-          "@long_name", "'text'", "'open", '"name"', '"open', "[x]", "-- note\n", "/* note */", "/* open",
-          "1.5e", "0x", "t", "naïve", "=", ";", "::", "@", "€", "\0", "\n",
+PIECES = ["SELECT", "UPDATE", "INSERT INTO", "EXECUTE", "EXEC", "DELETE", "(", ")", ",", "?", "?",
+          "@a", ":b", "@long_name", "'text'", "'open", '"name"', '"open', "[x]", "-- note\n",
+          "/* note */", "/* open", "1.5e", "0x", "t", "naïve", "=", ";", "::", "@", "€", "\0", "\n",
           "`a`", "#a#", "{", "}", ".", "<=", "<=>", "!="]
-STATEMENTS = ["SELECT * FROM t", "SELECT a FROM t WHERE b = ? AND c = ?", "UPDATE t SET a = ?, b = ?, c = ?",
-              "UPDATE t SET a = @a, b = :b", "EXECUTE P a=?", "EXEC P", "SELECT @a, @b", "INSERT INTO t VALUES (?)"]
+STATEMENTS = ["SELECT * FROM t", "SELECT a FROM t WHERE b = ? AND c = ?",
+              "UPDATE t SET a = ?, b = ?, c = ?", "UPDATE t SET a = @a, b = :b", "EXECUTE P a=?",
+              "EXEC P", "SELECT @a, @b", "INSERT INTO t VALUES (?)"]
 
 
-# Calls after which nothing may succeed. Whether releasing worked, or putting a batch size back, matters to nobody;
-# about a parameter that could not be bound, the execution has to tell.
+# Calls after which nothing may succeed. Whether releasing worked, or putting a batch size back,
+# matters to nobody; about a parameter that could not be bound, the execution has to tell.
 FAILED = re.compile(r"SQL(?!Free|Disconnect|Error|BindParameter|SetStmtAttr\(.*, 1\)).* = -1$|"
                     r"SQLFetch\(.*\) = (?!0$|1$|100$)")
 
@@ -127,7 +133,8 @@ class Program:
     def arguments(self):
         """What may follow a statement."""
         return self.random.choice([
-            lambda: (), lambda: (tuple(self.values()),), lambda: (self.values(),), lambda: tuple(self.values()),
+            lambda: (), lambda: (tuple(self.values()),), lambda: (self.values(),),
+            lambda: tuple(self.values()),
             lambda: ({"a": self.value(), "b": self.value(), "long_name": 1, 5: 6},),
             lambda: (self.values(200),), lambda: (self.random.choice(ODD),)])()
 
@@ -135,7 +142,8 @@ class Program:
         columns, rows = self.random.randrange(5), self.random.choice([0, 1, 2, 3, 50])
         first = [self.value() for _ in range(columns)]
         same = [[v for v in VALUES if type(v) is type(value)] for value in first]
-        made = [[self.random.choice(s) if s else v for s, v in zip(same, first)] for _ in range(rows)]
+        made = [[self.random.choice(s) if s else v for s, v in zip(same, first)]
+                for _ in range(rows)]
         if self.random.random() < 0.1:
             made.insert(self.random.randrange(rows + 1), self.random.choice(ODD))
         return self.random.choice([made, tuple(made), iter(made), (row for row in made)])
@@ -154,15 +162,19 @@ def query(program):
 
 
 def call_procedure(program):
-    arguments = program.random.choice([(), (program.values(),), (tuple(program.values()),), (5,), ([], [])])
-    program.one(program.cursors).callproc(program.random.choice(["P", "P", "it's", *TEXTS, None]), *arguments)
+    arguments = program.random.choice([(), (program.values(),), (tuple(program.values()),), (5,),
+                                       ([], [])])
+    program.one(program.cursors).callproc(program.random.choice(["P", "P", "it's", *TEXTS, None]),
+                                          *arguments)
 
 
 def fetch(program):
     cursor = program.one(program.cursors)
     for row in program.random.choice([
-            cursor.fetchall, cursor.fetchmany, lambda: cursor.fetchmany(program.random.choice([0, 1, 3, -1, -2])),
-            lambda: cursor.fetchmany(program.random.choice(VALUES)), lambda: [cursor.next(), next(cursor)],
+            cursor.fetchall, cursor.fetchmany,
+            lambda: cursor.fetchmany(program.random.choice([0, 1, 3, -1, -2])),
+            lambda: cursor.fetchmany(program.random.choice(VALUES)),
+            lambda: [cursor.next(), next(cursor)],
             lambda: [cursor.fetchone() or program.one([])]])():
         program.keep("rows", row)
 
@@ -180,8 +192,9 @@ def misuse(program):
     """Arguments in numbers and of kinds that nothing takes."""
     cursor, row = program.one(program.cursors), program.one(program.rows)
     program.random.choice([
-        program.zelqa.connect, lambda: program.zelqa.connect("a", "b"), cursor.execute, cursor.executemany,
-        lambda: cursor.executemany("x"), lambda: cursor.executemany("x", [], []), cursor.callproc,
+        program.zelqa.connect, lambda: program.zelqa.connect("a", "b"), cursor.execute,
+        cursor.executemany, lambda: cursor.executemany("x"),
+        lambda: cursor.executemany("x", [], []), cursor.callproc,
         lambda: cursor.executemany("x", 5), lambda: cursor.executemany("x", (1 / 0 for _ in "a")),
         lambda: row.__delitem__(0), lambda: row[0:1], lambda: row.__setitem__("a", 1)])()
 
@@ -200,28 +213,32 @@ def forget(program):
     kept.remove(program.one(kept))
 
 
-# How often, what may come out besides success and the exceptions that may always do, and what is done.
+# How often, what may come out besides success and the exceptions that may always do, and what is
+# done.
 NO_VALUE = (ValueError, decimal.InvalidOperation)  # a date, a decimal that is none
 OPERATIONS = [
     (1, (), connect),
     (1, (), lambda program: program.keep("cursors", program.one(program.connections).cursor())),
-    (1, (TypeError,), lambda program: program.keep("cursors", program.one(program.connections).execute(
+    (1, (TypeError,),
+     lambda program: program.keep("cursors", program.one(program.connections).execute(
         program.statement(), *program.arguments()))),
     (6, (TypeError,), lambda program: program.one(program.cursors).execute(
         program.statement(), *program.arguments())),
-    (3, (), lambda program: program.one(program.cursors).executemany(program.statement(), program.batch())),
+    (3, (), lambda program: program.one(program.cursors).executemany(program.statement(),
+                                                                     program.batch())),
     (3, NO_VALUE, query),
     (3, (TypeError, *NO_VALUE), call_procedure),
     (6, (TypeError, OverflowError, StopIteration, *NO_VALUE), fetch),
     (4, (IndexError, *NO_VALUE), use_row),
     (1, (TypeError, AttributeError), misuse),
     (2, (TypeError, OverflowError, AttributeError), use_attributes),
-    (1, (), lambda program: program.one(program.random.choice([program.connections, program.cursors])).close()),
+    (1, (), lambda program: program.one(program.random.choice([program.connections,
+                                                               program.cursors])).close()),
     (2, (), forget),
 ]
 WEIGHTS = [weight for weight, _, _ in OPERATIONS]
 
-# --- Running seeds ------------------------------------------------------------------------------------------
+# --- Running seeds --------------------------------------------------------------------------------
 
 
 class Mallinfo(ctypes.Structure):
@@ -234,7 +251,8 @@ class Runner:
     def __init__(self):
         from vorda import zelqa
         self.zelqa, self.entry, self.libc = zelqa, ctypes.CDLL(zelqa.__file__), ctypes.CDLL(None)
-        self.runtime = ctypes.CDLL(os.path.join(os.environ["VORDA_BUILD"], "scripted", "libvordart.x64.so.6"))
+        self.runtime = ctypes.CDLL(os.path.join(os.environ["VORDA_BUILD"], "scripted",
+                                                "libvordart.x64.so.6"))
         self.runtime.scripted_log.restype = ctypes.c_char_p
         self.measures = not SANITIZED and hasattr(self.libc, "mallinfo2")
         if self.measures:
@@ -249,7 +267,8 @@ class Runner:
         left, misuses = runtime.scripted_live_handles(0), runtime.scripted_errors()
         assert left == misuses == 0, "%d handles left, %d misuses:\n%s" % (
             left, misuses, "\n".join(program.log))
-        # The module counts environments by statuses that were lies; the next seed starts without any.
+        # The module counts environments by statuses that were lies; the next seed starts without
+        # any.
         runtime.scripted_reset()
         runtime.scripted_answer(b"SQLFreeHandle", 0, 0)
         while self.entry.SQLFreeEnv(None) == 0:

@@ -1,4 +1,5 @@
-"""Runs of the driver program, each of some seeds; a random program on a lying runtime is one seed."""
+"""Runs of the driver program, each of some seeds; a random program on a lying runtime is one
+seed."""
 
 import os
 import subprocess
@@ -14,8 +15,10 @@ CHUNK = 250
 
 @pytest.mark.parametrize("first", range(1, SEEDS, CHUNK))
 def test_seeds(first):
-    # Freed memory that glibc keeps for each thread counts as used: without that the figures are exact.
+    # Freed memory that glibc keeps for each thread counts as used: without that the figures are
+    # exact.
     environment = dict(os.environ, GLIBC_TUNABLES="glibc.malloc.tcache_count=0")
     run = subprocess.run([sys.executable, DRIVER, str(first), str(min(CHUNK, SEEDS - first + 1))],
-                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True, env=environment)
+                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True,
+                         env=environment)
     assert run.returncode == 0, run.stdout[-6000:]

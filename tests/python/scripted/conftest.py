@@ -108,7 +108,8 @@ class Runtime:
         self._library.scripted_diag(b"HY000", native, encoded(text), -1, SUCCESS)
 
     def handler(self, function):
-        """`function(name, arguments)` sees each call first; a status that it returns is the answer."""
+        """`function(name, arguments)` sees each call first; a status that it returns is the
+        answer."""
         def call(name, arguments, count, status):
             result = function(name.decode(), arguments[:count])
             if result is None:
@@ -148,7 +149,8 @@ class Runtime:
 
 @pytest.fixture(scope="session", autouse=True)
 def quick_collections():
-    """The tests collect garbage thousands of times: what stands before the first one is left out."""
+    """The tests collect garbage thousands of times: what stands before the first one is left
+    out."""
     gc.collect()
     gc.freeze()
     yield

@@ -30,7 +30,8 @@ def test_with_parameters(runtime, cursor, parameters):
     names(runtime, "pa", "p\u00fc")
     runtime.result("a", rows=[[1], [2]])
     assert cursor.callproc("MyProc", parameters) is parameters
-    assert sent(runtime) == ([METADATA % "MyProc", "EXECUTE MyProc pa=@1 , p\u00fc=@2 "], ["1", '"x"'])
+    assert sent(runtime) == ([METADATA % "MyProc", "EXECUTE MyProc pa=@1 , p\u00fc=@2 "],
+                             ["1", '"x"'])
     assert (cursor.rowcount, cursor.description[0][0]) == (0, "a")
     assert [row["a"] for row in cursor] == [1, 2]
     names(runtime, "pa", "pb")

@@ -1,4 +1,5 @@
-"""connect and the Connection object: what is sent, what is refused, what still works once it is closed."""
+"""connect and the Connection object: what is sent, what is refused, what still works once it is
+closed."""
 
 import pytest
 

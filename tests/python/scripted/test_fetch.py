@@ -44,7 +44,8 @@ def test_one_by_one(runtime, five):
 
 @pytest.mark.parametrize("arraysize, arguments, expected, fetches", [
     (-1, (), 5, 6), (-1, (-1,), 5, 6), (-1, (5,), 5, 5), (-1, (0,), 0, 0), (-1, (-2,), 0, 0),
-    (-1, (True,), 1, 1), (-1, (sys.maxsize,), 5, 6), (2, (), 2, 2), (2, (-1,), 2, 2), (2, (3,), 3, 3),
+    (-1, (True,), 1, 1), (-1, (sys.maxsize,), 5, 6), (2, (), 2, 2), (2, (-1,), 2, 2),
+    (2, (3,), 3, 3),
     (0, (), 0, 0), (-7, (), 0, 0), (9, (), 5, 6)])
 def test_fetchmany(runtime, five, arraysize, arguments, expected, fetches):
     five.arraysize = arraysize

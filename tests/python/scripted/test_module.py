@@ -25,7 +25,8 @@ def test_exceptions():
     for name, end in ENDS.items():
         exception = getattr(zelqa, name)
         assert str(exception) == "<class 'vorda.zelqa.%s'>" % name
-        assert re.match(r"Exception (raised (for|when|in)|that is) \S(?!.*(\s\s|\n))", exception.__doc__)
+        assert re.match(r"Exception (raised (for|when|in)|that is) \S(?!.*(\s\s|\n))",
+                        exception.__doc__)
         assert exception.__doc__.endswith(end)
 
 
@@ -33,7 +34,8 @@ def test_a_second_name_for_the_module():
     """Programs that know it by either catch the same exceptions."""
     spec = importlib.util.spec_from_file_location("zelqa", zelqa.__file__)
     second = importlib.util.module_from_spec(spec)
-    assert second is not zelqa and [getattr(second, name) for name in ENDS] == [getattr(zelqa, name) for name in ENDS]
+    assert second is not zelqa
+    assert [getattr(second, name) for name in ENDS] == [getattr(zelqa, name) for name in ENDS]
     with pytest.raises(second.ProgrammingError):
         zelqa.connect()
 
@@ -70,7 +72,8 @@ def test_type_is_made_by_the_module_only(runtime, connection, name, doc):
 SEQUENCE = "This read-only attribute is a sequence of 7-item sequences.\n"
 # How each begins or what it contains, with its slips.
 DOCS = {
-    "connect": "Constructor for creating a connection to the database.\n\nReturns a Connection Object.",
+    "connect": "Constructor for creating a connection to the database.\n\nReturns a Connection "
+               "Object.",
     "Connection.cursor": "cursor() --> Cursor\n\n", "Connection.close": "close() --> None\n\n",
     "Connection.commit": "commit() --> None\n\n",
     "Connection.execute": "of the DB API.  Since a new\nCursor is allocated by each call",
@@ -83,10 +86,13 @@ DOCS = {
     "Cursor.fetchmany": "fetchmany(size=cursor.arraysize) --> list of Rows\n\n",
     "Cursor.fetchone": "fetchone() --> Row | None\n\n", "Cursor.next": "next() --> Row | None\n\n",
     "Cursor.callproc": "callproc(proc_name, [params]) --> params\n\n",
-    "Cursor.rowcount": "The attribute is - 1 in case no.execute* () has been performed on the cursor or\n"
+    "Cursor.rowcount": "The attribute is - 1 in case no.execute* () has been performed on the "
+                       "cursor or\n"
                        "the rowcount of the last operation is cannot be",
-    "Cursor.description": "optionaland", "Row.description": SEQUENCE, "Cursor.arraysize": "the.fetchmany()",
-    "Cursor.connection": "This read-only attribute return a reference to the Connection object on\n",
+    "Cursor.description": "optionaland", "Row.description": SEQUENCE,
+    "Cursor.arraysize": "the.fetchmany()",
+    "Cursor.connection":
+        "This read-only attribute return a reference to the Connection object on\n",
 }
 
 

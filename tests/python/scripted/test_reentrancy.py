@@ -1,5 +1,5 @@
-"""Python code that runs inside our calls closes the cursor or the connection, or executes: what comes
-of it is an error or a right result, never a crash, and never a handle that stays."""
+"""Python code that runs inside our calls closes the cursor or the connection, or executes: what
+comes of it is an error or a right result, never a crash, and never a handle that stays."""
 
 import codecs
 import contextlib
@@ -126,7 +126,8 @@ def test_rows(opened, intrude, use):
     assert tuple(row)[1:] == ("new", "new") and not any(stale)
 
 
-READERS = {"fetchall": lambda cursor: cursor.fetchall(), "fetchmany": lambda cursor: cursor.fetchmany(2),
+READERS = {"fetchall": lambda cursor: cursor.fetchall(),
+           "fetchmany": lambda cursor: cursor.fetchmany(2),
            "iteration": list}
 
 
@@ -198,7 +199,8 @@ def signalled():
 
 
 def handle_signal(hook, cursor):
-    with changed(functools.partial(signal.signal, signal.SIGUSR1), lambda *arguments: hook(), signal.SIG_DFL):
+    with changed(functools.partial(signal.signal, signal.SIGUSR1), lambda *arguments: hook(),
+                 signal.SIG_DFL):
         cursor.executemany(UPDATE, signalled())
 
 
@@ -232,11 +234,13 @@ CALLS = {  # with the values that are to be executed last
     "str": (lambda hook, cursor: cursor.executemany(
         UPDATE, [(evil(hook, "__str__", datetime.date, 2024, 1, 2),)]), ['"2024-01-02"']),
     "time zone": (lambda hook, cursor: cursor.executemany(
-        UPDATE, [(datetime.time(1, 2, 3, tzinfo=evil(hook, "utcoffset", Zone)),)]), ['"01:02:03+00:00"']),
+        UPDATE, [(datetime.time(1, 2, 3, tzinfo=evil(hook, "utcoffset", Zone)),)]),
+        ['"01:02:03+00:00"']),
     "key": (lambda hook, cursor: cursor.execute(
         "UPDATE t SET a = @a", {evil(hook, "__eq__", str, "a"): 5}), ["5"]),
     "size": (lambda hook, cursor: cursor.fetchmany(evil(hook, "__index__", Plain)), None),
-    "arraysize": (lambda hook, cursor: setattr(cursor, "arraysize", evil(hook, "__index__", Plain)), None)}
+    "arraysize": (lambda hook, cursor: setattr(cursor, "arraysize", evil(hook, "__index__", Plain)),
+                  None)}
 CALLS.update((call.__name__, (call, None)) for call in (
     handle_signal, profile, decode, release))
 for method in "__len__", "__getitem__":
@@ -257,7 +261,8 @@ for method in "__len__", "__getitem__":
 def test_call_backs(runtime, opened, intrude, intrusion, call):
     operation, expected = CALLS[call]
     cursor = opened.cursor
-    runtime.result(Column("ColumnName", WVARCHAR), rows=[[b"\xff"]] if call == "decode" else [["pa"], ["pb"]])
+    runtime.result(Column("ColumnName", WVARCHAR),
+                   rows=[[b"\xff"]] if call == "decode" else [["pa"], ["pb"]])
     if expected:  # then what was asked for has run last
         result = outcome(lambda: operation(intrude, cursor), intrusion)
         assert isinstance(result, Exception) or executed_last(runtime) == expected
@@ -274,7 +279,8 @@ def test_rows_released_in_two_threads(runtime, connection):
     first, second = connection.execute("SELECT *").fetchall()
     started, done, waited = threading.Event(), threading.Event(), []
 
-    for row, finalise in ((first, lambda: (started.set(), waited.append(done.wait(20)))), (second, done.set)):
+    for row, finalise in ((first, lambda: (started.set(), waited.append(done.wait(20)))),
+                          (second, done.set)):
         row[0] = value = Plain()
         weakref.finalize(value, finalise)
     rows = [first]
@@ -291,7 +297,8 @@ def test_rows_released_in_two_threads(runtime, connection):
 @pytest.mark.parametrize("call", [
     lambda cursor: cursor.execute("SELECT 1\0"), lambda cursor: cursor.execute("SELECT ?", "a\0"),
     lambda cursor: cursor.callproc("P\0", (1,)), lambda cursor: cursor.executemany("X ?\0", [(1,)]),
-    lambda cursor: cursor.executemany(UPDATE, [(None,), (2,)]), lambda cursor: cursor.execute(UPDATE, 1, 2),
+    lambda cursor: cursor.executemany(UPDATE, [(None,), (2,)]),
+    lambda cursor: cursor.execute(UPDATE, 1, 2),
     lambda cursor: cursor.executemany(UPDATE, [("a\0",)]), *READERS.values()])
 def test_warnings(runtime, opened, intrude, intrusion, call, monkeypatch):
     runtime.result(Column("t", WVARCHAR), Column("d", DECIMAL), rows=[["x" * 3000, "1.5"]] * 3)
@@ -325,7 +332,8 @@ def test_garbage_collection_that_closes(runtime, call):
         circle.cursor = cursor = circle.connection.cursor()
         gc.collect()
         del circle
-        with changed(gc.set_threshold, threshold, gc.get_threshold()[0]), contextlib.suppress(zelqa.Error):
+        with changed(gc.set_threshold, threshold,
+                     gc.get_threshold()[0]), contextlib.suppress(zelqa.Error):
             call(cursor)
         gc.collect()
         assert runtime.live_handles() == 0
@@ -343,7 +351,8 @@ def test_errors_of_the_program_pass_through(runtime, cursor, exception):
     angry, key = evil(fail, "__len__", list), evil(fail, "__eq__", str, "a")
     for given, expected in (angry, exception), (Liar(), ValueError):
         for call in (lambda: cursor.execute(UPDATE, given), lambda: cursor.callproc("P", given),
-                     lambda: cursor.executemany(UPDATE, given), lambda: cursor.executemany(UPDATE, [given])):
+                     lambda: cursor.executemany(UPDATE, given),
+                     lambda: cursor.executemany(UPDATE, [given])):
             with pytest.raises(expected):
                 call()
     with pytest.raises(exception, match="mine"):

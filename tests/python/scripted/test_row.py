@@ -10,7 +10,8 @@ import pytest
 from vorda import zelqa
 
 from conftest import (BIGINT, BIT, DATE, DECIMAL, DOUBLE, GUID, REAL, SANITIZED, SMALLINT, TIME,
-                      TIMESTAMP, TINYINT, TYPE_TIMESTAMP, VARBINARY, WVARCHAR, Column, Timestamp, raises)
+                      TIMESTAMP, TINYINT, TYPE_TIMESTAMP, VARBINARY, WVARCHAR, Column, Timestamp,
+                      raises)
 
 STAMP = Timestamp(2024, 2, 29, 13, 14, 15, 123456789)
 
@@ -27,7 +28,8 @@ def row(runtime, cursor):
 
 @pytest.mark.parametrize("sqltype, cell, value", [
     (TINYINT, 255, 255), (SMALLINT, -32768, -32768), (4, -2 ** 31, -2 ** 31),
-    (BIGINT, 2 ** 63 - 1, 2 ** 63 - 1), (BIGINT, -2 ** 63, -2 ** 63), (BIT, 1, True), (BIT, 0, False),
+    (BIGINT, 2 ** 63 - 1, 2 ** 63 - 1), (BIGINT, -2 ** 63, -2 ** 63), (BIT, 1, True),
+    (BIT, 0, False),
     (DOUBLE, 0.1, 0.1), (REAL, 0.5, 0.5), (DECIMAL, "12345678901234567890.123456789",
                                            decimal.Decimal("12345678901234567890.123456789")),
     (WVARCHAR, "\ufeff\u00e9 \U0010ffff", "\ufeff\u00e9 \U0010ffff"), (WVARCHAR, "", ""),
@@ -46,7 +48,8 @@ def test_fractions(runtime, cursor, sqltype):
     fractions = [(9, each * 1000 + 999, each) for each in range(0, 1000000, 997)] + [
         (3, 999999999, 999999), (6, 1000, 1), (9, 0, 0),
         # Without fraction digits a driver counts in a unit of its own.
-        (0, 0, 0), (0, 5000, 5000), (0, 999999, 999999), (0, 1000000, 100000), (0, 123456789, 123456)]
+        (0, 0, 0), (0, 5000, 5000), (0, 999999, 999999), (0, 1000000, 100000),
+        (0, 123456789, 123456)]
     for scale, nanoseconds, microseconds in fractions:
         stamp = Timestamp(2024, 2, 29, 1, 2, 3, nanoseconds)
         row = fetch(runtime, cursor, [Column("a", sqltype, scale=scale)], [stamp])
@@ -80,7 +83,8 @@ WRONG = {
 
 @pytest.mark.parametrize("first, second", itertools.permutations(WRONG, 2))
 def test_the_first_wrong_column_is_told(runtime, cursor, first, second):
-    columns = [("n", DECIMAL, "1.5"), ("a", *WRONG[first]), ("b", *WRONG[second]), ("c", *WRONG[first])]
+    columns = [("n", DECIMAL, "1.5"), ("a", *WRONG[first]), ("b", *WRONG[second]),
+               ("c", *WRONG[first])]
     with pytest.raises(first):
         fetch(runtime, cursor, [Column(name, sqltype) for name, sqltype, cell in columns],
               [cell for name, sqltype, cell in columns])
@@ -159,7 +163,8 @@ def test_membership_and_iteration(row):
 
 
 def test_repr(runtime, cursor, row):
-    for values, shown in (([1], "(1)"), (["it's \u20ac \U0001f600"], "(\"it's \u20ac \U0001f600\")"),
+    for values, shown in (([1], "(1)"),
+                          (["it's \u20ac \U0001f600"], "(\"it's \u20ac \U0001f600\")"),
                           (["x" * 2000, "1.50"], "('%s', Decimal('1.50'))" % ("x" * 2000))):
         columns = [Column("a", WVARCHAR if values[0] != 1 else BIGINT), Column("b", DECIMAL)]
         got = fetch(runtime, cursor, columns[:len(values)], values)

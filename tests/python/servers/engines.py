@@ -1,4 +1,5 @@
-"""The databases that the one suite runs on: a class each with all that is not as for the others, and why."""
+"""The databases that the one suite runs on: a class each with all that is not as for the others,
+and why."""
 
 import collections
 import contextlib
@@ -15,20 +16,26 @@ Kind = collections.namedtuple("Kind", "declared described values")
 DIGITS = "1234567890123456789012345678.0123456789"
 GUID = "00112233-4455-6677-8899-aabbccddeeff"
 
-# By kind: the declared type, the type in the description, and values that come back as they went in.
+# By kind: the declared type, the type in the description, and values that come back as they went
+# in.
 KINDS = {
     "integer": Kind("INTEGER", int, [0, 1, -1, 2**31 - 1, -(2**31)]),
     "bigint": Kind("BIGINT", int, [0, 2**31, -(2**31) - 1, 2**63 - 1, -(2**63)]),
-    "double": Kind("DOUBLE PRECISION", float, [0.0, -0.5, 0.1 + 0.2, 1.7976931348623157e308, 5e-324, 2.0**53 + 2]),
-    "decimal": Kind("DECIMAL(38,10)", decimal.Decimal, ["0", "12.5", "-0.0000000001", DIGITS, "-" + DIGITS]),
+    "double": Kind("DOUBLE PRECISION", float,
+                   [0.0, -0.5, 0.1 + 0.2, 1.7976931348623157e308, 5e-324, 2.0**53 + 2]),
+    "decimal": Kind("DECIMAL(38,10)", decimal.Decimal,
+                    ["0", "12.5", "-0.0000000001", DIGITS, "-" + DIGITS]),
     "boolean": Kind("BOOLEAN", bool, [True, False]),
     "date": Kind("DATE", datetime.date,
                  [datetime.date(1, 1, 1), datetime.date(2024, 2, 29), datetime.date(9999, 12, 31)]),
     "time": Kind("TIME", datetime.time, [datetime.time(0, 0), datetime.time(23, 59, 59)]),
     "timestamp": Kind("TIMESTAMP", datetime.datetime,
-                      [datetime.datetime(1, 1, 1), datetime.datetime(2024, 2, 29, 23, 59, 59, 123456),
-                       datetime.datetime(2024, 1, 1, 0, 0, 0, 1), datetime.datetime(9999, 12, 31, 23, 59, 59, 999999)]),
-    "text": Kind("TEXT", str, ["", " ", "a", "é€\U0001F600\U0010FFFF", "x" * 2047, "'\"\\?@a:b--/*", "a\r\n\tb "]),
+                      [datetime.datetime(1, 1, 1),
+                       datetime.datetime(2024, 2, 29, 23, 59, 59, 123456),
+                       datetime.datetime(2024, 1, 1, 0, 0, 0, 1),
+                       datetime.datetime(9999, 12, 31, 23, 59, 59, 999999)]),
+    "text": Kind("TEXT", str, ["", " ", "a", "é€\U0001F600\U0010FFFF", "x" * 2047, "'\"\\?@a:b--/*",
+                               "a\r\n\tb "]),
     "guid": Kind("UUID", str, [GUID]),
 }
 
@@ -48,14 +55,16 @@ class Engine:
     backslash = "\\"  # in a string
     decimal_size = (12, 4)
     # Cells of other types: how they are written in SQL, and what is read.
-    others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("VARCHAR(3)", "'longer'", "longer")]
+    others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)),
+              ("VARCHAR(3)", "'longer'", "longer")]
     # Cells that neither the ODBC types nor Python can hold: an error, never another value.
     beyond = [("DATE", "'2024-02-30'"), ("INTEGER", "'abc'"), ("BIGINT", "9223372036854775808"),
               ("TIMESTAMP", "'10000-01-01'"), ("TEXT", "x'ff'")]
     # A statement, the state and the words of its failure.
     failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23000", "UNIQUE")]
-    # A procedure that stores its arguments and one that yields them, both with the parameters a and b.
+    # A procedure that stores its arguments and one that yields them, both with the parameters a and
+    # b.
     procedures = ["CREATE PROCEDURE put (a INTEGER, b TEXT) AS INSERT INTO t VALUES ($a, $b)",
                   "CREATE PROCEDURE tell (a INTEGER, b TEXT) AS SELECT $a AS a, $b AS b"]
     refused = []  # what a driver would hang or crash on
@@ -101,17 +110,21 @@ class Sourced(Engine):
 
 
 class PostgreSQL(Sourced):
-    name, driver_file, program, start = "postgresql", "psqlodbcw.so", "postgres", staticmethod(servers.postgresql)
+    name, driver_file, program = "postgresql", "psqlodbcw.so", "postgres"
+    start = staticmethod(servers.postgresql)
     kinds = {}
     binary = "BYTEA"
     others = [("TIME", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("CHAR(3)", "'z'", "z  "),
-              ("REAL", "0.1", 0.1), ("NUMERIC", "'1%s.5'" % ("0" * 80), decimal.Decimal("1%s.5" % ("0" * 80))),
-              ("TIMESTAMPTZ", "'2024-02-29 01:02:03.000004+00'", datetime.datetime(2024, 2, 29, 1, 2, 3, 4)),
+              ("REAL", "0.1", 0.1),
+              ("NUMERIC", "'1%s.5'" % ("0" * 80), decimal.Decimal("1%s.5" % ("0" * 80))),
+              ("TIMESTAMPTZ", "'2024-02-29 01:02:03.000004+00'",
+               datetime.datetime(2024, 2, 29, 1, 2, 3, 4)),
               ("OID", "4294967295", 2**32 - 1), ("TIMETZ", "'01:02:03+02'", "01:02:03+02"),
               ("MONEY", "'92233720368547758.07'", "$92,233,720,368,547,758.07"),
               ("INTEGER[]", "'{1,2}'", "{1,2}"), ("INTERVAL", "'1 day'", "1 day")]
     # Not a DATE before Christ, nor a TIMESTAMP 'infinity': the driver makes other dates of them.
-    beyond = [("TIMESTAMP", "'10000-01-01'"), ("TIMESTAMP", "'0044-03-15 BC'"), ("DATE", "'10000-01-01'"),
+    beyond = [("TIMESTAMP", "'10000-01-01'"), ("TIMESTAMP", "'0044-03-15 BC'"),
+              ("DATE", "'10000-01-01'"),
               ("DATE", "'infinity'"), ("NUMERIC", "'NaN'")]
     failures = [("SELECT * FROM nowhere", "42P01", "nowhere"), ("SELEC 1", "42601", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23505", "duplicate key"),
@@ -119,13 +132,15 @@ class PostgreSQL(Sourced):
                 ("SELECT 1 / 0", "22012", "division by zero")]
     procedures = ["CREATE PROCEDURE put(a integer, b text) LANGUAGE plpgsql"
                   " AS 'BEGIN INSERT INTO t VALUES (a, b); END'",
-                  "CREATE FUNCTION tell(a integer, b text) RETURNS TABLE (x integer, y text) LANGUAGE sql"
+                  "CREATE FUNCTION tell(a integer, b text) RETURNS TABLE (x integer, y text) "
+                  "LANGUAGE sql"
                   " AS 'SELECT a, b'"]
     refused = ["copy t to stdout", "COPY t FROM STDIN", "SET x.y = 1; COPY (SELECT 1) TO STDOUT"]
     drop = "DROP ROUTINE IF EXISTS "
 
     def source(self):
-        return {"Servername": "127.0.0.1", "Port": self.server.port, "Database": "postgres", "Username": "vorda",
+        return {"Servername": "127.0.0.1", "Port": self.server.port, "Database": "postgres",
+                "Username": "vorda",
                 "UID": "vorda"}  # in odbc.ini and in connection strings it has different names
 
     # The driver fetches the whole result at once unless it is told not to.
@@ -135,7 +150,8 @@ class PostgreSQL(Sourced):
 
 
 class MariaDB(Sourced):
-    name, driver_file, program, start = "mariadb", "libmaodbc.so", "mariadbd", staticmethod(servers.mariadb)
+    name, driver_file, program = "mariadb", "libmaodbc.so", "mariadbd"
+    start = staticmethod(servers.mariadb)
     kinds = {
         # BOOLEAN is another word for TINYINT.
         "boolean": {"described": int},
@@ -144,26 +160,30 @@ class MariaDB(Sourced):
         "text": {"declared": "LONGTEXT"},
     }
     binary = "LONGBLOB"
-    others = [("TIME(6)", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)), ("ENUM('a', 'ö')", "'ö'", "ö"),
+    others = [("TIME(6)", "'01:02:03.000004'", datetime.time(1, 2, 3, 4)),
+              ("ENUM('a', 'ö')", "'ö'", "ö"),
               ("BIT(1)", "b'1'", True), ("BIT(1)", "b'0'", False), ("TINYINT UNSIGNED", "255", 255),
               ("SMALLINT UNSIGNED", "65535", 65535), ("INT UNSIGNED", "4294967295", 2**32 - 1),
               ("BIGINT UNSIGNED", "18446744073709551615", decimal.Decimal(2**64 - 1)),
               ("VARCHAR(9)", "CONCAT('a', CHAR(0), 'b')", "a\0b"), ("JSON", "'[\"é\"]'", '["é"]')]
     quoted = "`%s`"
     backslash = "\\\\"
-    beyond = [("DATE", "'0000-00-00'"), ("DATETIME", "'2024-02-00 01:02:03'"), ("TIME", "'-01:00:00'"),
+    beyond = [("DATE", "'0000-00-00'"), ("DATETIME", "'2024-02-00 01:02:03'"),
+              ("TIME", "'-01:00:00'"),
               ("TIME", "'100:00:00'")]
     failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23000", "Duplicate entry"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23000", "cannot be null")]
     # A body with semicolons is one statement.
-    refused = ["VALUES (1)", "/* c */ OPTIMIZE TABLE t", "XA RECOVER", "(VALUES (1))", "ALTER TABLE t CHECK PARTITION ALL"]
+    refused = ["VALUES (1)", "/* c */ OPTIMIZE TABLE t", "XA RECOVER", "(VALUES (1))",
+               "ALTER TABLE t CHECK PARTITION ALL"]
     procedures = ["CREATE OR REPLACE PROCEDURE put(a INTEGER, b TEXT)"
                   " BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
                   "CREATE PROCEDURE tell(a INTEGER, b TEXT) SELECT a, b"]
 
     def source(self):
-        return {"Server": "127.0.0.1", "Port": self.server.port, "Database": "vorda", "User": "root"}
+        return {"Server": "127.0.0.1", "Port": self.server.port, "Database": "vorda",
+                "User": "root"}
 
     streaming = None  # the driver knows only whole results
     pause = "sleep(0.02)"
@@ -204,7 +224,9 @@ def running():
                 if engine.start:
                     stack.callback(engines[name].server.stop)
         sourced = [engine for engine in engines.values() if isinstance(engine, Sourced)]
-        named = servers.configure(folder, {engine.name: {"Driver": servers.driver(engine.driver_file), **engine.source()}
+        named = servers.configure(folder,
+                                  {engine.name: {"Driver": servers.driver(engine.driver_file),
+                                                 **engine.source()}
                                            for engine in sourced})
         for engine in sourced:
             engine.named = named[engine.name]

@@ -1,7 +1,8 @@
 """Database servers of the tests' own, and the driver manager's configuration that knows them.
 
-Each server keeps its data in a temporary folder, listens on a free local port, and ends with the process that started
-it, however that ends. Nothing of the machine's own servers and ODBC configuration is used or touched.
+Each server keeps its data in a temporary folder, listens on a free local port, and ends with the
+process that started it, however that ends. Nothing of the machine's own servers and ODBC
+configuration is used or touched.
 """
 
 import ctypes
@@ -19,7 +20,8 @@ PR_SET_PDEATHSIG = 1
 
 
 def program(name):
-    """The path of a server's program, or None. Debian keeps PostgreSQL's apart from PATH, by version."""
+    """The path of a server's program, or None. Debian keeps PostgreSQL's apart from PATH, by
+    version."""
     found = sorted(glob.glob("/usr/lib/postgresql/*/bin/" + name))
     path = os.pathsep.join([os.environ.get("PATH", os.defpath), "/usr/sbin"])
     return found[-1] if found else shutil.which(name, path=path)
@@ -53,7 +55,8 @@ def children(parent):
 
 
 class Server:
-    """A server; `start` returns when it answers. The signals are those for an orderly and a sudden end."""
+    """A server; `start` returns when it answers. The signals are those for an orderly and a sudden
+    end."""
 
     def __init__(self, create, run, ready, end=signal.SIGTERM, orphaned=signal.SIGKILL):
         self.folder = tempfile.mkdtemp(prefix="vorda-server-")
@@ -68,7 +71,8 @@ class Server:
         self._command = [word.format(**names) for word in run]
         self._log = open(os.path.join(self.folder, "log"), "a+b")
         try:
-            subprocess.run([word.format(**names) for word in create], **self._options(), check=True, timeout=120)
+            subprocess.run([word.format(**names) for word in create], **self._options(), check=True,
+                           timeout=120)
             self.start()
         except BaseException:
             self._log.seek(0)
@@ -84,12 +88,14 @@ class Server:
                 os.setgroups([])
                 os.setgid(self._user.pw_gid)
                 os.setuid(self._user.pw_uid)
-            libc.prctl(PR_SET_PDEATHSIG, int(self._orphaned))  # last: another user's process has none
+            # last: another user's process has none
+            libc.prctl(PR_SET_PDEATHSIG, int(self._orphaned))
 
         # In a session of its own: Ctrl-C is for the tests, which then stop the server.
         return {"preexec_fn": become_a_child, "cwd": self.folder, "stdin": subprocess.DEVNULL,
                 "stdout": self._log, "stderr": self._log, "start_new_session": True,
-                "env": {"PATH": os.environ.get("PATH", os.defpath), "LC_ALL": "C", "HOME": self.folder}}
+                "env": {"PATH": os.environ.get("PATH", os.defpath), "LC_ALL": "C",
+                        "HOME": self.folder}}
 
     def start(self):
         size = os.path.getsize(self._log.name)
@@ -104,8 +110,8 @@ class Server:
             time.sleep(0.02)
 
     def kill(self, after=0):
-        """Ends the server as a loss of power would: nobody is told anything. A number of seconds later, it may be in
-        the middle of a call that keeps this process busy."""
+        """Ends the server as a loss of power would: nobody is told anything. A number of seconds
+        later, it may be in the middle of a call that keeps this process busy."""
         self._dying = [self.process.pid, *children(self.process.pid)]
         command = "sleep %g; kill -KILL %s" % (after, " ".join(map(str, self._dying)))
         self._killer = subprocess.Popen(["sh", "-c", command], stderr=subprocess.DEVNULL)
@@ -136,10 +142,11 @@ class Server:
 
 def postgresql():
     return Server(
-        create=[program("initdb"), "--pgdata={folder}/data", "--username=vorda", "--auth=trust", "--encoding=UTF8",
-                "--locale=C", "--no-sync"],
-        run=[program("postgres"), "-D", "{folder}/data", "-p", "{port}", "-k", "{folder}", "-h", "127.0.0.1",
-             "-c", "fsync=off", "-c", "full_page_writes=off", "-c", "lock_timeout=10s"],
+        create=[program("initdb"), "--pgdata={folder}/data", "--username=vorda", "--auth=trust",
+                "--encoding=UTF8", "--locale=C", "--no-sync"],
+        run=[program("postgres"), "-D", "{folder}/data", "-p", "{port}", "-k", "{folder}", "-h",
+             "127.0.0.1", "-c", "fsync=off", "-c", "full_page_writes=off", "-c",
+             "lock_timeout=10s"],
         ready="database system is ready to accept connections",
         end=signal.SIGINT,  # which does not wait for connections to close
         orphaned=signal.SIGQUIT)  # which leaves no shared memory behind
@@ -147,24 +154,29 @@ def postgresql():
 
 def mariadb():
     return Server(
-        create=["sh", "-ec", program("mariadb-install-db") + " --no-defaults --datadir={folder}/data --skip-test-db"
+        create=["sh", "-ec", program("mariadb-install-db")
+                + " --no-defaults --datadir={folder}/data --skip-test-db"
                 " --skip-name-resolve --auth-root-authentication-method=normal;"
                 "echo 'CREATE DATABASE IF NOT EXISTS vorda;' >init.sql"],
         run=[program("mariadbd"), "--no-defaults", "--datadir={folder}/data", "--port={port}",
-             "--bind-address=127.0.0.1", "--socket={folder}/socket", "--pid-file={folder}/pid", "--skip-name-resolve",
-             "--init-file={folder}/init.sql", "--character-set-server=utf8mb4", "--max-allowed-packet=64M",
-             "--innodb-flush-log-at-trx-commit=2", "--lock-wait-timeout=10", "--innodb-lock-wait-timeout=10"],
+             "--bind-address=127.0.0.1", "--socket={folder}/socket", "--pid-file={folder}/pid",
+             "--skip-name-resolve", "--init-file={folder}/init.sql",
+             "--character-set-server=utf8mb4", "--max-allowed-packet=64M",
+             "--innodb-flush-log-at-trx-commit=2", "--lock-wait-timeout=10",
+             "--innodb-lock-wait-timeout=10"],
         ready="ready for connections")
 
 
 def configure(folder, sources):
-    """Writes odbcinst.ini, odbc.ini and a file for each of `sources`, {name: {key: value}}, whose Driver is a
-    library; names each driver as its source. Points this process and its children to them."""
+    """Writes odbcinst.ini, odbc.ini and a file for each of `sources`, {name: {key: value}}, whose
+    Driver is a library; names each driver as its source. Points this process and its children to
+    them."""
 
     def write(name, sections):
         with open(os.path.join(folder, name), "w") as file:
             for section, values in sections.items():
-                file.write("[%s]\n%s\n" % (section, "".join("%s = %s\n" % item for item in values.items())))
+                file.write("[%s]\n%s\n"
+                           % (section, "".join("%s = %s\n" % item for item in values.items())))
 
     write("odbcinst.ini", {name: {"Driver": source["Driver"]} for name, source in sources.items()})
     named = {name: {**source, "Driver": name} for name, source in sources.items()}

@@ -16,7 +16,8 @@ def column(cursor, sql):
 
 @pytest.fixture
 def table(cursor, engine):
-    cursor.execute("CREATE TABLE t (a INTEGER NOT NULL PRIMARY KEY, b %s)" % engine.kind("text").declared)
+    cursor.execute("CREATE TABLE t (a INTEGER NOT NULL PRIMARY KEY, b %s)"
+                   % engine.kind("text").declared)
     return cursor
 
 
@@ -24,7 +25,7 @@ def stored(connection):
     return [tuple(row) for row in connection.execute("SELECT a, b FROM t ORDER BY a")]
 
 
-# --- values ------------------------------------------------------------------------------------------------------
+# --- values ---------------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("name", engines.KINDS)
@@ -98,7 +99,8 @@ def test_all_of_unicode(table, engine):
     table.executemany("INSERT INTO t VALUES (?, ?)", rows)
     assert stored(table.connection) == rows
     # In the statement itself, in single parameters and in names.
-    for text in ["e\u0301 ØÙÚÛ", "李\U0002A6D6", "\U0001F469\u200D\U0001F4BB\U0001F600", "\uFFFD\uD7FF\uE000"]:
+    for text in ["e\u0301 ØÙÚÛ", "李\U0002A6D6", "\U0001F469\u200D\U0001F4BB\U0001F600",
+                 "\uFFFD\uD7FF\uE000"]:
         table.execute("SELECT ?, '%s' AS %s" % (text, engine.quoted % "Ø李€"), (text,))
         assert table.description[1][0] == "Ø李€"
         assert tuple(table.fetchone()) == (text, text)
@@ -110,7 +112,7 @@ def test_all_of_unicode(table, engine):
     assert column(table, "SELECT count(*) FROM t") == [len(rows)]
 
 
-# --- statements --------------------------------------------------------------------------------------------------
+# --- statements -----------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("where, values, expected", [
@@ -131,11 +133,13 @@ def test_markers(cursor, engine, where, values, expected):
     cursor.execute("CREATE TABLE t (a INTEGER, b VARCHAR(20), %s INTEGER)" % name)
     cursor.executemany("INSERT INTO t VALUES (?, ?, ?)", [(1, "1", 1), (2, "2", 2), (3, "3", 3)])
     where = where.replace("{quoted}", name).replace("{backslash}", engine.backslash)
-    assert [row[0] for row in cursor.execute("SELECT a FROM t WHERE %s ORDER BY a" % where, values)] == expected
+    assert [row[0] for row in cursor.execute("SELECT a FROM t WHERE %s ORDER BY a" % where,
+                                             values)] == expected
 
 
 def test_wrong_numbers_of_values_are_errors(table):
-    for sql, values in [("SELECT a FROM t WHERE a = ? AND b = ?", (1,)), ("SELECT a FROM t WHERE a = ?", (1, 2)),
+    for sql, values in [("SELECT a FROM t WHERE a = ? AND b = ?", (1,)),
+                        ("SELECT a FROM t WHERE a = ?", (1, 2)),
                         ("SELECT a FROM t WHERE a = ?", ())]:
         with pytest.raises(zelqa.DatabaseError):
             table.execute(sql, values)
@@ -163,7 +167,8 @@ def test_row_counts(table):
         ("DELETE FROM t WHERE a >= ?", (3,), 0),
     ]:
         assert table.execute(sql, values).rowcount == count, sql
-    assert table.executemany("INSERT INTO t VALUES (?, ?)", [(i, "v") for i in range(10, 60)]).rowcount == 50
+    assert table.executemany("INSERT INTO t VALUES (?, ?)",
+                             [(i, "v") for i in range(10, 60)]).rowcount == 50
 
 
 def test_texts_that_come_again_see_what_has_changed(cursor, engine):
@@ -184,7 +189,8 @@ def test_texts_that_come_again_see_what_has_changed(cursor, engine):
 
 @pytest.mark.parametrize("engine", ["postgresql"], indirect=True)
 def test_markers_in_dollar_quotes_are_refused(cursor):
-    # They have become numbers before the engine sees them: what was meant as text would be stored altered.
+    # They have become numbers before the engine sees them: what was meant as text would be stored
+    # altered.
     assert cursor.execute("SELECT $$it's$$, $x$a $$ b$x$").fetchone()[0] == "it's"
     for sql in ("SELECT $$a ? b$$", "SELECT $tag$ :x $tag$"):
         with pytest.raises(zelqa.DatabaseError):
@@ -217,10 +223,11 @@ def test_several_cursors_of_one_connection(table):
     assert other.execute("SELECT b FROM t WHERE a = 5").fetchone()[0] == ""
     for i in range(50):
         for cursor in (table, other):
-            assert cursor.execute("SELECT b FROM t WHERE a = ?", (i + 10,)).fetchone()[0] == str(i + 10)
+            assert cursor.execute("SELECT b FROM t WHERE a = ?",
+                                  (i + 10,)).fetchone()[0] == str(i + 10)
 
 
-# --- batches and transactions --------------------------------------------------------------------------------------
+# --- batches and transactions ---------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("failing, rows", [
@@ -297,14 +304,16 @@ def test_threads_with_a_connection_each(table, connect, engine):
     assert stored(connect()) == [(i, str(i)) for i in range(400)]
 
 
-# --- procedures ------------------------------------------------------------------------------------------------------
+# --- procedures -----------------------------------------------------------------------------------
 
 
 @pytest.fixture
 def procedures(table, engine):
     if not engine.procedures:
-        for call in (table.callproc, lambda name, values: table.execute("EXECUTE %s a=?" % name, values)):
-            with pytest.raises(zelqa.DatabaseError, match="no catalogue of the parameters of procedures"):
+        for call in (table.callproc,
+                     lambda name, values: table.execute("EXECUTE %s a=?" % name, values)):
+            with pytest.raises(zelqa.DatabaseError,
+                               match="no catalogue of the parameters of procedures"):
                 call("tell", (1,))
         pytest.skip("there are no procedures, and a call says so")
     for name in ("put", "tell"):
@@ -328,8 +337,10 @@ def test_procedures(procedures, engine):
 
 
 def test_wrong_calls(procedures):
-    for call, values in [("EXECUTE nobody a=?", (1,)), ("EXECUTE tell a=?", (1,)), ("EXECUTE tell a=?, c=?", (1, "x")),
-                         ("EXECUTE tell a=?, a=?", (1, 2)), ("EXECUTE tell a=?, b=?, c=?", (1, "x", "y"))]:
+    for call, values in [("EXECUTE nobody a=?", (1,)), ("EXECUTE tell a=?", (1,)),
+                         ("EXECUTE tell a=?, c=?", (1, "x")),
+                         ("EXECUTE tell a=?, a=?", (1, 2)),
+                         ("EXECUTE tell a=?, b=?, c=?", (1, "x", "y"))]:
         with pytest.raises(zelqa.DatabaseError):
             procedures.execute(call, values)
     with pytest.raises(zelqa.Error, match="nobody|parameters count is 0"):
@@ -346,7 +357,7 @@ def test_what_a_driver_cannot_answer_is_refused(table, engine):
         assert column(table, "SELECT 1") == [1]
 
 
-# --- errors, and the ODBC functions of the module ---------------------------------------------------------------------
+# --- errors, and the ODBC functions of the module -------------------------------------------------
 
 ENV, DBC, STMT = 1, 2, 3
 
@@ -359,7 +370,8 @@ class Application:
         self.env = self.allocate(ENV, None)
         assert self.odbc.SQLSetEnvAttr(self.env, 200, ctypes.c_void_p(3), 0) == 0
         self.dbc = self.allocate(DBC, self.env)
-        assert self.odbc.SQLDriverConnect(self.dbc, None, string.encode(), -3, None, 0, None, 0) in (0, 1)
+        assert self.odbc.SQLDriverConnect(self.dbc, None, string.encode(), -3, None, 0, None,
+                                          0) in (0, 1)
 
     def allocate(self, kind, parent):
         handle = ctypes.c_void_p()
@@ -373,8 +385,8 @@ class Application:
         words = ctypes.create_string_buffer(1024)
         failed = self.odbc.SQLExecDirect(statement, sql.encode(), -3) == -1
         if failed:
-            assert self.odbc.SQLGetDiagRec(STMT, statement, 1, state, ctypes.byref(native), words, 1024,
-                                           ctypes.byref(size)) == 0
+            assert self.odbc.SQLGetDiagRec(STMT, statement, 1, state, ctypes.byref(native), words,
+                                           1024, ctypes.byref(size)) == 0
         self.odbc.SQLFreeHandle(STMT, statement)
         return (state.value.decode(), native.value, words.value.decode()) if failed else None
 

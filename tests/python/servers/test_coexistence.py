@@ -1,4 +1,5 @@
-"""This module and pyodbc in one program, on one database: two users of ODBC that must not meet by accident."""
+"""This module and pyodbc in one program, on one database: two users of ODBC that must not meet by
+accident."""
 
 import json
 import os
@@ -65,11 +66,14 @@ def test_both_in_one_program(engine, databases, order, flags):
         if "sqliteodbc" not in databases:
             pytest.skip("there is no ODBC driver for SQLite")
         theirs = databases["sqliteodbc"].string.replace(databases["sqliteodbc"].path, engine.path)
-    done = subprocess.run([sys.executable, "-c", PROGRAM, json.dumps([engine.string, theirs, order, flags])],
-                          env=os.environ, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=60)
+    done = subprocess.run([sys.executable, "-c", PROGRAM,
+                           json.dumps([engine.string, theirs, order, flags])],
+                          env=os.environ, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          text=True, timeout=60)
     if (order, flags) == ("module first", "global"):
-        # Who makes our ODBC functions global puts them in the place of the driver manager's for all that is loaded
-        # later: pyodbc finds another ODBC than it was built for. That is an error, not a crash.
+        # Who makes our ODBC functions global puts them in the place of the driver manager's for all
+        # that is loaded later: pyodbc finds another ODBC than it was built for. That is an error,
+        # not a crash.
         assert done.returncode == 1 and "Unable to set SQL_ATTR" in done.stdout
     else:
         assert (done.returncode, done.stdout) == (0, "both\n")

@@ -1,4 +1,5 @@
-"""The page on servers shows what happens: its data sources, on servers of the tests' own, and its sessions."""
+"""The page on servers shows what happens: its data sources, on servers of the tests' own, and its
+sessions."""
 
 import configparser
 import importlib.util
@@ -20,7 +21,8 @@ TEXT = (docs.ROOT / "docs" / "servers.md").read_text(encoding="utf-8")
 OWN = TEXT.index("## MariaDB and MySQL")
 # What is not as on the page: the name of the source, and where the server is.
 PAGES = {
-    "postgresql": ("shop", TEXT[:OWN], {"Servername": "127.0.0.1", "Database": "postgres", "Username": "vorda",
+    "postgresql": ("shop", TEXT[:OWN],
+                   {"Servername": "127.0.0.1", "Database": "postgres", "Username": "vorda",
                                         "SSLmode": "disable"}),
     "mariadb": ("blog", TEXT[OWN:], {"Server": "127.0.0.1", "Database": "vorda", "User": "root",
                                      "Password": "", "SSLVERIFY": "0"}),
@@ -43,10 +45,12 @@ def test_page(name, databases, tmp_path, monkeypatch, capfd):
     entry = {**sources()[source], **here, "Port": databases[name].server.port}
     # The driver manager has read, once, where its files are.
     library = servers.driver(engines.ENGINES[name].driver_file)
-    for file, section, values in [(os.path.join(os.environ["ODBCSYSINI"], "odbcinst.ini"), entry["Driver"], {"Driver": library}),
+    for file, section, values in [(os.path.join(os.environ["ODBCSYSINI"], "odbcinst.ini"),
+                                   entry["Driver"], {"Driver": library}),
                                   (os.environ["ODBCINI"], source, entry)]:
         with open(file, "a") as ini:
-            ini.write("\n[%s]\n%s" % (section, "".join("%s = %s\n" % item for item in values.items())))
+            ini.write("\n[%s]\n%s"
+                      % (section, "".join("%s = %s\n" % item for item in values.items())))
     docs.run_blocks(text, tmp_path, monkeypatch, capfd)
 
 

@@ -1,15 +1,19 @@
-"""What the command line exports it imports again, on every engine, and a failing import leaves nothing."""
+"""What the command line exports it imports again, on every engine, and a failing import leaves
+nothing."""
 
 import subprocess
 import sys
 
 import pytest
 
-# By column: the declared type, and values as SQL. Two names that need quotes; one is a word of SQL everywhere.
+# By column: the declared type, and values as SQL. Two names that need quotes; one is a word of SQL
+# everywhere.
 COLUMNS = {
     "id": ("INTEGER", "1", "2", "3"), "order": ("BIGINT", "-9223372036854775808", "NULL", "7"),
-    "2020": ("DOUBLE PRECISION", "0.1", "NULL", "1e300"), "a.b": ("DECIMAL(12,4)", "12.5", "NULL", "-0.0001"),
-    "is it": ("BOOLEAN", "true", "NULL", "false"), "day": ("DATE", "'2024-02-29'", "NULL", "'0001-01-01'"),
+    "2020": ("DOUBLE PRECISION", "0.1", "NULL", "1e300"),
+    "a.b": ("DECIMAL(12,4)", "12.5", "NULL", "-0.0001"),
+    "is it": ("BOOLEAN", "true", "NULL", "false"),
+    "day": ("DATE", "'2024-02-29'", "NULL", "'0001-01-01'"),
     "at": ("TIMESTAMP", "'2024-02-29 23:59:59'", "NULL", "'2024-01-01 00:00:00'"),
     "words": ("VARCHAR(200)", "''", "NULL", "'a,\"b\" ?'"),
 }
@@ -24,7 +28,8 @@ def table(engine, cursor):
     name = engine.quoted % "group"
     cursor.execute("DROP TABLE IF EXISTS " + name)
     cursor.execute("CREATE TABLE %s (%s, UNIQUE (id))" % (name, ", ".join(
-        engine.quoted % column + " " + kinds.get(values[0], values[0]) for column, values in columns.items())))
+        engine.quoted % column + " " + kinds.get(values[0], values[0])
+        for column, values in columns.items())))
     for row in list(zip(*columns.values()))[1:]:
         cursor.execute("INSERT INTO %s VALUES (%s)" % (name, ", ".join(row)))
     yield name
@@ -32,8 +37,9 @@ def table(engine, cursor):
 
 
 def vorda(engine, *arguments, stdin="", status=0):
-    done = subprocess.run([sys.executable, "-m", "vorda", engine.string, *arguments], input=stdin, encoding="utf-8",
-                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=60)
+    done = subprocess.run([sys.executable, "-m", "vorda", engine.string, *arguments], input=stdin,
+                          encoding="utf-8", stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          timeout=60)
     assert done.returncode == status, done.stderr
     return done.stdout + done.stderr
 
@@ -44,13 +50,15 @@ def rows_of(cursor, table):
 
 def test_what_is_exported_is_imported(engine, cursor, table, tmp_path):
     rows, file = rows_of(cursor, table), tmp_path / "all.csv"
-    file.write_text(vorda(engine, "--csv", "SELECT * FROM %s ORDER BY id" % table), encoding="utf-8")
+    file.write_text(vorda(engine, "--csv", "SELECT * FROM %s ORDER BY id" % table),
+                    encoding="utf-8")
     cursor.execute("DELETE FROM " + table)
     assert "(3 rows imported" in vorda(engine, ".import %s group" % file)
     assert rows_of(cursor, table) == rows
 
 
-@pytest.mark.parametrize("begin, line", [("", "1,again"), ("BEGIN;", "1,again"), ("", "9,x,y"), ("", "x,no number")])
+@pytest.mark.parametrize("begin, line", [("", "1,again"), ("BEGIN;", "1,again"), ("", "9,x,y"),
+                                         ("", "x,no number")])
 def test_a_failing_import_leaves_nothing(engine, cursor, table, tmp_path, begin, line):
     file = tmp_path / "some.csv"
     file.write_text("id,words\n" + "".join("%d,x\n" % i for i in range(4, 2500)) + line + "\n")

@@ -1,4 +1,5 @@
-"""Servers that are gone all of a sudden: errors of the driver's own classes, no hang, no half-done batch."""
+"""Servers that are gone all of a sudden: errors of the driver's own classes, no hang, no half-done
+batch."""
 
 import faulthandler
 
@@ -42,7 +43,8 @@ def test_between_statements(server, cursor, connect):
     check_that_it_is_over(in_transaction)
     server.restart()
     check_that_it_is_over(cursor)  # no connection comes back by itself, without what was set on it
-    assert [tuple(row) for row in connect().execute("SELECT a, b FROM t ORDER BY a")] == [(1, "x"), (2, "y")]
+    assert [tuple(row)
+            for row in connect().execute("SELECT a, b FROM t ORDER BY a")] == [(1, "x"), (2, "y")]
 
 
 @pytest.mark.parametrize("streamed", [False, True])
@@ -74,7 +76,8 @@ def test_in_the_middle_of_a_call(server, cursor, connect, engine, begin, rows):
     server.kill(after=0.4)
     with pytest.raises(zelqa.DatabaseError, match="."):
         if rows:
-            cursor.executemany("INSERT INTO t VALUES (?, %s)" % engine.pause, [(i,) for i in range(rows)])
+            cursor.executemany("INSERT INTO t VALUES (?, %s)" % engine.pause,
+                               [(i,) for i in range(rows)])
         else:
             cursor.execute("INSERT INTO t SELECT n, %s FROM %s" % (engine.pause, engine.numbers))
     check_that_it_is_over(cursor)
