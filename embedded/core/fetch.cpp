@@ -195,13 +195,16 @@ void Statement::deliverRow() {
     if (!single) {
         for (const int column : work.unbound) keep(column, work.rows->cell(column));
     }
+    const auto moved = [&](void* first, size_t step) {
+        return first ? static_cast<char*>(first) + offset + work.position * step : nullptr;
+    };
     for (const Route& route : work.routes) {
         Target target = route.target;
-        const auto moved = [&](void* first, size_t step) {
-            return first ? static_cast<char*>(first) + offset + work.position * step : nullptr;
-        };
-        target.buffer = moved(target.buffer, route.valueStep);
-        target.indicator = reinterpret_cast<SQLLEN*>(moved(target.indicator, route.indicatorStep));
+        if (work.position > 0 || offset > 0) {
+            target.buffer = moved(target.buffer, route.valueStep);
+            target.indicator =
+                reinterpret_cast<SQLLEN*>(moved(target.indicator, route.indicatorStep));
+        }
         const Cell cell = work.rows->cell(route.index);
         if (deliver(route.convert, cell, route.index, *route.column, target) != Delivery::Cut)
             continue;

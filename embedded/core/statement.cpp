@@ -211,7 +211,11 @@ SQLRETURN Statement::moreResults() {
             watchRows();
             return SQL_SUCCESS;
         }
-        if (!m_work->prepared) m_work.reset();
+        if (m_work->prepared) {
+            m_work->program->rewind();
+        } else {
+            m_work.reset();
+        }
         return SQL_NO_DATA;
     }
     closeCursor();

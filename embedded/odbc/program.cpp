@@ -224,9 +224,10 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
     const DriverManager& manager = m_statement->manager();
     SQLLEN changed = 0;
     do {
-        // A change that finds no row is no end of the results.
+        // A change that finds no row is no end of the results, and may have columns.
         SQLSMALLINT columns = 0;
-        m_statement->handle().check(manager.SQLNumResultCols(m_statement->get(), &columns));
+        const SQLRETURN counted = manager.SQLNumResultCols(m_statement->get(), &columns);
+        if (result != SQL_NO_DATA) m_statement->handle().check(counted);
         if (columns > 0) {
             Outcome outcome;
             if (m_kind == StatementKind::Change) outcome.changed = countChanges();
