@@ -24,12 +24,14 @@ ROOMS = [
     ("dbapi", ["src/dbapi/*"], ["odbc", "util"]),
     ("python", ["src/*"], ["dbs", "values", "sql", "util"]),
     # The embedded runtime.
-    ("embedded core", ["embedded/core/*", "embedded/values/*", "embedded/engine.h"], []),
-    ("embedded sqlite", ["embedded/sqlite/*"], ["embedded core"]),
-    ("embedded odbc", ["embedded/odbc/*"], ["embedded core"]),
+    ("embedded values", ["embedded/values/*", "embedded/extensions.h"], []),
+    ("embedded core", ["embedded/core/*", "embedded/engine.h"], ["embedded values"]),
+    ("embedded sqlite", ["embedded/sqlite/*"], ["embedded core", "embedded values"]),
+    ("embedded odbc", ["embedded/odbc/*"], ["embedded core", "embedded values"]),
     ("embedded engines", ["embedded/engines.cpp"],
      ["embedded sqlite", "embedded odbc", "embedded core"]),
-    ("embedded entry", ["embedded/entry/*", "embedded/compat.cpp"], ["embedded core"]),
+    ("embedded entry", ["embedded/entry/*", "embedded/compat.cpp"],
+     ["embedded core", "embedded values"]),
 ]
 # What a room must not see through the headers of others either.
 HIDDEN = {"python": ["odbc", "source"]}
