@@ -43,7 +43,8 @@ def test_message_of_any_length(runtime, cursor):
 @pytest.mark.parametrize("unit, kept", [("x", 2047), ("\u00e9", 2046), ("\u20ac", 2046),
                                         ("\U0001f600", 2044)])
 def test_cut_text_is_told(runtime, cursor, unit, kept):
-    """Cut at a whole character, with a warning that names the column and both lengths; what fits is not."""
+    """Cut at a whole character, with a warning that names the column and both lengths; what fits is
+    not."""
     def check(cell, told):
         message = "The text of column 'the name' is truncated " + told
         with pytest.warns(RuntimeWarning) as caught:

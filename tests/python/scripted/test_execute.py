@@ -122,14 +122,16 @@ def test_value_that_cannot_be_sent(runtime, cursor, failure, position, parameter
 
 COUNTS = "The statement has %d parameter marker(s), but %d value(s) are given"
 SURPLUS = COUNTS + ": there is none for the marker in %r."
-TRUNCATED = "The %s at position [%d] of arguments is truncated at its NUL character, from %d characters to %d."
+TRUNCATED = ("The %s at position [%d] of arguments is truncated at its NUL character,"
+             " from %d characters to %d.")
 
 
 @pytest.mark.parametrize("operation, message", [
     (lambda cursor: zelqa.connect("A=b\0C=d").close(), TRUNCATED % ("connection string", 0, 7, 3)),
     (lambda cursor: cursor.callproc("P\0ab"), TRUNCATED % ("procedure name", 0, 4, 1)),
     (lambda cursor: cursor.executemany("SELECT ?\0", [(1,)]), TRUNCATED % ("statement", 0, 9, 8)),
-    (lambda cursor: cursor.execute("SELECT 1\0; DROP TABLE t"), TRUNCATED % ("statement", 0, 23, 8)),
+    (lambda cursor: cursor.execute("SELECT 1\0; DROP TABLE t"),
+     TRUNCATED % ("statement", 0, 23, 8)),
     (lambda cursor: cursor.execute("SELECT ?", "ab\0cd"), TRUNCATED % ("text", 1, 5, 2)),
     (lambda cursor: cursor.execute("SELECT ?, ?", [1, "\0"]), TRUNCATED % ("text", 1, 1, 0)),
     # Where the tokenizer and a database disagree, what it takes for a marker has no value.
@@ -141,7 +143,8 @@ TRUNCATED = "The %s at position [%d] of arguments is truncated at its NUL charac
      SURPLUS % (1, 0, "SELECT 2/**/*1, 'a\\', '?', 'b'")),
     (lambda cursor: cursor.execute("SELECT '%s\\', 'it?%s'" % ("\u20ac" * 9, "\u00e9" * 20)),
      SURPLUS % (1, 0, "%s\\', 'it?%s" % ("\u20ac" * 5, "\u00e9" * 12))),
-    (lambda cursor: cursor.execute("EXEC p ?, @a = ?, ?", 1, 2), SURPLUS % (3, 2, "EXEC p ?, @a = ?, ?")),
+    (lambda cursor: cursor.execute("EXEC p ?, @a = ?, ?", 1, 2),
+     SURPLUS % (3, 2, "EXEC p ?, @a = ?, ?")),
     (lambda cursor: cursor.executemany(r"SELECT 'a''\', ?", [(1,)]), COUNTS % (0, 1) + "."),
     (lambda cursor: cursor.executemany("SELECT ?", [()]), SURPLUS % (1, 0, "SELECT ?")),
     (lambda cursor: cursor.execute("SELECT ?", datetime.time(1, 2, 3, 4)), "The time at position "
@@ -163,7 +166,8 @@ def test_nothing_is_cut_silently(runtime, cursor, operation, message):
     assert runtime.take_log() == []
 
 
-@pytest.mark.parametrize("sql", [r"SELECT 'it\'s', ?", r"SELECT 'C:\\', '?', ?", r"SELECT 'a\b', ? -- \'",
+@pytest.mark.parametrize("sql",
+                         [r"SELECT 'it\'s', ?", r"SELECT 'C:\\', '?', ?", r"SELECT 'a\b', ? -- \'",
                                  "EXEC p ?", "EXEC p @a = ?", "EXEC p @a, :b, ?"])
 def test_as_many_values_as_markers(runtime, cursor, sql):
     for run in (cursor.execute, cursor.executemany):
@@ -193,7 +197,8 @@ def test_invented_column_count(runtime, cursor, count):
         return None
     runtime.handler(invent)
     for statement in (("SELECT a FROM t",), ("SELECT a FROM t WHERE a = ?", 1)):
-        with raises(zelqa.DatabaseError, "Unable to DbDataResult.SetStmtHandle: Unable to InitMetadata: "
+        with raises(zelqa.DatabaseError,
+                    "Unable to DbDataResult.SetStmtHandle: Unable to InitMetadata: "
                                          "Unable to m_columns.SetSize"):
             cursor.execute(*statement)
     runtime.handler(None)

@@ -76,12 +76,14 @@ def test_none_in_the_first_row_hides_the_column(runtime, cursor):
 
 
 @pytest.mark.parametrize("column, what, how, bound_as", [
-    (["c", "a\0b", "\0"], "text", "whole, although execute truncates it at its NUL character", "a\\x00b"),
-    (["\u20ac", "\u20ac\0"], "text", "whole, although execute truncates it at its NUL character", "\u20ac\\x00"),
-    ([datetime.time(1), datetime.time(1, 2, 3, 50)], "time", "with its fraction of a second, which execute drops",
-     "01:02:03.000050"),
-    ([datetime.time(1), datetime.time(1, tzinfo=UTC)], "time", "with its time zone, which execute drops",
-     "01:00:00+00:00"),
+    (["c", "a\0b", "\0"], "text", "whole, although execute truncates it at its NUL character",
+     "a\\x00b"),
+    (["\u20ac", "\u20ac\0"], "text", "whole, although execute truncates it at its NUL character",
+     "\u20ac\\x00"),
+    ([datetime.time(1), datetime.time(1, 2, 3, 50)], "time",
+     "with its fraction of a second, which execute drops", "01:02:03.000050"),
+    ([datetime.time(1), datetime.time(1, tzinfo=UTC)], "time",
+     "with its time zone, which execute drops", "01:00:00+00:00"),
     ([datetime.datetime(2020, 1, 2), datetime.datetime(2020, 1, 2, tzinfo=UTC)], "datetime",
      "with its time zone, which execute drops", "2020-01-02 00:00:00+00:00")])
 def test_what_execute_would_drop(runtime, cursor, column, what, how, bound_as):
