@@ -2,8 +2,7 @@
 
     from vorda import dbapi
     with dbapi.connect("shop.db") as connection:
-        connection.execute("INSERT INTO item (name, price) VALUES (?, ?)", ("nail",
-        Decimal("0.02")))
+        connection.execute("INSERT INTO item VALUES (?, ?)", ("nail", Decimal("0.02")))
 
 This is the face; what has to be fast is in the core, vorda._statement.
 """
@@ -16,12 +15,32 @@ import operator
 import re
 import time
 from decimal import Decimal
-from typing import Any, Callable, Dict, Iterable, List, Mapping, Optional, Sequence, Tuple, Type
+from typing import (
+    Any,
+    Callable,
+    Dict,
+    FrozenSet,
+    Iterable,
+    List,
+    Mapping,
+    Optional,
+    Sequence,
+    Tuple,
+    Type,
+)
 from uuid import UUID
 
-from . import __version__ as __version__  # noqa: F401
+from . import __version__ as __version__
 from . import _statement
 from .statements import Splitter
+
+__all__ = [
+    "__version__", "apilevel", "threadsafety", "paramstyle", "connect", "Connection", "Cursor",
+    "Warning", "Error", "InterfaceError", "DatabaseError", "DataError", "OperationalError",
+    "IntegrityError", "InternalError", "ProgrammingError", "NotSupportedError",
+    "Date", "Time", "Timestamp", "DateFromTicks", "TimeFromTicks", "TimestampFromTicks", "Binary",
+    "STRING", "BINARY", "NUMBER", "DATETIME", "ROWID", "Row", "dict_row", "register_adapter",
+]
 
 apilevel = "2.0"
 threadsafety = 2
@@ -36,8 +55,7 @@ class Warning(Exception):
 
 
 class Error(Exception):
-    """What all errors of this module are. `sqlstate` and `native_code` are the driver's, or
-    None."""
+    """What all errors of this module are, with `sqlstate` and `native_code` from the driver."""
 
     sqlstate: Optional[str] = None
     native_code: Optional[int] = None
@@ -75,18 +93,33 @@ class NotSupportedError(DatabaseError):
     """The database or its driver cannot do this."""
 
 
-_EXCEPTIONS = (Warning, Error, InterfaceError, DatabaseError, DataError, OperationalError,
-               IntegrityError, InternalError, ProgrammingError, NotSupportedError)
-
 # By the longest beginning of the SQLSTATE.
 _BY_STATE: Dict[str, Type[Error]] = {
     **dict.fromkeys(("22",), DataError),
     **dict.fromkeys(("23",), IntegrityError),
-    **dict.fromkeys(("08", "25006", "28", "40", "53", "54", "55", "57", "58", "HY001", "HY008",
-                     "HY013", "HYT", "HY018"),
-                    OperationalError),
-    **dict.fromkeys(("07", "21", "26", "3D", "3F", "42", "44", "HY009", "HY010", "HY011", "HY090"),
-                    ProgrammingError),
+    **dict.fromkeys(
+        (
+            "08",
+            "25006",
+            "28",
+            "40",
+            "53",
+            "54",
+            "55",
+            "57",
+            "58",
+            "HY001",
+            "HY008",
+            "HY013",
+            "HYT",
+            "HY018",
+        ),
+        OperationalError,
+    ),
+    **dict.fromkeys(
+        ("07", "21", "26", "3D", "3F", "42", "44", "HY009", "HY010", "HY011", "HY090"),
+        ProgrammingError,
+    ),
     **dict.fromkeys(("0A", "HYC", "IM001"), NotSupportedError),
     **dict.fromkeys(("25", "2D", "3B", "F0", "P0", "XX"), InternalError),
     **dict.fromkeys(("24", "IM"), InterfaceError),
@@ -125,7 +158,7 @@ def TimestampFromTicks(ticks: float) -> datetime.datetime:
     return Timestamp(*time.localtime(ticks)[:6])
 
 
-class _Types(frozenset):
+class _Types(FrozenSet[type]):
     """Equals each of the types it holds, which are those in descriptions."""
 
     def __eq__(self, other: object) -> bool:
@@ -155,38 +188,59 @@ def _whole_microseconds(value: Any) -> datetime.datetime:
 
 
 _adapters: Dict[type, _Adapter] = {
-    int: int, float: float, str: str.__str__, bytes: bytes, bytearray: bytes, memoryview: bytes,
-    datetime.datetime: _whole_microseconds, datetime.date: lambda value: value,
-    datetime.time: lambda value: value, Decimal: lambda value: value, UUID: str,
+    int: int,
+    float: float,
+    str: str.__str__,
+    bytes: bytes,
+    bytearray: bytes,
+    memoryview: bytes,
+    datetime.datetime: _whole_microseconds,
+    datetime.date: lambda value: value,
+    datetime.time: lambda value: value,
+    Decimal: lambda value: value,
+    UUID: str,
     enum.Enum: operator.attrgetter("value"),
 }
 
 
 def register_adapter(type: type, function: _Adapter, /) -> None:
-    """Have `function` make of each value of a type, or of one derived from it, one that can be
-    sent."""
+    """Have `function` make of each value of a type, or of a derived one, what can be sent."""
     _adapters[type] = function
 
 
 def _adapt(value: Any, position: int) -> Any:
-    """Makes a value one of those that the core sends; called by the core for all but the
-    plainest."""
+    """Makes a value one that the core sends; called by the core for all but the plainest."""
     for base in type(value).__mro__:
         if base in _adapters:
             made = _adapters[base](value)
             return made if base in _PLAIN else _again(made, position)
-    if type(value).__module__ == "numpy" and hasattr(value,
-                                                     "item") and not getattr(value, "ndim", 1):
+    if (
+        type(value).__module__ == "numpy"
+        and hasattr(value, "item")
+        and not getattr(value, "ndim", 1)
+    ):
         made = value.item()
         if isinstance(made, (bool, int, float, str, bytes)) and made == value:
             return made
     raise ProgrammingError(
         "Parameter %d: a value of type %s cannot be sent; register_adapter() makes it one that can"
-                           % (position, type(value).__qualname__))
+        % (position, type(value).__qualname__)
+    )
 
 
-_PLAIN = {int, float, str, bytes, bytearray, memoryview, datetime.datetime, datetime.date,
-          datetime.time, Decimal, UUID}
+_PLAIN = {
+    int,
+    float,
+    str,
+    bytes,
+    bytearray,
+    memoryview,
+    datetime.datetime,
+    datetime.date,
+    datetime.time,
+    Decimal,
+    UUID,
+}
 _SENT = (type(None), bool, int, float, str, bytes)
 
 
@@ -196,12 +250,12 @@ def _again(made: Any, position: int) -> Any:
 
 # --- named markers ------------------------------------------------------------------------------
 
-# What may hide a colon, then a marker. Dollar quotes and backslashes are read as the server reads
-# them.
+# What may hide a colon, then a marker.
 _NAMED = re.compile(
     r"""'(?:[^']|'')*' | "(?:[^"]|"")*" | `(?:[^`]|``)*` | \[[^\]]*\] | --[^\n]* | /\*.*?\*/
     | (?P<quote>\$(?:[A-Za-z_]\w*)?\$).*?(?P=quote) | :: | (?<![\w:]):(?P<name>[A-Za-z_]\w*)""",
-    re.DOTALL | re.VERBOSE)
+    re.DOTALL | re.VERBOSE,
+)
 
 
 @functools.lru_cache(maxsize=128)
@@ -218,27 +272,28 @@ def _plain_markers(sql: str) -> Tuple[str, Tuple[str, ...]]:
 
 
 def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
-    """The statement and its values for plain markers; called by the core for what is no tuple or
-    list."""
+    """Statement and values for plain markers; called by the core for what is no tuple or list."""
     if isinstance(given, Mapping):
         text, names = _plain_markers(sql)
         missing = [name for name in names if name not in given]
         if missing:
-            raise ProgrammingError("The statement has the marker :%s, for which there is no value"
-                                   % missing[0])
+            raise ProgrammingError(
+                "The statement has the marker :%s, for which there is no value" % missing[0]
+            )
         return text, tuple(given[name] for name in names)
     if isinstance(given, (str, bytes, bytearray, memoryview)) or not hasattr(given, "__getitem__"):
-        raise ProgrammingError("The parameters are a %s: they must be a sequence or a mapping"
-                               % type(given).__qualname__)
+        raise ProgrammingError(
+            "The parameters are a %s: they must be a sequence or a mapping"
+            % type(given).__qualname__
+        )
     return sql, tuple(given)
 
 
 # --- rows ---------------------------------------------------------------------------------------
 
 
-class Row(tuple):
-    """A row whose values can also be had by name. As row_factory it makes all rows of a cursor or
-    connection such."""
+class Row(Tuple[Any, ...]):
+    """A row whose values can be had by name, too; a row_factory that makes rows such."""
 
     __slots__ = ()
     _fields: Tuple[str, ...] = ()
@@ -277,8 +332,11 @@ class Row(tuple):
 
 @functools.lru_cache(maxsize=128)
 def _row_type(names: Tuple[str, ...]) -> type:
-    return type("Row", (Row,), {"__slots__": (), "__new__": tuple.__new__, "_fields": names,
-                                "__module__": __name__})
+    return type(
+        "Row",
+        (Row,),
+        {"__slots__": (), "__new__": tuple.__new__, "_fields": names, "__module__": __name__},
+    )
 
 
 def _row_again(names: Tuple[str, ...], values: Tuple[Any, ...]) -> Any:
@@ -301,13 +359,19 @@ _logger = logging.getLogger("vorda")
 
 
 def _log(operation: str, values: int, rows: int, seconds: float, failed: bool) -> None:
-    """Tells what was executed, and no value of it; called by the core where somebody listens."""
-    _logger.debug("%s [%d values, %s, %.3f ms]", operation, values,
-                  "failed" if failed else "query" if rows < 0 else "%d rows" % rows, seconds * 1e3)
+    """Tells what was executed, and no value of it; called by the core if somebody listens."""
+    _logger.debug(
+        "%s [%d values, %s, %.3f ms]",
+        operation,
+        values,
+        "failed" if failed else "query" if rows < 0 else "%d rows" % rows,
+        seconds * 1e3,
+    )
 
 
 _PROCEDURE = re.compile(
-    r"""(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\])(?:\.(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\]))*""")
+    r"""(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\])(?:\.(?:[\w$]+|"[^"]+"|`[^`]+`|\[[^]]+\]))*"""
+)
 
 
 class Cursor(_statement.Cursor):
@@ -316,14 +380,15 @@ class Cursor(_statement.Cursor):
     __slots__ = ()
 
     def callproc(self, name: str, parameters: Sequence[Any] = (), /) -> List[Any]:
-        """Call a stored procedure. Its rows are then there to be fetched. Returns the
-        parameters."""
+        """Call a stored procedure, whose rows can then be fetched. Returns the parameters."""
         if not _PROCEDURE.fullmatch(name):
             raise ProgrammingError("%r is no name of a procedure" % name)
         markers = ", ".join("?" * len(parameters))
         is_sqlite = self.connection._is_sqlite
-        self.execute("EXECUTE %s %s" % (name, markers) if is_sqlite
-                     else "{CALL %s(%s)}" % (name, markers), tuple(parameters))
+        self.execute(
+            "EXECUTE %s %s" % (name, markers) if is_sqlite else "{CALL %s(%s)}" % (name, markers),
+            tuple(parameters),
+        )
         return list(parameters)
 
     def executescript(self, script: str, /) -> "Cursor":
@@ -349,17 +414,28 @@ class Connection(_statement.Connection):
     As a context manager it commits, or rolls back after an exception; it stays open.
     """
 
+    Warning = Warning
+    Error = Error
+    InterfaceError = InterfaceError
+    DatabaseError = DatabaseError
+    DataError = DataError
+    OperationalError = OperationalError
+    IntegrityError = IntegrityError
+    InternalError = InternalError
+    ProgrammingError = ProgrammingError
+    NotSupportedError = NotSupportedError
+
     def cursor(self) -> Cursor:
         """A new cursor, which has a statement of its own."""
         return Cursor(self)
 
     def execute(self, operation: str, parameters: Any = None, /) -> Cursor:
         """Run a statement with a new cursor, and return that."""
-        return Cursor(self).execute(operation, parameters)  # type: ignore[return-value]
+        return Cursor(self).execute(operation, parameters)
 
     def executemany(self, operation: str, seq_of_parameters: Iterable[Any], /) -> Cursor:
         """Run a statement for many rows of parameters with a new cursor, and return that."""
-        return Cursor(self).executemany(operation, seq_of_parameters)  # type: ignore[return-value]
+        return Cursor(self).executemany(operation, seq_of_parameters)
 
     def executescript(self, script: str, /) -> Cursor:
         """Run a script with a new cursor, and return that."""
@@ -375,10 +451,6 @@ class Connection(_statement.Connection):
             self.rollback()
 
 
-for _exception in _EXCEPTIONS:
-    setattr(Connection, _exception.__name__, _exception)
-
-
 def _quoted(value: object) -> str:
     text = str(value)
     if re.search(r"[;{}=\s]", text) or not text:
@@ -386,19 +458,26 @@ def _quoted(value: object) -> str:
     return text
 
 
-def connect(connection_string: Optional[str] = None, /, *, autocommit: bool = False,
-            timeout: Optional[float] = None, **keys: object) -> Connection:
+def connect(
+    connection_string: Optional[str] = None,
+    /,
+    *,
+    autocommit: bool = False,
+    timeout: Optional[float] = None,
+    **keys: object,
+) -> Connection:
     """Connect to a database.
 
-    The connection string is the provider's, or the path of a SQLite file, or ":memory:". Keys are
-    added to it: connect(Database="shop.db"). Without autocommit, changes are made to last by
+    The connection string is the provider's, or the path of a SQLite file, or ":memory:". Keys
+    are added to it: connect(Database="shop.db"). Without autocommit, changes are made to last by
     commit(). A statement that takes longer than `timeout` seconds is ended.
     """
     parts = []
     if connection_string:
         is_path = "=" not in connection_string
-        parts.append("Database=" + _quoted(connection_string) if is_path
-                     else connection_string.rstrip("; "))
+        parts.append(
+            "Database=" + _quoted(connection_string) if is_path else connection_string.rstrip("; ")
+        )
     parts.extend("%s=%s" % (key, _quoted(value)) for key, value in keys.items())
     if not parts:
         raise ProgrammingError("connect() needs a connection string, a path or keys")

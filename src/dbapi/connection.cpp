@@ -129,8 +129,10 @@ int SetAutocommit(PyObject* self, PyObject* value, void*) {
 }
 
 PyObject* InTransaction(PyObject* self, void*) {
-    return AtBoundary<PyObject*>(
-        nullptr, [&] { return PyBool_FromLong(LinkOf(self).InTransaction() ? 1 : 0); });
+    return AtBoundary<PyObject*>(nullptr, [&] {
+        const Link::Turn turn(LinkOf(self));
+        return PyBool_FromLong(LinkOf(self).InTransaction() ? 1 : 0);
+    });
 }
 
 PyObject* IsSqlite(PyObject* self, void*) {

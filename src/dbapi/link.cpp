@@ -5,6 +5,10 @@
 
 namespace {
 
+// Attributes of the embedded runtime's connections.
+constexpr SQLINTEGER kInTransaction = 0x7002;
+constexpr SQLINTEGER kProgress = 0x7003;
+
 constexpr const char* kClosed = "08003";
 constexpr const char* kClosedWords = "The connection is closed.";
 
@@ -57,7 +61,14 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
         SQLGetInfoW(connection, SQL_GETDATA_EXTENSIONS, &extensions, sizeof extensions, nullptr);
         m_hasCells = (extensions & kBlocks) == kBlocks;
     });
+    m_isWatched = OdbcSucceeded(SQLSetConnectAttrW(
+        connection, kProgress, const_cast<Progress*>(&m_progress), SQL_IS_POINTER));
     if (!autocommit) SetAutocommit(false);
+}
+
+int Link::LookIn(void* link) {
+    Watched* const watched = static_cast<Link*>(link)->m_watched;
+    return watched && watched->Look() ? 1 : 0;
 }
 
 // What is freed here has no transaction and no statements any more.
@@ -149,14 +160,8 @@ void Link::Run(const char* sql) {
 }
 
 void Link::SetSavepoint() {
-    if (m_isSqlite) {
-        // There, a savepoint outside of a transaction is one of its own, committed when released.
-        try {
-            Run("BEGIN");
-        } catch (const Failure&) {
-            // It is open already.
-        }
-    }
+    // On SQLite, a savepoint outside of a transaction is one of its own, committed when released.
+    if (m_isSqlite && !InTransaction()) Run("BEGIN");
     m_touched = true;
     Run("SAVEPOINT vorda_executemany");
 }
@@ -175,7 +180,10 @@ void Link::SetAutocommit(bool on) {
 }
 
 bool Link::InTransaction() {
-    return !m_autocommit && m_touched;
+    SQLUINTEGER isOpen = 0;
+    const SQLRETURN status =
+        SQLGetConnectAttrW(m_connection, kInTransaction, &isOpen, sizeof isOpen, nullptr);
+    return OdbcSucceeded(status) ? isOpen != 0 : !m_autocommit && m_touched;
 }
 
 void Link::Close() {

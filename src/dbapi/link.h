@@ -14,6 +14,12 @@
 #include "dbapi/statementcache.h"
 #include "dbapi/waiting.h"
 
+// The runtime's structure for a function that is called in the middle of its calls.
+struct Progress {
+    int (*look)(void* context);
+    void* context;
+};
+
 class Link {
   public:
     // Connects; `warning` gets what the driver remarks. Handles of environments are counted without
@@ -43,6 +49,11 @@ class Link {
     template <class Call>
     void Wait(SQLHSTMT statement, Call&& call) {
         const Running running(*this, statement);
+        if (m_isWatched) {
+            WaitWatched(call);
+            return;
+        }
+        // A file's engine that cannot be looked into answers soon; the way aside costs too much.
         if (m_isSqlite || !InMainThread()) {
             const Unlocked unlocked;
             call();
@@ -106,6 +117,32 @@ class Link {
         Link& m_link;
     };
 
+    // With a runtime that looks in at us in the middle of its calls.
+    template <class Call>
+    void WaitWatched(Call&& call) {
+        bool raised = false;
+        try {
+            Watched watched;
+            m_watched = &watched;
+            // What it throws when a handler has raised is our own doing.
+            const auto end = [&] {
+                m_watched = nullptr;
+                raised = watched.HasRaised();
+            };
+            try {
+                call();
+            } catch (...) {
+                end();
+                throw;
+            }
+            end();
+        } catch (...) {
+            if (!raised) throw;
+        }
+        if (raised) throw PythonError();
+    }
+    static int LookIn(void* link);
+
     void NoteRunning(SQLHSTMT statement);
     void Connect(const std::string& text, bool autocommit, std::string& warning);
     void FreeHandles();
@@ -120,6 +157,9 @@ class Link {
     bool m_touched = false;
     bool m_isSqlite = false;
     bool m_hasCells = false;
+    bool m_isWatched = false;
+    Watched* m_watched = nullptr;  // in the middle of a call
+    const Progress m_progress{LookIn, this};
     long m_timeout;
 
     std::mutex m_mutex;

@@ -27,7 +27,8 @@ Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, 
 
 }  // namespace
 
-Statement::Statement(Link& link, PyObject* text) : m_link(link), m_text(PyRef::Borrow(text)) {
+Statement::Statement(Link& link, PyObject* text)
+    : m_link(link), m_text(PyRef::Borrow(text)), m_hash(PyObject_Hash(text)) {
     m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
     if (!m_utf8) {
         PyErr_Clear();
@@ -40,12 +41,6 @@ Statement::Statement(Link& link, PyObject* text) : m_link(link), m_text(PyRef::B
 
 Statement::~Statement() {
     if (m_handle && !m_link.IsInherited()) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
-}
-
-bool Statement::IsFor(PyObject* text) const {
-    if (text == m_text.Get()) return true;
-    return PyObject_Hash(text) == PyObject_Hash(m_text.Get()) &&
-           PyUnicode_Compare(text, m_text.Get()) == 0;
 }
 
 // For so many values.

@@ -21,7 +21,11 @@ class Statement {
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
-    bool IsFor(PyObject* text) const;
+    // The hash of the text given.
+    bool IsFor(PyObject* text, Py_hash_t hash) const {
+        return text == m_text.Get() ||
+               (hash == m_hash && PyUnicode_Compare(text, m_text.Get()) == 0);
+    }
     SQLHSTMT Handle() const { return m_handle; }
     // Executes, and loads the first rows. The values' bytes must last until the end.
     void Execute(const std::vector<Value>& values);
@@ -79,6 +83,7 @@ class Statement {
 
     Link& m_link;
     const PyRef m_text;
+    const Py_hash_t m_hash;
     const char* m_utf8;
     Py_ssize_t m_length = 0;
     SQLHSTMT m_handle = nullptr;

@@ -11,8 +11,9 @@ class StatementCache {
   public:
     // The one that was prepared from this text, or null.
     std::unique_ptr<Statement> Take(PyObject* text) {
+        const Py_hash_t hash = PyObject_Hash(text);
         for (auto kept = m_kept.begin(); kept != m_kept.end(); ++kept) {
-            if (!(*kept)->IsFor(text)) continue;
+            if (!(*kept)->IsFor(text, hash)) continue;
             std::unique_ptr<Statement> found = std::move(*kept);
             m_kept.erase(kept);
             return found;

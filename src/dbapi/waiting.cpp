@@ -121,6 +121,25 @@ bool InMainThread() {
     return PyThread_get_thread_ident() == mainThread;
 }
 
+bool Watched::Look() {
+    if (!m_isMain) return false;
+    if (HasRaised()) return true;
+    const auto now = std::chrono::steady_clock::now();
+    // The first look is some steps behind the call's beginning, which costs no look at the clock.
+    const bool isFirst = m_nextLook == std::chrono::steady_clock::time_point();
+    const bool isTime = !isFirst && now >= m_nextLook;
+    if (isFirst || isTime) m_nextLook = now + kTick;
+    if (!isTime) return false;
+    PyEval_RestoreThread(m_state);
+    if (PyErr_CheckSignals() < 0) PyErr_Fetch(&m_type, &m_value, &m_trace);
+    PyEval_SaveThread();
+    return HasRaised();
+}
+
+void Watched::Restore() {
+    if (HasRaised()) PyErr_Restore(m_type, m_value, m_trace);
+}
+
 void WaitAside(const std::function<void()>& work, const std::function<void()>& cancel) {
     Worker* const worker = TakeWorker();
     RaisedAside raised;

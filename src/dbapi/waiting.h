@@ -2,8 +2,8 @@
 // are handled meanwhile.
 #pragma once
 
+#include <chrono>
 #include <functional>
-#include <type_traits>
 
 #include "include/pyref.h"
 
@@ -19,12 +19,40 @@ class Unlocked {
     PyThreadState* const m_state;
 };
 
+// Whether signals are handled by this thread.
+bool InMainThread();
+
+// The same with the lock taken back and given up again now and then, for a call in this thread
+// whose runtime looks in at the middle of it: Look() sees to signals, and answers whether a handler
+// has raised. In the main thread only; elsewhere it does nothing.
+class Watched {
+  public:
+    Watched() : m_isMain(InMainThread()), m_state(PyEval_SaveThread()) {}
+    ~Watched() {
+        PyEval_RestoreThread(m_state);
+        Restore();
+    }
+    Watched(const Watched&) = delete;
+    Watched& operator=(const Watched&) = delete;
+
+    bool Look();
+    // Whether a handler has raised; then its exception is set when this ends.
+    bool HasRaised() const { return m_type != nullptr; }
+
+  private:
+    void Restore();
+
+    const bool m_isMain;
+    PyThreadState* const m_state;
+    std::chrono::steady_clock::time_point m_nextLook;
+    PyObject* m_type = nullptr;
+    PyObject* m_value = nullptr;
+    PyObject* m_trace = nullptr;
+};
+
 // How many times the ancestors of this process were forked; a connection of another number belongs
 // to a parent.
 unsigned ForkCount();
-
-// Whether signals are handled by this thread.
-bool InMainThread();
 
 // Runs `work` in a thread of its own while this one, the main one, waits without the interpreter
 // lock and sees to signals several times a second. When a handler raises, `cancel` is called, from

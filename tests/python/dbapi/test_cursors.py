@@ -24,17 +24,20 @@ def count(connection):
     return connection.execute("SELECT count(*) FROM t").fetchone()[0]
 
 
-# --- results --------------------------------------------------------------------------------------
+# --- results -------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("sql, rows", [
-    ("WITH x (a) AS (VALUES (1), (2)) SELECT a FROM x", [(1,), (2,)]),
-    ("VALUES (1, 'a')", [(1, "a")]),
-    ("PRAGMA user_version", [(0,)]),
-    ("INSERT INTO t VALUES (2001, 'n') RETURNING a, b", [(2001, "n")]),
-    ("SELECT a FROM t WHERE a < 0", []),
-    ("SELECT a, 1 FROM t WHERE b = 'xx'", [(2, 1)]),
-])
+@pytest.mark.parametrize(
+    "sql, rows",
+    [
+        ("WITH x (a) AS (VALUES (1), (2)) SELECT a FROM x", [(1,), (2,)]),
+        ("VALUES (1, 'a')", [(1, "a")]),
+        ("PRAGMA user_version", [(0,)]),
+        ("INSERT INTO t VALUES (2001, 'n') RETURNING a, b", [(2001, "n")]),
+        ("SELECT a FROM t WHERE a < 0", []),
+        ("SELECT a, 1 FROM t WHERE b = 'xx'", [(2, 1)]),
+    ],
+)
 def test_whatever_has_columns_gives_rows(table, sql, rows):
     cursor = table.execute(sql)
     assert len(cursor.description[0]) == 7 and cursor.fetchall() == rows and cursor.fetchall() == []
@@ -50,8 +53,12 @@ def test_rows_come_in_any_portions(table):
     cursor = table.cursor()
     assert cursor.execute(sql).fetchall() == expected == list(cursor.execute(sql))
     cursor.execute(sql)
-    portions = [cursor.fetchone(), *cursor.fetchmany(), *cursor.fetchmany(7),
-                *itertools.islice(cursor, 500)]
+    portions = [
+        cursor.fetchone(),
+        *cursor.fetchmany(),
+        *cursor.fetchmany(7),
+        *itertools.islice(cursor, 500),
+    ]
     assert portions + cursor.fetchmany(size=10000) == expected
     cursor.arraysize = 3
     assert len(cursor.execute(sql).fetchmany()) == 3 and cursor.fetchmany(0) == []
@@ -68,7 +75,8 @@ def test_a_cell_is_read_as_what_it_is_or_told_by_its_place(connection):
         connection.execute("INSERT INTO t (a) VALUES (?)", (value,))
     assert [row[0] for row in connection.execute("SELECT a FROM t")] == [1, "one", 1.5, b"\0", None]
     connection.execute(
-        "UPDATE t SET d = CASE WHEN rowid IN (2, 4) THEN 'never' ELSE '2024-01-02' END")
+        "UPDATE t SET d = CASE WHEN rowid IN (2, 4) THEN 'never' ELSE '2024-01-02' END"
+    )
     cursor = connection.execute("SELECT d FROM t")
     seen = []
     while len(seen) < 6:
@@ -76,11 +84,17 @@ def test_a_cell_is_read_as_what_it_is_or_told_by_its_place(connection):
             seen.append(cursor.fetchone())
         except dbapi.DataError as error:
             seen.append(str(error))
-    assert [isinstance(row, tuple) for row in seen] == [True, False, True, False, True, False]
-    assert seen[5] is None
+    assert [isinstance(row, tuple) for row in seen] == [
+        True,
+        False,
+        True,
+        False,
+        True,
+        False,
+    ] and seen[5] is None
     assert 'Column 1 "d", row 2' in seen[1] and "row 4" in seen[3]
     text = connection.execute("SELECT 1, CAST(x'ff' AS TEXT)")
-    with pytest.raises(dbapi.DataError, match='Column 2 .*, row 1: .*UTF-8'):
+    with pytest.raises(dbapi.DataError, match="Column 2 .*, row 1: .*UTF-8"):
         text.fetchone()
     assert text.fetchone() is None
 
@@ -88,10 +102,12 @@ def test_a_cell_is_read_as_what_it_is_or_told_by_its_place(connection):
 def test_descriptions_follow_the_table(table):
     cursor = table.execute("SELECT * FROM t")
     assert [column[0] for column in cursor.description] == ["a", "b"]
-    assert [column[1] == kind
-            for column, kind in zip(cursor.description, (dbapi.NUMBER, dbapi.STRING))] == [True] * 2
-    assert [column[6] for column in cursor.description] == [False, False]
-    assert cursor.description[0][1] != dbapi.BINARY
+    assert [
+        column[1] == kind for column, kind in zip(cursor.description, (dbapi.NUMBER, dbapi.STRING))
+    ] == [True] * 2
+    assert [column[6] for column in cursor.description] == [False, False] and cursor.description[0][
+        1
+    ] != dbapi.BINARY
     cursor.close()
     table.execute("ALTER TABLE t RENAME COLUMN b TO c")
     assert [column[0] for column in table.execute("SELECT * FROM t").description] == ["a", "c"]
@@ -101,10 +117,15 @@ def test_row_factories(table):
     row = dbapi.Row
     table.row_factory = row
     first = table.execute("SELECT a, b FROM t").fetchone()
-    assert first == (1, "x") and isinstance(first, row)
-    assert (first.a, first["b"], first[0]) == (1, "x", 1)
-    assert dict(first) == first._asdict() == {"a": 1, "b": "x"}
-    assert pickle.loads(pickle.dumps(first)) == first
+    assert (
+        first == (1, "x")
+        and isinstance(first, row)
+        and (first.a, first["b"], first[0]) == (1, "x", 1)
+    )
+    assert (
+        dict(first) == first._asdict() == {"a": 1, "b": "x"}
+        and pickle.loads(pickle.dumps(first)) == first
+    )
     with pytest.raises(KeyError):
         first["c"]
     cursor = table.cursor()
@@ -113,7 +134,7 @@ def test_row_factories(table):
     assert cursor.execute("SELECT a AS z FROM t WHERE a = 3").fetchall() == [{"z": 3}]
 
 
-# --- executemany ----------------------------------------------------------------------------------
+# --- executemany ---------------------------------------------------------------------------------
 
 
 @pytest.mark.parametrize("autocommit", [False, True])
@@ -127,9 +148,11 @@ def test_executemany_is_all_or_nothing(table, autocommit):
         yield from ((i, "y") for i in range(4000, 8000))
         yield error
 
-    for bad, error in (((4000, "twice"), dbapi.IntegrityError),
-                       ((9000, object()), dbapi.ProgrammingError),
-                       ((1, 2, 3), dbapi.ProgrammingError)):
+    for bad, error in (
+        ((4000, "twice"), dbapi.IntegrityError),
+        ((9000, object()), dbapi.ProgrammingError),
+        ((1, 2, 3), dbapi.ProgrammingError),
+    ):
         with pytest.raises(error):
             table.executemany("INSERT INTO t VALUES (?, ?)", rows(bad))
         assert count(table) == 1002 and table.autocommit is autocommit
@@ -140,17 +163,20 @@ def test_executemany_is_all_or_nothing(table, autocommit):
 def test_executemany_takes_rows_of_any_kind(table):
     values = [1, None, "x", 2.5, b"b", 2**40, "y" * 100000, True] * 3
     table.execute("CREATE TABLE m (x)")
-    assert table.executemany("INSERT INTO m VALUES (?)",
-                             ([value] for value in values)).rowcount == 24
+    assert (
+        table.executemany("INSERT INTO m VALUES (?)", ([value] for value in values)).rowcount == 24
+    )
     assert [row[0] for row in table.execute("SELECT x FROM m")] == values
-    assert table.executemany("DELETE FROM t WHERE a = :a",
-                             ({"a": i} for i in range(500))).rowcount == 499
+    assert (
+        table.executemany("DELETE FROM t WHERE a = :a", ({"a": i} for i in range(500))).rowcount
+        == 499
+    )
     assert table.executemany("UPDATE t SET b = ? WHERE a = ?", []).rowcount == 0
     table.executemany("INSERT INTO m VALUES (?) RETURNING x", [(1,), (2,)])
     assert table.execute("SELECT count(*) FROM m").fetchone() == (26,)
 
 
-# --- transactions ---------------------------------------------------------------------------------
+# --- transactions --------------------------------------------------------------------------------
 
 
 def test_transactions(table, tmp_path):
@@ -184,22 +210,26 @@ def test_what_was_not_read_is_gone_with_the_rollback(table):
     assert cursor.description[0][0] == "a"
 
 
-# --- errors ---------------------------------------------------------------------------------------
+# --- errors --------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("sql, kind, state", [
-    ("SELEC 1", dbapi.ProgrammingError, "42000"),
-    ("", dbapi.ProgrammingError, "42000"),
-    ("SELECT 1; SELECT 2", dbapi.ProgrammingError, "42000"),
-    ("SELECT * FROM nowhere", dbapi.ProgrammingError, "42S02"),
-    ("INSERT INTO t VALUES (1, 'x')", dbapi.IntegrityError, "23"),
-    ("SELECT abs(-9223372036854775808)", dbapi.DataError, "22003"),
-])
+@pytest.mark.parametrize(
+    "sql, kind, state",
+    [
+        ("SELEC 1", dbapi.ProgrammingError, "42000"),
+        ("", dbapi.ProgrammingError, "42000"),
+        ("SELECT 1; SELECT 2", dbapi.ProgrammingError, "42000"),
+        ("SELECT * FROM nowhere", dbapi.ProgrammingError, "42S02"),
+        ("INSERT INTO t VALUES (1, 'x')", dbapi.IntegrityError, "23"),
+        ("SELECT abs(-9223372036854775808)", dbapi.DataError, "22003"),
+    ],
+)
 def test_errors_are_of_the_class_that_the_state_asks_for(table, sql, kind, state):
     with pytest.raises(kind) as caught:
         table.execute(sql)
-    assert type(caught.value) is kind is getattr(table, kind.__name__)
-    assert caught.value.sqlstate.startswith(state)
+    assert type(caught.value) is kind is getattr(
+        table, kind.__name__
+    ) and caught.value.sqlstate.startswith(state)
     assert caught.value.native_code is not None
 
 
@@ -213,8 +243,12 @@ def test_closed_things_say_so(connection):
             use()
     connection.close()
     connection.close()
-    uses = (connection.cursor, connection.commit, connection.rollback,
-            lambda: cursor.execute("SELECT 1"))
+    uses = (
+        connection.cursor,
+        connection.commit,
+        connection.rollback,
+        lambda: cursor.execute("SELECT 1"),
+    )
     for use in uses:
         with pytest.raises(dbapi.OperationalError, match="connection is closed"):
             use()
@@ -231,18 +265,21 @@ def test_connecting(tmp_path):
     with warnings.catch_warnings():
         warnings.simplefilter("error")
         for arguments, keys in ((["a;b}.db"], {}), ([], {"Database": "a;b}.db", "Mode": "rw"})):
-            path = {key: str(tmp_path / value) if key == "Database" else value
-                    for key, value in keys.items()}
+            path = {
+                key: str(tmp_path / value) if key == "Database" else value
+                for key, value in keys.items()
+            }
             dbapi.connect(*(str(tmp_path / value) for value in arguments), **path).close()
     assert (tmp_path / "a;b}.db").exists()
 
 
-# --- the rest -------------------------------------------------------------------------------------
+# --- the rest ------------------------------------------------------------------------------------
 
 
 def test_scripts_and_procedures(connection):
     connection.executescript(
-        "CREATE TABLE s (a); -- one; two\nINSERT INTO s VALUES (';'); INSERT INTO s VALUES (2)")
+        "CREATE TABLE s (a); -- one; two\nINSERT INTO s VALUES (';'); INSERT INTO s VALUES (2)"
+    )
     connection.execute("CREATE PROCEDURE p (a) AS INSERT INTO s VALUES ($a); SELECT $a + 1 AS n")
     cursor = connection.cursor()
     assert cursor.callproc("p", (41,)) == [41] and cursor.fetchall() == [(42,)]
@@ -258,8 +295,11 @@ def test_the_logger_hears_statements_and_no_values(connection, caplog):
     with pytest.raises(dbapi.Error):
         connection.execute("SELEC 1")
     texts = [record.getMessage() for record in caplog.records]
-    assert texts[0].startswith("SELECT ? [1 values, query, ") and "failed" in texts[-1]
-    assert "secret" not in str(texts)
+    assert (
+        texts[0].startswith("SELECT ? [1 values, query, ")
+        and "failed" in texts[-1]
+        and "secret" not in str(texts)
+    )
 
 
 def test_signatures_and_docstrings():
@@ -282,8 +322,9 @@ def test_threads_share_a_connection(table):
         try:
             for i in range(50):
                 table.execute("INSERT INTO t VALUES (?, '')", (10000 * number + 5000 + i,))
-                assert table.execute("SELECT b FROM t WHERE a = ?",
-                                     (i + 1,)).fetchone() == ("x" * (i + 1),)
+                assert table.execute("SELECT b FROM t WHERE a = ?", (i + 1,)).fetchone() == (
+                    "x" * (i + 1),
+                )
         except BaseException as error:
             failures.append(error)
 
