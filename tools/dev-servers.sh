@@ -50,9 +50,17 @@ provide_pyodbc() {
         --target "$pytest_folder" pyodbc 2>/dev/null || say "NO PYODBC for $python"
 }
 
+# The public suite of DB-API tests, run from its package.
+provide_public_suite() {
+    PYTHONPATH=$pytest_folder "$python" -c 'import dbapi20' 2>/dev/null && return
+    "$python" -m pip install --quiet --disable-pip-version-check --retries 0 --timeout 20 \
+        --target "$pytest_folder" dbapi-compliance 2>/dev/null || say "NO PUBLIC SUITE OF TESTS for $python"
+}
+
 setup
 provide_servers
 provide_pyodbc
+provide_public_suite
 say "building for $python"
 build release $package_targets
 start_tests
