@@ -168,7 +168,8 @@ class RowReader {
     // False with an error set: that of the first column that has one.
     bool Read() {
         if (ReadColumns()) {
-            return (m_truncations.empty() && m_plan.Decimals.empty()) || Finish();
+            if (!m_truncations.empty()) return Finish();
+            return m_plan.Decimals.empty() || MakeDecimals();
         }
         PyObject *type, *value, *trace;
         PyErr_Fetch(&type, &value, &trace);
@@ -247,6 +248,13 @@ class RowReader {
                                    "does not tell its whole length.",
                                    name, truncation.Extent.Length);
         return result == 0;
+    }
+
+    bool MakeDecimals() {
+        for (const int column : m_plan.Decimals) {
+            if (!MakeDecimal(m_row->values[column])) return false;
+        }
+        return true;
     }
 
     bool MakeDecimal(PyObject*& slot) {
