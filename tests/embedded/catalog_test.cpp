@@ -83,6 +83,10 @@ TEST_F(CatalogTest, InformationIsDelivered) {
     EXPECT_EQ(SQL_SUCCESS, RT_SQLGetInfo(kDriver, connection.handle, SQL_CURSOR_ROLLBACK_BEHAVIOR,
                                          &value, 0, nullptr));
     EXPECT_EQ(SQL_CB_CLOSE, value);
+    SQLUINTEGER extensions = 0;
+    EXPECT_EQ(SQL_SUCCESS, RT_SQLGetInfo(kDriver, connection.handle, SQL_GETDATA_EXTENSIONS,
+                                         &extensions, 0, nullptr));
+    EXPECT_NE(0U, extensions);
     EXPECT_EQ(SQL_ERROR,
               RT_SQLGetInfo(kDriver, connection.handle, 31337, text, sizeof text, nullptr));
     EXPECT_EQ("HY096", connection.error().state);

@@ -36,7 +36,7 @@ struct Diagnostic {
 };
 
 inline Diagnostic diagnosticOf(SQLSMALLINT type, SQLHANDLE handle, SQLSMALLINT number = 1) {
-    SQLCHAR state[6] = "";
+    SQLCHAR state[7] = "######";  // one more than is needed
     SQLCHAR message[1024] = "";
     SQLINTEGER native = 0;
     SQLSMALLINT length = 0;
@@ -115,7 +115,8 @@ class Statement {
     }
     std::string text(SQLUSMALLINT column, SQLUSMALLINT field) {
         char value[256] = "";
-        RT_SQLColAttributeW(kDriver, handle, column, field, value, sizeof value, nullptr, nullptr);
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLColAttributeW(kDriver, handle, column, field, value,
+                                                   sizeof value, nullptr, nullptr));
         return value;
     }
 

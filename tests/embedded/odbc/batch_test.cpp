@@ -104,6 +104,9 @@ TEST_F(DriverBatches, AreDoneWholeOrUndone) {
     script.answers["SQLSetStmtAttrW"] = failing(1, 1, SQL_SUCCESS_WITH_INFO);  // shorter arrays
     EXPECT_EQ("9: off, one, again, again, commit, on", alone());
 
+    script.answers["SQLSetStmtAttrW"] = script.answers["SQLExecute"] = failing(1, 1);
+    EXPECT_EQ("23505 there already (parameter set 2 of 3): off, one, again, rollback, on", alone());
+
     const std::string undone = ": off, array, rollback, on";
     script.execute = reporting(SQL_ERROR, 3, {kGood, kBad, kGood});
     EXPECT_EQ("23505 there already (parameter set 2 of 3)" + undone, alone());

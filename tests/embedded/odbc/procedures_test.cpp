@@ -83,6 +83,11 @@ TEST_F(DriverProcedures, GetTheirArgumentsInDeclaredOrder) {
     parameters({{u"a", SQL_PARAM_INPUT}, {u"b", SQL_PARAM_INPUT}}, u"other");
     EXPECT_EQ(SQL_ERROR, connection.run("EXEC p a=1, b=2"));
     EXPECT_EQ("HYC00", connection.last.state);
+    // And in one schema, where the numbers of the parameters begin anew.
+    parameters({{u"a", SQL_PARAM_INPUT}, {u"b", SQL_PARAM_INPUT}});
+    script.catalog.rows[1][17] = number(1);
+    EXPECT_EQ(SQL_ERROR, connection.run("EXEC p a=1, b=2"));
+    EXPECT_EQ("HYC00", connection.last.state);
     script.answers["SQLProcedureColumnsW"] = [](int) { return SQLRETURN{SQL_ERROR}; };
     EXPECT_EQ(SQL_ERROR, connection.run("EXEC p a=1, b=2"));
     EXPECT_TRUE(connection.last.says("no catalogue")) << connection.last.message;
