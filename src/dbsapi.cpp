@@ -5,8 +5,6 @@
 #include <climits>
 #include <cstring>
 #include <memory>
-#include <new>
-#include <utility>
 
 #include "dbhandler.h"
 #include "dbutil.h"
@@ -15,8 +13,6 @@ namespace {
 
 constexpr DBSSMALLINT kConnectionHandle = SQL_HANDLE_DBC;
 constexpr size_t kColumnNameSize = 128;
-// Longer statements are seldom repeated, and each connection would keep two copies of its last one.
-constexpr size_t kLongestRemembered = 16384;
 
 // Every way into the layers below: no exception passes. All that can be thrown is want of memory.
 template <class Body>
@@ -26,10 +22,6 @@ DBSRETURN Guarded(Body&& body) noexcept {
     } catch (...) {
         return VORDA_OUT_OF_MEMORY;
     }
-}
-
-void Check(int status) {
-    if (status != VORDA_OK) throw std::bad_alloc();
 }
 
 template <class Body>
@@ -44,36 +36,18 @@ DBSRETURN WithResultSet(DBSHANDLE handle, Body&& body) noexcept {
     return Guarded([&] { return body(*handle->R); });
 }
 
-// The normalized form of a text: what is remembered, or `made` now. Sets the handle's kind.
-const DynStr& Normalize(_dbhandler& handle, const DBSCHAR* text, DynStr& made, int* paramCount) {
-    auto& last = handle.last;
-    if (text == nullptr) text = "";
-    if (last.Text.empty() || last.Text != text) {
-        int count = 0;
-        Check(NormalizeSQL(text, made, &handle.verb, &count));
-        if (paramCount != nullptr) *paramCount = count;
-        const size_t length = std::strlen(text);
-        if (length > kLongestRemembered) return made;
-        // Nothing is remembered of an attempt that fails.
-        last.Text.clear();
-        Check(last.Normalized.Set(made.Deref(), made.Length()));
-        last.Verb = handle.verb;
-        last.ParamCount = count;
-        last.Text.assign(text, length);
-        return made;
-    }
-    handle.verb = last.Verb;
-    if (paramCount != nullptr) *paramCount = last.ParamCount;
-    return last.Normalized;
+// The statement as it is sent; `made` has room for it. Sets the handle's kind.
+const StatementMemory::Normalized& Normalize(_dbhandler& handle, const DBSCHAR* text,
+                                             StatementMemory::Normalized& made) {
+    const auto& normalized = handle.memory.Normalize(text != nullptr ? text : "", made);
+    handle.verb = normalized.Verb;
+    return normalized;
 }
 
 // Makes room for the execution: the previous rows end, and a kind with rows gets a new result set.
 void StartExecution(_dbhandler& handle) {
     handle.EndResultSet();
-    if (SQLTypeHasResultSet(handle.verb)) {
-        handle.R = handle.spare ? std::move(handle.spare) : std::make_unique<IntDbResultSet>();
-        handle.R->Init();
-    }
+    if (SQLTypeHasResultSet(handle.verb)) handle.R = handle.memory.TakeResultSet();
     handle.affectedRows = 0;
 }
 
@@ -178,28 +152,20 @@ DBSRETURN DBSSetStmtAttr(DBSHSTMT statementHandle, DBSINTEGER attribute, DBSPOIN
 DBSRETURN DBSPrepare(DBSHSTMT statementHandle, const DBSCHAR* statementText, DBSINTEGER,
                      DBSLEN* paramCount) {
     return WithSource(statementHandle, [&](IntDbSource& s) {
-        DynStr made;
-        const DynStr& normalized = Normalize(*statementHandle, statementText, made, paramCount);
-        return s.Prepare(normalized.Deref(), normalized.Length());
+        StatementMemory::Normalized made;
+        const auto& normalized = Normalize(*statementHandle, statementText, made);
+        if (paramCount != nullptr) *paramCount = normalized.ParamCount;
+        return s.Prepare(normalized.Text.Deref(), normalized.Text.Length());
     });
 }
 
 DBSRETURN DBSCountPlaceholders(DBSHSTMT statementHandle, const DBSCHAR* statementText,
                                DBSLEN* count) {
     return WithSource(statementHandle, [&](IntDbSource&) {
-        const auto& last = statementHandle->last;
-        // The kind of the last statement stays what it is.
-        const int verb = statementHandle->verb;
-        if (last.Text.empty() || last.Text != statementText) {
-            DynStr made;
-            Normalize(*statementHandle, statementText, made, count);
-        } else {
-            *count = last.ParamCount;
-            statementHandle->verb = last.Verb;
-        }
-        if (IsStoredProcedure(std::exchange(statementHandle->verb, verb))) {
-            *count = CountPlaceholders(statementText);
-        }
+        StatementMemory::Normalized made;
+        const auto& normalized = statementHandle->memory.Normalize(statementText, made);
+        const bool isCall = IsStoredProcedure(normalized.Verb);
+        *count = isCall ? CountPlaceholders(statementText) : normalized.ParamCount;
         return VORDA_OK;
     });
 }
@@ -225,11 +191,11 @@ DBSRETURN DBSExecute(DBSHSTMT statementHandle) {
 
 DBSRETURN DBSExecDirect(DBSHSTMT statementHandle, const DBSCHAR* statementText, DBSINTEGER) {
     return WithSource(statementHandle, [&](IntDbSource& s) {
-        DynStr made;
-        const DynStr& normalized = Normalize(*statementHandle, statementText, made, nullptr);
+        StatementMemory::Normalized made;
+        const auto& normalized = Normalize(*statementHandle, statementText, made);
         StartExecution(*statementHandle);
-        return s.Execute(normalized.Deref(), normalized.Length(), statementHandle->R.get(),
-                         &statementHandle->affectedRows);
+        return s.Execute(normalized.Text.Deref(), normalized.Text.Length(),
+                         statementHandle->R.get(), &statementHandle->affectedRows);
     });
 }
 

@@ -1,37 +1,35 @@
 #!/usr/bin/env python3
-"""Whether every file includes only what its room may include: no room above it, none that it has to
-reach through another, no circle between rooms or headers. Prints what is wrong and fails, or says
-nothing."""
+"""Whether every file includes only what its room may include: no room above it, none that it has
+to reach through another, no circle between rooms or headers. Prints what is wrong and fails, or
+says nothing."""
 
 import fnmatch
 import os
 import re
 import sys
 
-# A room's files, by the first pattern that fits, and the rooms that they may include. Each room
-# stands on rooms that are above it in the list.
+# A room's files, by the first pattern that fits, and the rooms that they may include, which are
+# above it in the list.
 ROOMS = [
     # The module, from the bottom; docs/architecture.md draws it.
-    ("util", ["src/util/*", "src/include/unicode.h"], []),
-    ("odbc", ["src/runtime/*", "src/mono/odbc*", "src/mono/runtimesearch*",
-              "src/include/sqltypes.h"], ["util"]),
-    ("sql", ["src/dbutil.*", "src/sqltokenizer.cpp", "src/include/sqltokenizer.h"], ["util"]),
-    ("values", ["src/include/dbsource.h", "src/include/cell.h", "src/mono/cell.cpp"], ["util"]),
-    ("source", ["src/mono/*"], ["values", "odbc", "util"]),
-    ("dbs", ["src/dbs.cpp", "src/dbsapi.cpp", "src/dbhandler.h", "src/include/dbs.h",
-             "src/include/dbsapi.h"],
-     ["source", "values", "sql", "util"]),
-    ("dbapi", ["src/dbapi/*"], ["odbc", "util"]),
-    ("python", ["src/*"], ["dbs", "values", "sql", "util"]),
+    ("util", "src/util/* src/include/unicode.h", ""),
+    ("odbc", "src/runtime/* src/mono/odbc* src/mono/runtimesearch* src/include/sqltypes.h", "util"),
+    ("sql", "src/dbutil.* src/sqltokenizer.cpp src/include/sqltokenizer.h", "util"),
+    ("values", "src/include/dbsource.h src/include/cell.h src/mono/cell.cpp "
+               "src/mono/columninfo.cpp", "util"),
+    ("source", "src/mono/*", "values odbc util"),
+    ("dbs", "src/dbs.cpp src/dbsapi.cpp src/dbhandler.h src/statementmemory.* src/include/dbs.h "
+            "src/include/dbsapi.h", "source values sql util"),
+    ("cpython", "src/include/pyref.h src/include/pydatetime.h", ""),
+    ("dbapi", "src/dbapi/*", "cpython odbc util"),
+    ("python", "src/*", "cpython dbs values sql util"),
     # The embedded runtime.
-    ("embedded values", ["embedded/values/*", "embedded/extensions.h"], []),
-    ("embedded core", ["embedded/core/*", "embedded/engine.h"], ["embedded values"]),
-    ("embedded sqlite", ["embedded/sqlite/*"], ["embedded core", "embedded values"]),
-    ("embedded odbc", ["embedded/odbc/*"], ["embedded core", "embedded values"]),
-    ("embedded engines", ["embedded/engines.cpp"],
-     ["embedded sqlite", "embedded odbc", "embedded core"]),
-    ("embedded entry", ["embedded/entry/*", "embedded/compat.cpp"],
-     ["embedded core", "embedded values"]),
+    ("cells", "embedded/values/* embedded/extensions.h", ""),
+    ("core", "embedded/core/* embedded/engine.h", "cells"),
+    ("sqlite", "embedded/sqlite/*", "core cells"),
+    ("manager", "embedded/odbc/*", "core cells"),
+    ("engines", "embedded/engines.cpp", "sqlite manager core"),
+    ("entry", "embedded/entry/* embedded/compat.cpp", "core cells"),
 ]
 # What a room must not see through the headers of others either.
 HIDDEN = {"python": ["odbc", "source"]}
@@ -41,7 +39,7 @@ INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.MULTILINE)
 
 def room_of(path):
     for name, patterns, _ in ROOMS:
-        if any(fnmatch.fnmatch(path, pattern) for pattern in patterns):
+        if any(fnmatch.fnmatch(path, pattern) for pattern in patterns.split()):
             return name
     return None
 
@@ -57,17 +55,15 @@ def includes(root):
                 path = os.path.relpath(os.path.join(folder, name), root)
                 with open(os.path.join(root, path), encoding="utf-8") as file:
                     wanted = INCLUDE.findall(file.read())
-                tried = [[os.path.normpath(os.path.join(base, w))
-                          for base in (top, os.path.dirname(path))] for w in wanted]
-                found[path] = [next((t for t in both if os.path.exists(os.path.join(root, t))),
-                                    None) for both in tried]
-                found[path] = [path for path in found[path] if path]
+                bases = (top, os.path.dirname(path))
+                tried = [os.path.normpath(os.path.join(base, w)) for w in wanted for base in bases]
+                there = [path for path in tried if os.path.exists(os.path.join(root, path))]
+                found[path] = list(dict.fromkeys(there))
     return found
 
 
 def seen(path, files, known):
-    """Everything that a file includes, itself or through others, with the file that it comes
-    through."""
+    """Everything that a file includes, also through others, with the file that it comes through."""
     for wanted in files[path]:
         if wanted not in known:
             known[wanted] = path
@@ -77,10 +73,10 @@ def seen(path, files, known):
 
 def problems(root):
     files = includes(root)
-    may = {name: allowed for name, _, allowed in ROOMS}
+    may = {name: allowed.split() for name, _, allowed in ROOMS}
     order = [name for name, _, _ in ROOMS]
-    for name, _, allowed in ROOMS:
-        for other in allowed:
+    for name in order:
+        for other in may[name]:
             if order.index(other) >= order.index(name):
                 yield "the rooms %s and %s stand in a circle" % (name, other)
     for path in sorted(files):
@@ -96,9 +92,9 @@ def problems(root):
         if path in known:
             yield "%s includes itself, through %s" % (path, known[path])
         for wanted, through in sorted(known.items()):
-            if room_of(wanted) in HIDDEN.get(room, []) and wanted not in files[path]:
-                yield "%s (%s) sees %s (%s), through %s" % (path, room, wanted, room_of(wanted),
-                                                            through)
+            other = room_of(wanted)
+            if other in HIDDEN.get(room, []) and wanted not in files[path]:
+                yield "%s (%s) sees %s (%s), through %s" % (path, room, wanted, other, through)
 
 
 if __name__ == "__main__":

@@ -30,9 +30,6 @@ struct _odbc_parameter_ {
     void MakeRoom(size_t size, int sets);
     // Nothing is bound any more; only small arrays are kept.
     void Clear();
-
-    // A deep copy, owned by the caller.
-    std::unique_ptr<_odbc_parameter_> Clone() const;
 };
 
 class ODBCSourceImpl : public LastError {

@@ -8,21 +8,6 @@
 #include "mono/typemaps.h"
 #include "util/def.h"
 
-std::unique_ptr<_odbc_parameter_> _odbc_parameter_::Clone() const {
-    auto copy = std::make_unique<_odbc_parameter_>();
-    copy->ColumnSize = ColumnSize;
-    copy->DataType = DataType;
-    copy->Count = Count;
-    if (Data) {
-        const auto bytes = static_cast<size_t>(ColumnSize) * static_cast<size_t>(Count);
-        copy->Data = std::make_unique<char[]>(bytes + 1);
-        std::memcpy(copy->Data.get(), Data.get(), bytes);
-        copy->DataLen = std::make_unique<SQLLEN[]>(static_cast<size_t>(Count));
-        std::copy_n(DataLen.get(), Count, copy->DataLen.get());
-    }
-    return copy;
-}
-
 namespace {
 
 // Room for any value of a fixed size, and for most texts.

@@ -5,43 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <new>
 #include <type_traits>
 #include <utility>
 
 #include "mono/cancel.h"
 #include "mono/typemaps.h"
 #include "util/def.h"
-
-_db_column_info_::_db_column_info_(const char* name, int nameLength, int dataType, int columnSize,
-                                   int precision, int scale, int isNullable) noexcept
-    : DataType(dataType),
-      ColumnSize(columnSize),
-      Precision(precision),
-      Scale(scale),
-      IsNullable(isNullable) {
-    ColumnName.Set(name, nameLength);
-}
-
-std::unique_ptr<_db_column_info_> _db_column_info_::Clone() const noexcept {
-    std::unique_ptr<_db_column_info_> copy(new (std::nothrow) _db_column_info_(
-        "", 0, DataType, ColumnSize, Precision, Scale, IsNullable));
-    if (copy && copy->ColumnName.Set(ColumnName.Deref(), ColumnName.Length()) != VORDA_OK) {
-        copy.reset();
-    }
-    return copy;
-}
-
-std::unique_ptr<_col_binding_info_> _col_binding_info_::Clone() const {
-    auto copy = std::make_unique<_col_binding_info_>();
-    copy->DataType = DataType;
-    copy->NativeVal = NativeVal;
-    copy->ValLen = ValLen;
-    if (copy->StringVal.Set(StringVal.Deref(), StringVal.Length()) != VORDA_OK) {
-        throw std::bad_alloc();
-    }
-    return copy;
-}
 
 // A moment is read from where the driver writes a timestamp, a length where it writes an indicator.
 static_assert(std::is_same_v<SQLLEN, std::ptrdiff_t> && DbCell::kNull == SQL_NULL_DATA);

@@ -35,9 +35,6 @@ struct _col_binding_info_ {
     ODBCNativeValue NativeVal = {};
     DynStr StringVal;
     SQLLEN ValLen = SQL_NULL_DATA;
-
-    // A deep copy, owned by the caller. Nothing is bound to the copy.
-    std::unique_ptr<_col_binding_info_> Clone() const;
 };
 
 class ODBCResultSetImpl : public LastError {

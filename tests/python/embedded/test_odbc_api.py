@@ -66,20 +66,6 @@ def test_a_prepared_query_with_unbound_and_bound_columns(application):
     assert odbc.SQLFreeHandle(STMT, statement) == 0
 
 
-# As C++ programs know them, and the size that they reserve for an object.
-NATIVE_NAMES = """
-    _ZN3Dbs4OpenEPci _ZN3Dbs7PrepareEPci _ZN3Dbs7ExecuteEPci _ZN3Dbs8AddParamEiiPviPi _ZN3Dbs6IsOpenEv
-    _ZN3Dbs12GetLastErrorEv _ZN3Dbs19GetLastErrorMessageEv _ZN3Dbs13GetColumnInfoEi _ZNK16_db_column_info_5CloneEv
-    _Z12ucs2_to_ucs4PtRj _Z12ucs2_to_utf8PtPc _Z12utf8_to_usc4PcRj _Z25utf8string_to_utf16stringPcPt
-    _Z25utf16string_to_utf8stringPtPc _Z12NormalizeSQLPKcR14DynStrTemplateILi99EEPiS4_
-"""
-
-
-def test_native_names():
-    module = ctypes.CDLL(zelqa.__file__)
-    assert [name for name in NATIVE_NAMES.split() if not hasattr(module, name)] == []
-
-
 def test_errors_carry_a_state_and_a_text(application):
     odbc = application.odbc
     statement = application.allocate(STMT, application.dbc)

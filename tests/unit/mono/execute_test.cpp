@@ -94,23 +94,4 @@ TEST_F(SourceTest, ABatchThatStayedSetIsPutBackBeforeASingleExecution) {
     }
 }
 
-TEST_F(SourceTest, AFailedHandOverFreesTheStatementOnce) {
-    scripted_answer("SQLColAttributeW", 0, SQL_ERROR);
-    IntDbResultSet rs;
-    int rows = 7;
-    source.Prepare("x", 1);
-    EXPECT_EQ(source.Execute(&rs, &rows), VORDA_ODBC_ERROR);
-    // Without an earlier message the source keeps what it knew.
-    ExpectError(VORDA_OK, "");
-    rs.Close();
-    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
-
-    WarnNext("SQLExecDirectW", 5701, "truncated");
-    EXPECT_EQ(source.Execute("x", 1, &rs, &rows), VORDA_ODBC_ERROR);
-    ExpectError(-1, "Unable to DbDataResult.SetStmtHandle: truncated");
-    rs.Close();
-    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 0);
-    EXPECT_EQ(rows, 7);
-}
-
 }  // namespace

@@ -219,17 +219,4 @@ TEST_F(FetchTest, NothingOfAnotherRowIsShown) {
     EXPECT_EQ(Text(0), nothing);
 }
 
-TEST(BindingRecord, ACloneHasABufferOfItsOwn) {
-    _col_binding_info_ original;
-    original.DataType = SQL_C_WCHAR;
-    original.NativeVal.VBigInt = 77;
-    original.ValLen = 3;
-    original.StringVal.Set("abc");
-    const auto clone = original.Clone();
-    original.StringVal.Set("xyz");
-    EXPECT_TRUE(clone->DataType == SQL_C_WCHAR && clone->NativeVal.VBigInt == 77);
-    EXPECT_EQ(clone->ValLen, 3);
-    EXPECT_STREQ(clone->StringVal.Deref(), "abc");
-}
-
 }  // namespace

@@ -231,23 +231,4 @@ TEST_F(ParameterTest, ParametersBelongToTheirStatement) {
     rs.Close();
 }
 
-TEST(ParameterRecord, ACloneHasArraysOfItsOwn) {
-    _odbc_parameter_ original;
-    EXPECT_EQ(original.Clone()->Data, nullptr);
-    original.ColumnSize = 2;
-    original.DataType = SQL_C_WCHAR;
-    original.Count = 2;
-    original.Data = std::make_unique<char[]>(5);
-    original.DataLen = std::make_unique<SQLLEN[]>(2);
-    std::strcpy(original.Data.get(), "abcd");
-    original.DataLen[1] = 2;
-
-    const auto clone = original.Clone();
-    original.Data[0] = '#';
-    original.DataLen[1] = 0;
-    EXPECT_TRUE(clone->ColumnSize == 2 && clone->DataType == SQL_C_WCHAR && clone->Count == 2);
-    EXPECT_EQ(std::string(clone->Data.get(), 4), "abcd");
-    EXPECT_EQ(clone->DataLen[1], 2);
-}
-
 }  // namespace
