@@ -41,7 +41,8 @@ def test_decimals_are_exact(cursor, stdlib):
     cursor.execute("CREATE TABLE t (x DECIMAL(12,4))")
     stdlib.execute("INSERT INTO t VALUES (12.5), (-0.0001), (3), ('0.1'), (99999999.9999)")
     values = [row[0] for row in cursor.execute("SELECT x FROM t")]
-    assert values == [decimal.Decimal(text) for text in ("12.5", "-0.0001", "3", "0.1", "99999999.9999")]
+    texts = ["12.5", "-0.0001", "3", "0.1", "99999999.9999"]
+    assert values == [decimal.Decimal(text) for text in texts]
     assert cursor.description[0][1] is decimal.Decimal
     assert cursor.description[0][4:6] == (12, 4)
 

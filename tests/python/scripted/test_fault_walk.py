@@ -107,8 +107,8 @@ def calls_of(runtime):
 
 
 NOT_PREPARED = "The prepared statement is required"
-NO_METADATA = (zelqa.ProgrammingError, "Could not fetch metadata of the procedure parameters or the parameters "
-               "count is 0", "call")
+NO_METADATA = (zelqa.ProgrammingError, "Could not fetch metadata of the procedure parameters or "
+               "the parameters count is 0", "call")
 NO_RESULT = "No results.  Previous SQL was not a DQL."
 RELEASING = ("SQLFreeStmt", "SQLDisconnect", "SQLFreeHandle dbc", "SQLFreeHandle env")
 QUERIES = {"query": "fetch", "direct query": "direct query", "call": "call"}
@@ -122,7 +122,8 @@ def expected(kind, status, has_diagnostic, step, is_second):
     """
     says = (zelqa.DatabaseError, SAID if has_diagnostic else NO_DIAGNOSTIC, step)
     is_metadata = step == "call" and not is_second
-    if is_metadata and (kind == "SQLFetch" or (kind == "SQLFetch end" and status != NO_DATA)) and status != INFO:
+    fails = ["SQLFetch"] if status == NO_DATA else ["SQLFetch", "SQLFetch end"]
+    if is_metadata and status != INFO and kind in fails:
         return NO_METADATA
     if status == INFO or kind in RELEASING or kind == "SQLSetStmtAttr back":
         return None  # nothing is lost by it, or nothing can be done about it
@@ -149,7 +150,8 @@ def expected(kind, status, has_diagnostic, step, is_second):
     if kind.startswith("SQLFetch") and status == INVALID_HANDLE:
         return says
     if is_metadata and kind == "SQLBindCol":
-        return zelqa.ProgrammingError, "The name of parameter 0 of the procedure is not a text.", step
+        return (zelqa.ProgrammingError,
+                "The name of parameter 0 of the procedure is not a text.", step)
     return None
 
 
