@@ -95,7 +95,7 @@ def test_csv_and_json_carry_every_value(item):
     (["Database=:memory:", ".nope"], "", 1, ".help lists them"),
     (["Database=:memory:"], "\\d item\n", 1, "no command \\d; .tables lists"),
     (["Database=:memory:", "SELECT * FROM \"\x1b[2Jx\""], "", 1, "no such table: \\x1b[2Jx"),
-    (["Database=:memory:", "--csv", LONG], "", 1, "row 2: The text of column 't' is cut from 3000"),
+    (["Database=:memory:", "--csv", LONG], "", 1, "row 2: The text of column 't' is truncated from"),
     (["Database=:memory:", LONG], "", 0, "warning: row 2: The text of column 't'"),
     (["Database=:memory:", "--json", "SELECT 1; SELECT 2"], "", 1, "--json writes one document"),
     (["Database=:memory:", ".read"], "", 1, "usage: .read FILE"),
