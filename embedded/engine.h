@@ -3,6 +3,7 @@
 #include <sql.h>
 #include <sqlext.h>
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,9 +22,10 @@ class ParameterSets;
 
 /// What an execution gave.
 struct Outcome {
-    std::unique_ptr<ResultSet> rows;  ///< null: none to read
-    SQLLEN changed = -1;              ///< rows changed; -1 when that is no question
-    bool nothingDone = false;         ///< a change that found no row: SQL_NO_DATA
+    std::unique_ptr<ResultSet> rows;      ///< null: none to read
+    SQLLEN changed = -1;                  ///< rows changed; -1 when that is no question
+    bool nothingDone = false;             ///< a change that found no row: SQL_NO_DATA
+    std::optional<std::int64_t> lastRow;  ///< the number that the last row inserted was given
 };
 
 /// What the application wants of an execution, its parameters aside.
@@ -118,8 +120,12 @@ class Database {
     /// Nothing for a type that the engine does not know.
     virtual std::optional<Information> information(SQLUSMALLINT type) = 0;
 
-    /// Interrupts what is running. The one function that any thread may call at any time.
+    /// Interrupts the call that is running, all that is still to come in it included. The one
+    /// function that any thread may call at any time.
     virtual void interrupt() noexcept = 0;
+
+    /// The interrupted call is over: what comes next is none of the interruption's business.
+    virtual void forgetInterrupt() noexcept {}
 
     /// Called, under the lock of `interrupt`, on a database inherited through a fork, before this
     /// process opens another one.

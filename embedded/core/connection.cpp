@@ -66,9 +66,17 @@ void Connection::forgetInherited() {
     if (inherited()) m_database->forgetInherited();
 }
 
-void Connection::interrupt() noexcept {
+void Connection::interrupt(std::atomic<Call>& call) noexcept {
     const std::lock_guard lock(m_interruptMutex);
-    if (m_database) m_database->interrupt();
+    Call state = Call::Running;
+    const bool isRunning =
+        call.compare_exchange_strong(state, Call::Interrupted) || state == Call::Interrupted;
+    if (isRunning && m_database) m_database->interrupt();
+}
+
+void Connection::forgetInterrupt() noexcept {
+    const std::lock_guard lock(m_interruptMutex);
+    if (m_database) m_database->forgetInterrupt();
 }
 
 void Connection::attach(Statement& statement) noexcept {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,6 +14,9 @@ namespace embedded {
 
 class Environment;
 class Statement;
+
+/// How far a call is that another thread may interrupt.
+enum class Call : char { None, Running, Interrupted };
 
 /// A connection handle and, while it is open, a database of one of the engines.
 ///
@@ -56,8 +60,12 @@ class Connection final : public Handle, private CursorOwner {
     /// Closes the cursors of all statements.
     void closeCursors() noexcept override;
 
-    /// Interrupts what is running. Callable from any thread, without the connection's lock.
-    void interrupt() noexcept;
+    /// Interrupts `call`, which is one on this connection, if it is running. Callable from any
+    /// thread, without the connection's lock.
+    void interrupt(std::atomic<Call>& call) noexcept;
+
+    /// The interrupted call is over.
+    void forgetInterrupt() noexcept;
 
     // For statements only: their list, and the ones whose rows nobody has asked about yet.
     void attach(Statement& statement) noexcept;

@@ -12,10 +12,11 @@ class ConnectString {
     struct Pair {
         std::string key;
         std::string value;
+        bool mayBeSecret = false;  ///< it may belong to a password with a semicolon in it
     };
 
     /// Reads "Key=Value;…": values optionally in braces ("}}" is a brace inside them). Throws an
-    /// `Error` that names what is wrong.
+    /// `Error` that names what is wrong, and quotes nothing that may belong to a password.
     explicit ConnectString(std::string_view text);
 
     /// The text as it was given.

@@ -70,7 +70,13 @@ SQLRETURN Statement::executeDirect(std::string_view sql) {
     }
 }
 
-void Statement::openRows(std::unique_ptr<ResultSet> rows) {
+void Statement::openCatalog(CatalogFunction function, const CatalogSearch& search) {
+    Database& database = m_connection->database();
+    std::unique_ptr<ResultSet> rows;
+    {
+        const Running running(*this);
+        rows = (database.*function)(search);
+    }
     if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
     m_work = std::make_unique<Work>();
     m_work->rows = std::move(rows);
@@ -84,6 +90,7 @@ SQLRETURN Statement::run() {
     Work& work = *m_work;
     m_executed = m_gaveRows = m_overtaken = false;
     m_rowCount = -1;
+    m_lastRow.reset();
 
     checkParameters();
     m_connection->closeUnasked();
@@ -93,6 +100,7 @@ SQLRETURN Statement::run() {
     const Running running(*this);
     Outcome outcome = requireProgram().execute(sets, options.execution);
     m_rowCount = outcome.changed;
+    m_lastRow = outcome.lastRow;
     m_executed = true;
     m_gaveRows = outcome.rows != nullptr;
     if (!outcome.rows) return outcome.nothingDone ? SQL_NO_DATA : SQL_SUCCESS;
@@ -223,7 +231,7 @@ SQLRETURN Statement::moreResults() {
 }
 
 void Statement::cancel() noexcept {
-    if (m_running) m_connection->interrupt();
+    m_connection->interrupt(m_call);
 }
 
 }  // namespace embedded

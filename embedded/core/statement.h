@@ -4,9 +4,11 @@
 #include <sqlext.h>
 
 #include <atomic>
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,8 +67,9 @@ class Statement final : public Handle {
     SQLRETURN execute();
     SQLRETURN executeDirect(std::string_view sql);
 
-    /// Presents `rows` as the result of this statement.
-    void openRows(std::unique_ptr<ResultSet> rows);
+    /// Presents what a catalogue function finds as the result of this statement.
+    using CatalogFunction = std::unique_ptr<ResultSet> (Database::*)(const CatalogSearch& search);
+    void openCatalog(CatalogFunction function, const CatalogSearch& search);
 
     /// Reads as many rows as the application's arrays hold. Of several, a row that fails is
     /// reported with its number and does not keep back the others.
@@ -81,7 +84,8 @@ class Statement final : public Handle {
     /// Ends the rows of this result for those of the next one.
     SQLRETURN moreResults();
 
-    /// Interrupts this statement if it is running. Callable from any thread, without the lock.
+    /// Interrupts the call that is running on this statement, if there is one, until it ends.
+    /// Callable from any thread, without the lock.
     void cancel() noexcept;
 
     /// Number of parameter markers of the prepared text.
@@ -96,6 +100,9 @@ class Statement final : public Handle {
 
     /// Rows changed by the last execution; -1 when that is no question.
     SQLLEN rowCount() const;
+
+    /// The number that the last row inserted by the last execution was given, if it was given one.
+    std::optional<std::int64_t> lastRow() const noexcept { return m_lastRow; }
 
     /// Number of the current row from 1; 0 when there is none.
     SQLULEN rowNumber() const noexcept;
@@ -185,19 +192,23 @@ class Statement final : public Handle {
         int surplusParameter = 0;  ///< highest number bound beyond the markers of the prepared text
     };
 
-    /// Marks the statement as running for `cancel`, once a row: nothing else is ordered by the
-    /// mark.
+    /// Marks the statement as running for `cancel`. One that comes holds until the mark goes, and
+    /// no longer: it must not stop what runs next.
     class Running {
       public:
-        explicit Running(Statement& statement) noexcept : m_flag(statement.m_running) {
-            m_flag.store(true, std::memory_order_relaxed);
+        explicit Running(Statement& statement) noexcept : m_statement(statement) {
+            m_statement.m_call.store(Call::Running, std::memory_order_relaxed);
         }
-        ~Running() { m_flag.store(false, std::memory_order_relaxed); }
+        ~Running() {
+            if (m_statement.m_call.exchange(Call::None) == Call::Interrupted) {
+                m_statement.m_connection->forgetInterrupt();
+            }
+        }
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
 
       private:
-        std::atomic<bool>& m_flag;
+        Statement& m_statement;
     };
 
     const Settings& settings() const noexcept;
@@ -228,10 +239,11 @@ class Statement final : public Handle {
     std::unique_ptr<Work> m_work;
     std::unique_ptr<Settings> m_settings;
     SQLLEN m_rowCount = -1;
+    std::optional<std::int64_t> m_lastRow;
     bool m_executed = false;
     bool m_gaveRows = false;   ///< the last execution
     bool m_overtaken = false;  ///< and they were closed before anybody asked
-    std::atomic<bool> m_running = false;
+    std::atomic<Call> m_call = Call::None;
 };
 
 }  // namespace embedded

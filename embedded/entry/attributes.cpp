@@ -243,6 +243,13 @@ void getStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value,
     output(value, fixed->value, length);
 }
 
+SQLRETURN lastRow(Statement& statement, SQLPOINTER value, SQLINTEGER* length) noexcept {
+    const std::optional<std::int64_t> number = statement.lastRow();
+    if (!number) return SQL_NO_DATA;
+    output(value, *number, length);
+    return SQL_SUCCESS;
+}
+
 }  // namespace
 }  // namespace embedded
 
@@ -291,8 +298,9 @@ SQLRETURN RT_SQLSetStmtAttr(const char*, SQLHSTMT handle, SQLINTEGER attribute, 
 SQLRETURN RT_SQLGetStmtAttr(const char*, SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value,
                             SQLINTEGER, SQLINTEGER* length) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
+        if (attribute == SQL_ATTR_VORDA_LAST_ROWID) return lastRow(statement, value, length);
         getStatement(statement, attribute, value, length);
-        return SQL_SUCCESS;
+        return SQLRETURN{SQL_SUCCESS};
     });
 }
 

@@ -22,9 +22,9 @@ SQLRETURN RT_SQLTables(const char*, SQLHSTMT handle, SQLCHAR* catalog, SQLSMALLI
                        SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table,
                        SQLSMALLINT tableLength, SQLCHAR* types, SQLSMALLINT typesLength) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        statement.openRows(statement.connection().database().tables(
-            {pattern(catalog, catalogLength), pattern(schema, schemaLength),
-             pattern(table, tableLength), pattern(types, typesLength)}));
+        statement.openCatalog(&Database::tables,
+                              {pattern(catalog, catalogLength), pattern(schema, schemaLength),
+                               pattern(table, tableLength), pattern(types, typesLength)});
         return SQL_SUCCESS;
     });
 }
@@ -33,9 +33,9 @@ SQLRETURN RT_SQLColumns(const char*, SQLHSTMT handle, SQLCHAR* catalog, SQLSMALL
                         SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table,
                         SQLSMALLINT tableLength, SQLCHAR* column, SQLSMALLINT columnLength) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        statement.openRows(statement.connection().database().columns(
-            {pattern(catalog, catalogLength), pattern(schema, schemaLength),
-             pattern(table, tableLength), pattern(column, columnLength)}));
+        statement.openCatalog(&Database::columns,
+                              {pattern(catalog, catalogLength), pattern(schema, schemaLength),
+                               pattern(table, tableLength), pattern(column, columnLength)});
         return SQL_SUCCESS;
     });
 }

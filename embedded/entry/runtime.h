@@ -14,6 +14,10 @@
 #include <sql.h>
 #include <sqlext.h>
 
+/// A statement attribute of this runtime: the number (64 bits, signed) that SQLite gave to the row
+/// which the last execution inserted, of several the last one; SQL_NO_DATA when there is none.
+constexpr SQLINTEGER SQL_ATTR_VORDA_LAST_ROWID = 0x7001;
+
 #define RT_FUNCTION(name, ...)                        \
     extern "C" __attribute__((visibility("default"))) \
     SQLRETURN RT_##name(const char* driverPath, ##__VA_ARGS__)

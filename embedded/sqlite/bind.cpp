@@ -47,12 +47,16 @@ int bindValue(sqlite3_stmt* statement, int number, const Value& value,
 
 }  // namespace
 
-void bindSet(sqlite3_stmt* statement, const ParameterSets& sets, SQLULEN set, BufferLife life) {
+void bindSet(sqlite3_stmt* statement, const ParameterSets& sets, SQLULEN set, BufferLife life,
+             DecimalWatch* decimals) {
     const int markers = sqlite3_bind_parameter_count(statement);
     sets.require(markers);
+    if (decimals) decimals->clear();
     for (int number = 1; number <= markers; ++number) {
+        const Value value = sets.value(set, number);
+        if (decimals && value.kind == Value::Kind::Text) decimals->add(number, value.bytes);
         const int result =
-            bindValue(statement, number, sets.value(set, number),
+            bindValue(statement, number, value,
                       life == BufferLife::Execution ? SQLITE_STATIC : SQLITE_TRANSIENT);
         if (result != SQLITE_OK) throw sqliteError(sqlite3_db_handle(statement));
     }

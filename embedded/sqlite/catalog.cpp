@@ -91,10 +91,13 @@ Cell knownNumber(std::int64_t value) {
 using Row = std::vector<std::optional<std::string>>;
 
 /// All rows of `sql`, its markers taking `parameters`, as texts.
-std::vector<Row> query(sqlite3* db, const std::string& sql,
+std::vector<Row> query(Session& session, const std::string& sql,
                        std::initializer_list<std::string_view> parameters = {}) {
+    session.requireTime();
     sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) throw sqliteError(db);
+    if (sqlite3_prepare_v2(session.db(), sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
+        throw session.failure();
+    }
     const std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(raw);
     int marker = 0;
     for (const std::string_view value : parameters) {
@@ -111,7 +114,7 @@ std::vector<Row> query(sqlite3* db, const std::string& sql,
         }
         rows.push_back(std::move(row));
     }
-    if (result != SQLITE_DONE) throw sqliteError(db);
+    if (result != SQLITE_DONE) throw session.failure();
     return rows;
 }
 
@@ -121,26 +124,27 @@ struct Table {
     std::string_view type;
 };
 
-std::vector<std::string> schemas(sqlite3* db) {
+std::vector<std::string> schemas(Session& session) {
     std::vector<std::string> names;
-    for (const Row& row : query(db, "SELECT name FROM pragma_database_list ORDER BY seq")) {
+    for (const Row& row : query(session, "SELECT name FROM pragma_database_list ORDER BY seq")) {
         names.push_back(row[0].value_or(""));
     }
     return names;
 }
 
 /// The tables and views whose schema and name match, the objects of SQLite itself included.
-std::vector<Table> tables(sqlite3* db, const Pattern& schema, const Pattern& name) {
+std::vector<Table> tables(Session& session, const Pattern& schema, const Pattern& name) {
     std::vector<Table> found;
-    for (const std::string& database : schemas(db)) {
-        if (!matches(database, schema)) continue;
+    for (const std::string& schemaName : schemas(session)) {
+        if (!matches(schemaName, schema)) continue;
         // The temporary database calls its own table otherwise.
-        const bool temporary = sameWord(database, "temp");
+        const bool temporary = sameWord(schemaName, "temp");
         const std::string master = temporary ? "sqlite_temp_master" : "sqlite_master";
-        std::vector<Row> rows = query(db, "SELECT name, type FROM " + quotedName(database) + "." +
-                                              master + " WHERE type IN ('table', 'view')");
+        std::vector<Row> rows =
+            query(session, "SELECT name, type FROM " + quotedName(schemaName) + "." + master +
+                               " WHERE type IN ('table', 'view')");
         if (!temporary || !rows.empty()) rows.push_back({master, "table"});
-        if (sameWord(database, "main")) {
+        if (sameWord(schemaName, "main")) {
             for (const std::string_view own : {kProceduresTable, kProcedureParametersTable})
                 rows.push_back({std::string(own), "table"});
         }
@@ -149,7 +153,7 @@ std::vector<Table> tables(sqlite3* db, const Pattern& schema, const Pattern& nam
             if (!matches(table, name)) continue;
             const bool system =
                 sameWord(std::string_view(table).substr(0, 7), "sqlite_") || isSystemName(table);
-            found.push_back({database, table,
+            found.push_back({schemaName, table,
                              *row[1] == "view" ? kView
                              : system          ? kSystemTable
                                                : kTable});
@@ -226,12 +230,12 @@ bool matches(std::string_view text, const Pattern& pattern) {
     return sqlite3_strlike(pattern->c_str(), std::string(text).c_str(), '\\') == 0;
 }
 
-std::unique_ptr<ResultSet> listTables(sqlite3* db, const CatalogSearch& search) {
+std::unique_ptr<ResultSet> listTables(Session& session, const CatalogSearch& search) {
     const auto& [catalog, schema, table, types] = search;
     auto rows = rowsOf(kTableShape);
     if (asksForAll(catalog) && isEmpty(schema) && isEmpty(table)) return rows;
     if (isEmpty(catalog) && asksForAll(schema) && isEmpty(table)) {
-        for (const std::string& name : schemas(db)) {
+        for (const std::string& name : schemas(session)) {
             rows->append({null(), text(name), null(), null(), null()});
         }
         return rows;
@@ -243,7 +247,7 @@ std::unique_ptr<ResultSet> listTables(sqlite3* db, const CatalogSearch& search) 
         return rows;
     }
     if (!matchesNoCatalog(catalog)) return rows;
-    std::vector<Table> found = tables(db, schema, table);
+    std::vector<Table> found = tables(session, schema, table);
     std::erase_if(found, [&](const Table& entry) { return !isListed(entry.type, search.detail); });
     std::sort(found.begin(), found.end(), [](const Table& a, const Table& b) {
         return std::tie(a.type, a.schema, a.name) < std::tie(b.type, b.schema, b.name);
@@ -254,11 +258,11 @@ std::unique_ptr<ResultSet> listTables(sqlite3* db, const CatalogSearch& search) 
     return rows;
 }
 
-std::unique_ptr<ResultSet> listColumns(sqlite3* db, const CatalogSearch& search) {
+std::unique_ptr<ResultSet> listColumns(Session& session, const CatalogSearch& search) {
     const auto& [catalog, schema, table, column] = search;
     auto rows = rowsOf(kColumnShape);
     if (!matchesNoCatalog(catalog)) return rows;
-    std::vector<Table> found = tables(db, schema, table);
+    std::vector<Table> found = tables(session, schema, table);
     std::sort(found.begin(), found.end(), [](const Table& a, const Table& b) {
         return std::tie(a.schema, a.name) < std::tie(b.schema, b.name);
     });
@@ -268,8 +272,8 @@ std::unique_ptr<ResultSet> listColumns(sqlite3* db, const CatalogSearch& search)
         " WHERE hidden <> 1 ORDER BY cid";
     for (const Table& entry : found) {
         int position = 0;
-        const std::string rowNumber = rowNumberColumn(db, entry.schema, entry.name);
-        for (const Row& info : query(db, kColumns, {entry.name, entry.schema})) {
+        const std::string rowNumber = rowNumberColumn(session.db(), entry.schema, entry.name);
+        for (const Row& info : query(session, kColumns, {entry.name, entry.schema})) {
             ++position;
             if (!matches(*info[0], column)) continue;
             appendColumn(*rows, entry, info, position, sameWord(*info[0], rowNumber));

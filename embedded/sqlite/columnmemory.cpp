@@ -54,16 +54,13 @@ std::vector<Column> columnsOf(sqlite3_stmt* statement) {
 }  // namespace
 
 ColumnType typeOfStorage(int storageClass) noexcept {
-    switch (storageClass) {
-        case SQLITE_INTEGER:
-            return plain(SQL_BIGINT);
-        case SQLITE_FLOAT:
-            return plain(SQL_DOUBLE);
-        case SQLITE_BLOB:
-            return plain(SQL_VARBINARY);
-        default:
-            return plain(SQL_WVARCHAR);
-    }
+    const SQLSMALLINT sqlType = storageClass == SQLITE_INTEGER ? SQL_BIGINT
+                                : storageClass == SQLITE_FLOAT ? SQL_DOUBLE
+                                : storageClass == SQLITE_BLOB  ? SQL_VARBINARY
+                                                               : SQL_WVARCHAR;
+    ColumnType type = plain(sqlType);
+    type.assumed = true;
+    return type;
 }
 
 std::shared_ptr<const std::vector<Column>> ColumnMemory::describe(sqlite3_stmt* statement,

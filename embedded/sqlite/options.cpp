@@ -71,12 +71,17 @@ SqliteOptions readOptions(const ConnectString& text) {
             if (!entry.value) entry.value = pair.value;
             break;
         }
-        if (!found) options.unknownKeys.push_back(pair.key);
+        if (found) continue;
+        std::string& keys = options.unknownKeys;
+        keys += (keys.empty() ? "" : ", ") +
+                (pair.mayBeSecret ? std::string("(a part of a value?)") : pair.key);
     }
 
     if (!database || database->empty()) {
+        const std::string& keys = options.unknownKeys;
         throw Error(kBadAttribute,
-                    "Connection string: Database is missing; give a path or :memory:.");
+                    "Connection string: Database is missing; give a path or :memory:" +
+                        (keys.empty() ? "." : ". Not known: " + keys + "."));
     }
     if (database->find('\0') != std::string::npos) {
         throw Error(kBadAttribute, "Connection string: Database contains a NUL character.");

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "core/connectstring.h"
 
@@ -9,10 +8,10 @@ namespace embedded {
 
 /// What a connection string asks of SQLite.
 struct SqliteOptions {
-    std::string database;  ///< path, or ":memory:"
-    int openFlags = 0;     ///< SQLITE_OPEN_… from `Mode`
-    int timeoutMs = 5000;  ///< how long to wait for a locked database
-    std::vector<std::string> unknownKeys;
+    std::string database;     ///< path, or ":memory:"
+    int openFlags = 0;        ///< SQLITE_OPEN_… from `Mode`
+    int timeoutMs = 5000;     ///< how long to wait for a locked database
+    std::string unknownKeys;  ///< in the order of the text, with commas between them
 };
 
 /// Keys in any case, the first of equal keys wins. Throws an `Error` that names what is wrong.

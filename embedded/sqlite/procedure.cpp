@@ -1,5 +1,7 @@
 #include "sqlite/procedure.h"
 
+#include <set>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -48,7 +50,7 @@ void bindMarkers(sqlite3_stmt* statement, const ProcedureDefinition& procedure,
 
 class Runner {
   public:
-    explicit Runner(SqliteDatabase& database) noexcept : m_database(database) {}
+    explicit Runner(Session& session) noexcept : m_session(session) {}
 
     void run(const ProcedureDefinition& procedure, const Values& values) {
         if (m_depth == kMaxProcedureDepth) refuseDepth(procedure);
@@ -76,8 +78,8 @@ class Runner {
     std::pair<ProcedureDefinition, Values> prepareCall(const ProcedureCall& call,
                                                        const ProcedureDefinition& caller,
                                                        const Values& values) {
-        ProcedureDefinition called = loadProcedure(m_database.db(), call.name);
-        const CompiledStatement arguments = m_database.cache().compile(argumentQuery(call));
+        ProcedureDefinition called = loadProcedure(m_session.db(), call.name);
+        const CompiledStatement arguments = m_session.cache().compile(argumentQuery(call));
         bindMarkers(arguments.get(), caller, values);
         Values passed = readArguments(arguments.get(), matchArguments(called, call));
         return {std::move(called), std::move(passed)};
@@ -85,49 +87,54 @@ class Runner {
 
     void runStatement(const std::string& statement, const ProcedureDefinition& procedure,
                       const Values& values) {
-        const CompiledStatement compiled = m_database.cache().compile(statement);
+        const CompiledStatement compiled = m_session.cache().compile(statement);
         bindMarkers(compiled.get(), procedure, values);
         std::unique_ptr<StoredRows> rows;
-        result.changed += drain(compiled.sql(), rows);
+        result.changed += drain(m_session, compiled.sql(), rows);
         if (rows) result.rows = std::move(rows);
-        if (compiled.sql().verb == Verb::Other) m_database.cache().clear();
+        if (compiled.sql().verb == Verb::Other) m_session.cache().clear();
     }
 
-    SqliteDatabase& m_database;
+    Session& m_session;
     size_t m_depth = 0;
 };
 
-/// Whether a statement of `procedure`, or of one that it calls, may write.
-bool mayWrite(SqliteDatabase& database, const ProcedureDefinition& procedure, size_t depth = 0) {
+/// Whether a statement of `procedure`, or of one that it calls, may write. `readers` are those that
+/// are known not to.
+bool mayWrite(Session& session, const ProcedureDefinition& procedure,
+              std::set<std::string>& readers, size_t depth = 0) {
     if (depth == kMaxProcedureDepth) refuseDepth(procedure);
+    session.requireTime();
     for (const std::string& statement : procedure.body) {
         if (const auto call = nestedCall(statement)) {
-            if (mayWrite(database, loadProcedure(database.db(), call->name), depth + 1))
+            if (!readers.contains(upper(call->name)) &&
+                mayWrite(session, loadProcedure(session.db(), call->name), readers, depth + 1)) {
                 return true;
+            }
             continue;
         }
         const Verb verb = verbOf(statement);
         if (verb == Verb::Query) continue;
-        if (verb != Verb::With || !database.cache().compile(statement).sql().readOnly) return true;
+        if (verb != Verb::With || !session.cache().compile(statement).sql().readOnly) return true;
     }
+    readers.insert(upper(procedure.name));
     return false;
 }
 
-void create(SqliteDatabase& database, const ProcedureDefinition& procedure,
-            const std::string& sql) {
-    Savepoint savepoint(database, true);
-    if (!procedure.replaces && storedProcedure(database.db(), procedure.name)) {
+void create(Session& session, const ProcedureDefinition& procedure, const std::string& sql) {
+    Savepoint savepoint(session, true);
+    if (!procedure.replaces && storedProcedure(session.db(), procedure.name)) {
         throw Error("42S01", "There is a procedure " + quoted(procedure.name) + " already.");
     }
-    checkProcedure(database, procedure);
-    database.finishUndo();  // of the check
-    storeProcedure(database, {procedure.name, sql});
+    checkProcedure(session, procedure);
+    session.finishUndo();  // of the check
+    storeProcedure(session, {procedure.name, sql});
     savepoint.release();
 }
 
-void drop(SqliteDatabase& database, const ProcedureRemoval& removal) {
-    if (storedProcedure(database.db(), removal.name)) {
-        removeProcedure(database, removal.name);
+void drop(Session& session, const ProcedureRemoval& removal) {
+    if (storedProcedure(session.db(), removal.name)) {
+        removeProcedure(session, removal.name);
     } else if (!removal.ifExists) {
         throw Error("42S02", "There is no procedure " + quoted(removal.name) + ".");
     }
@@ -135,22 +142,23 @@ void drop(SqliteDatabase& database, const ProcedureRemoval& removal) {
 
 }  // namespace
 
-std::unique_ptr<ProcedureStatement> ProcedureStatement::prepare(SqliteDatabase& database,
+std::unique_ptr<ProcedureStatement> ProcedureStatement::prepare(Session& session,
                                                                 std::string_view sql) {
     auto command = parseProcedureCommand(sql);
     if (!command) return nullptr;
     const std::string_view text = sql.substr(0, sql.find_last_not_of('\0') + 1);
     std::unique_ptr<ProcedureStatement> statement(
         new ProcedureStatement(std::move(*command), trimmed(text)));
-    statement->refresh(database);
+    statement->refresh(session);
     return statement;
 }
 
-bool ProcedureStatement::refresh(SqliteDatabase& database) {
+bool ProcedureStatement::refresh(Session& session) {
     if (const auto* called = std::get_if<ProcedureCall>(&m_command)) {
-        m_called = loadProcedure(database.db(), called->name);
+        m_called = loadProcedure(session.db(), called->name);
         m_order = matchArguments(m_called, *called);
-        m_writes = mayWrite(database, m_called);
+        std::set<std::string> readers;
+        m_writes = mayWrite(session, m_called, readers);
     }
     return m_writes;
 }
@@ -160,27 +168,27 @@ std::string ProcedureStatement::argumentQuery() const {
     return embedded::argumentQuery(called ? *called : ProcedureCall{});
 }
 
-ProcedureResult ProcedureStatement::call(SqliteDatabase& database, sqlite3_stmt* arguments) const {
-    Savepoint savepoint(database, m_writes);
+ProcedureResult ProcedureStatement::call(Session& session, sqlite3_stmt* arguments) const {
+    Savepoint savepoint(session, m_writes);
     const Values values = readArguments(arguments, m_order);
-    Runner runner(database);
+    Runner runner(session);
     runner.run(m_called, values);
     savepoint.release();
     return std::move(runner.result);
 }
 
-ProcedureResult ProcedureStatement::run(SqliteDatabase& database, sqlite3_stmt* arguments) const {
+ProcedureResult ProcedureStatement::run(Session& session, sqlite3_stmt* arguments) const {
     try {
-        if (isCall()) return call(database, arguments);
+        if (isCall()) return call(session, arguments);
         if (const auto* definition = std::get_if<ProcedureDefinition>(&m_command)) {
-            create(database, *definition, m_sql);
+            create(session, *definition, m_sql);
         } else {
-            drop(database, std::get<ProcedureRemoval>(m_command));
+            drop(session, std::get<ProcedureRemoval>(m_command));
         }
         return {};
     } catch (...) {
         // What was compiled against a schema that is undone is to be forgotten.
-        database.cache().clear();
+        session.cache().clear();
         throw;
     }
 }

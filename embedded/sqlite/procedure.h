@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "sqlite/database.h"
 #include "sqlite/procedureparser.h"
 #include "sqlite/rows.h"
+#include "sqlite/session.h"
 
 namespace embedded {
 
@@ -24,8 +24,7 @@ class ProcedureStatement {
   public:
     /// Nothing when `sql` is a statement for SQLite. Throws for a mistake in the text, and as
     /// `refresh` does.
-    static std::unique_ptr<ProcedureStatement> prepare(SqliteDatabase& database,
-                                                       std::string_view sql);
+    static std::unique_ptr<ProcedureStatement> prepare(Session& session, std::string_view sql);
 
     /// A query whose one row is the arguments in the order of the text: its markers are those of
     /// the statement, and SQLite gives the literals their types.
@@ -34,11 +33,11 @@ class ProcedureStatement {
     /// Reads the procedure that is called as it is now; to be done before every execution. Answers
     /// whether the execution may write. Throws when there is no such procedure, or the arguments do
     /// not fit it.
-    bool refresh(SqliteDatabase& database);
+    bool refresh(Session& session);
 
     /// Runs the statement, all of it or nothing. `arguments` is the compiled query of the
     /// arguments with its markers bound; it is reset at the end.
-    ProcedureResult run(SqliteDatabase& database, sqlite3_stmt* arguments) const;
+    ProcedureResult run(Session& session, sqlite3_stmt* arguments) const;
 
     bool isCall() const noexcept { return std::holds_alternative<ProcedureCall>(m_command); }
 
@@ -46,7 +45,7 @@ class ProcedureStatement {
     ProcedureStatement(ProcedureCommand command, std::string_view sql)
         : m_command(std::move(command)), m_sql(sql) {}
 
-    ProcedureResult call(SqliteDatabase& database, sqlite3_stmt* arguments) const;
+    ProcedureResult call(Session& session, sqlite3_stmt* arguments) const;
 
     ProcedureCommand m_command;
     std::string m_sql;

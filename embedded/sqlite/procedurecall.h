@@ -7,8 +7,8 @@
 #include <string_view>
 #include <vector>
 
-#include "sqlite/database.h"
 #include "sqlite/procedureparser.h"
+#include "sqlite/session.h"
 
 namespace embedded {
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <optional>
+#include <set>
+#include <string>
 #include <vector>
 
 #include "sqlite/procedurecall.h"
@@ -34,16 +36,17 @@ void refuseUnfit(std::string_view statement) {
 
 class Checker {
   public:
-    explicit Checker(SqliteDatabase& database) noexcept : m_database(database) {}
+    explicit Checker(Session& session) noexcept : m_session(session) {}
 
     ~Checker() {
-        if (m_trial) m_database.cache().clear();
+        if (m_trial) m_session.cache().clear();
     }
     Checker(const Checker&) = delete;
     Checker& operator=(const Checker&) = delete;
 
     void check(const ProcedureDefinition& procedure) {
         if (m_chain.size() == kMaxProcedureDepth) refuseDepth(procedure);
+        if (!m_checked.insert(upper(procedure.name)).second) return;
         m_chain.push_back(&procedure);
         for (size_t i = 0; i < procedure.body.size(); ++i) {
             std::optional<ProcedureDefinition> called;
@@ -63,7 +66,7 @@ class Checker {
     /// The called procedure, unless it is being checked already.
     std::optional<ProcedureDefinition> checkCall(const ProcedureCall& call,
                                                  const ProcedureDefinition& caller) {
-        const CompiledStatement arguments = m_database.cache().compile(argumentQuery(call));
+        const CompiledStatement arguments = m_session.cache().compile(argumentQuery(call));
         matchMarkers(arguments.get(), caller);
         const auto known = std::find_if(
             m_chain.begin(), m_chain.end(),
@@ -72,30 +75,32 @@ class Checker {
             matchArguments(**known, call);
             return std::nullopt;
         }
-        ProcedureDefinition called = loadProcedure(m_database.db(), call.name);
+        ProcedureDefinition called = loadProcedure(m_session.db(), call.name);
         matchArguments(called, call);
         return called;
     }
 
     void checkStatement(const std::string& statement, const ProcedureDefinition& procedure) {
+        m_session.requireTime();
         refuseUnfit(statement);
-        const CompiledStatement compiled = m_database.cache().compile(statement);
+        const CompiledStatement compiled = m_session.cache().compile(statement);
         matchMarkers(compiled.get(), procedure);
         if (!isOneOf(firstWord(statement), {"CREATE", "ALTER", "DROP"})) return;
-        if (!m_trial) m_trial.emplace(m_database, false);
+        if (!m_trial) m_trial.emplace(m_session, false);
         std::unique_ptr<StoredRows> rows;
-        drain(compiled.sql(), rows);
+        drain(m_session, compiled.sql(), rows);
     }
 
-    SqliteDatabase& m_database;
+    Session& m_session;
     std::vector<const ProcedureDefinition*> m_chain;  ///< each called by the one before
+    std::set<std::string> m_checked;                  ///< once is enough
     std::optional<Savepoint> m_trial;                 ///< holds what is undone after the check
 };
 
 }  // namespace
 
-void checkProcedure(SqliteDatabase& database, const ProcedureDefinition& procedure) {
-    Checker(database).check(procedure);
+void checkProcedure(Session& session, const ProcedureDefinition& procedure) {
+    Checker(session).check(procedure);
 }
 
 }  // namespace embedded

@@ -71,20 +71,20 @@ std::optional<StoredProcedure> storedProcedure(sqlite3* db, const std::string& n
     return std::move(found.front());
 }
 
-void storeProcedure(SqliteDatabase& database, const StoredProcedure& procedure) {
-    const SchemaGuard::Lifted lifted(database.guard());
-    run(database.db(),
+void storeProcedure(Session& session, const StoredProcedure& procedure) {
+    const SchemaGuard::Lifted lifted(session.guard());
+    run(session.db(),
         withStore("CREATE TABLE IF NOT EXISTS ",
                   " (name TEXT NOT NULL COLLATE NOCASE PRIMARY KEY, text TEXT NOT NULL)"
                   " WITHOUT ROWID"),
         {});
-    run(database.db(), withStore("INSERT OR REPLACE INTO ", " (name, text) VALUES (?1, ?2)"),
+    run(session.db(), withStore("INSERT OR REPLACE INTO ", " (name, text) VALUES (?1, ?2)"),
         {&procedure.name, &procedure.text});
 }
 
-void removeProcedure(SqliteDatabase& database, const std::string& name) {
-    const SchemaGuard::Lifted lifted(database.guard());
-    run(database.db(), withStore("DELETE FROM ", " WHERE name = ?1"), {&name});
+void removeProcedure(Session& session, const std::string& name) {
+    const SchemaGuard::Lifted lifted(session.guard());
+    run(session.db(), withStore("DELETE FROM ", " WHERE name = ?1"), {&name});
 }
 
 }  // namespace embedded

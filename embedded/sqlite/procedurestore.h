@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "sqlite/database.h"
+#include "sqlite/session.h"
 
 namespace embedded {
 
@@ -22,8 +22,8 @@ std::vector<StoredProcedure> storedProcedures(sqlite3* db);
 std::optional<StoredProcedure> storedProcedure(sqlite3* db, const std::string& name);
 
 /// Adds a procedure or replaces the one of its name. The first one makes the table.
-void storeProcedure(SqliteDatabase& database, const StoredProcedure& procedure);
+void storeProcedure(Session& session, const StoredProcedure& procedure);
 
-void removeProcedure(SqliteDatabase& database, const std::string& name);
+void removeProcedure(Session& session, const std::string& name);
 
 }  // namespace embedded

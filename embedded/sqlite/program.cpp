@@ -5,9 +5,9 @@
 
 #include "core/error.h"
 #include "sqlite/bind.h"
-#include "sqlite/database.h"
 #include "sqlite/rows.h"
 #include "sqlite/savepoint.h"
+#include "sqlite/session.h"
 #include "sqlite/sqliteerror.h"
 
 namespace embedded {
@@ -38,17 +38,16 @@ bool mayChangeSchema(Verb verb) noexcept {
 
 }  // namespace
 
-SqliteProgram::SqliteProgram(SqliteDatabase& database, std::string_view sql)
-    : SqliteProgram(database, sql, database.cache().find(sql)) {}
+SqliteProgram::SqliteProgram(Session& session, std::string_view sql)
+    : SqliteProgram(session, sql, session.cache().find(sql)) {}
 
 // A text that SQLite has compiled before is none about procedures.
-SqliteProgram::SqliteProgram(SqliteDatabase& database, std::string_view sql,
-                             CompiledStatement known)
-    : m_database(database),
-      m_procedure(known ? nullptr : ProcedureStatement::prepare(database, sql)),
+SqliteProgram::SqliteProgram(Session& session, std::string_view sql, CompiledStatement known)
+    : m_session(session),
+      m_procedure(known ? nullptr : ProcedureStatement::prepare(session, sql)),
       m_compiled(known         ? std::move(known)
-                 : m_procedure ? database.cache().compile(m_procedure->argumentQuery())
-                               : database.cache().compileNew(sql)) {}
+                 : m_procedure ? session.cache().compile(m_procedure->argumentQuery())
+                               : session.cache().compileNew(sql)) {}
 
 int SqliteProgram::parameterCount() {
     return sqlite3_bind_parameter_count(m_compiled.get());
@@ -70,22 +69,25 @@ void SqliteProgram::rewind() noexcept {
     sqlite3_clear_bindings(m_compiled.get());
 }
 
-Outcome SqliteProgram::execute(ParameterSets& sets, const ExecutionOptions&) {
+Outcome SqliteProgram::execute(ParameterSets& sets, const ExecutionOptions& options) {
     const Verb verb = m_compiled.sql().verb;
     m_described.reset();
-    m_database.finishUndo();
-    m_database.beginFor(verb, m_procedure && m_procedure->refresh(m_database));
+    m_session.requireTime();
+    m_session.finishUndo();
+    m_session.beginFor(verb, m_procedure && m_procedure->refresh(m_session));
     // What changes data is run to its end at once: nobody may come to read its rows. So are
     // pragmas, which change things, too, and have few rows.
     const bool live = !m_procedure && m_compiled.sql().readOnly && verb != Verb::Pragma &&
                       sqlite3_column_count(m_compiled.get()) > 0;
     Outcome outcome;
+    m_timeout = options.timeout;
+    const Session::TimeLimit limit(m_session, m_timeout);
     if (live) {
         outcome.rows = runLive(sets);
     } else {
         outcome = runToEnd(sets);
     }
-    if (mayChangeSchema(verb)) m_database.cache().clear();
+    if (mayChangeSchema(verb)) m_session.cache().clear();
     return outcome;
 }
 
@@ -95,14 +97,12 @@ std::unique_ptr<ResultSet> SqliteProgram::runLive(ParameterSets& sets) {
     }
     sqlite3_stmt* statement = m_compiled.get();
     Rewind rewind(statement);
-    bindSet(statement, sets, 0, BufferLife::Copied);
+    bindSet(statement, sets, 0, BufferLife::Copied, nullptr);
     const int result = sqlite3_step(statement);
-    if (result != SQLITE_ROW && result != SQLITE_DONE) {
-        throw sqliteError(sqlite3_db_handle(statement));
-    }
+    if (result != SQLITE_ROW && result != SQLITE_DONE) throw m_session.failure();
     sets.started(0);
     sets.allSucceeded();
-    auto rows = makeLiveRows(m_compiled.sql(), result == SQLITE_ROW);
+    auto rows = makeLiveRows(m_session, m_timeout, m_compiled.sql(), result == SQLITE_ROW);
     rewind.cancel();
     return rows;
 }
@@ -115,18 +115,21 @@ Outcome SqliteProgram::runToEnd(ParameterSets& sets) {
     Outcome outcome;
     if (isCall ? !rows : m_compiled.sql().countsRows()) outcome.changed = changed;
     outcome.nothingDone = !rows && !isCall && outcome.changed == 0;
+    if (m_compiled.sql().inserts && changed > 0) {
+        outcome.lastRow = sqlite3_last_insert_rowid(m_session.db());
+    }
     outcome.rows = std::move(rows);
     return outcome;
 }
 
 SQLLEN SqliteProgram::runSets(ParameterSets& sets, std::unique_ptr<StoredRows>& rows) {
     std::optional<Savepoint> savepoint;
-    if (sets.count() > 1) savepoint.emplace(m_database, m_procedure != nullptr);
+    if (sets.count() > 1) savepoint.emplace(m_session, m_procedure != nullptr);
     SQLLEN changed = 0;
     for (SQLULEN set = 0; set < sets.count(); ++set) {
         sets.started(set);
         try {
-            changed += runSet(sets, set, rows);
+            changed += runSet(sets, set, rows, savepoint);
         } catch (const Error& error) {
             throw sets.failed(set, error);
         }
@@ -137,17 +140,29 @@ SQLLEN SqliteProgram::runSets(ParameterSets& sets, std::unique_ptr<StoredRows>& 
 }
 
 SQLLEN SqliteProgram::runSet(const ParameterSets& sets, SQLULEN set,
-                             std::unique_ptr<StoredRows>& rows) {
-    bindSet(m_compiled.get(), sets, set, BufferLife::Execution);
+                             std::unique_ptr<StoredRows>& rows,
+                             std::optional<Savepoint>& savepoint) {
+    DecimalWatch& decimals = m_session.decimals();
+    bindSet(m_compiled.get(), sets, set, BufferLife::Execution, &decimals);
+    const bool watches = decimals.isNeeded() && (m_procedure || m_compiled.sql().countsRows());
+    if (!watches) return runBound(sets, rows);
+    if (!savepoint) savepoint.emplace(m_session, m_procedure != nullptr);
+    const DecimalWatch::Watching watching(decimals);
+    const SQLLEN changed = runBound(sets, rows);
+    decimals.check();
+    return changed;
+}
+
+SQLLEN SqliteProgram::runBound(const ParameterSets& sets, std::unique_ptr<StoredRows>& rows) {
     if (m_procedure) return runProcedure(sets, rows);
     // VACUUM copies tables that nobody else may write.
     std::optional<SchemaGuard::Lifted> lifted;
-    if (m_compiled.sql().verb == Verb::Service) lifted.emplace(m_database.guard());
-    return drain(m_compiled.sql(), rows);
+    if (m_compiled.sql().verb == Verb::Service) lifted.emplace(m_session.guard());
+    return drain(m_session, m_compiled.sql(), rows);
 }
 
 SQLLEN SqliteProgram::runProcedure(const ParameterSets& sets, std::unique_ptr<StoredRows>& rows) {
-    ProcedureResult result = m_procedure->run(m_database, m_compiled.get());
+    ProcedureResult result = m_procedure->run(m_session, m_compiled.get());
     if (result.rows && sets.count() > 1) {
         throw notSupported(
             "A procedure that yields rows cannot be executed with several parameter sets.");

@@ -46,8 +46,12 @@ void append(StoredRows& rows, sqlite3_stmt* statement) {
 
 class LiveRows final : public ResultSet {
   public:
-    LiveRows(CompiledSql& sql, bool onRow)
-        : m_sql(sql), m_statement(sql.statement.get()), m_unread(onRow) {
+    LiveRows(Session& session, SQLULEN timeout, CompiledSql& sql, bool onRow)
+        : m_session(session),
+          m_timeout(timeout),
+          m_sql(sql),
+          m_statement(sql.statement.get()),
+          m_unread(onRow) {
         if (!onRow) sqlite3_reset(m_statement);
     }
     ~LiveRows() override { sqlite3_reset(m_statement); }
@@ -68,6 +72,7 @@ class LiveRows final : public ResultSet {
             return true;
         }
         if (!m_statement) return false;
+        const Session::TimeLimit limit(m_session, m_timeout);
         // A statement reset in the beginning must not start over.
         const int result = sqlite3_stmt_busy(m_statement) ? sqlite3_step(m_statement) : SQLITE_DONE;
         if (result == SQLITE_ROW) return true;
@@ -95,11 +100,13 @@ class LiveRows final : public ResultSet {
             sqlite3_reset(statement);
             return;
         }
-        const Error error = sqliteError(sqlite3_db_handle(statement));
+        const Error error = m_session.failure();
         sqlite3_reset(statement);
         throw error;
     }
 
+    Session& m_session;
+    const SQLULEN m_timeout;
     CompiledSql& m_sql;         ///< not to be used behind the last row, either
     sqlite3_stmt* m_statement;  ///< null behind the last row
     bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
@@ -114,11 +121,13 @@ struct ResetAtExit {
 
 }  // namespace
 
-std::unique_ptr<ResultSet> makeLiveRows(CompiledSql& sql, bool onRow) {
-    return std::make_unique<LiveRows>(sql, onRow);
+std::unique_ptr<ResultSet> makeLiveRows(Session& session, SQLULEN timeout, CompiledSql& sql,
+                                        bool onRow) {
+    return std::make_unique<LiveRows>(session, timeout, sql, onRow);
 }
 
-SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
+SQLLEN drain(Session& session, CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
+    session.requireTime();
     sqlite3_stmt* const statement = sql.statement.get();
     // One that was only kept waiting by a lock counts as running, and nothing around it can be
     // undone.
@@ -129,9 +138,8 @@ SQLLEN drain(CompiledSql& sql, std::unique_ptr<StoredRows>& rows) {
         rows = std::make_unique<StoredRows>(*sql.columns.describe(statement, result == SQLITE_ROW));
     }
     for (; result == SQLITE_ROW; result = sqlite3_step(statement)) append(*rows, statement);
-    sqlite3* const db = sqlite3_db_handle(statement);
-    if (result != SQLITE_DONE) throw sqliteError(db);
-    return sql.countsRows() ? sqlite3_changes(db) : 0;
+    if (result != SQLITE_DONE) throw session.failure();
+    return sql.countsRows() ? sqlite3_changes(session.db()) : 0;
 }
 
 }  // namespace embedded

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "sqlite/database.h"
+#include "sqlite/session.h"
 
 namespace embedded {
 
@@ -12,7 +12,7 @@ class Savepoint {
   public:
     /// With `writes`, and when no transaction is open, waits for the right to write at once: SQLite
     /// does not wait for it any more behind a read.
-    Savepoint(SqliteDatabase& database, bool writes);
+    Savepoint(Session& session, bool writes);
     Savepoint(const Savepoint&) = delete;
     Savepoint& operator=(const Savepoint&) = delete;
     ~Savepoint();
@@ -22,11 +22,10 @@ class Savepoint {
     void release();
 
   private:
-    SqliteDatabase& m_database;
+    Session& m_session;
     const bool m_begins;  ///< no transaction was open
     const std::string m_name;
-    SqliteDatabase::Undo
-        m_undo;  ///< made beforehand: want of memory may be what makes it necessary
+    Session::Undo m_undo;  ///< made beforehand: want of memory may be what makes it necessary
     bool m_released = false;
 };
 

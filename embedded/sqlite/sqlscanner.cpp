@@ -171,6 +171,13 @@ bool mayJoinOuter(std::string_view sql) noexcept {
     return false;
 }
 
+bool isInsert(std::string_view sql) noexcept {
+    SqlScanner scanner(sql);
+    auto token = scanner.next();
+    while (token.text == ";") token = scanner.next();
+    return sameWord(token.text, "INSERT") || sameWord(token.text, "REPLACE");
+}
+
 Verb verbOf(std::string_view sql) noexcept {
     struct Entry {
         std::string_view word;

@@ -69,4 +69,7 @@ enum class Verb {
 
 Verb verbOf(std::string_view sql) noexcept;
 
+/// Whether the first word is INSERT or REPLACE.
+bool isInsert(std::string_view sql) noexcept;
+
 }  // namespace embedded

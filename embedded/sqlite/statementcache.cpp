@@ -60,6 +60,7 @@ CompiledStatement StatementCache::compileNew(std::string_view sql) {
     }
     compiled->text = sql;
     compiled->verb = verbOf(text);
+    compiled->inserts = isInsert(text);
     compiled->generation = m_generation;
     compiled->readOnly = sqlite3_stmt_readonly(raw) != 0;
     return {*this, std::move(compiled)};

@@ -21,6 +21,7 @@ struct CompiledSql {
     std::string text;
     std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement;
     Verb verb = Verb::Other;
+    bool inserts = false;  ///< INSERT or REPLACE
     bool readOnly = false;
     ColumnMemory columns;
     unsigned generation = 0;  ///< of the cache when it was compiled

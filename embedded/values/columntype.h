@@ -12,6 +12,7 @@ struct ColumnType {
     SQLSMALLINT sqlType = SQL_WVARCHAR;
     SQLULEN size = 0;  ///< declared length or precision, or that of a fixed type; 0 when unknown
     SQLSMALLINT scale = 0;  ///< digits after the point or of the fraction of a second
+    bool assumed = false;   ///< from the first row: the values of others may be of any type
 
     bool operator==(const ColumnType&) const = default;
 };

@@ -140,7 +140,13 @@ Delivery toBinary(const Cell& cell, const ColumnType&, const Target& target) {
 
 // ---- numbers
 
-std::int64_t integerOf(const Cell& cell) {
+/// The first row of an assumed column was one. A text in another then must not become a number that
+/// is written otherwise ("00501"), which nobody has asked for.
+bool isNumber(const ColumnType& column) noexcept {
+    return column.sqlType == SQL_BIGINT || column.sqlType == SQL_DOUBLE;
+}
+
+std::int64_t integerOf(const Cell& cell, const ColumnType& column) {
     std::int64_t value = 0;
     if (cell.kind == Cell::Kind::Integer) return cell.integer;
     if (cell.kind == Cell::Kind::Real) {
@@ -154,24 +160,28 @@ std::int64_t integerOf(const Cell& cell) {
     if (parsed.ec != std::errc{} || parsed.ptr != text.data() + text.size()) {
         refuse(kInvalid, cell, "an integer");
     }
+    NumberBuffer buffer;
+    if (column.assumed && isNumber(column) && formatInteger(value, buffer) != cell.bytes) {
+        refuse(kInvalid, cell, "an integer as it would be written");
+    }
     return value;
 }
 
 template <class T>
-Delivery toInteger(const Cell& cell, const ColumnType&, const Target& target) {
-    const std::int64_t value = integerOf(cell);
+Delivery toInteger(const Cell& cell, const ColumnType& column, const Target& target) {
+    const std::int64_t value = integerOf(cell, column);
     if (!std::in_range<T>(value))
         refuse(kOutOfRange, cell, "within the range of the bound integer");
     return store(static_cast<T>(value), target);
 }
 
-Delivery toBit(const Cell& cell, const ColumnType&, const Target& target) {
-    const std::int64_t value = integerOf(cell);
+Delivery toBit(const Cell& cell, const ColumnType& column, const Target& target) {
+    const std::int64_t value = integerOf(cell, column);
     if (value != 0 && value != 1) refuse(kOutOfRange, cell, "0 or 1");
     return store(static_cast<SQLCHAR>(value), target);
 }
 
-double doubleOf(const Cell& cell) {
+double doubleOf(const Cell& cell, const ColumnType& column) {
     if (cell.kind == Cell::Kind::Real) return cell.real;
     if (cell.kind == Cell::Kind::Integer) {
         const auto value = static_cast<double>(cell.integer);
@@ -189,16 +199,20 @@ double doubleOf(const Cell& cell) {
     if (parsed.ec != std::errc{} || parsed.ptr != text.data() + text.size()) {
         refuse(kInvalid, cell, "a number");
     }
+    NumberBuffer buffer;
+    if (column.assumed && isNumber(column) && formatDouble(value, buffer) != cell.bytes) {
+        refuse(kInvalid, cell, "a number as it would be written");
+    }
     return value;
 }
 
-Delivery toDouble(const Cell& cell, const ColumnType&, const Target& target) {
-    return store(doubleOf(cell), target);
+Delivery toDouble(const Cell& cell, const ColumnType& column, const Target& target) {
+    return store(doubleOf(cell, column), target);
 }
 
 // Asking for single precision asks for its rounding; only a value beyond its range is refused.
-Delivery toFloat(const Cell& cell, const ColumnType&, const Target& target) {
-    const double value = doubleOf(cell);
+Delivery toFloat(const Cell& cell, const ColumnType& column, const Target& target) {
+    const double value = doubleOf(cell, column);
     if (std::isfinite(value) && std::abs(value) > std::numeric_limits<float>::max()) {
         refuse(kOutOfRange, cell, "within single precision");
     }

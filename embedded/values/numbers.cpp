@@ -1,5 +1,6 @@
 #include "values/numbers.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <iterator>
@@ -10,6 +11,9 @@ namespace embedded {
 namespace {
 
 constexpr int kMaxDigits = 1000;
+
+/// A double keeps so many digits of every decimal.
+constexpr int kSafeDigits = 15;
 
 size_t digitsAt(std::string_view text) noexcept {
     const size_t end = text.find_first_not_of("0123456789");
@@ -86,9 +90,22 @@ std::optional<std::string> plainDecimal(double value) {
     if (!std::isfinite(value)) return std::nullopt;
     NumberBuffer buffer;
     // In this form the digits are the shortest; as a plain number, large values get all of theirs.
-    const auto end =
-        std::to_chars(std::begin(buffer), std::end(buffer), value, std::chars_format::scientific)
-            .ptr;
+    constexpr auto kForm = std::chars_format::scientific;
+    char* end = std::to_chars(std::begin(buffer), std::end(buffer), value, kForm).ptr;
+    const std::string_view shortest(buffer, static_cast<size_t>(end - buffer));
+    const auto digits = std::count_if(shortest.begin(), shortest.begin() + shortest.find('e'),
+                                      [](char c) { return c >= '0' && c <= '9'; });
+    if (digits > kSafeDigits) {
+        NumberBuffer rounded;
+        const auto written =
+            std::to_chars(std::begin(rounded), std::end(rounded), value, kForm, kSafeDigits - 1);
+        double neighbour = 0;
+        std::from_chars(rounded, written.ptr, neighbour);
+        if (std::nextafter(value, neighbour) == neighbour) {
+            // The shortest form of that number; its digits may end in zeros here.
+            end = std::to_chars(std::begin(buffer), std::end(buffer), neighbour, kForm).ptr;
+        }
+    }
     return plainDecimal(std::string_view(buffer, static_cast<size_t>(end - buffer)));
 }
 

@@ -20,8 +20,9 @@ std::string_view formatDouble(double value, NumberBuffer& buffer) noexcept;
 /// "12000". Nothing when `text` is no decimal number or would take more than a thousand digits.
 std::optional<std::string> plainDecimal(std::string_view text);
 
-/// The shortest decimal digits that read back as `value`, without exponent; nothing for an
-/// infinity.
+/// The decimal that a double stands for, in plain digits: the one of 15 digits that it is or is
+/// next to, which is what a computation or SQLite's reading of a text may have missed by that
+/// little; else the shortest that reads back as `value`. Nothing for an infinity.
 std::optional<std::string> plainDecimal(double value);
 
 /// Whether `value` is whole and within 64 bits; stores it if so.

@@ -19,6 +19,23 @@ TEST(Connect, ReportsFailuresAndCanBeTriedAgain) {
         return connection.error();
     };
     EXPECT_EQ("HY000", failure("Mode=rw").state);
+    const struct {
+        const char* text;
+        const char* says;
+        const char* not_says;
+    } mistakes[] = {
+        {"shop.db", "it is Database=shop.db.", "part"},
+        {"Databse=x;Mode=ro", "Not known: Databse.", "Mode"},
+        {"Database=x;PWD=tiger;hunter2", "part 3 is no Key=Value", "hunter2"},
+        {"Driver=x;Password=a;{b;c=d", "part 3 is no Key=Value", "{b"},
+        {"UID=me;Pw=ti;ger=2", "Not known: UID, Pw, (a part of a value?).", "ger"},
+        {"Database=x;pwd=a;b={c", "value of a key lacks its closing }", "b="},
+        {"Database={a} b", "text follows the closing } of the value of 'Database'", "part"},
+    };
+    for (const auto& [text, says, not_says] : mistakes) {
+        const Diagnostic mistake = failure(text);
+        EXPECT_TRUE(mistake.says(says) && !mistake.says(not_says)) << mistake.message;
+    }
     EXPECT_LT(failure("Database=x;Mode=" + std::string(5000, 'x')).message.size(), 200U);
 
     const Diagnostic missing = failure("Database=" + path + ";Mode=rw");

@@ -94,8 +94,12 @@ TEST_F(FetchTest, ValuesAreDeliveredExactlyOrRefused) {
         std::string expected;
     } cases[] = {
         {SQL_C_SBIGINT, "INTEGER", "(-9223372036854775808)", "8:-9223372036854775808"},
-        {SQL_C_SBIGINT, "", "(2.0), (' -7 '), ('abc'), (''), ('1.5'), (1.5), (9.3e18), (x'31')",
+        {SQL_C_SBIGINT, "", "(2.0), ('-7'), ('abc'), (''), ('1.5'), (1.5), (9.3e18), (x'31')",
          "8:2, 8:-7, 22018, 22018, 22018, 22003, 22003, 22018"},
+        // The first row decides what an undeclared column is: a text behind it is no number unless
+        // it is written as one.
+        {SQL_C_SBIGINT, "", "(1), ('2'), ('00501'), (' 3'), (4)", "8:1, 8:2, 22018, 22018, 8:4"},
+        {SQL_C_DOUBLE, "", "(1.5), ('2.5'), ('2.50'), (4)", "8:1.5, 8:2.5, 22018, 8:4"},
         {SQL_C_SHORT, "", "(32767), (-32769)", "2:32767, 22003"},
         {SQL_C_TINYINT, "", "(255), (256)", "1:255, 22003"},
         {SQL_C_BIT, "", "(0), (1), (2), ('true')", "1:0, 1:1, 22003, 22018"},
@@ -112,6 +116,10 @@ TEST_F(FetchTest, ValuesAreDeliveredExactlyOrRefused) {
         {SQL_C_WCHAR, "DECIMAL(22,9)",
          "(12.5), (10.00), (1e21), (1.5e-7), (12345678901234567890.5)",
          "12.5, 10, 1000000000000000000000, 0.00000015, 12345678901234567000"},
+        // Read from a text, one is an ulp off; two are what computations leave.
+        {SQL_C_WCHAR, "DECIMAL(18,6)",
+         "(CAST('4.892096' AS REAL)), (0.1 + 0.2), (4.35 * 100), (1.0 / 3)",
+         "4.892096, 0.3, 435, 0.3333333333333333"},
         {SQL_C_WCHAR, "DECIMAL", "('1.2.3'), (''), ('1e+-3'), (9e999), (x'31')",
          "22018, 22018, 22018, 22018, 22018"},
         {SQL_C_TYPE_TIMESTAMP, "DATE", "('2020-02-29'), ('2020-01-02 00:00:00')",

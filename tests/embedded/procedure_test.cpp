@@ -163,7 +163,7 @@ COMMIT
 PRAGMA foreign_keys = ON
 CREATE TABLE c (x REFERENCES t DEFERRABLE INITIALLY DEFERRED)
 CREATE PROCEDURE orphan AS INSERT INTO c VALUES (77); SELECT 1
-EXEC orphan => !23000
+EXEC orphan => !23503
 SELECT count(*) FROM c => 0
 )");
     connection.autocommit(false);
@@ -195,6 +195,16 @@ EXEC p0 => !more than 32 deep
 EXEC loop 50 => !more than 32 deep, the last of them 'loop'
 SELECT count(*) FROM t => 2
 )");
+}
+
+// Each is looked at once, however often it is called: 2^30 looks would not end.
+TEST_F(ProcedureTest, ManyWaysToOneProcedureAreOneCheck) {
+    connection.must("CREATE PROCEDURE p0 AS SELECT 1 WHERE 0");
+    for (int i = 1; i <= 30; ++i) {
+        const std::string call = " EXEC p" + std::to_string(i - 1) + ";";
+        connection.must("CREATE PROCEDURE p" + std::to_string(i) + " AS" + call + call);
+    }
+    EXPECT_EQ(SQL_SUCCESS, Statement(connection.handle).prepare("EXEC p30"));
 }
 
 TEST_F(ProcedureTest, BatchesRunOncePerSetAllOrNone) {
@@ -240,6 +250,12 @@ PRAGMA writable_schema
 CREATE TABLE "my sys_procedures" (sys_procedures)
 UPDATE "my sys_procedures" SET sys_procedures = 1
 DROP TRIGGER r
+PRAGMA foreign_keys = ON
+CREATE TABLE f (p REFERENCES vorda_procedures ON DELETE CASCADE)
+INSERT INTO f VALUES ('p')
+CREATE TRIGGER c AFTER DELETE ON f BEGIN UPDATE vorda_procedures SET text = ''; END
+DROP PROCEDURE p => !cannot be changed by a statement
+DROP TABLE f
 VACUUM
 ANALYZE
 SELECT text FROM vorda_procedures => CREATE PROCEDURE p (a INT) AS SELECT $a
@@ -270,34 +286,6 @@ TEST_F(ProcedureTest, WaitsForOthersAndSeesWhatTheyStored) {
     connection.must("CREATE OR REPLACE PROCEDURE add AS SELECT 'new'");
     connection.must("BEGIN IMMEDIATE");  // reading waits for nobody
     EXPECT_EQ(Rows{"new"}, other.query("EXEC add"));
-}
-
-TEST_F(ProcedureTest, AnInterruptedCallIsUndoneNextToOpenCursors) {
-    connection.must(
-        "CREATE PROCEDURE slow AS INSERT INTO t VALUES (1, '');"
-        " WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n");
-    Statement open(connection.handle);
-    ASSERT_EQ(SQL_SUCCESS, open.run("SELECT name FROM sqlite_master"));
-    ASSERT_EQ(SQL_SUCCESS, open.fetch());
-    Statement call(connection.handle);
-    ASSERT_EQ(SQL_SUCCESS, call.prepare("EXEC slow"));
-    EXPECT_EQ(SQL_SUCCESS, RT_SQLCancel(kDriver, call.handle));  // nothing runs: no effect
-    std::atomic<bool> done = false;
-    std::thread canceller([&] {
-        while (!done) {
-            RT_SQLCancel(kDriver, call.handle);
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    });
-    EXPECT_EQ(SQL_ERROR, call.execute());
-    done = true;
-    canceller.join();
-    EXPECT_EQ("HY008", call.error().state) << call.error().message;
-    EXPECT_EQ(SQLITE_INTERRUPT, call.error().native);
-    open.close();
-    EXPECT_EQ(Rows{"0"}, stored("SELECT count(*) FROM t"));
-    connection.must("INSERT INTO t VALUES (2, '')");
-    EXPECT_EQ(Rows{"2"}, stored("SELECT a FROM t"));
 }
 
 }  // namespace

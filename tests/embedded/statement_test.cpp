@@ -33,9 +33,9 @@ CREATE TABLE t (a) => !42S01 1 [
 CREATE INDEX i ON t (a) => !42S11 1 [
 DROP INDEX missing => !42S12 1 [
 ALTER TABLE t ADD COLUMN b => !42S21 1 [
-INSERT INTO t VALUES (1, 'y') => !23000 1555 [
-INSERT INTO t VALUES (2, NULL) => !23000 1299 [
-INSERT INTO t VALUES (2, 'x') => !23000 2067 [
+INSERT INTO t VALUES (1, 'y') => !23505 1555 [
+INSERT INTO t VALUES (2, NULL) => !23502 1299 [
+INSERT INTO t VALUES (2, 'x') => !23505 2067 [
 INSERT INTO t VALUES ('one', 'y') => !22018 20 [
 SELECT abs(-9223372036854775808) => !22003 1 [
 COMMIT => !25000 1 [
@@ -53,6 +53,81 @@ SELECT * FROM t => 1|x
         Statement statement(connection.handle);
         EXPECT_EQ(outcome, statement.outcome(statement.run(sql)).substr(0, outcome.size()));
     }
+}
+
+TEST_F(StatementTest, TheLastRowOfAnInsertIsToldByNumber) {
+    connection.must("CREATE TABLE t (a INTEGER PRIMARY KEY, b)");
+    const std::pair<const char*, SQLBIGINT> cases[] = {
+        {"INSERT INTO t (b) VALUES (1), (2)", 2},
+        {"INSERT INTO t VALUES (9000000000, 1)", 9000000000},
+        {"REPLACE INTO t VALUES (-4, 1) RETURNING a", -4},
+        {"INSERT OR IGNORE INTO t VALUES (-4, 1)", 0},
+        {"UPDATE t SET b = 3", 0},
+        {"SELECT 1", 0}};
+    for (const auto& [sql, expected] : cases) {
+        Statement statement(connection.handle);
+        statement.run(sql);
+        SQLBIGINT number = 0;
+        SQLINTEGER length = 0;
+        const SQLRETURN result = RT_SQLGetStmtAttr(kDriver, statement.handle,
+                                                   SQL_ATTR_VORDA_LAST_ROWID, &number, 0, &length);
+        EXPECT_EQ(expected == 0 ? SQL_NO_DATA : SQL_SUCCESS, result) << sql;
+        EXPECT_EQ(expected, number) << sql;
+    }
+}
+
+TEST_F(StatementTest, RegexpFindsAPatternAnywhere) {
+    const struct {
+        const char* pattern;
+        const char* text;
+        const char* found;
+    } cases[] = {
+        {"b+c", "abbbcd", "1"},
+        {"^b", "ab", "0"},
+        {"b$", "ab", "1"},
+        {"", "", "1"},
+        {"a|b|", "x", "1"},
+        {"^(ab|c)*$", "abcab", "1"},
+        {"^(ab|c)*$", "abca", "0"},
+        {"^a{2,3}$", "aaaa", "0"},
+        {"^a{2,3}$", "aaa", "1"},
+        {"^a{2,}?$", "aaaaa", "1"},
+        {"^.$", "\xC3\xA9", "1"},
+        {"[a-c\\d-]", "-", "1"},
+        {"[^\\W_]", "_-", "0"},
+        {"^[]x]+$", "]x]", "1"},
+        {"[\xC3\xA0-\xC3\xBF]", "\xC3\xA9", "1"},
+        {"\\bcat\\b", "a cat.", "1"},
+        {"\\bcat\\b", "cats", "0"},
+        {"(?i)straSSe", "STRASSE", "1"},
+        {"a\\.b", "axb", "0"},
+        {"(?:a*)*b", "aaaac", "0"},
+        {"^\\S+@\\S+$", "a@b.c", "1"},
+        {"a.c", "a\nc", "0"},
+        {"(a|aa)+$", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaab", "0"},
+        {"(", "", "!"},
+        {"a)", "", "!"},
+        {"[a", "", "!"},
+        {"*", "", "!"},
+        {"a{3,2}", "", "!"},
+        {"\\1", "", "!"},
+        {"(?=a)", "", "!"},
+        {"((a{1000}){1000})", "", "!"},
+        {"[b-a]", "", "!"},
+    };
+    for (const auto& [pattern, text, found] : cases) {
+        const std::string sql =
+            std::string("SELECT '") + text + "' REGEXP '" + pattern + "' FROM (SELECT 1)";
+        Statement statement(connection.handle);
+        const bool worked = SQL_SUCCEEDED(statement.run(sql)) && SQL_SUCCEEDED(statement.fetch());
+        EXPECT_EQ(found, worked ? statement.get(1) : "!") << sql << statement.error().message;
+    }
+    EXPECT_EQ(Rows{"NULL|NULL|1"},
+              connection.query("SELECT NULL REGEXP 'a', 'a' REGEXP NULL, 12 REGEXP '^1'"));
+    EXPECT_EQ(Rows{"1000"},
+              connection.query(
+                  "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 1000)"
+                  " SELECT sum('x' || i REGEXP 'x' || i || '$') FROM n"));
 }
 
 TEST_F(StatementTest, CallsOutOfOrderAreRefused) {

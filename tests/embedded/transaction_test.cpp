@@ -1,3 +1,6 @@
+#include <chrono>
+#include <thread>
+
 #include "fixture.h"
 
 namespace embedded_test {
@@ -105,7 +108,7 @@ TEST_F(BatchTest, RunsOncePerSetAndCountsTheSum) {
 
 TEST_F(BatchTest, IsAllOrNothing) {
     connection.must("INSERT INTO t VALUES (3, 'old')");
-    EXPECT_EQ("!23000 1555", statement.outcome(statement.execute()).substr(0, 11));
+    EXPECT_EQ("!23505 1555", statement.outcome(statement.execute()).substr(0, 11));
     EXPECT_TRUE(statement.error().says("parameter set 3 of 3")) << statement.error().message;
     EXPECT_EQ(3U, processed);
     EXPECT_EQ(SQL_PARAM_ERROR, status[2]);
@@ -146,6 +149,77 @@ TEST_F(BatchTest, RowsOfValuesCanLieTogether) {
     ASSERT_EQ(SQL_SUCCESS, statement.bind(1, SQL_C_SBIGINT, &rows[0].number, &rows[0].length));
     ASSERT_EQ(SQL_SUCCESS, statement.execute()) << statement.error().message;
     EXPECT_EQ(Rows({"11", "NULL", "13"}), stored("SELECT b FROM t"));
+}
+
+/// Calls that last; each is ended from outside.
+class EndedCallTest : public DatabaseTest {
+  protected:
+    EndedCallTest() {
+        connection.must("CREATE TABLE t (a)");
+        std::string body = "CREATE PROCEDURE steps AS";
+        for (int i = 0; i < 2000; ++i) body += " INSERT INTO t VALUES (1);";
+        connection.must(body);
+        std::string calls = "CREATE PROCEDURE many AS";
+        for (int i = 0; i < 2000; ++i) calls += " EXEC steps;";
+        connection.must(calls);
+        connection.must("CREATE PROCEDURE slow AS INSERT INTO t VALUES (1); " + kEndless);
+        lengths.assign(kSets, sizeof(SQLINTEGER));
+        values.assign(kSets, 7);
+    }
+
+    /// Executes a prepared statement while another thread cancels it, once.
+    SQLRETURN executeCancelled(Statement& statement) {
+        std::thread canceller([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            RT_SQLCancel(kDriver, statement.handle);
+        });
+        const SQLRETURN result = statement.execute();
+        canceller.join();
+        return result;
+    }
+
+    static constexpr size_t kSets = 2'000'000;
+    inline static const std::string kEndless =
+        "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n";
+    std::vector<SQLINTEGER> values;
+    std::vector<SQLLEN> lengths;
+};
+
+TEST_F(EndedCallTest, ACancelHoldsUntilItsCallHasEndedAndNoLonger) {
+    Statement open(connection.handle);
+    ASSERT_EQ(SQL_SUCCESS, open.run("SELECT 'x' UNION ALL SELECT 'y'"));
+    ASSERT_EQ(SQL_SUCCESS, open.fetch());
+    for (const std::string& sql : {kEndless, std::string("EXEC slow"), std::string("EXEC many"),
+                                   std::string("INSERT INTO t VALUES (?)")}) {
+        Statement call(connection.handle);
+        ASSERT_EQ(SQL_SUCCESS, call.prepare(sql)) << call.error().message;
+        if (sql.ends_with("?)")) {
+            call.set(SQL_ATTR_PARAMSET_SIZE, kSets);
+            call.bind(1, SQL_C_LONG, values.data(), lengths.data());
+        }
+        EXPECT_EQ(SQL_SUCCESS, RT_SQLCancel(kDriver, call.handle));  // nothing runs: no effect
+        EXPECT_EQ(SQL_ERROR, executeCancelled(call)) << sql;
+        EXPECT_EQ("HY008", call.error().state) << call.error().message;
+        EXPECT_EQ(SQLITE_INTERRUPT, call.error().native);
+        EXPECT_EQ(Rows{"0"}, connection.query("SELECT count(*) FROM t")) << sql;
+    }
+    EXPECT_EQ(Rows{"y"}, open.rows());
+}
+
+TEST_F(EndedCallTest, AWaitForALockEndsToo) {
+    Connection other("Timeout=60;Database=" + path);
+    connection.must("BEGIN IMMEDIATE");
+    Statement cancelled(other.handle);
+    ASSERT_EQ(SQL_SUCCESS, cancelled.prepare("INSERT INTO t VALUES (1)"));
+    EXPECT_EQ("HY008", cancelled.stateOf(executeCancelled(cancelled)));
+    Statement late(other.handle);
+    EXPECT_EQ(SQL_SUCCESS, late.set(SQL_ATTR_QUERY_TIMEOUT, 1));
+    for (const std::string& sql : {std::string("DELETE FROM t"), kEndless}) {
+        EXPECT_EQ("HYT00", late.stateOf(late.run(sql)));
+        EXPECT_TRUE(late.error().says("query timeout")) << late.error().message;
+    }
+    connection.must("COMMIT");
+    EXPECT_EQ(SQL_SUCCESS, late.run("INSERT INTO t VALUES (1)"));
 }
 
 }  // namespace

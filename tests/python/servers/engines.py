@@ -62,7 +62,7 @@ class Engine:
               ("TIMESTAMP", "'10000-01-01'"), ("TEXT", "x'ff'")]
     # A statement, the state and the words of its failure.
     failures = [("SELECT * FROM nowhere", "42S02", "nowhere"), ("SELEC 1", "42000", "SELEC"),
-                ("INSERT INTO t VALUES (1, 'again')", "23000", "UNIQUE")]
+                ("INSERT INTO t VALUES (1, 'again')", "23505", "UNIQUE")]
     # A procedure that stores its arguments and one that yields them, both with the parameters a and
     # b.
     procedures = ["CREATE PROCEDURE put (a INTEGER, b TEXT) AS INSERT INTO t VALUES ($a, $b)",
