@@ -25,12 +25,16 @@ constexpr Dialect mariaDb() noexcept {
     return dialect;
 }
 
+constexpr std::string_view kUnreadForPostgres[] = {"0A000", "22019", "22021", "22025",
+                                                   "22P06", "42601", "42622", "54001"};
+
 constexpr NamedDialect kDialects[] = {
     {"PostgreSQL",
      {.escapeStrings = true,
       .returnEndsComment = true,
       .nestedComments = true,
       .dollarQuotes = true,
+      .unreadable = kUnreadForPostgres,
       .wrongCall = "42809",
       .stalePlan = "0A000",
       .strictBooleans = true}},

@@ -23,6 +23,9 @@ struct Dialect {
     bool commitsBySchemaChange = false;
     const char* inTransaction = nullptr;  ///< a query that answers 1 inside a transaction
     bool savepointBegins = false;         ///< SAVEPOINT opens a transaction where none is
+    /// SQLSTATEs of texts that the server cannot even read. The driver's savepoint is in the same
+    /// message, and so was never made: the driver rolls back the whole transaction.
+    std::span<const std::string_view> unreadable = {};
     const char* savepoint = "SAVEPOINT ";
     const char* rollbackTo = "ROLLBACK TO SAVEPOINT ";
     const char* release = "RELEASE SAVEPOINT ";  ///< null: there is none, and no need

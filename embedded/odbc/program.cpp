@@ -122,9 +122,14 @@ SQLRETURN OdbcProgram::executeOnce() {
 }
 
 const std::vector<Column>& OdbcProgram::columns() {
-    m_session.require();
+    m_transactions.require(StatementKind::Query);
     if (!m_statement) useStatement({});
-    prepareOnce();
+    try {
+        prepareOnce();
+    } catch (const Error& error) {
+        m_transactions.failed(error);
+        throw;
+    }
     m_described.clear();
     for (OdbcColumn& described : describeColumns(*m_statement)) {
         m_described.push_back(std::move(described.column));
@@ -133,7 +138,7 @@ const std::vector<Column>& OdbcProgram::columns() {
 }
 
 Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& options) {
-    m_session.require();
+    m_transactions.require(m_kind);
     sets.require(m_sql.parameters);
     OdbcParameters parameters(sets, m_sql.numbers, m_session.habits());
     const auto run = [&] {
@@ -148,11 +153,20 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
     const Executed executed{m_transactions, m_kind};
     m_failed = true;
     Outcome outcome;
+    const auto runAsWanted = [&] {
+        try {
+            return run();
+        } catch (const Error& error) {
+            if (!callOtherwise(error) && !sendBooleans(parameters, error) && !renewPlan(error))
+                throw;
+            return run();
+        }
+    };
     try {
-        outcome = run();
+        outcome = runAsWanted();
     } catch (const Error& error) {
-        if (!callOtherwise(error) && !sendBooleans(parameters, error) && !renewPlan(error)) throw;
-        outcome = run();
+        m_transactions.failed(error);
+        throw;
     }
     m_failed = false;
     sets.allSucceeded();

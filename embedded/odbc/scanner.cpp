@@ -225,7 +225,7 @@ bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
 }
 
 /// The kind of a COMMIT or ROLLBACK, which may go back to a savepoint or begin anew.
-StatementKind kindOfEnd(std::string_view sql, const Dialect& dialect) noexcept {
+StatementKind kindOfEnd(StatementKind kind, std::string_view sql, const Dialect& dialect) noexcept {
     DialectScanner scanner(sql, dialect);
     bool stays = false;
     for (auto token = scanner.next(); !token.text.empty(); token = scanner.next()) {
@@ -233,7 +233,7 @@ StatementKind kindOfEnd(std::string_view sql, const Dialect& dialect) noexcept {
         if (sameWord(token.text, "CHAIN") && !stays) return StatementKind::Begin;
         stays = sameWord(token.text, "NO");
     }
-    return StatementKind::End;
+    return kind;
 }
 
 StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noexcept {
@@ -255,10 +255,10 @@ StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noex
         {{"WITH", ""}, Change},
         {{"START", "TRANSACTION"}, Begin},
         {{"BEGIN", ""}, Begin},
-        {{"COMMIT", ""}, End},
-        {{"END", ""}, End},
-        {{"ABORT", ""}, End},
-        {{"ROLLBACK", ""}, End},
+        {{"COMMIT", ""}, Commit},
+        {{"END", ""}, Commit},
+        {{"ABORT", ""}, Rollback},
+        {{"ROLLBACK", ""}, Rollback},
         {{"SAVEPOINT", ""}, Savepoint},
         {{"RELEASE", ""}, Savepoint},
     };
@@ -266,7 +266,9 @@ StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noex
     const WordPair words = nextPair(scanner, scanner.next().text);
     for (const Entry& entry : kEntries) {
         if (matches(words, entry.words))
-            return entry.kind == End ? kindOfEnd(sql, dialect) : entry.kind;
+            return entry.kind == Commit || entry.kind == Rollback
+                       ? kindOfEnd(entry.kind, sql, dialect)
+                       : entry.kind;
     }
     return Other;
 }

@@ -74,7 +74,8 @@ enum class StatementKind {
     Change,     ///< INSERT, UPDATE, DELETE, REPLACE, MERGE, or WITH
     Query,      ///< SELECT and what else leaves everything as it is
     Begin,      ///< BEGIN, START TRANSACTION
-    End,        ///< COMMIT, END, ROLLBACK, ABORT
+    Commit,     ///< COMMIT, END
+    Rollback,   ///< ROLLBACK, ABORT
     Savepoint,  ///< SAVEPOINT, RELEASE, ROLLBACK TO
 };
 

@@ -1,5 +1,6 @@
 #include "odbc/transactions.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "core/error.h"
@@ -7,6 +8,12 @@
 #include "odbc/statement.h"
 
 namespace embedded {
+namespace {
+
+constexpr const char* kLost =
+    "The transaction was rolled back behind a statement that the server could not read.";
+
+}  // namespace
 
 // What is not committed is rolled back: a driver refuses to disconnect within a transaction.
 OdbcTransactions::~OdbcTransactions() {
@@ -43,11 +50,32 @@ void OdbcTransactions::setAutocommit(bool on) {
     m_session.require();
     driverAutocommit(on);
     m_autocommit = on;
-    m_changed = false;
+    m_opened = m_changed = false;
+}
+
+void OdbcTransactions::require(StatementKind kind) {
+    m_session.require();
+    if (!m_lost) return;
+    if (kind == StatementKind::Rollback) return;
+    if (kind == StatementKind::Commit) {
+        // Not every such error ends the transaction; what is left of it ends here.
+        endTransaction(false);
+        throw Error("40000", kLost, native::kMisuse);
+    }
+    throw Error("25P02", kLost, native::kMisuse);
+}
+
+void OdbcTransactions::failed(const Error& error) noexcept {
+    const auto states = m_session.dialect().unreadable;
+    if ((m_begun || m_opened) &&
+        std::find(states.begin(), states.end(), error.state()) != states.end()) {
+        m_lost = true;
+    }
 }
 
 void OdbcTransactions::endTransaction(bool commit) {
-    m_session.require();
+    require(commit ? StatementKind::Commit : StatementKind::Rollback);
+    m_lost = m_opened = false;
     if (!commit) m_cursors.closeCursors();
     const bool begun = std::exchange(m_begun, false);
     try {
@@ -65,12 +93,14 @@ void OdbcTransactions::endTransaction(bool commit) {
 }
 
 void OdbcTransactions::executed(StatementKind kind) noexcept {
+    m_opened = !m_autocommit;
     switch (kind) {
         case StatementKind::Begin:
             m_begun = m_autocommit;
             break;
-        case StatementKind::End:
-            m_begun = m_changed = false;
+        case StatementKind::Commit:
+        case StatementKind::Rollback:
+            m_begun = m_opened = m_changed = m_lost = false;
             break;
         case StatementKind::Other:
             if (m_session.dialect().commitsBySchemaChange) m_begun = false;

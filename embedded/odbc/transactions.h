@@ -25,8 +25,14 @@ class OdbcTransactions {
     void endTransaction(bool commit);
     bool hasChanges() const noexcept { return m_changed; }
 
+    /// To be asked before a statement is sent. Throws where the driver has rolled the application's
+    /// transaction back and it does not know yet: what comes would be committed without what came
+    /// before. Ending the transaction ends that, a COMMIT with an error.
+    void require(StatementKind kind);
     /// To be told of every statement that was executed, successful or not.
     void executed(StatementKind kind) noexcept;
+    /// To be told of every failure, after that.
+    void failed(const Error& error) noexcept;
 
     /// All or nothing, inside or outside a transaction of the application: what is not released is
     /// undone.
@@ -58,6 +64,8 @@ class OdbcTransactions {
     bool m_autocommit = true;
     bool m_begun = false;    ///< a statement has opened a transaction with autocommit on
     bool m_changed = false;  ///< something was executed, with autocommit off, since the last end
+    bool m_opened = false;   ///< anything was
+    bool m_lost = false;     ///< the driver has rolled it back by itself
     unsigned m_savepoints = 0;
 };
 

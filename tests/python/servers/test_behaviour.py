@@ -283,6 +283,25 @@ def test_transactions(table, connect):
     assert stored(observer) == [(4, "kept"), (5, "at once")]
 
 
+def test_nothing_is_committed_without_what_came_before(table, connect):
+    observer = connect()
+    for end in ["COMMIT", "ROLLBACK"]:
+        table.execute("BEGIN")
+        table.execute("INSERT INTO t VALUES (1, 'before')")
+        outcomes = []
+        for sql in ["INSRT INTO t", "INSERT INTO t VALUES (2, 'after')", end]:
+            try:
+                table.execute(sql)
+                outcomes.append(True)
+            except zelqa.DatabaseError:
+                outcomes.append(False)
+        # Either the transaction has gone on, or the program was told that it has not.
+        assert outcomes in ([False, True, True], [False, False, end == "ROLLBACK"])
+        kept = [(1, "before"), (2, "after")] if outcomes[1] and end == "COMMIT" else []
+        assert stored(observer) == kept
+        table.execute("DELETE FROM t")
+
+
 def test_threads_with_a_connection_each(table, connect, engine):
     failed = []
 
