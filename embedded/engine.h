@@ -19,6 +19,7 @@
 namespace embedded {
 
 class ParameterSets;
+struct VordaProgress;
 
 /// What an execution gave.
 struct Outcome {
@@ -123,6 +124,13 @@ class Database {
     /// Interrupts the call that is running, all that is still to come in it included. The one
     /// function that any thread may call at any time.
     virtual void interrupt() noexcept = 0;
+
+    /// Has `progress`, unless it is null, looked at in the middle of calls; false when it cannot
+    /// be.
+    virtual bool setProgress(const VordaProgress*) { return false; }
+
+    /// Whether a transaction is open, if the engine tells.
+    virtual std::optional<bool> transactionIsOpen() { return std::nullopt; }
 
     /// The interrupted call is over: what comes next is none of the interruption's business.
     virtual void forgetInterrupt() noexcept {}

@@ -42,6 +42,20 @@ struct VordaCell {
     };
 };
 
+/// SQL_ATTR_VORDA_IN_TRANSACTION, an attribute of connections, to be read: whether a transaction is
+/// open. HY092 with an engine that does not tell.
+inline constexpr SQLINTEGER kInTransactionAttribute = 0x7002;
+
+/// SQL_ATTR_VORDA_PROGRESS, an attribute of connections: a pointer to one of these, which must last
+/// as long as the connection, or null. `look` is called now and then in the middle of calls, by the
+/// thread that makes them; another answer than 0 ends the call as SQLCancel does. It must not call
+/// the connection. HY092 with an engine that cannot.
+struct VordaProgress {
+    int (*look)(void* context);
+    void* context;
+};
+inline constexpr SQLINTEGER kProgressAttribute = 0x7003;
+
 inline constexpr SQLLEN kSmallestCell = sizeof(VordaCell);
 static_assert(kSmallestCell == 24 && offsetof(VordaCell, bytes) == 8);
 

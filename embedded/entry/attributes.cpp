@@ -129,6 +129,10 @@ void setConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER valu
             if (number != SQL_MODE_READ_WRITE && number != SQL_MODE_READ_ONLY)
                 throw badValue(attribute);
             break;
+        case kProgressAttribute:
+            if (!connection.database().setProgress(static_cast<const VordaProgress*>(value)))
+                throw unknownAttribute(attribute);
+            break;
         default:
             setFixed(kFixedOfConnection, attribute, number);
     }
@@ -161,6 +165,12 @@ void getConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER valu
                                                "The text was cut to the size of its buffer.");
             }
             break;
+        case kInTransactionAttribute: {
+            const auto isOpen = connection.database().transactionIsOpen();
+            if (!isOpen) throw unknownAttribute(attribute);
+            answer(*isOpen ? SQL_TRUE : SQL_FALSE);
+            break;
+        }
         default:
             if (const FixedAttribute* fixed = find(kFixedOfConnection, attribute)) {
                 answer(fixed->value);

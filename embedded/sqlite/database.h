@@ -23,6 +23,13 @@ class SqliteDatabase final : public Database {
     bool isReadOnly() override { return sqlite3_db_readonly(m_session.db(), "main") == 1; }
     bool isDead() override { return false; }
     std::optional<Information> information(SQLUSMALLINT type) override;
+    bool setProgress(const VordaProgress* progress) override {
+        m_session.setProgress(progress);
+        return true;
+    }
+    std::optional<bool> transactionIsOpen() override {
+        return sqlite3_get_autocommit(m_session.db()) == 0;
+    }
     void interrupt() noexcept override { m_session.interrupt(); }
     void forgetInterrupt() noexcept override { m_session.forgetInterrupt(); }
 

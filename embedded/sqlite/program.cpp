@@ -74,7 +74,8 @@ Outcome SqliteProgram::execute(ParameterSets& sets, const ExecutionOptions& opti
     m_described.reset();
     m_session.requireTime();
     m_session.finishUndo();
-    m_session.beginFor(verb, m_procedure && m_procedure->refresh(m_session));
+    const bool writes = m_procedure && m_procedure->refresh(m_session);
+    if (m_procedure || !m_compiled.sql().readOnly) m_session.beginFor(verb, writes);
     // What changes data is run to its end at once: nobody may come to read its rows. So are
     // pragmas, which change things, too, and have few rows.
     const bool live = !m_procedure && m_compiled.sql().readOnly && verb != Verb::Pragma &&

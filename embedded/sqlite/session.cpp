@@ -118,8 +118,10 @@ void Session::finishUndo() {
 // ---- ending a call early
 
 int Session::endsEarly(void* session) noexcept {
-    const auto& self = *static_cast<Session*>(session);
-    return !self.m_undoing && (self.m_interrupted || self.isOverdue());
+    auto& self = *static_cast<Session*>(session);
+    if (self.m_undoing) return 0;
+    if (self.m_progress && self.m_progress->look(self.m_progress->context) != 0) return 1;
+    return self.m_interrupted || self.isOverdue();
 }
 
 int Session::waitForLock(void* session, int attempt) noexcept {

@@ -11,6 +11,7 @@
 
 #include "core/error.h"
 #include "engine.h"
+#include "extensions.h"
 #include "sqlite/decimals.h"
 #include "sqlite/options.h"
 #include "sqlite/schemaguard.h"
@@ -43,7 +44,8 @@ class Session {
     void endTransaction(bool commit);
 
     /// With autocommit off, opens a transaction before a statement of kind `verb` unless one is
-    /// open; one that may write at once if `writes` says so.
+    /// open; one that may write at once if `writes` says so. Not before one that only reads, which
+    /// would keep others from writing for as long as nobody commits.
     void beginFor(Verb verb, bool writes);
 
     /// SQL that takes back what a failed statement has done; empty for nothing.
@@ -64,6 +66,7 @@ class Session {
     /// thread.
     void interrupt() noexcept { m_interrupted = true; }
     void forgetInterrupt() noexcept { m_interrupted = false; }
+    void setProgress(const VordaProgress* progress) noexcept { m_progress = progress; }
 
     /// Ends what runs while it exists when `seconds` are over; 0 for no limit.
     class TimeLimit {
@@ -113,6 +116,7 @@ class Session {
     Undo m_undo;
     bool m_undoing = false;  ///< which nothing ends early
     std::atomic<bool> m_interrupted = false;
+    const VordaProgress* m_progress = nullptr;
     std::optional<Clock::time_point> m_deadline;
     const std::chrono::milliseconds m_lockTimeout;
     Clock::time_point m_waitingSince;  ///< for a lock

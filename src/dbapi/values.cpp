@@ -1,6 +1,7 @@
 #include "dbapi/values.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <string>
 
@@ -70,14 +71,13 @@ void ReadDecimal(Value& value, PyObject* number, Py_ssize_t position, const Send
             ? 0
             : std::count_if(mantissa.begin() + static_cast<std::ptrdiff_t>(first), mantissa.end(),
                             [](char c) { return c >= '0' && c <= '9'; });
+    const bool isNumber = mantissa.find_first_of("0123456789") != std::string_view::npos;
     const double real = PyFloat_AsDouble(number);
     if (PyErr_Occurred()) PyErr_Clear();
-    const bool isNumber = mantissa.find_first_of("0123456789") != std::string_view::npos;
-    if (!isNumber || digits > kDigitsOfDouble || real - real != 0 || (real == 0) != (digits == 0)) {
-        Refuse("22003", position,
-               "SQLite keeps numbers of 15 digits, and this decimal is none; as str, it can be "
-               "kept in a column of texts");
-    }
+    if (!isNumber || std::isinf(real) || (real == 0) != (digits == 0))
+        Refuse("22003", position, "SQLite has no such number as this decimal");
+    // As a text then, which the runtime refuses where a column would round it.
+    if (digits > kDigitsOfDouble) return;
     value.keeper = PyRef();
     value.bytes = {};
     value.cType = SQL_C_DOUBLE;

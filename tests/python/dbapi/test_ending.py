@@ -1,0 +1,69 @@
+"""What ends a statement, or runs in the middle of one."""
+
+import os
+import signal
+import threading
+import time
+
+import pytest
+
+from vorda import dbapi
+
+SLOW = (
+    "WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1000000000)"
+    " SELECT count(*) FROM n"
+)
+
+
+@pytest.fixture
+def handler():
+    """Sets a signal's handler, for the time of a test."""
+    old = {number: signal.getsignal(number) for number in (signal.SIGALRM, signal.SIGINT)}
+    yield signal.signal
+    signal.setitimer(signal.ITIMER_REAL, 0)
+    for number, function in old.items():
+        signal.signal(number, function)
+
+
+def test_signals_are_handled_in_the_middle_of_a_statement(connection, handler):
+    times = []
+    handler(signal.SIGINT, signal.default_int_handler)
+
+    def alarm(*_):
+        times.append(time.monotonic())
+        with pytest.raises(dbapi.ProgrammingError, match="busy"):
+            connection.execute("SELECT 1")
+        if len(times) == 3:
+            os.kill(os.getpid(), signal.SIGINT)
+
+    handler(signal.SIGALRM, alarm)
+    signal.setitimer(signal.ITIMER_REAL, 0.2, 0.2)
+    with pytest.raises(KeyboardInterrupt):
+        connection.execute(SLOW)
+    assert len(times) == 3
+    signal.setitimer(signal.ITIMER_REAL, 0)
+    assert connection.execute("SELECT 1").fetchone() == (1,)
+
+
+def test_cancel_and_timeout_end_a_statement(connection):
+    threading.Timer(0.2, connection.cancel).start()
+    with pytest.raises(dbapi.OperationalError) as caught:
+        connection.execute(SLOW)
+    assert caught.value.sqlstate == "HY008"
+    connection.cancel()
+    connection.timeout = 0.5
+    assert connection.timeout == 1
+    with pytest.raises(dbapi.OperationalError) as caught:
+        connection.execute(SLOW)
+    assert caught.value.sqlstate == "HYT00"
+
+
+def test_a_query_alone_keeps_nobody_from_writing(connection, tmp_path):
+    connection.execute("CREATE TABLE t (a)")
+    connection.commit()
+    assert connection.execute("SELECT a FROM t").fetchall() == [] and not connection.in_transaction
+    other = dbapi.connect("Database={%s};Timeout=0" % (tmp_path / "data.db"))
+    with other:
+        other.execute("INSERT INTO t VALUES (1)")
+    other.close()
+    assert connection.execute("SELECT a FROM t").fetchone() == (1,)
