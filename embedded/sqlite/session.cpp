@@ -88,12 +88,14 @@ void Session::beginFor(Verb verb, bool writes) {
 
 void Session::endTransaction(bool commit) {
     finishUndo();
-    if (sqlite3_get_autocommit(db())) return;
+    const bool isOpen = !sqlite3_get_autocommit(db());
+    // With autocommit off, queries alone, which open none here, are part of a transaction, too.
+    if (!commit && (isOpen || !m_autocommit)) m_cursors.closeCursors();
+    if (!isOpen) return;
     if (commit) {
         run("COMMIT");
         return;
     }
-    m_cursors.closeCursors();
     run("ROLLBACK");
     m_cache.clear();
 }
