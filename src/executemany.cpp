@@ -217,10 +217,11 @@ class ColumnArray {
                 length = PyUnicode_GET_LENGTH(value);
             } else {
                 if (HasSurrogate(value)) return RowError("Invalid value", row, column);
-                encoded.emplace_back(PyUnicode_AsUTF8String(value));
-                if (!encoded.back()) return false;
-                text = PyBytes_AS_STRING(encoded.back().Get());
-                length = PyBytes_GET_SIZE(encoded.back().Get());
+                PyRef bytes(PyUnicode_AsUTF8String(value));
+                if (!bytes) return false;
+                text = PyBytes_AS_STRING(bytes.Get());
+                length = PyBytes_GET_SIZE(bytes.Get());
+                encoded.push_back(std::move(bytes));
             }
             width = std::max(width, length);
             m_lengths[static_cast<size_t>(row)] = static_cast<int>(length);

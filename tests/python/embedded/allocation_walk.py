@@ -209,8 +209,8 @@ OTHER_TEXTS = ("fail to create valid connection", "Unable to alloc env handle",
 def reports_lack_of_memory(error):
     if isinstance(error, zelqa.DatabaseError):
         text = str(error)
-        return "memory" in text or any(known in text for known in OTHER_TEXTS) or (
-            isinstance(error.__cause__, MemoryError))
+        return ("memory" in text or any(known in text for known in OTHER_TEXTS)
+                or reports_lack_of_memory(error.__cause__))
     return isinstance(error, MemoryError)
 
 
