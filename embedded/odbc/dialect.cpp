@@ -12,11 +12,11 @@ struct NamedDialect {
     Dialect dialect;
 };
 
-constexpr Dialect kMySql{.backslashEscapes = true,
-                         .doubleQuotedStrings = true,
-                         .backtickNames = true,
-                         .hashComments = true,
-                         .dashNeedsBlank = true,
+constexpr Dialect kMySql{.syntax = {.backslashEscapes = true,
+                                    .doubleQuotedStrings = true,
+                                    .backtickNames = true,
+                                    .hashComments = true,
+                                    .dashNeedsBlank = true},
                          .commitsBySchemaChange = true};
 
 constexpr Dialect mariaDb() noexcept {
@@ -30,20 +30,19 @@ constexpr std::string_view kUnreadForPostgres[] = {"0A000", "22019", "22021", "2
 
 constexpr NamedDialect kDialects[] = {
     {"PostgreSQL",
-     {.escapeStrings = true,
-      .returnEndsComment = true,
-      .nestedComments = true,
-      .dollarQuotes = true,
+     {.syntax = {.escapeStrings = true,
+                 .returnEndsComment = true,
+                 .nestedComments = true,
+                 .dollarQuotes = true},
       .unreadable = kUnreadForPostgres,
       .wrongCall = "42809",
       .stalePlan = "0A000",
       .strictBooleans = true}},
     {"MariaDB", mariaDb()},
     {"MySQL", kMySql},
-    {"SQLite", {.backtickNames = true, .bracketNames = true, .savepointBegins = true}},
+    {"SQLite", {.syntax = kSqliteSyntax, .savepointBegins = true}},
     {"Microsoft SQL Server",
-     {.bracketNames = true,
-      .nestedComments = true,
+     {.syntax = {.bracketNames = true, .doubledBrackets = true, .nestedComments = true},
       .inTransaction = "SELECT @@TRANCOUNT",
       .savepoint = "SAVE TRANSACTION ",
       .rollbackTo = "ROLLBACK TRANSACTION ",

@@ -3,21 +3,13 @@
 #include <span>
 #include <string_view>
 
+#include "sql/scanner.h"
+
 namespace embedded {
 
 /// What differs between data sources and cannot be asked of their drivers.
 struct Dialect {
-    // How the server reads its SQL.
-    bool backslashEscapes = false;  ///< in all strings
-    bool escapeStrings = false;     ///< E'…' has backslash escapes
-    bool doubleQuotedStrings = false;
-    bool backtickNames = false;
-    bool bracketNames = false;
-    bool hashComments = false;
-    bool dashNeedsBlank = false;     ///< "--1" is no comment
-    bool returnEndsComment = false;  ///< a carriage return does, as a line feed does everywhere
-    bool nestedComments = false;
-    bool dollarQuotes = false;
+    SqlSyntax syntax = {};
 
     // How it keeps transactions.
     bool commitsBySchemaChange = false;

@@ -9,22 +9,22 @@
 #include "core/message.h"
 #include "core/parameters.h"
 #include "odbc/catalog.h"
-#include "odbc/scanner.h"
+#include "odbc/sqltext.h"
 #include "odbc/statement.h"
 #include "values/text.h"
 
 namespace embedded {
 namespace {
 
-using Kind = DialectScanner::Kind;
-using Token = DialectScanner::Token;
+using Kind = SqlScanner::Kind;
+using Token = SqlScanner::Token;
 
 constexpr std::string_view kQuotes = "'\"";
 constexpr std::string_view kTable = "sys_procedureparameters";
 
 std::vector<Token> tokensOf(std::string_view sql, const Dialect& dialect) {
     std::vector<Token> tokens;
-    DialectScanner scanner(sql, dialect);
+    SqlScanner scanner(sql, dialect.syntax);
     for (Token token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
         tokens.push_back(token);
     }
@@ -343,7 +343,7 @@ std::optional<std::vector<size_t>> selectedColumns(const std::vector<Token>& tok
 std::optional<DriverCall> driverCall(OdbcSession& session, std::string_view sql) {
     const Dialect& dialect = session.dialect();
     {
-        DialectScanner scanner(sql, dialect);
+        SqlScanner scanner(sql, dialect.syntax);
         const Token first = scanner.next();
         if (!isWord(first, "EXECUTE") && !isWord(first, "EXEC")) return std::nullopt;
     }

@@ -10,7 +10,7 @@
 #include "odbc/parameters.h"
 #include "odbc/procedures.h"
 #include "odbc/rows.h"
-#include "odbc/scanner.h"
+#include "odbc/sqltext.h"
 #include "odbc/statement.h"
 
 namespace embedded {

@@ -4,8 +4,8 @@
 #include <string_view>
 
 #include "engine.h"
-#include "odbc/scanner.h"
 #include "odbc/session.h"
+#include "odbc/sqltext.h"
 
 namespace embedded {
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "sqlite/origin.h"
-#include "sqlite/sqlscanner.h"
+#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {

@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "sql/scanner.h"
 #include "sqlite/procedurecall.h"
 #include "sqlite/rows.h"
 #include "sqlite/savepoint.h"
-#include "sqlite/sqlscanner.h"
+#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {

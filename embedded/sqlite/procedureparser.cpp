@@ -4,7 +4,8 @@
 
 #include "core/error.h"
 #include "core/message.h"
-#include "sqlite/sqlscanner.h"
+#include "sql/scanner.h"
+#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {

@@ -4,7 +4,8 @@
 #include <iterator>
 
 #include "core/error.h"
-#include "sqlite/sqlscanner.h"
+#include "sql/scanner.h"
+#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {

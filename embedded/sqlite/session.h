@@ -15,7 +15,7 @@
 #include "sqlite/decimals.h"
 #include "sqlite/options.h"
 #include "sqlite/schemaguard.h"
-#include "sqlite/sqlscanner.h"
+#include "sqlite/sqltext.h"
 #include "sqlite/statementcache.h"
 
 namespace embedded {

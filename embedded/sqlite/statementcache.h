@@ -8,7 +8,7 @@
 
 #include "core/recent.h"
 #include "sqlite/columnmemory.h"
-#include "sqlite/sqlscanner.h"
+#include "sqlite/sqltext.h"
 
 namespace embedded {
 

@@ -1,7 +1,7 @@
 // What the fuzz targets connect, convert and procedure do not compare with an answer of their own.
 #include <gtest/gtest.h>
 
-#include "sqlite/sqlscanner.h"
+#include "sqlite/sqltext.h"
 
 namespace embedded_test {
 namespace {

@@ -2,20 +2,20 @@
 // iconv's. The first byte chooses the dialect.
 #include "core/error.h"
 #include "fuzz.h"
-#include "odbc/scanner.h"
+#include "odbc/sqltext.h"
 #include "odbc/utf16.h"
 
 namespace {
 
-using embedded::DialectScanner;
+using embedded::SqlScanner;
 using fuzz::require;
-using Kind = DialectScanner::Kind;
+using Kind = SqlScanner::Kind;
 
 /// The tokens of `sql`, which lie one behind the other; answers how many are markers.
 std::size_t checkTokens(std::string_view sql, const embedded::Dialect& dialect, bool told) {
     std::size_t markers = 0;
     std::size_t end = 0;
-    DialectScanner scanner(sql, dialect);
+    SqlScanner scanner(sql, dialect.syntax);
     for (auto token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
         require(!token.text.empty() && token.text.data() >= sql.data() + end, "tokens advance");
         end = scanner.position();

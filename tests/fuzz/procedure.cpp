@@ -8,7 +8,8 @@
 
 #include "core/error.h"
 #include "fuzz.h"
-#include "sqlite/sqlscanner.h"
+#include "sql/scanner.h"
+#include "sqlite/sqltext.h"
 
 namespace {
 

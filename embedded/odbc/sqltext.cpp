@@ -1,4 +1,4 @@
-#include "odbc/scanner.h"
+#include "odbc/sqltext.h"
 
 #include <sql.h>
 #include <algorithm>
@@ -12,20 +12,12 @@
 namespace embedded {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r\n\f\v";
-
 bool isDigit(char c) noexcept {
     return c >= '0' && c <= '9';
 }
 
-/// Letters of other alphabets are bytes from 0x80 on.
-bool isNameCharacter(char c) noexcept {
-    return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
-           static_cast<unsigned char>(c) >= 0x80;
-}
-
 /// A token and the one behind it.
-WordPair nextPair(DialectScanner& scanner, std::string_view first) noexcept {
+WordPair nextPair(SqlScanner& scanner, std::string_view first) noexcept {
     return {first, scanner.next().text};
 }
 
@@ -35,120 +27,6 @@ bool matches(const WordPair& words, const WordPair& pattern) noexcept {
 }
 
 }  // namespace
-
-size_t DialectScanner::commentEnd() const noexcept {
-    const char first = at(m_pos);
-    const char second = at(m_pos + 1);
-    const bool blankBehind =
-        m_pos + 2 >= m_sql.size() || kBlanks.find(at(m_pos + 2)) != std::string_view::npos;
-    const bool line =
-        (first == '-' && second == '-' && (!m_dialect.dashNeedsBlank || blankBehind)) ||
-        (first == '#' && m_dialect.hashComments);
-    if (line) {
-        const char* const ends = m_dialect.returnEndsComment ? "\r\n" : "\n";
-        return std::min(m_sql.find_first_of(ends, m_pos), m_sql.size());
-    }
-    if (first != '/' || second != '*') return m_pos;
-    size_t depth = 1;
-    size_t i = m_pos + 2;
-    while (i < m_sql.size() && depth > 0) {
-        if (at(i) == '*' && at(i + 1) == '/') {
-            --depth;
-            i += 2;
-        } else if (m_dialect.nestedComments && at(i) == '/' && at(i + 1) == '*') {
-            ++depth;
-            i += 2;
-        } else {
-            ++i;
-        }
-    }
-    return i;
-}
-
-void DialectScanner::skipBlanks() noexcept {
-    for (;;) {
-        m_pos = std::min(m_sql.find_first_not_of(kBlanks, m_pos), m_sql.size());
-        const size_t end = commentEnd();
-        if (end == m_pos) return;
-        m_pos = end;
-    }
-}
-
-size_t DialectScanner::wordEnd(size_t from) const noexcept {
-    while (isNameCharacter(at(from)) || (at(from) == '$' && m_dialect.dollarQuotes)) ++from;
-    return from;
-}
-
-size_t DialectScanner::quotedEnd(size_t open, char close, bool escapes) const noexcept {
-    for (size_t i = open + 1; i < m_sql.size(); ++i) {
-        if (escapes && m_sql[i] == '\\') {
-            ++i;
-        } else if (m_sql[i] == close) {
-            if (at(i + 1) != close) return i + 1;
-            ++i;
-        }
-    }
-    return m_sql.size();
-}
-
-/// Behind the $tag$…$tag$ that starts here; here when none does.
-size_t DialectScanner::dollarQuoteEnd() const noexcept {
-    size_t tagEnd = m_pos + 1;
-    while (isNameCharacter(at(tagEnd))) ++tagEnd;
-    if (at(tagEnd) != '$' || isDigit(at(m_pos + 1))) return m_pos;
-    const std::string_view tag = m_sql.substr(m_pos, tagEnd + 1 - m_pos);
-    const size_t close = m_sql.find(tag, tagEnd + 1);
-    return close == std::string_view::npos ? m_sql.size() : close + tag.size();
-}
-
-DialectScanner::Token DialectScanner::next() noexcept {
-    skipBlanks();
-    if (m_pos == m_sql.size()) return {};
-    const size_t start = m_pos;
-    const auto token = [&](Kind kind, size_t end) {
-        m_pos = std::min(end, m_sql.size());
-        return Token{kind, m_sql.substr(start, m_pos - start)};
-    };
-    const char c = m_sql[start];
-    switch (c) {
-        case '\'':
-            return token(Kind::String, quotedEnd(start, c, m_dialect.backslashEscapes));
-        case '"':
-            return token(
-                m_dialect.doubleQuotedStrings ? Kind::String : Kind::QuotedName,
-                quotedEnd(start, c, m_dialect.backslashEscapes && m_dialect.doubleQuotedStrings));
-        case '`':
-            if (m_dialect.backtickNames) return token(Kind::QuotedName, quotedEnd(start, c, false));
-            break;
-        case '[':
-            if (m_dialect.bracketNames)
-                return token(Kind::QuotedName, quotedEnd(start, ']', false));
-            break;
-        case '$':
-            if (m_dialect.dollarQuotes) {
-                const size_t end = dollarQuoteEnd();
-                if (end != start) return token(Kind::String, end);
-            }
-            break;
-        case '?':
-            return token(Kind::Marker, start + 1);
-        case '@': {
-            size_t end = start + 1;
-            while (isDigit(at(end))) ++end;
-            const bool marker = end > start + 1 && !isNameCharacter(at(end));
-            if (marker) return token(Kind::Marker, end);
-            while (at(end) == '@') ++end;
-            return token(Kind::Variable, wordEnd(end));
-        }
-        default:
-            break;
-    }
-    if (!isNameCharacter(c)) return token(Kind::Punctuation, start + 1);
-    const bool escapeString =
-        m_dialect.escapeStrings && (c == 'E' || c == 'e') && at(start + 1) == '\'';
-    if (escapeString) return token(Kind::String, quotedEnd(start + 1, '\'', true));
-    return token(Kind::Word, wordEnd(start));
-}
 
 /// Callers that number markers themselves do not know this kind of string, and have changed what
 /// stood in it: it must not reach the server.
@@ -168,12 +46,11 @@ template <class Spell>
 MarkedSql respelled(std::string_view sql, const Dialect& dialect, Spell&& spell) {
     MarkedSql result;
     result.text.reserve(sql.size());
-    DialectScanner scanner(sql, dialect);
+    SqlScanner scanner(sql, dialect.syntax);
     size_t copied = 0;
-    for (auto token = scanner.next(); token.kind != DialectScanner::Kind::End;
-         token = scanner.next()) {
+    for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
         if (token.text.front() == '$') refuseMarkers(token.text);
-        if (token.kind != DialectScanner::Kind::Marker) continue;
+        if (token.kind != SqlScanner::Kind::Marker) continue;
         constexpr int kMost = std::numeric_limits<SQLUSMALLINT>::max();
         int number = result.parameters + 1;
         if (token.text.size() > 1) {
@@ -208,7 +85,7 @@ std::string numberedSql(std::string_view sql, const Dialect& dialect) {
 bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
                   const Dialect& dialect) noexcept {
     const bool several = sql.find(';') != std::string_view::npos;
-    DialectScanner scanner(sql, dialect);
+    SqlScanner scanner(sql, dialect.syntax);
     for (std::string_view first = scanner.next().text; !first.empty();
          first = scanner.next().text) {
         if (first == ";") continue;
@@ -226,7 +103,7 @@ bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
 
 /// The kind of a COMMIT or ROLLBACK, which may go back to a savepoint or begin anew.
 StatementKind kindOfEnd(StatementKind kind, std::string_view sql, const Dialect& dialect) noexcept {
-    DialectScanner scanner(sql, dialect);
+    SqlScanner scanner(sql, dialect.syntax);
     bool stays = false;
     for (auto token = scanner.next(); !token.text.empty(); token = scanner.next()) {
         if (sameWord(token.text, "TO")) return StatementKind::Savepoint;
@@ -262,7 +139,7 @@ StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noex
         {{"SAVEPOINT", ""}, Savepoint},
         {{"RELEASE", ""}, Savepoint},
     };
-    DialectScanner scanner(sql, dialect);
+    SqlScanner scanner(sql, dialect.syntax);
     const WordPair words = nextPair(scanner, scanner.next().text);
     for (const Entry& entry : kEntries) {
         if (matches(words, entry.words))

@@ -5,43 +5,6 @@
 
 namespace embedded {
 
-/// Splits SQL text into tokens exactly where SQLite does, as far as that decides what is code and
-/// what is a string, a quoted name or a comment. Blanks and comments are skipped.
-class SqlScanner {
-  public:
-    enum class Kind {
-        End,
-        Word,         ///< keyword, name or number
-        String,       ///< '…', quotes doubled inside, a backslash means nothing; or x'…'
-        QuotedName,   ///< "…", `…` or […]
-        Marker,       ///< ? or @ followed by digits only
-        Variable,     ///< any other name led by @, :, $ or #
-        Punctuation,  ///< one byte of anything else
-    };
-
-    struct Token {
-        Kind kind = Kind::End;
-        std::string_view text;
-    };
-
-    explicit SqlScanner(std::string_view sql) noexcept : m_sql(sql) {}
-
-    Token next() noexcept;
-
-    /// Offset just behind the last token.
-    size_t position() const noexcept { return m_pos; }
-
-  private:
-    void skipBlanks() noexcept;
-    size_t wordEnd(size_t from) const noexcept;
-    size_t variableEnd(size_t from) const noexcept;
-    size_t blobEnd() const noexcept;
-    size_t quotedEnd(char close) const noexcept;
-
-    std::string_view m_sql;
-    size_t m_pos = 0;
-};
-
 /// `sql` with every marker "@1", "@2", … written "?1", "?2", …: the spelling in which SQLite takes
 /// the number from the text, and counts a following "?" on from the largest number so far; or "?"
 /// where that gives the same. The text keeps its length, so offsets into either are the same.

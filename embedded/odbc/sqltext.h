@@ -5,48 +5,9 @@
 #include <vector>
 
 #include "odbc/dialect.h"
+#include "sql/scanner.h"
 
 namespace embedded {
-
-/// Splits SQL text into tokens where a server of a dialect does, as far as that decides what is
-/// code and what is a string, a quoted name or a comment. Blanks and comments are skipped.
-class DialectScanner {
-  public:
-    enum class Kind {
-        End,
-        Word,    ///< keyword, name or number
-        String,  ///< also dollar-quoted
-        QuotedName,
-        Marker,       ///< ? or @ followed by digits only
-        Variable,     ///< any other name led by @
-        Punctuation,  ///< one byte of anything else
-    };
-
-    struct Token {
-        Kind kind = Kind::End;
-        std::string_view text;
-    };
-
-    DialectScanner(std::string_view sql, const Dialect& dialect) noexcept
-        : m_sql(sql), m_dialect(dialect) {}
-
-    Token next() noexcept;
-
-    /// Offset just behind the last token.
-    size_t position() const noexcept { return m_pos; }
-
-  private:
-    char at(size_t offset) const noexcept { return offset < m_sql.size() ? m_sql[offset] : '\0'; }
-    void skipBlanks() noexcept;
-    size_t commentEnd() const noexcept;
-    size_t wordEnd(size_t from) const noexcept;
-    size_t quotedEnd(size_t open, char close, bool escapes) const noexcept;
-    size_t dollarQuoteEnd() const noexcept;
-
-    std::string_view m_sql;
-    const Dialect& m_dialect;
-    size_t m_pos = 0;
-};
 
 /// A statement with every marker written "?", as drivers want it.
 struct MarkedSql {
