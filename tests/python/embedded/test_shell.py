@@ -326,7 +326,7 @@ def test_the_shell(terminal, tmp_path):
     time.sleep(0.3)
     assert "(stopped)" in terminal.interrupt()
     for line, words in {"clear\n": "Ctrl-L", "\\q\n": ".quit leaves"}.items():
-        assert words in terminal.type(line, words)
+        assert words in terminal.type(line, words + ".*vorda> ")
     assert "42" in terminal.type("SELECT 42 AS alive; -- Server=x;Pwd=hunter2\n")
     shown = terminal.type("SELECT '%s' AS t, n FROM item WHERE n = 1000;\n" % ("本" * 50),
                           r"\(1 row.*vorda> ")
