@@ -50,8 +50,9 @@ def test_a_prepared_query_with_unbound_and_bound_columns(application):
     statement = application.allocate(STMT, application.dbc)
     assert odbc.SQLPrepare(statement, b"SELECT a, b FROM t WHERE a >= ? ORDER BY a", NTS) == 0
     value, length = ctypes.c_longlong(2), ctypes.c_ssize_t(8)
-    assert odbc.SQLBindParameter(statement, 1, 1, SBIGINT, BIGINT, ctypes.c_size_t(0), 0, ctypes.byref(value),
-                                 ctypes.c_ssize_t(8), ctypes.byref(length)) == 0
+    assert odbc.SQLBindParameter(statement, 1, 1, SBIGINT, BIGINT, ctypes.c_size_t(0), 0,
+                                 ctypes.byref(value), ctypes.c_ssize_t(8),
+                                 ctypes.byref(length)) == 0
     assert odbc.SQLExecute(statement) == 0
     count, number, indicator = ctypes.c_short(), ctypes.c_longlong(), ctypes.c_ssize_t()
     assert odbc.SQLNumResultCols(statement, ctypes.byref(count)) == 0 and count.value == 2
@@ -60,7 +61,8 @@ def test_a_prepared_query_with_unbound_and_bound_columns(application):
     seen = []
     while odbc.SQLFetch(statement) != NO_DATA:
         text, size = ctypes.create_string_buffer(64), ctypes.c_ssize_t()
-        assert odbc.SQLGetData(statement, 2, CHAR, text, ctypes.c_ssize_t(64), ctypes.byref(size)) == 0
+        assert odbc.SQLGetData(statement, 2, CHAR, text, ctypes.c_ssize_t(64),
+                               ctypes.byref(size)) == 0
         seen.append((number.value, text.value.decode() if size.value >= 0 else None))
     assert seen == [(2, "zwei €"), (3, None)]
     assert odbc.SQLFreeHandle(STMT, statement) == 0

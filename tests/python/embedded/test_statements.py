@@ -129,7 +129,8 @@ def test_memory_stays_flat_over_statements_connects_and_errors(path):
     ("Mode=rw", "Database is missing"),
     ("Database=x;Mode=rx", "'rx'"), ("Database=x;Timeout=-1", "'-1'"),
     ("Database=x;Timeout=5s", "'5s'"),
-    ("Database=x;word", "part 2 is no Key=Value"), ("=x;Database=x", "no key"), ("Database={x", "closing }"),
+    ("Database=x;word", "part 2 is no Key=Value"), ("=x;Database=x", "no key"),
+    ("Database={x", "closing }"),
     ("Database={x}y", "follows"), ("Database=/nowhere/at/all.db", "/nowhere/at/all.db"),
 ])
 def test_bad_connection_strings_say_what_is_wrong(string, reason):

@@ -1,7 +1,7 @@
 """Each provider call on the road from connect to close fails in turn, in every way that it can.
 
-What has to come of it is derived from what the call is for, in `expected`. Afterwards the connection
-works, and closing it leaves no handle.
+What has to come of it is derived from what the call is for, in `expected`. Afterwards the
+connection works, and closing it leaves no handle.
 """
 
 import ctypes
