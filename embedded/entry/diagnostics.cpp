@@ -74,7 +74,8 @@ SQLRETURN writeField(const DiagnosticRecord& record, SQLSMALLINT field, SQLPOINT
         case SQL_DIAG_MESSAGE_TEXT: {
             if (capacity < 0) return SQL_ERROR;
             const bool isState = field == SQL_DIAG_SQLSTATE;
-            const std::string_view text = isState ? record.state.data() : record.message;
+            const std::string_view text =
+                isState ? std::string_view(record.state.data()) : std::string_view(record.message);
             const bool cut = outputText(text, value, capacity, length);
             return cut && value ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
         }

@@ -18,7 +18,7 @@ CLEAN = pathlib.Path(os.environ["VORDA_CLEAN"])
 VERSION = re.search(r"project\(\w+ VERSION ([\d.]+)",
                     (ROOT / "CMakeLists.txt").read_text()).group(1)
 LIBRARIES = ("libvordart.x64.so.6", "libvordart-compat.x64.so.6",
-             "zelqa" + sysconfig.get_config_var("EXT_SUFFIX"))
+             *(name + sysconfig.get_config_var("EXT_SUFFIX") for name in ("zelqa", "_statement")))
 
 
 def contents(path):
