@@ -56,7 +56,7 @@ class Interrupts:
             result = function(*arguments)
         except zelqa.Error as error:
             if self.is_pressed:
-                raise KeyboardInterrupt(str(error)) from error
+                raise KeyboardInterrupt from error
             raise
         finally:
             self.is_calling = False

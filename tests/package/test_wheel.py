@@ -78,11 +78,12 @@ def test_a_session_in_the_clean_environment():
     python = str(CLEAN / "bin" / "python")
     output = run(python, "-c", """if True:
         import vorda
-        from vorda import zelqa
+        from vorda import dbapi, zelqa
         connection = zelqa.connect("Database=new.db")
         connection.execute("CREATE TABLE t (x TEXT)")
         connection.execute("INSERT INTO t VALUES (?)", ("ü",))
         print(vorda.__version__, connection.execute("SELECT * FROM t").fetchall())
+        dbapi.connect("new.db").close()
         maps = [line.split(maxsplit=5) for line in open("/proc/self/maps") if "vorda" in line]
         print(*{fields[5] for fields in maps})""")
     assert output.startswith("%s [('ü')]\n" % VERSION)
