@@ -280,7 +280,7 @@ PyGetSetDef Properties[] = {
 };
 
 PyMemberDef Members[] = {
-    {"arraysize", T_PYSSIZET, offsetof(CursorObject, arraySize), 0,
+    {"arraysize", T_PYSSIZET, offsetof(CursorFields, arraySize), 0,
      "How many rows fetchmany() gives when it is not told."},
     {nullptr, 0, 0, 0, nullptr},
 };
@@ -295,7 +295,7 @@ PyTypeObject CursorType = {
     .tp_doc = "What runs statements and gives their rows.",
     .tp_traverse = Traverse,
     .tp_clear = Clear,
-    .tp_weaklistoffset = offsetof(CursorObject, weakReferences),
+    .tp_weaklistoffset = offsetof(CursorFields, weakReferences),
     .tp_iter = PyObject_SelfIter,
     .tp_iternext = IterNext,
     .tp_methods = Methods,

@@ -13,7 +13,8 @@ struct ConnectionObject {
     std::shared_ptr<Link> link;
 };
 
-struct CursorObject {
+// What CPython finds by its offset.
+struct CursorFields {
     PyObject ob_base;
     PyObject* weakReferences;
     ConnectionObject* connection;  // null once closed
@@ -22,6 +23,9 @@ struct CursorObject {
     Py_ssize_t arraySize;
     SQLLEN rowCount;
     bool isBusy;  // in a call; may be one of another thread
+};
+
+struct CursorObject : CursorFields {
     std::shared_ptr<Link> link;
     std::unique_ptr<Statement> statement;
     std::vector<Value> values;

@@ -170,7 +170,7 @@ class EndedCallTest : public DatabaseTest {
     /// Executes a prepared statement while another thread cancels it, once.
     SQLRETURN executeCancelled(Statement& statement) {
         std::thread canceller([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
             RT_SQLCancel(kDriver, statement.handle);
         });
         const SQLRETURN result = statement.execute();
