@@ -14,6 +14,7 @@ import re
 import signal
 import sys
 import time
+import warnings
 
 from ledger import PARTS, Ledger, rows_of
 from vorda import zelqa
@@ -240,7 +241,9 @@ class Worker:
     def fail(self):
         for sql, parameters, pattern in self.rng.choices(ERRORS, k=10):
             cursor = self.connection.cursor()
-            self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
+            with warnings.catch_warnings():  # of numbers of values that do not fit
+                warnings.simplefilter("ignore", RuntimeWarning)
+                self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
         for string, pattern in self.rng.choices(FAILED_CONNECTS, k=5):
             self.refuse(pattern, zelqa.connect, string.replace("%s", self.folder))
 
