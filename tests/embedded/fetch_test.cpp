@@ -24,7 +24,8 @@ class FetchTest : public DatabaseTest {
     static std::string shown(const embedded::VordaCell& cell, SQLLEN length) {
         using enum embedded::CellKind;
         const std::string kind = std::to_string(static_cast<int>(cell.kind));
-        const size_t here = std::min<size_t>(sizeof cell.bytes, length > 0 ? length : 0);
+        const auto here =
+            std::min(sizeof cell.bytes, static_cast<size_t>(std::max<SQLLEN>(length, 0)));
         if (cell.kind == Null) return length == SQL_NULL_DATA ? kind : "no NULL";
         if (cell.kind == Integer) return kind + " " + std::to_string(cell.integer);
         if (cell.kind == Real) return kind + " " + shown(cell.real);
