@@ -1,11 +1,9 @@
 #include "sqlite/columnmemory.h"
 
 #include <new>
-#include <optional>
 #include <utility>
 
 #include "sqlite/origin.h"
-#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {
@@ -26,9 +24,8 @@ bool isNeverNull(sqlite3* db, const Origin& origin) {
            sameWord(rowNumberColumn(db, origin.schema, origin.table), origin.column);
 }
 
-std::vector<Column> columnsOf(sqlite3_stmt* statement) {
+std::vector<Column> columnsOf(sqlite3_stmt* statement, bool mayJoinOuter) {
     std::vector<Column> columns(static_cast<size_t>(sqlite3_column_count(statement)));
-    std::optional<bool> outer;
     for (size_t i = 0; i < columns.size(); ++i) {
         Column& column = columns[i];
         const int index = static_cast<int>(i);
@@ -44,8 +41,7 @@ std::vector<Column> columnsOf(sqlite3_stmt* statement) {
         if (column.origin.column.empty()) continue;
         column.nullable = SQL_NULLABLE;
         if (isNeverNull(sqlite3_db_handle(statement), column.origin)) {
-            if (!outer) outer = mayJoinOuter(sqlite3_sql(statement));
-            column.nullable = *outer ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
+            column.nullable = mayJoinOuter ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
         }
     }
     return columns;
@@ -64,10 +60,10 @@ ColumnType typeOfStorage(int storageClass) noexcept {
 }
 
 std::shared_ptr<const std::vector<Column>> ColumnMemory::describe(sqlite3_stmt* statement,
-                                                                  bool onRow) {
+                                                                  bool onRow, bool mayJoinOuter) {
     const int compilations = sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_REPREPARE, 0);
     if (compilations != m_compilations) {
-        m_columns = std::make_shared<const std::vector<Column>>(columnsOf(statement));
+        m_columns = std::make_shared<const std::vector<Column>>(columnsOf(statement, mayJoinOuter));
         m_compilations = compilations;
     }
     std::shared_ptr<std::vector<Column>> changed;

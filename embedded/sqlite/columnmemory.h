@@ -18,7 +18,8 @@ class ColumnMemory {
   public:
     /// The columns of `statement`. The types of expressions come from its current row, if it stands
     /// on one (`onRow`). Executions that differ in nothing share one description.
-    std::shared_ptr<const std::vector<Column>> describe(sqlite3_stmt* statement, bool onRow);
+    std::shared_ptr<const std::vector<Column>> describe(sqlite3_stmt* statement, bool onRow,
+                                                        bool mayJoinOuter);
 
   private:
     std::shared_ptr<const std::vector<Column>> m_columns;

@@ -92,12 +92,21 @@ class Runner {
         std::unique_ptr<StoredRows> rows;
         result.changed += drain(m_session, compiled.sql(), rows);
         if (rows) result.rows = std::move(rows);
-        if (compiled.sql().verb == Verb::Other) m_session.cache().clear();
+        if (compiled.sql().effect == Effect::Schema) m_session.cache().clear();
     }
 
     Session& m_session;
     size_t m_depth = 0;
 };
+
+/// What cannot be compiled says in its turn what is wrong with it.
+bool onlyReads(StatementCache& cache, const std::string& statement) {
+    try {
+        return cache.compile(statement).sql().readOnly;
+    } catch (const Error&) {
+        return false;
+    }
+}
 
 /// Whether a statement of `procedure`, or of one that it calls, may write. `readers` are those that
 /// are known not to.
@@ -113,9 +122,7 @@ bool mayWrite(Session& session, const ProcedureDefinition& procedure,
             }
             continue;
         }
-        const Verb verb = verbOf(statement);
-        if (verb == Verb::Query) continue;
-        if (verb != Verb::With || !session.cache().compile(statement).sql().readOnly) return true;
+        if (!onlyReads(session.cache(), statement)) return true;
     }
     readers.insert(upper(procedure.name));
     return false;

@@ -10,7 +10,6 @@
 #include "sqlite/procedurecall.h"
 #include "sqlite/rows.h"
 #include "sqlite/savepoint.h"
-#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {
@@ -27,12 +26,12 @@ bool isOneOf(std::string_view word, std::initializer_list<std::string_view> word
 
 /// The procedure's own transaction, and settings of the database, are no business of its body.
 void refuseUnfit(std::string_view statement) {
-    const Verb verb = verbOf(statement);
-    if (verb != Verb::Transaction && verb != Verb::Rollback && verb != Verb::Pragma &&
-        verb != Verb::Service) {
+    const std::string_view word = firstWord(statement);
+    if (!isOneOf(word, {"BEGIN", "COMMIT", "END", "ROLLBACK", "SAVEPOINT", "RELEASE", "PRAGMA",
+                        "ATTACH", "DETACH", "VACUUM", "EXPLAIN"})) {
         return;
     }
-    throw Error("42000", upper(firstWord(statement)) + " is not possible in a procedure.");
+    throw Error("42000", upper(word) + " is not possible in a procedure.");
 }
 
 class Checker {

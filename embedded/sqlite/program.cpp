@@ -31,9 +31,8 @@ class Rewind {
     sqlite3_stmt* m_statement;
 };
 
-bool mayChangeSchema(Verb verb) noexcept {
-    return verb == Verb::Other || verb == Verb::Rollback || verb == Verb::Pragma ||
-           verb == Verb::Service;
+bool mayChangeSchema(Effect effect) noexcept {
+    return effect >= Effect::Schema && effect != Effect::Transaction;
 }
 
 }  // namespace
@@ -61,7 +60,7 @@ int SqliteProgram::columnCount() {
 const std::vector<Column>& SqliteProgram::columns() {
     static const std::vector<Column> kNone;
     if (m_procedure) return kNone;
-    if (!m_described) m_described = m_compiled.sql().columns.describe(m_compiled.get(), false);
+    if (!m_described) m_described = m_compiled.sql().describe(false);
     return *m_described;
 }
 
@@ -70,15 +69,15 @@ void SqliteProgram::rewind() noexcept {
 }
 
 Outcome SqliteProgram::execute(ParameterSets& sets, const ExecutionOptions& options) {
-    const Verb verb = m_compiled.sql().verb;
+    const CompiledSql& sql = m_compiled.sql();
     m_described.reset();
     m_session.requireTime();
     m_session.finishUndo();
     const bool writes = m_procedure && m_procedure->refresh(m_session);
-    if (m_procedure || !m_compiled.sql().readOnly) m_session.beginFor(verb, writes);
+    if (m_procedure || !sql.readOnly) m_session.beginFor(sql.effect, writes);
     // What changes data is run to its end at once: nobody may come to read its rows. So are
     // pragmas, which change things, too, and have few rows.
-    const bool live = !m_procedure && m_compiled.sql().readOnly && verb != Verb::Pragma &&
+    const bool live = !m_procedure && sql.readOnly && sql.effect != Effect::Pragma &&
                       sqlite3_column_count(m_compiled.get()) > 0;
     Outcome outcome;
     m_timeout = options.timeout;
@@ -88,7 +87,7 @@ Outcome SqliteProgram::execute(ParameterSets& sets, const ExecutionOptions& opti
     } else {
         outcome = runToEnd(sets);
     }
-    if (mayChangeSchema(verb)) m_session.cache().clear();
+    if (mayChangeSchema(sql.effect)) m_session.cache().clear();
     return outcome;
 }
 
@@ -114,7 +113,7 @@ Outcome SqliteProgram::runToEnd(ParameterSets& sets) {
     const SQLLEN changed = runSets(sets, rows);
     const bool isCall = m_procedure && m_procedure->isCall();
     Outcome outcome;
-    if (isCall ? !rows : m_compiled.sql().countsRows()) outcome.changed = changed;
+    if (isCall ? !rows : m_compiled.sql().effect == Effect::Change) outcome.changed = changed;
     outcome.nothingDone = !rows && !isCall && outcome.changed == 0;
     if (m_compiled.sql().inserts && changed > 0) {
         outcome.lastRow = sqlite3_last_insert_rowid(m_session.db());
@@ -145,7 +144,7 @@ SQLLEN SqliteProgram::runSet(const ParameterSets& sets, SQLULEN set,
                              std::optional<Savepoint>& savepoint) {
     DecimalWatch& decimals = m_session.decimals();
     bindSet(m_compiled.get(), sets, set, BufferLife::Execution, &decimals);
-    const bool watches = decimals.isNeeded() && (m_procedure || m_compiled.sql().countsRows());
+    const bool watches = decimals.isNeeded() && (m_procedure || m_compiled.sql().effect == Effect::Change);
     if (!watches) return runBound(sets, rows);
     if (!savepoint) savepoint.emplace(m_session, m_procedure != nullptr);
     const DecimalWatch::Watching watching(decimals);
@@ -158,7 +157,7 @@ SQLLEN SqliteProgram::runBound(const ParameterSets& sets, std::unique_ptr<Stored
     if (m_procedure) return runProcedure(sets, rows);
     // VACUUM copies tables that nobody else may write.
     std::optional<SchemaGuard::Lifted> lifted;
-    if (m_compiled.sql().verb == Verb::Service) lifted.emplace(m_session.guard());
+    if (m_compiled.sql().effect == Effect::Service) lifted.emplace(m_session.guard());
     return drain(m_session, m_compiled.sql(), rows);
 }
 

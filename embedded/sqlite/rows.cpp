@@ -57,7 +57,7 @@ class LiveRows final : public ResultSet {
     ~LiveRows() override { sqlite3_reset(m_statement); }
 
     const std::vector<Column>& columns() override {
-        if (!m_columns) m_columns = m_sql.columns.describe(m_statement, m_unread);
+        if (!m_columns) m_columns = m_sql.describe(m_unread);
         return *m_columns;
     }
 
@@ -135,11 +135,11 @@ SQLLEN drain(Session& session, CompiledSql& sql, std::unique_ptr<StoredRows>& ro
     int result = sqlite3_step(statement);
     if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
         sqlite3_column_count(statement) > 0) {
-        rows = std::make_unique<StoredRows>(*sql.columns.describe(statement, result == SQLITE_ROW));
+        rows = std::make_unique<StoredRows>(*sql.describe(result == SQLITE_ROW));
     }
     for (; result == SQLITE_ROW; result = sqlite3_step(statement)) append(*rows, statement);
     if (result != SQLITE_DONE) throw session.failure();
-    return sql.countsRows() ? sqlite3_changes(session.db()) : 0;
+    return sql.effect == Effect::Change ? sqlite3_changes(session.db()) : 0;
 }
 
 }  // namespace embedded

@@ -3,9 +3,6 @@
 #include <algorithm>
 #include <iterator>
 
-#include "core/error.h"
-#include "sql/scanner.h"
-#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {
@@ -31,6 +28,30 @@ bool isSystem(const char* name) noexcept {
     return name && isSystemName(name);
 }
 
+Effect effectOf(int action, const char* first) noexcept {
+    switch (action) {
+        case SQLITE_SELECT:
+        case SQLITE_READ:
+        case SQLITE_FUNCTION:
+        case SQLITE_RECURSIVE:
+            return Effect::None;
+        case SQLITE_INSERT:
+        case SQLITE_UPDATE:
+        case SQLITE_DELETE:
+            return Effect::Change;
+        case SQLITE_TRANSACTION:
+        case SQLITE_SAVEPOINT:
+            return sameWord(first, "ROLLBACK") ? Effect::Rollback : Effect::Transaction;
+        case SQLITE_ATTACH:
+        case SQLITE_DETACH:
+            return Effect::Service;
+        case SQLITE_PRAGMA:
+            return Effect::Pragma;
+        default:
+            return Effect::Schema;
+    }
+}
+
 }  // namespace
 
 bool isSystemName(std::string_view name) noexcept {
@@ -44,8 +65,10 @@ void SchemaGuard::install(sqlite3* db) noexcept {
 
 int SchemaGuard::authorize(void* guard, int action, const char* first, const char* second,
                            const char*, const char* trigger) noexcept {
+    auto& self = *static_cast<SchemaGuard*>(guard);
+    self.m_effect = std::max(self.m_effect, effectOf(action, first));
     // A trigger is an application's, whoever fires it.
-    if (static_cast<const SchemaGuard*>(guard)->m_lifted && !trigger) return SQLITE_OK;
+    if (self.m_lifted && !trigger) return SQLITE_OK;
     bool refused = false;
     if (action == SQLITE_UPDATE) {
         refused = isSystem(first);  // the second name is a column's
@@ -55,23 +78,6 @@ int SchemaGuard::authorize(void* guard, int action, const char* first, const cha
         refused = isSystem(first) || isSystem(second);
     }
     return refused ? SQLITE_DENY : SQLITE_OK;
-}
-
-void refuseSystemNames(std::string_view sql) {
-    SqlScanner scanner(sql);
-    auto first = scanner.next();
-    while (first.text == ";") first = scanner.next();
-    if (!sameWord(first.text, "ALTER")) return;
-    for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
-        std::string_view name = token.text;
-        const bool isQuoted =
-            token.kind == SqlScanner::Kind::QuotedName || token.kind == SqlScanner::Kind::String;
-        if (isQuoted && name.size() >= 2) name = name.substr(1, name.size() - 2);
-        if (isSystemName(name)) {
-            throw Error("42000", "The name " + std::string(name) + " is the runtime's own.",
-                        SQLITE_AUTH);
-        }
-    }
 }
 
 }  // namespace embedded

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <string_view>
+#include <utility>
 
 namespace embedded {
 
@@ -14,10 +15,21 @@ inline constexpr std::string_view kProcedureParametersTable = "sys_procedurepara
 /// Whether a table of this name belongs to the runtime.
 bool isSystemName(std::string_view name) noexcept;
 
+/// What a statement does: the weightiest of the actions that SQLite names while it compiles it.
+enum class Effect {
+    None,         ///< it reads
+    Change,       ///< INSERT, UPDATE, DELETE: SQLite counts rows
+    Schema,       ///< CREATE, ALTER, DROP, ANALYZE, REINDEX
+    Transaction,  ///< BEGIN, COMMIT, SAVEPOINT, RELEASE
+    Rollback,     ///< ROLLBACK, also to a savepoint
+    Service,      ///< ATTACH, DETACH, VACUUM, EXPLAIN
+    Pragma,
+};
+
 /// Keeps an application's SQL from changing, dropping or hiding the tables of the procedures in any
 /// database of a connection, also through triggers, and from writing SQLite's own schema table.
 /// Reading is free. SQLite asks it for every statement that it compiles, and for one that it
-/// compiles anew in the middle of an execution.
+/// compiles anew in the middle of an execution; its questions also tell what a statement does.
 class SchemaGuard {
   public:
     SchemaGuard() = default;
@@ -26,6 +38,9 @@ class SchemaGuard {
 
     /// Guards `db`, which must be closed before the guard goes.
     void install(sqlite3* db) noexcept;
+
+    /// The weightiest action since it was asked for the last time.
+    Effect takeEffect() noexcept { return std::exchange(m_effect, Effect::None); }
 
     /// While one exists, everything is allowed: for statements of the runtime itself, and for
     /// VACUUM, which copies all tables.
@@ -45,10 +60,7 @@ class SchemaGuard {
                          const char* database, const char* trigger) noexcept;
 
     int m_lifted = 0;
+    Effect m_effect = Effect::None;
 };
-
-/// Throws when `sql` is an ALTER statement that names a table of the runtime. SQLite does not tell
-/// the guard what a table is going to be called.
-void refuseSystemNames(std::string_view sql);
 
 }  // namespace embedded

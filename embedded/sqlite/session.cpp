@@ -56,7 +56,7 @@ auto Session::openFile(const SqliteOptions& options) -> std::unique_ptr<sqlite3,
 Session::Session(const SqliteOptions& options, CursorOwner& cursors)
     : m_cursors(cursors),
       m_db(openFile(options)),
-      m_cache(m_db.get()),
+      m_cache(m_db.get(), m_guard),
       m_decimals(m_db.get()),
       m_lockTimeout(options.timeoutMs) {
     m_guard.install(db());
@@ -77,11 +77,9 @@ void Session::setAutocommit(bool on) {
     m_autocommit = on;
 }
 
-void Session::beginFor(Verb verb, bool writes) {
-    // These end or open a transaction themselves, or do not work inside one.
-    const bool own = verb == Verb::Transaction || verb == Verb::Rollback || verb == Verb::Pragma ||
-                     verb == Verb::Service;
-    if (!m_autocommit && !own && sqlite3_get_autocommit(db())) {
+void Session::beginFor(Effect effect, bool writes) {
+    // The others end or open a transaction themselves, or do not work inside one.
+    if (!m_autocommit && effect <= Effect::Schema && sqlite3_get_autocommit(db())) {
         run(writes ? "BEGIN IMMEDIATE" : "BEGIN");
     }
 }

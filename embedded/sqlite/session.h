@@ -15,7 +15,6 @@
 #include "sqlite/decimals.h"
 #include "sqlite/options.h"
 #include "sqlite/schemaguard.h"
-#include "sqlite/sqltext.h"
 #include "sqlite/statementcache.h"
 
 namespace embedded {
@@ -43,10 +42,10 @@ class Session {
     /// Commits or rolls back the open transaction, if there is one, however it was begun.
     void endTransaction(bool commit);
 
-    /// With autocommit off, opens a transaction before a statement of kind `verb` unless one is
+    /// With autocommit off, opens a transaction before a statement with this effect unless one is
     /// open; one that may write at once if `writes` says so. Not before one that only reads, which
     /// would keep others from writing for as long as nobody commits.
-    void beginFor(Verb verb, bool writes);
+    void beginFor(Effect effect, bool writes);
 
     /// SQL that takes back what a failed statement has done; empty for nothing.
     using Undo = std::string;

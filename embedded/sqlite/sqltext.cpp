@@ -1,98 +1,94 @@
 #include "sqlite/sqltext.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 
+#include "core/error.h"
 #include "sql/scanner.h"
+#include "sqlite/schemaguard.h"
 #include "values/text.h"
 
 namespace embedded {
+namespace {
 
-// A marker whose number is the next one anyway is written without it: SQLite looks for every number
-// that it reads among all it has seen, which takes a statement with thousands of them long.
-std::string numberedMarkers(std::string_view sql) {
-    std::string result(sql);
-    if (sql.find('@') == std::string_view::npos) return result;
-    SqlScanner scanner(sql);
-    size_t largest = 0;
-    bool counted = true;  // a variable takes a number, too, if it is a new one
-    for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
-        if (token.kind == SqlScanner::Kind::Variable) counted = false;
-        if (token.kind != SqlScanner::Kind::Marker) continue;
-        const std::string_view digits = token.text.substr(1);
-        const auto start = static_cast<size_t>(token.text.data() - sql.data());
-        size_t number = largest + 1;
+using Kind = SqlScanner::Kind;
+using Token = SqlScanner::Token;
+
+bool isOneOf(std::string_view word, std::initializer_list<std::string_view> words) noexcept {
+    return std::any_of(words.begin(), words.end(),
+                       [word](std::string_view other) { return sameWord(word, other); });
+}
+
+Token firstToken(SqlScanner& scanner) noexcept {
+    Token token = scanner.next();
+    while (token.text == ";") token = scanner.next();
+    return token;
+}
+
+/// Numbers the markers of a text and spells them as SQLite does.
+class MarkerSpeller {
+  public:
+    explicit MarkerSpeller(std::string& sql) noexcept : m_sql(sql) {}
+
+    /// A variable takes a number, too, if it is a new one.
+    void passVariable() noexcept { m_counted = false; }
+
+    // A marker whose number is the next one anyway is written without it: SQLite looks for every
+    // number that it reads among all it has seen, which takes a statement with thousands of them
+    // long.
+    void spell(std::string_view marker, size_t start) {
+        const std::string_view digits = marker.substr(1);
+        size_t number = m_largest + 1;
         std::from_chars(digits.data(), digits.data() + digits.size(), number);
-        if (token.text.front() == '@') {
-            const bool next = counted && number == largest + 1;
-            result[start] = '?';
-            if (next) result.replace(start + 1, digits.size(), digits.size(), ' ');
+        if (marker.front() == '@') {
+            m_sql[start] = '?';
+            if (m_counted && number == m_largest + 1) {
+                std::fill_n(m_sql.begin() + static_cast<std::ptrdiff_t>(start) + 1, digits.size(),
+                            ' ');
+            }
         }
-        largest = std::max(largest, number);
+        m_largest = std::max(m_largest, number);
+    }
+
+  private:
+    std::string& m_sql;
+    size_t m_largest = 0;
+    bool m_counted = true;
+};
+
+void refuseSystemName(const Token& token) {
+    std::string_view name = token.text;
+    const bool isQuoted = token.kind == Kind::QuotedName || token.kind == Kind::String;
+    if (isQuoted && name.size() >= 2) name = name.substr(1, name.size() - 2);
+    if (!isSystemName(name)) return;
+    throw Error("42000", "The name " + std::string(name) + " is the runtime's own.", SQLITE_AUTH);
+}
+
+}  // namespace
+
+SqliteText readSql(std::string_view sql) {
+    SqliteText result{.sql = std::string(sql)};
+    SqlScanner scanner(sql);
+    Token token = firstToken(scanner);
+    result.inserts = isOneOf(token.text, {"INSERT", "REPLACE"});
+    const bool alters = sameWord(token.text, "ALTER");
+    MarkerSpeller markers(result.sql);
+    for (; token.kind != Kind::End; token = scanner.next()) {
+        if (token.kind == Kind::Marker) {
+            markers.spell(token.text, scanner.position() - token.text.size());
+        } else if (token.kind == Kind::Variable) {
+            markers.passVariable();
+        } else if (token.kind == Kind::Word && !result.mayJoinOuter) {
+            result.mayJoinOuter = isOneOf(token.text, {"LEFT", "RIGHT", "FULL"});
+        }
+        if (alters) refuseSystemName(token);
     }
     return result;
 }
 
 bool isBlankSql(std::string_view sql) noexcept {
     SqlScanner scanner(sql);
-    auto token = scanner.next();
-    while (token.text == ";") token = scanner.next();
-    return token.kind == SqlScanner::Kind::End;
-}
-
-bool mayJoinOuter(std::string_view sql) noexcept {
-    constexpr std::array<std::string_view, 3> kWords{"LEFT", "RIGHT", "FULL"};
-    SqlScanner scanner(sql);
-    for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
-        if (token.kind == SqlScanner::Kind::Word &&
-            std::any_of(kWords.begin(), kWords.end(),
-                        [&](std::string_view word) { return sameWord(word, token.text); })) {
-            return true;
-        }
-    }
-    return false;
-}
-
-bool isInsert(std::string_view sql) noexcept {
-    SqlScanner scanner(sql);
-    auto token = scanner.next();
-    while (token.text == ";") token = scanner.next();
-    return sameWord(token.text, "INSERT") || sameWord(token.text, "REPLACE");
-}
-
-Verb verbOf(std::string_view sql) noexcept {
-    struct Entry {
-        std::string_view word;
-        Verb verb;
-    };
-    static constexpr Entry kVerbs[] = {
-        {"SELECT", Verb::Query},
-        {"VALUES", Verb::Query},
-        {"WITH", Verb::With},
-        {"INSERT", Verb::Change},
-        {"REPLACE", Verb::Change},
-        {"UPDATE", Verb::Change},
-        {"DELETE", Verb::Change},
-        {"BEGIN", Verb::Transaction},
-        {"COMMIT", Verb::Transaction},
-        {"END", Verb::Transaction},
-        {"SAVEPOINT", Verb::Transaction},
-        {"RELEASE", Verb::Transaction},
-        {"ROLLBACK", Verb::Rollback},
-        {"PRAGMA", Verb::Pragma},
-        {"EXPLAIN", Verb::Service},
-        {"ATTACH", Verb::Service},
-        {"DETACH", Verb::Service},
-        {"VACUUM", Verb::Service},
-    };
-    SqlScanner scanner(sql);
-    auto token = scanner.next();
-    while (token.text == ";") token = scanner.next();
-    for (const Entry& entry : kVerbs) {
-        if (sameWord(entry.word, token.text)) return entry.verb;
-    }
-    return Verb::Other;
+    return firstToken(scanner).kind == Kind::End;
 }
 
 }  // namespace embedded

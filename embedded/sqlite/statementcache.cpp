@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "core/error.h"
-#include "sqlite/schemaguard.h"
 #include "sqlite/sqliteerror.h"
+#include "sqlite/sqltext.h"
 
 namespace embedded {
 namespace {
@@ -15,8 +15,16 @@ constexpr size_t kMaxCachedText = size_t{16} * 1024;
 
 // Texts of other kinds seldom come twice, and most of them make compiled forms out of date.
 bool isWorthKeeping(const CompiledSql& sql) noexcept {
-    return (sql.verb == Verb::Query || sql.verb == Verb::With || sql.verb == Verb::Change) &&
-           sql.text.size() <= kMaxCachedText;
+    return sql.effect <= Effect::Change && sql.text.size() <= kMaxCachedText;
+}
+
+/// The first use of a virtual table compiles its module's own statements, which count for nothing
+/// in one that only reads; and of VACUUM SQLite names no action at all.
+Effect effectOf(sqlite3_stmt* statement, Effect named) noexcept {
+    if (sqlite3_stmt_isexplain(statement)) return Effect::Service;
+    if (named > Effect::Schema) return named;
+    if (sqlite3_stmt_readonly(statement)) return Effect::None;
+    return named == Effect::None ? Effect::Service : named;
 }
 
 /// What SQLite reports as plain errors while it compiles are mistakes in the text.
@@ -42,27 +50,28 @@ CompiledStatement StatementCache::compileNew(std::string_view sql) {
     if (text.size() >= static_cast<size_t>(std::numeric_limits<int>::max())) {
         throw Error("42000", "The statement is too long.", SQLITE_TOOBIG);
     }
-    refuseSystemNames(text);
-    const std::string numbered = numberedMarkers(text);
+    const SqliteText read = readSql(text);
     auto compiled = std::make_unique<CompiledSql>();
+    m_guard.takeEffect();
     sqlite3_stmt* raw = nullptr;
     const char* tail = nullptr;
     const int result =
-        sqlite3_prepare_v3(m_db, numbered.c_str(), static_cast<int>(numbered.size()) + 1,
+        sqlite3_prepare_v3(m_db, read.sql.c_str(), static_cast<int>(read.sql.size()) + 1,
                            SQLITE_PREPARE_PERSISTENT, &raw, &tail);
     compiled->statement.reset(raw);
     if (result != SQLITE_OK) throw compileError(m_db);
 
     if (!raw) throw Error("42000", "The statement is empty.");
-    if (!isBlankSql(std::string_view(tail, numbered.data() + numbered.size()))) {
+    if (!isBlankSql(std::string_view(tail, read.sql.data() + read.sql.size()))) {
         throw Error("42000",
                     "The text holds more than one statement; only one is allowed at a time.");
     }
     compiled->text = sql;
-    compiled->verb = verbOf(text);
-    compiled->inserts = isInsert(text);
-    compiled->generation = m_generation;
+    compiled->effect = effectOf(raw, m_guard.takeEffect());
     compiled->readOnly = sqlite3_stmt_readonly(raw) != 0;
+    compiled->inserts = read.inserts;
+    compiled->mayJoinOuter = read.mayJoinOuter;
+    compiled->generation = m_generation;
     return {*this, std::move(compiled)};
 }
 

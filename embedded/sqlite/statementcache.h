@@ -8,7 +8,7 @@
 
 #include "core/recent.h"
 #include "sqlite/columnmemory.h"
-#include "sqlite/sqltext.h"
+#include "sqlite/schemaguard.h"
 
 namespace embedded {
 
@@ -20,9 +20,10 @@ struct FinalizeStatement {
 struct CompiledSql {
     std::string text;
     std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement;
-    Verb verb = Verb::Other;
-    bool inserts = false;  ///< INSERT or REPLACE
+    Effect effect = Effect::None;
     bool readOnly = false;
+    bool inserts = false;       ///< INSERT or REPLACE
+    bool mayJoinOuter = false;  ///< its columns may be NULL whatever their tables say
     ColumnMemory columns;
     unsigned generation = 0;  ///< of the cache when it was compiled
 
@@ -30,9 +31,9 @@ struct CompiledSql {
         return sql->text;
     }
 
-    /// Whether it changes rows and SQLite counts them.
-    bool countsRows() const noexcept {
-        return verb == Verb::Change || (verb == Verb::With && !readOnly);
+    /// Its columns. The types of expressions come from its current row, if it stands on one.
+    std::shared_ptr<const std::vector<Column>> describe(bool onRow) {
+        return columns.describe(statement.get(), onRow, mayJoinOuter);
     }
 };
 
@@ -67,7 +68,9 @@ class CompiledStatement {
 /// The idle compiled statements of one connection, by their text; the least recently used go first.
 class StatementCache {
   public:
-    explicit StatementCache(sqlite3* db) noexcept : m_db(db), m_idle(kMostIdle) {}
+    /// `guard` is that of `db`.
+    StatementCache(sqlite3* db, SchemaGuard& guard) noexcept
+        : m_db(db), m_guard(guard), m_idle(kMostIdle) {}
 
     /// The compiled form of `sql`, cached or new. Throws an `Error` of class 42 for a text that
     /// SQLite does not accept, that holds no statement, or more than one.
@@ -90,7 +93,8 @@ class StatementCache {
 
     void giveBack(std::unique_ptr<CompiledSql> sql) noexcept;
 
-    sqlite3* m_db;
+    sqlite3* const m_db;
+    SchemaGuard& m_guard;
     unsigned m_generation = 0;  ///< counts the calls of `clear`
     /// The one given back last: programs run one statement many times, and then nothing is moved.
     std::unique_ptr<CompiledSql> m_last;

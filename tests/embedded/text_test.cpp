@@ -8,28 +8,22 @@ namespace {
 
 using namespace embedded;
 
-TEST(Scanner, IsLinear) {
+TEST(SqliteText, IsReadInOneGo) {
     std::string sql = "SELECT 1";
     for (int i = 0; i < 200000; ++i) sql += "/**/--x\n@1 '";
-    EXPECT_EQ(sql.size(), numberedMarkers(sql).size());
+    EXPECT_EQ(sql.size(), readSql(sql).sql.size());
     EXPECT_FALSE(isBlankSql(sql));
+    EXPECT_TRUE(readSql(" /* x */ ; Replace INTO t").inserts);
+    EXPECT_TRUE(readSql("select 1 from a lEFT join b").mayJoinOuter);
+    EXPECT_FALSE(readSql("select 'left' as \"right\" from leftover -- full").mayJoinOuter);
 }
 
-TEST(Scanner, WritesNumbersWhereTheyMatter) {
-    EXPECT_EQ("? ,? ,?1,?4,? ", numberedMarkers("@1,@2,@1,@4,@5"));
-    EXPECT_EQ("?,? ,?,?2", numberedMarkers("?,@2,?,@2"));
-    EXPECT_EQ("?2,?1", numberedMarkers("@2,@1"));
-    EXPECT_EQ("$x,?1,?2", numberedMarkers("$x,@1,@2"));
-    EXPECT_EQ("?7,?  ", numberedMarkers("?7,@8 "));
-}
-
-TEST(Scanner, TellsVerbs) {
-    EXPECT_EQ(Verb::Query, verbOf(" /* x */ ; select 1"));
-    EXPECT_EQ(Verb::Change, verbOf("REPLACE INTO t"));
-    EXPECT_EQ(Verb::Other, verbOf("CREATE TABLE t (a)"));
-    EXPECT_EQ(Verb::Other, verbOf(""));
-    EXPECT_TRUE(mayJoinOuter("select 1 from a lEFT join b"));
-    EXPECT_FALSE(mayJoinOuter("select 'left' as \"right\" from leftover -- full"));
+TEST(SqliteText, HasNumbersWhereTheyMatter) {
+    EXPECT_EQ("? ,? ,?1,?4,? ", readSql("@1,@2,@1,@4,@5").sql);
+    EXPECT_EQ("?,? ,?,?2", readSql("?,@2,?,@2").sql);
+    EXPECT_EQ("?2,?1", readSql("@2,@1").sql);
+    EXPECT_EQ("$x,?1,?2", readSql("$x,@1,@2").sql);
+    EXPECT_EQ("?7,?  ", readSql("?7,@8 ").sql);
 }
 
 }  // namespace
