@@ -28,13 +28,16 @@ void checkTokens(std::string_view sql) {
         if (tokenizer.Position() == before) tokenizer.SkipCharacter();
         const char* const after = tokenizer.Position();
         require(after > before && after <= exact.data() + exact.size(), "the tokenizer advances");
-        if (token == &NULL_TOKEN || token->Equals(NONE_TOKEN)) {
-            fuzz::tell("none, up to", after - exact.data());
-        } else {
-            fuzz::tell(static_cast<int>(token->tkKind), token->bWasQuoted != 0, token->Text(),
-                       "up to", after - exact.data());
-        }
+        // Failures and the end have tokens of their own, but not behind a comment.
+        const char* const whose = token == &NULL_TOKEN              ? "failed"
+                                  : token == &NONE_TOKEN            ? "end"
+                                  : token == &tokenizer.LastToken() ? ""
+                                                                    : "other";
+        fuzz::tell(static_cast<int>(token->tkKind), token->bWasQuoted != 0, token->Text(), "up to",
+                   after - exact.data(), whose, tokenizer.LastTokenWasQuoted() != 0,
+                   tokenizer.LastErrorCode());
     }
+    require(tokenizer.NextToken() == &NONE_TOKEN, "nothing behind the end");
 }
 
 struct Normalized {

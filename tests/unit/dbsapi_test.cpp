@@ -1,3 +1,4 @@
+// The C interface, and the C++ class on it where that does more than pass on.
 #include "include/dbsapi.h"
 
 #include <dlfcn.h>
@@ -9,11 +10,13 @@
 #include <vector>
 
 #include "include/cell.h"
-#include "include/dbsource.h"
+#include "include/dbs.h"
 #include "mono/odbc.h"
 #include "unit/mono/scriptedtest.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 class DbsApiTest : public ScriptedTest {
   protected:
@@ -29,16 +32,18 @@ class DbsApiTest : public ScriptedTest {
         ScriptedTest::TearDown();
     }
 
+    int Execute(const char* sql = "SELECT c") { return DBSExecDirect(handle, sql, SQL_NTS); }
+    int SetBatchSize(std::intptr_t size) {
+        return DBSSetStmtAttr(handle, 22, reinterpret_cast<void*>(size), 4);
+    }
     int GetData(DBSINTEGER column, int type, void* target, DBSLEN* length = nullptr) {
         return DBSGetData(handle, column, static_cast<DBSSMALLINT>(type), target, 0, length);
     }
     // A result of one row and one text column, fetched.
     void FetchText(const std::string& text) {
-        scripted_result();
-        scripted_column("c", SQL_WVARCHAR, 0, 0, 0, SQL_NULLABLE);
-        scripted_row();
-        scripted_cell_bytes(text.data(), static_cast<int>(text.size()));
-        ASSERT_EQ(DBSExecDirect(handle, "SELECT c FROM t", SQL_NTS), VORDA_OK);
+        AddResult({SQL_WVARCHAR});
+        AddBytes(text);
+        ASSERT_EQ(Execute(), VORDA_OK);
         ASSERT_GE(DBSFetch(handle), VORDA_OK);
     }
     void ExpectError(int code, const std::string& message) {
@@ -46,7 +51,7 @@ class DbsApiTest : public ScriptedTest {
         DBSSMALLINT length = 7;
         EXPECT_EQ(DBSError(handle, &native, nullptr, &length), VORDA_OK);
         EXPECT_EQ(native, code);
-        ASSERT_EQ(length, static_cast<int>(message.size()));
+        ASSERT_EQ(length, std::ssize(message));
         std::vector<char> text(message.size() + 1, '#');
         EXPECT_EQ(DBSError(handle, nullptr, text.data(), &length), VORDA_OK);
         EXPECT_EQ(text.data(), message);
@@ -54,16 +59,6 @@ class DbsApiTest : public ScriptedTest {
 
     DBSHANDLE handle = nullptr;
 };
-
-TEST_F(DbsApiTest, OnlyConnectionHandlesAreServed) {
-    DBSHANDLE other = handle;
-    for (const DBSSMALLINT type : {DBSSMALLINT{1}, DBSSMALLINT{3}, DBSSMALLINT{0}}) {
-        EXPECT_EQ(DBSAllocHandle(type, nullptr, &other), VORDA_OK);
-        EXPECT_EQ(other, handle);
-        EXPECT_EQ(DBSFreeHandle(type, handle), VORDA_OK);
-    }
-    EXPECT_EQ(DBSExecDirect(handle, "x", SQL_NTS), VORDA_OK);
-}
 
 // Every function on a handle that cannot work: harmless, and nothing reaches the runtime.
 void ExpectHarmless(DBSHANDLE handle) {
@@ -108,6 +103,13 @@ TEST_F(DbsApiTest, NullAndDisconnectedHandlesAreHarmless) {
     ExpectHarmless(handle);
     ExpectHarmless(nullptr);
     EXPECT_EQ(DBSFreeHandle(SQL_HANDLE_DBC, nullptr), VORDA_OK);
+    // Only connections are served.
+    DBSHANDLE other = handle;
+    for (const DBSSMALLINT type : {DBSSMALLINT{1}, DBSSMALLINT{3}, DBSSMALLINT{0}}) {
+        EXPECT_EQ(DBSAllocHandle(type, nullptr, &other), VORDA_OK);
+        EXPECT_EQ(other, handle);
+        EXPECT_EQ(DBSFreeHandle(type, handle), VORDA_OK);
+    }
     EXPECT_EQ(TakeLog(), "\n");
 }
 
@@ -127,25 +129,11 @@ TEST_F(DbsApiTest, FreeingDoesNotDisconnect) {
 TEST_F(DbsApiTest, ANullStatementIsAnEmptyOne) {
     EXPECT_EQ(DBSPrepare(handle, nullptr, 5, nullptr), VORDA_OK);
     EXPECT_NE(TakeLog().find("SQLPrepareW(stmt1, \"\", 0)"), std::string::npos);
-    EXPECT_EQ(DBSExecDirect(handle, nullptr, 5), VORDA_OK);
+    EXPECT_EQ(Execute(nullptr), VORDA_OK);
     EXPECT_NE(TakeLog().find("SQLExecDirectW(stmt2, \"\", 0)"), std::string::npos);
     DBSLEN markers = -7;
     EXPECT_EQ(DBSPrepare(handle, " SELECT ?, '?', @name", 2, &markers), VORDA_OK);
     EXPECT_EQ(markers, 2);
-}
-
-TEST_F(DbsApiTest, AnExecutionEndsWhatThePreviousOneLeft) {
-    FetchText("abc");
-    TakeLog();
-    scripted_row_count(3);
-    EXPECT_EQ(DBSExecDirect(handle, "DELETE FROM t", SQL_NTS), VORDA_OK);
-    EXPECT_EQ(TakeLog().find("\nSQLFreeStmt(stmt1, 1)\nSQLAllocHandle(3, dbc1, stmt2)"), 0u);
-    EXPECT_EQ(DBSFetch(handle), VORDA_NOT_EXECUTED);
-    // Also when it then fails, which affects no rows.
-    EXPECT_EQ(DBSExecute(handle), VORDA_NOT_PREPARED);
-    DBSLEN rows = -7;
-    DBSRowCount(handle, &rows);
-    EXPECT_EQ(rows, 0);
 }
 
 TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
@@ -153,40 +141,19 @@ TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
         GTEST_SKIP() << "the sanitizer ends the process instead";
     }
     DBSPrepare(handle, "SELECT ?", SQL_NTS, nullptr);
-    DBSSetStmtAttr(handle, 22, reinterpret_cast<void*>(std::intptr_t{INT_MAX}), 4);
+    SetBatchSize(INT_MAX);
     const int length = SQL_NULL_DATA;
     EXPECT_EQ(DBSBindParameter(handle, 1, 0, DBTYPE_STRING, 0, 0, 0, "", INT_MAX, &length),
               VORDA_OUT_OF_MEMORY);
-    DBSSetStmtAttr(handle, 22, reinterpret_cast<void*>(std::intptr_t{1}), 4);
+    SetBatchSize(1);
     EXPECT_EQ(DBSExecute(handle), VORDA_OK);
-}
-
-TEST_F(DbsApiTest, Descriptions) {
-    scripted_column(std::string(200, 'n').c_str(), SQL_DECIMAL, 12, 10, 2, SQL_NULLABLE);
-    DBSExecDirect(handle, "SELECT 1", SQL_NTS);
-    for (const DBSINTEGER column : {0LL, 1LL, -1LL, LLONG_MAX, LLONG_MIN}) {
-        std::vector<char> name(128, '#');
-        DBSSMALLINT length = 7, type = 7, precision = 7, scale = 7, nullable = 7;
-        DBSULEN size = 7;
-        for (char* const place : {static_cast<char*>(nullptr), name.data()}) {
-            EXPECT_EQ(DBSDescribeCol(handle, column, place, &length, &type, &size, &precision,
-                                     &scale, &nullable),
-                      VORDA_OK);
-        }
-        const bool isThere = column == 0;
-        EXPECT_EQ(name.data(), std::string(isThere ? 127 : 0, 'n'));
-        const long long seen[] = {length, type, size, precision, scale, nullable};
-        const long long expected[] = {127, DBTYPE_DECIMAL, 12, 10, 2, 1};
-        for (int i = 0; i < 6; ++i) EXPECT_EQ(seen[i], isThere ? expected[i] : 0) << i;
-    }
 }
 
 // The other typed getters are reached through Dbs, which asks for them by one code each.
 TEST_F(DbsApiTest, CodesThatShareAGetter) {
-    scripted_column("i", SQL_INTEGER, 0, 0, 0, 0);
-    scripted_row();
+    AddResult({SQL_INTEGER});
     scripted_cell_int(-5);
-    DBSExecDirect(handle, "SELECT 1", SQL_NTS);
+    Execute();
     EXPECT_EQ(DBSFetch(handle), VORDA_OK);
     for (const int type : {DBTYPE_TINYINT, DBTYPE_BIT, DBTYPE_SMALLINT, DBTYPE_INTEGER}) {
         int integer[2] = {7, 7};
@@ -210,32 +177,24 @@ TEST_F(DbsApiTest, TextIsCopiedTwiceAsLongButOnlyFromItsBuffer) {
             EXPECT_EQ(std::string(target.data(), size * 2), text + std::string(size, '\0'));
         }
     }
-}
-
-TEST_F(DbsApiTest, OtherTypesReadTextUpToItsTerminator) {
-    using namespace std::string_literals;
+    // Codes that no getter serves stop at the text's own terminator.
     FetchText("abc\0def"s);
-    for (const int type :
-         {int{DBTYPE_BINARY}, int{DBTYPE_DECIMAL}, int{DBTYPE_NUMERIC}, 0, -3, 99}) {
-        for (const bool hasPlace : {false, true}) {
-            char target[5] = "####";
-            DBSLEN length = -7;
-            EXPECT_EQ(GetData(0, type, hasPlace ? target : nullptr, &length), VORDA_OK);
-            EXPECT_EQ(length, 3);
-            EXPECT_EQ(std::string(target, 5), hasPlace ? "abc\0\0"s : "####\0"s);
-        }
+    for (const int type : {0 + DBTYPE_BINARY, 0 + DBTYPE_DECIMAL, 0 + DBTYPE_NUMERIC, 0, -3, 99}) {
+        char target[5] = "####";
+        DBSLEN lengths[] = {-7, -7};
+        EXPECT_EQ(GetData(0, type, nullptr, &lengths[0]), VORDA_OK);
+        EXPECT_EQ(GetData(0, type, target, &lengths[1]), VORDA_OK);
+        EXPECT_TRUE(lengths[0] == 3 && lengths[1] == 3) << type;
+        EXPECT_EQ(std::string(target, 5), "abc\0\0"s);
     }
 }
 
 TEST_F(DbsApiTest, NullsAndBadIndexesLeaveTheOutputsAlone) {
-    for (const int type : {SQL_INTEGER, SQL_WVARCHAR}) {
-        scripted_column("c", type, 0, 0, 0, SQL_NULLABLE);
-    }
-    scripted_row();
     // Delivered, but said to be NULL; and not delivered at all.
+    AddResult({SQL_INTEGER, SQL_WVARCHAR});
     scripted_cell_int(1);
     scripted_cell_indicator(SQL_NULL_DATA);
-    DBSExecDirect(handle, "SELECT c", SQL_NTS);
+    Execute();
     EXPECT_EQ(DBSFetch(handle), VORDA_OK);
     const std::string before(64, '#');
     for (const DBSINTEGER column : {0LL, 1LL, 2LL, -1LL, 1LL << 32, LLONG_MAX, LLONG_MIN}) {
@@ -252,6 +211,15 @@ TEST_F(DbsApiTest, NullsAndBadIndexesLeaveTheOutputsAlone) {
         EXPECT_EQ(target, before);
         DbCell cell = {};
         EXPECT_EQ(DBSGetCell(handle, column, &cell), status == SQL_NULL_DATA ? 0 : status);
+        std::vector<char> name(128, '#');
+        DBSSMALLINT length = 7, type = 7, other = 7;
+        DBSULEN size = 7;
+        for (char* const place : {static_cast<char*>(nullptr), name.data()}) {
+            DBSDescribeCol(handle, column, place, &length, &type, &size, &other, &other, &other);
+        }
+        const bool isThere = status == SQL_NULL_DATA;
+        EXPECT_STREQ(name.data(), isThere ? "c" : "");
+        EXPECT_TRUE(length == (isThere ? 1 : 0) && (type != 0) == isThere);
     }
     // Errors of the result set stay there.
     ExpectError(VORDA_OK, "");
@@ -265,7 +233,6 @@ TEST_F(DbsApiTest, ErrorsNeedNoPlaceForTheirText) {
         EXPECT_EQ(DBSSetStmtAttr(handle, attribute, nullptr, 0), VORDA_UNKNOWN_ATTRIBUTE);
     EXPECT_EQ(DBSError(handle, nullptr, text, nullptr), VORDA_OK);
     EXPECT_STREQ(text, "#");
-    ExpectError(1103, "Unknown dbsource attribute.");
 
     // Those of a fetch are read on their own.
     FetchText("abc");
@@ -276,6 +243,123 @@ TEST_F(DbsApiTest, ErrorsNeedNoPlaceForTheirText) {
     EXPECT_TRUE(native == 8 && length == 15);
     EXPECT_STREQ(text, "connection lost");
     ExpectError(1103, "Unknown dbsource attribute.");
+}
+
+class DbsTest : public ScriptedTest {
+  protected:
+    void SetUp() override {
+        ScriptedTest::SetUp();
+        ASSERT_EQ(dbs.Init(), VORDA_OK);
+    }
+    void TearDown() override {
+        EXPECT_EQ(dbs.Close(), VORDA_OK);
+        ScriptedTest::TearDown();
+    }
+    int Open() { return dbs.Open("Server=a", 8); }
+    void ExpectError(int code, const std::string& message) {
+        EXPECT_EQ(dbs.GetLastError(), code);
+        EXPECT_EQ(dbs.GetLastErrorMessage(), message);
+    }
+    // What the getter writes, and nothing behind it.
+    template <typename T>
+    T Get(int (Dbs::*getter)(int, T*), int index) {
+        struct {
+            T value{};
+            int end = 7;
+        } target;
+        EXPECT_EQ((dbs.*getter)(index, &target.value), VORDA_OK) << index;
+        EXPECT_EQ(target.end, 7);
+        return target.value;
+    }
+    using Fields = std::vector<int>;
+    template <typename T>
+    Fields GetFields(int (Dbs::*getter)(int, T*), int index) {
+        const T value = Get(getter, index);
+        Fields fields(sizeof value / sizeof(int));
+        std::memcpy(fields.data(), &value, sizeof value);
+        return fields;
+    }
+
+    Dbs dbs;
+};
+
+TEST_F(DbsTest, MethodsRecordTheErrorsTheyMeet) {
+    FailNext("SQLDriverConnectW", 17, "no such server");
+    EXPECT_EQ(Open(), VORDA_ODBC_ERROR);
+    ExpectError(17, "no such server");
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(dbs.Close(), VORDA_OK);
+        EXPECT_EQ(scripted_live_handles(0), 0);
+        EXPECT_EQ(dbs.Execute("x", 1), VORDA_NOT_OPEN);
+    }
+    ExpectError(1102, "");
+    EXPECT_EQ(dbs.Init(), VORDA_OK);
+    EXPECT_EQ(Open(), VORDA_OK);
+    const std::string longText(600, 'e');
+    FailNext("SQLExecDirectW", INT_MIN, longText.c_str());
+    EXPECT_EQ(dbs.Execute("x", 1), VORDA_ODBC_ERROR);
+    ExpectError(INT_MIN, longText.substr(0, 511));
+
+    dbs.Prepare("x", 1);
+    // What binding folds into success is not recorded; a refusal is.
+    const int value = 1, length = 4;
+    FailNext("SQLBindParameter", 7, "seven");
+    EXPECT_EQ(dbs.AddParam(1, DBTYPE_INTEGER, &value, 4, &length), VORDA_OK);
+    EXPECT_EQ(dbs.GetLastError(), INT_MIN);
+    EXPECT_EQ(dbs.AddParam(1, DBTYPE_DECIMAL, &value, 4, &length), -1);
+    ExpectError(1105, "Unknown parameter data type.");
+    // Nor do the getters record anything.
+    int read = 0;
+    EXPECT_EQ(dbs.GetInt(0, &read), VORDA_NOT_EXECUTED);
+    ExpectError(1105, "Unknown parameter data type.");
+}
+
+TEST_F(DbsTest, NumbersDatesAndTimes) {
+    Open();
+    AddResult({SQL_BIT, SQL_TINYINT, SQL_SMALLINT, SQL_INTEGER, SQL_BIGINT, SQL_REAL, SQL_DOUBLE,
+               SQL_TYPE_TIMESTAMP});
+    const int ints[] = {1, 200, -32768, INT_MIN};
+    for (const int value : ints) scripted_cell_int(value);
+    scripted_cell_int(LLONG_MIN + 5);
+    for (int i = 0; i < 2; ++i) scripted_cell_double(0.1);
+    scripted_cell_timestamp(-44, 3, 15, 23, 59, 58, 123456789);
+    dbs.Execute("SELECT 1", 8);
+    dbs.Next();
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(Get(&Dbs::GetInt, i), ints[i]);
+    EXPECT_EQ(Get(&Dbs::GetInt, 4), 5);
+    EXPECT_EQ(Get(&Dbs::GetBigint, 4), LLONG_MIN + 5);
+    EXPECT_EQ(Get(&Dbs::GetDouble, 5), static_cast<double>(0.1f));
+    EXPECT_EQ(Get(&Dbs::GetDouble, 6), 0.1);
+    EXPECT_EQ(GetFields(&Dbs::GetDate, 7), Fields({-44, 3, 15}));
+    EXPECT_EQ(GetFields(&Dbs::GetTime, 7), Fields({15, 23, 59, 58, 123456789}));
+    EXPECT_EQ(GetFields(&Dbs::GetDateTime, 7), Fields({-44, 3, 15, 23, 59, 58, 123}));
+}
+
+TEST_F(DbsTest, TextsOfAllLengths) {
+    Open();
+    AddResult({SQL_WVARCHAR});
+    // 256 bytes hold a text of 127: twice its length and a terminator of two.
+    const std::size_t lengths[] = {100, 127, 128, 255, 10, 2047};
+    for (const std::size_t length : lengths) {
+        AddBytes(std::string(length, 'x'));
+        scripted_row();
+    }
+    dbs.Execute("SELECT c", 8);
+    char* text = nullptr;
+    int length = -7;
+    EXPECT_EQ(dbs.GetStringAsUTF8(0, &text, &length), SQL_NULL_DATA);
+    EXPECT_EQ(dbs.GetStringAsUTF8(1, &text, &length), VORDA_INDEX_OUT_OF_RANGE);
+    EXPECT_TRUE(text == nullptr && length == -7);
+    EXPECT_EQ(dbs.GetColumnInfo(INT_MAX).ColumnName.Length(), 0);
+    for (const std::size_t expected : lengths) {
+        EXPECT_EQ(dbs.Next(), 1);
+        char* same = nullptr;
+        EXPECT_EQ(dbs.GetStringAsUTF8(0, &text, &length), VORDA_OK);
+        EXPECT_EQ(length, static_cast<int>(expected));
+        EXPECT_EQ(text, std::string(expected, 'x'));
+        EXPECT_EQ(dbs.GetStringAsUCS2(0, &same, &length), VORDA_OK);
+        EXPECT_EQ(same, text);
+    }
 }
 
 }  // namespace

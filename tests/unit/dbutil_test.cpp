@@ -1,4 +1,4 @@
-// Examples, and statements too large for the fuzz target "sql".
+// Statements too large for the fuzz target "sql".
 #include "dbutil.h"
 
 #include <gtest/gtest.h>
@@ -15,37 +15,16 @@ namespace {
 
 struct Normalized {
     std::string sql;
-    int sqlType;
-    int paramCount;
-    bool operator==(const Normalized&) const = default;
+    int sqlType = -1;
+    int paramCount = -1;
 };
-
-std::ostream& operator<<(std::ostream& out, const Normalized& n) {
-    return out << '"' << n.sql << "\" type " << n.sqlType << " count " << n.paramCount;
-}
 
 Normalized Normalize(const std::string& sql) {
     DynStr out;
-    Normalized result{{}, -1, -1};
+    Normalized result;
     EXPECT_EQ(NormalizeSQL(sql.c_str(), out, &result.sqlType, &result.paramCount), 0);
     result.sql.assign(out.Deref(), static_cast<std::size_t>(out.Length()));
     return result;
-}
-
-TEST(NormalizeSqlTest, RewritesMarkers) {
-    const struct {
-        const char* sql;
-        Normalized result;
-    } cases[] = {
-        {"SELECT * FROM t WHERE a = ? AND b = ?",
-         {"SELECT * FROM t WHERE a = @1 AND b = @2 ", 1, 2}},
-        {"update t set x=:x where id=@id", {"update t set x=@1 where id=@2 ", 2, 2}},
-        {"EXEC p @a = ?, @b = ?", {"EXEC p @a = @1 , @b = @2 ", 6, 2}},
-        {"Execute p ?, ?", {"Execute p ?, ?", 5, 0}},
-        {"SELECT '?' FROM t -- ?", {"SELECT '?' FROM t -- ?", 1, 0}},
-        {"{call p(?)}", {"{call p(@1 )}", 0, 1}},
-    };
-    for (const auto& c : cases) EXPECT_EQ(Normalize(c.sql), c.result) << c.sql;
 }
 
 std::string Repeat(const std::string& piece, int count) {
@@ -65,7 +44,7 @@ TEST(NormalizeSqlTest, BigStatementsOnASmallStack) {
         EXPECT_EQ(Normalize(unknown).sql, unknown);
         const std::string quoted =
             "SELECT '" + Repeat("it''s \\' \xF0\x9F\x98\x80 ?", 100000) + "'";
-        EXPECT_EQ(Normalize(quoted), (Normalized{quoted, 1, 0}));
+        EXPECT_EQ(Normalize(quoted).sql, quoted);
         const std::string open = "SELECT " + Repeat("[a] 'b' ", 100000) + "/* '";
         EXPECT_EQ(Normalize(open).sql, open);
         return nullptr;

@@ -38,4 +38,13 @@ class ScriptedTest : public ::testing::Test {
         scripted_answer_after(function, scripted_call_count(function) + 1, SQL_SUCCESS_WITH_INFO);
         Diagnose(native, text);
     }
+    // A result with a column for each type, and the beginning of its first row.
+    static void AddResult(std::initializer_list<int> sqlTypes) {
+        scripted_result();
+        for (const int type : sqlTypes) scripted_column("c", type, 0, 0, 0, SQL_NULLABLE);
+        scripted_row();
+    }
+    static void AddBytes(const std::string& value) {
+        scripted_cell_bytes(value.data(), static_cast<int>(value.size()));
+    }
 };
