@@ -47,13 +47,6 @@ void PutBytes(char* target, std::size_t room, std::string_view bytes) {
     if (target) std::memcpy(target, bytes.data(), std::min(room, bytes.size()));
 }
 
-// A statement that is known under two names: which buffers are still bound can no longer be told.
-void Forget(Handle& handle) {
-    handle.parameters.clear();
-    handle.columns.clear();
-    handle.parameterSets = 1;
-}
-
 // A handle below a doubtful one is doubtful itself.
 SQLRETURN NewHandle(Model& model, const Call& call) {
     const Handle* const parent = model.Find(call.Handle(1));
@@ -139,8 +132,7 @@ class Hostile {
         const SQLRETURN lie = AnyStatus();
         if (call.name == "SQLSetStmtAttr") {
             // What is said to be set is set: the caller's memory depends on it.
-            if (!handle.isAliased && (!isLie || OdbcSucceeded(lie) || Chance(0.5)))
-                Act(model, call);
+            if (!isLie || OdbcSucceeded(lie) || Chance(0.5)) Act(model, call);
             return isLie ? lie : SQLRETURN{SQL_SUCCESS};
         }
         if (isLie && Chance(0.5)) return lie;
@@ -156,7 +148,7 @@ class Hostile {
             status = Fetch(handle);
             // Past the bound nothing more is said than that there are no rows.
             if (m_fetched > kMostRows) return SQL_NO_DATA;
-        } else if (!call.name.starts_with("SQLBind") || !handle.isAliased) {
+        } else {
             status = Act(model, call);
         }
         return isLie ? lie : status;
@@ -167,7 +159,7 @@ class Hostile {
         const bool isBelowNone = call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1);
         if (isBelowNone && m_gaveNone) return SQL_INVALID_HANDLE;
         if (!Lies(Handles)) return NewHandle(model, call);
-        switch (Below(5)) {
+        switch (Below(4)) {
             case 0:
                 return SQL_ERROR;
             case 1:  // Not a handle, and said not to be.
@@ -177,19 +169,6 @@ class Hostile {
                 m_gaveNone = true;
                 if (Chance(0.5)) *output = nullptr;
                 return Chance(0.5) ? SQLRETURN{SQL_SUCCESS} : Pick(kDoubtful);
-            case 3:
-                for (auto& [key, handle] : model.handles) {
-                    if (!handle.isLive || handle.isDoubtful || handle.kind != call.Number(0) ||
-                        handle.parent != call.Handle(1)) {
-                        continue;
-                    }
-                    ++handle.references;
-                    handle.isAliased = true;
-                    Forget(handle);
-                    *output = key;
-                    return SQL_SUCCESS;
-                }
-                return NewHandle(model, call);
             default:
                 if (!OdbcSucceeded(NewHandle(model, call))) return SQL_ERROR;
                 model.handles[*output].isDoubtful = true;
@@ -206,11 +185,8 @@ class Hostile {
             // Unless it says that it did not: then it may still look at the old buffers.
             if (!isLie || OdbcSucceeded(lie)) status = Act(model, call);
         } else if (call.name == "SQLDisconnect") {
-            if (++handle.disconnects > handle.references) model.Error(call, "disconnected twice");
-            if (handle.references == 1) status = Act(model, call);
-        } else if (handle.references > 1) {
-            --handle.references;
-            handle.disconnects = 0;
+            if (++handle.disconnects > 1) model.Error(call, "disconnected twice");
+            status = Act(model, call);
         } else {
             status = Act(model, call);
             // A handle that was not said to be one is not said to be freed either.

@@ -67,10 +67,8 @@ struct Handle {
     int number = 0;
     SQLHANDLE parent = nullptr;
     bool isLive = true;
-    // Only the seeded mode: how many owners were given this handle, whether it was ever more than
-    // one, and whether the status of its allocation left open whether there is a handle at all.
-    int references = 1;
-    bool isAliased = false;
+    // Only the seeded mode: whether the status of its allocation left open whether there is a
+    // handle at all.
     bool isDoubtful = false;
     int disconnects = 0;
     // Connections.

@@ -23,32 +23,58 @@ std::vector<char> Buffer(std::size_t size, const std::string& text = "") {
     return buffer;
 }
 
-TEST(StrncpyS, CutsAtTheDestinationAndStopsAtTheSourcesEnd) {
-    const struct {
-        std::size_t size;
-        std::string source;
-        std::size_t count;
-        const char* expected;
-        int status;
-    } cases[] = {
-        {4, "abcdef", 6, "abc", 1}, {4, "abcdef", 3, "abc", 0}, {4, "abcdef", 2, "ab", 0},
-        {4, "abcdef", 0, "", 0},    {1, "abcdef", 1, "", 1},    {8, "ab", 8, "ab", 1},
-        {8, "ab", 7, "ab", 0},      {8, "", 3, "", 0},          {4, "abcd", SIZE_MAX, "abc", 1},
-    };
-    for (const auto& [size, text, count, expected, status] : cases) {
-        std::vector<char> target = Buffer(size);
-        // Without spare storage: reading on beyond its NUL would be seen.
-        const std::vector<char> source = Buffer(text.size() + 1, text);
-        EXPECT_EQ(strncpy_s(target.data(), size, source.data(), count), status) << expected;
-        EXPECT_STREQ(target.data(), expected);
+// Small buffers in all sizes, each function beside what std::string does.
+TEST(Texts, AreCutAtTheEndOfTheirBuffer) {
+    const std::string letters = "abcdefgh";
+    for (std::size_t size = 1; size < 8; ++size) {
+        for (std::size_t length = 0; length < 8; ++length) {
+            const std::string text = letters.substr(0, length);
+            // Without spare storage: reading on beyond its NUL would be seen.
+            const std::vector<char> source = Buffer(length + 1, text);
+            for (const std::size_t count : {0ul, 1ul, 2ul, 3ul, 5ul, 7ul, 8ul, 9ul, SIZE_MAX}) {
+                std::vector<char> target = Buffer(size);
+                EXPECT_EQ(strncpy_s(target.data(), size, source.data(), count), count >= size);
+                EXPECT_EQ(target.data(), text.substr(0, std::min(count, size - 1)));
+            }
+            for (std::size_t index = 0; index <= size; ++index) {
+                const std::vector<char> before = Buffer(size, text);
+                std::vector<char> target = before;
+                std::string expected(before.begin(), before.end());
+                if (index < size) {
+                    expected.insert(index, text, 0, size - index - 1).resize(size);
+                    expected.back() = '\0';
+                }
+                EXPECT_EQ(StringInsert(target.data(), static_cast<int>(size),
+                                       static_cast<int>(index), source.data()),
+                          0);
+                EXPECT_EQ(std::string(target.begin(), target.end()), expected);
+            }
+        }
     }
-    char text[] = "#";
+    // From the buffer itself, as it is once the tail has moved.
+    std::vector<char> own = Buffer(10, "abcdef");
+    EXPECT_EQ(StringInsert(own.data(), 10, 0, own.data() + 1), 0);
+    EXPECT_STREQ(own.data(), "bcdeaabcd");
+}
+
+TEST(Texts, OddArgumentsAreHarmless) {
+    char text[] = "ab/";
     EXPECT_EQ(strncpy_s(text, 0, "abc", 3), 1);
     EXPECT_EQ(strncpy_s(text, 0, "abc", 0), 0);
-    EXPECT_STREQ(text, "#");
+    EXPECT_EQ(strncpy_s(nullptr, 4, "abc", 3), 1);
+    EXPECT_EQ(StringInsert(nullptr, 3, 0, "x"), 0);
+    EXPECT_EQ(StringInsert(text, 3, 0, nullptr), 0);
+    EXPECT_EQ(StringInsert(text, 0, 0, "x"), 0);
+    EXPECT_EQ(StringInsert(text, -3, 0, "x"), 0);
+    EXPECT_EQ(StringInsert(text, 3, -1, "x"), 0);
+    EXPECT_EQ(ReplaceFileName(text, "x", 0), 0);
+    EXPECT_EQ(ReplaceFileName(text, "x", -1), -1);
+    EXPECT_EQ(ReplaceFileName(nullptr, "x", 3), -1);
+    // No room is left behind the only slash.
+    EXPECT_EQ(ReplaceFileName(text, "x", 3), 0);
+    EXPECT_STREQ(text, "ab/");
     EXPECT_EQ(strncpy_s(text, 2, nullptr, 1), 0);
     EXPECT_STREQ(text, "");
-    EXPECT_EQ(strncpy_s(nullptr, 4, "abc", 3), 1);
 }
 
 TEST(ReplaceFileName, ReplacesWhatFollowsTheLastSlash) {
@@ -73,44 +99,6 @@ TEST(ReplaceFileName, ReplacesWhatFollowsTheLastSlash) {
         EXPECT_EQ(ReplaceFileName(buffer.data(), name, size), 0);
         EXPECT_STREQ(buffer.data(), expected) << path;
     }
-    // No room is left behind the only slash.
-    std::vector<char> slash = {'a', 'b', '/'};
-    const std::vector<char> before = slash;
-    EXPECT_EQ(ReplaceFileName(slash.data(), "x", 3), 0);
-    EXPECT_EQ(ReplaceFileName(slash.data(), "x", 0), 0);
-    EXPECT_EQ(ReplaceFileName(slash.data(), "x", -1), -1);
-    EXPECT_EQ(slash, before);
-    EXPECT_EQ(ReplaceFileName(nullptr, "x", 3), -1);
-}
-
-TEST(StringInsert, ShiftsTheTailOutOfTheBuffer) {
-    const struct {
-        int size, index;
-        const char* inserted;
-        const char* expected;
-    } cases[] = {
-        {16, 0, "xy", "xyabcdef"}, {16, 3, "xy", "abcxydef"},   {16, 6, "xy", "abcdefxy"},
-        {8, 3, "xy", "abcxyde"},   {8, 3, "uvwxyz", "abcuvwx"}, {8, 7, "xy", "abcdef"},
-        {8, 0, "", "abcdef"},      {3, 2, "x", "ab"},
-    };
-    for (const auto& [size, index, inserted, expected] : cases) {
-        std::vector<char> buffer = Buffer(static_cast<std::size_t>(size), "abcdef");
-        EXPECT_EQ(StringInsert(buffer.data(), size, index, inserted), 0);
-        EXPECT_STREQ(buffer.data(), expected) << index << inserted;
-        EXPECT_EQ(buffer.back(), '\0');
-    }
-    // From the buffer itself, as it is once the tail has moved.
-    std::vector<char> own = Buffer(10, "abcdef");
-    EXPECT_EQ(StringInsert(own.data(), 10, 0, own.data() + 1), 0);
-    EXPECT_STREQ(own.data(), "bcdeaabcd");
-    std::vector<char> untouched = {'a', 'b', 'c'};
-    const std::vector<char> before = untouched;
-    EXPECT_EQ(StringInsert(nullptr, 3, 0, "x"), 0);
-    EXPECT_EQ(StringInsert(untouched.data(), 3, 0, nullptr), 0);
-    for (const auto& [size, index] : {std::pair{0, 0}, {-3, 0}, {3, -1}, {3, 3}, {3, 4}}) {
-        EXPECT_EQ(StringInsert(untouched.data(), size, index, "x"), 0);
-    }
-    EXPECT_EQ(untouched, before);
 }
 
 TEST(GetCurrentPath, NamesTheObjectThatThisCodeLivesIn) {

@@ -1,0 +1,191 @@
+// Numbers as text and the other helpers on text are the matter of the fuzz target "numbers".
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "util/core.h"
+#include "util/dynstr.h"
+#include "util/javavector.h"
+
+namespace {
+
+TEST(Integers, NoTextIsZero) {
+    EXPECT_EQ(myatoi(nullptr), 0);
+    EXPECT_EQ(myhextoi64(nullptr), 0);
+}
+
+TEST(Classes, AreAsciiAndNarrow) {
+    const auto isIn = [](char c, std::string_view set) { return set.find(c) != set.npos; };
+    for (int i = 0; i < 256; ++i) {
+        const char c = static_cast<char>(i);
+        EXPECT_EQ(mypisdigit(c), isIn(c, "0123456789")) << i;
+        EXPECT_EQ(myisxdigit(c), isIn(c, "0123456789abcdefABCDEF")) << i;
+        EXPECT_EQ(mypisspace(c), isIn(c, " \t\r\n")) << i;
+    }
+}
+
+std::string Text(const DynStr& s) {
+    return {s.Deref(), static_cast<std::size_t>(s.Length())};
+}
+
+TEST(DynStrTest, TheHeapBlockIsHalfAsLargeAgain) {
+    DynStr s;
+    s.Set(std::string(99, 'x').c_str());
+    EXPECT_EQ(s.SpaceAvailable(), 99);
+    s.Append("y");
+    EXPECT_EQ(s.SpaceAvailable(), 150);
+    s.Resize(200, nullptr);
+    EXPECT_EQ(s.SpaceAvailable(), 300);
+    EXPECT_EQ(Text(s).substr(0, 100), std::string(99, 'x') + "y");
+    s.Set("0123456789");
+    EXPECT_EQ(s.SpaceAvailable(), 99);
+}
+
+// Every operation against std::string, the lengths around the inline limit and the source sometimes
+// a part of the string itself.
+TEST(DynStrTest, AgreesWithAModel) {
+    std::mt19937 random(7);
+    const auto below = [&](std::size_t n) { return random() % n; };
+    DynStr s;
+    std::string model;
+    for (int step = 0; step < 20000; ++step) {
+        const std::string text(below(160), static_cast<char>('a' + step % 26));
+        const std::size_t operation = model.size() > 2000 ? 0 : below(6);
+        const auto pos = static_cast<int>(below(model.size() + 1));
+        const std::string tail = model.substr(static_cast<std::size_t>(pos));
+        const auto apply = [&](int status, const std::string& expected) {
+            ASSERT_EQ(status, VORDA_OK);
+            model = expected;
+        };
+        if (operation == 0) apply(s.Set(text.c_str()), text);
+        if (operation == 1) apply(s.Append(text.c_str()), model + text);
+        if (operation == 2) apply(s.Append(s.DerefFrom(pos), s.Length() - pos), model + tail);
+        if (operation == 3) apply(s.Set(s.DerefFrom(pos), s.Length() - pos), tail);
+        if (operation == 4)
+            apply(s.Resize(pos, nullptr), model.substr(0, model.size() - tail.size()));
+        if (operation == 5) apply(s.AppendInt(-step), model + std::to_string(-step));
+        ASSERT_EQ(Text(s), model) << "operation " << operation;
+        ASSERT_EQ(s.Deref()[s.Length()], '\0');
+        ASSERT_EQ(s.IsInline(), s.Length() <= 99);
+    }
+}
+
+TEST(DynStrTest, OddLengthsAreHarmless) {
+    DynStr s;
+    s.Set("abc");
+    EXPECT_EQ(s.Append(nullptr, 5), VORDA_OK);
+    EXPECT_EQ(s.Append("x", -1), VORDA_OK);
+    EXPECT_EQ(s.Append("de", 0x100000002LL), VORDA_OK);
+    EXPECT_EQ(s.Append("x", INT_MAX - 3), VORDA_OUT_OF_MEMORY);
+    EXPECT_EQ(s.Resize(INT_MAX, nullptr), VORDA_OUT_OF_MEMORY);
+    EXPECT_STREQ(s.Deref(), "abcde");
+    EXPECT_EQ(s.Append("a\0b", 3), VORDA_OK);
+    EXPECT_EQ(s.Length(), 8);
+    EXPECT_EQ(s.Set(nullptr), VORDA_OK);
+    EXPECT_EQ(s.Length(), 0);
+    EXPECT_EQ(s.Resize(-5, "abc"), VORDA_OK);
+    EXPECT_EQ(s.Length(), 0);
+}
+
+TEST(DynStrTest, Compares) {
+    DynStr s;
+    s.Set("Select x");
+    EXPECT_TRUE(s.StartsWith("Select"));
+    EXPECT_FALSE(s.StartsWith("select"));
+    EXPECT_TRUE(s.EqualsNoCase("sELECT X"));
+    EXPECT_FALSE(s.EqualsNoCase("select"));
+    EXPECT_FALSE(s.Equals("select x"));
+}
+
+// Counts its living instances, so that a leak or a double deletion shows.
+struct Counted {
+    explicit Counted(int v = -1) : value(v) { ++living; }
+    Counted(const Counted& other) : value(other.value) { ++living; }
+    ~Counted() { --living; }
+    int value;
+    static inline int living = 0;
+};
+
+class JavaVectorTest : public testing::Test {
+  protected:
+    void TearDown() override { EXPECT_EQ(Counted::living, 0); }
+    static void Fill(JavaVector<Counted>& vector, int count) {
+        for (int i = 0; i < count; ++i) vector.Add(Counted(i));
+    }
+};
+
+TEST_F(JavaVectorTest, StorageFollowsTheCount) {
+    JavaVector<Counted> v;
+    Fill(v, 20);
+    EXPECT_EQ(v.Capacity(), 20);
+    v.Add();
+    EXPECT_EQ(v.Capacity(), 42);
+    v.Resize(5);
+    EXPECT_EQ(v.Capacity(), 20);
+    v.Resize(30);
+    EXPECT_EQ(v.Get(5), nullptr);
+    EXPECT_EQ(v.Get(29), nullptr);
+    v.Resize(-1);
+    EXPECT_EQ(v.Size(), 0);
+
+    JavaVector<DynStr> cannotBeCopied;
+    cannotBeCopied.Add();
+    cannotBeCopied.LastElement()->Set(std::string(500, 'x').c_str());
+    cannotBeCopied.Resize(21);
+    EXPECT_EQ(cannotBeCopied.Get(0)->Length(), 500);
+}
+
+TEST_F(JavaVectorTest, AgreesWithAModel) {
+    std::mt19937 random(11);
+    JavaVector<Counted> v;
+    std::vector<int> model;
+    for (int step = 0; step < 5000; ++step) {
+        const int index = static_cast<int>(random() % (model.size() + 1));
+        const auto operation = random() % 8;
+        if (operation == 0) {
+            v.Resize(index);
+            model.resize(static_cast<std::size_t>(index));
+        } else if (operation == 1 && index < v.Size()) {
+            v.SetElementAt(new Counted(step), index);
+            model[static_cast<std::size_t>(index)] = step;
+        } else {
+            v.Insert(index, new Counted(step));
+            model.insert(model.begin() + index, step);
+        }
+        ASSERT_EQ(Counted::living, v.Size());
+        std::vector<int> values;
+        for (int i = 0; i < v.Size(); ++i) values.push_back(v.Get(i)->value);
+        ASSERT_EQ(values, model);
+    }
+}
+
+TEST_F(JavaVectorTest, OutOfBoundsIsHarmless) {
+    JavaVector<Counted> v;
+    EXPECT_EQ(v.LastElement(), nullptr);
+    Fill(v, 3);
+    EXPECT_EQ(v.Get(-1), nullptr);
+    EXPECT_EQ(v.ElementAt(3), nullptr);
+    v.SetElementAt(new Counted(9), 3);
+    v.SetElementAt(v.Get(1), 1);
+    EXPECT_EQ(v.Get(1)->value, 1);
+    v.Insert(99, new Counted(7));
+    EXPECT_EQ(v.LastElement()->value, 7);
+    EXPECT_THROW(v.Resize(1 << 30), std::bad_array_new_length);
+    EXPECT_EQ(v.Size(), 4);
+}
+
+TEST_F(JavaVectorTest, StackShowsItsNewest) {
+    JavaStack<Counted> stack;
+    EXPECT_TRUE(stack.empty());
+    EXPECT_EQ(stack.top(), nullptr);
+    stack.push(Counted(1));
+    stack.push(Counted(2));
+    EXPECT_EQ(stack.top()->value, 2);
+    EXPECT_EQ(stack.size(), 2);
+}
+
+}  // namespace
