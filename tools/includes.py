@@ -26,10 +26,10 @@ ROOMS = [
     # The embedded runtime.
     ("cells", "embedded/values/* embedded/extensions.h", ""),
     ("core", "embedded/core/* embedded/engine.h", "cells"),
-    ("scanner", "embedded/sql/*", ""),
-    ("sqlite", "embedded/sqlite/*", "scanner core cells"),
-    ("manager", "embedded/odbc/*", "scanner core cells"),
-    ("engines", "embedded/engines.cpp", "sqlite manager scanner core cells"),
+    ("reader", "embedded/sql/*", "core cells"),
+    ("sqlite", "embedded/sqlite/*", "reader core cells"),
+    ("manager", "embedded/odbc/*", "reader core cells"),
+    ("engines", "embedded/engines.cpp", "sqlite manager reader core cells"),
     ("entry", "embedded/entry/* embedded/compat.cpp", "core cells"),
 ]
 # What a room must not see through the headers of others either.

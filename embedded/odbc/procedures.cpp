@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -9,8 +10,8 @@
 #include "core/message.h"
 #include "core/parameters.h"
 #include "odbc/catalog.h"
-#include "odbc/sqltext.h"
 #include "odbc/statement.h"
+#include "sql/procedures.h"
 #include "values/text.h"
 
 namespace embedded {
@@ -19,45 +20,13 @@ namespace {
 using Kind = SqlScanner::Kind;
 using Token = SqlScanner::Token;
 
-constexpr std::string_view kQuotes = "'\"";
-constexpr std::string_view kTable = "sys_procedureparameters";
-
-std::vector<Token> tokensOf(std::string_view sql, const Dialect& dialect) {
-    std::vector<Token> tokens;
-    SqlScanner scanner(sql, dialect.syntax);
-    for (Token token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
-        tokens.push_back(token);
-    }
-    while (!tokens.empty() && tokens.back().text == ";") tokens.pop_back();
-    return tokens;
-}
+constexpr std::string_view kTable = kProcedureParametersTable;
 
 bool isWord(const Token& token, std::string_view word) noexcept {
     return token.kind == Kind::Word && sameWord(token.text, word);
 }
 
-bool isName(const Token& token) noexcept {
-    return token.kind == Kind::Word || token.kind == Kind::QuotedName;
-}
-
-/// What stands between quotes, doubled ones taken once.
-std::string unquoted(std::string_view text) {
-    const char close = text.back();
-    std::string result;
-    for (size_t i = 1; i + 1 < text.size(); ++i) {
-        result += text[i];
-        if (text[i] == close) ++i;
-    }
-    return result;
-}
-
 // ---- the catalogue
-
-/// One input parameter of a procedure.
-struct Parameter {
-    std::string name;
-    std::string typeName;
-};
 
 /// "schema.name", each part as it stands in the catalogue.
 struct ProcedureName {
@@ -65,25 +34,18 @@ struct ProcedureName {
     std::string name;
 };
 
-/// A name as the catalogue has it: what is not quoted is folded as the server does.
-std::string catalogued(const OdbcSession& session, const Token& token) {
-    if (token.kind == Kind::QuotedName) return unquoted(token.text);
-    std::string name(token.text);
+/// The name that comes, if one does. What is not quoted is folded as the server does.
+std::optional<ProcedureName> takeName(const OdbcSession& session, SqlReader& reader) {
     const SQLUINTEGER fold = session.numberInfo(SQL_IDENTIFIER_CASE);
-    if (fold == SQL_IC_UPPER) return upper(name);
-    return fold == SQL_IC_LOWER ? lower(name) : name;
-}
-
-/// The name that starts at `at`, which is moved behind it.
-std::optional<ProcedureName> takeName(const OdbcSession& session, const std::vector<Token>& tokens,
-                                      size_t& at) {
     std::vector<std::string> parts;
-    for (;;) {
-        if (at >= tokens.size() || !isName(tokens[at])) return std::nullopt;
-        parts.push_back(catalogued(session, tokens[at++]));
-        if (at >= tokens.size() || tokens[at].text != ".") break;
-        ++at;
-    }
+    do {
+        if (!reader.isName()) return std::nullopt;
+        const bool isQuoted = reader.token().kind == Kind::QuotedName;
+        std::string part = reader.name("a procedure's name");
+        if (!isQuoted && fold == SQL_IC_UPPER) part = upper(part);
+        if (!isQuoted && fold == SQL_IC_LOWER) part = lower(part);
+        parts.push_back(std::move(part));
+    } while (reader.accept("."));
     ProcedureName name{std::nullopt, parts.back()};
     if (parts.size() > 1) name.qualifier = parts[parts.size() - 2];
     return name;
@@ -118,7 +80,7 @@ std::string textOf(ResultSet& rows, int column) {
 }
 
 /// The input parameters of a procedure in their order. Empty also for one that does not exist.
-std::vector<Parameter> parametersOf(OdbcSession& session, const ProcedureName& name) {
+std::vector<ProcedureParameter> parametersOf(OdbcSession& session, const ProcedureName& name) {
     constexpr int kSchema = 1;
     constexpr int kName = 3;
     constexpr int kKind = 4;
@@ -133,7 +95,7 @@ std::vector<Parameter> parametersOf(OdbcSession& session, const ProcedureName& n
                         std::string(error.what()),
                     error.native());
     }
-    std::vector<Parameter> parameters;
+    std::vector<ProcedureParameter> parameters;
     std::string schema;
     std::int64_t last = 0;
     while (rows->next()) {
@@ -155,113 +117,22 @@ std::vector<Parameter> parametersOf(OdbcSession& session, const ProcedureName& n
     return parameters;
 }
 
-// ---- calls
-
-struct Argument {
-    std::string name;  ///< empty: by position
-    std::string_view value;
-};
-
-/// The name in front of "=", as `a`, `@a` or `:a`.
-std::string argumentName(const OdbcSession& session, const Token& token) {
-    if (token.kind == Kind::Variable) return std::string(token.text.substr(1));
-    return token.kind == Kind::QuotedName ? catalogued(session, token) : std::string(token.text);
-}
-
-/// The text from the first to the last of some tokens.
-std::string_view span(const Token& first, const Token& last) noexcept {
-    return {first.text.data(),
-            static_cast<size_t>(last.text.data() + last.text.size() - first.text.data())};
-}
-
-std::vector<Argument> argumentsOf(const OdbcSession& session, const std::vector<Token>& tokens,
-                                  size_t at) {
-    std::vector<Argument> arguments;
-    while (at < tokens.size()) {
-        size_t end = at;
-        for (int depth = 0; end < tokens.size() && (depth > 0 || tokens[end].text != ","); ++end) {
-            if (tokens[end].text == "(" || tokens[end].text == "[") ++depth;
-            if (tokens[end].text == ")" || tokens[end].text == "]") --depth;
-        }
-        Argument argument;
-        const bool named = end > at + 1 && tokens[at + 1].text == "=" &&
-                           (isName(tokens[at]) || tokens[at].kind == Kind::Variable);
-        if (named) {
-            argument.name = argumentName(session, tokens[at]);
-            at += 2;
-        }
-        if (end == at || end + 1 == tokens.size()) {
-            throw Error("42000", "EXECUTE: an argument has no value.");
-        }
-        argument.value = span(tokens[at], tokens[end - 1]);
-        arguments.push_back(std::move(argument));
-        at = end + 1;
-    }
-    return arguments;
-}
-
-/// The values of `arguments` in the order of the parameters.
-std::vector<std::string_view> inOrder(const std::vector<Argument>& arguments,
-                                      const std::vector<Parameter>& parameters,
-                                      const std::string& procedure) {
-    const auto refuse = [&procedure](const char* what, const std::string& name) {
-        throw Error("42000",
-                    "EXECUTE " + quoted(procedure) + ": " + what + " " + quoted(name) + ".");
-    };
-    std::vector<std::string_view> values(parameters.size());
-    size_t position = 0;
-    for (const Argument& argument : arguments) {
-        size_t index = position++;
-        if (!argument.name.empty()) {
-            const auto found = std::find_if(parameters.begin(), parameters.end(),
-                                            [&argument](const Parameter& parameter) {
-                                                std::string_view name = parameter.name;
-                                                if (name.starts_with('@')) name.remove_prefix(1);
-                                                return sameWord(name, argument.name);
-                                            });
-            if (found == parameters.end()) refuse("there is no parameter", argument.name);
-            index = static_cast<size_t>(found - parameters.begin());
-        }
-        if (index >= values.size()) {
-            refuse("there is no parameter", std::to_string(index + 1));
-        }
-        if (!values[index].empty()) refuse("two values for", parameters[index].name);
-        values[index] = argument.value;
-    }
-    for (size_t i = 0; i < values.size(); ++i) {
-        if (values[i].empty()) refuse("no value for", parameters[i].name);
-    }
-    return values;
-}
-
 // ---- the table of parameters
-
-struct TableColumn {
-    std::string_view name;
-    SQLSMALLINT sqlType;
-};
-
-constexpr TableColumn kColumns[] = {
-    {"ProcedureName", SQL_WVARCHAR},
-    {"ColumnName", SQL_WVARCHAR},
-    {"OrdinalPosition", SQL_BIGINT},
-    {"DataTypeName", SQL_WVARCHAR},
-};
 
 /// A question for the parameters of one procedure.
 class ParameterQuery final : public Program {
   public:
-    ParameterQuery(OdbcSession& session, std::vector<size_t> selected, std::string_view value)
-        : m_session(session), m_selected(std::move(selected)) {
-        if (value.starts_with('\'') || value.starts_with('"')) {
-            m_name = unquoted(value);
-        } else {
-            m_marker = markedSql(value, session.dialect()).parameters;
-        }
+    /// The name stands in the text or, where that is null, is the value of a marker.
+    ParameterQuery(OdbcSession& session, std::vector<size_t> selected,
+                   std::optional<std::string> name, int marker)
+        : m_session(session),
+          m_selected(std::move(selected)),
+          m_name(std::move(name)),
+          m_marker(marker) {
         for (const size_t index : m_selected) {
             Column column;
-            column.name = kColumns[index].name;
-            column.type = plain(kColumns[index].sqlType);
+            column.name = kProcedureParametersColumns[index].name;
+            column.type = plain(kProcedureParametersColumns[index].sqlType);
             column.nullable = SQL_NO_NULLS;
             m_columns.push_back(std::move(column));
         }
@@ -276,8 +147,8 @@ class ParameterQuery final : public Program {
     OdbcSession& m_session;
     const std::vector<size_t> m_selected;
     std::vector<Column> m_columns;
-    std::string m_name;
-    int m_marker = 0;  ///< of the name; 0: it stands in the text
+    const std::optional<std::string> m_name;
+    const int m_marker;  ///< 0: there is none
 };
 
 Outcome ParameterQuery::execute(ParameterSets& sets, const ExecutionOptions&) {
@@ -286,15 +157,13 @@ Outcome ParameterQuery::execute(ParameterSets& sets, const ExecutionOptions&) {
     }
     sets.require(m_marker);
     sets.started(0);
-    std::string name = m_name;
-    if (m_marker > 0) name = sets.value(0, m_marker).bytes;
-    const std::vector<Token> tokens = tokensOf(name, m_session.dialect());
-    size_t end = 0;
-    const auto parsed = takeName(m_session, tokens, end);
+    const std::string name = m_name ? *m_name : std::string(sets.value(0, m_marker).bytes);
+    SqlReader reader(name, m_session.dialect().syntax);
+    const auto parsed = takeName(m_session, reader);
     auto rows = std::make_unique<StoredRows>(m_columns);
-    const std::vector<Parameter> parameters = parsed && end == tokens.size()
-                                                  ? parametersOf(m_session, *parsed)
-                                                  : std::vector<Parameter>();
+    const std::vector<ProcedureParameter> parameters = parsed && reader.atEnd()
+                                                           ? parametersOf(m_session, *parsed)
+                                                           : std::vector<ProcedureParameter>();
     const auto text = [](std::string_view value) {
         Cell cell;
         cell.kind = Cell::Kind::Text;
@@ -302,11 +171,11 @@ Outcome ParameterQuery::execute(ParameterSets& sets, const ExecutionOptions&) {
         return cell;
     };
     std::int64_t ordinal = 0;
-    for (const Parameter& parameter : parameters) {
+    for (const ProcedureParameter& parameter : parameters) {
         Cell position;
         position.kind = Cell::Kind::Integer;
         position.integer = ++ordinal;
-        const Cell all[] = {text(name), text(parameter.name), position, text(parameter.typeName)};
+        const Cell all[] = {text(name), text(parameter.name), position, text(parameter.type)};
         std::vector<Cell> row;
         for (const size_t index : m_selected) row.push_back(all[index]);
         rows->append(row);
@@ -326,78 +195,67 @@ std::optional<std::vector<size_t>> selectedColumns(const std::vector<Token>& tok
             continue;
         }
         if (tokens[i].text == "*") {
-            for (size_t all = 0; all < std::size(kColumns); ++all) selected.push_back(all);
+            for (size_t all = 0; all < std::size(kProcedureParametersColumns); ++all)
+                selected.push_back(all);
             continue;
         }
-        const auto found =
-            std::find_if(std::begin(kColumns), std::end(kColumns),
-                         [&](const TableColumn& column) { return isWord(tokens[i], column.name); });
-        if (found == std::end(kColumns)) return std::nullopt;
-        selected.push_back(static_cast<size_t>(found - std::begin(kColumns)));
+        const auto found = std::find_if(
+            std::begin(kProcedureParametersColumns), std::end(kProcedureParametersColumns),
+            [&](const SystemColumn& column) { return isWord(tokens[i], column.name); });
+        if (found == std::end(kProcedureParametersColumns)) return std::nullopt;
+        selected.push_back(static_cast<size_t>(found - std::begin(kProcedureParametersColumns)));
     }
     return from % 2 == 0 ? std::make_optional(std::move(selected)) : std::nullopt;
 }
 
 }  // namespace
 
-std::optional<DriverCall> driverCall(OdbcSession& session, std::string_view sql) {
-    const Dialect& dialect = session.dialect();
-    {
-        SqlScanner scanner(sql, dialect.syntax);
-        const Token first = scanner.next();
-        if (!isWord(first, "EXECUTE") && !isWord(first, "EXEC")) return std::nullopt;
+std::optional<DriverCall> driverCall(OdbcSession& session, const StatementText& text) {
+    const std::vector<Token>& all = text.tokens();
+    if (all.empty() || (!isWord(all[0], "EXECUTE") && !isWord(all[0], "EXEC"))) return std::nullopt;
+    const std::string numbered = text.numbered();
+    SqlReader reader(numbered, text.syntax());
+    acceptExecute(reader);
+    if (reader.is("IMMEDIATE")) return std::nullopt;
+    const size_t begin = reader.begin();
+    const auto name = takeName(session, reader);
+    if (!name || reader.is("(") || reader.is("USING")) return std::nullopt;
+    std::string call = std::string(reader.from(begin)) + "(";
+    const std::vector<Argument> arguments = parseArguments(reader, ArgumentValues::Any);
+    std::vector<size_t> order(arguments.size());
+    std::iota(order.begin(), order.end(), size_t{0});
+    // Without names nobody has to be asked for the order.
+    if (!arguments.empty() && !arguments.back().name.empty()) {
+        order = matchArguments(name->name, parametersOf(session, *name), arguments);
     }
-    const std::string numbered = numberedSql(sql, dialect);
-    const std::vector<Token> tokens = tokensOf(numbered, dialect);
-    size_t at = 1;
-    if (at >= tokens.size() || isWord(tokens[at], "IMMEDIATE")) return std::nullopt;
-    const auto name = takeName(session, tokens, at);
-    if (!name) return std::nullopt;
-    const std::string_view spelling = span(tokens[1], tokens[at - 1]);
-    if (at < tokens.size() && (tokens[at].text == "(" || isWord(tokens[at], "USING"))) {
-        return std::nullopt;
+    for (size_t i = 0; i < order.size(); ++i) {
+        call += (i == 0 ? "" : ", ") + arguments[order[i]].value;
     }
-    const std::vector<Argument> arguments = argumentsOf(session, tokens, at);
-    std::vector<std::string_view> values;
-    const bool named = std::any_of(arguments.begin(), arguments.end(),
-                                   [](const Argument& argument) { return !argument.name.empty(); });
-    if (named) {
-        values = inOrder(arguments, parametersOf(session, *name), name->name);
-    } else {
-        for (const Argument& argument : arguments) values.push_back(argument.value);
-    }
-    std::string text = std::string(spelling) + "(";
-    for (const std::string_view value : values) {
-        if (value.data() != values.front().data()) text += ", ";
-        text += value;
-    }
-    text += ')';
-    return DriverCall{"{call " + text + "}", "CALL " + text};
+    call += ')';
+    return DriverCall{"{call " + call + "}", "CALL " + call};
 }
 
-std::unique_ptr<Program> prepareParameterQuery(OdbcSession& session, std::string_view sql) {
-    // Most statements are let go without being read.
-    const auto sameLetter = [](char a, char b) { return sameWord({&a, 1}, {&b, 1}); };
-    if (std::search(sql.begin(), sql.end(), kTable.begin(), kTable.end(), sameLetter) == sql.end())
-        return nullptr;
-    const std::vector<Token> tokens = tokensOf(sql, session.dialect());
+std::unique_ptr<Program> prepareParameterQuery(OdbcSession& session, const StatementText& text) {
+    const std::vector<Token>& tokens = text.tokens();
     const auto table = std::find_if(tokens.begin(), tokens.end(),
                                     [](const Token& token) { return isWord(token, kTable); });
     if (table == tokens.end()) return nullptr;
     const auto at = static_cast<size_t>(table - tokens.begin());
-    const auto selected = at > 1 ? selectedColumns(tokens, at - 1) : std::nullopt;
-    const bool understood = selected && isWord(tokens[0], "SELECT") &&
-                            isWord(tokens[at - 1], "FROM") && tokens.size() == at + 5 &&
-                            isWord(tokens[at + 1], "WHERE") &&
-                            isWord(tokens[at + 2], "ProcedureName") && tokens[at + 3].text == "=" &&
-                            (tokens[at + 4].kind == Kind::Marker ||
-                             (tokens[at + 4].kind == Kind::String &&
-                              kQuotes.find(tokens[at + 4].text.front()) != std::string_view::npos));
-    if (!understood) {
-        throw notSupported(std::string(kTable) + " can only be asked as SELECT columns FROM " +
-                           std::string(kTable) + " WHERE ProcedureName = 'name'.");
+    auto selected = at > 1 ? selectedColumns(tokens, at - 1) : std::nullopt;
+    if (selected && isWord(tokens[0], "SELECT") && isWord(tokens[at - 1], "FROM") &&
+        tokens.size() == at + 5 && isWord(tokens[at + 1], "WHERE") &&
+        isWord(tokens[at + 2], "ProcedureName") && tokens[at + 3].text == "=") {
+        const Token& value = tokens[at + 4];
+        const bool isMarker = value.kind == Kind::Marker;
+        const bool isString = value.text.front() == '\'' || value.text.front() == '"';
+        auto name = value.kind == Kind::String && isString ? unquoted(value.text) : std::nullopt;
+        if (isMarker || name) {
+            return std::make_unique<ParameterQuery>(session, std::move(*selected), std::move(name),
+                                                    text.marked().parameters);
+        }
     }
-    return std::make_unique<ParameterQuery>(session, *selected, tokens[at + 4].text);
+    throw notSupported(std::string(kTable) + " can only be asked as SELECT columns FROM " +
+                       std::string(kTable) + " WHERE ProcedureName = 'name'.");
 }
 
 }  // namespace embedded

@@ -189,7 +189,8 @@ bool OdbcProgram::callOtherwise(const Error& error) {
     const char* const wrongCall = m_session.dialect().wrongCall;
     if (!m_call || m_call->statement.empty() || !wrongCall || error.state() != wrongCall)
         return false;
-    m_sql = markedSql(std::exchange(m_call->statement, {}), m_session.dialect());
+    const std::string statement = std::exchange(m_call->statement, {});
+    m_sql = StatementText(statement, m_session.dialect()).marked();
     m_statement->prepared = m_statement->executed = false;
     return true;
 }
@@ -444,17 +445,18 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
     session.require();
     sql = sql.substr(0, sql.find_last_not_of('\0') + 1);
     refuseNul(sql, "statement");
+    const StatementText text(sql, session.dialect());
     for (const UnreadableStatement& pattern : session.habits().unreadable) {
-        if (isUnreadable(sql, pattern, session.dialect())) {
+        if (text.isUnreadable(pattern)) {
             throw notSupported("The driver cannot read what this statement answers.");
         }
     }
-    if (auto program = prepareParameterQuery(session, sql)) return program;
-    auto call = driverCall(session, sql);
-    const Dialect& dialect = session.dialect();
-    MarkedSql marked = markedSql(call ? std::string_view(call->escape) : sql, dialect);
-    return std::make_unique<OdbcProgram>(transactions, idle, std::move(marked),
-                                         kindOfStatement(sql, dialect), std::move(call));
+    if (auto program = prepareParameterQuery(session, text)) return program;
+    auto call = driverCall(session, text);
+    MarkedSql marked =
+        call ? StatementText(call->escape, session.dialect()).marked() : text.marked();
+    return std::make_unique<OdbcProgram>(transactions, idle, std::move(marked), text.kind(),
+                                         std::move(call));
 }
 
 }  // namespace embedded

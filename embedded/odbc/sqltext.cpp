@@ -1,9 +1,9 @@
 #include "odbc/sqltext.h"
 
 #include <sql.h>
+
 #include <algorithm>
 #include <charconv>
-
 #include <limits>
 
 #include "core/error.h"
@@ -16,17 +16,10 @@ bool isDigit(char c) noexcept {
     return c >= '0' && c <= '9';
 }
 
-/// A token and the one behind it.
-WordPair nextPair(SqlScanner& scanner, std::string_view first) noexcept {
-    return {first, scanner.next().text};
-}
-
 bool matches(const WordPair& words, const WordPair& pattern) noexcept {
     return sameWord(words.first, pattern.first) &&
            (pattern.second.empty() || sameWord(words.second, pattern.second));
 }
-
-}  // namespace
 
 /// Callers that number markers themselves do not know this kind of string, and have changed what
 /// stood in it: it must not reach the server.
@@ -41,16 +34,36 @@ void refuseMarkers(std::string_view dollarQuoted) {
     }
 }
 
-/// `sql` with what `spell` makes of their numbers in place of its markers.
+}  // namespace
+
+StatementText::StatementText(std::string_view sql, const Dialect& dialect)
+    : m_sql(sql), m_syntax(dialect.syntax) {
+    SqlScanner scanner(sql, m_syntax);
+    for (Token token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
+        m_tokens.push_back(token);
+    }
+    while (!m_tokens.empty() && m_tokens.back().text == ";") m_tokens.pop_back();
+}
+
+/// A token and the one behind it.
+WordPair StatementText::pairAt(size_t index) const noexcept {
+    const auto text = [this](size_t i) {
+        return i < m_tokens.size() ? m_tokens[i].text : std::string_view();
+    };
+    return {text(index), text(index + 1)};
+}
+
+// ---- markers
+
+/// The text with what `spell` makes of their numbers in place of its markers.
 template <class Spell>
-MarkedSql respelled(std::string_view sql, const Dialect& dialect, Spell&& spell) {
+MarkedSql StatementText::respelled(Spell&& spell) const {
     MarkedSql result;
-    result.text.reserve(sql.size());
-    SqlScanner scanner(sql, dialect.syntax);
+    result.text.reserve(m_sql.size());
     size_t copied = 0;
-    for (auto token = scanner.next(); token.kind != SqlScanner::Kind::End; token = scanner.next()) {
+    for (const Token& token : m_tokens) {
         if (token.text.front() == '$') refuseMarkers(token.text);
-        if (token.kind != SqlScanner::Kind::Marker) continue;
+        if (token.kind != Kind::Marker) continue;
         constexpr int kMost = std::numeric_limits<SQLUSMALLINT>::max();
         int number = result.parameters + 1;
         if (token.text.size() > 1) {
@@ -62,50 +75,48 @@ MarkedSql respelled(std::string_view sql, const Dialect& dialect, Spell&& spell)
             throw Error("07009", "The marker " + std::string(token.text) + " has no valid number.",
                         native::kRange);
         }
-        const size_t start = scanner.position() - token.text.size();
-        result.text += sql.substr(copied, start - copied);
+        const auto start = static_cast<size_t>(token.text.data() - m_sql.data());
+        result.text += m_sql.substr(copied, start - copied);
         result.text += spell(number);
-        copied = scanner.position();
+        copied = start + token.text.size();
         result.numbers.push_back(number);
         result.parameters = std::max(result.parameters, number);
     }
-    result.text += sql.substr(copied);
+    result.text += m_sql.substr(copied);
     return result;
 }
 
-MarkedSql markedSql(std::string_view sql, const Dialect& dialect) {
-    return respelled(sql, dialect, [](int) { return '?'; });
+MarkedSql StatementText::marked() const {
+    return respelled([](int) { return '?'; });
 }
 
-std::string numberedSql(std::string_view sql, const Dialect& dialect) {
-    const auto spell = [](int number) { return "@" + std::to_string(number) + " "; };
-    return respelled(sql, dialect, spell).text;
+std::string StatementText::numbered() const {
+    return respelled([](int number) { return "@" + std::to_string(number) + " "; }).text;
 }
 
-bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
-                  const Dialect& dialect) noexcept {
-    const bool several = sql.find(';') != std::string_view::npos;
-    SqlScanner scanner(sql, dialect.syntax);
-    for (std::string_view first = scanner.next().text; !first.empty();
-         first = scanner.next().text) {
-        if (first == ";") continue;
-        WordPair words = nextPair(scanner, first);
-        const bool started = matches(words, pattern.start);
-        if (started && pattern.inside.first.empty()) return true;
-        if (!started && !several) return false;
-        while (!words.second.empty() && words.second != ";") {
-            words = nextPair(scanner, words.second);
-            if (started && matches(words, pattern.inside)) return true;
+// ---- what it does
+
+bool StatementText::isUnreadable(const UnreadableStatement& pattern) const noexcept {
+    const auto isEnd = [](const Token& token) { return token.text == ";"; };
+    for (size_t first = 0; first < m_tokens.size();) {
+        const auto begin = m_tokens.begin() + static_cast<std::ptrdiff_t>(first);
+        const auto end =
+            static_cast<size_t>(std::find_if(begin, m_tokens.end(), isEnd) - m_tokens.begin());
+        if (matches(pairAt(first), pattern.start)) {
+            if (pattern.inside.first.empty()) return true;
+            for (size_t i = first + 1; i < end; ++i) {
+                if (matches(pairAt(i), pattern.inside)) return true;
+            }
         }
+        first = end + 1;
     }
     return false;
 }
 
 /// The kind of a COMMIT or ROLLBACK, which may go back to a savepoint or begin anew.
-StatementKind kindOfEnd(StatementKind kind, std::string_view sql, const Dialect& dialect) noexcept {
-    SqlScanner scanner(sql, dialect.syntax);
+StatementKind StatementText::kindOfEnd(StatementKind kind) const noexcept {
     bool stays = false;
-    for (auto token = scanner.next(); !token.text.empty(); token = scanner.next()) {
+    for (const Token& token : m_tokens) {
         if (sameWord(token.text, "TO")) return StatementKind::Savepoint;
         if (sameWord(token.text, "CHAIN") && !stays) return StatementKind::Begin;
         stays = sameWord(token.text, "NO");
@@ -113,7 +124,7 @@ StatementKind kindOfEnd(StatementKind kind, std::string_view sql, const Dialect&
     return kind;
 }
 
-StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noexcept {
+StatementKind StatementText::kind() const noexcept {
     struct Entry {
         WordPair words;
         StatementKind kind;
@@ -139,13 +150,10 @@ StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noex
         {{"SAVEPOINT", ""}, Savepoint},
         {{"RELEASE", ""}, Savepoint},
     };
-    SqlScanner scanner(sql, dialect.syntax);
-    const WordPair words = nextPair(scanner, scanner.next().text);
+    const WordPair words = pairAt(0);
     for (const Entry& entry : kEntries) {
-        if (matches(words, entry.words))
-            return entry.kind == Commit || entry.kind == Rollback
-                       ? kindOfEnd(entry.kind, sql, dialect)
-                       : entry.kind;
+        if (!matches(words, entry.words)) continue;
+        return entry.kind == Commit || entry.kind == Rollback ? kindOfEnd(entry.kind) : entry.kind;
     }
     return Other;
 }

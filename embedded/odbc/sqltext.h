@@ -16,19 +16,6 @@ struct MarkedSql {
     int parameters = 0;        ///< the largest number
 };
 
-/// `sql` with its markers "@1", "@2", … and "?" rewritten. A "?" counts on from the largest number
-/// so far. Throws 07009 for a number beyond 65535, and 42000 for a marker "@1" within a
-/// dollar-quoted string.
-MarkedSql markedSql(std::string_view sql, const Dialect& dialect);
-
-/// `sql` with every marker written as "@1 ", "@2 ", …, so that its parts may change places. Throws
-/// as `markedSql`.
-std::string numberedSql(std::string_view sql, const Dialect& dialect);
-
-/// Whether one of the statements in `sql` is one that `pattern` describes.
-bool isUnreadable(std::string_view sql, const UnreadableStatement& pattern,
-                  const Dialect& dialect) noexcept;
-
 /// What a statement does to the rows and to the transaction, by its first words.
 enum class StatementKind {
     Other,
@@ -40,6 +27,42 @@ enum class StatementKind {
     Savepoint,  ///< SAVEPOINT, RELEASE, ROLLBACK TO
 };
 
-StatementKind kindOfStatement(std::string_view sql, const Dialect& dialect) noexcept;
+/// A statement's text, which must outlive it, split into tokens once; all that is to be known of it
+/// is told by them.
+class StatementText {
+  public:
+    using Kind = SqlScanner::Kind;
+    using Token = SqlScanner::Token;
+
+    StatementText(std::string_view sql, const Dialect& dialect);
+
+    /// Without semicolons at the end.
+    const std::vector<Token>& tokens() const noexcept { return m_tokens; }
+    const SqlSyntax& syntax() const noexcept { return m_syntax; }
+
+    StatementKind kind() const noexcept;
+
+    /// Whether one of its statements is one that `pattern` describes.
+    bool isUnreadable(const UnreadableStatement& pattern) const noexcept;
+
+    /// The text with its markers "@1", "@2", … and "?" rewritten. A "?" counts on from the largest
+    /// number so far. Throws 07009 for a number beyond 65535, and 42000 for a marker "@1" within a
+    /// dollar-quoted string.
+    MarkedSql marked() const;
+
+    /// The text with every marker written as "@1 ", "@2 ", …, so that its parts may change places.
+    /// Throws as `marked`.
+    std::string numbered() const;
+
+  private:
+    template <class Spell>
+    MarkedSql respelled(Spell&& spell) const;
+    WordPair pairAt(size_t index) const noexcept;
+    StatementKind kindOfEnd(StatementKind kind) const noexcept;
+
+    std::string_view m_sql;
+    const SqlSyntax& m_syntax;
+    std::vector<Token> m_tokens;
+};
 
 }  // namespace embedded

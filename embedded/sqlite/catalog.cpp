@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/describe.h"
+#include "sql/procedures.h"
 #include "sqlite/origin.h"
 #include "sqlite/schemaguard.h"
 #include "sqlite/sqliteerror.h"

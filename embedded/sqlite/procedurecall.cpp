@@ -1,21 +1,10 @@
 #include "sqlite/procedurecall.h"
 
-#include <algorithm>
-
 #include "core/error.h"
-#include "core/message.h"
 #include "sqlite/procedurestore.h"
+#include "values/text.h"
 
 namespace embedded {
-namespace {
-
-constexpr size_t kNone = static_cast<size_t>(-1);
-
-Error callError(const ProcedureDefinition& procedure, const std::string& what) {
-    return {"42000", "Procedure " + quoted(procedure.name) + " " + what + "."};
-}
-
-}  // namespace
 
 ProcedureDefinition loadProcedure(sqlite3* db, const std::string& name) {
     const auto stored = storedProcedure(db, name);
@@ -30,35 +19,12 @@ ProcedureDefinition loadProcedure(sqlite3* db, const std::string& name) {
 
 std::vector<size_t> matchArguments(const ProcedureDefinition& procedure,
                                    const ProcedureCall& call) {
-    const size_t count = procedure.parameters.size();
-    std::vector<size_t> arguments(count, kNone);
-    for (size_t i = 0; i < call.arguments.size(); ++i) {
-        const std::string& name = call.arguments[i].name;
-        if (name.empty() && i >= count) {
-            throw callError(procedure, "has " + std::to_string(count) +
-                                           " parameter(s); there is none for argument " +
-                                           std::to_string(i + 1));
-        }
-        const size_t index = name.empty() ? i : procedure.indexOf(name).value_or(kNone);
-        if (index == kNone) throw callError(procedure, "has no parameter " + quoted(name));
-        if (arguments[index] != kNone) {
-            throw callError(procedure, "is given two values for its parameter " +
-                                           quoted(procedure.parameters[index].name));
-        }
-        arguments[index] = i;
-    }
-    const auto missing = std::find(arguments.begin(), arguments.end(), kNone);
-    if (missing != arguments.end()) {
-        const auto index = static_cast<size_t>(missing - arguments.begin());
-        throw callError(procedure, "is given no value for its parameter " +
-                                       quoted(procedure.parameters[index].name));
-    }
-    return arguments;
+    return matchArguments(procedure.name, procedure.parameters, call.arguments);
 }
 
 std::string argumentQuery(const ProcedureCall& call) {
     std::string sql;
-    for (const ProcedureCall::Argument& argument : call.arguments) {
+    for (const Argument& argument : call.arguments) {
         sql += (sql.empty() ? "SELECT " : ", ") + argument.value;
     }
     return sql.empty() ? "SELECT NULL" : sql;
@@ -74,9 +40,9 @@ std::vector<size_t> matchMarkers(sqlite3_stmt* statement, const ProcedureDefinit
                                      " has no meaning in a procedure; a parameter is written with "
                                      "a $ in front of its name.");
         }
-        const auto index = procedure.indexOf(text.substr(1));
+        const auto index = indexOf(procedure.parameters, text.substr(1));
         if (!index) {
-            throw callError(procedure, "has no parameter " + quoted(text.substr(1)));
+            throw callError(procedure.name, "has no parameter " + quoted(text.substr(1)));
         }
         parameters[i] = *index;
     }

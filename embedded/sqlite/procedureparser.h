@@ -6,22 +6,16 @@
 #include <variant>
 #include <vector>
 
-namespace embedded {
+#include "sql/procedures.h"
 
-struct ProcedureParameter {
-    std::string name;  ///< without the $ under which the body knows it
-    std::string type;  ///< as declared; may be empty
-};
+namespace embedded {
 
 /// CREATE [OR REPLACE] PROCEDURE name [(parameter [type], …)] AS statement; …
 struct ProcedureDefinition {
     std::string name;
     bool replaces = false;
-    std::vector<ProcedureParameter> parameters;
-    std::vector<std::string> body;  ///< its statements, at least one
-
-    /// The position of the parameter `name`, ASCII letters in any case.
-    std::optional<size_t> indexOf(std::string_view parameter) const noexcept;
+    std::vector<ProcedureParameter> parameters;  ///< the body knows them with a $ in front
+    std::vector<std::string> body;               ///< its statements, at least one
 };
 
 /// DROP PROCEDURE [IF EXISTS] name
@@ -32,10 +26,6 @@ struct ProcedureRemoval {
 
 /// EXEC[UTE] name [[parameter =] value, …]; a value is a literal or stands for one.
 struct ProcedureCall {
-    struct Argument {
-        std::string name;   ///< empty for a positional one; these come first
-        std::string value;  ///< SQL text
-    };
     std::string name;
     std::vector<Argument> arguments;
 };

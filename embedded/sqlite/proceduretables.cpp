@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <new>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -12,7 +13,6 @@
 #include "core/error.h"
 #include "sqlite/procedureparser.h"
 #include "sqlite/procedurestore.h"
-#include "sqlite/schemaguard.h"
 #include "sqlite/sqliteerror.h"
 
 namespace embedded {
@@ -58,18 +58,25 @@ std::vector<Row> parameterRows(sqlite3* db) {
 
 struct SystemTable {
     std::string_view name;
-    const char* declaration;
+    std::span<const SystemColumn> columns;
     std::vector<Row> (*rows)(sqlite3* db);
 };
 
 constexpr SystemTable kTables[] = {
-    {kProceduresTable, "CREATE TABLE t (ProcedureName TEXT COLLATE NOCASE, Definition TEXT)",
-     procedureRows},
-    {kProcedureParametersTable,
-     "CREATE TABLE t (ProcedureName TEXT COLLATE NOCASE, ColumnName TEXT COLLATE NOCASE,"
-     " OrdinalPosition INTEGER, DataTypeName TEXT)",
-     parameterRows},
+    {kProceduresTable, kProceduresColumns, procedureRows},
+    {kProcedureParametersTable, kProcedureParametersColumns, parameterRows},
 };
+
+/// The table as SQLite wants to be told of it.
+std::string declarationOf(const SystemTable& table) {
+    std::string sql;
+    for (const SystemColumn& column : table.columns) {
+        sql += (sql.empty() ? "CREATE TABLE t (" : ", ") + std::string(column.name);
+        sql += column.sqlType == SQL_BIGINT ? " INTEGER" : " TEXT";
+        if (column.isName) sql += " COLLATE NOCASE";
+    }
+    return sql + ")";
+}
 
 struct Connected : sqlite3_vtab {
     sqlite3* db;
@@ -83,14 +90,13 @@ struct Cursor : sqlite3_vtab_cursor {
 
 int connect(sqlite3* db, void* table, int, const char* const*, sqlite3_vtab** made, char**) {
     const auto* system = static_cast<const SystemTable*>(table);
-    const int result = sqlite3_declare_vtab(db, system->declaration);
-    if (result != SQLITE_OK) return result;
-    auto* connected = new (std::nothrow) Connected{};
-    if (!connected) return SQLITE_NOMEM;
-    connected->db = db;
-    connected->table = system;
-    *made = connected;
-    return SQLITE_OK;
+    try {
+        const int result = sqlite3_declare_vtab(db, declarationOf(*system).c_str());
+        if (result == SQLITE_OK) *made = new Connected{{}, db, system};
+        return result;
+    } catch (const std::bad_alloc&) {
+        return SQLITE_NOMEM;
+    }
 }
 
 int disconnect(sqlite3_vtab* table) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "sql/procedures.h"
 #include "values/text.h"
 
 namespace embedded {

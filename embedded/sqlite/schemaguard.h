@@ -7,10 +7,8 @@
 
 namespace embedded {
 
-/// The table that holds the procedures, and the tables that show them.
+/// The table that holds the procedures.
 inline constexpr std::string_view kProcedureStore = "vorda_procedures";
-inline constexpr std::string_view kProceduresTable = "sys_procedures";
-inline constexpr std::string_view kProcedureParametersTable = "sys_procedureparameters";
 
 /// Whether a table of this name belongs to the runtime.
 bool isSystemName(std::string_view name) noexcept;

@@ -30,9 +30,10 @@ void checkScanner(const std::string& sql, const embedded::Dialect& dialect) {
     // No terminator: the length alone must hold the scanner back.
     const std::vector<char> exact(sql.begin(), sql.end());
     checkTokens({exact.data(), exact.size()}, dialect, true);
-    fuzz::tell(static_cast<int>(embedded::kindOfStatement(sql, dialect)));
+    const embedded::StatementText text(sql, dialect);
+    fuzz::tell(static_cast<int>(text.kind()));
     try {
-        const embedded::MarkedSql marked = embedded::markedSql(sql, dialect);
+        const embedded::MarkedSql marked = text.marked();
         fuzz::tell(marked.text, marked.parameters);
         for (const int number : marked.numbers) {
             fuzz::tell(number);
@@ -42,8 +43,8 @@ void checkScanner(const std::string& sql, const embedded::Dialect& dialect) {
         if (sql.find("@?") != std::string::npos) return;
         require(checkTokens(marked.text, dialect, false) == marked.numbers.size(),
                 "as many markers as numbers");
-        const std::string numbered = embedded::numberedSql(sql, dialect);
-        require(embedded::markedSql(numbered, dialect).numbers == marked.numbers,
+        const std::string numbered = text.numbered();
+        require(embedded::StatementText(numbered, dialect).marked().numbers == marked.numbers,
                 "numbers that are spelt out stay");
     } catch (const embedded::Error& error) {
         fuzz::tell(error.state());

@@ -166,7 +166,7 @@ std::string print(const ProcedureRemoval& removal) {
 }
 std::string print(const ProcedureCall& call) {
     std::string text = "EXECUTE " + quotedName(call.name);
-    for (const ProcedureCall::Argument& argument : call.arguments) {
+    for (const Argument& argument : call.arguments) {
         text += &argument == &call.arguments.front() ? " " : ",";
         if (!argument.name.empty()) text += "@" + argument.name + "=";
         text += argument.value;
@@ -206,7 +206,7 @@ void check(const ProcedureDefinition& definition) {
 void check(const ProcedureRemoval&) {}
 void check(const ProcedureCall& call) {
     bool named = false;
-    for (const ProcedureCall::Argument& argument : call.arguments) {
+    for (const Argument& argument : call.arguments) {
         require(!named || !argument.name.empty(), "positional arguments come first");
         named = !argument.name.empty();
         if (argument.value.find('\0') == std::string::npos) checkValue(argument.value);

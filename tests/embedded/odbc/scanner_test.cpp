@@ -15,7 +15,8 @@ using embedded::StatementKind;
 /// The text for the driver and the numbers of its markers, or the state of the failure.
 std::string marked(const char* dbms, std::string_view sql) {
     try {
-        const embedded::MarkedSql result = embedded::markedSql(sql, embedded::dialectOf(dbms));
+        const embedded::MarkedSql result =
+            embedded::StatementText(sql, embedded::dialectOf(dbms)).marked();
         std::string shown = result.text;
         for (const int number : result.numbers) shown += " " + std::to_string(number);
         return shown;
@@ -87,7 +88,8 @@ TEST(SqlScanner, TellsWhatAStatementDoes) {
         {"rollback transaction to a", Savepoint},
         {"RELEASE a", Savepoint}};
     for (const auto& [sql, kind] : kCases)
-        EXPECT_EQ(kind, kindOfStatement(sql, embedded::dialectOf("PostgreSQL"))) << sql;
+        EXPECT_EQ(kind, embedded::StatementText(sql, embedded::dialectOf("PostgreSQL")).kind())
+            << sql;
 }
 
 }  // namespace
