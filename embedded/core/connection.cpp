@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "core/error.h"
-#include "core/statement.h"
 
 namespace embedded {
 
@@ -56,7 +55,7 @@ void Connection::endTransaction(bool commit) {
 }
 
 void Connection::closeCursors() noexcept {
-    for (Statement* statement = m_statements; statement; statement = statement->next) {
+    for (Attached* statement = m_statements; statement; statement = statement->next) {
         statement->closeCursor();
     }
 }
@@ -79,13 +78,13 @@ void Connection::forgetInterrupt() noexcept {
     if (m_database) m_database->forgetInterrupt();
 }
 
-void Connection::attach(Statement& statement) noexcept {
+void Connection::attach(Attached& statement) noexcept {
     statement.next = m_statements;
     if (m_statements) m_statements->previous = &statement;
     m_statements = &statement;
 }
 
-void Connection::detach(Statement& statement) noexcept {
+void Connection::detach(Attached& statement) noexcept {
     removeUnasked(statement);
     if (statement.next) statement.next->previous = statement.previous;
     (statement.previous ? statement.previous->next : m_statements) = statement.next;
@@ -93,13 +92,13 @@ void Connection::detach(Statement& statement) noexcept {
     statement.previous = nullptr;
 }
 
-void Connection::removeUnasked(Statement& statement) noexcept {
+void Connection::removeUnasked(Attached& statement) noexcept {
     m_unasked.erase(std::remove(m_unasked.begin(), m_unasked.end(), &statement), m_unasked.end());
 }
 
 void Connection::closeUnasked() noexcept {
     while (!m_unasked.empty()) {
-        Statement& statement = *m_unasked.back();
+        Attached& statement = *m_unasked.back();
         m_unasked.pop_back();
         statement.overtake();
     }

@@ -12,8 +12,25 @@
 
 namespace embedded {
 
-class Environment;
-class Statement;
+/// What a connection does with its statements, which link themselves into its list.
+class Attached {
+  public:
+    /// Closes the cursor, if there is one. A prepared statement can be executed again.
+    virtual void closeCursor() noexcept = 0;
+
+    /// The same for rows that nobody has asked about and that now make way for something else.
+    virtual void overtake() noexcept = 0;
+
+    /// Ends the handle: takes it out of its connection and of the registry.
+    virtual void drop() noexcept = 0;
+
+    // Links of the connection's list.
+    Attached* next = nullptr;
+    Attached* previous = nullptr;
+
+  protected:
+    ~Attached() = default;
+};
 
 /// How far a call is that another thread may interrupt.
 enum class Call : char { None, Running, Interrupted };
@@ -68,10 +85,10 @@ class Connection final : public Handle, private CursorOwner {
     void forgetInterrupt() noexcept;
 
     // For statements only: their list, and the ones whose rows nobody has asked about yet.
-    void attach(Statement& statement) noexcept;
-    void detach(Statement& statement) noexcept;
-    void addUnasked(Statement& statement) { m_unasked.push_back(&statement); }
-    void removeUnasked(Statement& statement) noexcept;
+    void attach(Attached& statement) noexcept;
+    void detach(Attached& statement) noexcept;
+    void addUnasked(Attached& statement) { m_unasked.push_back(&statement); }
+    void removeUnasked(Attached& statement) noexcept;
 
     /// Closes the cursors nobody has asked about. Applications run statements that yield rows just
     /// for their effect and never free them; such a statement must not hold the database.
@@ -86,8 +103,8 @@ class Connection final : public Handle, private CursorOwner {
     std::unique_ptr<Database> m_database;
     unsigned m_forks = 0;  ///< when it was opened
     bool m_autocommit = true;
-    Statement* m_statements = nullptr;  ///< head of the list of all statements
-    std::vector<Statement*> m_unasked;
+    Attached* m_statements = nullptr;  ///< head of the list of all statements
+    std::vector<Attached*> m_unasked;
 };
 
 }  // namespace embedded

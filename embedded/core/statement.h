@@ -52,7 +52,7 @@ struct StatementOptions {
 /// Applications leave many of them behind, executed and never freed. What a statement needs to run
 /// and to be read is therefore made when it is needed and dropped when it is over; an idle
 /// statement is a few pointers.
-class Statement final : public Handle {
+class Statement final : public Handle, public Attached {
   public:
     static constexpr SQLSMALLINT kHandleType = SQL_HANDLE_STMT;
 
@@ -114,24 +114,15 @@ class Statement final : public Handle {
 
     bool hasCursor() const noexcept { return m_work && m_work->rows; }
 
-    /// Closes the cursor, if there is one. A prepared statement can be executed again.
-    void closeCursor() noexcept;
-
-    /// The same for rows that nobody has asked about and that now make way for something else.
-    void overtake() noexcept;
-
-    /// Ends the handle: takes it out of its connection and of the registry.
-    void drop() noexcept;
+    void closeCursor() noexcept override;
+    void overtake() noexcept override;
+    void drop() noexcept override;
 
     const StatementOptions& options() const noexcept { return settings().options; }
     StatementOptions& changeOptions() {
         if (m_work) m_work->routed = false;
         return changeSettings().options;
     }
-
-    // Links of the connection's list.
-    Statement* next = nullptr;
-    Statement* previous = nullptr;
 
   private:
     /// A bound column with the conversion chosen for it.

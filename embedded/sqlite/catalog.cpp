@@ -8,9 +8,8 @@
 #include "core/describe.h"
 #include "sql/procedures.h"
 #include "sqlite/origin.h"
+#include "sqlite/query.h"
 #include "sqlite/schemaguard.h"
-#include "sqlite/sqliteerror.h"
-#include "sqlite/statementcache.h"
 #include "values/columntype.h"
 #include "values/text.h"
 
@@ -95,27 +94,15 @@ using Row = std::vector<std::optional<std::string>>;
 std::vector<Row> query(Session& session, const std::string& sql,
                        std::initializer_list<std::string_view> parameters = {}) {
     session.requireTime();
-    sqlite3_stmt* raw = nullptr;
-    if (sqlite3_prepare_v2(session.db(), sql.c_str(), -1, &raw, nullptr) != SQLITE_OK) {
-        throw session.failure();
-    }
-    const std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(raw);
-    int marker = 0;
-    for (const std::string_view value : parameters) {
-        sqlite3_bind_text64(raw, ++marker, value.data(), value.size(), SQLITE_STATIC, SQLITE_UTF8);
-    }
     std::vector<Row> rows;
-    int result = sqlite3_step(raw);
-    for (; result == SQLITE_ROW; result = sqlite3_step(raw)) {
-        Row row;
-        for (int i = 0; i < sqlite3_column_count(raw); ++i) {
-            const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(raw, i));
-            if (!value) requireMemory(raw);
-            row.push_back(value ? std::optional<std::string>(value) : std::nullopt);
+    try {
+        for (Query query(session.db(), sql, parameters); query.next();) {
+            Row& row = rows.emplace_back();
+            for (int i = 0; i < query.columnCount(); ++i) row.push_back(query.value(i));
         }
-        rows.push_back(std::move(row));
+    } catch (const Error&) {
+        throw session.failure();  // which knows who ended it
     }
-    if (result != SQLITE_DONE) throw session.failure();
     return rows;
 }
 

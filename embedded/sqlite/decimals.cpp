@@ -4,13 +4,10 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
-#include <memory>
 #include <new>
 
 #include "core/error.h"
-#include "core/message.h"
-#include "sqlite/sqliteerror.h"
-#include "sqlite/statementcache.h"
+#include "sqlite/query.h"
 #include "values/columntype.h"
 #include "values/numbers.h"
 #include "values/text.h"
@@ -168,26 +165,16 @@ void DecimalWatch::lookAtRow(const char* schema, const char* table) {
 void DecimalWatch::check() const {
     if (m_outOfMemory) throw std::bad_alloc();
     for (const Loss& loss : m_losses) {
-        sqlite3_stmt* raw = nullptr;
-        if (sqlite3_prepare_v2(m_db,
-                               "SELECT name, type FROM pragma_table_xinfo(?1, ?2) WHERE cid = ?3",
-                               -1, &raw, nullptr) != SQLITE_OK) {
-            throw sqliteError(m_db);
-        }
-        const std::unique_ptr<sqlite3_stmt, FinalizeStatement> query(raw);
-        sqlite3_bind_text(raw, 1, loss.table.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_text(raw, 2, loss.schema.c_str(), -1, SQLITE_STATIC);
-        sqlite3_bind_int(raw, 3, loss.column);
-        if (sqlite3_step(raw) != SQLITE_ROW) continue;
-        const auto text = [raw](int column) {
-            const auto* value = reinterpret_cast<const char*>(sqlite3_column_text(raw, column));
-            return std::string(value ? value : "");
-        };
-        if (typeOfDeclaration(text(1)).sqlType == SQL_DOUBLE) continue;
+        Query column(m_db,
+                     "SELECT name, type FROM pragma_table_xinfo(?1, ?2) WHERE cid = " +
+                         std::to_string(loss.column),
+                     {loss.table, loss.schema});
+        if (!column.next() || typeOfDeclaration(column.text(1)).sqlType == SQL_DOUBLE) continue;
         const Decimal& decimal = m_decimals[loss.decimal];
         throw Error("22003",
-                    "Parameter " + std::to_string(decimal.number) + ": column " + quoted(text(0)) +
-                        " would store " + quoted(decimal.text) + " as " + loss.stored +
+                    "Parameter " + std::to_string(decimal.number) + ": column " +
+                        quoted(column.text(0)) + " would store " + quoted(decimal.text) + " as " +
+                        loss.stored +
                         "; SQLite keeps 15 digits of a decimal in it, all of them in "
                         "a column of type TEXT.",
                     native::kMismatch);

@@ -1,9 +1,7 @@
 #include "sqlite/origin.h"
 
-#include <memory>
-#include <new>
-
-#include "sqlite/statementcache.h"
+#include "core/error.h"
+#include "sqlite/query.h"
 
 // An SQLite built without column metadata lacks these; columns then have no known origin.
 extern "C" {
@@ -31,13 +29,12 @@ Origin originOf(sqlite3_stmt* statement, int column) {
 }
 
 std::string rowNumberColumn(sqlite3* db, std::string_view schema, std::string_view table) {
-    const std::string sql = "SELECT rowid FROM " + quotedName(schema) + "." + quotedName(table);
-    sqlite3_stmt* raw = nullptr;
-    const int result = sqlite3_prepare_v2(db, sql.c_str(), -1, &raw, nullptr);
-    if (result == SQLITE_NOMEM) throw std::bad_alloc();
-    if (result != SQLITE_OK) return {};
-    const std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement(raw);
-    return part(sqlite3_column_origin_name, raw, 0);
+    try {
+        const Query query(db, "SELECT rowid FROM " + quotedName(schema) + "." + quotedName(table));
+        return part(sqlite3_column_origin_name, query.get(), 0);
+    } catch (const Error&) {
+        return {};
+    }
 }
 
 std::string quotedName(std::string_view name) {

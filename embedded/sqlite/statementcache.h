@@ -8,18 +8,15 @@
 
 #include "core/recent.h"
 #include "sqlite/columnmemory.h"
+#include "sqlite/query.h"
 #include "sqlite/schemaguard.h"
 
 namespace embedded {
 
-struct FinalizeStatement {
-    void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
-};
-
 /// An SQL text and its compiled form.
 struct CompiledSql {
     std::string text;
-    std::unique_ptr<sqlite3_stmt, FinalizeStatement> statement;
+    OwnedStatement statement;
     Effect effect = Effect::None;
     bool readOnly = false;
     bool inserts = false;       ///< INSERT or REPLACE
