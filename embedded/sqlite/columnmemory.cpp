@@ -50,11 +50,11 @@ std::vector<Column> columnsOf(sqlite3_stmt* statement, bool mayJoinOuter) {
 }  // namespace
 
 ColumnType typeOfStorage(int storageClass) noexcept {
-    const SQLSMALLINT sqlType = storageClass == SQLITE_INTEGER ? SQL_BIGINT
-                                : storageClass == SQLITE_FLOAT ? SQL_DOUBLE
-                                : storageClass == SQLITE_BLOB  ? SQL_VARBINARY
-                                                               : SQL_WVARCHAR;
-    ColumnType type = plain(sqlType);
+    const int sqlType = storageClass == SQLITE_INTEGER ? SQL_BIGINT
+                        : storageClass == SQLITE_FLOAT ? SQL_DOUBLE
+                        : storageClass == SQLITE_BLOB  ? SQL_VARBINARY
+                                                       : SQL_WVARCHAR;
+    ColumnType type = plain(static_cast<SQLSMALLINT>(sqlType));
     type.assumed = true;
     return type;
 }
