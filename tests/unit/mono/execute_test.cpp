@@ -5,30 +5,6 @@
 
 namespace {
 
-TEST_F(SourceTest, PreparedExecutionsKeepTheirStatementUntilAResultSetTakesIt) {
-    source.Prepare("x", 1);
-    TakeLog();
-    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
-    EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
-
-    scripted_row_count((1LL << 32) + 3);
-    int rows = -1;
-    EXPECT_EQ(source.Execute(nullptr, &rows), VORDA_OK);
-    EXPECT_EQ(rows, 3);
-    EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\nSQLRowCount(stmt1, ptr)\n");
-
-    // An update of no rows.
-    scripted_answer_after("SQLExecute", 3, SQL_NO_DATA);
-    EXPECT_EQ(source.Execute(nullptr, &rows), VORDA_OK);
-    EXPECT_EQ(rows, 0);
-    ExpectError(VORDA_OK, "");
-
-    IntDbResultSet rs;
-    EXPECT_EQ(source.Execute(&rs, nullptr), VORDA_OK);
-    EXPECT_EQ(source.Execute(&rs, &rows), VORDA_NOT_PREPARED);
-    rs.Close();
-}
-
 TEST_F(SourceTest, DirectExecutionsLeaveThePreparedStatementAlone) {
     source.Prepare("prepared", 8);
     SetBatchSize(5);
