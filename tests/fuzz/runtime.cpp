@@ -174,9 +174,7 @@ class Session {
     SQLHANDLE m_environment = nullptr;
     SQLHANDLE m_connection = nullptr;
     std::array<SQLHANDLE, 2> m_statements{};
-    std::array<std::vector<char>, 5> m_rooms{std::vector<char>(40), std::vector<char>(40),
-                                             std::vector<char>(40), std::vector<char>(40),
-                                             std::vector<char>(40)};
+    std::vector<std::vector<char>> m_rooms{5, std::vector<char>(40)};
     std::array<SQLLEN, 5> m_lengths{};
     std::array<std::array<char, 60>, 5> m_values{};
     std::array<std::array<SQLLEN, 4>, 5> m_sizes{};

@@ -136,6 +136,15 @@ TEST_F(DbsApiTest, ANullStatementIsAnEmptyOne) {
     EXPECT_EQ(markers, 2);
 }
 
+TEST_F(DbsApiTest, AFailedExecutionAffectsNoRows) {
+    scripted_row_count(3);
+    EXPECT_EQ(Execute("DELETE FROM t"), VORDA_OK);
+    EXPECT_EQ(DBSExecute(handle), VORDA_NOT_PREPARED);
+    DBSLEN rows = -7;
+    DBSRowCount(handle, &rows);
+    EXPECT_EQ(rows, 0);
+}
+
 TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
     if (dlsym(RTLD_DEFAULT, "__asan_init") != nullptr) {
         GTEST_SKIP() << "the sanitizer ends the process instead";

@@ -74,6 +74,19 @@ TEST_F(ResultSetTest, ARecordUsedAgainShowsNothingOfItsLastUse) {
     EXPECT_EQ(Execute(), VORDA_OK);
     EXPECT_EQ(rs.GetImpl()->CellOf(1)->Size, 0);
     EXPECT_TRUE(rs.GetImpl()->CellOf(1)->IsNull());
+    rs.Close();
+
+    // Within one use all is asked for once.
+    static SQLHSTMT statement;
+    scripted_handler([](const char* name, const long long* arguments, int, int*) {
+        if (std::string(name) == "SQLBindCol") statement = reinterpret_cast<SQLHSTMT>(*arguments);
+        return 0;
+    });
+    describe(SQL_INTEGER);
+    EXPECT_EQ(Execute(), VORDA_OK);
+    TakeLog();
+    EXPECT_EQ(rs.GetImpl()->SetStmtHandle(statement), VORDA_OK);
+    EXPECT_EQ(TakeLog(), "\n");
 }
 
 }  // namespace
