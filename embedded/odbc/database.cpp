@@ -50,6 +50,7 @@ class OdbcDatabase final : public Database {
         return m_session.numberInfo(type);
     }
     void interrupt() noexcept override { m_session.interrupt(); }
+    std::optional<bool> transactionIsOpen() override { return m_transactions.isOpen(); }
 
   private:
     OdbcSession m_session;

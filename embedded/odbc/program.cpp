@@ -113,9 +113,12 @@ void OdbcProgram::prepareOnce() {
     m_statement->prepared = true;
 }
 
-// A text that is executed once goes to the server in one step.
+// A text that is executed once goes to the server in one step. So does every BEGIN: PostgreSQL's
+// driver loses sight of a transaction that a prepared one has opened.
 SQLRETURN OdbcProgram::executeOnce() {
-    if (m_statement->executed) prepareOnce();
+    using enum StatementKind;
+    const bool mayRepeat = m_kind == Query || m_kind == Change || m_kind == Other;
+    if (m_statement->executed && mayRepeat) prepareOnce();
     m_statement->executed = true;
     if (!m_statement->prepared) return m_statement->executeDirect(m_sql.text);
     return m_statement->run([&] { return m_statement->manager().SQLExecute(m_statement->get()); });

@@ -121,6 +121,15 @@ bool OdbcTransactions::inTransaction() {
     return answer.kind == Cell::Kind::Text ? answer.bytes != "0" : answer.integer != 0;
 }
 
+bool OdbcTransactions::isOpen() noexcept {
+    if (!m_autocommit) return m_opened;
+    try {
+        return inTransaction();
+    } catch (...) {
+        return m_begun;
+    }
+}
+
 OdbcTransactions::Atomic::Atomic(OdbcTransactions& transactions) : m_transactions(transactions) {
     const Dialect& dialect = transactions.m_session.dialect();
     if (!dialect.savepointBegins && !transactions.inTransaction()) {

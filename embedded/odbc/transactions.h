@@ -24,6 +24,8 @@ class OdbcTransactions {
     void setAutocommit(bool on);
     void endTransaction(bool commit);
     bool hasChanges() const noexcept { return m_changed; }
+    /// Whether a transaction is open, by a statement's doing or the driver's.
+    bool isOpen() noexcept;
 
     /// To be asked before a statement is sent. Throws where the driver has rolled the application's
     /// transaction back and it does not know yet: what comes would be committed without what came

@@ -18,7 +18,8 @@ class Atomic {
     void Begin() {
         if (m_began) return;
         const Link::Turn turn(m_link);
-        m_ownTransaction = m_link.Autocommit();
+        // One that BEGIN has opened is the user's, to commit or not.
+        m_ownTransaction = m_link.Autocommit() && !m_link.InTransaction();
         if (m_ownTransaction) {
             m_link.SetAutocommit(false);
         } else {

@@ -149,12 +149,12 @@ void Link::Commit(bool keep) {
     EndTransaction(keep);
 }
 
-void Link::Run(const char* sql) {
+void Link::Run(const char* sql, bool canBeCancelled) {
     SQLHSTMT statement = nullptr;
     Check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection, &statement), SQL_HANDLE_DBC, m_connection);
     const std::unique_ptr<void, void (*)(SQLHSTMT)> owner(
         statement, [](SQLHSTMT owned) { SQLFreeHandle(SQL_HANDLE_STMT, owned); });
-    Wait(statement, [&] {
+    Wait(canBeCancelled ? statement : nullptr, [&] {
         Check(SQLExecDirectW(statement, AsWideText(sql), SQL_NTS), SQL_HANDLE_STMT, statement);
     });
 }
@@ -167,8 +167,8 @@ void Link::SetSavepoint() {
 }
 
 void Link::ReleaseSavepoint(bool keep) {
-    if (!keep) Run("ROLLBACK TO SAVEPOINT vorda_executemany");
-    Run("RELEASE SAVEPOINT vorda_executemany");
+    if (!keep) Run("ROLLBACK TO SAVEPOINT vorda_executemany", false);
+    Run("RELEASE SAVEPOINT vorda_executemany", false);
 }
 
 void Link::SetAutocommit(bool on) {
@@ -181,8 +181,16 @@ void Link::SetAutocommit(bool on) {
 
 bool Link::InTransaction() {
     SQLUINTEGER isOpen = 0;
-    const SQLRETURN status =
-        SQLGetConnectAttrW(m_connection, kInTransaction, &isOpen, sizeof isOpen, nullptr);
+    SQLRETURN status = SQL_ERROR;
+    const auto ask = [&] {
+        status = SQLGetConnectAttrW(m_connection, kInTransaction, &isOpen, sizeof isOpen, nullptr);
+    };
+    // A server may have to be asked.
+    if (m_isSqlite) {
+        ask();
+    } else {
+        Wait(nullptr, ask);
+    }
     return OdbcSucceeded(status) ? isOpen != 0 : !m_autocommit && m_touched;
 }
 

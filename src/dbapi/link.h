@@ -146,7 +146,7 @@ class Link {
     void NoteRunning(SQLHSTMT statement);
     void Connect(const std::string& text, bool autocommit, std::string& warning);
     void FreeHandles();
-    void Run(const char* sql);
+    void Run(const char* sql, bool canBeCancelled = true);
     void TakeIn(std::unique_ptr<Statement> statement) noexcept;
     void TakeInWaiting() noexcept;
 

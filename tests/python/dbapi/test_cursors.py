@@ -137,9 +137,10 @@ def test_row_factories(table):
 # --- executemany ---------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize("autocommit", [False, True])
-def test_executemany_is_all_or_nothing(table, autocommit):
+@pytest.mark.parametrize("autocommit, begin", [(False, ""), (True, ""), (True, "BEGIN")])
+def test_executemany_is_all_or_nothing(table, autocommit, begin):
     table.autocommit = autocommit
+    table.executescript(begin)
     kept = [(None, "k"), (3000, "k")]
     cursor = table.executemany("INSERT INTO t VALUES (?, ?)", iter(kept))
     assert cursor.rowcount == 2
@@ -157,7 +158,7 @@ def test_executemany_is_all_or_nothing(table, autocommit):
             table.executemany("INSERT INTO t VALUES (?, ?)", rows(bad))
         assert count(table) == 1002 and table.autocommit is autocommit
     table.rollback()
-    assert count(table) == (1002 if autocommit else 1000)
+    assert count(table) == (1002 if autocommit and not begin else 1000)
 
 
 def test_executemany_takes_rows_of_any_kind(table):
