@@ -5,6 +5,7 @@ import io
 import os
 import sys
 import traceback
+import warnings
 from typing import List, NoReturn, Optional
 
 from .display import tell
@@ -22,9 +23,6 @@ status is 1 when a statement fails.
   python -m vorda "Database=shop.db" "SELECT * FROM item"
   python -m vorda doctor ["Database=shop.db"]      why does it not connect?
 """
-
-
-NO_RUNTIME = "Unable to alloc env handle"
 
 
 class Parser(argparse.ArgumentParser):
@@ -57,7 +55,7 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
         tell(mask(text), sys.stderr)
 
     try:
-        from . import zelqa
+        from . import dbapi
     except ImportError as error:
         complain("error: %s\n(python -m vorda doctor tells more)" % error)
         return 1
@@ -71,15 +69,20 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
     session: Optional[Session] = None
     try:
         interactive = options.sql is None and sys.stdin.isatty() and sys.stdout.isatty()
-        session = Session(zelqa.connect(options.connection_string), options.style, mask)
+        with warnings.catch_warnings(record=True) as remarks:
+            warnings.simplefilter("always")
+            connection = dbapi.connect(options.connection_string, autocommit=True)
+        for remark in remarks:
+            complain("warning: %s" % remark.message)
+        session = Session(connection, options.style, mask)
         if options.sql is not None:
-            session.run_lines(options.sql.splitlines(keepends=True))
+            session.run_lines(io.StringIO(options.sql))
         elif interactive:
-            print("vorda.zelqa shell; .help for help, Ctrl-D to leave.")
+            print("vorda shell; .help for help, Ctrl-D to leave.")
             session.interact()
         else:
-            session.run_lines(io.TextIOWrapper(sys.stdin.buffer, encoding="utf-8-sig"),
-                              "standard input")
+            session.run_lines(io.TextIOWrapper(sys.stdin.buffer, encoding="utf-8-sig",
+                                               newline="\n"), "standard input")
         return 0
     except EOFError:  # .quit
         return 0
@@ -87,16 +90,14 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
         if session:
             complain(session.stopped(interrupt))
         return 130
-    except (Failure, zelqa.Error) as error:
+    except (Failure, dbapi.Error) as error:
         complain("error: %s" % error)
-        if session:
-            session.note_help(error)
-        elif NO_RUNTIME in str(error):
-            complain("(no runtime can be used: python -m vorda doctor shows where it was looked"
-                     " for, and why)")
-        else:
+        if not session and "python -m vorda doctor" not in str(error):
             complain("(python -m vorda doctor CONNECTION_STRING tells more)")
         return 1
+    finally:
+        if session:
+            session.close()
 
 
 def main(arguments: List[str]) -> int:

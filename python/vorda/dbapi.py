@@ -10,6 +10,7 @@ This is the face; what has to be fast is in the core, vorda._statement.
 import datetime
 import enum
 import functools
+import io
 import logging
 import operator
 import re
@@ -394,7 +395,7 @@ class Cursor(_statement.Cursor):
     def executescript(self, script: str, /) -> "Cursor":
         """Run the statements of a script one by one, as SQLite would read them."""
         splitter = Splitter()
-        for line in script.splitlines(True):
+        for line in io.StringIO(script):
             for statement in splitter.feed(line):
                 self.execute(statement)
         for statement in splitter.finish():

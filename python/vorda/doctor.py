@@ -102,6 +102,11 @@ def load_module(report: Report) -> Optional[str]:
         return None
     report.fact("module", str(zelqa.__file__))
     try:
+        from . import _statement, dbapi  # noqa: F401
+        report.fact("dbapi", str(_statement.__file__))
+    except ImportError as error:
+        report.fact("dbapi", "cannot be imported: %s" % error)
+    try:
         from ._version import version
     except ImportError:
         version = "not known"
@@ -159,18 +164,20 @@ def describe_sources(report: Report, module: Module) -> None:
 
 
 def try_connection(report: Report, connection_string: str) -> bool:
-    from . import zelqa
+    from . import dbapi, zelqa
 
     report.line("")
     report.fact("connection", report.mask.shown)
-    start = time.monotonic()
-    try:
-        connection = zelqa.connect(connection_string)
-    except zelqa.Error as error:
-        report.fact("failed", str(error))
-        return False
-    report.fact("connected", "in %.3f s" % (time.monotonic() - start))
-    connection.close()
+    # A path alone is for dbapi.
+    drivers = [dbapi, zelqa] if "=" in connection_string else [dbapi]
+    for driver in drivers:
+        start = time.monotonic()
+        try:
+            driver.connect(connection_string).close()
+        except driver.Error as error:
+            report.fact("failed", "%s: %s" % (driver.__name__, error))
+            return False
+        report.fact("connected", "%s, in %.3f s" % (driver.__name__, time.monotonic() - start))
     return True
 
 

@@ -3,18 +3,15 @@
 import re
 import sys
 import time
-import warnings
-from typing import (Any, BinaryIO, Callable, Dict, Iterable, Iterator, List, NamedTuple, Optional,
-                    Sequence, TextIO, Tuple)
+from typing import (Any, BinaryIO, Callable, Dict, Iterator, List, NamedTuple, Optional, Sequence,
+                    TextIO, Tuple)
 
-from . import zelqa
-from .dialects import MARIADB, SQLITE, Dialect, dialect_of
+from . import dbapi
+from .dialects import MARIADB, SQLITE, Dialect
 from .interrupts import Interrupts
-from .values import PARSERS
+from .values import PARSERS, SENT_AS_VALUES
 
-BATCH_ROWS = 1000
-BATCH_BYTES = 8 << 20  # a batch has slots as wide as its widest text for every row
-SAVEPOINT = "vorda_import"
+SHOWN_ROWS = 500  # between two looks at the progress
 
 Fields = List[Optional[str]]
 
@@ -55,8 +52,6 @@ def lines_of(file: BinaryIO) -> Iterator[str]:
             yield line.decode("utf-8-sig" if number == 1 else "utf-8")
         except UnicodeDecodeError as error:
             raise ImportFailed("line %d is not valid UTF-8" % number) from error
-        if b"\0" in line:
-            raise ImportFailed("line %d has a NUL character, where texts end" % number)
 
 
 def records(lines: Iterator[str]) -> Iterator[Tuple[int, Fields]]:
@@ -88,189 +83,112 @@ def records(lines: Iterator[str]) -> Iterator[Tuple[int, Fields]]:
         yield first, fields
 
 
-class Target(NamedTuple):
-    """Where the rows go."""
+class Field(NamedTuple):
+    """A column that the file has."""
 
-    table: str  # as it stands in statements
-    columns: List[Any]  # of the table, as a cursor describes them
-    chosen: List[int]  # of these, in the order of the header
-    dialect: Dialect
-
-    def statement(self, is_null: Sequence[bool]) -> str:
-        values = ["NULL" if null else "?" for null in is_null]
-        try:
-            names = ", ".join(self.dialect.quoted(self.columns[i][0]) for i in self.chosen)
-        except ValueError:
-            by_column = dict(zip(self.chosen, values))
-            values = [by_column.get(i, "DEFAULT") for i in range(len(self.columns))]
-            return "INSERT INTO %s VALUES (%s)" % (self.table, ", ".join(values))
-        return "INSERT INTO %s (%s) VALUES (%s)" % (self.table, names, ", ".join(values))
-
-    def parsers(self) -> List[Tuple[str, Any, str, Optional[Callable[[str], Any]]]]:
-        """By field: name, type, what it must be, and the function that makes a value of a text."""
-        found = []
-        for i in self.chosen:
-            name, kind = self.columns[i][:2]
-            # A server looks at values itself; SQLite stores what it cannot read back.
-            known = PARSERS if self.dialect is SQLITE else {bool: PARSERS[bool]}
-            found.append((name, kind, *known.get(kind, ("", None))))
-        return found
+    name: str
+    kind: type
+    what: str  # a text of it must be
+    parse: Callable[[str], Any]  # makes a value of such a text, or raises ValueError
 
 
 class Importer:
     """Inserts the rows of a UTF-8 file with a header line. An empty field becomes NULL; in a column
-    of texts one with quotes is an empty text, as all are with `empty_text`."""
+    of texts or binary data one with quotes is empty, in one of texts all are with `empty_text`."""
 
-    def __init__(self, connection: zelqa.Connection, interrupts: Interrupts,
+    def __init__(self, connection: dbapi.Connection, dialect: Dialect, interrupts: Interrupts,
                  empty_text: bool) -> None:
-        self.cursor = connection.cursor()
-        self.connection = connection
+        self.connection, self.dialect = connection, dialect
         self.interrupts, self.empty_text = interrupts, empty_text
-        self.end, self.undo = "", [""]
+        self.rows = self.line = 0  # read so far, and where the last one begins
+        self.stored = -1  # of them, once it is done
 
-    def run(self, path: str, table: str, out: TextIO = sys.stderr) -> int:
-        """Returns how many rows there were."""
-        with open(path, "rb") as file, warnings.catch_warnings():
-            warnings.simplefilter("error", RuntimeWarning)  # of a value that would be changed
+    def run(self, path: str, table: str, out: TextIO = sys.stderr) -> None:
+        with open(path, "rb") as file:
             progress = Progress(out, file) if file.seekable() else None
             lines = records(lines_of(file))
             header = next(lines, (0, []))[1]
             if header in ([], [None]):
                 raise ImportFailed("the file has no header line")
-            return self.insert(self.target(table, header), lines, progress)
-
-    def ask(self, sql: str, *parameters: Any) -> List[Any]:
-        return list(self.interrupts.call(
-            lambda: list(self.connection.execute(sql, *parameters))))
-
-    def target(self, table: str, header: Fields) -> Target:
-        dialect = self.interrupts.call(dialect_of, self.connection)
-        try:
-            parts = [table] if dialect.quote in table else table.split(".")
-            name = ".".join(map(dialect.quoted, parts))
+            name, columns = self.described(table)
+            chosen = [columns[i] for i in choose([column[0] for column in columns], header)]
+            statement = "INSERT INTO %s (%s) VALUES (%s)" % (
+                name, ", ".join(self.dialect.quoted(column[0]) for column in chosen),
+                ", ".join("?" * len(chosen)))
             try:
-                described = self.interrupts.call(self.describe, name)
-            except zelqa.Error:
-                if len(parts) == 1:
-                    raise
-                name = dialect.quoted(table)
-                described = self.interrupts.call(self.describe, name)
-        except ValueError:
-            raise ImportFailed("the name of the table cannot be written here: the module takes"
-                               " ?, @ and : in it for markers") from None
-        if dialect is MARIADB:
-            self.refuse_without_transactions(parts)
-        return Target(name, described, choose([column[0] for column in described], header), dialect)
+                self.interrupts.call(self.insert, statement,
+                                     self.values(lines, self.fields(chosen), progress))
+            except KeyboardInterrupt:
+                raise KeyboardInterrupt("nothing is imported" * (self.stored < 0)) from None
+            except dbapi.Error as error:
+                raise ImportFailed("%s (in line %d or before)" % (error, self.line)) from error
+            finally:
+                if progress:
+                    progress.clear()
 
-    def describe(self, name: str) -> List[Any]:
-        return list(self.connection.execute("SELECT * FROM %s WHERE 1 = 0" % name).description
-                    or ())
+    def insert(self, statement: str, rows: Iterator[List[Any]]) -> None:
+        self.stored = self.connection.executemany(statement, rows).rowcount
+
+    def described(self, table: str) -> Tuple[str, Sequence[Any]]:
+        """The table's name as it stands in statements, and its columns as a cursor has them."""
+        quoted = self.dialect.quoted
+        parts = [table] if self.dialect.quote in table else table.split(".")
+        name = ".".join(map(quoted, parts))
+        try:
+            columns = self.columns(name)
+        except dbapi.Error:
+            if len(parts) == 1:
+                raise
+            name, parts = quoted(table), [table]
+            columns = self.columns(name)
+        if self.dialect is MARIADB:
+            self.refuse_without_transactions(parts)
+        return name, columns
+
+    def columns(self, name: str) -> Sequence[Any]:
+        return self.connection.execute("SELECT * FROM %s WHERE 1 = 0" % name).description or ()
 
     def refuse_without_transactions(self, parts: Sequence[str]) -> None:
-        found = self.ask(
+        found = self.connection.execute(
             "SELECT e.transactions, e.engine FROM information_schema.tables t"
             " JOIN information_schema.engines e ON e.engine = t.engine "
-            " WHERE t.table_schema = COALESCE(NULLIF(?, ''), DATABASE()) AND t.table_name = ?",
-            ".".join(parts[:-1]), parts[-1])
+            " WHERE t.table_schema = COALESCE(?, DATABASE()) AND t.table_name = ?",
+            (".".join(parts[:-1]) or None, parts[-1]))
         for transactions, engine in found:
             if transactions != "YES":
                 raise ImportFailed("the table's engine, %s, has no transactions: an import that"
                                    " fails could not be undone" % engine)
 
-    # --- all or nothing
+    def fields(self, columns: Sequence[Any]) -> List[Field]:
+        # A server looks at texts itself; SQLite stores what it cannot read back.
+        known = PARSERS if self.dialect is SQLITE else {kind: PARSERS[kind]
+                                                        for kind in SENT_AS_VALUES}
+        return [Field(column[0], column[1], *known.get(column[1], ("", str)))
+                for column in columns]
 
-    def begin(self) -> None:
-        try:
-            self.cursor.execute("SAVEPOINT " + SAVEPOINT)
-            # Outside a transaction it may be accepted and forgotten.
-            self.cursor.execute("ROLLBACK TO SAVEPOINT " + SAVEPOINT)
-            self.end = "RELEASE SAVEPOINT " + SAVEPOINT
-            self.undo = ["ROLLBACK TO SAVEPOINT " + SAVEPOINT, self.end]
-        except zelqa.Error:
-            self.cursor.execute("START TRANSACTION")
-            self.end, self.undo = "COMMIT", ["ROLLBACK"]
-
-    def insert(self, target: Target, lines: Iterable[Tuple[int, Fields]],
-               progress: Optional[Progress]) -> int:
-        with self.interrupts.ignored():
-            self.begin()
-        rows = 0
-        try:
-            for first, is_null, batch in self.batches(lines, target):
-                try:
-                    self.interrupts.call(self.send, target, is_null, batch)
-                except (zelqa.Error, RuntimeWarning) as error:
-                    raise ImportFailed("%s (in the batch of %d rows that begins at line %d)" % (
-                        error, len(batch), first)) from error
-                rows += len(batch)
-                if progress:
-                    progress.show(rows)
-            with self.interrupts.ignored():
-                self.cursor.execute(self.end)
-        except BaseException as error:
-            with self.interrupts.ignored():
-                try:
-                    for statement in self.undo:
-                        self.cursor.execute(statement)
-                except zelqa.Error as failure:
-                    raise ImportFailed("%s; the transaction that was open is gone as a whole (%s)"
-                                       % (str(error) or "stopped", failure)) from error
-            if isinstance(error, KeyboardInterrupt):
-                raise KeyboardInterrupt("nothing is imported") from None
-            raise
-        finally:
-            if progress:
-                progress.clear()
-        return rows
-
-    def send(self, target: Target, is_null: Sequence[bool], batch: List[List[Any]]) -> None:
-        statement = target.statement(is_null)
-        if all(is_null):
-            for _ in batch:
-                self.cursor.execute(statement)
-            return
-        self.cursor.executemany(statement, batch)
-        if target.dialect is not SQLITE and 0 <= self.cursor.rowcount != len(batch):
-            raise ImportFailed("the server took %d of %d rows" % (self.cursor.rowcount, len(batch)))
-
-    def batches(self, lines: Iterable[Tuple[int, Fields]], target: Target) -> Iterator[
-            Tuple[int, Sequence[bool], List[List[Any]]]]:
-        """Batches with NULL in the same columns, each with the number of its first line."""
-        parsers = target.parsers()
-        batch: List[List[Any]] = []
-        first, widest, batch_null = 0, 0, [False]
-        for number, fields in lines:
-            if fields == [None] and len(parsers) > 1:
+    def values(self, lines: Iterator[Tuple[int, Fields]], fields: Sequence[Field],
+               progress: Optional[Progress]) -> Iterator[List[Any]]:
+        for number, texts in lines:
+            self.interrupts.check()
+            if texts == [None] and len(fields) > 1:
                 continue  # an empty line
-            if len(fields) != len(parsers):
+            if len(texts) != len(fields):
                 raise ImportFailed("line %d has %d fields, the header has %d"
-                                   % (number, len(fields), len(parsers)))
-            values = [self.value(text, number, *parser) for text, parser in zip(fields, parsers)]
-            is_null = [value is None for value in values]
-            values = [value for value in values if value is not None]
-            longest = max((4 * len(value) for value in values if isinstance(value, str)), default=0)
-            if batch and (len(batch) >= BATCH_ROWS or is_null != batch_null
-                          or (len(batch) + 1) * max(widest, longest) > BATCH_BYTES):
-                yield first, batch_null, batch
-                batch, widest = [], 0
-            if not batch:
-                first, batch_null = number, is_null
-            batch.append(values)
-            widest = max(widest, longest)
-        if batch:
-            yield first, batch_null, batch
+                                   % (number, len(texts), len(fields)))
+            self.rows, self.line = self.rows + 1, number
+            if progress and self.rows % SHOWN_ROWS == 0:
+                progress.show(self.rows)
+            yield [self.value(text, field) for text, field in zip(texts, fields)]
 
-    def value(self, text: Optional[str], number: int, name: str, kind: type, what: str,
-              parse: Optional[Callable[[str], Any]]) -> Any:
+    def value(self, text: Optional[str], field: Field) -> Any:
         if not text:
-            return (text or "") if kind is str and (self.empty_text or text is not None) else None
-        if parse is None:
-            return text
+            is_empty = text is not None or (self.empty_text and field.kind is str)
+            return field.kind() if is_empty and field.kind in (str, bytes) else None
         try:
-            return parse(text)
+            return field.parse(text)
         except ValueError:
             raise ImportFailed("line %d: %r is no %s, which column %s needs"
-                               % (number, text, what, name)) from None
+                               % (self.line, text, field.what, field.name)) from None
 
 
 def choose(names: Sequence[str], header: Fields) -> List[int]:

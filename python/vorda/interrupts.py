@@ -1,74 +1,61 @@
-"""Ctrl-C while the provider is busy."""
+"""Ctrl-C while the database is busy."""
 
 import contextlib
-import ctypes
-import os
 import signal
-import threading
 from typing import Any, Callable, Iterator
 
-from . import zelqa
+from . import dbapi
+
+AGAIN_SECONDS = 0.25  # a cancellation falls flat between two statements of one call
 
 
 class Interrupts:
-    """Within it, Ctrl-C ends what the provider is busy with. The module holds the interpreter lock
-    all the while, so the signal's number goes through a pipe to a thread that waits in the module.
-
-    A call either fails or has done its work: no KeyboardInterrupt comes in between.
+    """Makes Ctrl-C cancel what runs in `call`, until that has ended: a call either fails or has
+    done its work. Elsewhere it is a KeyboardInterrupt, as always.
     """
 
-    def __init__(self) -> None:
-        self.reader, self.writer = os.pipe()
-        for file in (self.reader, self.writer):
-            os.set_blocking(file, False)
-        self.module = ctypes.CDLL(str(zelqa.__file__))
-        watch = self.module.VordaCancelOnInterrupt
-        threading.Thread(target=watch, args=(self.reader,), daemon=True).start()
+    def __init__(self, connection: dbapi.Connection) -> None:
+        self.connection = connection
         self.is_calling = self.is_pressed = False
-        self.handler: Any = None
-
-    def __enter__(self) -> None:
-        self.forget()
-        self.handler = signal.getsignal(signal.SIGINT)
-        if self.handler is signal.default_int_handler:
+        if signal.getsignal(signal.SIGINT) is signal.default_int_handler:
             signal.signal(signal.SIGINT, self.press)
-        signal.set_wakeup_fd(self.writer, warn_on_full_buffer=False)
-
-    def __exit__(self, *_: object) -> None:
-        signal.set_wakeup_fd(-1)
-        if self.handler is signal.default_int_handler:
-            signal.signal(signal.SIGINT, self.handler)
-        self.forget()
-
-    def forget(self) -> None:
-        self.module.VordaForgetInterrupts(self.reader)
-        self.is_pressed = False
+            signal.signal(signal.SIGALRM, self.cancel)
 
     def press(self, *_: object) -> None:
-        self.is_pressed = True
         if not self.is_calling:
+            raise KeyboardInterrupt
+        self.is_pressed = True
+        self.cancel()
+
+    def cancel(self, *_: object) -> None:
+        if self.is_calling:
+            self.connection.cancel()
+            signal.setitimer(signal.ITIMER_REAL, AGAIN_SECONDS)
+
+    def check(self) -> None:
+        """For what is called back in the middle of a call."""
+        if self.is_pressed:
             raise KeyboardInterrupt
 
     def call(self, function: Callable[..., Any], *arguments: Any) -> Any:
-        """Calls what calls the provider. Who is called notes what is done before it returns."""
-        self.is_calling = True
+        """Calls what calls the database. Who is called notes what is done before it returns."""
+        self.is_pressed, self.is_calling = False, True
         try:
             result = function(*arguments)
-        except zelqa.Error as error:
+        except dbapi.Error as error:
             if self.is_pressed:
                 raise KeyboardInterrupt from error
             raise
         finally:
             self.is_calling = False
-        if self.is_pressed:
-            raise KeyboardInterrupt
+            signal.setitimer(signal.ITIMER_REAL, 0)
+        self.check()
         return result
 
     @contextlib.contextmanager
     def ignored(self) -> Iterator[None]:
-        """What tidies up is not ended by a second Ctrl-C, nor by the first one's last effect."""
+        """What tidies up is not ended by a second Ctrl-C."""
         previous = signal.signal(signal.SIGINT, signal.SIG_IGN)
-        self.forget()
         try:
             yield
         finally:

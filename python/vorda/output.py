@@ -32,11 +32,14 @@ def text_of(value: Any, separator: str = " ") -> str:
         return "true" if value else "false"
     if isinstance(value, datetime.datetime):
         return value.isoformat(separator)
+    if isinstance(value, bytes):
+        return value.hex()
     return str(value)  # of dates and times this is the ISO form
 
 
 class Table:
-    """Aligned columns. On a terminal texts are cut to its width; numbers and dates never are."""
+    """Aligned columns. On a terminal texts and hex are cut to its width; numbers and dates never
+    are."""
 
     def __init__(self, out: TextIO) -> None:
         self.out = out
@@ -48,7 +51,7 @@ class Table:
     def write(self, columns: Columns, rows: Iterator[Row]) -> None:
         names = [printable(column[0], self.encoding) for column in columns]
         right = [column[1] in (int, float, decimal.Decimal) for column in columns]
-        fixed = [column[1] is not str for column in columns]
+        fixed = [column[1] not in (str, bytes) for column in columns]
         sample: List[List[str]] = []
         deadline = time.monotonic() + SAMPLE_SECONDS
         for row in itertools.islice(rows, SAMPLE_ROWS):
@@ -104,7 +107,8 @@ class Table:
 
 
 class Csv:
-    """A header line, then the rows. NULL is an empty field, an empty text is "" in quotes."""
+    """A header line, then the rows. NULL is an empty field, an empty text is "" in quotes; binary
+    data are hex digits."""
 
     def __init__(self, out: TextIO) -> None:
         self.out = Screen(out) if out.isatty() else out
@@ -122,7 +126,8 @@ class Csv:
 
 
 class Json:
-    """An array with one object a row. Decimals are texts, so that no reader rounds them."""
+    """An array with one object a row. Decimals are texts, so that no reader rounds them; binary
+    data are hex digits."""
 
     def __init__(self, out: TextIO) -> None:
         self.out = Screen(out) if out.isatty() else out

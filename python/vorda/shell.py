@@ -6,10 +6,9 @@ import re
 import shlex
 import sys
 import time
-import warnings
 from typing import Any, Callable, Dict, Iterable, Iterator, List, NamedTuple, Optional, Tuple
 
-from . import history, importer, zelqa
+from . import dbapi, history, importer
 from .dialects import SQLITE, Dialect, dialect_of
 from .display import printable, tell
 from .interrupts import Interrupts
@@ -17,15 +16,15 @@ from .masking import Mask
 from .output import FORMATS
 from .statements import Splitter
 
-PROMPT, CONTINUED = "vorda> ", "  ...> "
-SHOWN_WARNINGS = 5
+PROMPT, IN_TRANSACTION, CONTINUED = "vorda> ", "vorda*> ", "  ...> "
 MAX_DEPTH = 20  # of files that read files
 
-# Where a catalogue keeps what it knows: the name that is asked for, the text, the table.
+# Where a catalogue keeps what it knows: the name that is asked for, the text, the table, the order,
+# what ends a text.
 CATALOGUES = (
-    ("tbl_name", "sql", "sqlite_master"),
-    ("tbl_name", "sql", "sqlite_temp_master"),
-    ("ProcedureName", "Definition", "sys_procedures"),
+    ("tbl_name", "sql", "sqlite_master", "rowid", ";"),
+    ("tbl_name", "sql", "sqlite_temp_master", "rowid", ";"),
+    ("ProcedureName", "Definition", "sys_procedures", "ProcedureName", "\n/"),
 )
 PLAIN_COMMANDS = {"help": ".help", "quit": ".quit", "exit": ".quit"}
 # What other shells know, and where it is here.
@@ -33,17 +32,9 @@ HINTS = {"clear": "Ctrl-L clears the screen", "cls": "Ctrl-L clears the screen",
          "\\q": ".quit leaves",
          "\\i": ".read FILE runs the statements of a file", "\\?": ".help lists the commands"}
 BACKSLASH = ".tables lists tables, .schema NAME shows one, .help has the rest"
-END = object()
-PIECE = 500  # characters of a text that arrive whole whatever their size in bytes
 
-# Statements that run, but whose rows cannot be had.
-NO_ROWS = {
-    "WITH": "SELECT * FROM (WITH ...)",
-    "VALUES": "SELECT * FROM (VALUES ...)",
-    "PRAGMA": "SELECT * FROM pragma_NAME(...)",
-    "EXPLAIN": "",
-}
-
+# A statement that does something before its rows are read. Elsewhere the words do no harm.
+CHANGES = re.compile(r"\b(RETURNING|CALL|EXEC(UTE)?)\b", re.IGNORECASE)
 
 NO_CATALOGUE = ("this command knows SQLite's catalogue, and .tables those of PostgreSQL, MariaDB"
                 " and MySQL too; ask this database by its own statements")
@@ -64,20 +55,6 @@ def plural(count: int, noun: str) -> str:
     return "%s %s%s" % (format(count, ","), noun, "" if count == 1 else "s")
 
 
-class Warnings:
-    """Collects the module's warnings of one statement: the first few, and how many there were."""
-
-    def __init__(self) -> None:
-        self.first: List[str] = []
-        self.count = 0
-        self.place = ""
-
-    def __call__(self, message: Any, *_: Any, **__: Any) -> None:
-        self.count += 1
-        if len(self.first) < SHOWN_WARNINGS:
-            self.first.append(self.place + str(message))
-
-
 def hint(line: str) -> str:
     """Words about a command of another shell, or nothing."""
     word = (line.split() or [""])[0].rstrip(";").lower()
@@ -86,9 +63,9 @@ def hint(line: str) -> str:
 
 class Session:
     """A connection and how its results are shown. Commands and statements raise Failure or
-    zelqa.Error."""
+    dbapi.Error."""
 
-    def __init__(self, connection: zelqa.Connection, style: str, mask: Mask) -> None:
+    def __init__(self, connection: dbapi.Connection, style: str, mask: Mask) -> None:
         self.connection = connection
         self.style = style
         self.mask = mask
@@ -96,11 +73,11 @@ class Session:
         self.is_one_document = style == "json"
         self.results = 0
         self.rows = 0  # of the result that is being written
-        self.running = ""  # the statement
-        self.has_ended = False  # the statement, with no rows to come
-        self.description: Any = None
-        self.warnings = Warnings()
-        self.interrupts = Interrupts()
+        self.has_ended = False  # what was run last, with no rows to come
+        self.stays = False  # what it has done, whether its rows are read or not
+        self.is_watching = False  # where a transaction goes
+        self.was_open = False  # a transaction, when what runs began
+        self.interrupts = Interrupts(connection)
         self.known_dialect: Optional[Dialect] = None
         self.commands: Dict[str, Command] = {
             ".tables": Command(self.tables, (0, 0), "", "the tables and views"),
@@ -113,6 +90,12 @@ class Session:
             ".quit": Command(self.quit, (0, 0), "", "leave; so does Ctrl-D"),
         }
 
+    def close(self) -> None:
+        with self.interrupts.ignored():
+            if self.connection.in_transaction:
+                self.note("note: the transaction was not committed, and is rolled back.")
+            self.connection.close()
+
     def say(self, text: str) -> None:
         """Words about a result, which have no place in data for other programs."""
         if self.style == "table":
@@ -122,12 +105,6 @@ class Session:
         sys.stdout.flush()
         tell(self.mask(text), sys.stderr)
 
-    def ask(self, sql: str, *parameters: Any) -> List[Tuple[Any, ...]]:
-        def rows() -> List[Tuple[Any, ...]]:
-            return [tuple(row) for row in self.connection.execute(sql, *parameters)]
-
-        return list(self.interrupts.call(rows))
-
     @property
     def dialect(self) -> Dialect:
         if self.known_dialect is None:
@@ -136,54 +113,27 @@ class Session:
 
     # --- statements
 
-    @contextlib.contextmanager
-    def warnings_shown(self) -> Iterator[None]:
-        seen = self.warnings = Warnings()
-        with warnings.catch_warnings():
-            warnings.simplefilter("always")
-            warnings.showwarning = seen
-            try:
-                yield
-            finally:
-                for text in seen.first:
-                    self.note("warning: " + text)
-                if seen.count > len(seen.first):
-                    self.note("warning: and %d more" % (seen.count - len(seen.first)))
-
-    def start(self, sql: str) -> zelqa.Cursor:
-        cursor = self.connection.execute(sql)
-        self.description = cursor.description
-        self.has_ended = cursor.description is None
-        return cursor
-
     def fetched(self, rows: Iterator[Any]) -> Iterator[Any]:
-        """The rows. What other programs read is whole, or ends with an error."""
-        known = self.warnings.count
-        while True:
-            self.warnings.place = "row %d: " % (self.rows + 1)
-            row = self.interrupts.call(next, rows, END)
-            if row is END:
-                return
-            if self.style != "table" and self.warnings.count > known:
-                raise Failure("row %d is not whole and is not written; substr(COLUMN, 1, 500) and"
-                              " so on read a long text in pieces" % (self.rows + 1))
-            self.rows += 1
+        for self.rows, row in enumerate(rows, 1):
             yield row
 
+    def begin(self) -> None:
+        self.rows, self.has_ended, self.stays = 0, False, False
+        self.was_open = self.is_watching and self.connection.in_transaction
+
     def execute(self, sql: str) -> None:
-        self.rows, self.running, self.has_ended, self.description = 0, sql, False, None
         start = time.monotonic()
-        with self.warnings_shown(), self.interrupts:
-            try:
-                cursor = self.interrupts.call(self.start, sql)
-            except UnicodeEncodeError as error:
-                raise Failure("the statement is not valid text (%s)" % error.reason) from error
-            if self.description is not None:
+        self.begin()
+        # Before the next prompt a result that was not read to its end has no locks any more.
+        with contextlib.closing(self.connection.cursor()) as cursor:
+            self.interrupts.call(self.start, cursor, sql)
+            columns = cursor.description
+            if columns is not None:
                 self.results += 1
                 if self.is_one_document and self.results > 1:
                     raise Failure("this is a second result, and --json writes one document:"
                                   " run it on its own")
-                FORMATS[self.style](sys.stdout).write(self.description, self.fetched(cursor))
+                FORMATS[self.style](sys.stdout).write(columns, self.fetched(cursor))
                 done = plural(self.rows, "row")
             else:
                 # A call does not tell how many rows its statements changed.
@@ -191,47 +141,25 @@ class Session:
                 done = "%s changed" % plural(cursor.rowcount, "row") if is_counted else "done"
         self.say("(%s, %.3f s)" % (done, time.monotonic() - start))
         sys.stdout.flush()
-        self.running, self.has_ended = "", False
-        if cursor.description is None:
-            self.explain_no_rows(sql)
+        self.was_open = False
+
+    def start(self, cursor: dbapi.Cursor, sql: str) -> None:
+        self.has_ended = cursor.execute(sql).description is None
+        self.stays = bool(CHANGES.search(sql))
 
     def stopped(self, interrupt: KeyboardInterrupt) -> str:
         """What Ctrl-C came to."""
         if self.has_ended:
             return "(Ctrl-C came too late: the statement has run to its end)"
-        after = " after " + plural(self.rows, "row") if self.running and self.rows else ""
-        text = "(stopped%s%s)" % (after, ": %s" % interrupt if str(interrupt) else "")
-        if self.running and not self.running.upper().startswith("SELECT"):
-            with self.interrupts.ignored():
-                text += "\nnote: " + self.transaction_now()
-        return text
+        after = " after " + plural(self.rows, "row") if self.rows else ""
+        words = "what the statement did stays" if self.stays else str(interrupt)
+        return "(stopped%s%s)" % (after, ": " + words if words else "")
 
-    def transaction_now(self) -> str:
-        """What an interrupted statement has left of a transaction: SQLite ends some as a whole."""
-        if self.dialect is not SQLITE:
-            return "a transaction that was open may have been rolled back as a whole."
-        try:
-            for statement in ("BEGIN", "COMMIT"):
-                self.connection.execute(statement)
-        except zelqa.Error:
-            return "the transaction is still open."
-        return "no transaction is open now."
-
-    def explain_no_rows(self, sql: str) -> None:
-        plain = re.sub(r"--[^\n]*|/\*.*?\*/|'[^']*'", " ", sql, flags=re.DOTALL)
-        words = re.findall(r"\w+", plain.upper())
-        first = words[0] if words else ""
-        if first in NO_ROWS or "RETURNING" in words:
-            instead = NO_ROWS.get(first)
-            self.note("note: rows come only from SELECT, EXECUTE and EXEC; what this statement"
-                      " yields is not shown."
-                      + (" Write: " + instead if instead else ""))
-
-    def release(self) -> None:
-        """Ends a result that is not read to its end: it holds no lock while nobody looks."""
-        self.running, self.has_ended = "", False
-        with contextlib.suppress(zelqa.Error), self.interrupts.ignored():
-            self.connection.execute("SELECT 1 WHERE 1 = 0").fetchall()
+    def tell_of_transaction(self) -> None:
+        """SQLite, for one, ends a transaction when a statement in it is interrupted."""
+        if self.was_open and not self.connection.in_transaction:
+            self.note("note: the transaction is over%s."
+                      % (", and all of it rolled back" if self.dialect is SQLITE else ""))
 
     # --- commands
 
@@ -269,31 +197,28 @@ class Session:
         if self.dialect is not SQLITE:
             raise Failure(NO_CATALOGUE)
         found = False
-        with self.interrupts:
-            for text in self.definitions(names):
-                if sys.stdout.isatty():
-                    text = printable(text, sys.stdout.encoding.lower(), "\n\t")
-                print(text)
-                found = True
+        for text in self.definitions(names):
+            if sys.stdout.isatty():
+                text = printable(text, sys.stdout.encoding.lower(), "\n\t")
+            print(text)
+            found = True
         if names and not found:
             raise Failure("there is no table, view or procedure %s; .tables lists them" % names[0])
 
     def definitions(self, names: List[str]) -> Iterator[str]:
-        for column, text, table in CATALOGUES:
-            key_column, end = ("rowid", ";") if column == "tbl_name" else (column, "\n/")
+        for column, text, table, order, end in CATALOGUES:
             where = " AND lower(%s) = lower(?)" % column if names else ""
             try:
-                entries = self.ask(
-                    "SELECT %s, length(%s) FROM %s WHERE length(%s) > 0%s ORDER BY %s"
-                    % (key_column, text, table, text, where, key_column), names)
-            except zelqa.Error:
+                found = self.connection.execute(
+                    "SELECT %s FROM %s WHERE length(%s) > 0%s ORDER BY %s"
+                    % (text, table, text, where, order), names)
+            except dbapi.Error:
                 if table != "sys_procedures":  # which is there once there was a procedure
                     raise
                 return
-            for key, length in entries:
-                yield "".join(self.ask("SELECT substr(%s, ?, %d) FROM %s WHERE %s = ?" % (
-                    text, PIECE, table, key_column), start, key)[0][0]
-                    for start in range(1, int(length) + 1, PIECE)) + end
+            with contextlib.closing(found):
+                for (definition,) in found:
+                    yield definition + end
 
     def read(self, arguments: List[str]) -> None:
         path = os.path.expanduser(arguments[0])
@@ -301,7 +226,7 @@ class Session:
             raise Failure("%s: files that read files go %d deep at most" % (path, MAX_DEPTH))
         self.depth += 1
         try:
-            with open(path, encoding="utf-8-sig") as file:
+            with open(path, encoding="utf-8-sig", newline="\n") as file:
                 self.run_lines(file, path)
         except OSError as error:
             raise Failure("%s: %s" % (path, error.strerror)) from error
@@ -315,15 +240,21 @@ class Session:
             raise Failure("usage: .import " + self.commands[".import"].usage)
         path, table = os.path.expanduser(names[0]), names[1]
         start = time.monotonic()
+        importing = importer.Importer(self.connection, self.dialect, self.interrupts, empty_text)
+        self.begin()
         try:
-            with self.interrupts:
-                importing = importer.Importer(self.connection, self.interrupts, empty_text)
-                count = importing.run(path, table)
+            importing.run(path, table)
         except OSError as error:
             raise Failure("%s: %s" % (path, error.strerror)) from error
         except importer.ImportFailed as error:
             raise Failure("%s: %s; nothing is imported" % (path, error)) from error
-        self.say("(%s imported, %.3f s)" % (plural(count, "row"), time.monotonic() - start))
+        finally:
+            self.has_ended = importing.stored >= 0
+        if importing.stored != importing.rows:
+            self.note("warning: of %s the database has stored %s"
+                      % (plural(importing.rows, "row"), format(importing.stored, ",")))
+        self.say("(%s imported, %.3f s)" % (plural(importing.rows, "row"),
+                                            time.monotonic() - start))
 
     # --- sources of lines
 
@@ -345,13 +276,13 @@ class Session:
                 self.execute(statement)
         except UnicodeDecodeError as error:
             raise Failure("%s: after line %d: not valid UTF-8" % (source, number)) from error
-        except (Failure, zelqa.Error) as error:
+        except (Failure, dbapi.Error) as error:
             raise Failure("%s:%d: %s" % (source, begin, error) if source else str(error)) from error
 
     def interact(self) -> None:
         """Reads from the terminal until Ctrl-D or .quit. Neither Ctrl-C nor a failure ends it."""
         splitter = Splitter(interactive=True)
-        self.is_one_document = False
+        self.is_one_document, self.is_watching = False, True
         with history.kept():
             while True:
                 try:
@@ -365,12 +296,14 @@ class Session:
                         splitter.clear()
                         print()
                         self.note(self.stopped(interrupt))
-                        self.release()
+                        self.tell_of_transaction()
 
     def step(self, splitter: Splitter) -> None:
         """One line from the terminal."""
         try:
-            line = input(PROMPT if splitter.is_empty else CONTINUED)
+            self.begin()
+            prompt = IN_TRANSACTION if self.was_open else PROMPT
+            line = input(prompt if splitter.is_empty else CONTINUED)
             word = line.strip().rstrip("; ").lower()
             if splitter.is_empty and (line.lstrip()[:1] in (".", "\\")
                                       or word in {*PLAIN_COMMANDS, *HINTS}):
@@ -387,16 +320,7 @@ class Session:
         except UnicodeDecodeError:
             self.note("error: the line is not text in the encoding of this terminal, %s"
                       % sys.stdin.encoding)
-        except (Failure, zelqa.Error) as error:
+        except (Failure, dbapi.Error) as error:
             splitter.clear()
             self.note("error: %s" % error)
-            self.note_help(error)
-            self.release()
-
-    def note_help(self, error: BaseException) -> None:
-        if "Binary type not supported" not in str(error):
-            return
-        names = [column[0] for column in self.description or () if column[1] is bytearray]
-        self.note("note: %s; %s reads a binary column as text." % (
-            "the binary column is " + ", ".join(map(repr, names)) if names else "one is binary",
-            self.dialect.binary % (names[0] if len(names) == 1 else "COLUMN")))
+            self.tell_of_transaction()

@@ -39,24 +39,24 @@ def real(text: str) -> float:
     return value
 
 
-def exact(text: str) -> str:
+def exact(text: str) -> decimal.Decimal:
     """SQLite keeps a 64-bit integer, or else a double."""
     value = decimal.Decimal(_checked(_NUMBER.fullmatch(text.strip()), text).strip())
     double = float(value)
     _checked(math.isfinite(double) and bool(double) == bool(value), text)
     digits = "".join(map(str, value.as_tuple().digits)).strip("0")
     is_long = -_LONG <= value < _LONG and value == int(value)
-    return _checked(len(digits) <= _EXACT_DIGITS or is_long, text).strip()
+    _checked(len(digits) <= _EXACT_DIGITS or is_long, text)
+    return value
 
 
-def _moment(cls: Any, pattern: str) -> Callable[[str], str]:
+def _moment(cls: Any, pattern: str) -> Callable[[str], Any]:
     expression = re.compile(pattern, re.ASCII)
 
-    def parse(text: str) -> str:
+    def parse(text: str) -> Any:
         plain = _checked(expression.fullmatch(text.strip()), text).strip()
         whole_part, dot, fraction = plain.partition(".")
-        value = cls.fromisoformat(whole_part + dot + fraction.ljust(6, "0") * bool(dot))
-        return str(value)
+        return cls.fromisoformat(whole_part + dot + fraction.ljust(6, "0") * bool(dot))
 
     return parse
 
@@ -64,6 +64,7 @@ def _moment(cls: Any, pattern: str) -> Callable[[str], str]:
 # By type: what a text must be, and the function that makes a value of it or raises ValueError.
 PARSERS: Dict[Any, Tuple[str, Callable[[str], Any]]] = {
     bool: ("true or false", truth),
+    bytes: ("pairs of hex digits", bytes.fromhex),
     int: ("whole number of 64 bits", whole),
     float: ("number", real),
     decimal.Decimal: ("number that SQLite keeps exactly (15 digits)", exact),
@@ -72,3 +73,6 @@ PARSERS: Dict[Any, Tuple[str, Callable[[str], Any]]] = {
     datetime.datetime: ("time like 2026-11-21 12:30:00",
                         _moment(datetime.datetime, "%s([ T]%s)?" % (_DATE, _TIME))),
 }
+
+# A text of these is no value for a server, either.
+SENT_AS_VALUES = (bool, bytes)

@@ -31,8 +31,6 @@ INSERT INTO item VALUES ('lamp', 12.5, '2026-11-21', 3), (NULL, NULL, NULL, NULL
 MILLION = ("SELECT * FROM (WITH RECURSIVE s(n) AS (SELECT 1 UNION ALL SELECT n + 1 FROM s"
            " WHERE n < %d) SELECT n, 'text ' || n AS t FROM s)")
 
-LONG = "SELECT 'x' AS t UNION ALL SELECT replace(hex(zeroblob(3000)), '00', 'x')"
-
 
 def vorda(*arguments, stdin="", **environment):
     return subprocess.run([sys.executable, "-m", "vorda", *arguments],
@@ -72,11 +70,10 @@ def test_csv_and_json_carry_every_value(item):
     text = out("--csv", item, "SELECT * FROM item")
     assert text.splitlines()[2:4] == [",,,", '"",0.0000001,,1000']
     assert list(csv.reader(io.StringIO(text)))[5] == ["a\n,\"b", "1", "", "2"]
-    rows = json.loads(out(item, "--json",
-                          "SELECT *, 1.5 AS name, CAST('2020-01-01 02:03:04.5' AS TIMESTAMP) AS at,"
-                          " 9e999 AS big FROM item"))
+    rows = json.loads(out(item, "--json", "WITH i AS (SELECT * FROM item) SELECT *, 1.5 AS name,"
+                          " x'00ff' AS bin, hex(zeroblob(3000)) AS long, 9e999 AS big FROM i"))
     assert rows[0] == {"name": "lamp", "price": "12.5", "sold": "2026-11-21", "n": 3, "name_2": 1.5,
-                       "at": rows[0]["at"], "big": "inf"}
+                       "bin": "00ff", "long": "00" * 3000, "big": "inf"}
     assert rows[1]["name"] is None and rows[2]["name"] == "" and rows[2]["price"] == "0.0000001"
     assert json.loads(out("--json", item, "SELECT * FROM item WHERE 1 = 0")) == []
     assert Json.keys(["a", "a", "a_2", "a"]) == ["a", "a_3", "a_2", "a_4"]
@@ -87,17 +84,12 @@ def test_csv_and_json_carry_every_value(item):
     (["Database=:memory:"], "SELECT 1;\n\nSELECT\nnope;\nSELECT 2;", 1, "standard input:3: "),
     (["Database=:memory:"], b"SELECT 1;\nSELECT \xff", 1,
      "standard input: after line 0: not valid UTF-8"),
-    (["Database=:memory:", "SELECT 1 AS a, x'00' AS b"], "", 1,
-     "binary column is 'b'; hex(b) reads"),
-    (["Database=:memory:", "WITH a AS (SELECT 1) SELECT * FROM a"], "", 0,
-     "SELECT * FROM (WITH ...)"),
+    (["Database=:memory:"], "BEGIN;", 0, "the transaction was not committed"),
+    (["Database=:memory:;Timout=1", "SELECT 1"], "", 0, "warning: [vorda]"),
     (["Database=:memory:", ".schema nope"], "", 1, "no table, view or procedure nope"),
     (["Database=:memory:", ".nope"], "", 1, ".help lists them"),
     (["Database=:memory:"], "\\d item\n", 1, "no command \\d; .tables lists"),
     (["Database=:memory:", "SELECT * FROM \"\x1b[2Jx\""], "", 1, "no such table: \\x1b[2Jx"),
-    (["Database=:memory:", "--csv", LONG], "", 1,
-     "row 2: The text of column 't' is truncated from"),
-    (["Database=:memory:", LONG], "", 0, "warning: row 2: The text of column 't'"),
     (["Database=:memory:", "--json", "SELECT 1; SELECT 2"], "", 1, "--json writes one document"),
     (["Database=:memory:", ".read"], "", 1, "usage: .read FILE"),
     (["Database=/no/such/folder/x"], "", 1,
@@ -112,7 +104,7 @@ def test_what_goes_wrong_is_said_and_shows_in_the_status(arguments, stdin, statu
     error = done.stderr.decode()
     assert (done.returncode, message in error) == (status, True), error
     assert b"hunter2" not in done.stdout + done.stderr and "Traceback" not in error
-    assert b"\x1b" not in done.stderr and b"xxx" not in done.stdout.replace(b"x" * 2047, b"")
+    assert b"\x1b" not in done.stderr
 
 
 def test_a_failing_script_stops_there(item):
@@ -238,7 +230,6 @@ def test_import(imported, content, table, rows):
     (b"b\nx\n\xff\n", "t", "line 3 is not valid UTF-8"), (b"b\n1\n", "u", "no such table: u"),
     (b"b\n\"x\n", "t", "line 2: the quotes of a field are not closed"),
     (b'b\n"x"y\n', "t", "line 2: text beside the quotes of a field"),
-    (b"b\nx\na\0b\n", "t", "NUL"),
     *[(b'%s\n1\n"%s"\n' % item, "group.x", "line 3: %r is no" % item[1].decode()) for item in [
         (b"@id", b"1,5"), (b"@id", b"12345678901234567890.12"), (b"@id", b"1e400"),
         (b":x", b"9223372036854775808"),
@@ -359,8 +350,12 @@ def test_ctrl_c_says_what_it_came_to(terminal, stdlib):
     for _ in range(3):  # it falls between two statements or into one
         os.write(terminal.file, b"EXEC p;\n")
         time.sleep(0.2)
-        assert "(stopped)\r\nnote: no transaction is open now.\r\n" in terminal.interrupt()
+        assert "(stopped)\r\nvorda>" in terminal.interrupt()
         assert stdlib.execute("SELECT count(*) FROM item").fetchone() == (5,)
+    terminal.type("BEGIN;\n", r"vorda\*> ")
+    os.write(terminal.file, b"EXEC p;\n")
+    time.sleep(0.2)
+    assert "the transaction is over, and all of it rolled back" in terminal.interrupt()
     stdlib.execute("CREATE VIEW sys_procedures AS SELECT n AS ProcedureName, n AS Definition FROM "
                    + MILLION.partition("FROM")[2] % 10 ** 12)
     terminal.type(".schema\n", "CREATE VIEW sys_procedures")
