@@ -356,10 +356,14 @@ Delivery toTaggedOfType(const Cell& cell, const ColumnType& column, const Target
         case SQL_TYPE_TIMESTAMP:
             return storeTaggedTemporal(CellKind::Timestamp, temporalOf(cell, column, "a timestamp"),
                                        target);
-        default:
-            if (cell.kind != Cell::Kind::Integer || cell.integer < 0 || cell.integer > 1)
-                refuse(kInvalid, cell, "0 or 1");
-            return toTagged(cell, column, target);
+        default: {
+            const std::int64_t value = integerOf(cell, column);
+            if (value != 0 && value != 1) refuse(kInvalid, cell, "0 or 1");
+            Cell truth;
+            truth.kind = Cell::Kind::Integer;
+            truth.integer = value;
+            return toTagged(truth, column, target);
+        }
     }
 }
 

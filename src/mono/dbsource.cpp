@@ -2,7 +2,6 @@
 
 #include <cstdint>
 
-#include "mono/cancel.h"
 #include "util/def.h"
 
 int ODBCSourceImpl::Init() {
@@ -43,7 +42,6 @@ int ODBCSourceImpl::Open(const char* connStr, int /*len*/) {
 
 void ODBCSourceImpl::DropPrepared() {
     if (m_preparedHstmt != nullptr) {
-        ForgetStatement(m_preparedHstmt);
         SQLFreeStmt(m_preparedHstmt, SQL_DROP);
         m_preparedHstmt = nullptr;
     }
@@ -58,7 +56,6 @@ int ODBCSourceImpl::Close() {
     DropPrepared();
     m_parameters.Reset();
     if (m_hdbc != nullptr) {
-        ForgetStatement(nullptr);
         SQLDisconnect(m_hdbc);
         SQLFreeConnect(m_hdbc);
         m_hdbc = nullptr;
@@ -122,7 +119,6 @@ int ODBCSourceImpl::Execute(IntDbResultSet* rs, int* rowCount) {
         m_isBatched = true;
     }
 
-    NoteStatement(hstmt);
     const SQLRETURN result = SQLExecute(hstmt);
     ClearParameters();
     if (!StatementPassed(result, hstmt)) return VORDA_ODBC_ERROR;
@@ -143,7 +139,6 @@ int ODBCSourceImpl::Execute(const char* sql, int len, IntDbResultSet* rs, int* r
     SQLHSTMT hstmt = nullptr;
     if (!Passed(SQLAllocStmt(m_hdbc, &hstmt), nullptr, m_hdbc, nullptr)) return VORDA_ODBC_ERROR;
 
-    NoteStatement(hstmt);
     const SQLRETURN result = SQLExecDirectW(hstmt, AsWideText(sql), len);
     ClearParameters();
     if (!StatementPassed(result, hstmt)) return VORDA_ODBC_ERROR;

@@ -8,7 +8,6 @@
 #include <type_traits>
 #include <utility>
 
-#include "mono/cancel.h"
 #include "mono/typemaps.h"
 #include "util/def.h"
 
@@ -64,7 +63,6 @@ int ODBCResultSetImpl::Close() {
     SetError(VORDA_OK, "");
     // The statement goes first: until then the driver may still write into the bound buffers.
     if (m_hstmt != nullptr) {
-        ForgetStatement(m_hstmt);
         SQLFreeStmt(m_hstmt, SQL_DROP);
         m_hstmt = nullptr;
     }
