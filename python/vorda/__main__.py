@@ -16,11 +16,14 @@ Without SQL, statements come from standard input; on a terminal that is a shell 
 (.help tells more). Statements end with a semicolon, several may follow one another. The exit
 status is 1 when a statement fails.
 
---csv   a header line; NULL is an empty field, an empty text is "".
---json  an array of objects, of one result; decimals, dates and times are texts, NULL is null.
-        Equal names get _2, _3 ...
+Each statement is committed by itself, unless BEGIN has opened a transaction, which then waits for
+COMMIT or ROLLBACK.
 
-  python -m vorda "Database=shop.db" "SELECT * FROM item"
+--csv   a header line; NULL is an empty field, an empty text is "", binary data are hex digits.
+--json  an array of objects, of one result; decimals, dates and times are texts, binary data are hex
+        digits, NULL is null. Equal names get _2, _3 ...
+
+  python -m vorda shop.db "SELECT * FROM item"
   python -m vorda doctor ["Database=shop.db"]      why does it not connect?
 """
 
@@ -44,7 +47,7 @@ def parse(arguments: List[str]) -> argparse.Namespace:
                            default="table",
                            help="write results as " + name.upper())
     parser.add_argument("connection_string", metavar="CONNECTION_STRING",
-                        help="for example Database=shop.db")
+                        help="for example Database=shop.db, or the path of a SQLite file")
     parser.add_argument("sql", metavar="SQL", nargs="?", help="what to run")
     return parser.parse_intermixed_args(arguments)
 

@@ -11,6 +11,7 @@ import struct
 import sys
 import textwrap
 import time
+import warnings
 from typing import List, Optional, Tuple
 
 from . import sources
@@ -173,10 +174,14 @@ def try_connection(report: Report, connection_string: str) -> bool:
     for driver in drivers:
         start = time.monotonic()
         try:
-            driver.connect(connection_string).close()
+            with warnings.catch_warnings(record=True) as remarks:
+                warnings.simplefilter("always")
+                driver.connect(connection_string).close()
         except driver.Error as error:
             report.fact("failed", "%s: %s" % (driver.__name__, error))
             return False
+        for remark in remarks:
+            report.fact("warning", str(remark.message))
         report.fact("connected", "%s, in %.3f s" % (driver.__name__, time.monotonic() - start))
     return True
 
