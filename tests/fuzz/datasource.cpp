@@ -1,5 +1,5 @@
 // What the engine for data sources reads of statements in each dialect; and its UTF-16, beside
-// iconv's. The first byte chooses the dialect.
+// iconv's. The first byte chooses the dialect; what follows is read whole, and line by line.
 #include "core/error.h"
 #include "fuzz.h"
 #include "odbc/sqltext.h"
@@ -15,30 +15,33 @@ using Kind = SqlScanner::Kind;
 std::size_t checkTokens(std::string_view sql, const embedded::Dialect& dialect, bool told) {
     std::size_t markers = 0;
     std::size_t end = 0;
+    std::ostringstream kinds;
     SqlScanner scanner(sql, dialect.syntax);
     for (auto token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
         require(!token.text.empty() && token.text.data() >= sql.data() + end, "tokens advance");
         end = scanner.position();
         require(token.text.data() + token.text.size() == sql.data() + end, "up to the position");
         if (token.kind == Kind::Marker) ++markers;
-        if (told) fuzz::tell(static_cast<int>(token.kind), token.text);
+        kinds << static_cast<int>(token.kind) << ' ' << token.text << "  ";
     }
+    if (told) fuzz::tell(kinds.str());
     return markers;
 }
 
-void checkScanner(const std::string& sql, const embedded::Dialect& dialect) {
+void checkScanner(const std::string& sql, const embedded::Dialect& dialect, bool told) {
     // No terminator: the length alone must hold the scanner back.
     const std::vector<char> exact(sql.begin(), sql.end());
-    checkTokens({exact.data(), exact.size()}, dialect, true);
+    checkTokens({exact.data(), exact.size()}, dialect, told);
     const embedded::StatementText text(sql, dialect);
-    fuzz::tell(static_cast<int>(text.kind()));
+    const auto kind = static_cast<int>(text.kind());
     try {
         const embedded::MarkedSql marked = text.marked();
-        fuzz::tell(marked.text, marked.parameters);
+        std::ostringstream numbers;
         for (const int number : marked.numbers) {
-            fuzz::tell(number);
+            numbers << number << ' ';
             require(number >= 1 && number <= marked.parameters, "the number of a parameter");
         }
+        fuzz::tell(kind, marked.text, "with", numbers.str());
         // In "@?", which is SQL nowhere, the number would join the sign in front.
         if (sql.find("@?") != std::string::npos) return;
         require(checkTokens(marked.text, dialect, false) == marked.numbers.size(),
@@ -47,7 +50,7 @@ void checkScanner(const std::string& sql, const embedded::Dialect& dialect) {
         require(embedded::StatementText(numbered, dialect).marked().numbers == marked.numbers,
                 "numbers that are spelt out stay");
     } catch (const embedded::Error& error) {
-        fuzz::tell(error.state());
+        fuzz::tell(kind, error.state());
     }
 }
 
@@ -81,11 +84,20 @@ void checkUtf16(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    constexpr const char* kServers[] = {"?", "PostgreSQL", "MariaDB", "SQLite"};
+    constexpr const char* kServers[] = {"?", "PostgreSQL", "MariaDB", "SQLite",
+                                        "Microsoft SQL Server"};
     fuzz::Input input(data, size);
-    const embedded::Dialect& dialect = embedded::dialectOf(kServers[input.byte() % 4]);
+    const unsigned server = input.byte() + (256U - '0');
+    const embedded::Dialect& dialect = embedded::dialectOf(kServers[server % 256U % 5U]);
+    fuzz::Input lines = input;
     const std::string text(input.rest());
-    checkScanner(text, dialect);
+    checkScanner(text, dialect, true);
     checkUtf16(text);
+    while (!lines.empty()) {
+        const std::string line(lines.line());
+        if (line.size() == text.size()) break;
+        checkScanner(line, dialect, false);
+        checkUtf16(line);
+    }
     return 0;
 }
