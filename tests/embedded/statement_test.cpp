@@ -44,99 +44,20 @@ SELECT 1; SELECT 2 => !42000 1 [
 DELETE FROM t; DROP TABLE t => !42000 1 [
 SELECT * FROM t => 1|x
 )");
-    const std::pair<std::string, std::string> texts[] = {
-        {"", "!42000"},
-        {std::string("SELECT 1\0", 9), "1"},
-        {std::string("SELECT 1\0, 2", 12), "!42000"},
-    };
-    for (const auto& [sql, outcome] : texts) {
+    for (const auto& [sql, outcome] : std::map<std::string, std::string>{
+             {"", "!42000"}, {{"SELECT 1\0", 9}, "1"}, {{"SELECT 1\0, 2", 12}, "!42000"}}) {
         Statement statement(connection.handle);
-        EXPECT_EQ(outcome, statement.outcome(statement.run(sql)).substr(0, outcome.size()));
+        EXPECT_TRUE(statement.outcome(statement.run(sql)).starts_with(outcome));
     }
-}
-
-TEST_F(StatementTest, TheLastRowOfAnInsertIsToldByNumber) {
-    connection.must("CREATE TABLE t (a INTEGER PRIMARY KEY, b)");
-    const std::pair<const char*, SQLBIGINT> cases[] = {
-        {"INSERT INTO t (b) VALUES (1), (2)", 2},
-        {"INSERT INTO t VALUES (9000000000, 1)", 9000000000},
-        {"REPLACE INTO t VALUES (-4, 1) RETURNING a", -4},
-        {"INSERT OR IGNORE INTO t VALUES (-4, 1)", 0},
-        {"UPDATE t SET b = 3", 0},
-        {"SELECT 1", 0}};
-    for (const auto& [sql, expected] : cases) {
-        Statement statement(connection.handle);
-        statement.run(sql);
-        SQLBIGINT number = 0;
-        SQLINTEGER length = 0;
-        const SQLRETURN result = RT_SQLGetStmtAttr(kDriver, statement.handle,
-                                                   SQL_ATTR_VORDA_LAST_ROWID, &number, 0, &length);
-        EXPECT_EQ(expected == 0 ? SQL_NO_DATA : SQL_SUCCESS, result) << sql;
-        EXPECT_EQ(expected, number) << sql;
-    }
-}
-
-TEST_F(StatementTest, RegexpFindsAPatternAnywhere) {
-    const struct {
-        const char* pattern;
-        const char* text;
-        const char* found;
-    } cases[] = {
-        {"b+c", "abbbcd", "1"},
-        {"^b", "ab", "0"},
-        {"b$", "ab", "1"},
-        {"", "", "1"},
-        {"a|b|", "x", "1"},
-        {"^(ab|c)*$", "abcab", "1"},
-        {"^(ab|c)*$", "abca", "0"},
-        {"^a{2,3}$", "aaaa", "0"},
-        {"^a{2,3}$", "aaa", "1"},
-        {"^a{2,}?$", "aaaaa", "1"},
-        {"^.$", "\xC3\xA9", "1"},
-        {"[a-c\\d-]", "-", "1"},
-        {"[^\\W_]", "_-", "0"},
-        {"^[]x]+$", "]x]", "1"},
-        {"[\xC3\xA0-\xC3\xBF]", "\xC3\xA9", "1"},
-        {"\\bcat\\b", "a cat.", "1"},
-        {"\\bcat\\b", "cats", "0"},
-        {"(?i)straSSe", "STRASSE", "1"},
-        {"a\\.b", "axb", "0"},
-        {"(?:a*)*b", "aaaac", "0"},
-        {"^\\S+@\\S+$", "a@b.c", "1"},
-        {"a.c", "a\nc", "0"},
-        {"(a|aa)+$", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaab", "0"},
-        {"(", "", "!"},
-        {"a)", "", "!"},
-        {"[a", "", "!"},
-        {"*", "", "!"},
-        {"a{3,2}", "", "!"},
-        {"\\1", "", "!"},
-        {"(?=a)", "", "!"},
-        {"((a{1000}){1000})", "", "!"},
-        {"[b-a]", "", "!"},
-    };
-    for (const auto& [pattern, text, found] : cases) {
-        const std::string sql =
-            std::string("SELECT '") + text + "' REGEXP '" + pattern + "' FROM (SELECT 1)";
-        Statement statement(connection.handle);
-        const bool worked = SQL_SUCCEEDED(statement.run(sql)) && SQL_SUCCEEDED(statement.fetch());
-        EXPECT_EQ(found, worked ? statement.get(1) : "!") << sql << statement.error().message;
-    }
-    EXPECT_EQ(Rows{"NULL|NULL|1"},
-              connection.query("SELECT NULL REGEXP 'a', 'a' REGEXP NULL, 12 REGEXP '^1'"));
-    EXPECT_EQ(Rows{"1000"},
-              connection.query(
-                  "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 1000)"
-                  " SELECT sum('x' || i REGEXP 'x' || i || '$') FROM n"));
 }
 
 TEST_F(StatementTest, CallsOutOfOrderAreRefused) {
     Statement statement(connection.handle);
-    SQLSMALLINT columns = 0;
-    SQLLEN count = 0;
     const auto refused = [&](const char* state, SQLRETURN result) {
         EXPECT_EQ(state, statement.stateOf(result));
     };
+    SQLSMALLINT columns = 0;
+    SQLLEN count = 0;
     refused("HY010", statement.execute());
     refused("HY010", statement.fetch());
     refused("HY010", RT_SQLRowCount(kDriver, statement.handle, &count));
@@ -144,18 +65,18 @@ TEST_F(StatementTest, CallsOutOfOrderAreRefused) {
     refused("HY010", RT_SQLNumParams(kDriver, statement.handle, &columns));
     refused("42S02", statement.prepare("SELECT * FROM missing"));
     refused("HY010", statement.execute());
-    EXPECT_EQ(SQL_SUCCESS, statement.prepare("SELECT 1"));
+    refused("", statement.prepare("SELECT 1"));
     refused("HY010", statement.fetch());
-    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    refused("", statement.execute());
     refused("24000", statement.execute());
     refused("24000", statement.prepare("SELECT 2"));
     refused("24000", statement.run("SELECT 2"));
-    EXPECT_EQ(SQL_SUCCESS, RT_SQLCloseCursor(kDriver, statement.handle));
+    refused("", RT_SQLCloseCursor(kDriver, statement.handle));
     refused("24000", RT_SQLCloseCursor(kDriver, statement.handle));
     EXPECT_EQ("1", statement.outcome(statement.execute()));
     for (int i = 0; i < 2; ++i) EXPECT_EQ(SQL_NO_DATA, statement.fetch());
-    EXPECT_EQ(SQL_SUCCESS, statement.close());
-    EXPECT_EQ(SQL_SUCCESS, statement.run("CREATE TABLE t (a)"));
+    statement.close();
+    refused("", statement.run("CREATE TABLE t (a)"));
     refused("24000", statement.fetch());
 }
 
@@ -268,22 +189,6 @@ TEST_F(StatementTest, AttributesTakeWhatTheyCan) {
     };
     for (const auto& [attribute, value, state] : attributes)
         EXPECT_EQ(state, statement.stateOf(statement.set(attribute, value)));
-
-    SQLULEN fetched = 77;
-    SQLUSMALLINT status = 77;
-    SQLULEN row = 77;
-    statement.set(SQL_ATTR_ROWS_FETCHED_PTR, reinterpret_cast<SQLULEN>(&fetched));
-    statement.set(SQL_ATTR_ROW_STATUS_PTR, reinterpret_cast<SQLULEN>(&status));
-    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT 1 UNION SELECT 2"));
-    statement.fetch();
-    statement.fetch();
-    EXPECT_EQ(1U, fetched);
-    EXPECT_EQ(SQL_ROW_SUCCESS, status);
-    EXPECT_EQ(SQL_SUCCESS, RT_SQLGetStmtAttr(kDriver, statement.handle, SQL_ATTR_ROW_NUMBER, &row,
-                                             SQL_IS_UINTEGER, nullptr));
-    EXPECT_EQ(2U, row);
-    statement.fetch();
-    EXPECT_EQ(0U, fetched);
 }
 
 }  // namespace

@@ -14,11 +14,6 @@ constexpr SQLUSMALLINT kGood = SQL_PARAM_SUCCESS;
 constexpr SQLUSMALLINT kBad = SQL_PARAM_ERROR;
 constexpr SQLUSMALLINT kUnused = SQL_PARAM_UNUSED;
 
-/// An answer to the calls from one to another.
-auto failing(int from, int to = 1000, SQLRETURN result = SQL_ERROR) {
-    return [=](int call) { return call >= from && call <= to ? result : kUsual; };
-}
-
 /// An execution that reports so about its sets.
 auto reporting(SQLRETURN result, SQLULEN processed, Sets statuses) {
     return [=](const Execution& execution) {

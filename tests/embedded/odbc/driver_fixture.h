@@ -45,6 +45,11 @@ inline Cell claiming(Cell cell, SQLLEN length) {
     return cell;
 }
 
+/// An answer to the calls from one to another.
+inline auto failing(int from = 1, int to = 100000, SQLRETURN result = SQL_ERROR) {
+    return [=](int call) { return call >= from && call <= to ? result : kUsual; };
+}
+
 inline const std::string kDriverText = "Driver=" VORDA_ODBC_DRIVER ";Server=here";
 
 /// A test with the driver, which answers like a plain one, and a place for a connection to it.

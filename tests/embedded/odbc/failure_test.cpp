@@ -70,9 +70,7 @@ TEST_F(DriverFailures, OfEveryCallAreToldAndLeaveNothingBehind) {
                 if (result == SQL_NEED_DATA && !executes) continue;
                 SCOPED_TRACE(function + " " + std::to_string(bad) + " " + std::to_string(result));
                 script.calls.clear();
-                script.answers[function] = [=](int call) {
-                    return call == bad ? static_cast<SQLRETURN>(result) : kUsual;
-                };
+                script.answers[function] = failing(bad, bad, static_cast<SQLRETURN>(result));
                 const Rows rows = session();
                 const bool told = rows.size() == 1 && rows[0].starts_with('!');
                 EXPECT_TRUE(told || rows == all || (mayEnd && result == SQL_NO_DATA))
@@ -118,7 +116,7 @@ TEST_F(DriverFailures, ComeInTheDriversWords) {
         {{{u"4 S;2", 5, u"no such thing"}}, "HY000", 5, known},
     };
     Connection connection(kDriverText);
-    script.answers["SQLExecDirectW"] = [](int) { return SQLRETURN{SQL_ERROR}; };
+    script.answers["SQLExecDirectW"] = failing();
     for (const auto& given : kCases) {
         script.diagnostics = given.records;
         EXPECT_EQ(SQL_ERROR, connection.run("SELECT 1"));
@@ -150,7 +148,7 @@ TEST_F(DriverFailures, OfWhatFollowsInATextAreSeen) {
 
     script.execute = {};
     script.results = {rows, change};
-    script.answers["SQLMoreResults"] = [](int) { return SQLRETURN{SQL_ERROR}; };
+    script.answers["SQLMoreResults"] = failing();
     EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1; UPDATE nowhere"));
     for (int row = 0; row < 2; ++row) EXPECT_EQ(SQL_SUCCESS, statement.fetch());
     EXPECT_EQ("42S02", statement.stateOf(statement.fetch()));
@@ -158,13 +156,7 @@ TEST_F(DriverFailures, OfWhatFollowsInATextAreSeen) {
     EXPECT_EQ("42S02", statement.stateOf(statement.run("UPDATE t; UPDATE nowhere")));
 }
 
-struct DriverResults : DriverFailures {
-    static SQLSMALLINT columns(Statement& statement) {
-        SQLSMALLINT count = -1;
-        EXPECT_EQ(SQL_SUCCESS, RT_SQLNumResultCols(kDriver, statement.handle, &count));
-        return count;
-    }
-};
+struct DriverResults : DriverFailures {};
 
 TEST_F(DriverResults, ComeOneAfterTheOtherIfAllAreAskedFor) {
     Connection connection(kDriverText);
@@ -192,8 +184,8 @@ TEST_F(DriverResults, OfChangesHaveColumnsOrNone) {
     for (int execution = 0; execution < 2; ++execution) {
         EXPECT_EQ(SQL_SUCCESS, statement.execute());
         // Behind the last result a driver knows of no execution.
-        script.answers["SQLNumResultCols"] = [](int) { return SQLRETURN{SQL_ERROR}; };
-        EXPECT_EQ(0, columns(statement));
+        script.answers["SQLNumResultCols"] = failing();
+        EXPECT_EQ(0, statement.columns());
         script.answers.clear();
     }
     // RETURNING that finds no row: the driver manager takes it for the end of the results.
@@ -212,7 +204,7 @@ TEST_F(DriverResults, AreWaitedForAsLongAsTheDriverIsTold) {
     EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT c FROM t"));
     EXPECT_EQ(Rows{"SQLSetStmtAttrW 0"}, calls({"SQLSetStmtAttrW 0"}));
     statement.close();
-    script.answers["SQLSetStmtAttrW"] = [](int) { return SQLRETURN{SQL_SUCCESS_WITH_INFO}; };
+    script.answers["SQLSetStmtAttrW"] = failing(1, 9, SQL_SUCCESS_WITH_INFO);
     script.diagnostics = {{u"01S02", 0, u"another value"}};
     EXPECT_EQ("HYC00", statement.stateOf(statement.run("SELECT c FROM u")));
 }
@@ -226,7 +218,7 @@ TEST_F(DriverFailures, LeaveNoColumnsBound) {
     Statement statement(connection.handle);
     EXPECT_EQ(SQL_SUCCESS, statement.prepare("SELECT a, b FROM t"));
     script.calls.clear();
-    script.answers["SQLBindCol"] = [](int call) { return call == 2 ? SQL_ERROR : kUsual; };
+    script.answers["SQLBindCol"] = failing(2, 2);
     EXPECT_EQ("42S02", statement.stateOf(statement.execute()));
     EXPECT_EQ(Rows({"SQLFreeStmt 0", "SQLFreeStmt 2"}), calls({"SQLFreeStmt"}));
     EXPECT_EQ(SQL_SUCCESS, statement.execute());
@@ -277,10 +269,9 @@ TEST_F(DriverFailures, OfADeadConnectionDoNotKeepIt) {
     EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1"));
     EXPECT_EQ(SQL_SUCCESS, statement.fetch());
     script.diagnostics = {{u"08S01", 57, u"the server has gone"}};
-    const auto dead = [](int) { return SQLRETURN{SQL_ERROR}; };
     for (const char* function : {"SQLFetch", "SQLExecDirectW", "SQLEndTran", "SQLFreeStmt",
                                  "SQLMoreResults", "SQLSetConnectAttrW"}) {
-        script.answers[function] = dead;
+        script.answers[function] = failing();
     }
     EXPECT_EQ("08S01", statement.stateOf(statement.fetch()));
     EXPECT_EQ("24000", statement.stateOf(statement.fetch()));

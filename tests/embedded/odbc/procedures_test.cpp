@@ -81,39 +81,34 @@ TEST_F(DriverProcedures, GetTheirArgumentsInDeclaredOrder) {
     }
     // Two procedures of that name.
     parameters({{u"a", SQL_PARAM_INPUT}, {u"b", SQL_PARAM_INPUT}}, u"other");
-    EXPECT_EQ(SQL_ERROR, connection.run("EXEC p a=1, b=2"));
-    EXPECT_EQ("HYC00", connection.last.state);
+    connection.expect("EXEC p a=1, b=2 => !HYC00");
     // And in one schema, where the numbers of the parameters begin anew.
     parameters({{u"a", SQL_PARAM_INPUT}, {u"b", SQL_PARAM_INPUT}});
     script.catalog.rows[1][17] = number(1);
-    EXPECT_EQ(SQL_ERROR, connection.run("EXEC p a=1, b=2"));
-    EXPECT_EQ("HYC00", connection.last.state);
-    script.answers["SQLProcedureColumnsW"] = [](int) { return SQLRETURN{SQL_ERROR}; };
-    EXPECT_EQ(SQL_ERROR, connection.run("EXEC p a=1, b=2"));
-    EXPECT_TRUE(connection.last.says("no catalogue")) << connection.last.message;
+    connection.expect("EXEC p a=1, b=2 => !HYC00");
+    script.answers["SQLProcedureColumnsW"] = failing();
+    connection.expect("EXEC p a=1, b=2 => !no catalogue");
 }
 
 TEST_F(DriverProcedures, ShowTheirParametersInATable) {
     parameters({{u"a", SQL_PARAM_INPUT}, {u"result", SQL_PARAM_OUTPUT}, {u"b", SQL_PARAM_INPUT}});
     Connection connection(kDriverText);
-    const std::string table = " FROM sys_procedureparameters WHERE ProcedureName = ";
-    EXPECT_EQ(Rows({"p|a|1|INTEGER", "p|b|2|INTEGER"}),
-              connection.query("SELECT *" + table + "'p'"));
-    EXPECT_EQ(Rows({"1|a", "2|b"}),
-              connection.query("SELECT OrdinalPosition, ColumnName" + table + "'p'"));
+    connection.expect(R"(
+SELECT * FROM sys_procedureparameters WHERE ProcedureName = 'p' => p|a|1|INTEGER, p|b|2|INTEGER
+SELECT OrdinalPosition, ColumnName FROM sys_procedureparameters WHERE ProcedureName = 'p'
+ => 1|a, 2|b
+SELECT x FROM sys_procedureparameters WHERE ProcedureName = 'p' => !HYC00
+SELECT * FROM sys_procedureparameters WHERE ProcedureName = p => !HYC00
+SELECT * FROM sys_procedureparameters WHERE ProcedureName = 'p' OR 1 = 1 => !HYC00
+SELECT * FROM sys_procedureparameters => !HYC00
+)");
     dialect(u"MariaDB");
-    Connection other(kDriverText);
-    EXPECT_EQ(Rows({"a", "b"}), other.query("SELECT ColumnName" + table + "\"p\""));
-    for (const std::string& sql :
-         {"SELECT x" + table + "'p'", "SELECT *" + table + "p", "SELECT *" + table + "'p' OR 1 = 1",
-          std::string("SELECT * FROM sys_procedureparameters")}) {
-        EXPECT_EQ(SQL_ERROR, connection.run(sql));
-        EXPECT_EQ("HYC00", connection.last.state) << sql;
-    }
+    Connection(kDriverText)
+        .expect(
+            "SELECT ColumnName FROM sys_procedureparameters WHERE ProcedureName = \"p\" => a, b");
     script.texts[SQL_PROCEDURES] = u"N";
     script.catalog.rows.clear();
-    EXPECT_EQ(SQL_ERROR, connection.run("SELECT *" + table + "'p'"));
-    EXPECT_EQ("HYC00", connection.last.state);
+    connection.expect("SELECT * FROM sys_procedureparameters WHERE ProcedureName = 'p' => !HYC00");
 }
 
 }  // namespace

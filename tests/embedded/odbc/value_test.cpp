@@ -230,45 +230,34 @@ TEST_F(DriverValues, AreAskedForInTheOrderOfTheColumns) {
 TEST_F(DriverValues, HaveColumnsOfAnyNumberAndName) {
     give(SQL_INTEGER, {number(1)});
     Connection connection(kDriverText);
-    for (const int count : {0, -1, -32768}) {
+    for (const int count : {0, -1, -32768, 32767}) {
         script.results[0].claimed = static_cast<SQLSMALLINT>(count);
         Statement statement(connection.handle);
-        EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1"));
-        EXPECT_EQ("24000", statement.stateOf(statement.fetch()));
-    }
-    script.results[0].claimed = SQLSMALLINT{32767};
-    {
-        Statement statement(connection.handle);
         EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1")) << statement.error().message;
+        EXPECT_EQ(count > 0 ? "" : "24000", statement.stateOf(statement.fetch()));
+        if (count <= 0) continue;
         EXPECT_EQ("more", statement.text(32767, SQL_DESC_NAME));
-        EXPECT_EQ(SQL_SUCCESS, statement.fetch()) << statement.error().message;
         EXPECT_EQ("1", statement.get(1));
     }
     give(SQL_INTEGER, {number(1)});
-    const struct {
-        std::u16string name;
-        SQLSMALLINT claimed;
-        std::string expected;
-    } kNames[] = {
+    const std::tuple<std::u16string, int, std::string> kNames[] = {
         {u"name", 4, "name"},
         {u"name", 32767, "name"},
         {u"name", -1, "name"},
         {std::u16string(2000, u'n'), 2000, std::string(1023, 'n')},
         {u"na\u00efve", 5, "na\u00efve"},
     };
-    for (const auto& given : kNames) {
-        script.results[0].columns[0].name = given.name;
-        script.results[0].columns[0].claimed = given.claimed;
+    for (const auto& [name, claimed, expected] : kNames) {
+        script.results[0].columns[0] = {name, SQL_INTEGER, static_cast<SQLSMALLINT>(claimed)};
         Statement statement(connection.handle);
         EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1"));
-        std::vector<char> name(3000);
-        RT_SQLColAttributeW(kDriver, statement.handle, 1, SQL_DESC_NAME, name.data(), 3000, nullptr,
+        char seen[3000] = "";
+        RT_SQLColAttributeW(kDriver, statement.handle, 1, SQL_DESC_NAME, seen, sizeof seen, nullptr,
                             nullptr);
-        EXPECT_EQ(given.expected, name.data());
+        EXPECT_EQ(expected, seen);
     }
     script.results[0].columns[0] = {{u'n', 0xD800}, SQL_INTEGER};
-    EXPECT_EQ(SQL_ERROR, connection.run("SELECT 1"));
-    EXPECT_EQ("22021", connection.last.state);
+    connection.expect("SELECT 1 => !22021");
 }
 
 }  // namespace
