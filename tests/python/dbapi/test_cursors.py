@@ -4,6 +4,7 @@ import inspect
 import itertools
 import logging
 import pickle
+import re
 import threading
 import warnings
 
@@ -27,17 +28,11 @@ def count(connection):
 # --- results -------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize(
-    "sql, rows",
-    [
-        ("WITH x (a) AS (VALUES (1), (2)) SELECT a FROM x", [(1,), (2,)]),
-        ("VALUES (1, 'a')", [(1, "a")]),
-        ("PRAGMA user_version", [(0,)]),
-        ("INSERT INTO t VALUES (2001, 'n') RETURNING a, b", [(2001, "n")]),
-        ("SELECT a FROM t WHERE a < 0", []),
-        ("SELECT a, 1 FROM t WHERE b = 'xx'", [(2, 1)]),
-    ],
-)
+@pytest.mark.parametrize("sql, rows", [
+    ("WITH x (a) AS (VALUES (1), (2)) SELECT a FROM x", [(1,), (2,)]),
+    ("VALUES (1, 'a')", [(1, "a")]), ("PRAGMA user_version", [(0,)]),
+    ("INSERT INTO t VALUES (2001, 'n') RETURNING a, b", [(2001, "n")]),
+    ("SELECT a FROM t WHERE a < 0", []), ("SELECT a, 1 FROM t WHERE b = 'xx'", [(2, 1)])])
 def test_whatever_has_columns_gives_rows(table, sql, rows):
     cursor = table.execute(sql)
     assert len(cursor.description[0]) == 7 and cursor.fetchall() == rows and cursor.fetchall() == []
@@ -47,18 +42,23 @@ def test_whatever_has_columns_gives_rows(table, sql, rows):
         cursor.fetchone()
 
 
+def test_the_last_row_inserted_is_told_by_its_id(table):
+    for sql, expected in [("INSERT INTO t VALUES (NULL, 'x'), (NULL, 'y')", 1002),
+                          ("INSERT INTO t VALUES (9000000000, 'z')", 9000000000),
+                          ("REPLACE INTO t VALUES (-4, 'z') RETURNING a", -4),
+                          ("INSERT OR IGNORE INTO t VALUES (-4, 'x')", None),
+                          ("UPDATE t SET b = 'x'", None), ("SELECT 1", None)]:
+        assert table.execute(sql).lastrowid == expected, sql
+
+
 def test_rows_come_in_any_portions(table):
     expected = [(i, "x" * i) for i in range(1, 1001)]
     sql = "SELECT a, b FROM t ORDER BY a"
     cursor = table.cursor()
     assert cursor.execute(sql).fetchall() == expected == list(cursor.execute(sql))
     cursor.execute(sql)
-    portions = [
-        cursor.fetchone(),
-        *cursor.fetchmany(),
-        *cursor.fetchmany(7),
-        *itertools.islice(cursor, 500),
-    ]
+    portions = [cursor.fetchone(), *cursor.fetchmany(), *cursor.fetchmany(7),
+                *itertools.islice(cursor, 500)]
     assert portions + cursor.fetchmany(size=10000) == expected
     cursor.arraysize = 3
     assert len(cursor.execute(sql).fetchmany()) == 3 and cursor.fetchmany(0) == []
@@ -74,9 +74,7 @@ def test_a_cell_is_read_as_what_it_is_or_told_by_its_place(connection):
     for value in (1, "one", 1.5, b"\0", None):
         connection.execute("INSERT INTO t (a) VALUES (?)", (value,))
     assert [row[0] for row in connection.execute("SELECT a FROM t")] == [1, "one", 1.5, b"\0", None]
-    connection.execute(
-        "UPDATE t SET d = CASE WHEN rowid IN (2, 4) THEN 'never' ELSE '2024-01-02' END"
-    )
+    connection.execute("UPDATE t SET d = iif(rowid IN (2, 4), 'never', '2024-01-02')")
     cursor = connection.execute("SELECT d FROM t")
     seen = []
     while len(seen) < 6:
@@ -84,14 +82,7 @@ def test_a_cell_is_read_as_what_it_is_or_told_by_its_place(connection):
             seen.append(cursor.fetchone())
         except dbapi.DataError as error:
             seen.append(str(error))
-    assert [isinstance(row, tuple) for row in seen] == [
-        True,
-        False,
-        True,
-        False,
-        True,
-        False,
-    ] and seen[5] is None
+    assert [isinstance(row, tuple) for row in seen] == [True, False] * 3 and seen[5] is None
     assert 'Column 1 "d", row 2' in seen[1] and "row 4" in seen[3]
     text = connection.execute("SELECT 1, CAST(x'ff' AS TEXT)")
     with pytest.raises(dbapi.DataError, match="Column 2 .*, row 1: .*UTF-8"):
@@ -101,31 +92,20 @@ def test_a_cell_is_read_as_what_it_is_or_told_by_its_place(connection):
 
 def test_descriptions_follow_the_table(table):
     cursor = table.execute("SELECT * FROM t")
-    assert [column[0] for column in cursor.description] == ["a", "b"]
-    assert [
-        column[1] == kind for column, kind in zip(cursor.description, (dbapi.NUMBER, dbapi.STRING))
-    ] == [True] * 2
-    assert [column[6] for column in cursor.description] == [False, False] and cursor.description[0][
-        1
-    ] != dbapi.BINARY
+    (a, a_kind, *_, a_null), (b, b_kind, *_, b_null) = cursor.description
+    assert (a, b, a_null, b_null) == ("a", "b", False, False)
+    assert a_kind == dbapi.NUMBER != dbapi.BINARY != a_kind and b_kind == dbapi.STRING
     cursor.close()
     table.execute("ALTER TABLE t RENAME COLUMN b TO c")
     assert [column[0] for column in table.execute("SELECT * FROM t").description] == ["a", "c"]
 
 
 def test_row_factories(table):
-    row = dbapi.Row
-    table.row_factory = row
+    table.row_factory = dbapi.Row
     first = table.execute("SELECT a, b FROM t").fetchone()
-    assert (
-        first == (1, "x")
-        and isinstance(first, row)
-        and (first.a, first["b"], first[0]) == (1, "x", 1)
-    )
-    assert (
-        dict(first) == first._asdict() == {"a": 1, "b": "x"}
-        and pickle.loads(pickle.dumps(first)) == first
-    )
+    assert first == (1, "x") == pickle.loads(pickle.dumps(first)) and isinstance(first, dbapi.Row)
+    assert (first.a, first["b"], first[0]) == (1, "x", 1)
+    assert dict(first) == first._asdict() == {"a": 1, "b": "x"}
     with pytest.raises(KeyError):
         first["c"]
     cursor = table.cursor()
@@ -149,11 +129,9 @@ def test_executemany_is_all_or_nothing(table, autocommit, begin):
         yield from ((i, "y") for i in range(4000, 8000))
         yield error
 
-    for bad, error in (
-        ((4000, "twice"), dbapi.IntegrityError),
-        ((9000, object()), dbapi.ProgrammingError),
-        ((1, 2, 3), dbapi.ProgrammingError),
-    ):
+    for bad, error in (((4000, "twice"), dbapi.IntegrityError),
+                       ((9000, object()), dbapi.ProgrammingError),
+                       ((1, 2, 3), dbapi.ProgrammingError)):
         with pytest.raises(error):
             table.executemany("INSERT INTO t VALUES (?, ?)", rows(bad))
         assert count(table) == 1002 and table.autocommit is autocommit
@@ -164,14 +142,11 @@ def test_executemany_is_all_or_nothing(table, autocommit, begin):
 def test_executemany_takes_rows_of_any_kind(table):
     values = [1, None, "x", 2.5, b"b", 2**40, "y" * 100000, True] * 3
     table.execute("CREATE TABLE m (x)")
-    assert (
-        table.executemany("INSERT INTO m VALUES (?)", ([value] for value in values)).rowcount == 24
-    )
+    cursor = table.executemany("INSERT INTO m VALUES (?)", ([value] for value in values))
+    assert cursor.rowcount == 24
     assert [row[0] for row in table.execute("SELECT x FROM m")] == values
-    assert (
-        table.executemany("DELETE FROM t WHERE a = :a", ({"a": i} for i in range(500))).rowcount
-        == 499
-    )
+    cursor.executemany("DELETE FROM t WHERE a = :a", ({"a": i} for i in range(500)))
+    assert cursor.rowcount == 499
     assert table.executemany("UPDATE t SET b = ? WHERE a = ?", []).rowcount == 0
     table.executemany("INSERT INTO m VALUES (?) RETURNING x", [(1,), (2,)])
     assert table.execute("SELECT count(*) FROM m").fetchone() == (26,)
@@ -214,24 +189,17 @@ def test_what_was_not_read_is_gone_with_the_rollback(table):
 # --- errors --------------------------------------------------------------------------------------
 
 
-@pytest.mark.parametrize(
-    "sql, kind, state",
-    [
-        ("SELEC 1", dbapi.ProgrammingError, "42000"),
-        ("", dbapi.ProgrammingError, "42000"),
-        ("SELECT 1; SELECT 2", dbapi.ProgrammingError, "42000"),
-        ("SELECT * FROM nowhere", dbapi.ProgrammingError, "42S02"),
-        ("INSERT INTO t VALUES (1, 'x')", dbapi.IntegrityError, "23"),
-        ("SELECT abs(-9223372036854775808)", dbapi.DataError, "22003"),
-    ],
-)
+@pytest.mark.parametrize("sql, kind, state", [
+    ("SELEC 1", dbapi.ProgrammingError, "42000"), ("", dbapi.ProgrammingError, "42000"),
+    ("SELECT 1; SELECT 2", dbapi.ProgrammingError, "42000"),
+    ("SELECT * FROM nowhere", dbapi.ProgrammingError, "42S02"),
+    ("INSERT INTO t VALUES (1, 'x')", dbapi.IntegrityError, "23"),
+    ("SELECT abs(-9223372036854775808)", dbapi.DataError, "22003")])
 def test_errors_are_of_the_class_that_the_state_asks_for(table, sql, kind, state):
     with pytest.raises(kind) as caught:
         table.execute(sql)
-    assert type(caught.value) is kind is getattr(
-        table, kind.__name__
-    ) and caught.value.sqlstate.startswith(state)
-    assert caught.value.native_code is not None
+    assert type(caught.value) is kind is getattr(table, kind.__name__)
+    assert caught.value.sqlstate.startswith(state) and caught.value.native_code is not None
 
 
 def test_closed_things_say_so(connection):
@@ -244,33 +212,26 @@ def test_closed_things_say_so(connection):
             use()
     connection.close()
     connection.close()
-    uses = (
-        connection.cursor,
-        connection.commit,
-        connection.rollback,
-        lambda: cursor.execute("SELECT 1"),
-    )
-    for use in uses:
+    for use in (connection.cursor, connection.commit, connection.rollback,
+                lambda: cursor.execute("SELECT 1")):
         with pytest.raises(dbapi.OperationalError, match="connection is closed"):
             use()
     assert cursor.fetchone() == (1,)
 
 
 def test_connecting(tmp_path):
-    with pytest.raises(dbapi.OperationalError, match="nowhere"):
-        dbapi.connect(str(tmp_path / "nowhere" / "data.db"))
+    for path, code in ((tmp_path / "nowhere" / "data.db", 14), (__file__, 26)):
+        with pytest.raises(dbapi.Error, match=re.escape(str(path))) as caught:
+            dbapi.connect(str(path))
+        assert (caught.value.sqlstate, caught.value.native_code & 255) == ("08001", code)
     with pytest.raises(dbapi.ProgrammingError):
         dbapi.connect()
     with pytest.warns(UserWarning, match="Timout"):
         dbapi.connect("Database=:memory:", Timout=5).close()
     with warnings.catch_warnings():
         warnings.simplefilter("error")
-        for arguments, keys in ((["a;b}.db"], {}), ([], {"Database": "a;b}.db", "Mode": "rw"})):
-            path = {
-                key: str(tmp_path / value) if key == "Database" else value
-                for key, value in keys.items()
-            }
-            dbapi.connect(*(str(tmp_path / value) for value in arguments), **path).close()
+        dbapi.connect(str(tmp_path / "a;b}.db")).close()
+        dbapi.connect(Database=str(tmp_path / "a;b}.db"), Mode="rw").close()
     assert (tmp_path / "a;b}.db").exists()
 
 
@@ -278,9 +239,8 @@ def test_connecting(tmp_path):
 
 
 def test_scripts_and_procedures(connection):
-    connection.executescript(
-        "CREATE TABLE s (a); -- one; two\nINSERT INTO s VALUES (';'); INSERT INTO s VALUES (2)"
-    )
+    connection.executescript("CREATE TABLE s (a); -- one; two\n"
+                             "INSERT INTO s VALUES (';'); INSERT INTO s VALUES (2)")
     connection.execute("CREATE PROCEDURE p (a) AS INSERT INTO s VALUES ($a); SELECT $a + 1 AS n")
     cursor = connection.cursor()
     assert cursor.callproc("p", (41,)) == [41] and cursor.fetchall() == [(42,)]
@@ -296,11 +256,8 @@ def test_the_logger_hears_statements_and_no_values(connection, caplog):
     with pytest.raises(dbapi.Error):
         connection.execute("SELEC 1")
     texts = [record.getMessage() for record in caplog.records]
-    assert (
-        texts[0].startswith("SELECT ? [1 values, query, ")
-        and "failed" in texts[-1]
-        and "secret" not in str(texts)
-    )
+    assert texts[0].startswith("SELECT ? [1 values, query, ") and "failed" in texts[-1]
+    assert "secret" not in str(texts)
 
 
 def test_signatures_and_docstrings():
@@ -323,9 +280,8 @@ def test_threads_share_a_connection(table):
         try:
             for i in range(50):
                 table.execute("INSERT INTO t VALUES (?, '')", (10000 * number + 5000 + i,))
-                assert table.execute("SELECT b FROM t WHERE a = ?", (i + 1,)).fetchone() == (
-                    "x" * (i + 1),
-                )
+                found = table.execute("SELECT b FROM t WHERE a = ?", (i + 1,)).fetchone()
+                assert found == ("x" * (i + 1),)
         except BaseException as error:
             failures.append(error)
 

@@ -77,16 +77,22 @@ def test_memory_stays_flat_over_statements_connects_and_errors(path):
 
 @pytest.mark.parametrize("string, reason", [
     ("", "Database is missing"), ("Database=", "Database is missing"),
-    ("Mode=rw", "Database is missing"),
-    ("Database=x;Mode=rx", "'rx'"), ("Database=x;Timeout=-1", "'-1'"),
-    ("Database=x;Timeout=5s", "'5s'"),
-    ("Database=x;word", "part 2 is no Key=Value"), ("=x;Database=x", "no key"),
-    ("Database={x", "closing }"),
-    ("Database={x}y", "follows"), ("Database=/nowhere/at/all.db", "/nowhere/at/all.db"),
+    ("Mode=rw", "Database is missing"), ("shop.db", "it is Database=shop.db."),
+    ("Database=x;Mode=rx", "'rx'"), ("Database=x;Mode=" + "x" * 5000, "xxx"),
+    ("Database=x;Timeout=-1", "'-1'"), ("Database=x;Timeout=5s", "'5s'"),
+    ("Databse=x;Mode=ro", "Not known: Databse."), ("=x;Database=x", "no key"),
+    ("Database=x;PWD=secret;secret2", "part 3 is no Key=Value"),
+    ("Driver=x;Password=a;{secret;c=d", "part 3 is no Key=Value"),
+    ("UID=me;Pw=sec;secret=2", r"Not known: UID, Pw, \(a part of a value\?\)."),
+    ("Database=x;pwd=a;secret={c", "value of a key lacks its closing }"),
+    ("Database={a} b", "follows the closing } of the value of 'Database'"),
+    ("Database=/nowhere/at/all.db", "/nowhere/at/all.db"),
+    ("Database=%s" % __file__, "not a database"),
 ])
 def test_bad_connection_strings_say_what_is_wrong(string, reason):
-    with pytest.raises(zelqa.DatabaseError, match=reason):
+    with pytest.raises(zelqa.DatabaseError, match=reason) as caught:
         zelqa.connect(string)
+    assert "secret" not in str(caught.value) and len(str(caught.value)) < 200
 
 
 def test_connection_string_keys_and_modes(path, tmp_path, monkeypatch, connection, cursor):

@@ -452,6 +452,28 @@ def test_manual_commit(application, table):
     assert stored(table.connection) == [(2, "y"), (3, "z")]
 
 
+def test_a_prepared_query_with_bound_and_unbound_columns(application):
+    odbc, statement = application.odbc, application.allocate(STMT, application.dbc)
+    assert application.direct("INSERT INTO t VALUES (1, 'one'), (2, 'zwei €'), (3, NULL)") is None
+    assert odbc.SQLPrepare(statement, b"SELECT a, b FROM t WHERE a >= ? ORDER BY a", -3) == 0
+    value, length, nothing = ctypes.c_longlong(2), ctypes.c_ssize_t(8), ctypes.c_size_t(0)
+    assert odbc.SQLBindParameter(statement, 1, 1, -25, -5, nothing, 0, ctypes.byref(value), length,
+                                 ctypes.byref(length)) == 0
+    assert odbc.SQLExecute(statement) == 0
+    count, number, size = ctypes.c_short(), ctypes.c_longlong(), ctypes.c_ssize_t()
+    assert odbc.SQLNumResultCols(statement, ctypes.byref(count)) == 0 and count.value == 2
+    assert odbc.SQLBindCol(statement, 1, -25, ctypes.byref(number), length, None) == 0
+    seen, text = [], ctypes.create_string_buffer(64)
+    while odbc.SQLFetch(statement) == 0:
+        assert odbc.SQLGetData(statement, 2, 1, text, ctypes.c_ssize_t(64), ctypes.byref(size)) == 0
+        seen.append((number.value, text.value.decode() if size.value >= 0 else None))
+    assert seen == [(2, "zwei €"), (3, None)]
+    assert odbc.SQLFreeHandle(STMT, statement) == 0
+    # What the runtime lacks is an error.
+    assert odbc.SQLBrowseConnect(application.dbc, b"x", -3, None, 0, None) == -1
+    assert odbc.SQLGetFunctions(application.dbc, 44, ctypes.byref(count)) == 0 and count.value == 1
+
+
 def test_every_way_to_connect(databases):
     sources = [engine for engine in databases.values() if isinstance(engine, engines.Sourced)]
     if not sources:
