@@ -111,8 +111,13 @@ SQLRETURN Statement::run() {
 
 // Columns bound beforehand ask for the rows, too.
 void Statement::watchRows() {
-    m_connection->addUnasked(*this);
-    if (!settings().columns.empty()) askedCursor();
+    try {
+        m_connection->addUnasked(*this);
+        if (!settings().columns.empty()) askedCursor();
+    } catch (...) {
+        closeCursor();
+        throw;
+    }
 }
 
 void Statement::checkParameters() const {

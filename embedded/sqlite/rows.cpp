@@ -44,6 +44,11 @@ void append(StoredRows& rows, sqlite3_stmt* statement) {
     rows.append(row);
 }
 
+struct ResetAtExit {
+    sqlite3_stmt* const statement;
+    ~ResetAtExit() { sqlite3_reset(statement); }
+};
+
 class LiveRows final : public ResultSet {
   public:
     LiveRows(Session& session, SQLULEN timeout, CompiledSql& sql, bool onRow)
@@ -95,14 +100,8 @@ class LiveRows final : public ResultSet {
     // At the end the statement is reset at once, so that it holds no lock, and let go: from here on
     // its owner may use it for something else.
     void end(int result) {
-        sqlite3_stmt* const statement = std::exchange(m_statement, nullptr);
-        if (result == SQLITE_DONE) {
-            sqlite3_reset(statement);
-            return;
-        }
-        const Error error = m_session.failure();
-        sqlite3_reset(statement);
-        throw error;
+        const ResetAtExit reset{std::exchange(m_statement, nullptr)};
+        if (result != SQLITE_DONE) throw m_session.failure();
     }
 
     Session& m_session;
@@ -112,11 +111,6 @@ class LiveRows final : public ResultSet {
     bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
     std::exception_ptr m_failure;  ///< of a step ahead
     std::shared_ptr<const std::vector<Column>> m_columns;
-};
-
-struct ResetAtExit {
-    sqlite3_stmt* const statement;
-    ~ResetAtExit() { sqlite3_reset(statement); }
 };
 
 }  // namespace

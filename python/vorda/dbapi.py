@@ -7,6 +7,7 @@
 This is the face; what has to be fast is in the core, vorda._statement.
 """
 
+import collections.abc
 import datetime
 import enum
 import functools
@@ -23,7 +24,6 @@ from typing import (
     FrozenSet,
     Iterable,
     List,
-    Mapping,
     Optional,
     Sequence,
     Tuple,
@@ -130,8 +130,8 @@ _BY_STATE: Dict[str, Type[Error]] = {
 def _failure(records: List[Tuple[str, int, str]]) -> Error:
     """The exception for what a driver says; called by the core."""
     state, native, _ = records[0]
-    kind = next((_BY_STATE[state[:n]] for n in (5, 3, 2) if state[:n] in _BY_STATE), DatabaseError)
-    error = kind("\n".join(words for _, _, words in records))
+    kind = _BY_STATE.get(state) or _BY_STATE.get(state[:3]) or _BY_STATE.get(state[:2])
+    error = (kind or DatabaseError)("\n".join(words for _, _, words in records))
     error.sqlstate, error.native_code = state, native
     return error
 
@@ -274,7 +274,7 @@ def _plain_markers(sql: str) -> Tuple[str, Tuple[str, ...]]:
 
 def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
     """Statement and values for plain markers; called by the core for what is no tuple or list."""
-    if isinstance(given, Mapping):
+    if isinstance(given, (dict, collections.abc.Mapping)):
         text, names = _plain_markers(sql)
         missing = [name for name in names if name not in given]
         if missing:

@@ -20,6 +20,8 @@ constexpr size_t kMostBytes = size_t{192} * 1024;
 // More than this is not kept by a statement that waits to be used again.
 constexpr size_t kMostKept = size_t{16} * 1024;
 
+constexpr const char* kNotRead = "the memory did not suffice to read it";
+
 SQLPOINTER AsPointer(size_t number) {
     return reinterpret_cast<SQLPOINTER>(number);
 }
@@ -45,8 +47,12 @@ void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, bo
     m_cellByCell = !hasCells;
     try {
         Resize(statement, m_cellByCell ? 1 : kFirstRows);
-    } catch (const Failure&) {
+    } catch (const Failure& failure) {
+        if (failure.Records().front().state == "HY001") throw;
         SQLFreeStmt(statement, SQL_UNBIND);
+        Set(statement, SQL_ATTR_ROW_ARRAY_SIZE, AsPointer(1));
+        Set(statement, SQL_ATTR_ROW_STATUS_PTR, nullptr);
+        Set(statement, SQL_ATTR_ROWS_FETCHED_PTR, nullptr);
         hasCells = false;
         m_cellByCell = true;
         Resize(statement, 1);
@@ -94,12 +100,14 @@ bool Block::Load(SQLHSTMT statement) {
     m_failures.clear();
     if (m_cellByCell) return LoadCellByCell(statement);
     if (wasFull) Grow(statement);
+    if (!m_isBound) Resize(statement, m_size);  // which failed the last time
     m_fetched = 0;
     const SQLRETURN status = SQLFetch(statement);
     if (status == SQL_NO_DATA) return false;
-    const size_t fetched = std::min<size_t>(m_fetched, m_size);
-    if (status != SQL_SUCCESS) NoteFailures(statement, status, fetched);
-    m_count = fetched;
+    // From here on there are rows: what fails for one of them is told when it is taken.
+    m_count = std::min<size_t>(m_fetched, m_size);
+    if (status != SQL_SUCCESS) NoteFailures(statement, status);
+    if (m_count == 0) throw Failure("HY000", "The driver says that there are rows, and has none.");
     ReadLong(statement);
     return true;
 }
@@ -110,14 +118,18 @@ void Block::Grow(SQLHSTMT statement) {
 }
 
 // A row that fails has one diagnostic of its own; they come in the order of the rows.
-void Block::NoteFailures(SQLHSTMT statement, SQLRETURN status, size_t fetched) {
+void Block::NoteFailures(SQLHSTMT statement, SQLRETURN status) {
     SQLSMALLINT number = 0;
-    for (size_t row = 0; row < fetched; ++row) {
+    for (size_t row = 0; row < m_count; ++row) {
         if (m_status[row] != SQL_ROW_ERROR) continue;
         m_failures.emplace_back(row,
                                 Failure(ReadDiagnostics(SQL_HANDLE_STMT, statement, ++number, 1)));
     }
-    if (m_failures.empty()) Check(status, SQL_HANDLE_STMT, statement);
+    // A fetch that fails has rows only if it says so of each.
+    if (OdbcSucceeded(status) || (m_count > 0 && m_failures.size() == m_count)) return;
+    m_count = 0;
+    m_failures.clear();
+    Check(status, SQL_HANDLE_STMT, statement);
 }
 
 void Block::ReadLong(SQLHSTMT statement) {
@@ -137,9 +149,10 @@ void Block::ReadLong(SQLHSTMT statement) {
                       SQL_HANDLE_STMT, statement);
                 isPositioned = true;
             }
-            m_long.push_back({row, column, {}});
+            LongValue value{row, column, {}};
             ReadWhole(statement, static_cast<SQLUSMALLINT>(column + 1), static_cast<size_t>(length),
-                      m_long.back().bytes);
+                      value.bytes);
+            m_long.push_back(std::move(value));
             ++m_places[column].longValues;
         }
     }
@@ -156,7 +169,6 @@ bool Block::LoadCellByCell(SQLHSTMT statement) {
     const SQLRETURN status = SQLFetch(statement);
     Check(status, SQL_HANDLE_STMT, statement);
     if (status == SQL_NO_DATA) return false;
-    m_count = 1;
     std::string bytes;
     try {
         for (size_t i = 0; i < m_places.size(); ++i) {
@@ -178,6 +190,7 @@ bool Block::LoadCellByCell(SQLHSTMT statement) {
         if (failure.Records().front().state.compare(0, 2, "22") != 0) throw;
         m_failures.emplace_back(0, failure);
     }
+    m_count = 1;
     return true;
 }
 
@@ -193,7 +206,10 @@ PyRef Block::MakeCell(size_t row, size_t column) {
         cell.bytes = m_long[m_nextLong++].bytes;
     } else {
         const auto width = static_cast<SQLLEN>(m_places[column].width);
-        cell.bytes = {place + kHead, static_cast<size_t>(std::clamp<SQLLEN>(length, 0, width))};
+        if (length > width) throw Failure("HY001", kNotRead);
+        if (length < 0 && length != SQL_NULL_DATA)
+            throw Failure("HY000", "the driver tells a length that is none");
+        cell.bytes = {place + kHead, static_cast<size_t>(std::max<SQLLEN>(length, 0))};
     }
     return MakeValue(cell, (*m_columns)[column].meaning);
 }
@@ -203,6 +219,7 @@ PyRef Block::Take() {
     while (m_nextLong < m_long.size() && m_long[m_nextLong].row < row) ++m_nextLong;
     if (m_nextFailure < m_failures.size() && m_failures[m_nextFailure].first == row)
         throw Failure(m_failures[m_nextFailure++].second);
+    if (!m_cellByCell && m_status[row] == SQL_ROW_ERROR) throw Failure("HY001", kNotRead);
     PyRef made = Checked(PyTuple_New(static_cast<Py_ssize_t>(m_places.size())));
     for (size_t column = 0; column < m_places.size(); ++column) {
         try {

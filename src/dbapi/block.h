@@ -57,7 +57,7 @@ class Block {
     void Resize(SQLHSTMT statement, size_t rows);
     void Grow(SQLHSTMT statement);
     void ReadLong(SQLHSTMT statement);
-    void NoteFailures(SQLHSTMT statement, SQLRETURN status, size_t fetched);
+    void NoteFailures(SQLHSTMT statement, SQLRETURN status);
     bool LoadCellByCell(SQLHSTMT statement);
     const char* At(size_t row, size_t column) const {
         return m_memory.get() + row * m_rowSize + m_places[column].offset;

@@ -6,6 +6,8 @@
 
 namespace {
 
+constexpr size_t kMostAhead = size_t{1} << 20U;
+
 // How a column of a type is read by the standard's means.
 struct Reading {
     SQLSMALLINT sqlType;
@@ -64,8 +66,14 @@ CellKind ReadStandard(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT sqlTy
         const SQLRETURN status = SQLGetData(statement, column, reading.cType, &bytes[begin],
                                             static_cast<SQLLEN>(room), &indicator);
         Check(status, SQL_HANDLE_STMT, statement);
-        if (status == SQL_NO_DATA) indicator = 0;
-        if (indicator == SQL_NULL_DATA) return CellKind::Null;
+        if (status == SQL_NO_DATA) {
+            if (begin == 0) throw Failure("HY000", "The driver has no value for a column.");
+            indicator = 0;
+        }
+        if (indicator == SQL_NULL_DATA) {
+            bytes.clear();
+            return CellKind::Null;
+        }
         if (reading.size > 0) {
             bytes.resize(reading.size);
             return reading.kind;
@@ -83,7 +91,9 @@ CellKind ReadStandard(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT sqlTy
         if (piece == 0) throw Failure("HY000", "The driver sends a value in pieces of nothing.");
         bytes.resize(start + piece);
         left = indicator;
-        if (indicator >= 0) room = static_cast<size_t>(indicator) + terminator;
+        // A length is not trusted with more memory than has been filled.
+        if (indicator >= 0)
+            room = std::min(static_cast<size_t>(indicator) + terminator, kMostAhead + bytes.size());
     }
 }
 

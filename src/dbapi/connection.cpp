@@ -158,7 +158,8 @@ PyObject* IsClosed(PyObject* self, void*) {
 }
 
 PyObject* GetRowFactory(PyObject* self, void*) {
-    return PyRef::Borrow(Self(self)->rowFactory).Release();
+    PyObject* const factory = Self(self)->rowFactory;
+    return PyRef::Borrow(factory ? factory : Py_None).Release();
 }
 
 int SetRowFactory(PyObject* self, PyObject* value, void*) {

@@ -59,12 +59,12 @@ void Dealloc(PyObject* object) {
     PyObject_GC_UnTrack(object);
     CursorObject* const self = Self(object);
     if (self->weakReferences) PyObject_ClearWeakRefs(object);
-    GiveStatementBack(self);
-    self->statement.~unique_ptr();
-    self->values.~vector();
     // The last one to let go of a connection closes it, which may run other threads.
     PyObject *type, *value, *trace;
     PyErr_Fetch(&type, &value, &trace);
+    GiveStatementBack(self);
+    self->statement.~unique_ptr();
+    self->values.~vector();
     Clear(object);
     self->link.~shared_ptr();
     PyErr_Restore(type, value, trace);
@@ -93,10 +93,11 @@ PyRef Next(CursorObject* self, Statement& statement) {
     if (statement.WantsLoading()) {
         Link& link = *self->link;
         const Link::Turn turn(link);
-        link.Wait(statement.Handle(), [&] { statement.Load(); });
+        // It may have been lost meanwhile.
+        if (statement.WantsLoading()) link.Wait(statement.Handle(), [&] { statement.Load(); });
     }
     PyRef row = statement.NextRow();
-    if (!row || self->rowFactory == Py_None) return row;
+    if (!row || !self->rowFactory || self->rowFactory == Py_None) return row;
     if (!self->makeRow) {
         self->makeRow =
             Checked(PyObject_CallFunctionObjArgs(self->rowFactory, self, nullptr)).Release();
@@ -210,6 +211,7 @@ PyMethodDef Methods[] = {
 
 PyObject* Description(PyObject* object, void*) {
     return AtBoundary<PyObject*>(nullptr, [&] {
+        const Call call = Call::ThatLooks(object);
         CursorObject* const self = Self(object);
         if (!self->statement || !self->statement->HasColumns())
             return PyRef::Borrow(Py_None).Release();
@@ -228,6 +230,7 @@ PyObject* RowCount(PyObject* object, void*) {
 
 PyObject* LastRowId(PyObject* object, void*) {
     return AtBoundary<PyObject*>(nullptr, [&] {
+        const Call call = Call::ThatLooks(object);
         CursorObject* const self = Self(object);
         SQLBIGINT id = 0;
         bool known = false;
@@ -251,7 +254,8 @@ PyObject* GetConnection(PyObject* object, void*) {
 }
 
 PyObject* GetRowFactory(PyObject* object, void*) {
-    return PyRef::Borrow(Self(object)->rowFactory).Release();
+    PyObject* const factory = Self(object)->rowFactory;
+    return PyRef::Borrow(factory ? factory : Py_None).Release();
 }
 
 int SetRowFactory(PyObject* object, PyObject* value, void*) {

@@ -47,7 +47,7 @@ PyRef CursorExecute(PyObject* object, PyObject* const* args, Py_ssize_t count) {
     const Call call(object);
     CursorObject* const self = AsCursor(object);
     LinkOf(reinterpret_cast<PyObject*>(self->connection));
-    PyRef sql = PyRef::Borrow(args[0]);
+    PyRef sql = Checked(PyUnicode_FromObject(args[0]));  // a derived class may do anything
     ReadParameters(self, count > 1 ? args[1] : nullptr, sql);
     Link& link = *self->link;
     Logged logged(sql.Get(), self->values.size());

@@ -12,11 +12,17 @@ class Atomic {
     Atomic(const Atomic&) = delete;
     Atomic& operator=(const Atomic&) = delete;
     ~Atomic() {
-        if (m_began) Undo();
+        if (m_began) m_link.Undo(!m_ownTransaction);
+        if (m_keepsOut) m_link.LetOthersIn();
     }
 
     void Begin() {
         if (m_began) return;
+        // What other threads do in between would be undone, or committed, with it.
+        if (!m_link.KeepsOut()) {
+            m_link.KeepOthersOut();
+            m_keepsOut = true;
+        }
         const Link::Turn turn(m_link);
         // One that BEGIN has opened is the user's, to commit or not.
         m_ownTransaction = m_link.Autocommit() && !m_link.InTransaction();
@@ -41,26 +47,8 @@ class Atomic {
     }
 
   private:
-    // What failed is what the caller hears of, not that this fails, too: then the transaction, or
-    // the connection, is over, and nothing is kept either.
-    void Undo() noexcept {
-        PyObject *type, *value, *trace;
-        PyErr_Fetch(&type, &value, &trace);
-        try {
-            const Link::Turn turn(m_link);
-            if (m_ownTransaction) {
-                m_link.EndTransaction(false);
-                m_link.SetAutocommit(true);
-            } else {
-                m_link.ReleaseSavepoint(false);
-            }
-        } catch (...) {
-            PyErr_Clear();
-        }
-        PyErr_Restore(type, value, trace);
-    }
-
     Link& m_link;
+    bool m_keepsOut = false;
     bool m_began = false;
     bool m_ownTransaction = false;
 };
@@ -138,7 +126,7 @@ PyRef CursorExecuteMany(PyObject* object, PyObject* const* args, Py_ssize_t coun
     const Call call(object);
     CursorObject* const self = AsCursor(object);
     LinkOf(reinterpret_cast<PyObject*>(self->connection));
-    const PyRef sql = PyRef::Borrow(args[0]);
+    const PyRef sql = Checked(PyUnicode_FromObject(args[0]));
     const PyRef rows = Checked(PyObject_GetIter(args[1]));
     Run run(self);
     while (const PyRef row{PyIter_Next(rows.Get())}) run.Add(row.Get(), sql);

@@ -10,8 +10,8 @@ constexpr SQLSMALLINT kWordsSize = 4096;
 
 }  // namespace
 
-std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle, SQLSMALLINT first,
-                                        SQLSMALLINT most) {
+std::vector<Diagnostic> ReadRecords(SQLSMALLINT handleType, SQLHANDLE handle, SQLSMALLINT first,
+                                    SQLSMALLINT most) {
     std::vector<Diagnostic> records;
     for (SQLSMALLINT number = first; number - first < most; ++number) {
         // Terminated whatever the runtime writes into all but the last bytes.
@@ -24,6 +24,12 @@ std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle
         state[SQL_SQLSTATE_SIZE] = '\0';
         records.push_back({state, native, words});
     }
+    return records;
+}
+
+std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle, SQLSMALLINT first,
+                                        SQLSMALLINT most) {
+    std::vector<Diagnostic> records = ReadRecords(handleType, handle, first, most);
     if (records.empty()) records.push_back({"HY000", 0, "The driver does not say what is wrong."});
     return records;
 }
@@ -46,8 +52,10 @@ void Failure::Raise() const {
             // The words are the driver's: whatever they are, they are shown.
             const PyRef words = Checked(PyUnicode_DecodeUTF8(
                 record.words.data(), static_cast<Py_ssize_t>(record.words.size()), "replace"));
+            const PyRef state = Checked(PyUnicode_DecodeLatin1(
+                record.state.data(), static_cast<Py_ssize_t>(record.state.size()), nullptr));
             const PyRef entry =
-                Checked(Py_BuildValue("(slO)", record.state.c_str(), record.native, words.Get()));
+                Checked(Py_BuildValue("(OlO)", state.Get(), record.native, words.Get()));
             if (PyList_Append(records.Get(), entry.Get()) < 0) return;
         }
         const PyRef exception = CallFace("_failure", "(O)", records.Get());

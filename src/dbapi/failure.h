@@ -31,8 +31,10 @@ class Failure {
 // Thrown when a Python error is set already.
 struct PythonError {};
 
-// The records of a handle behind its last call, from the `first` on and at most so many; one that
-// says so if there are none.
+// The records of a handle behind its last call, from the `first` on and at most so many.
+std::vector<Diagnostic> ReadRecords(SQLSMALLINT handleType, SQLHANDLE handle, SQLSMALLINT first = 1,
+                                    SQLSMALLINT most = 16);
+// The same; one that says so if there are none.
 std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle,
                                         SQLSMALLINT first = 1, SQLSMALLINT most = 16);
 

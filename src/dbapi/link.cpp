@@ -47,6 +47,7 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
                                                    static_cast<SQLSMALLINT>(text.size()), nullptr,
                                                    0, nullptr, SQL_DRIVER_NOPROMPT);
         Check(status, SQL_HANDLE_DBC, connection);
+        m_isConnected = true;
         // What a server remarks on each connection is nobody's business; a key that is not known
         // is.
         if (status == SQL_SUCCESS_WITH_INFO) {
@@ -74,7 +75,7 @@ int Link::LookIn(void* link) {
 // What is freed here has no transaction and no statements any more.
 void Link::FreeHandles() {
     if (m_connection) {
-        SQLDisconnect(m_connection);
+        if (m_isConnected) SQLDisconnect(m_connection);
         SQLFreeHandle(SQL_HANDLE_DBC, m_connection);
     }
     m_connection = nullptr;
@@ -86,40 +87,53 @@ Link::~Link() {
     if (IsInherited()) return;
     try {
         Close();
+    } catch (const PythonError&) {
+        PyErr_WriteUnraisable(nullptr);  // a signal's handler has raised
     } catch (...) {
         // There is nobody to tell; what is not committed is lost, as it should be.
-        PyErr_Clear();
     }
 }
 
-Link::Turn::Turn(Link& link) : m_link(link) {
+Link::Turn::Turn(Link& link) : m_link(link), m_isWithin(link.KeepsOut()) {
     if (link.IsInherited()) {
         throw Failure("08S01",
                       "The connection belongs to the process from which this one was forked; open "
                       "one of its own.");
     }
-    const unsigned long thread = PyThread_get_thread_ident();
-    if (link.m_owner.load(std::memory_order_relaxed) == thread) {
+    if (link.HasTurn()) {
         throw Failure(
             "HY010",
             "The connection is busy: this was called by a signal's handler or a finalizer "
             "in the middle of another call.");
     }
-    if (!link.m_mutex.try_lock()) {
+    if (!m_isWithin && !link.m_mutex.try_lock()) {
         const Unlocked unlocked;
         link.m_mutex.lock();
     }
     if (!link.IsOpen()) {
-        link.m_mutex.unlock();
+        if (!m_isWithin) link.m_mutex.unlock();
         throw Failure(kClosed, kClosedWords);
     }
-    link.m_owner.store(thread, std::memory_order_relaxed);
+    link.m_owner = PyThread_get_thread_ident();
 }
 
 Link::Turn::~Turn() {
     m_link.TakeInWaiting();
-    m_link.m_owner.store(0, std::memory_order_relaxed);
-    m_link.m_mutex.unlock();
+    m_link.m_owner = 0;
+    if (!m_isWithin) m_link.m_mutex.unlock();
+}
+
+void Link::KeepOthersOut() {
+    if (!m_mutex.try_lock()) {
+        const Unlocked unlocked;
+        m_mutex.lock();
+    }
+    m_keeper = PyThread_get_thread_ident();
+}
+
+void Link::LetOthersIn() {
+    m_keeper = 0;
+    m_mutex.unlock();
 }
 
 void Link::NoteRunning(SQLHSTMT statement) {
@@ -135,7 +149,7 @@ void Link::Cancel() {
 void Link::EndTransaction(bool keep) {
     if (!keep) {
         for (Statement* const statement : m_taken)
-            statement->Lose("24000", "The rows are gone with the rollback.");
+            statement->Lose({"24000", "The rows are gone with the rollback."});
     }
     Wait(nullptr, [&] {
         Check(SQLEndTran(SQL_HANDLE_DBC, m_connection, keep ? SQL_COMMIT : SQL_ROLLBACK),
@@ -171,6 +185,28 @@ void Link::ReleaseSavepoint(bool keep) {
     Run("RELEASE SAVEPOINT vorda_executemany", false);
 }
 
+void Link::Undo(bool inSavepoint) noexcept {
+    PyObject *type, *value, *trace;
+    PyErr_Fetch(&type, &value, &trace);
+    // What failed is what the caller hears of, not that this fails, too: then the transaction, or
+    // the connection, is over, and nothing is kept either.
+    const auto attempt = [](auto&& step) {
+        try {
+            step();
+        } catch (...) {
+            PyErr_Clear();
+        }
+    };
+    attempt([&] {
+        const Turn turn(*this);
+        m_isUndoing = true;
+        attempt([&] { inSavepoint ? ReleaseSavepoint(false) : EndTransaction(false); });
+        if (!inSavepoint) attempt([&] { SetAutocommit(true); });
+        m_isUndoing = false;
+    });
+    PyErr_Restore(type, value, trace);
+}
+
 void Link::SetAutocommit(bool on) {
     const SQLULEN value = on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
     Check(SQLSetConnectAttrW(m_connection, SQL_ATTR_AUTOCOMMIT, AsPointer(value), 0),
@@ -197,15 +233,16 @@ bool Link::InTransaction() {
 void Link::Close() {
     if (!IsOpen()) return;
     const Turn turn(*this);
-    for (Statement* const statement : m_taken) statement->Release(kClosed, kClosedWords);
+    for (Statement* const statement : m_taken) statement->Release({kClosed, kClosedWords});
     m_idle.Clear();
     m_waiting.clear();
     // Whatever the server says to the rollback, the connection ends, and with it the transaction.
+    const std::unique_ptr<Link, void (*)(Link*)> end(this, [](Link* link) { link->FreeHandles(); });
     Wait(nullptr, [&] {
         SQLEndTran(SQL_HANDLE_DBC, m_connection, SQL_ROLLBACK);
+        m_isConnected = false;
         SQLDisconnect(m_connection);
     });
-    FreeHandles();
 }
 
 // ---- statements
@@ -213,6 +250,8 @@ void Link::Close() {
 std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
     std::unique_ptr<Statement> statement = m_idle.Take(text);
     if (!statement) statement = std::make_unique<Statement>(*this, text);
+    // Giving back must not fail.
+    m_waiting.reserve(m_waiting.size() + m_taken.size() + 1);
     m_taken.push_back(statement.get());
     return statement;
 }
@@ -220,13 +259,13 @@ std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
 void Link::GiveBack(std::unique_ptr<Statement> statement) noexcept {
     m_taken.erase(std::remove(m_taken.begin(), m_taken.end(), statement.get()), m_taken.end());
     if (IsInherited() || !IsOpen()) return;
-    const unsigned long thread = PyThread_get_thread_ident();
-    if (m_owner.load(std::memory_order_relaxed) == thread || !m_mutex.try_lock()) {
+    const bool isWithin = KeepsOut();
+    if (HasTurn() || (!isWithin && !m_mutex.try_lock())) {
         m_waiting.push_back(std::move(statement));
         return;
     }
     TakeIn(std::move(statement));
-    m_mutex.unlock();
+    if (!isWithin) m_mutex.unlock();
 }
 
 void Link::TakeIn(std::unique_ptr<Statement> statement) noexcept {

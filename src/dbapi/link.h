@@ -42,13 +42,26 @@ class Link {
 
       private:
         Link& m_link;
+        const bool m_isWithin;  // what keeps others out
     };
+
+    // Keeps other threads out from one turn to the next, for what is done in several.
+    void KeepOthersOut();
+    void LetOthersIn();
+    bool KeepsOut() const { return IsThisThread(m_keeper); }
+    // Whether this thread has the turn.
+    bool HasTurn() const { return IsThisThread(m_owner); }
 
     // For the holder of a turn: runs `call`, which may wait, without the interpreter lock. Ends
     // with what it throws, or with the exception of a signal's handler.
     template <class Call>
     void Wait(SQLHSTMT statement, Call&& call) {
         const Running running(*this, statement);
+        if (m_isUndoing) {
+            const Unlocked unlocked;
+            call();
+            return;
+        }
         if (m_isWatched) {
             WaitWatched(call);
             return;
@@ -82,6 +95,9 @@ class Link {
     // A point in the transaction to come back to, and doing so, or keeping what came behind it.
     void SetSavepoint();
     void ReleaseSavepoint(bool keep);
+    // The same for what did not go well, which nothing interrupts; `inSavepoint`, or the whole
+    // transaction, behind which each statement is one again.
+    void Undo(bool inSavepoint) noexcept;
     // Waits for its turn, rolls back and disconnects. Open results are over.
     void Close();
 
@@ -142,6 +158,7 @@ class Link {
         if (raised) throw PythonError();
     }
     static int LookIn(void* link);
+    static bool IsThisThread(unsigned long thread) { return thread == PyThread_get_thread_ident(); }
 
     void NoteRunning(SQLHSTMT statement);
     void Connect(const std::string& text, bool autocommit, std::string& warning);
@@ -155,6 +172,7 @@ class Link {
     const unsigned m_forks = ForkCount();
     bool m_autocommit = true;
     bool m_touched = false;
+    bool m_isConnected = false;
     bool m_isSqlite = false;
     bool m_hasCells = false;
     bool m_isWatched = false;
@@ -163,7 +181,9 @@ class Link {
     long m_timeout;
 
     std::mutex m_mutex;
-    std::atomic<unsigned long> m_owner = 0;  // the thread that has the turn
+    std::atomic<unsigned long> m_owner = 0;   // the thread that has the turn
+    std::atomic<unsigned long> m_keeper = 0;  // the thread that keeps others out
+    bool m_isUndoing = false;
     std::mutex m_runningMutex;
     SQLHSTMT m_running = nullptr;
 

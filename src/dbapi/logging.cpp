@@ -2,12 +2,19 @@
 
 bool IsLogging() {
     constexpr long kDebug = 10;
-    static PyObject* const logger =
-        PyObject_GetAttrString(PyImport_ImportModule("vorda.dbapi"), "_logger");
-    static PyObject* const level = PyLong_FromLong(kDebug);
+    // Not initialised by their declarations: who waits for that has the interpreter lock.
+    static PyObject* logger = nullptr;
+    static PyObject* level = nullptr;
     // Not part of the logger's interface; without it, the logger is asked each time.
-    static PyObject* const answers = PyObject_GetAttrString(logger, "_cache");
-    PyErr_Clear();
+    static PyObject* answers = nullptr;
+    if (!answers) {
+        const PyRef face(PyImport_ImportModule("vorda.dbapi"));
+        if (face && !logger) logger = PyObject_GetAttrString(face.Get(), "_logger");
+        if (!level) level = PyLong_FromLong(kDebug);
+        if (logger && level) answers = PyObject_GetAttrString(logger, "_cache");
+        PyErr_Clear();
+        if (!logger || !level) return false;
+    }
     PyObject* const known = answers ? PyDict_GetItemWithError(answers, level) : nullptr;
     if (known) return known == Py_True;
     PyErr_Clear();

@@ -23,7 +23,7 @@ bool AddType(PyObject* module, const char* name, PyTypeObject& type) {
 
 extern "C" __attribute__((visibility("default"))) PyObject* PyInit__statement() {
     PyRef module(PyModule_Create(&ModuleDef));
-    const bool built = module && InitValues() &&
+    const bool built = module && InitValues() && InitWaiting() &&
                        AddType(module.Get(), "Connection", ConnectionType) &&
                        AddType(module.Get(), "Cursor", CursorType);
     return built ? module.Release() : nullptr;

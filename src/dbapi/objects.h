@@ -22,7 +22,7 @@ struct CursorFields {
     PyObject* makeRow;  // what the factory gave for this result, or null
     Py_ssize_t arraySize;
     SQLLEN rowCount;
-    bool isBusy;  // in a call; may be one of another thread
+    unsigned long user;  // the thread that is in a call, or 0
 };
 
 struct CursorObject : CursorFields {
@@ -46,21 +46,34 @@ void GiveStatementBack(CursorObject* cursor);
 // One call of a cursor. Whatever runs Python code in the middle of it finds the cursor taken.
 class Call {
   public:
-    explicit Call(PyObject* cursor) : m_cursor(*AsCursor(cursor)) {
+    explicit Call(PyObject* cursor) : Call(*AsCursor(cursor), false) {
         if (!m_cursor.connection) throw Failure("24000", "The cursor is closed.");
-        if (m_cursor.isBusy) {
-            throw Failure("HY010",
-                          "The cursor is busy: another thread uses it, or this was called by what "
-                          "it calls itself.");
-        }
-        m_cursor.isBusy = true;
     }
-    ~Call() { m_cursor.isBusy = false; }
+    // One that only looks, and may do so within another of this thread as long as that is not in
+    // the runtime.
+    static Call ThatLooks(PyObject* cursor) { return Call(*AsCursor(cursor), true); }
+    ~Call() {
+        if (!m_isWithin) m_cursor.user = 0;
+    }
     Call(const Call&) = delete;
     Call& operator=(const Call&) = delete;
 
   private:
+    Call(CursorObject& cursor, bool onlyLooks)
+        : m_cursor(cursor),
+          m_isWithin(onlyLooks && cursor.user == PyThread_get_thread_ident() &&
+                     !(cursor.link && cursor.link->HasTurn())) {
+        if (m_isWithin) return;
+        if (m_cursor.user != 0) {
+            throw Failure("HY010",
+                          "The cursor is busy: another thread uses it, or this was called by what "
+                          "it calls itself.");
+        }
+        m_cursor.user = PyThread_get_thread_ident();
+    }
+
     CursorObject& m_cursor;
+    const bool m_isWithin;
 };
 
 // The methods that execute.

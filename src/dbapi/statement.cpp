@@ -31,6 +31,7 @@ Statement::Statement(Link& link, PyObject* text)
     : m_link(link), m_text(PyRef::Borrow(text)), m_hash(PyObject_Hash(text)) {
     m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
     if (!m_utf8) {
+        if (PyErr_ExceptionMatches(PyExc_MemoryError)) throw PythonError();
         PyErr_Clear();
         throw Failure("42000", "The statement has a lone surrogate, which is no character.");
     }
@@ -74,6 +75,7 @@ void Statement::Executed(SQLRETURN status) {
     Called(status);
     m_isOpen = true;
     m_failed.reset();
+    m_lost = {};
     m_rowCount = -1;
     SQLSMALLINT columns = 0;
     if (status != SQL_NO_DATA) Called(SQLNumResultCols(m_handle, &columns));
@@ -92,15 +94,22 @@ void Statement::Executed(SQLRETURN status) {
 
 SQLLEN Statement::Changed(SQLRETURN status) {
     Called(status);
+    const std::unique_ptr<void, void (*)(SQLHSTMT)> rows(
+        m_handle, [](SQLHSTMT handle) { SQLFreeStmt(handle, SQL_CLOSE); });
+    // A warning is none when a row of the batch has failed.
+    if (status == SQL_SUCCESS_WITH_INFO) {
+        for (const Diagnostic& record : ReadRecords(SQL_HANDLE_STMT, m_handle)) {
+            if (record.state.compare(0, 2, "01") != 0) throw Failure({record});
+        }
+    }
     SQLLEN count = 0;
     Called(SQLRowCount(m_handle, &count));
-    SQLFreeStmt(m_handle, SQL_CLOSE);
     return std::max<SQLLEN>(count, 0);
 }
 
 SQLLEN Statement::ExecuteBatch(Batch& batch) {
     Prepare(batch.Width());
-    m_parameters.clear();
+    const Bound bound(*this);
     const auto size = [this](size_t sets) {
         return SQLSetStmtAttrW(m_handle, SQL_ATTR_PARAMSET_SIZE, reinterpret_cast<SQLPOINTER>(sets),
                                0);
@@ -120,7 +129,7 @@ SQLLEN Statement::ExecuteBatch(Batch& batch) {
 
 SQLLEN Statement::ExecuteEach(Batch& batch) {
     Prepare(batch.Width());
-    m_parameters.clear();
+    const Bound bound(*this);
     SQLLEN changed = 0;
     for (size_t row = 0; row < batch.Count(); ++row) {
         batch.Bind(m_handle, row);
@@ -153,9 +162,13 @@ bool Statement::NextResult() {
 
 PyRef Statement::NextRow() {
     if (m_block.HasRow()) return m_block.Take();
+    if (m_lost.state) {
+        m_hasRows = false;
+        throw Failure(m_lost.state, m_lost.words);
+    }
     if (m_failed) {
         const Failure failure = *m_failed;
-        if (m_isOpen) m_failed.reset();
+        m_failed.reset();
         m_hasRows = false;
         throw failure;
     }
@@ -210,25 +223,26 @@ void Statement::Close() {
     if (!m_isOpen) return;
     m_isOpen = m_hasRows = false;
     m_failed.reset();
+    m_lost = {};
     m_block.End(m_handle);
     m_columnCount = 0;
     SQLFreeStmt(m_handle, SQL_CLOSE);
 }
 
 // The description stays, if the driver still gives it.
-void Statement::Lose(const char* state, const char* words) {
+void Statement::Lose(Reason reason) noexcept {
     if (!m_isOpen) return;
     m_isOpen = false;
-    if (m_hasRows) m_failed = std::make_unique<Failure>(state, words);
+    if (m_hasRows) m_lost = reason;
     try {
         Describe();
-    } catch (const Failure&) {
+    } catch (...) {
         m_columnCount = 0;
     }
 }
 
-void Statement::Release(const char* state, const char* words) {
-    Lose(state, words);
+void Statement::Release(Reason reason) noexcept {
+    Lose(reason);
     m_isOpen = m_prepared = false;
     if (m_handle) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
     m_handle = nullptr;
@@ -238,8 +252,9 @@ void Statement::Release(const char* state, const char* words) {
 
 void Statement::Bind(const std::vector<Value>& values) {
     if (m_parameters.size() != values.size()) {
+        std::vector<Parameter> parameters(values.size());
         if (!m_parameters.empty()) Called(SQLFreeStmt(m_handle, SQL_RESET_PARAMS));
-        m_parameters = std::vector<Parameter>(values.size());
+        m_parameters = std::move(parameters);
     }
     for (size_t i = 0; i < values.size(); ++i) BindOne(i, values[i]);
 }

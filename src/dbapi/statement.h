@@ -42,7 +42,7 @@ class Statement {
     SQLLEN RowCount() const { return m_rowCount; }
 
     // Whether no row is at hand, and more may come: time to load.
-    bool WantsLoading() const { return m_hasRows && !m_block.HasRow() && !m_failed; }
+    bool WantsLoading() const { return m_hasRows && !m_block.HasRow() && !m_failed && !m_lost.state; }
     void Load();
     // The next row as a tuple, or null after the last. A failure behind the rows so far is thrown
     // when they are read; one of a row, when that comes.
@@ -59,10 +59,15 @@ class Statement {
 
     // Ends the result, so that the statement can be executed again.
     void Close();
-    // Frees the handle. Whatever is asked for later is over, for the reason that `words` give.
-    void Release(const char* state, const char* words);
+    // Why rows are over before their end: literals, since this must not fail.
+    struct Reason {
+        const char* state = nullptr;
+        const char* words = nullptr;
+    };
+    // Frees the handle. Whatever is asked for later is over, for that reason.
+    void Release(Reason reason) noexcept;
     // Takes the rows away, for the same.
-    void Lose(const char* state, const char* words);
+    void Lose(Reason reason) noexcept;
 
   private:
     struct Parameter {
@@ -72,6 +77,22 @@ class Statement {
         SQLLEN indicator = 0;
         alignas(SQLBIGINT) char fixed[sizeof(SQL_TIMESTAMP_STRUCT)] = {};
         std::string text;
+    };
+
+    // Lets the runtime forget bound parameters at the end of what binds its own.
+    class Bound {
+      public:
+        explicit Bound(Statement& statement) : m_statement(statement) { Reset(); }
+        ~Bound() { Reset(); }
+        Bound(const Bound&) = delete;
+        Bound& operator=(const Bound&) = delete;
+
+      private:
+        void Reset() const {
+            SQLFreeStmt(m_statement.m_handle, SQL_RESET_PARAMS);
+            m_statement.m_parameters.clear();
+        }
+        Statement& m_statement;
     };
 
     void Prepare(size_t values);
@@ -100,4 +121,5 @@ class Statement {
     std::vector<ColumnInfo> m_columns;
     Block m_block;
     std::unique_ptr<Failure> m_failed;
+    Reason m_lost;
 };

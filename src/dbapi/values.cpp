@@ -36,6 +36,7 @@ void ReadText(Value& value, PyObject* text, Py_ssize_t position) {
     Py_ssize_t size = 0;
     const char* const data = PyUnicode_AsUTF8AndSize(text, &size);
     if (!data) {
+        if (!PyErr_ExceptionMatches(PyExc_UnicodeError)) throw PythonError();
         PyErr_Clear();
         Refuse("22021", position, "the text has a lone surrogate, which is no character");
     }
@@ -73,8 +74,10 @@ void ReadDecimal(Value& value, PyObject* number, Py_ssize_t position, const Send
                             [](char c) { return c >= '0' && c <= '9'; });
     const bool isNumber = mantissa.find_first_of("0123456789") != std::string_view::npos;
     const double real = PyFloat_AsDouble(number);
-    if (PyErr_Occurred()) PyErr_Clear();
-    if (!isNumber || std::isinf(real) || (real == 0) != (digits == 0))
+    const bool isReal = !PyErr_Occurred();
+    if (!isReal && PyErr_ExceptionMatches(PyExc_MemoryError)) throw PythonError();
+    PyErr_Clear();
+    if (!isNumber || !isReal || std::isinf(real) || (real == 0) != (digits == 0))
         Refuse("22003", position, "SQLite has no such number as this decimal");
     // As a text then, which the runtime refuses where a column would round it.
     if (digits > kDigitsOfDouble) return;

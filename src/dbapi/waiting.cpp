@@ -16,6 +16,7 @@ namespace {
 constexpr std::chrono::milliseconds kTick{50};
 
 unsigned g_forks = 0;
+unsigned long g_mainThread = 0;
 
 // A thread that does one piece of work at a time for somebody who waits for it. It never ends, and
 // is never destroyed: the process may exit while it works.
@@ -107,18 +108,19 @@ unsigned ForkCount() {
     return g_forks;
 }
 
+bool InitWaiting() {
+    // The one that imports the module may be another: the interpreter is asked.
+    const PyRef threading(PyImport_ImportModule("threading"));
+    const PyRef thread(threading ? PyObject_CallMethod(threading.Get(), "main_thread", nullptr)
+                                 : nullptr);
+    const PyRef number(thread ? PyObject_GetAttrString(thread.Get(), "ident") : nullptr);
+    if (!number) return false;
+    g_mainThread = PyLong_AsUnsignedLong(number.Get());
+    return !PyErr_Occurred();
+}
+
 bool InMainThread() {
-    // The one that imported the module may be another: the interpreter is asked.
-    static const unsigned long mainThread = [] {
-        const PyRef threading(PyImport_ImportModule("threading"));
-        const PyRef thread(threading ? PyObject_CallMethod(threading.Get(), "main_thread", nullptr)
-                                     : nullptr);
-        const PyRef number(thread ? PyObject_GetAttrString(thread.Get(), "ident") : nullptr);
-        const unsigned long ident = number ? PyLong_AsUnsignedLong(number.Get()) : 0;
-        PyErr_Clear();
-        return ident;
-    }();
-    return PyThread_get_thread_ident() == mainThread;
+    return PyThread_get_thread_ident() == g_mainThread;
 }
 
 bool Watched::Look() {

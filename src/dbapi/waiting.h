@@ -19,6 +19,8 @@ class Unlocked {
     PyThreadState* const m_state;
 };
 
+// Once, at the import; false with an error set.
+bool InitWaiting();
 // Whether signals are handled by this thread.
 bool InMainThread();
 

@@ -291,3 +291,25 @@ def test_threads_share_a_connection(table):
     for thread in threads:
         thread.join()
     assert not failures and count(table) == 1200
+
+
+def test_other_threads_wait_for_the_end_of_a_batch(table):
+    """What they do would be undone, or committed, with it."""
+    table.autocommit = True
+    began = threading.Event()
+    other = threading.Thread(target=lambda: (
+        began.wait(), table.execute("INSERT INTO t VALUES (-1, 'acknowledged')")))
+    other.start()
+
+    def rows():
+        yield from ((i, "y") for i in range(4000, 8000))
+        began.set()
+        other.join(0.2)
+        assert table.execute("SELECT count(*) FROM t WHERE a = -1").fetchone() == (0,)
+        yield (1, "twice")
+
+    with pytest.raises(dbapi.IntegrityError):
+        table.executemany("INSERT INTO t VALUES (?, ?)", rows())
+    other.join()
+    table.rollback()
+    assert count(table) == 1001

@@ -1,6 +1,6 @@
 """Fails each memory request of each operation, with the failing allocator preloaded:
 
-    allocation_walk.py one|rest [OPERATION [NUMBER]]
+    allocation_walk.py zelqa|dbapi one|rest [OPERATION [NUMBER]]
 
 "one" fails a single request, "rest" that one and all behind it. Either the operation reports the
 lack of memory and has done nothing, or it is done whole; then the same connection does it well, and
@@ -25,11 +25,13 @@ import traceback
 import warnings
 
 # What the module imports is there before: the walk is not through imports.
-import decimal  # noqa: F401
+import decimal
 import uuid  # noqa: F401
 
-from vorda import zelqa
+from vorda import dbapi, zelqa
 
+module = {"zelqa": zelqa, "dbapi": dbapi}[sys.argv[1]]
+full = module is dbapi
 allocator = ctypes.CDLL(None)
 arm, disarm, live = (allocator.failing_allocator_arm, allocator.failing_allocator_disarm,
                      allocator.failing_allocator_live)
@@ -41,6 +43,8 @@ NEVER = sys.maxsize
 LONG = "a text that is longer than a hundred characters \u00e4\u20ac\U0001f600 " * 3
 VALUES = ("x", LONG, 5, 2 ** 40, 0.5, True, datetime.datetime(2024, 2, 29, 1, 2, 3, 4),
           datetime.date(2024, 2, 29), datetime.time(1, 2, 3), 10 ** 5)
+if full:
+    VALUES = VALUES[:-1] + (decimal.Decimal("1.25"),)
 NAMES = ["s", "l", "i", "b", "f", "t", "dt", "d", "tm", "n"]
 INSERT = "INSERT INTO t (%s) VALUES (%s)" % (", ".join(NAMES), ", ".join("?" * len(NAMES)))
 NAMED = "INSERT INTO t (%s) VALUES (:%s)" % (", ".join(NAMES), ", :".join(NAMES))
@@ -67,10 +71,12 @@ class World:
 
     @classmethod
     def begin(cls):
-        connection = zelqa.connect(cls.connect_to % cls.template)
+        connection = cls.connect(cls.template)
         for sql in SETUP:
             connection.execute(sql)
         connection.cursor().executemany(INSERT, [VALUES] * 2)
+        for _ in range(99 * full):  # until CPython loses nothing where it unpacks a pair
+            connection.execute("SELECT :a", {"a": 1})
         connection.close()
 
     @classmethod
@@ -84,11 +90,12 @@ class World:
                 os.remove(os.path.join(self.folder, name))
         shutil.copyfile(self.template, self.path)
         self.files = len(os.listdir("/proc/self/fd"))
-        self.connection = self.connect()
+        self.connection = self.connect(self.path)
         self.cursor = self.connection.execute("PRAGMA synchronous = OFF")
 
-    def connect(self):
-        return zelqa.connect(self.connect_to % self.path)
+    @classmethod
+    def connect(cls, path):
+        return module.connect(cls.connect_to % path, **{"autocommit": True} if full else {})
 
     def state(self):
         """What another program finds in the file."""
@@ -117,10 +124,12 @@ def fetch(world):
 
 
 def query(world):
-    world.cursor.execute(QUERY, 1, "")
+    world.cursor.execute(QUERY, (1, ""))
 
 
 def first_row(world):
+    if full:
+        world.cursor.row_factory = dbapi.Row
     query(world)
     world.row = world.cursor.fetchone()
 
@@ -138,12 +147,12 @@ def begin(world):
 def commit(world):
     try:
         world.cursor.execute("COMMIT")
-    except zelqa.DatabaseError as error:
+    except module.DatabaseError as error:
         assert "no transaction is active" in str(error)
 
 
 def connect(world):
-    world.connect().close()
+    world.connect(world.path).close()
 
 
 def close(world):
@@ -151,7 +160,7 @@ def close(world):
 
 
 def reopen(world):
-    world.connection = world.connect()
+    world.connection = world.connect(world.path)
     world.cursor = world.connection.cursor()
 
 
@@ -159,7 +168,7 @@ def refusal(world, table="wrong"):
     """The provider's words, too many for a string's inline buffer."""
     try:
         world.cursor.execute("SELECT * FROM " + table * 30)
-    except zelqa.DatabaseError as error:
+    except module.DatabaseError as error:
         if table * 30 not in str(error) and reports_lack_of_memory(error):
             raise
         return str(error)
@@ -169,14 +178,55 @@ def batch(world, rows=3):
     return world.cursor.executemany(INSERT, [VALUES] * rows).rowcount
 
 
+MANY = ("WITH RECURSIVE n (i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 90)"
+        " SELECT i, CASE i % 40 WHEN 0 THEN printf('%.*c', 60 * i, 'x') ELSE i END, i FROM n")
+
+
+def read_on(world):
+    """What a failed fetch was to give is missing; all else comes as it is."""
+    rows, failed, last = [], None, 0
+    world.cursor.execute(MANY)
+    for _ in range(200):
+        try:
+            row = world.cursor.fetchone()
+        except MemoryError as error:
+            failed = error
+            continue
+        if row is None:
+            break
+        i, filler, again = row
+        assert last < i == again and (failed or i == last + 1), "a row is missing"
+        assert filler == (i if i % 40 else "x" * 60 * i), "a wrong row: %r" % (row,)
+        rows.append(last := i)
+    if failed:
+        raise failed
+    return len(rows)
+
+
+def nextset(world):
+    world.cursor.execute(QUERY, (1, ""))
+    return world.cursor.nextset()
+
+
+def in_transaction(world, end):
+    world.connection.autocommit = False
+    try:
+        world.cursor.execute(INSERT, VALUES)
+        getattr(world.connection, end)()
+    finally:
+        allocator.failing_allocator_pause(1)
+        world.connection.rollback()
+        world.connection.autocommit = True
+
+
 OPERATIONS = {
     "connect": Operation(connect),
     "insert": Operation(lambda w: w.cursor.execute(INSERT, VALUES).rowcount),
     "named": Operation(lambda w: w.cursor.execute(NAMED, dict(zip(NAMES, VALUES))).rowcount),
     "direct": Operation(lambda w: w.cursor.execute("INSERT INTO log VALUES ('%s')"
                                                    % LONG).rowcount),
-    "select": Operation(lambda w: w.cursor.execute(QUERY, 1, "").description),
-    "select again": Operation(lambda w: w.cursor.execute(QUERY, 1, "").description, query),
+    "select": Operation(lambda w: w.cursor.execute(QUERY, (1, "")).description),
+    "select again": Operation(lambda w: w.cursor.execute(QUERY, (1, "")).description, query),
     "fetchall": Operation(fetch, query),
     "fetchone": Operation(lambda w: tuple(w.cursor.fetchone()), query),
     "row": Operation(use_row, first_row),
@@ -188,7 +238,7 @@ OPERATIONS = {
     "refusal": Operation(refusal, lambda w: refusal(w, "e")),
     "close": Operation(close, query, reopen),
     "in a transaction": Operation(batch, begin, commit, failed="none"),
-    "update": Operation(lambda w: w.cursor.execute("UPDATE t SET s = ?", "new").rowcount),
+    "update": Operation(lambda w: w.cursor.execute("UPDATE t SET s = ?", ("new",)).rowcount),
     "create": Operation(lambda w: w.cursor.execute("CREATE TABLE u (a INT)") and None),
     "procedure": Operation(lambda w: w.cursor.execute(
         "CREATE OR REPLACE PROCEDURE put (i INT) AS INSERT INTO log VALUES ($i)") and None),
@@ -199,15 +249,30 @@ OPERATIONS = {
         and fetch(w)),
     "listing": Operation(lambda w: w.cursor.execute("SELECT * FROM sys_procedures") and fetch(w)),
 }
+if full:
+    for name in ("direct", "update", "create", "procedure", "expressions", "listing"):
+        del OPERATIONS[name]  # which are the runtime's
+    OPERATIONS.update({
+        "read on": Operation(read_on),
+        "nextset": Operation(nextset),
+        "commit": Operation(lambda w: in_transaction(w, "commit")),
+        "rollback": Operation(lambda w: in_transaction(w, "rollback")),
+        "values": Operation(lambda w: w.cursor.execute(
+            "SELECT ?, ?, ?, ?", (None, b"x" * 999, uuid.UUID(int=1), bytearray(9))).fetchall()),
+        "differing": Operation(lambda w: w.cursor.executemany(
+            "INSERT INTO log VALUES (:v)", ({"v": v} for v in ("x", None, 5, LONG))).rowcount),
+        "script": Operation(lambda w: w.cursor.executescript(
+            "INSERT INTO log VALUES (1); SELECT 1").fetchall(), failed="done"),
+    })
 
 
 # Beside MemoryError and what speaks of memory: where the cause is not handed on.
-OTHER_TEXTS = ("fail to create valid connection", "Unable to alloc env handle",
+OTHER_TEXTS = ("fail to create valid connection", "Unable to alloc env handle", "No runtime can be loaded",
                "Unable to retrieve the error", "no value is bound to marker")
 
 
 def reports_lack_of_memory(error):
-    if isinstance(error, zelqa.DatabaseError):
+    if isinstance(error, module.Error):
         text = str(error)
         return ("memory" in text or any(known in text for known in OTHER_TEXTS)
                 or reports_lack_of_memory(error.__cause__))
@@ -268,7 +333,9 @@ def check(operation, good, first, last):
             # Undoing needs memory, too; what had to wait for it comes before the next statement.
             world.cursor.execute("PRAGMA user_version")
         states = good.states_after(operation, failed)
-        assert world.state() in states, "failed, but done" if failed else "not done"
+        found = world.state()
+        assert found in states, "%s: %r" % ("failed, but done" if failed else "not done", [
+            table for table, good in zip(found, states[0]) if table != good])
         if failed:
             again = attempt(world, operation)
             assert again[:2] == (good.result, None), "the next time: %r" % (again,)
@@ -287,6 +354,7 @@ def check_memory(operation, good, first, last):
         if live() <= before:
             return failed
         gc.collect()
+        sys._clear_type_cache()  # which keeps names
         if live() <= before:
             return failed
     raise AssertionError("%d blocks of memory are left behind" % (live() - before))
@@ -342,4 +410,4 @@ def main(mode, chosen=None, number=None):
 
 
 if __name__ == "__main__":
-    sys.exit(0 if main(*sys.argv[1:]) else 1)
+    sys.exit(0 if main(*sys.argv[2:]) else 1)
