@@ -276,12 +276,12 @@ def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
     """Statement and values for plain markers; called by the core for what is no tuple or list."""
     if isinstance(given, (dict, collections.abc.Mapping)):
         text, names = _plain_markers(sql)
-        missing = [name for name in names if name not in given]
-        if missing:
-            raise ProgrammingError(
-                "The statement has the marker :%s, for which there is no value" % missing[0]
-            )
-        return text, tuple(given[name] for name in names)
+        for name in names:
+            if name not in given:
+                raise ProgrammingError(
+                    "The statement has the marker :%s, for which there is no value" % name
+                )
+        return text, tuple(map(given.__getitem__, names))
     if isinstance(given, (str, bytes, bytearray, memoryview)) or not hasattr(given, "__getitem__"):
         raise ProgrammingError(
             "The parameters are a %s: they must be a sequence or a mapping"

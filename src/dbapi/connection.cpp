@@ -117,6 +117,7 @@ int SetAutocommit(PyObject* self, PyObject* value, void*) {
         if (on < 0) return -1;
         Link& link = LinkOf(self);
         const Link::Turn turn(link);
+        link.FinishUndo();
         if ((on != 0) == link.Autocommit()) return 0;
         if (link.InTransaction()) {
             throw Failure("HY011",

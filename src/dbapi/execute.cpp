@@ -28,6 +28,7 @@ void GiveStatementBack(CursorObject* self) {
 Statement& UseStatement(CursorObject* self, PyObject* sql) {
     Py_CLEAR(self->makeRow);
     self->rowCount = -1;
+    self->link->FinishUndo();
     if (self->statement && self->statement->IsFor(sql, PyObject_Hash(sql))) {
         self->statement->Close();
     } else {

@@ -12,7 +12,8 @@ class Atomic {
     Atomic(const Atomic&) = delete;
     Atomic& operator=(const Atomic&) = delete;
     ~Atomic() {
-        if (m_began) m_link.Undo(!m_ownTransaction);
+        using Undone = Link::Undone;
+        if (m_began) m_link.Undo(m_ownTransaction ? Undone::Transaction : Undone::Savepoint);
         if (m_keepsOut) m_link.LetOthersIn();
     }
 
@@ -24,6 +25,7 @@ class Atomic {
             m_keepsOut = true;
         }
         const Link::Turn turn(m_link);
+        m_link.FinishUndo();
         // One that BEGIN has opened is the user's, to commit or not.
         m_ownTransaction = m_link.Autocommit() && !m_link.InTransaction();
         if (m_ownTransaction) {

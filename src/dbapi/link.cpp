@@ -160,7 +160,9 @@ void Link::EndTransaction(bool keep) {
 
 void Link::Commit(bool keep) {
     const Turn turn(*this);
+    if (keep || m_toUndo == Undone::Transaction) FinishUndo();
     EndTransaction(keep);
+    m_toUndo = Undone::Nothing;
 }
 
 void Link::Run(const char* sql, bool canBeCancelled) {
@@ -185,26 +187,31 @@ void Link::ReleaseSavepoint(bool keep) {
     Run("RELEASE SAVEPOINT vorda_executemany", false);
 }
 
-void Link::Undo(bool inSavepoint) noexcept {
+void Link::Undo(Undone what) noexcept {
     PyObject *type, *value, *trace;
     PyErr_Fetch(&type, &value, &trace);
-    // What failed is what the caller hears of, not that this fails, too: then the transaction, or
-    // the connection, is over, and nothing is kept either.
-    const auto attempt = [](auto&& step) {
-        try {
-            step();
-        } catch (...) {
-            PyErr_Clear();
-        }
-    };
-    attempt([&] {
+    m_toUndo = what;
+    try {
         const Turn turn(*this);
-        m_isUndoing = true;
-        attempt([&] { inSavepoint ? ReleaseSavepoint(false) : EndTransaction(false); });
-        if (!inSavepoint) attempt([&] { SetAutocommit(true); });
-        m_isUndoing = false;
-    });
+        FinishUndo();
+    } catch (...) {
+        // What failed at first is what the caller hears of.
+        PyErr_Clear();
+    }
     PyErr_Restore(type, value, trace);
+}
+
+void Link::FinishUndo() {
+    if (m_toUndo == Undone::Nothing) return;
+    m_isUndoing = true;
+    const std::unique_ptr<bool, void (*)(bool*)> end(&m_isUndoing, [](bool* is) { *is = false; });
+    if (m_toUndo == Undone::Transaction) {
+        EndTransaction(false);
+        SetAutocommit(true);
+    } else if (!m_isSqlite || InTransaction()) {
+        ReleaseSavepoint(false);
+    }
+    m_toUndo = Undone::Nothing;
 }
 
 void Link::SetAutocommit(bool on) {

@@ -95,9 +95,12 @@ class Link {
     // A point in the transaction to come back to, and doing so, or keeping what came behind it.
     void SetSavepoint();
     void ReleaseSavepoint(bool keep);
-    // The same for what did not go well, which nothing interrupts; `inSavepoint`, or the whole
-    // transaction, behind which each statement is one again.
-    void Undo(bool inSavepoint) noexcept;
+    // What did not go well is undone: behind the savepoint, or the whole transaction, after which
+    // each statement is one again. Nothing interrupts it; what fails is tried again by FinishUndo,
+    // before anything else is executed.
+    enum class Undone { Nothing, Savepoint, Transaction };
+    void Undo(Undone what) noexcept;
+    void FinishUndo();
     // Waits for its turn, rolls back and disconnects. Open results are over.
     void Close();
 
@@ -183,6 +186,7 @@ class Link {
     std::mutex m_mutex;
     std::atomic<unsigned long> m_owner = 0;   // the thread that has the turn
     std::atomic<unsigned long> m_keeper = 0;  // the thread that keeps others out
+    Undone m_toUndo = Undone::Nothing;
     bool m_isUndoing = false;
     std::mutex m_runningMutex;
     SQLHSTMT m_running = nullptr;

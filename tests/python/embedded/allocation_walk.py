@@ -120,7 +120,7 @@ Operation = collections.namedtuple("Operation", "run before after failed",
 
 
 def fetch(world):
-    return [tuple(row) for row in world.cursor.fetchall()]
+    return list(map(tuple, world.cursor.fetchall()))
 
 
 def query(world):
