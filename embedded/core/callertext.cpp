@@ -2,8 +2,6 @@
 
 #include <string>
 
-#include "core/error.h"
-
 namespace embedded {
 
 std::string_view inputText(const SQLCHAR* text, SQLLEN length) {

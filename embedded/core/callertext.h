@@ -8,6 +8,7 @@
 #include <limits>
 #include <string_view>
 
+#include "core/diagnostics.h"
 #include "values/text.h"
 
 namespace embedded {
@@ -17,9 +18,9 @@ namespace embedded {
 /// length.
 std::string_view inputText(const SQLCHAR* text, SQLLEN length);
 
-/// Copies `text` into a caller's buffer of `capacity` bytes, cut at a whole character and
+/// Copies `text` into a caller's buffer of `capacity` bytes, truncated at a whole character and
 /// terminated, and stores its full length in bytes. Either pointer may be null. Answers true when
-/// it was cut.
+/// it was truncated.
 template <class Length>
 bool outputText(std::string_view text, void* buffer, SQLLEN capacity, Length* length) {
     if (length) {
@@ -32,6 +33,16 @@ bool outputText(std::string_view text, void* buffer, SQLLEN capacity, Length* le
     std::copy_n(text.data(), kept, out);
     out[kept] = '\0';
     return kept < text.size();
+}
+
+/// The same as the answer of a call, with a warning in words of its own where it was truncated.
+/// Throws HY090 for a negative capacity.
+template <class Length>
+void answerText(Diagnostics& diagnostics, std::string_view text, void* buffer, SQLLEN capacity,
+                Length* length,
+                std::string_view warning = "The text was cut to the size of its buffer.") {
+    if (capacity < 0) throw Error("HY090", "Invalid buffer length.");
+    if (outputText(text, buffer, capacity, length)) diagnostics.warning("01004", warning);
 }
 
 }  // namespace embedded

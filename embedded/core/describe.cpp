@@ -152,10 +152,7 @@ void columnAttribute(Statement& statement, SQLUSMALLINT column, SQLUSMALLINT fie
     }
     const Column& described = describedColumn(statement, column);
     if (const auto text = textAttribute(described, field)) {
-        if (output.capacity < 0) throw Error("HY090", "Invalid buffer length.");
-        if (outputText(*text, output.text, output.capacity, output.length) && output.text) {
-            statement.diagnostics.warning("01004", "The text was cut to the size of its buffer.");
-        }
+        answerText(statement.diagnostics, *text, output.text, output.capacity, output.length);
         return;
     }
     const auto number = numberAttribute(described, field);

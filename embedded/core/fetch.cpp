@@ -206,7 +206,7 @@ void Statement::deliverRow() {
                 reinterpret_cast<SQLLEN*>(moved(target.indicator, route.indicatorStep));
         }
         const Cell cell = work.rows->cell(route.index);
-        if (deliver(route.convert, cell, route.index, *route.column, target) != Delivery::Cut)
+        if (deliver(route.convert, cell, route.index, *route.column, target) != Delivery::Truncated)
             continue;
         if (!single || work.unbound.empty()) keep(route.index, cell);
         if (target.tagged) continue;  // its indicator tells all
@@ -283,7 +283,7 @@ SQLRETURN Statement::getData(SQLUSMALLINT column, SQLSMALLINT cType, Target targ
     switch (deliver(converterFor(cType, source.type), cell, column - 1, source, target)) {
         case Delivery::Nothing:
             return SQL_NO_DATA;
-        case Delivery::Cut:
+        case Delivery::Truncated:
             diagnostics.warning("01004",
                                 place(source, column - 1) + ": there is more of the value.");
             return SQL_SUCCESS_WITH_INFO;

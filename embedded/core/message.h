@@ -12,14 +12,14 @@ namespace embedded {
 /// `Error::in` adds.
 inline constexpr size_t kMaxMessage = 900;
 
-/// `text` with the prefix of this runtime, cut to `kMaxMessage`.
+/// `text` with the prefix of this runtime, truncated to `kMaxMessage`.
 std::string runtimeMessage(std::string_view text);
 
-/// `text` with the prefix that says that SQLite wrote it, cut to `kMaxMessage`.
+/// `text` with the prefix that says that SQLite wrote it, truncated to `kMaxMessage`.
 std::string sqliteMessage(std::string_view text);
 
 /// `text` of a driver with the prefix that says so and the SQLSTATE, which not every caller reads
-/// elsewhere; cut to `kMaxMessage`.
+/// elsewhere; truncated to `kMaxMessage`.
 std::string driverMessage(std::string_view state, std::string_view text);
 
 }  // namespace embedded

@@ -1,7 +1,6 @@
 // Entry points: attributes of environments, connections and statements.
-#include <algorithm>
 #include <cstdint>
-#include <iterator>
+#include <span>
 #include <string>
 #include <type_traits>
 #include <variant>
@@ -64,55 +63,39 @@ constexpr FixedAttribute kFixedOfStatement[] = {
     {SQL_ATTR_USE_BOOKMARKS, SQL_UB_OFF},
 };
 
-template <size_t Count>
-const FixedAttribute* find(const FixedAttribute (&table)[Count], SQLINTEGER attribute) noexcept {
-    const auto found =
-        std::find_if(std::begin(table), std::end(table),
-                     [&](const FixedAttribute& a) { return a.attribute == attribute; });
-    return found == std::end(table) ? nullptr : found;
+SQLULEN fixedValue(std::span<const FixedAttribute> table, SQLINTEGER attribute) {
+    for (const FixedAttribute& entry : table) {
+        if (entry.attribute == attribute) return entry.value;
+    }
+    throw unknownAttribute(attribute);
 }
 
-template <size_t Count>
-void setFixed(const FixedAttribute (&table)[Count], SQLINTEGER attribute, SQLULEN value) {
-    const FixedAttribute* fixed = find(table, attribute);
-    if (!fixed) throw unknownAttribute(attribute);
-    if (fixed->value != value) {
+void setFixed(std::span<const FixedAttribute> table, SQLINTEGER attribute, SQLULEN value) {
+    const SQLULEN fixed = fixedValue(table, attribute);
+    if (fixed != value) {
         throw notSupported("Attribute " + std::to_string(attribute) + " has only the value " +
-                           std::to_string(fixed->value) + ".");
+                           std::to_string(fixed) + ".");
     }
 }
 
 // ---- environment
 
-void setEnvironment(Environment& environment, SQLINTEGER attribute, SQLPOINTER value) {
-    const SQLULEN number = integerIn(value);
-    switch (attribute) {
-        case SQL_ATTR_ODBC_VERSION:
-            if (number != SQL_OV_ODBC2 && number != SQL_OV_ODBC3 && number != SQL_OV_ODBC3_80) {
-                throw badValue(attribute);
-            }
-            environment.odbcVersion = static_cast<SQLINTEGER>(number);
-            break;
-        case SQL_ATTR_OUTPUT_NTS:
-            if (number != SQL_TRUE) throw notSupported("Texts are always terminated.");
-            break;
-        default:
-            throw unknownAttribute(attribute);
+void setEnvironment(Environment& environment, SQLINTEGER attribute, SQLULEN number) {
+    if (attribute == SQL_ATTR_OUTPUT_NTS) {
+        if (number != SQL_TRUE) throw notSupported("Texts are always terminated.");
+        return;
     }
+    if (attribute != SQL_ATTR_ODBC_VERSION) throw unknownAttribute(attribute);
+    if (number != SQL_OV_ODBC2 && number != SQL_OV_ODBC3 && number != SQL_OV_ODBC3_80) {
+        throw badValue(attribute);
+    }
+    environment.odbcVersion = static_cast<SQLINTEGER>(number);
 }
 
-void getEnvironment(Environment& environment, SQLINTEGER attribute, SQLPOINTER value,
-                    SQLINTEGER* length) {
-    switch (attribute) {
-        case SQL_ATTR_ODBC_VERSION:
-            output(value, environment.odbcVersion, length);
-            break;
-        case SQL_ATTR_OUTPUT_NTS:
-            output(value, SQLINTEGER{SQL_TRUE}, length);
-            break;
-        default:
-            throw unknownAttribute(attribute);
-    }
+SQLINTEGER environmentAttribute(const Environment& environment, SQLINTEGER attribute) {
+    if (attribute == SQL_ATTR_OUTPUT_NTS) return SQL_TRUE;
+    if (attribute != SQL_ATTR_ODBC_VERSION) throw unknownAttribute(attribute);
+    return environment.odbcVersion;
 }
 
 // ---- connection
@@ -121,62 +104,34 @@ void setConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER valu
     const SQLULEN number = integerIn(value);
     switch (attribute) {
         case SQL_ATTR_AUTOCOMMIT:
-            if (number != SQL_AUTOCOMMIT_ON && number != SQL_AUTOCOMMIT_OFF)
-                throw badValue(attribute);
-            connection.setAutocommit(number == SQL_AUTOCOMMIT_ON);
-            break;
+            if (number > SQL_AUTOCOMMIT_ON) throw badValue(attribute);
+            return connection.setAutocommit(number == SQL_AUTOCOMMIT_ON);
         case SQL_ATTR_ACCESS_MODE:  // a hint; `Mode` of the connection string decides
-            if (number != SQL_MODE_READ_WRITE && number != SQL_MODE_READ_ONLY)
-                throw badValue(attribute);
-            break;
+            if (number > SQL_MODE_READ_ONLY) throw badValue(attribute);
+            return;
         case kProgressAttribute:
-            if (!connection.database().setProgress(static_cast<const VordaProgress*>(value)))
-                throw unknownAttribute(attribute);
-            break;
+            if (connection.database().setProgress(static_cast<const VordaProgress*>(value))) return;
+            throw unknownAttribute(attribute);
         default:
-            setFixed(kFixedOfConnection, attribute, number);
+            return setFixed(kFixedOfConnection, attribute, number);
     }
 }
 
-void getConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER value,
-                   SQLINTEGER capacity, SQLINTEGER* length) {
-    const auto answer = [&](SQLULEN number) {
-        output(value, static_cast<SQLUINTEGER>(number), length);
-    };
+SQLUINTEGER connectionAttribute(Connection& connection, SQLINTEGER attribute) {
     switch (attribute) {
         case SQL_ATTR_AUTOCOMMIT:
-            answer(connection.autocommit() ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF);
-            break;
-        case SQL_ATTR_ACCESS_MODE: {
-            const bool readOnly = connection.isOpen() && connection.database().isReadOnly();
-            answer(readOnly ? SQL_MODE_READ_ONLY : SQL_MODE_READ_WRITE);
-            break;
-        }
+            return connection.autocommit() ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
+        case SQL_ATTR_ACCESS_MODE:
+            return connection.isOpen() && connection.database().isReadOnly() ? SQL_MODE_READ_ONLY
+                                                                             : SQL_MODE_READ_WRITE;
         case SQL_ATTR_CONNECTION_DEAD:
-            answer(connection.isOpen() && !connection.database().isDead() ? SQL_CD_FALSE
-                                                                          : SQL_CD_TRUE);
-            break;
-        case SQL_ATTR_CURRENT_CATALOG:
-            if (capacity < 0) throw Error("HY090", "Invalid buffer length.");
-            if (outputText(connection.isOpen() ? connection.database().catalogName() : "", value,
-                           capacity, length) &&
-                value) {
-                connection.diagnostics.warning("01004",
-                                               "The text was cut to the size of its buffer.");
-            }
-            break;
-        case kInTransactionAttribute: {
-            const auto isOpen = connection.database().transactionIsOpen();
-            if (!isOpen) throw unknownAttribute(attribute);
-            answer(*isOpen ? SQL_TRUE : SQL_FALSE);
-            break;
-        }
+            return connection.isOpen() && !connection.database().isDead() ? SQL_CD_FALSE
+                                                                          : SQL_CD_TRUE;
+        case kInTransactionAttribute:
+            if (const auto isOpen = connection.database().transactionIsOpen()) return *isOpen;
+            throw unknownAttribute(attribute);
         default:
-            if (const FixedAttribute* fixed = find(kFixedOfConnection, attribute)) {
-                answer(fixed->value);
-            } else {
-                throw unknownAttribute(attribute);
-            }
+            return static_cast<SQLUINTEGER>(fixedValue(kFixedOfConnection, attribute));
     }
 }
 
@@ -248,9 +203,7 @@ void getStatement(Statement& statement, SQLINTEGER attribute, SQLPOINTER value,
         },
         fieldOf(options, attribute));
     if (found) return;
-    const FixedAttribute* fixed = find(kFixedOfStatement, attribute);
-    if (!fixed) throw unknownAttribute(attribute);
-    output(value, fixed->value, length);
+    output(value, fixedValue(kFixedOfStatement, attribute), length);
 }
 
 SQLRETURN lastRow(Statement& statement, SQLPOINTER value, SQLINTEGER* length) noexcept {
@@ -268,41 +221,40 @@ using namespace embedded;
 SQLRETURN RT_SQLSetEnvAttr(const char*, SQLHENV handle, SQLINTEGER attribute, SQLPOINTER value,
                            SQLINTEGER) {
     return withHandle<Environment>(handle, [&](Environment& environment) {
-        setEnvironment(environment, attribute, value);
-        return SQL_SUCCESS;
+        setEnvironment(environment, attribute, integerIn(value));
     });
 }
 
 SQLRETURN RT_SQLGetEnvAttr(const char*, SQLHENV handle, SQLINTEGER attribute, SQLPOINTER value,
                            SQLINTEGER, SQLINTEGER* length) {
     return withHandle<Environment>(handle, [&](Environment& environment) {
-        getEnvironment(environment, attribute, value, length);
-        return SQL_SUCCESS;
+        output(value, environmentAttribute(environment, attribute), length);
     });
 }
 
 SQLRETURN RT_SQLSetConnectAttr(const char*, SQLHDBC handle, SQLINTEGER attribute, SQLPOINTER value,
                                SQLINTEGER) {
-    return withHandle<Connection>(handle, [&](Connection& connection) {
-        setConnection(connection, attribute, value);
-        return SQL_SUCCESS;
-    });
+    return withHandle<Connection>(
+        handle, [&](Connection& connection) { setConnection(connection, attribute, value); });
 }
 
 SQLRETURN RT_SQLGetConnectAttr(const char*, SQLHDBC handle, SQLINTEGER attribute, SQLPOINTER value,
                                SQLINTEGER capacity, SQLINTEGER* length) {
     return withHandle<Connection>(handle, [&](Connection& connection) {
-        getConnection(connection, attribute, value, capacity, length);
-        return SQL_SUCCESS;
+        if (attribute == SQL_ATTR_CURRENT_CATALOG) {
+            answerText(connection.diagnostics,
+                       connection.isOpen() ? connection.database().catalogName() : "", value,
+                       capacity, length);
+        } else {
+            output(value, connectionAttribute(connection, attribute), length);
+        }
     });
 }
 
 SQLRETURN RT_SQLSetStmtAttr(const char*, SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value,
                             SQLINTEGER) {
-    return withHandle<Statement>(handle, [&](Statement& statement) {
-        setStatement(statement, attribute, value);
-        return SQL_SUCCESS;
-    });
+    return withHandle<Statement>(
+        handle, [&](Statement& statement) { setStatement(statement, attribute, value); });
 }
 
 SQLRETURN RT_SQLGetStmtAttr(const char*, SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value,

@@ -24,8 +24,9 @@ struct Output {
 SQLRETURN writeRecord(const DiagnosticRecord& record, const Output& output) noexcept {
     if (output.state) std::memcpy(output.state, record.state.data(), SQL_SQLSTATE_SIZE + 1);
     if (output.native) *output.native = record.native;
-    const bool cut = outputText(record.message, output.message, output.capacity, output.length);
-    return cut && output.message ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
+    return outputText(record.message, output.message, output.capacity, output.length)
+               ? SQL_SUCCESS_WITH_INFO
+               : SQL_SUCCESS;
 }
 
 void writeNone(const Output& output) noexcept {
@@ -76,8 +77,7 @@ SQLRETURN writeField(const DiagnosticRecord& record, SQLSMALLINT field, SQLPOINT
             const bool isState = field == SQL_DIAG_SQLSTATE;
             const std::string_view text =
                 isState ? std::string_view(record.state.data()) : std::string_view(record.message);
-            const bool cut = outputText(text, value, capacity, length);
-            return cut && value ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
+            return outputText(text, value, capacity, length) ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
         }
         default:
             return SQL_ERROR;

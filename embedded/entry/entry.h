@@ -1,6 +1,7 @@
 #pragma once
 
 #include <new>
+#include <type_traits>
 
 #include "core/error.h"
 #include "core/handle.h"
@@ -14,7 +15,8 @@ enum class Inherited { Refused, Allowed };
 
 /// Runs the body of an entry point on the object behind `id`: finds it, locks it, clears its
 /// diagnostics, and turns what the body throws into a diagnostic and SQL_ERROR. SQL_SUCCESS with a
-/// warning recorded becomes SQL_SUCCESS_WITH_INFO. No exception passes an entry point.
+/// warning recorded becomes SQL_SUCCESS_WITH_INFO, and a body that answers nothing has succeeded.
+/// No exception passes an entry point.
 template <class T, Inherited inherited = Inherited::Refused, class Body>
 SQLRETURN withHandle(SQLHANDLE id, Body&& body) noexcept {
     const std::shared_ptr<T> object = HandleRegistry::instance().find<T>(id);
@@ -24,7 +26,12 @@ SQLRETURN withHandle(SQLHANDLE id, Body&& body) noexcept {
     object->diagnostics.clear();
     try {
         if (inherited == Inherited::Refused && object->inherited()) throw inheritedError();
-        const auto result = static_cast<SQLRETURN>(body(*object));
+        SQLRETURN result = SQL_SUCCESS;
+        if constexpr (std::is_void_v<std::invoke_result_t<Body, T&>>) {
+            body(*object);
+        } else {
+            result = static_cast<SQLRETURN>(body(*object));
+        }
         return result == SQL_SUCCESS && object->diagnostics.count()
                    ? SQLRETURN{SQL_SUCCESS_WITH_INFO}
                    : result;

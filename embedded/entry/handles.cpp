@@ -26,7 +26,6 @@ SQLRETURN allocConnection(SQLHANDLE environment, SQLHANDLE* output) noexcept {
         parent.connections.reserve(parent.connections.size() + 1);
         *output = HandleRegistry::instance().add(std::make_shared<Connection>(parent.id()));
         parent.connections.push_back(*output);
-        return SQL_SUCCESS;
     });
 }
 
@@ -47,7 +46,6 @@ SQLRETURN freeEnvironment(SQLHANDLE handle) noexcept {
         }
         environment.dropped = true;
         HandleRegistry::instance().remove(environment.id());
-        return SQL_SUCCESS;
     });
 }
 
@@ -58,7 +56,6 @@ SQLRETURN freeConnection(SQLHANDLE handle) noexcept {
         environment = connection.environment();
         connection.dropped = true;
         HandleRegistry::instance().remove(connection.id());
-        return SQL_SUCCESS;
     });
     // The environment's lock is only ever taken before a connection's, so not under it.
     if (result == SQL_SUCCESS) {
@@ -71,10 +68,8 @@ SQLRETURN freeConnection(SQLHANDLE handle) noexcept {
 }
 
 SQLRETURN freeStatement(SQLHANDLE handle) noexcept {
-    return withHandle<Statement, Inherited::Allowed>(handle, [](Statement& statement) {
-        statement.drop();
-        return SQL_SUCCESS;
-    });
+    return withHandle<Statement, Inherited::Allowed>(
+        handle, [](Statement& statement) { statement.drop(); });
 }
 
 bool commits(SQLSMALLINT completion) {
@@ -85,10 +80,8 @@ bool commits(SQLSMALLINT completion) {
 }
 
 SQLRETURN endConnection(SQLHANDLE handle, SQLSMALLINT completion) noexcept {
-    return withHandle<Connection>(handle, [&](Connection& connection) {
-        connection.endTransaction(commits(completion));
-        return SQL_SUCCESS;
-    });
+    return withHandle<Connection>(
+        handle, [&](Connection& connection) { connection.endTransaction(commits(completion)); });
 }
 
 SQLRETURN endEnvironment(SQLHANDLE handle, SQLSMALLINT completion) noexcept {
@@ -103,7 +96,6 @@ SQLRETURN endEnvironment(SQLHANDLE handle, SQLSMALLINT completion) noexcept {
         if (failed) {
             throw Error("25S01", "Not every connection could end its transaction; each says why.");
         }
-        return SQL_SUCCESS;
     });
 }
 
@@ -176,18 +168,14 @@ SQLRETURN RT_SQLDriverConnect(const char*, SQLHDBC handle, SQLHWND, SQLCHAR* tex
         const std::string_view given = inputText(text, textLength);
         if (completedCapacity < 0) throw Error("HY090", "Invalid buffer length.");
         connection.open(given);
-        if (outputText(given, completed, completedCapacity, completedLength) && completed) {
-            connection.diagnostics.warning("01004", "The connection string was cut.");
-        }
-        return SQL_SUCCESS;
+        answerText(connection.diagnostics, given, completed, completedCapacity, completedLength,
+                   "The connection string was cut.");
     });
 }
 
 SQLRETURN RT_SQLDisconnect(const char*, SQLHDBC handle) {
-    return withHandle<Connection, Inherited::Allowed>(handle, [](Connection& connection) {
-        connection.close();
-        return SQL_SUCCESS;
-    });
+    return withHandle<Connection, Inherited::Allowed>(
+        handle, [](Connection& connection) { connection.close(); });
 }
 
 SQLRETURN RT_SQLEndTran(const char*, SQLSMALLINT type, SQLHANDLE handle, SQLSMALLINT completion) {

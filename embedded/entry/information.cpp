@@ -52,17 +52,12 @@ SQLRETURN RT_SQLGetInfo(const char*, SQLHDBC handle, SQLUSMALLINT type, SQLPOINT
     return withHandle<Connection>(handle, [&](Connection& connection) {
         const Information answer = informationOf(connection, type);
         if (const auto* text = std::get_if<std::string>(&answer)) {
-            if (capacity < 0) throw Error("HY090", "Invalid buffer length.");
-            if (outputText(*text, value, capacity, length) && value) {
-                connection.diagnostics.warning("01004",
-                                               "The text was cut to the size of its buffer.");
-            }
+            answerText(connection.diagnostics, *text, value, capacity, length);
         } else if (infoKind(type) == InfoKind::Short) {
             outputNumber(static_cast<SQLUSMALLINT>(std::get<SQLUINTEGER>(answer)), value, length);
         } else {
             outputNumber(std::get<SQLUINTEGER>(answer), value, length);
         }
-        return SQL_SUCCESS;
     });
 }
 

@@ -34,10 +34,8 @@ void checkTarget(SQLSMALLINT cType, SQLLEN capacity, const SQLLEN* indicator) {
 using namespace embedded;
 
 SQLRETURN RT_SQLPrepare(const char*, SQLHSTMT handle, SQLCHAR* sql, SQLINTEGER length) {
-    return withHandle<Statement>(handle, [&](Statement& statement) {
-        statement.prepare(inputText(sql, length));
-        return SQL_SUCCESS;
-    });
+    return withHandle<Statement>(
+        handle, [&](Statement& statement) { statement.prepare(inputText(sql, length)); });
 }
 
 SQLRETURN RT_SQLExecute(const char*, SQLHSTMT handle) {
@@ -55,7 +53,6 @@ SQLRETURN RT_SQLNumParams(const char*, SQLHSTMT handle, SQLSMALLINT* count) {
         constexpr int kMost = std::numeric_limits<SQLSMALLINT>::max();
         const int markers = statement.parameterCount();
         if (count) *count = static_cast<SQLSMALLINT>(std::min(markers, kMost));
-        return SQL_SUCCESS;
     });
 }
 
@@ -68,7 +65,6 @@ SQLRETURN RT_SQLDescribeParam(const char*, SQLHSTMT handle, SQLUSMALLINT number,
         if (size) *size = type.size;
         if (digits) *digits = type.scale;
         if (nullable) *nullable = type.nullable;
-        return SQL_SUCCESS;
     });
 }
 
@@ -90,7 +86,6 @@ SQLRETURN RT_SQLBindParameter(const char*, SQLHSTMT handle, SQLUSMALLINT number,
                                          .bufferLength = capacity,
                                          .indicators = indicator,
                                          .bound = true});
-        return SQL_SUCCESS;
     });
 }
 
@@ -98,7 +93,6 @@ SQLRETURN RT_SQLRowCount(const char*, SQLHSTMT handle, SQLLEN* count) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
         const SQLLEN rows = statement.rowCount();
         if (count) *count = rows;
-        return SQL_SUCCESS;
     });
 }
 
@@ -114,7 +108,6 @@ SQLRETURN RT_SQLNumResultCols(const char*, SQLHSTMT handle, SQLSMALLINT* count) 
     return withHandle<Statement>(handle, [&](Statement& statement) {
         const int columns = statement.columnCount();
         if (count) *count = static_cast<SQLSMALLINT>(columns);
-        return SQL_SUCCESS;
     });
 }
 
@@ -122,16 +115,13 @@ SQLRETURN RT_SQLDescribeCol(const char*, SQLHSTMT handle, SQLUSMALLINT number, S
                             SQLSMALLINT nameCapacity, SQLSMALLINT* nameLength, SQLSMALLINT* sqlType,
                             SQLULEN* size, SQLSMALLINT* digits, SQLSMALLINT* nullable) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        if (nameCapacity < 0) throw Error("HY090", "Invalid buffer length.");
         const Column& column = describedColumn(statement, number);
+        answerText(statement.diagnostics, column.name, name, nameCapacity, nameLength,
+                   "The column name was cut.");
         if (sqlType) *sqlType = column.type.sqlType;
         if (size) *size = column.type.size;
         if (digits) *digits = column.type.scale;
         if (nullable) *nullable = column.nullable;
-        if (outputText(column.name, name, nameCapacity, nameLength) && name) {
-            statement.diagnostics.warning("01004", "The column name was cut.");
-        }
-        return SQL_SUCCESS;
     });
 }
 
@@ -140,7 +130,6 @@ SQLRETURN RT_SQLColAttribute(const char*, SQLHSTMT handle, SQLUSMALLINT column, 
                              SQLLEN* number) {
     return withHandle<Statement>(handle, [&](Statement& statement) {
         columnAttribute(statement, column, field, {text, capacity, length, number});
-        return SQL_SUCCESS;
     });
 }
 
@@ -150,7 +139,6 @@ SQLRETURN RT_SQLBindCol(const char*, SQLHSTMT handle, SQLUSMALLINT column, SQLSM
         if (column == 0) throw Error("07009", "Columns are numbered from 1.", native::kRange);
         if (target) checkTarget(cType, capacity, indicator);
         statement.bindColumn(column, {cType, target, capacity, indicator});
-        return SQL_SUCCESS;
     });
 }
 
@@ -173,7 +161,6 @@ SQLRETURN RT_SQLSetPos(const char*, SQLHSTMT handle, SQLSETPOSIROW row, SQLUSMAL
         if (operation != SQL_POSITION || lock != SQL_LOCK_NO_CHANGE)
             throw notSupported("Rows can be pointed at, and neither changed nor locked.");
         statement.setPosition(row);
-        return SQL_SUCCESS;
     });
 }
 
@@ -188,7 +175,6 @@ SQLRETURN RT_SQLCloseCursor(const char*, SQLHSTMT handle) {
             throw Error("24000", "No cursor is open on the statement.", native::kMisuse);
         }
         statement.closeCursor();
-        return SQL_SUCCESS;
     });
 }
 

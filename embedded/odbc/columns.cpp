@@ -64,12 +64,12 @@ TypeEntry entryOf(SQLSMALLINT driverType, bool isUnsigned) noexcept {
 }
 
 /// How a value is read from this driver.
-Form formFor(Form form, const DriverHabits& habits) noexcept {
-    using AsText = DriverHabits::AsText;
-    if (form == Form::Wide) return habits.utf8Texts ? Form::Utf8 : form;
-    if (form == Form::Binary || habits.comesAsText == AsText::None) return form;
+Form formFor(Form form, const DriverQuirks& quirks) noexcept {
+    using AsText = DriverQuirks::AsText;
+    if (form == Form::Wide) return quirks.utf8Texts ? Form::Utf8 : form;
+    if (form == Form::Binary || quirks.comesAsText == AsText::None) return form;
     const bool temporal = form == Form::Date || form == Form::Timestamp;
-    return temporal || habits.comesAsText == AsText::All ? Form::Ascii : form;
+    return temporal || quirks.comesAsText == AsText::All ? Form::Ascii : form;
 }
 
 bool isLong(SQLSMALLINT driverType) noexcept {
@@ -78,7 +78,7 @@ bool isLong(SQLSMALLINT driverType) noexcept {
 }
 
 ColumnType typeOf(const TypeEntry& entry, SQLULEN size, SQLSMALLINT digits,
-                  const DriverHabits& habits) noexcept {
+                  const DriverQuirks& quirks) noexcept {
     ColumnType type = plain(entry.sqlType);
     switch (entry.sqlType) {
         case SQL_DECIMAL:
@@ -92,7 +92,7 @@ ColumnType typeOf(const TypeEntry& entry, SQLULEN size, SQLSMALLINT digits,
         case SQL_TYPE_TIME:
         case SQL_TYPE_TIMESTAMP:
             type.size = size;
-            type.scale = habits.describesScales ? std::clamp<SQLSMALLINT>(digits, 0, kMaxFraction)
+            type.scale = quirks.describesScales ? std::clamp<SQLSMALLINT>(digits, 0, kMaxFraction)
                                                 : kMaxFraction;
             break;
         default:
@@ -121,7 +121,7 @@ OdbcColumn describe(const OdbcStatement& statement, SQLUSMALLINT number) {
     };
     OdbcColumn result;
     SQLWCHAR text[kNameCapacity] = {};
-    if (statement.session().habits().narrow) {
+    if (statement.session().quirks().narrow) {
         SQLCHAR name[kNameCapacity] = {};
         describeInto(manager.SQLDescribeCol, name);
         result.column.name = reinterpret_cast<const char*>(name);
@@ -140,8 +140,8 @@ OdbcColumn describe(const OdbcStatement& statement, SQLUSMALLINT number) {
     TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
     // psqlodbc calls it a float, which does not have its digits.
     if (entry.form == Form::Real && sameWord(result.column.typeName, "money")) entry = kText;
-    result.form = formFor(entry.form, statement.session().habits());
-    result.column.type = typeOf(entry, size, digits, statement.session().habits());
+    result.form = formFor(entry.form, statement.session().quirks());
+    result.column.type = typeOf(entry, size, digits, statement.session().quirks());
     result.column.nullable = nullable;
     return result;
 }

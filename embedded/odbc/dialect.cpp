@@ -50,18 +50,18 @@ constexpr NamedDialect kDialects[] = {
     {"Oracle", {.release = nullptr}},
 };
 
-struct NamedHabits {
+struct NamedQuirks {
     std::string_view part;  ///< of the driver's file name
     std::string_view name;  ///< with which names in connection strings begin
-    DriverHabits habits;
+    DriverQuirks quirks;
 };
 
-using AsText = DriverHabits::AsText;
+using AsText = DriverQuirks::AsText;
 
 // It accepts arrays, but its reports on them cannot be relied on. It describes no fractions and
 // keeps three digits of them; shows a date or a number that is none as NULL; and garbles the last
 // of Unicode's planes in wide texts.
-constexpr DriverHabits kSqlite{.arrays = false,
+constexpr DriverQuirks kSqlite{.arrays = false,
                                .describesScales = false,
                                .utf8Texts = true,
                                .comesAsText = AsText::All,
@@ -95,7 +95,7 @@ constexpr UnreadableStatement kUnreadByPostgres[] = {
     {{"COPY", ""}, {"TO", "STDOUT"}},
 };
 
-constexpr NamedHabits kHabits[] = {
+constexpr NamedQuirks kQuirks[] = {
     // It shows a Boolean as a text unless told not to, and a date it does not understand as today.
     {"psqlodbc",
      "postgresql",
@@ -117,7 +117,7 @@ constexpr NamedHabits kHabits[] = {
     {"sqliteodbc", "sqlite", kSqlite},
 };
 
-constexpr DriverHabits kUnknown;
+constexpr DriverQuirks kUnknown;
 
 }  // namespace
 
@@ -129,19 +129,19 @@ const Dialect& dialectOf(std::string_view dbms) noexcept {
     return kPlain;
 }
 
-const DriverHabits& habitsOf(std::string_view file) {
+const DriverQuirks& quirksOf(std::string_view file) {
     const std::string name = lower(file);
-    for (const NamedHabits& entry : kHabits) {
-        if (name.find(entry.part) != std::string::npos) return entry.habits;
+    for (const NamedQuirks& entry : kQuirks) {
+        if (name.find(entry.part) != std::string::npos) return entry.quirks;
     }
     return kUnknown;
 }
 
-const DriverHabits& habitsOfNamed(std::string_view name) {
+const DriverQuirks& quirksOfNamed(std::string_view name) {
     const std::string known = lower(name);
-    for (const NamedHabits& entry : kHabits) {
+    for (const NamedQuirks& entry : kQuirks) {
         if (known.starts_with(entry.name) || known.find(entry.part) != std::string::npos) {
-            return entry.habits;
+            return entry.quirks;
         }
     }
     return kUnknown;

@@ -47,7 +47,7 @@ struct UnreadableStatement {
 };
 
 /// What is to be known about a driver and cannot be asked of it.
-struct DriverHabits {
+struct DriverQuirks {
     /// To be added to the connection string unless it has this key; null for nothing.
     const char* key = nullptr;
     const char* value = nullptr;
@@ -65,10 +65,10 @@ struct DriverHabits {
     bool narrow = false;      ///< it knows no wide functions, and takes UTF-8 in the others
 };
 
-/// The habits of the driver library `file` (SQL_DRIVER_NAME).
-const DriverHabits& habitsOf(std::string_view file);
+/// The quirks of the driver library `file` (SQL_DRIVER_NAME).
+const DriverQuirks& quirksOf(std::string_view file);
 
-/// The habits of the driver that a connection string calls `name`, if that is enough to know it.
-const DriverHabits& habitsOfNamed(std::string_view name);
+/// The quirks of the driver that a connection string calls `name`, if that is enough to know it.
+const DriverQuirks& quirksOfNamed(std::string_view name);
 
 }  // namespace embedded

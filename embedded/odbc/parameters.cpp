@@ -64,9 +64,9 @@ bool isTemporal(const ParameterForm& form) noexcept {
            form.cType == SQL_C_TYPE_TIMESTAMP;
 }
 
-const ParameterForm& formFor(const ParameterForm& form, const DriverHabits& habits) noexcept {
-    if (habits.textTemporals && isTemporal(form)) return kTemporalText;
-    return habits.utf8Texts && form.cType == SQL_C_WCHAR ? kUtf8Text : form;
+const ParameterForm& formFor(const ParameterForm& form, const DriverQuirks& quirks) noexcept {
+    if (quirks.textTemporals && isTemporal(form)) return kTemporalText;
+    return quirks.utf8Texts && form.cType == SQL_C_WCHAR ? kUtf8Text : form;
 }
 
 /// Longer values are announced to drivers as long ones.
@@ -144,11 +144,11 @@ constexpr size_t kMostBytes = size_t{8} << 20U;
 }  // namespace
 
 OdbcParameters::OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers,
-                               const DriverHabits& habits)
-    : m_sets(sets), m_keepsNul(habits.keepsNul), m_arrays(numbers.size()) {
+                               const DriverQuirks& quirks)
+    : m_sets(sets), m_keepsNul(quirks.keepsNul), m_arrays(numbers.size()) {
     for (size_t i = 0; i < numbers.size(); ++i) {
         m_arrays[i].number = numbers[i];
-        m_arrays[i].form = &formFor(formOf(sets.binding(numbers[i]).cType), habits);
+        m_arrays[i].form = &formFor(formOf(sets.binding(numbers[i]).cType), quirks);
     }
 }
 
@@ -218,9 +218,9 @@ void OdbcParameters::fill(Array& array, SQLULEN first, SQLULEN count) {
         const Value value = valueOf(array, first + i);
         if (value.kind == Value::Kind::Null) continue;
         try {
-            const bool cut = value.kind == Value::Kind::Text && !m_keepsNul &&
-                             value.bytes.find('\0') != std::string_view::npos;
-            if (cut) {
+            const bool truncated = value.kind == Value::Kind::Text && !m_keepsNul &&
+                                   value.bytes.find('\0') != std::string_view::npos;
+            if (truncated) {
                 throw Error("22021",
                             "Parameter " + std::to_string(array.number) +
                                 ": the text contains a NUL character, which would end it.",

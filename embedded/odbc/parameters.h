@@ -17,7 +17,7 @@ class OdbcParameters {
   public:
     /// `numbers` has, for every "?" of the statement, the number of its parameter.
     OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers,
-                   const DriverHabits& habits);
+                   const DriverQuirks& quirks);
 
     size_t count() const noexcept { return m_arrays.size(); }
 

@@ -85,7 +85,7 @@ constexpr size_t kMostKeptText = size_t{16} * 1024;
 /// Takes a statement for parameters of these types.
 void OdbcProgram::useStatement(std::string types) {
     std::string key = m_sql.text + '\0' + std::move(types);
-    if (m_statement && !m_statement->spoilt && key == m_key) return;
+    if (m_statement && !m_statement->unusable && key == m_key) return;
     giveBack();
     if (auto idle = m_idle.take(key)) {
         m_statement = std::move(idle->statement);
@@ -99,9 +99,9 @@ void OdbcProgram::useStatement(std::string types) {
 // themselves.
 void OdbcProgram::giveBack() noexcept {
     const bool worthKeeping = (m_kind == StatementKind::Query || m_kind == StatementKind::Change) &&
-                              !m_session.habits().staleTypes;
+                              !m_session.quirks().staleTypes;
     if (worthKeeping && !m_failed && m_statement && m_statement.use_count() == 1 &&
-        m_statement->executed && !m_statement->spoilt && m_key.size() <= kMostKeptText) {
+        m_statement->executed && !m_statement->unusable && m_key.size() <= kMostKeptText) {
         m_idle.keep({std::move(m_key), std::move(m_statement)});
     }
     m_statement.reset();
@@ -143,7 +143,7 @@ const std::vector<Column>& OdbcProgram::columns() {
 Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& options) {
     m_transactions.require(m_kind);
     sets.require(m_sql.parameters);
-    OdbcParameters parameters(sets, m_sql.numbers, m_session.habits());
+    OdbcParameters parameters(sets, m_sql.numbers, m_session.quirks());
     const auto run = [&] {
         return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
     };
@@ -254,7 +254,7 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
             return outcome;
         }
         if (result != SQL_NO_DATA) changed += countChanges();
-        if (!m_call && !m_session.habits().nextResults) break;
+        if (!m_call && !m_session.quirks().nextResults) break;
         result = toNextResult();
     } while (result != SQL_NO_DATA);
     return changedBy(changed);
@@ -335,7 +335,7 @@ class ParameterArray {
         const bool single = SQL_SUCCEEDED(set(SQL_ATTR_PARAMSET_SIZE, 1));
         const bool released = point(SQL_ATTR_PARAM_STATUS_PTR, nullptr);
         const bool forgotten = point(SQL_ATTR_PARAMS_PROCESSED_PTR, nullptr);
-        if (!single || !released || !forgotten) m_statement.spoilt = true;
+        if (!single || !released || !forgotten) m_statement.unusable = true;
     }
 
     /// Whether the driver has arrays. A warning says that it has changed the value.
@@ -385,7 +385,7 @@ class ParameterArray {
 Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
     OdbcTransactions::Atomic atomic(m_transactions);
     const bool arrays =
-        m_session.habits().arrays && ParameterArray(*m_statement, sets.count()).accepted();
+        m_session.quirks().arrays && ParameterArray(*m_statement, sets.count()).accepted();
     SQLLEN changed = 0;
     for (SQLULEN first = 0; first < sets.count();) {
         SQLULEN count = arrays ? std::min(kMostSets, sets.count() - first) : 1;
@@ -449,7 +449,7 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
     sql = sql.substr(0, sql.find_last_not_of('\0') + 1);
     refuseNul(sql, "statement");
     const StatementText text(sql, session.dialect());
-    for (const UnreadableStatement& pattern : session.habits().unreadable) {
+    for (const UnreadableStatement& pattern : session.quirks().unreadable) {
         if (text.isUnreadable(pattern)) {
             throw notSupported("The driver cannot read what this statement answers.");
         }

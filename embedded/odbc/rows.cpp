@@ -105,7 +105,7 @@ OdbcRows::~OdbcRows() {
     const bool closed = m_statement->keepsResults ||
                         SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE));
     const bool unbound = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND));
-    if (!closed || !unbound) m_statement->spoilt = true;
+    if (!closed || !unbound) m_statement->unusable = true;
 }
 
 // Values of any length are bound, too, where the rest of a long one can be asked for. Elsewhere
@@ -174,7 +174,7 @@ void OdbcRows::complete(Slot& slot, SQLUSMALLINT number) {
     }
 }
 
-// A length in characters instead of bytes, say, would cut the text unseen.
+// A length in characters instead of bytes, say, would truncate the text unseen.
 void OdbcRows::requireTerminator(const Slot& slot, SQLUSMALLINT number) const {
     const size_t terminator = terminatorOf(slot.form);
     const char* const end = slot.buffer.data() + slot.indicator;

@@ -21,11 +21,11 @@ std::string_view valueOf(const ConnectString& text, std::string_view key) noexce
 }
 
 /// `text` with what the driver needs to show all of its types.
-std::string completed(const ConnectString& text, const DriverHabits& habits) {
-    if (!habits.key || text.has(habits.key)) return text.text();
+std::string completed(const ConnectString& text, const DriverQuirks& quirks) {
+    if (!quirks.key || text.has(quirks.key)) return text.text();
     std::string result = text.text();
     if (!result.empty() && result.back() != ';') result += ';';
-    return result + habits.key + "=" + habits.value;
+    return result + quirks.key + "=" + quirks.value;
 }
 
 /// Only the narrow function of unixODBC knows files of data sources, and finds the names of drivers
@@ -45,17 +45,17 @@ OdbcSession::OdbcSession(const ConnectString& text, Diagnostics& diagnostics)
     : m_manager(DriverManager::instance()),
       m_environment(SQL_HANDLE_ENV, nullptr),
       m_connection(SQL_HANDLE_DBC, &m_environment) {
-    const DriverHabits& named = habitsOfNamed(valueOf(text, "Driver"));
+    const DriverQuirks& named = quirksOfNamed(valueOf(text, "Driver"));
     const std::string first = completed(text, named);
     const bool narrow = needsNarrowCall(text);
     connect(first, narrow || named.narrow, diagnostics);
     try {
-        m_habits = &habitsOf(textInfo(SQL_DRIVER_NAME));
-        const std::string second = completed(text, *m_habits);
-        if (second != first || m_habits->narrow != named.narrow) {
+        m_quirks = &quirksOf(textInfo(SQL_DRIVER_NAME));
+        const std::string second = completed(text, *m_quirks);
+        if (second != first || m_quirks->narrow != named.narrow) {
             disconnect();
             diagnostics.clear();
-            connect(second, narrow || m_habits->narrow, diagnostics);
+            connect(second, narrow || m_quirks->narrow, diagnostics);
         }
         m_dialect = &dialectOf(textInfo(SQL_DBMS_NAME));
         m_rereadsBound = (numberInfo(SQL_GETDATA_EXTENSIONS) & SQL_GD_BOUND) != 0;
@@ -107,7 +107,7 @@ SQLUINTEGER OdbcSession::numberInfo(SQLUSMALLINT type) const {
 }
 
 bool OdbcSession::isDead() const {
-    if (m_lost) return true;
+    if (m_unusable) return true;
     SQLUINTEGER dead = SQL_CD_FALSE;
     m_manager.SQLGetConnectAttrW(m_connection.get(), SQL_ATTR_CONNECTION_DEAD, &dead, sizeof dead,
                                  nullptr);
@@ -115,7 +115,7 @@ bool OdbcSession::isDead() const {
 }
 
 void OdbcSession::require() const {
-    if (m_lost) {
+    if (m_unusable) {
         throw Error("08S01", "The connection is given up: the driver could not end a transaction.",
                     native::kError);
     }

@@ -23,7 +23,7 @@ class OdbcSession {
     const OdbcHandle& handle() const noexcept { return m_connection; }
     const DriverManager& manager() const noexcept { return m_manager; }
     const Dialect& dialect() const noexcept { return *m_dialect; }
-    const DriverHabits& habits() const noexcept { return *m_habits; }
+    const DriverQuirks& quirks() const noexcept { return *m_quirks; }
 
     /// Whether SQLGetData reads bound columns again, from their start.
     bool rereadsBound() const noexcept { return m_rereadsBound; }
@@ -35,10 +35,10 @@ class OdbcSession {
     bool isDead() const;
 
     /// Gives the connection up: nobody knows what would be kept of what is done on it.
-    void giveUp() noexcept { m_lost = true; }
-    bool isGivenUp() const noexcept { return m_lost; }
+    void setUnusable() noexcept { m_unusable = true; }
+    bool isUnusable() const noexcept { return m_unusable; }
 
-    /// Throws when the connection was given up.
+    /// Throws when it is unusable.
     void require() const;
 
     /// Cancels the statement that is running. Callable from any thread.
@@ -68,9 +68,9 @@ class OdbcSession {
     const OdbcHandle m_environment;
     const OdbcHandle m_connection;
     const Dialect* m_dialect = nullptr;
-    const DriverHabits* m_habits = nullptr;
+    const DriverQuirks* m_quirks = nullptr;
     bool m_rereadsBound = false;
-    bool m_lost = false;
+    bool m_unusable = false;
     std::mutex m_runningMutex;
     SQLHSTMT m_running = SQL_NULL_HSTMT;
 };

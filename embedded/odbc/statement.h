@@ -55,7 +55,7 @@ class OdbcStatement {
     bool executed = false;
     bool prepared = false;
     bool keepsResults = false;  ///< rows that end leave those of the next result
-    bool spoilt = false;        ///< not to be used again: the driver holds on to rows or addresses
+    bool unusable = false;      ///< not to be used again: the driver holds on to rows or addresses
     std::vector<size_t> booleans;  ///< positions of markers that the server wants Booleans for
 
     const DriverManager& manager() const noexcept { return DriverManager::instance(); }
@@ -65,7 +65,7 @@ class OdbcStatement {
     // byte for a single one that it does not know.
     template <class Wide, class Narrow>
     SQLRETURN send(std::string_view sql, Wide wide, Narrow narrow) const {
-        if (!m_session.habits().narrow) {
+        if (!m_session.quirks().narrow) {
             WideText text = wideText(sql);
             return run(
                 [&] { return wide(get(), text.data(), static_cast<SQLINTEGER>(text.size() - 1)); });

@@ -17,7 +17,7 @@ constexpr const char* kLost =
 
 // What is not committed is rolled back: a driver refuses to disconnect within a transaction.
 OdbcTransactions::~OdbcTransactions() {
-    if (m_autocommit && !m_begun && !m_session.isGivenUp()) return;
+    if (m_autocommit && !m_begun && !m_session.isUnusable()) return;
     m_session.manager().SQLEndTran(SQL_HANDLE_DBC, m_session.handle().get(), SQL_ROLLBACK);
 }
 
@@ -37,7 +37,7 @@ void OdbcTransactions::returnToAutocommit() noexcept {
     try {
         driverAutocommit(true);
     } catch (...) {
-        m_session.giveUp();
+        m_session.setUnusable();
     }
 }
 
@@ -86,7 +86,7 @@ void OdbcTransactions::endTransaction(bool commit) {
         }
     } catch (const Error&) {
         // What the application does not want any more must not be committed later.
-        if (!commit && (begun || m_changed)) m_session.giveUp();
+        if (!commit && (begun || m_changed)) m_session.setUnusable();
         throw;
     }
     m_changed = false;
@@ -169,7 +169,7 @@ void OdbcTransactions::Atomic::undo() noexcept {
         m_transactions.runScript(dialect.rollbackTo + m_savepoint);
         if (dialect.release) m_transactions.runScript(dialect.release + m_savepoint);
     } catch (...) {
-        m_transactions.m_session.giveUp();
+        m_transactions.m_session.setUnusable();
     }
 }
 

@@ -82,9 +82,9 @@ Delivery storeBytes(std::string_view value, const Target& target, bool terminate
         if (terminated) static_cast<char*>(target.buffer)[kept] = '\0';
     }
     if (target.indicator) *target.indicator = static_cast<SQLLEN>(rest.size());
-    const bool cut = kept < rest.size() || (terminated && capacity == 0);
-    if (target.partOffset) *target.partOffset += kept + (cut ? 0 : 1);
-    return cut ? Delivery::Cut : Delivery::Whole;
+    const bool truncated = kept < rest.size() || (terminated && capacity == 0);
+    if (target.partOffset) *target.partOffset += kept + (truncated ? 0 : 1);
+    return truncated ? Delivery::Truncated : Delivery::Whole;
 }
 
 Delivery toText(const Cell& cell, const ColumnType&, const Target& target) {

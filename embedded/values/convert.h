@@ -22,8 +22,8 @@ struct Target {
 
 enum class Delivery {
     Whole,
-    Cut,      ///< a text or binary value did not fit its buffer
-    Nothing,  ///< all of the value was read before
+    Truncated,  ///< a text or binary value did not fit its buffer
+    Nothing,    ///< all of the value was read before
 };
 
 /// A value that the bound C type cannot hold exactly. The caller adds the column and the row.

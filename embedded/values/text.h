@@ -6,7 +6,7 @@
 namespace embedded {
 
 /// Length of the longest prefix of `text`, at most `limit` bytes, that does not end inside a UTF-8
-/// character. Text that is not UTF-8 is cut at `limit` or up to three bytes before it.
+/// character. Text that is not UTF-8 is truncated at `limit` or up to three bytes before it.
 size_t wholeCharacters(std::string_view text, size_t limit) noexcept;
 
 /// ASCII case-insensitive equality, as SQL keywords and SQLite's names compare.
