@@ -250,16 +250,14 @@ Value ParameterSets::value(SQLULEN set, int number) const {
     return value;
 }
 
-void ParameterSets::started(SQLULEN set) noexcept {
-    if (m_report.processed) *m_report.processed = set + 1;
-}
-
 void ParameterSets::allSucceeded() noexcept {
     for (SQLULEN set = 0; set < m_count; ++set) setStatus(set, SQL_PARAM_SUCCESS);
+    if (m_report.processed) *m_report.processed = m_count;
 }
 
 Error ParameterSets::failed(SQLULEN set, const Error& error) {
     setStatus(set, SQL_PARAM_ERROR);
+    if (m_report.processed) *m_report.processed = set + 1;
     if (m_count == 1) return error;
     return error.in("parameter set " + std::to_string(set + 1) + " of " + std::to_string(m_count));
 }

@@ -71,10 +71,10 @@ class ParameterSets {
     /// Throws for a value that is none, or that 64 bits cannot hold.
     Value value(SQLULEN set, int number) const;
 
-    void started(SQLULEN set) noexcept;
     void allSucceeded() noexcept;
 
-    /// Reports the set as failed. Answers `error` with its number, if there are several.
+    /// Reports the set as failed, and those in front of it as processed. Answers `error` with its
+    /// number, if there are several.
     Error failed(SQLULEN set, const Error& error);
 
   private:

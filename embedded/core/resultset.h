@@ -27,9 +27,6 @@ class ResultSet {
     /// The columns' descriptions; to be asked for before the first `next`.
     virtual const std::vector<Column>& columns() = 0;
 
-    /// Number of columns; cheaper than `columns().size()`.
-    virtual int columnCount() const = 0;
-
     /// Moves to the next row; false at the end. Throws an `Error` when the engine fails, which ends
     /// the rows.
     virtual bool next() = 0;
@@ -52,7 +49,7 @@ class StoredRows final : public ResultSet {
     void append(const std::vector<Cell>& row);
 
     const std::vector<Column>& columns() override { return m_columns; }
-    int columnCount() const override { return static_cast<int>(m_columns.size()); }
+    int columnCount() const { return static_cast<int>(m_columns.size()); }
     bool next() override;
     Cell cell(int column) override;
 

@@ -78,6 +78,7 @@ OdbcHandle::OdbcHandle(SQLSMALLINT type, const OdbcHandle* parent)
 }
 
 OdbcHandle::~OdbcHandle() {
+    if (m_type == SQL_HANDLE_DBC) m_manager.SQLDisconnect(m_handle);
     if (SQL_SUCCEEDED(m_manager.SQLFreeHandle(m_type, m_handle)) || m_type != SQL_HANDLE_STMT)
         return;
     // A statement in the middle of something is let go of only when that is over.

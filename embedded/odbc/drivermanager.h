@@ -57,7 +57,7 @@ struct DriverManager {
     static const DriverManager& instance();
 };
 
-/// A handle of the driver manager; freed at the end.
+/// A handle of the driver manager; freed, and a connection disconnected, at the end.
 class OdbcHandle {
   public:
     /// Throws the parent's diagnostic.

@@ -102,7 +102,7 @@ std::vector<ProcedureParameter> parametersOf(OdbcSession& session, const Procedu
         const std::int64_t kind = rows->cell(kKind).integer;
         if (kind != SQL_PARAM_INPUT && kind != SQL_PARAM_INPUT_OUTPUT) continue;
         const std::int64_t ordinal =
-            rows->columnCount() > kOrdinal ? rows->cell(kOrdinal).integer : last + 1;
+            rows->columns().size() > kOrdinal ? rows->cell(kOrdinal).integer : last + 1;
         if (!parameters.empty() && (ordinal <= last || textOf(*rows, kSchema) != schema)) {
             throw notSupported("There are several procedures " + quoted(name.name) +
                                "; their parameters cannot be told apart.");
@@ -156,7 +156,6 @@ Outcome ParameterQuery::execute(ParameterSets& sets, const ExecutionOptions&) {
         throw notSupported("A query cannot be executed with several parameter sets.");
     }
     sets.require(m_marker);
-    sets.started(0);
     const std::string name = m_name ? *m_name : std::string(sets.value(0, m_marker).bytes);
     SqlReader reader(name, m_session.dialect().syntax);
     const auto parsed = takeName(m_session, reader);
@@ -164,18 +163,10 @@ Outcome ParameterQuery::execute(ParameterSets& sets, const ExecutionOptions&) {
     const std::vector<ProcedureParameter> parameters = parsed && reader.atEnd()
                                                            ? parametersOf(m_session, *parsed)
                                                            : std::vector<ProcedureParameter>();
-    const auto text = [](std::string_view value) {
-        Cell cell;
-        cell.kind = Cell::Kind::Text;
-        cell.bytes = value;
-        return cell;
-    };
     std::int64_t ordinal = 0;
     for (const ProcedureParameter& parameter : parameters) {
-        Cell position;
-        position.kind = Cell::Kind::Integer;
-        position.integer = ++ordinal;
-        const Cell all[] = {text(name), text(parameter.name), position, text(parameter.type)};
+        const Cell all[] = {Cell::text(name), Cell::text(parameter.name), Cell::number(++ordinal),
+                            Cell::text(parameter.type)};
         std::vector<Cell> row;
         for (const size_t index : m_selected) row.push_back(all[index]);
         rows->append(row);

@@ -177,7 +177,6 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
 }
 
 Outcome OdbcProgram::runOne(ParameterSets& sets, OdbcParameters& parameters) {
-    sets.started(0);
     parameters.bind(*m_statement, 0, 1);
     try {
         return outcomeOf(executeOnce());
@@ -398,7 +397,6 @@ Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
 }
 
 SQLLEN OdbcProgram::runSet(ParameterSets& sets, OdbcParameters& parameters, SQLULEN set) {
-    sets.started(set);
     parameters.bind(*m_statement, set, 1);
     try {
         return countAll(executeOnce());
@@ -411,7 +409,6 @@ SQLLEN OdbcProgram::runSet(ParameterSets& sets, OdbcParameters& parameters, SQLU
 SQLLEN OdbcProgram::runArray(ParameterSets& sets, OdbcParameters& parameters, SQLULEN first,
                              SQLULEN& count) {
     count = parameters.bind(*m_statement, first, count);
-    sets.started(first + count - 1);
     const ParameterArray array(*m_statement, count);
     try {
         if (!array.accepted()) throw Error("HY000", "The driver takes arrays of some sizes only.");

@@ -61,7 +61,6 @@ class OdbcRows final : public ResultSet {
     void open();
 
     const std::vector<Column>& columns() override { return m_columns; }
-    int columnCount() const override { return static_cast<int>(m_columns.size()); }
     bool next() override;
     Cell cell(int column) override;
 

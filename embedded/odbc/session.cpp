@@ -49,20 +49,15 @@ OdbcSession::OdbcSession(const ConnectString& text, Diagnostics& diagnostics)
     const std::string first = completed(text, named);
     const bool narrow = needsNarrowCall(text);
     connect(first, narrow || named.narrow, diagnostics);
-    try {
-        m_quirks = &quirksOf(textInfo(SQL_DRIVER_NAME));
-        const std::string second = completed(text, *m_quirks);
-        if (second != first || m_quirks->narrow != named.narrow) {
-            disconnect();
-            diagnostics.clear();
-            connect(second, narrow || m_quirks->narrow, diagnostics);
-        }
-        m_dialect = &dialectOf(textInfo(SQL_DBMS_NAME));
-        m_rereadsBound = (numberInfo(SQL_GETDATA_EXTENSIONS) & SQL_GD_BOUND) != 0;
-    } catch (...) {
-        disconnect();
-        throw;
+    m_quirks = &quirksOf(textInfo(SQL_DRIVER_NAME));
+    const std::string second = completed(text, *m_quirks);
+    if (second != first || m_quirks->narrow != named.narrow) {
+        m_connection.check(m_manager.SQLDisconnect(m_connection.get()));
+        diagnostics.clear();
+        connect(second, narrow || m_quirks->narrow, diagnostics);
     }
+    m_dialect = &dialectOf(textInfo(SQL_DBMS_NAME));
+    m_rereadsBound = (numberInfo(SQL_GETDATA_EXTENSIONS) & SQL_GD_BOUND) != 0;
 }
 
 // The narrow function of unixODBC alone hands a text that is not ASCII to a narrow driver as it is:

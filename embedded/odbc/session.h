@@ -18,7 +18,6 @@ class OdbcSession {
     OdbcSession(const ConnectString& text, Diagnostics& diagnostics);
     OdbcSession(const OdbcSession&) = delete;
     OdbcSession& operator=(const OdbcSession&) = delete;
-    ~OdbcSession() { disconnect(); }
 
     const OdbcHandle& handle() const noexcept { return m_connection; }
     const DriverManager& manager() const noexcept { return m_manager; }
@@ -62,7 +61,6 @@ class OdbcSession {
 
   private:
     void connect(const std::string& text, bool narrow, Diagnostics& diagnostics);
-    void disconnect() noexcept { m_manager.SQLDisconnect(m_connection.get()); }
 
     const DriverManager& m_manager;
     const OdbcHandle m_environment;

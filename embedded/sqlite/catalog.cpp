@@ -70,19 +70,8 @@ Cell null() {
     return {};
 }
 
-Cell text(std::string_view value) {
-    Cell cell;
-    cell.kind = Cell::Kind::Text;
-    cell.bytes = value;
-    return cell;
-}
-
-Cell number(std::int64_t value) {
-    Cell cell;
-    cell.kind = Cell::Kind::Integer;
-    cell.integer = value;
-    return cell;
-}
+constexpr auto text = Cell::text;
+constexpr auto number = Cell::number;
 
 Cell knownNumber(std::int64_t value) {
     return value ? number(value) : null();

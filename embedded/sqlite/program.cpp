@@ -100,7 +100,6 @@ std::unique_ptr<ResultSet> SqliteProgram::runLive(ParameterSets& sets) {
     bindSet(statement, sets, 0, BufferLife::Copied, nullptr);
     const int result = sqlite3_step(statement);
     if (result != SQLITE_ROW && result != SQLITE_DONE) throw m_session.failure();
-    sets.started(0);
     sets.allSucceeded();
     auto rows = makeLiveRows(m_session, m_timeout, m_compiled.sql(), result == SQLITE_ROW);
     rewind.cancel();
@@ -127,7 +126,6 @@ SQLLEN SqliteProgram::runSets(ParameterSets& sets, std::unique_ptr<StoredRows>& 
     if (sets.count() > 1) savepoint.emplace(m_session, m_procedure != nullptr);
     SQLLEN changed = 0;
     for (SQLULEN set = 0; set < sets.count(); ++set) {
-        sets.started(set);
         try {
             changed += runSet(sets, set, rows, savepoint);
         } catch (const Error& error) {
@@ -144,7 +142,8 @@ SQLLEN SqliteProgram::runSet(const ParameterSets& sets, SQLULEN set,
                              std::optional<Savepoint>& savepoint) {
     DecimalWatch& decimals = m_session.decimals();
     bindSet(m_compiled.get(), sets, set, BufferLife::Execution, &decimals);
-    const bool watches = decimals.isNeeded() && (m_procedure || m_compiled.sql().effect == Effect::Change);
+    const bool watches =
+        decimals.isNeeded() && (m_procedure || m_compiled.sql().effect == Effect::Change);
     if (!watches) return runBound(sets, rows);
     if (!savepoint) savepoint.emplace(m_session, m_procedure != nullptr);
     const DecimalWatch::Watching watching(decimals);

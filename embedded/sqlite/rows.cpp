@@ -55,19 +55,15 @@ class LiveRows final : public ResultSet {
         : m_session(session),
           m_timeout(timeout),
           m_sql(sql),
-          m_statement(sql.statement.get()),
+          m_statement(onRow ? sql.statement.get() : nullptr),
           m_unread(onRow) {
-        if (!onRow) sqlite3_reset(m_statement);
+        if (!onRow) sqlite3_reset(sql.statement.get());
     }
     ~LiveRows() override { sqlite3_reset(m_statement); }
 
     const std::vector<Column>& columns() override {
         if (!m_columns) m_columns = m_sql.describe(m_unread);
         return *m_columns;
-    }
-
-    int columnCount() const override {
-        return m_columns ? static_cast<int>(m_columns->size()) : sqlite3_column_count(m_statement);
     }
 
     bool next() override {
@@ -78,8 +74,7 @@ class LiveRows final : public ResultSet {
         }
         if (!m_statement) return false;
         const Session::TimeLimit limit(m_session, m_timeout);
-        // A statement reset in the beginning must not start over.
-        const int result = sqlite3_stmt_busy(m_statement) ? sqlite3_step(m_statement) : SQLITE_DONE;
+        const int result = sqlite3_step(m_statement);
         if (result == SQLITE_ROW) return true;
         end(result);
         return false;

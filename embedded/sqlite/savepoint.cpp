@@ -9,7 +9,6 @@ Savepoint::Savepoint(Session& session, bool writes)
       m_name("vorda_" + std::to_string(session.nextSavepoint())),
       // The release of an outermost savepoint is a commit, which others can keep from happening.
       m_undo(m_begins ? "ROLLBACK" : "ROLLBACK TO " + m_name + "; RELEASE " + m_name) {
-    session.finishUndo();
     session.run(!m_begins ? ("SAVEPOINT " + m_name).c_str() : writes ? "BEGIN IMMEDIATE" : "BEGIN");
 }
 

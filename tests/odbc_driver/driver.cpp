@@ -236,10 +236,11 @@ SQLRETURN SQLExecute(SQLHSTMT handle) {
 }
 
 SQLRETURN SQLBindParameter(SQLHSTMT, SQLUSMALLINT number, SQLSMALLINT, SQLSMALLINT cType,
-                           SQLSMALLINT, SQLULEN, SQLSMALLINT, SQLPOINTER value, SQLLEN, SQLLEN*) {
-    SQLBIGINT integer = 0;
-    if (cType == SQL_C_SBIGINT) std::memcpy(&integer, value, sizeof integer);
-    return simple("SQLBindParameter", std::to_string(number) + "=" + std::to_string(integer));
+                           SQLSMALLINT, SQLULEN, SQLSMALLINT digits, SQLPOINTER value, SQLLEN,
+                           SQLLEN*) {
+    SQLBIGINT shown = digits;
+    if (cType == SQL_C_SBIGINT) std::memcpy(&shown, value, sizeof shown);
+    return simple("SQLBindParameter", std::to_string(number) + "=" + std::to_string(shown));
 }
 
 SQLRETURN SQLNumResultCols(SQLHSTMT handle, SQLSMALLINT* count) {

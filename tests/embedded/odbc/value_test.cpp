@@ -227,6 +227,19 @@ TEST_F(DriverValues, AreAskedForInTheOrderOfTheColumns) {
     }
 }
 
+TEST_F(DriverValues, TellTheDriverTheirDigits) {
+    Connection connection(kDriverText);
+    for (const auto& [fraction, digits] :
+         {std::pair(0U, "0"), {120'000'000U, "6"}, {1'000U, "6"}, {123'456'789U, "9"}}) {
+        Statement statement(connection.handle);
+        const SQL_TIMESTAMP_STRUCT stamp{2024, 2, 29, 23, 59, 0, fraction};
+        statement.bind(1, SQL_C_TYPE_TIMESTAMP, &stamp, nullptr);
+        calls({});
+        statement.run("INSERT INTO t VALUES (?)");
+        EXPECT_EQ(Rows{std::string("SQLBindParameter 1=") + digits}, calls({"SQLBindParameter"}));
+    }
+}
+
 TEST_F(DriverValues, HaveColumnsOfAnyNumberAndName) {
     give(SQL_INTEGER, {number(1)});
     Connection connection(kDriverText);
