@@ -1,11 +1,8 @@
 // A runtime for tests: a library pair with the real runtime's names that records every call and
 // answers as told. C++ tests link vorda_scripted_runtime; Python tests load both libraries with
-// ctypes (global scope, before the first connect, so that the loader finds them by their names) and
-// call these functions on the first. Not thread-safe. All texts are 8-bit UTF-8.
-//
-// What it models by itself, as far as the module calls it: handles, prepare, parameters, execute,
-// result sets, bound columns, fetch, diagnostics. Every other function is recorded and succeeds
-// without effect.
+// ctypes, globally and before the first connect, and call these functions on the first. Not
+// thread-safe. All texts are 8-bit UTF-8. It models handles, prepare, parameters, execute, result
+// sets, bound columns, fetch and diagnostics; every other function succeeds without effect.
 #pragma once
 
 #include "util/def.h"
@@ -21,16 +18,13 @@ VORDA_EXPORT void scripted_reset(void);
 
 // One line per call, joined by newlines, for example
 //   SQLAllocHandle(3, dbc1, stmt1)          the new handle in place of the output pointer
-//   SQLPrepareW(stmt1, "SELECT @1 ", 10)
 //   SQLBindParameter(stmt1, 1, in, ctype=4, sqltype=4, size=4, digits=0, buflen=4, values=[5], ...)
 //   SQLSetStmtAttr(stmt1, 22, 3)            attribute setters come without their length
 //   SQLExecute(stmt1)
-//     1: values=[5, 6, NULL], lens=[4, 4, -1]
-// The indented lines after an execution show what the bound memory held for each parameter, all
-// sets. Handles are named by kind and order of allocation ("stmt2"), with "(freed)" once freed;
-// other pointers are "ptr" or "null". Texts are in quotes with \n, \\, \" and \xNN for control
-// characters, binary values as x'00ff', dates as 2024-02-29, 13:14:15 or 2024-02-29
-// 13:14:15.000000250. The result is valid until the next call of this function.
+//     1: values=[5, 6, NULL], lens=[4, 4, -1]      what the bound memory held, all sets
+// Handles are named by kind and order of allocation, with "(freed)" once freed; other pointers are
+// "ptr" or "null". Texts are in quotes with \n, \\, \" and \xNN, binary values as x'00ff'. Valid
+// until the next call of this function.
 VORDA_EXPORT const char* scripted_log(void);
 // Empties the log and nothing else.
 VORDA_EXPORT void scripted_log_clear(void);
@@ -48,17 +42,14 @@ VORDA_EXPORT void scripted_answer(const char* function, int nth, int status);
 VORDA_EXPORT void scripted_answer_after(const char* function, int nth, int status);
 VORDA_EXPORT void scripted_answers_clear(void);
 
-// Sees every call first, with all arguments after the path, signed and unsigned numbers and
-// pointers alike as 64-bit integers; returns 1 when it has answered, having set *status. Null
-// removes it.
+// Sees every call first, with all arguments after the path as 64-bit integers; returns 1 when it
+// has answered, having set *status. Null removes it.
 typedef int (*scripted_handler_function)(const char* name, const long long* args, int nargs,
                                          int* status);
 VORDA_EXPORT void scripted_handler(scripted_handler_function handler);
 
 // Until the reset every call is answered from a seed: mostly plausibly, with results of its own
-// making, and with lies of the kinds and at the rate that the seed chooses (statuses, handles,
-// column descriptions, values and their lengths, diagnostics, counts). Handles and buffers are
-// checked all the same.
+// making, and with lies of the kinds and at the rate that the seed chooses.
 VORDA_EXPORT void scripted_hostile(unsigned long long seed);
 
 // Appends a diagnostic. SQLErrorW takes the first one away; with none left it returns SQL_NO_DATA.
@@ -99,13 +90,11 @@ VORDA_EXPORT void scripted_cell_indicator(long long indicator);
 
 // --- Handles ---
 
-// Handles not freed that an allocation reported as one, of kind 1 (environment), 2 (connection), 3
-// (statement) or 0 (all).
-// Disconnecting frees the connection's statements.
+// Handles not freed that an allocation reported as one, of a kind, or 0 (all). Disconnecting frees
+// the connection's statements.
 VORDA_EXPORT int scripted_live_handles(int kind);
-// Number of log lines that begin with "ERROR:": a freed or unknown handle or, for a diagnostic,
-// none was used, a handle was freed while others still hang on it, or a bound length does not fit
-// its buffer.
+// Number of log lines that begin with "ERROR:": a handle that is none was used, one was freed while
+// others still hang on it, or a bound length does not fit its buffer.
 VORDA_EXPORT int scripted_errors(void);
 
 #ifdef __cplusplus
