@@ -56,8 +56,10 @@ TEST_F(SourceTest, ABatchThatStayedSetIsPutBackBeforeASingleExecution) {
         scripted_answer(function, scripted_call_count(function) + (executes ? 1 : 2), SQL_ERROR);
         EXPECT_EQ(source.Execute(nullptr, nullptr), executes ? VORDA_ODBC_ERROR : VORDA_OK);
 
-        // Already when binding: a driver may look at the memory then.
         SetBatchSize(1);
+        FailNext("SQLSetStmtAttr", 72, "cannot reset");
+        EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_ODBC_ERROR);
+        // Already when binding: a driver may look at the memory then.
         TakeLog();
         source.AddParam("@1", 2, DBTYPE_INTEGER, values, 4, lengths);
         EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
