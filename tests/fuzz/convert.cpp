@@ -137,7 +137,7 @@ void checkText(Converter converter, const Cell& cell, const ColumnType& column,
     }
     const Delivered part = deliver(converter, cell, column, capacity, nullptr);
     require(part.indicator == whole.indicator, "the full length is told");
-    require((part.delivery == Delivery::Cut) == (value.size() + (isText ? 1 : 0) > capacity),
+    require((part.delivery == Delivery::Truncated) == (value.size() + (isText ? 1 : 0) > capacity),
             "cut when it does not fit");
     // A NUL within the text hides how much was stored.
     if (capacity < 2 || (isText && value.find('\0') != std::string::npos)) return;
