@@ -84,11 +84,13 @@ bool GatherValue(PyRef&& value, Py_ssize_t row, Py_ssize_t position, Batch& batc
 }
 
 bool GatherRow(PyObject* row, Py_ssize_t number, Batch& batch) {
-    if (!PySequence_Check(row)) {
+    // Most rows are tuples, which need nobody to be asked for their items.
+    const bool isTuple = PyTuple_CheckExact(row);
+    if (!isTuple && !PySequence_Check(row)) {
         Raise(ProgrammingError, "Row [%zd] of executemany is not a sequence.", number);
         return false;
     }
-    const Py_ssize_t size = PySequence_Size(row);
+    const Py_ssize_t size = isTuple ? PyTuple_GET_SIZE(row) : PySequence_Size(row);
     if (size < 0) return false;
     if (number == 0) {
         if (size > USHRT_MAX) return RowError("There is no room for a parameter", 0, USHRT_MAX);
@@ -99,7 +101,8 @@ bool GatherRow(PyObject* row, Py_ssize_t number, Batch& batch) {
                         number, std::min<Py_ssize_t>(size, batch.Width));
     }
     for (Py_ssize_t i = 0; i < size; ++i) {
-        PyRef value(PySequence_GetItem(row, i));
+        PyRef value =
+            isTuple ? PyRef::Borrow(PyTuple_GET_ITEM(row, i)) : PyRef(PySequence_GetItem(row, i));
         if (!value || !GatherValue(std::move(value), number, i, batch)) return false;
     }
     return true;

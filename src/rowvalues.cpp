@@ -64,7 +64,9 @@ PyObject* ReadDateTime(const ColumnPlan& column) {
 // a handler of the program's own ("strict" can be replaced), and the collector.
 PyObject* DecodeText(const char* text, Py_ssize_t length) {
     PyRef value(PyUnicode_DecodeUTF8(text, length, "surrogateescape"));
-    return value && !HasSurrogate(value.Get()) ? value.Release() : nullptr;
+    if (!value) return nullptr;
+    const bool isUtf8 = PyUnicode_IS_COMPACT_ASCII(value.Get()) || !HasSurrogate(value.Get());
+    return isUtf8 ? value.Release() : nullptr;
 }
 
 // The row is given up, so that now any code may run: with copies of what is the provider's.
