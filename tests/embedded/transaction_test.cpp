@@ -178,20 +178,18 @@ TEST_F(EndedCallTest, ACancelHoldsUntilItsCallHasEndedAndNoLonger) {
     constexpr size_t kSets = 2'000'000;
     const std::vector<SQLINTEGER> values(kSets, 7);
     std::vector<SQLLEN> lengths(kSets, sizeof(SQLINTEGER));
-    std::string step = " INSERT INTO t VALUES (1);";
-    for (const char* name : {"hundred", "thousands", "million"}) {
-        std::string body = std::string("CREATE PROCEDURE ") + name + " AS";
-        for (int i = 0; i < 100; ++i) body += step;
-        connection.must(body);
-        step = std::string(" EXEC ") + name + ";";
-    }
+    // Too short for a look within any of them.
+    std::string steps = "CREATE PROCEDURE steps AS";
+    for (int i = 0; i < 20'000; ++i) steps += " INSERT INTO t VALUES (" + std::to_string(i) + ");";
+    connection.must(steps);
+    connection.must("CREATE PROCEDURE many AS EXEC steps; EXEC steps");
     connection.must("CREATE PROCEDURE slow AS INSERT INTO t VALUES (1); " + kEndless);
     Statement open(connection.handle);
     ASSERT_EQ(SQL_SUCCESS, open.run("SELECT 'x' UNION ALL SELECT 'y'"));
     ASSERT_EQ(SQL_SUCCESS, open.fetch());
     for (const std::string& sql :
          {"INSERT INTO t " + kNumbers + "SELECT i FROM n", std::string("EXEC slow"),
-          std::string("EXEC million"), std::string("INSERT INTO t VALUES (?)")}) {
+          std::string("EXEC many"), std::string("INSERT INTO t VALUES (?)")}) {
         Statement call(connection.handle);
         ASSERT_EQ(SQL_SUCCESS, call.prepare(sql)) << call.error().message;
         if (sql.ends_with("?)")) {
