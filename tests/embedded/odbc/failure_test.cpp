@@ -131,29 +131,24 @@ TEST_F(DriverFailures, OfWhatFollowsInATextAreSeen) {
     Connection connection(kDriverText);
     const Result change{{}, {}, 2};
     const Result rows = script.results[0];
-    script.results = {change, rows, change};
-    EXPECT_EQ(Rows({"1", "2"}), connection.query("UPDATE t; SELECT 1; UPDATE t"));
-    Statement statement(connection.handle);
-    script.results = {change, change};
-    EXPECT_EQ(SQL_SUCCESS, statement.run("UPDATE t; UPDATE t"));
-    EXPECT_EQ(4, statement.rowCount());
+    const auto expect = [&](const std::vector<Result>& results, const char* outcome) {
+        script.results = results;
+        connection.expect(outcome);
+    };
+    expect({change, rows, change}, "UPDATE t; SELECT 1; UPDATE t => 1, 2");
+    expect({change, change}, "UPDATE t; UPDATE t => #4");
     // The first statement finds no row.
     script.execute = [](const odbc_driver::Execution&) { return SQLRETURN{SQL_NO_DATA}; };
-    script.results = {{}, change};
-    EXPECT_EQ(SQL_SUCCESS, statement.run("UPDATE t; UPDATE t "));
-    EXPECT_EQ(2, statement.rowCount());
-    script.results = {{}};
-    EXPECT_EQ(SQL_NO_DATA, statement.run("UPDATE t"));
-    EXPECT_EQ(0, statement.rowCount());
-
+    expect({{}, change}, "UPDATE t; UPDATE t  => #2");
+    expect({{}}, "UPDATE t => #0");
     script.execute = {};
-    script.results = {rows, change};
     script.answers["SQLMoreResults"] = failing();
+    expect({change}, "UPDATE t; UPDATE nowhere => !42S02");
+    script.results = {rows, change};
+    Statement statement(connection.handle);
     EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1; UPDATE nowhere"));
     for (int row = 0; row < 2; ++row) EXPECT_EQ(SQL_SUCCESS, statement.fetch());
     EXPECT_EQ("42S02", statement.stateOf(statement.fetch()));
-    script.results = {change};
-    EXPECT_EQ("42S02", statement.stateOf(statement.run("UPDATE t; UPDATE nowhere")));
 }
 
 struct DriverResults : DriverFailures {};
