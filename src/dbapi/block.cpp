@@ -167,7 +167,7 @@ void Block::ReadLong(SQLHSTMT statement) {
 
 bool Block::LoadCellByCell(SQLHSTMT statement) {
     const SQLRETURN status = SQLFetch(statement);
-    Check(status, SQL_HANDLE_STMT, statement);
+    CheckFound(status, statement);
     if (status == SQL_NO_DATA) return false;
     std::string bytes;
     try {

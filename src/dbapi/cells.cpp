@@ -65,9 +65,10 @@ CellKind ReadStandard(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT sqlTy
         SQLLEN indicator = 0;
         const SQLRETURN status = SQLGetData(statement, column, reading.cType, &bytes[begin],
                                             static_cast<SQLLEN>(room), &indicator);
-        Check(status, SQL_HANDLE_STMT, statement);
+        CheckFound(status, statement);
         if (status == SQL_NO_DATA) {
-            if (begin == 0) throw Failure("HY000", "The driver has no value for a column.");
+            if (begin == 0 || (left >= 0 && static_cast<size_t>(left) > piece))
+                throw Failure("HY000", "The driver has less of a value than it said.");
             indicator = 0;
         }
         if (indicator == SQL_NULL_DATA) {

@@ -38,10 +38,14 @@ std::vector<Diagnostic> ReadRecords(SQLSMALLINT handleType, SQLHANDLE handle, SQ
 std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle,
                                         SQLSMALLINT first = 1, SQLSMALLINT most = 16);
 
-// Throws what a handle has to say unless `status` is a success; SQL_NO_DATA is one.
+// Throws what a handle has to say unless `status` is a success.
 inline void Check(SQLRETURN status, SQLSMALLINT handleType, SQLHANDLE handle) {
-    if (!OdbcSucceeded(status) && status != SQL_NO_DATA)
-        throw Failure(ReadDiagnostics(handleType, handle));
+    if (!OdbcSucceeded(status)) throw Failure(ReadDiagnostics(handleType, handle));
+}
+
+// The same for a statement's call that may find that there is nothing, which is no failure.
+inline void CheckFound(SQLRETURN status, SQLHSTMT statement) {
+    if (status != SQL_NO_DATA) Check(status, SQL_HANDLE_STMT, statement);
 }
 
 // A new reference, or a PythonError.

@@ -171,7 +171,7 @@ void Link::Run(const char* sql, bool canBeCancelled) {
     const std::unique_ptr<void, void (*)(SQLHSTMT)> owner(
         statement, [](SQLHSTMT owned) { SQLFreeHandle(SQL_HANDLE_STMT, owned); });
     Wait(canBeCancelled ? statement : nullptr, [&] {
-        Check(SQLExecDirectW(statement, AsWideText(sql), SQL_NTS), SQL_HANDLE_STMT, statement);
+        CheckFound(SQLExecDirectW(statement, AsWideText(sql), SQL_NTS), statement);
     });
 }
 

@@ -72,7 +72,7 @@ void Statement::Execute(const std::vector<Value>& values) {
 
 void Statement::Executed(SQLRETURN status) {
     if (status == SQL_NEED_DATA) throw Failure("HY010", "The driver asks for more data.");
-    Called(status);
+    CheckFound(status, m_handle);
     m_isOpen = true;
     m_failed.reset();
     m_lost = {};
@@ -93,7 +93,7 @@ void Statement::Executed(SQLRETURN status) {
 }
 
 SQLLEN Statement::Changed(SQLRETURN status) {
-    Called(status);
+    CheckFound(status, m_handle);
     const std::unique_ptr<void, void (*)(SQLHSTMT)> rows(
         m_handle, [](SQLHSTMT handle) { SQLFreeStmt(handle, SQL_CLOSE); });
     // A warning is none when a row of the batch has failed.
@@ -154,7 +154,7 @@ bool Statement::NextResult() {
     m_isDescribed = false;
     m_rowCount = -1;
     m_failed.reset();
-    Called(status);
+    CheckFound(status, m_handle);
     if (status == SQL_NO_DATA) return false;
     Executed(status);
     return true;

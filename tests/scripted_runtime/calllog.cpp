@@ -79,6 +79,8 @@ constexpr FixedType kFixedTypes[] = {
     {SQL_C_DATE, sizeof(SQL_DATE_STRUCT), Date},
     {SQL_C_TIME, sizeof(SQL_TIME_STRUCT), Time},
     {SQL_C_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
+    {SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT), Date},
+    {SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
 };
 
 SQLLEN IndicatorOf(const Binding& binding, long long set) {

@@ -105,6 +105,14 @@ void scripted_reset() {
     TheScript() = Script{};
 }
 
+void scripted_results_clear() {
+    TheScript().model.results.clear();
+}
+
+void scripted_blocks() {
+    TheScript().model.hasBlocks = true;
+}
+
 const char* scripted_log() {
     Script& script = TheScript();
     script.joinedLog.clear();

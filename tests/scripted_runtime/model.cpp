@@ -86,19 +86,55 @@ void CloseResult(Handle* statement) {
 }
 
 SQLRETURN FreeStmt(Model&, const Call& call, Handle* statement) {
-    if (call.Number(1) != SQL_DROP && call.Number(1) != SQL_RESET_PARAMS) return SQL_ERROR;
-    if (call.Number(1) == SQL_DROP) statement->isLive = false;
-    statement->parameters.clear();
+    switch (call.Number(1)) {
+        case SQL_CLOSE:
+            CloseResult(statement);
+            break;
+        case SQL_UNBIND:
+            statement->columns.clear();
+            break;
+        case SQL_DROP:
+            statement->isLive = false;
+            [[fallthrough]];
+        default:
+            statement->parameters.clear();
+    }
     return SQL_SUCCESS;
 }
 
 SQLRETURN SetStmtAttr(Model&, const Call& call, Handle* statement) {
-    if (call.Number(1) == SQL_ATTR_PARAMSET_SIZE) statement->parameterSets = call.Number(2);
+    switch (call.Number(1)) {
+        case SQL_ATTR_PARAMSET_SIZE:
+            statement->parameterSets = call.Number(2);
+            break;
+        case SQL_ATTR_ROW_ARRAY_SIZE:
+            statement->rowSets = call.Number(2);
+            break;
+        case SQL_ATTR_ROW_BIND_TYPE:
+            statement->rowSize = call.Number(2);
+            break;
+        case SQL_ATTR_ROW_STATUS_PTR:
+            statement->rowStatus = call.Pointer<SQLUSMALLINT>(2);
+            break;
+        case SQL_ATTR_ROWS_FETCHED_PTR:
+            statement->rowsFetched = call.Pointer<SQLULEN>(2);
+            break;
+        default:
+            break;
+    }
     return SQL_SUCCESS;
 }
 
-SQLRETURN Prepare(Model&, const Call&, Handle* statement) {
+SQLRETURN GetInfo(Model& model, const Call& call, Handle*) {
+    if (call.Number(1) == SQL_GETDATA_EXTENSIONS && model.hasBlocks)
+        Put(call.Pointer<SQLUINTEGER>(2), SQL_GD_BLOCK | SQL_GD_BOUND);
+    return SQL_SUCCESS;
+}
+
+SQLRETURN Prepare(Model&, const Call& call, Handle* statement) {
     CloseResult(statement);
+    const auto length = static_cast<std::size_t>(std::max(call.Number(2), 0LL));
+    statement->text.assign(call.Pointer<char>(1), length);
     statement->isPrepared = true;
     return SQL_SUCCESS;
 }
@@ -131,6 +167,33 @@ SQLRETURN BindCol(Model&, const Call& call, Handle* statement) {
 SQLRETURN RowCount(Model&, const Call& call, Handle* statement) {
     Put(call.Pointer<SQLLEN>(1), statement->result.rowCount);
     return SQL_SUCCESS;
+}
+
+SQLRETURN NumParams(Model&, const Call& call, Handle* statement) {
+    Put(call.Pointer<SQLSMALLINT>(1), std::ranges::count(statement->text, '?'));
+    return SQL_SUCCESS;
+}
+
+SQLRETURN NumResultCols(Model&, const Call& call, Handle* statement) {
+    Put(call.Pointer<SQLSMALLINT>(1), static_cast<long long>(statement->result.columns.size()));
+    return SQL_SUCCESS;
+}
+
+SQLRETURN DescribeCol(Model&, const Call& call, Handle* statement) {
+    const auto index = static_cast<std::size_t>(call.Number(1) - 1);
+    if (index >= statement->result.columns.size()) return SQL_ERROR;
+    const Column& column = statement->result.columns[index];
+    const bool isWhole = PutText(call.Pointer<char>(2), call.Number(3), column.name);
+    Put(call.Pointer<SQLSMALLINT>(5), column.sqlType);
+    Put(call.Pointer<SQLULEN>(6), column.length);
+    Put(call.Pointer<SQLSMALLINT>(7), column.scale);
+    Put(call.Pointer<SQLSMALLINT>(8), column.nullable);
+    return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+}
+
+SQLRETURN MoreResults(Model&, const Call&, Handle* statement) {
+    CloseResult(statement);
+    return SQL_NO_DATA;
 }
 
 // Numbers that describe a column, by their ODBC 2 field identifiers.
@@ -214,7 +277,8 @@ std::optional<SQLLEN> PutCell(const Binding& target, const Cell& cell) {
         return Size(bytes);
     }
     const auto* const timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value);
-    if (timestamp && target.cType == SQL_C_TIMESTAMP) return PutFixed(target, *timestamp);
+    if (timestamp && (target.cType == SQL_C_TIMESTAMP || target.cType == SQL_C_TYPE_TIMESTAMP))
+        return PutFixed(target, *timestamp);
     if (timestamp || std::holds_alternative<std::string>(cell.value)) return std::nullopt;
     for (const auto& [cType, put] : kNumbers) {
         if (cType == target.cType) return put(target, cell);
@@ -222,16 +286,40 @@ std::optional<SQLLEN> PutCell(const Binding& target, const Cell& cell) {
     return std::nullopt;
 }
 
-SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
-    if (!statement->isExecuted || statement->result.columns.empty()) return SQL_ERROR;
-    if (statement->nextRow >= statement->result.rows.size()) return SQL_NO_DATA;
+// Writes a cell of any kind, as much as fits, and answers its length.
+SQLLEN PutTagged(const Binding& target, const Cell& cell, long long sqlType) {
+    enum Kind : SQLINTEGER { Integer = 1, Real, Text, Blob, Decimal, Date, Time, Timestamp };
+    SQLINTEGER kind = sqlType == SQL_DECIMAL || sqlType == SQL_NUMERIC ? Decimal : Text;
+    if (sqlType == SQL_VARBINARY) kind = Blob;
+    std::string_view bytes;
+    if (std::holds_alternative<std::monostate>(cell.value)) return SQL_NULL_DATA;
+    const auto fixed = [&](const auto* value, SQLINTEGER its) {
+        if (!value) return;
+        kind = its;
+        bytes = {reinterpret_cast<const char*>(value), sizeof *value};
+    };
+    if (const auto* text = std::get_if<std::string>(&cell.value)) bytes = *text;
+    fixed(std::get_if<long long>(&cell.value), Integer);
+    fixed(std::get_if<double>(&cell.value), Real);
+    fixed(std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value), Timestamp);
+    std::memcpy(target.data, &kind, sizeof kind);
+    const std::string_view part = CutTo(bytes, target.bufferLength - kCellTag);
+    std::memcpy(target.data + kCellTag, part.data(), part.size());
+    return Size(bytes);
+}
+
+SQLRETURN FetchRow(Model& model, const Call& call, Handle* statement, std::size_t position) {
     const std::vector<Cell>& row = statement->result.rows[statement->nextRow++];
     SQLRETURN status = SQL_SUCCESS;
-    for (const auto& [number, target] : statement->columns) {
+    for (const auto& [number, bound] : statement->columns) {
         const auto index = static_cast<std::size_t>(number - 1);
-        if (index >= statement->result.columns.size() || !target.data) continue;
+        if (index >= statement->result.columns.size() || !bound.data) continue;
+        const Binding target = InRow(*statement, bound, position);
         const Cell cell = index < row.size() ? row[index] : Cell{};
-        const std::optional<SQLLEN> length = PutCell(target, cell);
+        const bool isTagged = target.cType == kCellType;
+        const std::optional<SQLLEN> length =
+            isTagged ? PutTagged(target, cell, statement->result.columns[index].sqlType)
+                     : PutCell(target, cell);
         if (!length) {
             model.Error(call, "column " + std::to_string(number) +
                                   " cannot be delivered as C type " + std::to_string(target.cType));
@@ -239,8 +327,65 @@ SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
         }
         Put(target.indicators, cell.indicator.value_or(*length));
         const SQLLEN room = target.bufferLength - (target.cType == SQL_C_WCHAR ? 1 : 0);
-        if (target.bufferLength > 0 && *length > room) status = SQL_SUCCESS_WITH_INFO;
+        if (!isTagged && target.bufferLength > 0 && *length > room) status = SQL_SUCCESS_WITH_INFO;
     }
+    return status;
+}
+
+SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
+    if (!statement->isExecuted || statement->result.columns.empty()) return SQL_ERROR;
+    statement->block = statement->nextRow;
+    statement->position = 0;
+    statement->delivered.clear();
+    SQLRETURN status = SQL_SUCCESS;
+    std::size_t fetched = 0;
+    for (; fetched < static_cast<std::size_t>(statement->rowSets); ++fetched) {
+        if (statement->nextRow >= statement->result.rows.size()) break;
+        const SQLRETURN one = FetchRow(model, call, statement, fetched);
+        if (one == SQL_ERROR) return one;
+        if (one != SQL_SUCCESS) status = one;
+        if (statement->rowStatus) statement->rowStatus[fetched] = SQL_ROW_SUCCESS;
+    }
+    Put(statement->rowsFetched, static_cast<long long>(fetched));
+    return fetched == 0 ? SQLRETURN{SQL_NO_DATA} : status;
+}
+
+SQLRETURN SetPos(Model&, const Call& call, Handle* statement) {
+    statement->position = static_cast<std::size_t>(call.Number(1) - 1);
+    return SQL_SUCCESS;
+}
+
+SQLRETURN GetData(Model& model, const Call& call, Handle* statement) {
+    const std::size_t row = statement->block + statement->position;
+    const auto index = static_cast<std::size_t>(call.Number(1) - 1);
+    const std::vector<Column>& columns = statement->result.columns;
+    if (row >= statement->result.rows.size() || index >= columns.size()) return SQL_ERROR;
+    const Cell& cell = statement->result.rows[row][index];
+    Binding target = BindingOf(call, 2, 3);
+    const auto* const text = std::get_if<std::string>(&cell.value);
+    std::optional<SQLLEN> length;
+    SQLRETURN status = SQL_SUCCESS;
+    if (target.cType == kCellType) {
+        length = PutTagged(target, cell, columns[index].sqlType);
+    } else if (text) {
+        std::size_t& begin = statement->delivered[static_cast<int>(index)];
+        if (begin > 0 && begin == text->size()) return SQL_NO_DATA;
+        const std::string_view left = std::string_view(*text).substr(begin);
+        const long long room = target.bufferLength - (target.cType == SQL_C_BINARY ? 0 : 1);
+        const std::string_view part = CutTo(left, room);
+        std::memcpy(target.data, part.data(), part.size());
+        if (room < target.bufferLength) target.data[part.size()] = '\0';
+        begin += part.size();
+        if (part.size() < left.size()) status = SQL_SUCCESS_WITH_INFO;
+        length = Size(left);
+    } else {
+        length = PutCell(target, cell);
+    }
+    if (!length) {
+        model.Error(call, "a cell cannot be delivered as C type " + std::to_string(target.cType));
+        return SQL_ERROR;
+    }
+    Put(target.indicators, cell.indicator.value_or(*length));
     return status;
 }
 
@@ -259,6 +404,10 @@ SQLRETURN Error(Model& model, const Call& call, Handle*) {
             diagnostic.reportedLength == -1 ? Size(diagnostic.text) : diagnostic.reportedLength);
     }
     return diagnostic.status;
+}
+
+SQLRETURN GetDiagRec(Model& model, const Call& call, Handle* handle) {
+    return call.Number(2) == 1 ? Error(model, call, handle) : SQLRETURN{SQL_NO_DATA};
 }
 
 // The functions that are modelled, and the kind of handle that comes first to each; for the others
@@ -286,6 +435,18 @@ constexpr Action kActions[] = {
     {"SQLRowCount", SQL_HANDLE_STMT, RowCount},
     {"SQLColAttributeW", SQL_HANDLE_STMT, ColAttribute},
     {"SQLFetch", SQL_HANDLE_STMT, Fetch},
+    {"SQLGetDiagRecW", kTold, GetDiagRec},
+    {"SQLEndTran", kTold, Nothing},
+    {"SQLGetInfoW", SQL_HANDLE_DBC, GetInfo},
+    {"SQLSetConnectAttrW", SQL_HANDLE_DBC, Nothing},
+    {"SQLGetConnectAttrW", SQL_HANDLE_DBC, Nothing},
+    {"SQLSetStmtAttrW", SQL_HANDLE_STMT, SetStmtAttr},
+    {"SQLNumParams", SQL_HANDLE_STMT, NumParams},
+    {"SQLNumResultCols", SQL_HANDLE_STMT, NumResultCols},
+    {"SQLDescribeColW", SQL_HANDLE_STMT, DescribeCol},
+    {"SQLGetData", SQL_HANDLE_STMT, GetData},
+    {"SQLSetPos", SQL_HANDLE_STMT, SetPos},
+    {"SQLMoreResults", SQL_HANDLE_STMT, MoreResults},
 };
 
 const Action* FindAction(const Call& call) {
@@ -302,11 +463,25 @@ Binding BindingOf(const Call& call, std::size_t cType, std::size_t data) {
             .indicators = call.Pointer<SQLLEN>(data + 2)};
 }
 
+Binding InRow(const Handle& statement, const Binding& bound, std::size_t position) {
+    const auto step = [&](SQLLEN size) {
+        return static_cast<SQLLEN>(position) * (statement.rowSize > 0 ? statement.rowSize : size);
+    };
+    Binding moved = bound;
+    if (moved.data) moved.data += step(bound.bufferLength);
+    if (moved.indicators) {
+        moved.indicators = reinterpret_cast<SQLLEN*>(reinterpret_cast<char*>(moved.indicators) +
+                                                     step(sizeof(SQLLEN)));
+    }
+    return moved;
+}
+
 Target TargetOf(const Call& call) {
     if (call.name == "SQLAllocHandle") {
         return {call.Handle(1), static_cast<int>(call.Number(0)) - 1};
     }
-    if (call.name == "SQLFreeHandle") return {call.Handle(1), static_cast<int>(call.Number(0))};
+    if (call.name == "SQLFreeHandle" || call.name == "SQLGetDiagRecW" || call.name == "SQLEndTran")
+        return {call.Handle(1), static_cast<int>(call.Number(0))};
     if (call.name == "SQLErrorW") {
         std::size_t i = 0;
         while (i < 2 && !call.Handle(i)) ++i;

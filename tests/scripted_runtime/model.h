@@ -81,7 +81,21 @@ struct Handle {
     std::map<int, Binding> columns;
     Result result;
     std::size_t nextRow = 0;
+    std::string text;
+    // Of the last fetch: its first row, the row that SQLGetData reads, what it has read of it.
+    std::size_t block = 0, position = 0;
+    std::map<int, std::size_t> delivered;
+    long long rowSets = 1, rowSize = 0;
+    SQLUSMALLINT* rowStatus = nullptr;
+    SQLULEN* rowsFetched = nullptr;
 };
+
+// The C type of a cell of any kind: 4 bytes of kind, 4 more, the value.
+constexpr int kCellType = 0x4001;
+constexpr SQLLEN kCellTag = 8;
+
+// A binding of columns, moved to a row of an array.
+Binding InRow(const Handle& statement, const Binding& bound, std::size_t position);
 
 struct Diagnostic {
     std::string state;
@@ -100,6 +114,7 @@ struct Model {
     std::deque<Diagnostic> diagnostics;
     std::vector<std::string> log;
     int errors = 0;
+    bool hasBlocks = false;  // of rows, in cells of any kind
 
     const Handle* Find(SQLHANDLE handle) const;
     // The live handle that the call is on, or null and a logged misuse.

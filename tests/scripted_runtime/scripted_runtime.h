@@ -13,6 +13,10 @@ extern "C" {
 
 // Back to the start: no log, answers, handler, diagnostics, results, handles, counts or errors.
 VORDA_EXPORT void scripted_reset(void);
+// Takes back the results that no execution has had yet.
+VORDA_EXPORT void scripted_results_clear(void);
+// From now on it has blocks of rows, in cells of any kind.
+VORDA_EXPORT void scripted_blocks(void);
 
 // --- What was called ---
 

@@ -10,10 +10,12 @@ import gc
 import re
 import sys
 
-from vorda import zelqa
+import pytest
+
+from vorda import dbapi, zelqa
 
 from conftest import (BIT, DECIMAL, DOUBLE, ERROR, INFO, NO_DATA, NO_DIAGNOSTIC, SANITIZED,
-                      TIMESTAMP, WVARCHAR, Column, Timestamp, close)
+                      TIMESTAMP, TYPE_TIMESTAMP, WVARCHAR, Column, Timestamp, close)
 
 MODULE = ctypes.CDLL(zelqa.__file__)
 INVALID_HANDLE = -2
@@ -221,3 +223,95 @@ def test_every_call_fails(scripted_library):
         grown.append(sys.getallocatedblocks() - before)
     assert SANITIZED or min(grown) < 20, grown
     runtime.reset()
+
+
+# --- the other driver -----------------------------------------------------------------------------
+
+# What a driver may not know, or what releases: nothing is lost by it.
+PASSED_OVER = {"SQLGetInfoW", "SQLNumParams", "SQLGetStmtAttrW", "SQLGetConnectAttrW",
+               "SQLFreeStmt", "SQLFreeHandle", "SQLDisconnect", "SQLGetDiagRecW",
+               "SQLColAttributeW", "progress", "rollback"}
+# Without blocks of rows it reads cell by cell; a batch's size is put back.
+BLOCKS = {"SQLSetStmtAttrW", "SQLBindCol"}
+
+
+def walk_dbapi(runtime, given):
+    """Uses all that the driver calls; what it read comes into `given` as it is read."""
+    connection = dbapi.connect("Server=there")
+    cursor = connection.cursor()
+    given["rows"] = []
+    try:
+        given["rowcount"] = cursor.execute(INSERT, VALUES[:3] + (b"b",) + VALUES[4:]).rowcount
+        given["batch"] = cursor.executemany(INSERT, [VALUES] * 3 + [(5,) * len(VALUES)]).rowcount
+        cursor.execute("SELECT ?", (1,))
+        given["description"] = cursor.description
+        for row in cursor:
+            given["rows"].append(row)
+        given["nextset"] = cursor.nextset()
+        connection.commit()
+        given["end"] = True
+    finally:
+        connection.close()
+        del cursor, connection
+
+
+@pytest.mark.parametrize("blocks", [False, True])
+def test_every_call_of_the_other_driver_fails(scripted_library, blocks):
+    runtime = scripted_library
+    rows = [["x", 1, 1, 0.5, "1.5", Timestamp(2024, 2, 29)], ["y" * 5000] + [None] * 5] * 20
+
+    def run(*answer):
+        runtime.reset()
+        if blocks:
+            runtime._library.scripted_blocks()
+        # An insert, what makes the batch one, the batches, and a query.
+        for kind in (1, 0, 3, 1, 0):
+            runtime.result(row_count=kind)
+        runtime.handler(answer[0] if answer else None)
+        given, error = {}, None
+        try:
+            walk_dbapi(runtime, given)
+        except (dbapi.Error, MemoryError) as caught:
+            error = caught
+        runtime.handler(None)
+        return given, error
+
+    calls = []
+
+    def results(name, arguments):
+        if name == "SQLPrepareW":
+            text = ctypes.string_at(arguments[1], arguments[2])
+            if text.startswith(b"SELECT"):
+                runtime._library.scripted_results_clear()
+                runtime.result(*COLUMNS[:-1], Column("s", TYPE_TIMESTAMP), rows=rows)
+        if name == "SQLSetConnectAttrW" and arguments[1] == 0x7003:
+            return "progress"
+        return "rollback" if name == "SQLEndTran" and arguments[2] == 1 else name
+
+    def watched(name, arguments):
+        calls.append(results(name, arguments))
+
+    good, error = run(watched)
+    assert error is None and len(good["rows"]) == 40 and good["batch"] == 4, (good, error)
+    assert len(set(calls)) > 15 and ("SQLSetPos" in calls) == blocks
+    for number, failing in enumerate(calls):
+        for status in (ERROR, INFO, INVALID_HANDLE, NO_DATA):
+            seen = []
+
+            def answer(name, arguments):
+                seen.append(results(name, arguments))
+                if len(seen) == number + 1:
+                    runtime.diag(SAID)
+                    if status != INFO:
+                        return status
+
+            given, error = run(answer)
+            what = (number, failing, status, error)
+            passed_over = failing in PASSED_OVER | BLOCKS
+            assert runtime.live_handles() == 0 or failing in PASSED_OVER | {"SQLAllocHandle"}, what
+            read = given.get("rows", [])
+            assert read == good["rows"][:len(read)], what
+            if status == INFO or error is None and passed_over:
+                assert error is None and given == good, what
+            elif status != NO_DATA and not passed_over:
+                assert error is not None, what
