@@ -136,7 +136,7 @@ TEST_F(OdbcTest, FunctionsThatAreNotThereFail) {
     NewEnvironment();
     g_mtdSQLFetch = nullptr;
     EXPECT_EQ(SQLFetch(nullptr), SQL_ERROR);
-    EXPECT_EQ(SQLMoreResults(nullptr), SQL_SUCCESS);
+    EXPECT_EQ(SQLCloseCursor(nullptr), SQL_SUCCESS);
     EXPECT_EQ(scripted_call_count("SQLFetch"), 0);
 }
 
