@@ -6,6 +6,11 @@ import engines
 from vorda import zelqa
 
 
+def pytest_configure(config):
+    """No warning unless a test asks for it."""
+    config.addinivalue_line("filterwarnings", "error::RuntimeWarning")
+
+
 @pytest.fixture(scope="session")
 def databases():
     with engines.running() as found:

@@ -121,7 +121,9 @@ def test_all_of_unicode(table, engine):
     ("b = :b OR b = :c OR b = :b", {"b": "3", "c": "1"}, [1, 3]),
     ("b = @b OR b = @c OR b = @b", {"b": "3", "c": "1"}, [1, 3]),
     ("b <> '?' AND b <> ':x @1 ' AND b <> 'it''s ?' AND a > ?", (1,), [2, 3]),
-    ("b <> 'c:{backslash}' AND a > ?", (1,), [2, 3]),
+    # Where the engine's one backslash is none, the module takes the quote for an escaped one.
+    pytest.param("b <> 'c:{backslash}' AND a > ?", (1,), [2, 3],
+                 marks=pytest.mark.filterwarnings("ignore:The statement has 0 ")),
     ("/* ? it's @1  */ a > ? -- ? :x\n AND b < ?", (1, "3"), [2]),
     ("t.{quoted} > ?", (1,), [2, 3]),
     ("a IN (" + "?, " * 11 + "?)", (9,) * 11 + (2,), [2]),
@@ -141,7 +143,8 @@ def test_wrong_numbers_of_values_are_errors(table):
     for sql, values in [("SELECT a FROM t WHERE a = ? AND b = ?", (1,)),
                         ("SELECT a FROM t WHERE a = ?", (1, 2)),
                         ("SELECT a FROM t WHERE a = ?", ())]:
-        with pytest.raises(zelqa.DatabaseError):
+        with pytest.warns(RuntimeWarning, match="has . parameter marker"), \
+                pytest.raises(zelqa.DatabaseError):
             table.execute(sql, values)
     assert stored(table.connection) == []
 
@@ -193,7 +196,7 @@ def test_markers_in_dollar_quotes_are_refused(cursor):
     # altered.
     assert cursor.execute("SELECT $$it's$$, $x$a $$ b$x$").fetchone()[0] == "it's"
     for sql in ("SELECT $$a ? b$$", "SELECT $tag$ :x $tag$"):
-        with pytest.raises(zelqa.DatabaseError):
+        with pytest.warns(RuntimeWarning, match=" 0 value"), pytest.raises(zelqa.DatabaseError):
             cursor.execute(sql)
 
 
@@ -364,7 +367,7 @@ def test_wrong_calls(procedures):
             procedures.execute(call, values)
     with pytest.raises(zelqa.Error, match="nobody|parameters count is 0"):
         procedures.callproc("nobody", (1,))
-    with pytest.raises(zelqa.DatabaseError):
+    with pytest.warns(RuntimeWarning, match=" 1 value"), pytest.raises(zelqa.DatabaseError):
         procedures.callproc("tell", (1,))
     assert stored(procedures.connection) == []
 
