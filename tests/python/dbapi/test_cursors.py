@@ -239,7 +239,7 @@ def test_connecting(tmp_path):
 
 
 def test_scripts_and_procedures(connection):
-    connection.executescript("CREATE TABLE s (a); -- one; two\n"
+    connection.executescript("CREATE TABLE s (a); -- one\x0b; two\n"
                              "INSERT INTO s VALUES (';'); INSERT INTO s VALUES (2)")
     connection.execute("CREATE PROCEDURE p (a) AS INSERT INTO s VALUES ($a); SELECT $a + 1 AS n")
     cursor = connection.cursor()
