@@ -49,8 +49,6 @@ class RecentlyUsed {
         m_items.clear();
     }
 
-    size_t size() const noexcept { return m_items.size(); }
-
   private:
     const size_t m_most;
     std::list<Item> m_items;  ///< most recently used first

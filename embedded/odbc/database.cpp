@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::string_view kKeys[] = {"DSN", "FILEDSN", "Driver"};
 
-/// How far this thread is in a call that connects.
+/// A recursion guard: how far this thread is in a call that connects.
 struct Connecting {
     bool active = false;
     bool returned = false;  ///< the driver manager came back to this library

@@ -12,10 +12,6 @@
 namespace embedded {
 namespace {
 
-bool isDigit(char c) noexcept {
-    return c >= '0' && c <= '9';
-}
-
 bool matches(const WordPair& words, const WordPair& pattern) noexcept {
     return sameWord(words.first, pattern.first) &&
            (pattern.second.empty() || sameWord(words.second, pattern.second));

@@ -13,10 +13,6 @@ using Token = SqlReader::Token;
 
 constexpr size_t kNone = static_cast<size_t>(-1);
 
-bool isDigit(char c) noexcept {
-    return c >= '0' && c <= '9';
-}
-
 /// A number without sign: digits with at most one point and an exponent, or 0x and hexadecimal
 /// digits. Whether it is a good one is left to the database.
 bool isNumber(std::string_view text) noexcept {

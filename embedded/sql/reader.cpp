@@ -38,8 +38,7 @@ void SqlReader::expect(std::string_view word) {
 }
 
 bool SqlReader::isName() const noexcept {
-    const bool isNumber =
-        m_token.kind == Kind::Word && m_token.text.front() >= '0' && m_token.text.front() <= '9';
+    const bool isNumber = m_token.kind == Kind::Word && isDigit(m_token.text.front());
     return m_token.kind == Kind::QuotedName || (m_token.kind == Kind::Word && !isNumber);
 }
 

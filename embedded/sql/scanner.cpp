@@ -2,15 +2,13 @@
 
 #include <algorithm>
 
+#include "values/text.h"
+
 namespace embedded {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r\n\f\v";
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-
-bool isDigit(char c) noexcept {
-    return c >= '0' && c <= '9';
-}
 
 /// Letters of other alphabets are bytes from 0x80 on.
 bool isNameCharacter(char c) noexcept {

@@ -27,10 +27,6 @@ namespace {
 /// SQLite keeps so many digits of every decimal.
 constexpr size_t kSafeDigits = 15;
 
-bool isDigit(char c) noexcept {
-    return c >= '0' && c <= '9';
-}
-
 /// Whether `text`, if it is a decimal, may lose digits.
 bool mayLose(std::string_view text) noexcept {
     size_t digits = 0;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "sqlite/sqliteerror.h"
+#include "values/text.h"
 
 namespace embedded {
 namespace {
@@ -190,7 +191,7 @@ Steps Pattern::atom(int depth) {
 unsigned Pattern::number() {
     unsigned value = 0;
     const size_t start = m_at;
-    while (!atEnd() && m_text[m_at] >= '0' && m_text[m_at] <= '9') {
+    while (!atEnd() && isDigit(m_text[m_at])) {
         value = value * 10 + static_cast<unsigned>(m_text[m_at++] - '0');
         if (value > kMostRepeats) fail("too many repetitions");
     }

@@ -86,7 +86,8 @@ const char* stateOf(int code, std::string_view message) noexcept {
 
 }  // namespace
 
-Error sqliteError(int code, const char* message) {
+Error sqliteError(sqlite3* db) {
+    const int code = sqlite3_extended_errcode(db);
     if (code == SQLITE_NOMEM) throw std::bad_alloc();
     if (code == SQLITE_AUTH) {
         return {"42000",
@@ -94,15 +95,12 @@ Error sqliteError(int code, const char* message) {
                 "statement.",
                 code};
     }
+    const char* const message = sqlite3_errmsg(db);
     return Error::fromSqlite(stateOf(code, message), message, code);
 }
 
 void requireMemory(sqlite3_stmt* statement) {
     if (sqlite3_errcode(sqlite3_db_handle(statement)) == SQLITE_NOMEM) throw std::bad_alloc();
-}
-
-Error sqliteError(sqlite3* db) {
-    return sqliteError(sqlite3_extended_errcode(db), sqlite3_errmsg(db));
 }
 
 }  // namespace embedded

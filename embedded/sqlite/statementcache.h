@@ -81,8 +81,6 @@ class StatementCache {
     /// names what is gone must fail when it is prepared, not later.
     void clear() noexcept;
 
-    size_t size() const noexcept { return m_idle.size() + (m_last ? 1 : 0); }
-
   private:
     friend class CompiledStatement;
     using Idle = RecentlyUsed<std::unique_ptr<CompiledSql>, &CompiledSql::textOf>;

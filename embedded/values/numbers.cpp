@@ -93,8 +93,8 @@ std::optional<std::string> plainDecimal(double value) {
     constexpr auto kForm = std::chars_format::scientific;
     char* end = std::to_chars(std::begin(buffer), std::end(buffer), value, kForm).ptr;
     const std::string_view shortest(buffer, static_cast<size_t>(end - buffer));
-    const auto digits = std::count_if(shortest.begin(), shortest.begin() + shortest.find('e'),
-                                      [](char c) { return c >= '0' && c <= '9'; });
+    const auto digits =
+        std::count_if(shortest.begin(), shortest.begin() + shortest.find('e'), isDigit);
     if (digits > kSafeDigits) {
         NumberBuffer rounded;
         const auto written =

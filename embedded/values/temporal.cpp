@@ -2,14 +2,12 @@
 
 #include <cstdio>
 
+#include "values/text.h"
+
 namespace embedded {
 namespace {
 
 constexpr std::uint32_t kNanosecondsPerSecond = 1'000'000'000;
-
-bool isDigit(char c) noexcept {
-    return c >= '0' && c <= '9';
-}
 
 /// Takes exactly `digits` digits off the front of `text`.
 bool takeDigits(std::string_view& text, size_t digits, int& out) noexcept {

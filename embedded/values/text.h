@@ -9,6 +9,10 @@ namespace embedded {
 /// character. Text that is not UTF-8 is truncated at `limit` or up to three bytes before it.
 size_t wholeCharacters(std::string_view text, size_t limit) noexcept;
 
+constexpr bool isDigit(char c) noexcept {
+    return c >= '0' && c <= '9';
+}
+
 /// ASCII case-insensitive equality, as SQL keywords and SQLite's names compare.
 bool sameWord(std::string_view a, std::string_view b) noexcept;
 
