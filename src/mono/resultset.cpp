@@ -198,13 +198,13 @@ int ODBCResultSetImpl::BindColumn(int index) {
         target = std::memset(buffer, 0, size);
         m_buffers.push_back({buffer, size, &binding.ValLen});
     }
-    if (!StatementPassed(SQLBindCol(m_hstmt, static_cast<SQLUSMALLINT>(index + 1), rule.BoundType,
-                                    target, rule.BufferSize, &binding.ValLen))) {
-        return VORDA_ODBC_ERROR;
-    }
+    // Before the driver is asked: a column that it refuses is there, and has no value.
     m_cells.push_back({info.DataType, info.Scale, &binding.NativeVal, buffer, rule.BufferSize,
                        rule.BoundType == SQL_C_WCHAR, &binding.ValLen});
-    return VORDA_OK;
+    const bool isBound =
+        StatementPassed(SQLBindCol(m_hstmt, static_cast<SQLUSMALLINT>(index + 1), rule.BoundType,
+                                   target, rule.BufferSize, &binding.ValLen));
+    return isBound ? VORDA_OK : VORDA_ODBC_ERROR;
 }
 
 const DbColumnInfo* ODBCResultSetImpl::GetColumnInfo(int index) const {

@@ -69,7 +69,7 @@ class ODBCResultSetImpl : public LastError {
     int GetStringAsUCS2(int index, char** text, int* length);
     // The bound buffer and its whole size.
     int GetBytes(int index, char** data, int* length);
-    // Where fetches leave a column's value; null for an index that is not bound.
+    // Where fetches leave a column's value; null for an index that has no binding.
     const DbCell* CellOf(int index) const {
         const bool isBound = index >= 0 && index < static_cast<int>(m_cells.size());
         return isBound ? &m_cells[static_cast<size_t>(index)] : nullptr;
@@ -105,7 +105,7 @@ class ODBCResultSetImpl : public LastError {
     int m_infoCount = 0;
     JavaVector<_db_column_info_> m_columns;
     JavaVector<_col_binding_info_> m_colBindingInfo;
-    // One for each column that is bound.
+    // One for each column that the driver was asked to bind.
     std::vector<DbCell> m_cells;
     // The buffers of texts and binaries among them.
     struct BoundBuffer {

@@ -70,6 +70,15 @@ TEST_F(ResultSetTest, ARecordUsedAgainShowsNothingOfItsLastUse) {
     EXPECT_EQ(rs.GetImpl()->CellOf(0), nullptr);
     rs.Close();
 
+    // A column that the driver does not bind has no value; those behind it are not there.
+    describe(SQL_INTEGER);
+    FailNext("SQLBindCol", 9, "refused");
+    EXPECT_EQ(Execute(), VORDA_ODBC_ERROR);
+    int value = 7;
+    EXPECT_EQ(rs.GetInt(0, value), SQL_NULL_DATA);
+    EXPECT_EQ(rs.GetInt(1, value), VORDA_INDEX_OUT_OF_RANGE);
+    rs.Close();
+
     describe(SQL_INTEGER);
     EXPECT_EQ(Execute(), VORDA_OK);
     EXPECT_EQ(rs.GetImpl()->CellOf(1)->Size, 0);
