@@ -63,7 +63,8 @@ def test_columns_of_numbers_keep_all_digits_or_refuse_them(cursor, stdlib, sql, 
 @pytest.mark.parametrize("declared, stored", [
     ("INTEGER", "'abc'"), ("INTEGER", "1.5"), ("BOOLEAN", "7"), ("DATE", "'2024-13-01'"),
     ("DATE", "'yesterday'"), ("TIME", "5"), ("TIMESTAMP", "'noon'"), ("TIMESTAMP", "x'00'"),
-    ("REAL", "'x'"), ("TEXT", "x'00ff'"), ("DECIMAL(5,2)", "'1e'"), ("TIME", "'00:00:00.0000000001'")])
+    ("REAL", "'x'"), ("TEXT", "x'00ff'"), ("DECIMAL(5,2)", "'1e'"),
+    ("TIME", "'00:00:00.0000000001'")])
 def test_a_cell_that_does_not_fit_its_column_is_an_error(cursor, stdlib, path, declared, stored):
     cursor.execute("CREATE TABLE t (misfit %s)" % declared)
     stdlib.execute("INSERT INTO t VALUES (%s)" % stored)
