@@ -108,6 +108,10 @@ TEST_F(FetchTest, GetDataReadsLongValuesInParts) {
     EXPECT_EQ("", statement.get(2));
     EXPECT_EQ("!", statement.get(2));  // read already
     EXPECT_EQ("!07009", statement.get(9));
+    char byte;
+    EXPECT_EQ("22018", statement.stateOf(RT_SQLGetData(kDriver, statement.handle, 3, SQL_C_BINARY,
+                                                       &byte, 1, nullptr)));
+    EXPECT_TRUE(statement.error().says("Column 3 "));
     EXPECT_EQ(SQL_NO_DATA, statement.fetch());
     EXPECT_EQ("!24000", statement.get(1));
 }
