@@ -9,8 +9,8 @@ from vorda import zelqa
 PATTERNS = ["", "b+c", "^b", "b$", "a|b|", "^(ab|c)*$", "^a{2}$", "^a{2,3}$", "^a{2,}?$", "^.$",
             r"[a-c\d-]", r"[^\W_]", "^[]x]+$", "[à-ÿ]", r"\bcat\b", r"\Bats", "(?i)straSSe",
             r"a\.b", "(?:a*)*b", r"^\S+@\S+$", "a.c", r"^\w\d?\s", r"\t|\n", r"^[\D\t]+$",
-            "^(?:a|b){3}c", "x*[^a-c]$", r"^[\[\]x]+$", r"\Wx|\W$", "ab*?c", "(?i)^[A-C]+$", "(?i)É",
-            r"\b.\b"]
+            "^(?:a|b){3}c", "x*[^a-c]$", r"^[\[\]x]+$", r"\Wx|\W$", "ab*?c", "(?i)^[A-C]+$",
+            "(?i)É", r"\b.\b"]
 TEXTS = ["", "x", "abbbcd", "ab", "abcab", "abca", "aa", "aaa", "aaaaa", "é", "É", "-", "_-", "5 c",
          "]x]", "a cat.", "cats", "STRASSE", "axb", "a.b", "aaaac", "a@b.c", "a\nc", "a\tc",
          *"/09:@AZ[_`az{"]

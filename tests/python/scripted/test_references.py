@@ -41,8 +41,8 @@ class UnfriendlyList(list):
     __len__ = Unfriendly.fail
 
 
-# What is called, and with what; "!" stands before what fails even when the runtime does not. "do" is
-# for anything else. None of them is done by others.
+# What is called, and with what; "!" stands before what fails even when the runtime does not; "do"
+# is for anything else. None of them is done by others.
 OPERATIONS = """
 zelqa.connect: "Server=there" | ! | !b"bytes" | !"a", "b" | !"\\ud800"
 do: !zelqa.Connection() | !zelqa.Cursor() | !zelqa.Row() | connection == 5, connection.close
