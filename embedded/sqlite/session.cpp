@@ -43,9 +43,8 @@ auto Session::openFile(const SqliteOptions& options) -> std::unique_ptr<sqlite3,
     if (result != SQLITE_OK) {
         throw openError(raw, options.database);
     }
-    sqlite3_busy_timeout(raw, options.timeoutMs);
     // SQLite opens the file lazily; what is no database, or cannot be read, is to be known now. A
-    // database that is only locked at the moment is a good one.
+    // database that is only locked at the moment is a good one, and not waited for.
     const int probe = sqlite3_exec(raw, "PRAGMA schema_version", nullptr, nullptr, nullptr);
     if (probe != SQLITE_OK && (probe & 0xFF) != SQLITE_BUSY) {
         throw openError(raw, options.database);

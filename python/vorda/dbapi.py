@@ -14,6 +14,7 @@ import functools
 import io
 import logging
 import operator
+import os
 import re
 import time
 from decimal import Decimal
@@ -28,6 +29,7 @@ from typing import (
     Sequence,
     Tuple,
     Type,
+    Union,
 )
 from uuid import UUID
 
@@ -254,7 +256,8 @@ def _again(made: Any, position: int) -> Any:
 # What may hide a colon, then a marker.
 _NAMED = re.compile(
     r"""'(?:[^']|'')*' | "(?:[^"]|"")*" | `(?:[^`]|``)*` | \[[^\]]*\] | --[^\n]* | /\*.*?\*/
-    | (?P<quote>\$(?:[A-Za-z_]\w*)?\$).*?(?P=quote) | :: | (?<![\w:]):(?P<name>[A-Za-z_]\w*)""",
+    | (?<![\w$])(?P<quote>\$(?:[^\W\d]\w*)?\$).*?(?P=quote) | ::
+    | (?<![\w:]):(?P<name>[^\W\d]\w*)""",
     re.DOTALL | re.VERBOSE,
 )
 
@@ -276,12 +279,12 @@ def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
     """Statement and values for plain markers; called by the core for what is no tuple or list."""
     if isinstance(given, (dict, collections.abc.Mapping)):
         text, names = _plain_markers(sql)
-        for name in names:
-            if name not in given:
-                raise ProgrammingError(
-                    "The statement has the marker :%s, for which there is no value" % name
-                )
-        return text, tuple(map(given.__getitem__, names))
+        try:
+            return text, tuple(map(given.__getitem__, names))
+        except KeyError as error:
+            raise ProgrammingError(
+                "The statement has a marker for which there is no value: %s" % error
+            ) from None
     if isinstance(given, (str, bytes, bytearray, memoryview)) or not hasattr(given, "__getitem__"):
         raise ProgrammingError(
             "The parameters are a %s: they must be a sequence or a mapping"
@@ -460,7 +463,7 @@ def _quoted(value: object) -> str:
 
 
 def connect(
-    connection_string: Optional[str] = None,
+    connection_string: Union[str, "os.PathLike[str]", None] = None,
     /,
     *,
     autocommit: bool = False,
@@ -470,16 +473,15 @@ def connect(
     """Connect to a database.
 
     The connection string is the provider's, or the path of a SQLite file, or ":memory:". Keys
-    are added to it: connect(Database="shop.db"). Without autocommit, changes are made to last by
-    commit(). A statement that takes longer than `timeout` seconds is ended.
+    are added to it, but those of None: connect(Database="shop.db"). Without autocommit, changes are
+    made to last by commit(). A statement that takes longer than `timeout` seconds is ended.
     """
     parts = []
     if connection_string:
-        is_path = "=" not in connection_string
-        parts.append(
-            "Database=" + _quoted(connection_string) if is_path else connection_string.rstrip("; ")
-        )
-    parts.extend("%s=%s" % (key, _quoted(value)) for key, value in keys.items())
+        text = os.fspath(connection_string)
+        is_path = text is not connection_string or "=" not in text
+        parts.append("Database=" + _quoted(text) if is_path else text.rstrip("; "))
+    parts.extend("%s=%s" % (k, _quoted(value)) for k, value in keys.items() if value is not None)
     if not parts:
         raise ProgrammingError("connect() needs a connection string, a path or keys")
     return Connection(";".join(parts), autocommit, timeout or 0)

@@ -49,7 +49,13 @@ PyRef CursorExecute(PyObject* object, PyObject* const* args, Py_ssize_t count) {
     CursorObject* const self = AsCursor(object);
     LinkOf(reinterpret_cast<PyObject*>(self->connection));
     PyRef sql = Checked(PyUnicode_FromObject(args[0]));  // a derived class may do anything
-    ReadParameters(self, count > 1 ? args[1] : nullptr, sql);
+    try {
+        ReadParameters(self, count > 1 ? args[1] : nullptr, sql);
+    } catch (...) {
+        // What fails leaves no rows of what came before.
+        GiveStatementBack(self);
+        throw;
+    }
     Link& link = *self->link;
     Logged logged(sql.Get(), self->values.size());
     const Link::Turn turn(link);

@@ -129,6 +129,9 @@ PyRef CursorExecuteMany(PyObject* object, PyObject* const* args, Py_ssize_t coun
     CursorObject* const self = AsCursor(object);
     LinkOf(reinterpret_cast<PyObject*>(self->connection));
     const PyRef sql = Checked(PyUnicode_FromObject(args[0]));
+    // Without any row, and where one fails, nothing is left of what came before.
+    GiveStatementBack(self);
+    self->rowCount = -1;
     const PyRef rows = Checked(PyObject_GetIter(args[1]));
     Run run(self);
     while (const PyRef row{PyIter_Next(rows.Get())}) run.Add(row.Get(), sql);

@@ -8,8 +8,8 @@
 
 namespace {
 
-// A longer name is cut: no database has one.
-constexpr SQLSMALLINT kNameSize = 1024;
+// An expression's name is its text; no function tells a longer one.
+constexpr SQLSMALLINT kMostName = std::numeric_limits<SQLSMALLINT>::max();
 // The runtime's attribute of a statement for it.
 constexpr SQLINTEGER kLastRowId = 0x7001;
 // Longer texts are bound where they are, instead of being copied to a place that stays.
@@ -19,9 +19,9 @@ Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, 
     if (sqlType == SQL_BIT) return Meaning::Boolean;
     if (sqlType == SQL_GUID) return Meaning::Uuid;
     if (sqlType != SQL_WVARCHAR || isSqlite) return Meaning::Plain;
-    char name[kNameSize + 1] = {};
-    const SQLRETURN status =
-        SQLColAttributeW(statement, number, SQL_DESC_TYPE_NAME, name, kNameSize, nullptr, nullptr);
+    char name[64] = {};
+    const SQLRETURN status = SQLColAttributeW(statement, number, SQL_DESC_TYPE_NAME, name,
+                                              sizeof name - 1, nullptr, nullptr);
     return OdbcSucceeded(status) && std::strcmp(name, "uuid") == 0 ? Meaning::Uuid : Meaning::Plain;
 }
 
@@ -178,12 +178,14 @@ PyRef Statement::NextRow() {
 void Statement::Describe() {
     if (m_isDescribed || m_columnCount == 0) return;
     m_columns.assign(static_cast<size_t>(m_columnCount), {});
+    const std::unique_ptr<char[]> name(new char[kMostName + 1]);
+    name[kMostName] = '\0';
     SQLUSMALLINT number = 0;
     for (ColumnInfo& column : m_columns) {
-        char name[kNameSize + 1] = {};
-        Called(SQLDescribeColW(m_handle, ++number, AsWideBuffer(name), kNameSize, nullptr,
+        name[0] = '\0';
+        Called(SQLDescribeColW(m_handle, ++number, AsWideBuffer(name.get()), kMostName, nullptr,
                                &column.sqlType, &column.size, &column.digits, &column.nullable));
-        column.name = name;
+        column.name = name.get();
         column.meaning = MeaningOf(m_handle, number, column.sqlType, m_link.IsSqlite());
     }
     m_isDescribed = true;
@@ -239,6 +241,8 @@ void Statement::Lose(Reason reason) noexcept {
     } catch (...) {
         m_columnCount = 0;
     }
+    // Nothing may have been rolled back that would have ended it.
+    SQLFreeStmt(m_handle, SQL_CLOSE);
 }
 
 void Statement::Release(Reason reason) noexcept {

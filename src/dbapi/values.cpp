@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <string>
 
 #include "include/pydatetime.h"
@@ -77,7 +78,8 @@ void ReadDecimal(Value& value, PyObject* number, Py_ssize_t position, const Send
     const bool isReal = !PyErr_Occurred();
     if (!isReal && PyErr_ExceptionMatches(PyExc_MemoryError)) throw PythonError();
     PyErr_Clear();
-    if (!isNumber || !isReal || std::isinf(real) || (real == 0) != (digits == 0))
+    const bool isTooSmall = digits > 0 && std::abs(real) < std::numeric_limits<double>::min();
+    if (!isNumber || !isReal || std::isinf(real) || isTooSmall)
         Refuse("22003", position, "SQLite has no such number as this decimal");
     // As a text then, which the runtime refuses where a column would round it.
     if (digits > kDigitsOfDouble) return;

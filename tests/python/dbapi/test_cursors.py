@@ -98,6 +98,7 @@ def test_descriptions_follow_the_table(table):
     cursor.close()
     table.execute("ALTER TABLE t RENAME COLUMN b TO c")
     assert [column[0] for column in table.execute("SELECT * FROM t").description] == ["a", "c"]
+    assert table.execute('SELECT 1 AS "%s"' % ("é" * 5000)).description[0][0] == "é" * 5000
 
 
 def test_row_factories(table):
@@ -147,7 +148,8 @@ def test_executemany_takes_rows_of_any_kind(table):
     assert [row[0] for row in table.execute("SELECT x FROM m")] == values
     cursor.executemany("DELETE FROM t WHERE a = :a", ({"a": i} for i in range(500)))
     assert cursor.rowcount == 499
-    assert table.executemany("UPDATE t SET b = ? WHERE a = ?", []).rowcount == 0
+    cursor.execute("SELECT a FROM t").executemany("UPDATE t SET b = ? WHERE a = ?", [])
+    assert cursor.rowcount == 0 and cursor.description is None
     table.executemany("INSERT INTO m VALUES (?) RETURNING x", [(1,), (2,)])
     assert table.execute("SELECT count(*) FROM m").fetchone() == (26,)
 
@@ -184,6 +186,10 @@ def test_what_was_not_read_is_gone_with_the_rollback(table):
     with pytest.raises(dbapi.InterfaceError, match="rollback"):
         cursor.fetchall()
     assert cursor.description[0][0] == "a"
+    table.autocommit = True
+    assert cursor.execute("SELECT a FROM t ORDER BY a").fetchone() == (1,)
+    table.rollback()
+    assert cursor.execute("SELECT a FROM t ORDER BY a").fetchone() == (1,)
 
 
 # --- errors --------------------------------------------------------------------------------------
@@ -230,9 +236,9 @@ def test_connecting(tmp_path):
         dbapi.connect("Database=:memory:", Timout=5).close()
     with warnings.catch_warnings():
         warnings.simplefilter("error")
-        dbapi.connect(str(tmp_path / "a;b}.db")).close()
-        dbapi.connect(Database=str(tmp_path / "a;b}.db"), Mode="rw").close()
-    assert (tmp_path / "a;b}.db").exists()
+        dbapi.connect(tmp_path / "a;=b}.db").close()
+        dbapi.connect(Database=str(tmp_path / "a;=b}.db"), Mode="rw", Timeout=None).close()
+    assert (tmp_path / "a;=b}.db").exists()
 
 
 # --- the rest ------------------------------------------------------------------------------------

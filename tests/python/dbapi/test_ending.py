@@ -65,5 +65,9 @@ def test_a_query_alone_keeps_nobody_from_writing(connection, tmp_path):
     other = dbapi.connect("Database={%s};Timeout=0" % (tmp_path / "data.db"))
     with other:
         other.execute("INSERT INTO t VALUES (1)")
+    begin = time.monotonic()
+    other.execute("BEGIN EXCLUSIVE")
+    dbapi.connect(tmp_path / "data.db").close()
+    assert time.monotonic() - begin < 3
     other.close()
     assert connection.execute("SELECT a FROM t").fetchone() == (1,)

@@ -1,5 +1,6 @@
 """Values come back as they went in, or are refused."""
 
+import collections
 import datetime
 import enum
 import uuid
@@ -60,6 +61,7 @@ def test_other_types_are_sent_as_what_they_stand_for(connection, given, sent):
     (float("nan"), dbapi.DataError, "NaN"),
     (Decimal("1E+400"), dbapi.DataError, "decimal"),
     (Decimal("NaN"), dbapi.DataError, "decimal"),
+    (Decimal("1.2345E-320"), dbapi.DataError, "decimal"),
     (datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc), dbapi.DataError, "time zone"),
     (object(), dbapi.ProgrammingError, "type object.*register_adapter"),
     ([1], dbapi.ProgrammingError, "type list"),
@@ -81,10 +83,11 @@ def test_an_adapter_serves_a_type_and_those_derived_from_it(connection, monkeypa
 
 @pytest.mark.parametrize("parameters, row", [
     ((1, "x"), (1, ":a", "x")), ([1, "x"], (1, ":a", "x")),
-    ({"a": 1, "b": "x", "c": 0}, (1, ":a", "x")),
+    ({"a": 1, "é": "x", "c": 0}, (1, ":a", "x")),
+    (collections.defaultdict(lambda: "x", a=1), (1, ":a", "x")),
 ])
 def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
-    markers = ":a, ':a', :b -- :c" if isinstance(parameters, dict) else "?, ':a', ? -- ?"
+    markers = ":a, ':a', :é -- :c" if isinstance(parameters, dict) else "?, ':a', ? -- ?"
     assert connection.execute("SELECT " + markers, parameters).fetchone() == row
 
 
@@ -93,8 +96,10 @@ def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
     ("x", "are a str"), ({1}, "are a set"),
 ])
 def test_parameters_that_do_not_fit_are_refused(connection, parameters, words):
+    cursor = connection.execute("SELECT 1")
     with pytest.raises(dbapi.ProgrammingError, match=words):
-        connection.execute("SELECT ?", parameters)
+        cursor.execute("SELECT ?", parameters)
+    assert cursor.description is None
 
 
 def test_decimals_are_never_rounded(connection):
