@@ -20,7 +20,7 @@ enum class Effect {
     Schema,       ///< CREATE, ALTER, DROP, ANALYZE, REINDEX
     Transaction,  ///< BEGIN, COMMIT, SAVEPOINT, RELEASE
     Rollback,     ///< ROLLBACK, also to a savepoint
-    Service,      ///< ATTACH, DETACH, VACUUM, EXPLAIN
+    Service,      ///< ATTACH, DETACH, VACUUM
     Pragma,
 };
 

@@ -21,7 +21,6 @@ bool isWorthKeeping(const CompiledSql& sql) noexcept {
 /// The first use of a virtual table compiles its module's own statements, which count for nothing
 /// in one that only reads; and of VACUUM SQLite names no action at all.
 Effect effectOf(sqlite3_stmt* statement, Effect named) noexcept {
-    if (sqlite3_stmt_isexplain(statement)) return Effect::Service;
     if (named > Effect::Schema) return named;
     if (sqlite3_stmt_readonly(statement)) return Effect::None;
     return named == Effect::None ? Effect::Service : named;

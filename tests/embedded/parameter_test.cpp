@@ -102,6 +102,12 @@ TEST_F(ParameterTest, BuffersMayGoOnceExecuted) {
     ASSERT_EQ(SQL_SUCCESS, reader.execute());
     text.assign(text.size(), '#');
     EXPECT_EQ(Rows({expected, expected}), reader.rows());
+    reader.close();
+    ASSERT_EQ(SQL_SUCCESS, reader.prepare("SELECT 1 WHERE @1  IS NULL"));
+    for (int execution = 0; execution < 2; ++execution) {  // without rows
+        EXPECT_EQ(SQL_SUCCESS, reader.execute());
+        reader.close();
+    }
 }
 
 // Which marks are markers the fuzz target procedure knows; here, that each gets its value.

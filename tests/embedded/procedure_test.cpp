@@ -100,6 +100,10 @@ EXECUTE p b=NULL, a=-9223372036854775808 => integer|-9223372036854775808|null|NU
 EXECUTE p $B = .5, @A = x'00ff' ; => blob|X'00FF'|real|0.5
 EXECUTE p - 1.5e-3, b=true => real|-0.0015|integer|1
 EXECUTE p +0x10, False /* ; */ => integer|16|integer|0
+CREATE TABLE gone (a)
+CREATE PROCEDURE late AS SELECT a FROM gone
+DROP TABLE gone
+EXEC late => !(procedure 'late', statement 1)
 EXEC p => !no value for its parameter 'a'
 EXEC p 1 => !no value for its parameter 'b'
 EXEC p 1, 2, 3 => !none for argument 3

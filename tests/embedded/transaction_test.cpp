@@ -58,6 +58,7 @@ TEST_F(TransactionTest, RollingBackClosesCursorsAndCommittingKeepsThem) {
 TEST_F(TransactionTest, PragmasAndVacuumDoNotOpenOne) {
     connection.autocommit(false);
     connection.expect(R"(
+PRAGMA user_version = 7
 PRAGMA foreign_keys = ON
 PRAGMA foreign_keys => 1
 VACUUM
