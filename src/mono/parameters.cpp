@@ -233,7 +233,9 @@ bool ODBCSourceImpl::UndoLastExecution() {
         m_isBatched = false;
     }
     if (m_hasStaleBindings) {
-        if (!StatementPassed(SQLFreeStmt(m_preparedHstmt, SQL_RESET_PARAMS), m_preparedHstmt)) {
+        // Whatever is not success leaves the driver with buffers that are about to go.
+        const SQLRETURN reset = SQLFreeStmt(m_preparedHstmt, SQL_RESET_PARAMS);
+        if (!StatementPassed(OdbcSucceeded(reset) ? reset : SQL_ERROR, m_preparedHstmt)) {
             return false;
         }
         m_hasStaleBindings = false;
