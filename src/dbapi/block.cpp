@@ -49,7 +49,8 @@ void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, bo
         Resize(statement, m_cellByCell ? 1 : kFirstRows);
     } catch (const Failure& failure) {
         if (failure.Records().front().state == "HY001") throw;
-        SQLFreeStmt(statement, SQL_UNBIND);
+        // A runtime that would not forget the memory must not fetch.
+        Check(SQLFreeStmt(statement, SQL_UNBIND), SQL_HANDLE_STMT, statement);
         Set(statement, SQL_ATTR_ROW_ARRAY_SIZE, AsPointer(1));
         Set(statement, SQL_ATTR_ROW_STATUS_PTR, nullptr);
         Set(statement, SQL_ATTR_ROWS_FETCHED_PTR, nullptr);
@@ -243,7 +244,7 @@ void Block::End(SQLHSTMT statement) {
     m_long = {};
     m_failures.clear();
     if (!m_isBound || m_size * m_rowSize <= kMostKept) return;
-    SQLFreeStmt(statement, SQL_UNBIND);
+    if (!OdbcSucceeded(SQLFreeStmt(statement, SQL_UNBIND))) return;
     m_isBound = false;
     m_memory.reset();
 }

@@ -29,11 +29,17 @@ PyObject* New(PyTypeObject* type, PyObject*, PyObject*) {
 
 int Init(PyObject* self, PyObject* args, PyObject*) {
     return AtBoundary(-1, [&] {
-        const char* text = nullptr;
+        PyObject* given = nullptr;
         Py_ssize_t length = 0;
         int autocommit = 0;
         double timeout = 0;
-        if (!PyArg_ParseTuple(args, "s#pd", &text, &length, &autocommit, &timeout)) return -1;
+        if (!PyArg_ParseTuple(args, "Upd", &given, &autocommit, &timeout)) return -1;
+        const char* const text = PyUnicode_AsUTF8AndSize(given, &length);
+        if (!text) {
+            if (!PyErr_ExceptionMatches(PyExc_UnicodeError)) return -1;
+            PyErr_Clear();
+            throw Failure("42000", "The connection string has a lone surrogate.");
+        }
         if (Self(self)->link) throw Failure("08002", "The connection is open already.");
         std::string warning;
         Self(self)->link = std::make_shared<Link>(std::string(text, static_cast<size_t>(length)),

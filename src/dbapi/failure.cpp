@@ -34,6 +34,15 @@ std::vector<Diagnostic> ReadDiagnostics(SQLSMALLINT handleType, SQLHANDLE handle
     return records;
 }
 
+SQLHANDLE NewHandle(SQLSMALLINT type, SQLSMALLINT parentType, SQLHANDLE parent) {
+    SQLHANDLE made = nullptr;
+    const SQLRETURN status = SQLAllocHandle(type, parent, &made);
+    if (OdbcSucceeded(status) && made) return made;
+    const Failure failure(ReadDiagnostics(parentType, parent));
+    if (made && status != SQL_ERROR) SQLFreeHandle(type, made);
+    throw failure;
+}
+
 PyRef CallFace(const char* function, const char* format, ...) {
     const PyRef face = Checked(PyImport_ImportModule("vorda.dbapi"));
     const PyRef callable = Checked(PyObject_GetAttrString(face.Get(), function));

@@ -28,6 +28,9 @@ class Failure {
     std::vector<Diagnostic> m_records;
 };
 
+// A new handle. One of which the runtime leaves open whether it is there is freed.
+SQLHANDLE NewHandle(SQLSMALLINT type, SQLSMALLINT parentType, SQLHANDLE parent);
+
 // Thrown when a Python error is set already.
 struct PythonError {};
 

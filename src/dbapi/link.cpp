@@ -36,9 +36,7 @@ Link::Link(const std::string& text, bool autocommit, long timeout, std::string& 
 void Link::Connect(const std::string& text, bool autocommit, std::string& warning) {
     Check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, AsPointer(SQL_OV_ODBC3), 0),
           SQL_HANDLE_ENV, m_environment);
-    SQLHDBC connection = nullptr;
-    Check(SQLAllocHandle(SQL_HANDLE_DBC, m_environment, &connection), SQL_HANDLE_ENV,
-          m_environment);
+    const SQLHDBC connection = NewHandle(SQL_HANDLE_DBC, SQL_HANDLE_ENV, m_environment);
     m_connection = connection;
     if (text.size() > std::numeric_limits<SQLSMALLINT>::max())
         throw Failure("HY090", "The connection string is too long.");
@@ -46,8 +44,9 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
         const SQLRETURN status = SQLDriverConnectW(connection, nullptr, AsWideText(text.c_str()),
                                                    static_cast<SQLSMALLINT>(text.size()), nullptr,
                                                    0, nullptr, SQL_DRIVER_NOPROMPT);
-        Check(status, SQL_HANDLE_DBC, connection);
+        // Whatever it says: it may be.
         m_isConnected = true;
+        Check(status, SQL_HANDLE_DBC, connection);
         // What a server remarks on each connection is nobody's business; a key that is not known
         // is.
         if (status == SQL_SUCCESS_WITH_INFO) {
@@ -166,13 +165,11 @@ void Link::Commit(bool keep) {
 }
 
 void Link::Run(const char* sql, bool canBeCancelled) {
-    SQLHSTMT statement = nullptr;
-    Check(SQLAllocHandle(SQL_HANDLE_STMT, m_connection, &statement), SQL_HANDLE_DBC, m_connection);
+    const SQLHSTMT statement = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, m_connection);
     const std::unique_ptr<void, void (*)(SQLHSTMT)> owner(
         statement, [](SQLHSTMT owned) { SQLFreeHandle(SQL_HANDLE_STMT, owned); });
-    Wait(canBeCancelled ? statement : nullptr, [&] {
-        CheckFound(SQLExecDirectW(statement, AsWideText(sql), SQL_NTS), statement);
-    });
+    Wait(canBeCancelled ? statement : nullptr,
+         [&] { CheckFound(SQLExecDirectW(statement, AsWideText(sql), SQL_NTS), statement); });
 }
 
 void Link::SetSavepoint() {

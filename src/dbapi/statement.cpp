@@ -37,7 +37,7 @@ Statement::Statement(Link& link, PyObject* text)
     }
     if (m_length > std::numeric_limits<SQLINTEGER>::max())
         throw Failure("42000", "The statement is longer than 2 GB.");
-    Check(SQLAllocHandle(SQL_HANDLE_STMT, link.Handle(), &m_handle), SQL_HANDLE_DBC, link.Handle());
+    m_handle = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, link.Handle());
 }
 
 Statement::~Statement() {
@@ -87,8 +87,15 @@ void Statement::Executed(SQLRETURN status) {
     }
     // Cells tell what they are: as long as there are as many, they need no new description.
     const bool isNew = m_columns.size() != static_cast<size_t>(m_columnCount);
-    if (isNew || !m_link.HasCells()) Describe();
-    m_block.Begin(m_handle, m_columns, isNew, m_link.HasCells());
+    try {
+        if (isNew || !m_link.HasCells()) Describe();
+        m_block.Begin(m_handle, m_columns, isNew, m_link.HasCells());
+    } catch (...) {
+        m_columnCount = 0;
+        m_hasRows = false;
+        m_columns.clear();
+        throw;
+    }
     Load();
 }
 
