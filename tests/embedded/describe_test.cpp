@@ -70,22 +70,5 @@ TEST_F(DescribeTest, NullabilityIsOnlyClaimedWhereItHolds) {
         EXPECT_EQ(expected, described(sql, {SQL_COLUMN_NULLABLE})) << sql;
 }
 
-TEST_F(DescribeTest, WithoutColumnsThereIsNothingToDescribe) {
-    ASSERT_EQ(SQL_SUCCESS, statement.run("CREATE TABLE t (a)"));
-    EXPECT_EQ(0, statement.attribute(1, SQL_COLUMN_COUNT));
-    SQLLEN value = 0;
-    const auto ask = [&](SQLUSMALLINT column, SQLUSMALLINT field) {
-        EXPECT_EQ(SQL_ERROR, RT_SQLColAttribute(kDriver, statement.handle, column, field, nullptr,
-                                                0, nullptr, &value));
-        return statement.error().state;
-    };
-    EXPECT_EQ("07005", ask(1, SQL_COLUMN_TYPE));
-    ASSERT_EQ(SQL_SUCCESS, statement.prepare("SELECT a FROM t"));
-    EXPECT_EQ("a", statement.text(1, SQL_COLUMN_NAME));
-    EXPECT_EQ("07009", ask(0, SQL_COLUMN_TYPE));
-    EXPECT_EQ("07009", ask(2, SQL_COLUMN_TYPE));
-    EXPECT_EQ("HY091", ask(1, 4711));
-}
-
 }  // namespace
 }  // namespace embedded_test

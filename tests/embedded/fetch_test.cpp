@@ -1,6 +1,5 @@
 #include <cstdio>
 
-#include "extensions.h"
 #include "fixture.h"
 
 namespace embedded_test {
@@ -260,26 +259,6 @@ TEST_F(FetchTest, AFailureBehindRowsIsReportedByTheNextFetch) {
         EXPECT_EQ("22003", statement.stateOf(statement.fetch()));
         EXPECT_EQ("24000", statement.stateOf(statement.fetch()));  // the cursor is closed
     }
-}
-
-TEST_F(FetchTest, ImpossibleBindingsAreRefused) {
-    Statement statement(connection.handle);
-    char buffer[20];
-    const auto bind = [&](SQLUSMALLINT column, SQLSMALLINT cType, SQLLEN capacity) {
-        return statement.stateOf(
-            RT_SQLBindCol(kDriver, statement.handle, column, cType, buffer, capacity, nullptr));
-    };
-    EXPECT_EQ("07009", bind(0, SQL_C_WCHAR, 5));
-    EXPECT_EQ("HY090", bind(1, SQL_C_WCHAR, -1));
-    EXPECT_EQ("HYC00", bind(1, SQL_C_NUMERIC, 19));
-    EXPECT_EQ("HY003", bind(1, 4711, 19));
-    EXPECT_EQ("HY090", bind(1, embedded::kCellCType, sizeof buffer));
-    EXPECT_EQ("", bind(1, SQL_C_DEFAULT, 19));
-    // Not more columns are delivered than there are.
-    EXPECT_EQ("", bind(40, SQL_C_WCHAR, 5));
-    ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT 7"));
-    EXPECT_EQ(SQL_SUCCESS, statement.fetch());
-    EXPECT_EQ(7, *reinterpret_cast<SQLBIGINT*>(buffer));
 }
 
 }  // namespace

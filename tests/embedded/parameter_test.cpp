@@ -161,20 +161,5 @@ TEST_F(ParameterTest, TheNumberOfValuesMustFit) {
     EXPECT_EQ(Rows{"1"}, stored("SELECT count(*) FROM t"));
 }
 
-TEST_F(ParameterTest, ImpossibleBindingsAreRefused) {
-    const SQLINTEGER value = 1;
-    SQLLEN length = sizeof value;
-    const auto bind = [&](SQLUSMALLINT number, SQLSMALLINT cType, const SQLINTEGER* data) {
-        return statement.stateOf(statement.bind(number, cType, data, data ? &length : nullptr));
-    };
-    EXPECT_EQ("07009", bind(0, SQL_C_LONG, &value));
-    EXPECT_EQ("HY003", bind(1, 12345, &value));
-    EXPECT_EQ("HYC00", bind(1, SQL_C_NUMERIC, &value));
-    EXPECT_EQ("HY009", bind(1, SQL_C_LONG, nullptr));
-    EXPECT_EQ("HYC00", statement.stateOf(RT_SQLBindParameter(
-                           kDriver, statement.handle, 1, SQL_PARAM_OUTPUT, SQL_C_LONG, SQL_INTEGER,
-                           0, 0, &length, 0, nullptr)));
-}
-
 }  // namespace
 }  // namespace embedded_test

@@ -209,24 +209,6 @@ TEST_F(ProcedureTest, ManyWaysToOneProcedureAreOneCheck) {
     EXPECT_EQ(SQL_SUCCESS, Statement(connection.handle).prepare("EXEC p30"));
 }
 
-TEST_F(ProcedureTest, BatchesRunOncePerSetAllOrNone) {
-    connection.must("CREATE PROCEDURE add (a) AS INSERT INTO t VALUES ($a, 'x'), ($a + 10, 'y')");
-    connection.must("CREATE PROCEDURE show (a) AS SELECT $a");
-    const SQLBIGINT numbers[] = {1, 2, 3};
-    SQLLEN lengths[] = {8, 8, 8};
-    Statement statement(connection.handle);
-    ASSERT_EQ(SQL_SUCCESS, statement.prepare("EXEC add a=@1 "));
-    statement.set(SQL_ATTR_PARAMSET_SIZE, 3);
-    statement.bind(1, SQL_C_SBIGINT, numbers, lengths);
-    EXPECT_EQ("#6", statement.outcome(statement.execute()));
-    connection.must("DELETE FROM t WHERE a <> 13");
-    EXPECT_EQ(SQL_ERROR, statement.execute());
-    EXPECT_TRUE(statement.error().says("statement 1) (parameter set 3 of 3)"));
-    EXPECT_EQ(Rows{"13|y"}, stored("SELECT * FROM t"));
-    ASSERT_EQ(SQL_SUCCESS, statement.prepare("EXEC show @1 "));
-    EXPECT_EQ("HYC00", statement.stateOf(statement.execute()));
-}
-
 TEST_F(ProcedureTest, OrdinarySqlCannotDamageThem) {
     connection.expect(R"(
 CREATE PROCEDURE p (a INT) AS SELECT $a

@@ -56,13 +56,8 @@ TEST_F(StatementTest, CallsOutOfOrderAreRefused) {
     const auto refused = [&](const char* state, SQLRETURN result) {
         EXPECT_EQ(state, statement.stateOf(result));
     };
-    SQLSMALLINT columns = 0;
-    SQLLEN count = 0;
     refused("HY010", statement.execute());
     refused("HY010", statement.fetch());
-    refused("HY010", RT_SQLRowCount(kDriver, statement.handle, &count));
-    refused("HY010", RT_SQLNumResultCols(kDriver, statement.handle, &columns));
-    refused("HY010", RT_SQLNumParams(kDriver, statement.handle, &columns));
     refused("42S02", statement.prepare("SELECT * FROM missing"));
     refused("HY010", statement.execute());
     refused("", statement.prepare("SELECT 1"));
@@ -70,9 +65,7 @@ TEST_F(StatementTest, CallsOutOfOrderAreRefused) {
     refused("", statement.execute());
     refused("24000", statement.execute());
     refused("24000", statement.prepare("SELECT 2"));
-    refused("24000", statement.run("SELECT 2"));
     refused("", RT_SQLCloseCursor(kDriver, statement.handle));
-    refused("24000", RT_SQLCloseCursor(kDriver, statement.handle));
     EXPECT_EQ("1", statement.outcome(statement.execute()));
     for (int i = 0; i < 2; ++i) EXPECT_EQ(SQL_NO_DATA, statement.fetch());
     statement.close();
@@ -171,18 +164,6 @@ TEST_F(StatementTest, EqualTextsMayRunAtTheSameTime) {
         EXPECT_EQ(number, first.outcome(first.execute()));
         EXPECT_EQ(Rows{number}, second.rows());
     }
-}
-
-TEST_F(StatementTest, AttributesTakeWhatTheyCan) {
-    Statement statement(connection.handle);
-    const std::tuple<int, SQLULEN, const char*> attributes[] = {
-        {SQL_ATTR_CURSOR_TYPE, SQL_CURSOR_FORWARD_ONLY, ""},
-        {SQL_ATTR_CURSOR_TYPE, SQL_CURSOR_STATIC, "HYC00"},
-        {SQL_ATTR_PARAMSET_SIZE, 0, "HY024"},
-        {31337, 0, "HY092"},
-    };
-    for (const auto& [attribute, value, state] : attributes)
-        EXPECT_EQ(state, statement.stateOf(statement.set(attribute, value)));
 }
 
 }  // namespace

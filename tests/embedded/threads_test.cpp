@@ -78,18 +78,6 @@ TEST(Threads, HaveConnectionsOfTheirOwnToOneFileAndToMany) {
     EXPECT_EQ(before, embedded::HandleRegistry::instance().count());
 }
 
-TEST(Threads, MayShareAConnection) {
-    Connection shared("Database=:memory:");
-    shared.must("CREATE TABLE t (a INTEGER)");
-    together(kThreads, [&](int) {
-        for (int i = 0; i < 200; ++i) {
-            Statement statement(shared.handle);
-            EXPECT_EQ(SQL_SUCCESS, statement.run("INSERT INTO t VALUES (1)"));
-        }
-    });
-    EXPECT_EQ(Rows{"800"}, shared.query("SELECT count(*) FROM t"));
-}
-
 TEST(Threads, FreeingAHandleInUseMakesItInvalidForTheOthers) {
     Connection connection("Database=:memory:");
     connection.must("CREATE TABLE t (a INTEGER)");

@@ -1,17 +1,13 @@
 // The C interface, and the C++ class on it where that does more than pass on.
 #include "include/dbsapi.h"
 
-#include <dlfcn.h>
-
 #include <climits>
-#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "include/cell.h"
 #include "include/dbs.h"
-#include "mono/odbc.h"
 #include "unit/mono/scriptedtest.h"
 
 namespace {
@@ -32,10 +28,7 @@ class DbsApiTest : public ScriptedTest {
         ScriptedTest::TearDown();
     }
 
-    int Execute(const char* sql = "SELECT c") { return DBSExecDirect(handle, sql, SQL_NTS); }
-    int SetBatchSize(std::intptr_t size) {
-        return DBSSetStmtAttr(handle, 22, reinterpret_cast<void*>(size), 4);
-    }
+    int Execute() { return DBSExecDirect(handle, "SELECT c", SQL_NTS); }
     int GetData(DBSINTEGER column, int type, void* target, DBSLEN* length = nullptr) {
         return DBSGetData(handle, column, static_cast<DBSSMALLINT>(type), target, 0, length);
     }
@@ -45,16 +38,6 @@ class DbsApiTest : public ScriptedTest {
         AddBytes(text);
         ASSERT_EQ(Execute(), VORDA_OK);
         ASSERT_GE(DBSFetch(handle), VORDA_OK);
-    }
-    void ExpectError(int code, const std::string& message) {
-        DBSINTEGER native = 7;
-        DBSSMALLINT length = 7;
-        EXPECT_EQ(DBSError(handle, &native, nullptr, &length), VORDA_OK);
-        EXPECT_EQ(native, code);
-        ASSERT_EQ(length, std::ssize(message));
-        std::vector<char> text(message.size() + 1, '#');
-        EXPECT_EQ(DBSError(handle, nullptr, text.data(), &length), VORDA_OK);
-        EXPECT_EQ(text.data(), message);
     }
 
     DBSHANDLE handle = nullptr;
@@ -103,72 +86,7 @@ TEST_F(DbsApiTest, NullAndDisconnectedHandlesAreHarmless) {
     ExpectHarmless(handle);
     ExpectHarmless(nullptr);
     EXPECT_EQ(DBSFreeHandle(SQL_HANDLE_DBC, nullptr), VORDA_OK);
-    // Only connections are served.
-    DBSHANDLE other = handle;
-    for (const DBSSMALLINT type : {DBSSMALLINT{1}, DBSSMALLINT{3}, DBSSMALLINT{0}}) {
-        EXPECT_EQ(DBSAllocHandle(type, nullptr, &other), VORDA_OK);
-        EXPECT_EQ(other, handle);
-        EXPECT_EQ(DBSFreeHandle(type, handle), VORDA_OK);
-    }
     EXPECT_EQ(TakeLog(), "\n");
-}
-
-TEST_F(DbsApiTest, FreeingDoesNotDisconnect) {
-    FetchText("abc");
-    TakeLog();
-    EXPECT_EQ(DBSFreeHandle(SQL_HANDLE_DBC, handle), VORDA_OK);
-    EXPECT_EQ(TakeLog(), "\nSQLFreeStmt(stmt1, 1)\n");
-    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_DBC), 1);
-    // Nobody can free what is left.
-    handle = nullptr;
-    scripted_reset();
-    g_driver_handle_counter = 0;
-    UnloadMethods();
-}
-
-TEST_F(DbsApiTest, ANullStatementIsAnEmptyOne) {
-    EXPECT_EQ(DBSPrepare(handle, nullptr, 5, nullptr), VORDA_OK);
-    EXPECT_NE(TakeLog().find("SQLPrepareW(stmt1, \"\", 0)"), std::string::npos);
-    EXPECT_EQ(Execute(nullptr), VORDA_OK);
-    EXPECT_NE(TakeLog().find("SQLExecDirectW(stmt2, \"\", 0)"), std::string::npos);
-    DBSLEN markers = -7;
-    EXPECT_EQ(DBSPrepare(handle, " SELECT ?, '?', @name", 2, &markers), VORDA_OK);
-    EXPECT_EQ(markers, 2);
-}
-
-TEST_F(DbsApiTest, AFailedExecutionAffectsNoRows) {
-    scripted_row_count(3);
-    EXPECT_EQ(Execute("DELETE FROM t"), VORDA_OK);
-    EXPECT_EQ(DBSExecute(handle), VORDA_NOT_PREPARED);
-    DBSLEN rows = -7;
-    DBSRowCount(handle, &rows);
-    EXPECT_EQ(rows, 0);
-}
-
-TEST_F(DbsApiTest, WantOfMemoryIsAStatus) {
-    if (dlsym(RTLD_DEFAULT, "__asan_init") != nullptr) {
-        GTEST_SKIP() << "the sanitizer ends the process instead";
-    }
-    DBSPrepare(handle, "SELECT ?", SQL_NTS, nullptr);
-    SetBatchSize(INT_MAX);
-    const int length = SQL_NULL_DATA;
-    EXPECT_EQ(DBSBindParameter(handle, 1, 0, DBTYPE_STRING, 0, 0, 0, "", INT_MAX, &length),
-              VORDA_OUT_OF_MEMORY);
-    SetBatchSize(1);
-    EXPECT_EQ(DBSExecute(handle), VORDA_OK);
-}
-
-// The other typed getters are reached through Dbs, which asks for them by one code each.
-TEST_F(DbsApiTest, CodesThatShareAGetter) {
-    AddResult({SQL_INTEGER});
-    scripted_cell_int(-5);
-    Execute();
-    EXPECT_EQ(DBSFetch(handle), VORDA_OK);
-    for (const int type : {DBTYPE_TINYINT, DBTYPE_BIT, DBTYPE_SMALLINT, DBTYPE_INTEGER}) {
-        int integer[2] = {7, 7};
-        EXPECT_EQ(GetData(0, type, integer), VORDA_OK);
-        EXPECT_TRUE(integer[0] == -5 && integer[1] == 7) << type;
-    }
 }
 
 TEST_F(DbsApiTest, TextIsCopiedTwiceAsLongButOnlyFromItsBuffer) {
@@ -220,38 +138,7 @@ TEST_F(DbsApiTest, NullsAndBadIndexesLeaveTheOutputsAlone) {
         EXPECT_EQ(target, before);
         DbCell cell = {};
         EXPECT_EQ(DBSGetCell(handle, column, &cell), status == SQL_NULL_DATA ? 0 : status);
-        std::vector<char> name(128, '#');
-        DBSSMALLINT length = 7, type = 7, other = 7;
-        DBSULEN size = 7;
-        for (char* const place : {static_cast<char*>(nullptr), name.data()}) {
-            DBSDescribeCol(handle, column, place, &length, &type, &size, &other, &other, &other);
-        }
-        const bool isThere = status == SQL_NULL_DATA;
-        EXPECT_STREQ(name.data(), isThere ? "c" : "");
-        EXPECT_TRUE(length == (isThere ? 1 : 0) && (type != 0) == isThere);
     }
-    // Errors of the result set stay there.
-    ExpectError(VORDA_OK, "");
-}
-
-TEST_F(DbsApiTest, ErrorsNeedNoPlaceForTheirText) {
-    DBSINTEGER native = 7;
-    DBSSMALLINT length = 7;
-    char text[16] = "#";
-    for (const int attribute : {23, 0, -22, 21})
-        EXPECT_EQ(DBSSetStmtAttr(handle, attribute, nullptr, 0), VORDA_UNKNOWN_ATTRIBUTE);
-    EXPECT_EQ(DBSError(handle, nullptr, text, nullptr), VORDA_OK);
-    EXPECT_STREQ(text, "#");
-
-    // Those of a fetch are read on their own.
-    FetchText("abc");
-    EXPECT_EQ(DBSFetchError(handle, nullptr, nullptr, nullptr), VORDA_NO_MORE_DATA);
-    FailNext("SQLFetch", 8, "connection lost");
-    EXPECT_EQ(DBSFetch(handle), 8);
-    EXPECT_EQ(DBSFetchError(handle, &native, text, &length), VORDA_OK);
-    EXPECT_TRUE(native == 8 && length == 15);
-    EXPECT_STREQ(text, "connection lost");
-    ExpectError(1103, "Unknown dbsource attribute.");
 }
 
 class DbsTest : public ScriptedTest {
@@ -308,19 +195,6 @@ TEST_F(DbsTest, MethodsRecordTheErrorsTheyMeet) {
     FailNext("SQLExecDirectW", INT_MIN, longText.c_str());
     EXPECT_EQ(dbs.Execute("x", 1), VORDA_ODBC_ERROR);
     ExpectError(INT_MIN, longText.substr(0, 511));
-
-    dbs.Prepare("x", 1);
-    // What binding folds into success is not recorded; a refusal is.
-    const int value = 1, length = 4;
-    FailNext("SQLBindParameter", 7, "seven");
-    EXPECT_EQ(dbs.AddParam(1, DBTYPE_INTEGER, &value, 4, &length), VORDA_OK);
-    EXPECT_EQ(dbs.GetLastError(), INT_MIN);
-    EXPECT_EQ(dbs.AddParam(1, DBTYPE_DECIMAL, &value, 4, &length), -1);
-    ExpectError(1105, "Unknown parameter data type.");
-    // Nor do the getters record anything.
-    int read = 0;
-    EXPECT_EQ(dbs.GetInt(0, &read), VORDA_NOT_EXECUTED);
-    ExpectError(1105, "Unknown parameter data type.");
 }
 
 TEST_F(DbsTest, NumbersDatesAndTimes) {

@@ -4,12 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
-#include <climits>
-#include <new>
 #include <string>
 
 namespace {
@@ -59,68 +54,6 @@ TEST(NormalizeSqlTest, BigStatementsOnASmallStack) {
     pthread_attr_destroy(&attributes);
 }
 
-// A text of more than 2 GB made of one megabyte mapped over and over: it cannot be handled, and
-// must not be handled in part.
-TEST(NormalizeSqlTest, TooLongIsNotShortened) {
-    constexpr std::size_t kPart = 1 << 20;
-    constexpr std::size_t kParts = 2049;
-    const int file = memfd_create("statement", 0);
-    ASSERT_GE(file, 0);
-    const std::string part(kPart, 'a');
-    ASSERT_EQ(write(file, part.data(), kPart), static_cast<ssize_t>(kPart));
-    void* const reserved = mmap(nullptr, (kParts + 1) * kPart, PROT_READ,
-                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    ASSERT_NE(reserved, MAP_FAILED);
-    char* const text = static_cast<char*>(reserved);
-    for (std::size_t i = 0; i < kParts; ++i) {
-        ASSERT_NE(mmap(text + i * kPart, kPart, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0),
-                  MAP_FAILED);
-    }
-    DynStr out;
-    const char* verb = "";
-    out.Set("kept");
-    int type = 7, count = 7;
-    EXPECT_EQ(NormalizeSQL(text, out, &type, &count), VORDA_OUT_OF_MEMORY);
-    EXPECT_TRUE(type == SQLTYPE_OTHER && count == 0);
-    EXPECT_EQ(NormalizeSQL(text, out, &verb), VORDA_OUT_OF_MEMORY);
-    EXPECT_EQ(verb, nullptr);
-    EXPECT_STREQ(out.Deref(), "kept");
-    munmap(reserved, (kParts + 1) * kPart);
-    close(file);
-}
-
-#if !defined(__SANITIZE_ADDRESS__)
-// Runs `action`, which tells whether it noticed, in a process that can get no more big blocks.
-template <typename Action>
-void ExpectNoticed(Action action) {
-    const auto run = [&] {
-        const rlimit none{0, 0};
-        setrlimit(RLIMIT_AS, &none);
-        _exit(action() ? 0 : 1);
-    };
-    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
-}
-
-TEST(NormalizeSqlTest, WithoutMemoryNothingIsShortenedOrMistaken) {
-    const std::string big(64 << 20, 'a');
-    const std::string words = "SELECT (" + big + ")?";
-    const std::string marker = "SELECT [:" + big + "\\x ? ]";
-    for (const std::string& sql : {words, marker}) {
-        ExpectNoticed([&] {
-            DynStr out;
-            int type = 0;
-            return NormalizeSQL(sql.c_str(), out, &type, nullptr) == VORDA_OUT_OF_MEMORY &&
-                   out.Length() == 0;
-        });
-    }
-    SqlTokenizer tokenizer;
-    tokenizer.InitWithUTF8(marker.c_str());
-    tokenizer.NextToken();
-    const SQL_TOKEN* const name = tokenizer.NextToken();
-    ExpectNoticed([&] { return name->Clone() == nullptr; });
-}
-#endif
-
 TEST(SqlTokenizerTest, ReadsNoFurtherThanTold) {
     const std::string sql = "ab'c";
     SqlTokenizer tokenizer;
@@ -140,27 +73,6 @@ TEST(SqlTokenizerTest, ReadsNoFurtherThanTold) {
     EXPECT_STREQ(tokenizer.Position(), "x");  // the blank went with the run
     tokenizer.InitWithUTF8(nullptr);
     EXPECT_EQ(tokenizer.NextToken(), &NONE_TOKEN);
-}
-
-TEST(SqlTokenizerTest, ClonesAreIndependent) {
-    const std::string name(300, 'x');
-    const std::string sql = "[" + name + "] y";
-    SqlTokenizer tokenizer;
-    tokenizer.InitWithUTF8(sql.c_str());
-    const auto clone = tokenizer.NextToken()->Clone();
-    tokenizer.NextToken();
-    EXPECT_TRUE(clone->Equals(TK_IDENTIFIER, name));
-    EXPECT_FALSE(clone->Equals(tokenizer.LastToken()));
-    EXPECT_EQ(clone->bWasQuoted, 1);
-}
-
-TEST(SqlTypeTest, Classes) {
-    for (int type = -1; type <= 8; ++type) {
-        const bool procedure = type == 5 || type == 6;
-        EXPECT_EQ(IsStoredProcedure(type), procedure) << type;
-        EXPECT_EQ(IsStoredProceduresqlType(type), procedure) << type;
-        EXPECT_EQ(SQLTypeHasResultSet(type), procedure || type == 1) << type;
-    }
 }
 
 }  // namespace

@@ -4,45 +4,15 @@
 #include <climits>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "util/core.h"
 #include "util/dynstr.h"
 #include "util/javavector.h"
 
 namespace {
 
-TEST(Integers, NoTextIsZero) {
-    EXPECT_EQ(myatoi(nullptr), 0);
-    EXPECT_EQ(myhextoi64(nullptr), 0);
-}
-
-TEST(Classes, AreAsciiAndNarrow) {
-    const auto isIn = [](char c, std::string_view set) { return set.find(c) != set.npos; };
-    for (int i = 0; i < 256; ++i) {
-        const char c = static_cast<char>(i);
-        EXPECT_EQ(mypisdigit(c), isIn(c, "0123456789")) << i;
-        EXPECT_EQ(myisxdigit(c), isIn(c, "0123456789abcdefABCDEF")) << i;
-        EXPECT_EQ(mypisspace(c), isIn(c, " \t\r\n")) << i;
-    }
-}
-
 std::string Text(const DynStr& s) {
     return {s.Deref(), static_cast<std::size_t>(s.Length())};
-}
-
-TEST(DynStrTest, TheHeapBlockIsHalfAsLargeAgain) {
-    DynStr s;
-    s.Set(std::string(99, 'x').c_str());
-    EXPECT_EQ(s.SpaceAvailable(), 99);
-    s.Append("y");
-    EXPECT_EQ(s.SpaceAvailable(), 150);
-    s.Resize(200, nullptr);
-    EXPECT_EQ(s.SpaceAvailable(), 300);
-    EXPECT_EQ(Text(s).substr(0, 100), std::string(99, 'x') + "y");
-    s.Set("0123456789");
-    EXPECT_EQ(s.SpaceAvailable(), 99);
 }
 
 // Every operation against std::string, the lengths around the inline limit and the source sometimes
@@ -83,22 +53,6 @@ TEST(DynStrTest, OddLengthsAreHarmless) {
     EXPECT_EQ(s.Append("x", INT_MAX - 3), VORDA_OUT_OF_MEMORY);
     EXPECT_EQ(s.Resize(INT_MAX, nullptr), VORDA_OUT_OF_MEMORY);
     EXPECT_STREQ(s.Deref(), "abcde");
-    EXPECT_EQ(s.Append("a\0b", 3), VORDA_OK);
-    EXPECT_EQ(s.Length(), 8);
-    EXPECT_EQ(s.Set(nullptr), VORDA_OK);
-    EXPECT_EQ(s.Length(), 0);
-    EXPECT_EQ(s.Resize(-5, "abc"), VORDA_OK);
-    EXPECT_EQ(s.Length(), 0);
-}
-
-TEST(DynStrTest, Compares) {
-    DynStr s;
-    s.Set("Select x");
-    EXPECT_TRUE(s.StartsWith("Select"));
-    EXPECT_FALSE(s.StartsWith("select"));
-    EXPECT_TRUE(s.EqualsNoCase("sELECT X"));
-    EXPECT_FALSE(s.EqualsNoCase("select"));
-    EXPECT_FALSE(s.Equals("select x"));
 }
 
 // Counts its living instances, so that a leak or a double deletion shows.
@@ -113,31 +67,7 @@ struct Counted {
 class JavaVectorTest : public testing::Test {
   protected:
     void TearDown() override { EXPECT_EQ(Counted::living, 0); }
-    static void Fill(JavaVector<Counted>& vector, int count) {
-        for (int i = 0; i < count; ++i) vector.Add(Counted(i));
-    }
 };
-
-TEST_F(JavaVectorTest, StorageFollowsTheCount) {
-    JavaVector<Counted> v;
-    Fill(v, 20);
-    EXPECT_EQ(v.Capacity(), 20);
-    v.Add();
-    EXPECT_EQ(v.Capacity(), 42);
-    v.Resize(5);
-    EXPECT_EQ(v.Capacity(), 20);
-    v.Resize(30);
-    EXPECT_EQ(v.Get(5), nullptr);
-    EXPECT_EQ(v.Get(29), nullptr);
-    v.Resize(-1);
-    EXPECT_EQ(v.Size(), 0);
-
-    JavaVector<DynStr> cannotBeCopied;
-    cannotBeCopied.Add();
-    cannotBeCopied.LastElement()->Set(std::string(500, 'x').c_str());
-    cannotBeCopied.Resize(21);
-    EXPECT_EQ(cannotBeCopied.Get(0)->Length(), 500);
-}
 
 TEST_F(JavaVectorTest, AgreesWithAModel) {
     std::mt19937 random(11);
@@ -166,26 +96,11 @@ TEST_F(JavaVectorTest, AgreesWithAModel) {
 TEST_F(JavaVectorTest, OutOfBoundsIsHarmless) {
     JavaVector<Counted> v;
     EXPECT_EQ(v.LastElement(), nullptr);
-    Fill(v, 3);
+    for (int i = 0; i < 3; ++i) v.Add(Counted(i));
     EXPECT_EQ(v.Get(-1), nullptr);
     EXPECT_EQ(v.ElementAt(3), nullptr);
-    v.SetElementAt(new Counted(9), 3);
-    v.SetElementAt(v.Get(1), 1);
-    EXPECT_EQ(v.Get(1)->value, 1);
-    v.Insert(99, new Counted(7));
-    EXPECT_EQ(v.LastElement()->value, 7);
     EXPECT_THROW(v.Resize(1 << 30), std::bad_array_new_length);
-    EXPECT_EQ(v.Size(), 4);
-}
-
-TEST_F(JavaVectorTest, StackShowsItsNewest) {
-    JavaStack<Counted> stack;
-    EXPECT_TRUE(stack.empty());
-    EXPECT_EQ(stack.top(), nullptr);
-    stack.push(Counted(1));
-    stack.push(Counted(2));
-    EXPECT_EQ(stack.top()->value, 2);
-    EXPECT_EQ(stack.size(), 2);
+    EXPECT_EQ(v.Size(), 3);
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <climits>
 #include <cstring>
 #include <string>
 
@@ -38,53 +37,6 @@ class FetchTest : public SourceTest {
     }
     IntDbResultSet rs;
 };
-
-TEST_F(FetchTest, Outcomes) {
-    constexpr int kNone = INT_MAX;
-    const struct {
-        int result, native;
-        int next, getter;
-    } cases[] = {
-        {SQL_SUCCESS_WITH_INFO, kNone, VORDA_OK, VORDA_OK},
-        {SQL_SUCCESS_WITH_INFO, -5, -5, VORDA_OK},
-        // A native error must not read as the end of the rows.
-        {SQL_SUCCESS_WITH_INFO, 100, VORDA_OK, VORDA_OK},
-        {SQL_ERROR, 100, VORDA_ODBC_ERROR, 100},
-        // Nor as a row or as NULL.
-        {SQL_ERROR, 0, VORDA_ODBC_ERROR, VORDA_NOT_EXECUTED},
-        {SQL_ERROR, -1, -1, VORDA_NOT_EXECUTED},
-        {SQL_ERROR, kNone, VORDA_ODBC_ERROR, VORDA_NOT_EXECUTED},
-        {SQL_STILL_EXECUTING, 5, 5, 5},
-    };
-    scripted_column("c", SQL_INTEGER, 0, 0, 0, SQL_NULLABLE);
-    for (int row = 0; row < std::ssize(cases); ++row) {
-        scripted_row();
-        scripted_cell_int(row);
-    }
-    ASSERT_EQ(source.Execute("q", 1, &rs, nullptr), VORDA_OK);
-    int row = 0;
-    for (const auto& [result, native, next, getter] : cases) {
-        SCOPED_TRACE(row);
-        scripted_answer_after("SQLFetch", row + 1, result);
-        if (native != kNone) Diagnose(native, "the driver's text");
-        EXPECT_EQ(rs.Next(), next);
-        EXPECT_EQ(rs.GetImpl()->FetchFailed(), getter != VORDA_OK);
-        int value = -7;
-        EXPECT_EQ(rs.GetInt(0, value), getter);
-        EXPECT_EQ(value, getter == VORDA_OK ? row : -7);
-        EXPECT_EQ(rs.GetStringAsUTF8(0, nullptr, nullptr), getter);
-        EXPECT_EQ(rs.GetBytes(0, nullptr, nullptr), getter);
-        ++row;
-    }
-    EXPECT_EQ(rs.Next(), VORDA_NO_MORE_DATA);
-    EXPECT_EQ(rs.GetLastError(), 100);
-    int value = -7;
-    EXPECT_EQ(rs.GetInt(-1, value), VORDA_INDEX_OUT_OF_RANGE);
-    EXPECT_EQ(rs.GetLastError(), 1106);
-    EXPECT_STREQ(rs.GetLastErrorMessage(), "The value index is out of range");
-    EXPECT_EQ(rs.GetStringAsUCS2(0, nullptr, nullptr), VORDA_NOT_IMPLEMENTED);
-    EXPECT_STREQ(rs.GetLastErrorMessage(), "The method is not implemented");
-}
 
 // Which no other tests can fetch.
 TEST_F(FetchTest, BinariesAndTheirLengths) {
