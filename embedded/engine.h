@@ -100,7 +100,8 @@ class Database {
     Database& operator=(const Database&) = delete;
     virtual ~Database() = default;
 
-    virtual std::unique_ptr<Program> prepare(std::string_view sql) = 0;
+    /// `timeout`: seconds after which waiting for a lock fails: HYT00; 0: none.
+    virtual std::unique_ptr<Program> prepare(std::string_view sql, SQLULEN timeout) = 0;
 
     /// Switching autocommit on commits an open transaction. It is on in the beginning.
     virtual void setAutocommit(bool on) = 0;

@@ -46,7 +46,11 @@ void Statement::prepare(std::string_view sql) {
     m_rowCount = -1;
     if (m_settings) m_settings->surplusParameter = 0;
     auto work = std::make_unique<Work>();
-    work->program = m_connection->database().prepare(sql);
+    {
+        const Running running(*this);
+        const SQLULEN timeout = settings().options.execution.timeout;
+        work->program = m_connection->database().prepare(sql, timeout);
+    }
     work->prepared = true;
     m_work = std::move(work);
 }

@@ -30,7 +30,7 @@ class OdbcDatabase final : public Database {
     OdbcDatabase(const ConnectString& text, CursorOwner& cursors, Diagnostics& diagnostics)
         : m_session(text, diagnostics), m_transactions(m_session, cursors) {}
 
-    std::unique_ptr<Program> prepare(std::string_view sql) override {
+    std::unique_ptr<Program> prepare(std::string_view sql, SQLULEN) override {
         return prepareOdbc(m_transactions, m_idle, sql);
     }
     void setAutocommit(bool on) override { m_transactions.setAutocommit(on); }

@@ -39,8 +39,15 @@ std::unique_ptr<Database> openSqlite(const ConnectString& text, CursorOwner& cur
     return database;
 }
 
-std::unique_ptr<Program> SqliteDatabase::prepare(std::string_view sql) {
-    return std::make_unique<SqliteProgram>(m_session, sql);
+std::unique_ptr<Program> SqliteDatabase::prepare(std::string_view sql, SQLULEN timeout) {
+    // The schema is read now if it was not, or has changed, which may wait for a lock.
+    const Session::TimeLimit limit(m_session, timeout);
+    try {
+        return std::make_unique<SqliteProgram>(m_session, sql);
+    } catch (const Error&) {
+        m_session.requireTime();
+        throw;
+    }
 }
 
 bool SqliteDatabase::hasChanges() {

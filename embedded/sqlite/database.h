@@ -13,7 +13,7 @@ class SqliteDatabase final : public Database {
   public:
     SqliteDatabase(const SqliteOptions& options, CursorOwner& cursors);
 
-    std::unique_ptr<Program> prepare(std::string_view sql) override;
+    std::unique_ptr<Program> prepare(std::string_view sql, SQLULEN timeout) override;
     void setAutocommit(bool on) override { m_session.setAutocommit(on); }
     void endTransaction(bool commit) override { m_session.endTransaction(commit); }
     bool hasChanges() override;

@@ -183,10 +183,10 @@ _Adapter = Callable[[Any], Any]
 
 
 def _whole_microseconds(value: Any) -> datetime.datetime:
-    if getattr(value, "nanosecond", 0):
-        raise DataError("%r has nanoseconds, which datetime has not" % (value,))
     if not isinstance(value.year, int):
         raise DataError("%r is no time" % (value,))
+    if getattr(value, "nanosecond", 0):
+        raise DataError("%r has nanoseconds, which datetime has not" % (value,))
     return datetime.datetime.combine(value.date(), value.timetz())
 
 
@@ -215,7 +215,10 @@ def _adapt(value: Any, position: int) -> Any:
     """Makes a value one that the core sends; called by the core for all but the plainest."""
     for base in type(value).__mro__:
         if base in _adapters:
-            made = _adapters[base](value)
+            try:
+                made = _adapters[base](value)
+            except DataError as error:
+                raise DataError("Parameter %d: %s" % (position, error)) from None
             return made if base in _PLAIN else _again(made, position)
     if (
         type(value).__module__ == "numpy"

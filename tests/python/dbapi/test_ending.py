@@ -67,7 +67,14 @@ def test_a_query_alone_keeps_nobody_from_writing(connection, tmp_path):
         other.execute("INSERT INTO t VALUES (1)")
     begin = time.monotonic()
     other.execute("BEGIN EXCLUSIVE")
-    dbapi.connect(tmp_path / "data.db").close()
-    assert time.monotonic() - begin < 3
+    waiting = dbapi.connect(tmp_path / "data.db")
+    threading.Timer(0.2, waiting.cancel).start()
+    with pytest.raises(dbapi.OperationalError, match="interrupted"):
+        waiting.execute("SELECT a FROM t")
+    waiting.timeout = 1
+    with pytest.raises(dbapi.OperationalError, match="timeout has passed"):
+        waiting.execute("SELECT a FROM t")
+    assert time.monotonic() - begin < 4
+    waiting.close()
     other.close()
     assert connection.execute("SELECT a FROM t").fetchone() == (1,)

@@ -63,6 +63,8 @@ def test_other_types_are_sent_as_what_they_stand_for(connection, given, sent):
     (Decimal("NaN"), dbapi.DataError, "decimal"),
     (Decimal("1.2345E-320"), dbapi.DataError, "decimal"),
     (datetime.datetime(2024, 1, 1, tzinfo=datetime.timezone.utc), dbapi.DataError, "time zone"),
+    (type("NaT", (datetime.datetime,), {"year": 0.5, "nanosecond": 0.5})(1, 1, 1), dbapi.DataError,
+     "is no time"),
     (object(), dbapi.ProgrammingError, "type object.*register_adapter"),
     ([1], dbapi.ProgrammingError, "type list"),
 ])
