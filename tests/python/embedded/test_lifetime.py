@@ -62,7 +62,7 @@ if pid == 0:
     child()
     sys.exit()
 status = os.waitpid(pid, 0)[1]
-assert status == %(status)d, status
+assert status == 0, status
 probe = subprocess.run([sys.executable, "-c", "import sqlite3, sys\\n"
     "sqlite3.connect(sys.argv[1], 0).execute('BEGIN IMMEDIATE')", path], stderr=subprocess.PIPE)
 assert b"database is locked" in probe.stderr
@@ -73,8 +73,6 @@ connection.execute("COMMIT")
 CHILDREN = {
     "exit": "pass",
     "exit at once": "os._exit(0)",
-    "exec": "os.execv(sys.executable, [sys.executable, '-c', ''])",
-    "exception": "sys.stderr = None; raise ValueError",
     "close": "connection.close(); refused(connection.close, 'closed connection')",
     "let go": "global connection, cursor; connection = cursor = None; gc.collect()",
     "use": """
@@ -84,10 +82,6 @@ CHILDREN = {
                           lambda: cursor.executemany("INSERT INTO t VALUES (?, ?)", [(0, "")]),
                           lambda: cursor.callproc("p", (1,))):
             refused(operation)""",
-    "connect again": """
-        again = zelqa.connect(connect_string)
-        refused(lambda: write(again), "database is locked")
-        refused(lambda: write(connection))""",
     "close and connect": """
         connection.close()
         refused(lambda: write(zelqa.connect(connect_string)), "database is locked")""",
@@ -101,8 +95,8 @@ CHILDREN = {
 @pytest.mark.parametrize("journal", ["delete", "wal"])
 @pytest.mark.parametrize("ending", CHILDREN)
 def test_fork_within_a_transaction(path, journal, ending):
-    run(path, PARENT % {"journal": journal, "status": 256 if ending == "exception" else 0,
-                        "child": textwrap.indent(textwrap.dedent(CHILDREN[ending]), "    ")})
+    child = textwrap.indent(textwrap.dedent(CHILDREN[ending]), "    ")
+    run(path, PARENT % {"journal": journal, "child": child})
     other = sqlite3.connect(path)
     assert other.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
     assert other.execute("SELECT count(*), max(filler) FROM t").fetchall() == [(1000, "x" * 500)]
@@ -149,8 +143,6 @@ def test_child_with_a_connection_of_its_own(path):
 ENDINGS = {  # code, exit status, rows added
     "kept by the module": ("row.description", 0, 0),
     "a circle": ("circle = [connection, cursor, row]; circle.append(circle)", 0, 0),
-    "kept by other modules": ("import builtins; builtins.kept = sys.modules['kept'] = iter(cursor)",
-                              0, 0),
     "an open transaction": ("connection.execute('BEGIN'); insert(2)", 0, 0),
     "an exit handler": ("atexit.register(lambda: (insert(2), connection.close()))", 0, 1),
     "a finaliser": ("""
@@ -165,13 +157,6 @@ ENDINGS = {  # code, exit status, rows added
             def __len__(self):
                 sys.exit(7)
         cursor.executemany("INSERT INTO t VALUES (?)", Rows())""", 7, 0),
-    "an exit at once in a call-back": ("""
-        class Rows(list):
-            def __len__(self):
-                os._exit(7)
-        insert(2)
-        cursor.execute("INSERT INTO t VALUES (?)", Rows())""", 7, 1),
-    "an error": ("sys.stderr = None; insert(2); cursor.execute('SELECT')", 1, 1),
     "a thread that goes on": ("""
         def work():
             mine = zelqa.connect(connect_string)
@@ -181,11 +166,6 @@ ENDINGS = {  # code, exit status, rows added
         started = threading.Event()
         threading.Thread(target=work, daemon=True).start()
         started.wait()""", 0, 0),
-    "a thread that ends last": ("""
-        def work():
-            threading.main_thread().join()
-            insert(2)
-        threading.Thread(target=work).start()""", 0, 1),
     "a signal between rows": ("""
         signal.signal(signal.SIGALRM, lambda *arguments: sys.exit(7))
         signal.setitimer(signal.ITIMER_REAL, 0.05)

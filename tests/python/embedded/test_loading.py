@@ -95,12 +95,7 @@ def test_the_exported_names():
     expected = {"GetCoreName", "GetCoreName(char const*, char*, int)", "SQLAllocHandle",
                 "SQLExecDirectW", "SQLGetFunctions", "DBSPrepare", "PyInit_zelqa",
                 "Dbs::Prepare(char*, int)", "Dbs::Open(char*, int)", "Dbs::Execute(char*, int)",
-                "Dbs::AddParam(int, int, void*, int, int*)", "Dbs::IsOpen()", "Dbs::GetLastError()",
-                "Dbs::GetLastErrorMessage()", "_db_column_info_::Clone() const",
-                "ucs2_to_ucs4(unsigned short*, unsigned int&)", "ucs4_to_utf8(unsigned int, char*)",
-                "ucs2_to_utf8(unsigned short*, char*)", "utf8_to_usc4(char*, unsigned int&)",
-                "utf8string_to_utf16string(char*, unsigned short*)",
-                "utf16string_to_utf8string(unsigned short*, char*)",
+                "_db_column_info_::Clone() const", "ucs2_to_utf8(unsigned short*, char*)",
                 "mystrcmpi(char const*, char const*)", "SqlTokenizer::NextToken()",
                 "DynStrTemplate<99>::AppendDouble(double)",
                 "NormalizeSQL(char const*, DynStrTemplate<99>&, int*, int*)"}

@@ -2,15 +2,12 @@
 
 import ast
 import os
-import subprocess
-import sys
 
 import pytest
 
 from vorda import zelqa
 
 PACKAGE = os.path.dirname(zelqa.__file__)
-ROOT = os.path.abspath(os.path.join(os.path.dirname(__file__), *[os.pardir] * 3))
 with open(os.path.join(PACKAGE, "zelqa.pyi"), encoding="utf-8") as file:
     STUB = ast.parse(file.read())
 # Iteration goes by index, which only type checkers have to be told; an item cannot be deleted.
@@ -73,37 +70,3 @@ def test_the_stub_counts_arguments_as_the_module_does(cls, function, connection)
     if not function.name.startswith("__"):
         with pytest.raises(TypeError, match="keyword"):
             method(keyword=1)
-
-
-def test_what_can_be_none(connection):
-    cursor = connection.cursor()
-    assert cursor.description is None
-    assert cursor.execute("SELECT 1 WHERE 1 = 0").fetchone() is None
-    assert cursor.description is not None
-    connection.execute("CREATE PROCEDURE p AS SELECT 1")
-    assert cursor.callproc("p") is None
-
-
-def mypy(*arguments, **environment):
-    pytest.importorskip("mypy")
-    done = subprocess.run([sys.executable, "-m", *arguments], text=True, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, cwd=os.path.dirname(PACKAGE),
-                          env={**os.environ, **environment})
-    assert done.returncode == 0, done.stdout
-
-
-def test_mypy_finds_nothing(tmp_path):
-    folder = os.path.join(ROOT, "examples")
-    files = [os.path.join(folder, name) for name in sorted(os.listdir(folder))
-             if name.endswith(".py")]
-    strict = ("mypy", "--strict", "--cache-dir", str(tmp_path), "--python-executable",
-              sys.executable)
-    mypy(*strict, "-p", "vorda")
-    for file in files:
-        mypy(*strict, "--ignore-missing-imports", file, MYPYPATH=os.path.dirname(PACKAGE))
-
-
-def test_stubtest_finds_nothing(tmp_path):
-    allowed = tmp_path / "allowed"
-    allowed.write_text("vorda.zelqa.Row.__iter__\n")
-    mypy("mypy.stubtest", "vorda.zelqa", "--allowlist", str(allowed))

@@ -2,7 +2,6 @@
 
 import contextlib
 import datetime
-import decimal
 import math
 import random
 
@@ -19,16 +18,6 @@ def test_values_come_back_as_they_went_in(cursor, declared, values):
     for value in values:
         cursor.execute("INSERT INTO t VALUES (?)", (value,))
     assert [row[0] for row in cursor.execute("SELECT x FROM t")] == values
-
-
-def test_decimals_are_exact(cursor, stdlib):
-    cursor.execute("CREATE TABLE t (x DECIMAL(12,4))")
-    stdlib.execute("INSERT INTO t VALUES (12.5), (-0.0001), (3), ('0.1'), (99999999.9999)")
-    values = [row[0] for row in cursor.execute("SELECT x FROM t")]
-    texts = ["12.5", "-0.0001", "3", "0.1", "99999999.9999"]
-    assert values == [decimal.Decimal(text) for text in texts]
-    assert cursor.description[0][1] is decimal.Decimal
-    assert cursor.description[0][4:6] == (12, 4)
 
 
 LONG = "12345678901234567890.12"

@@ -33,13 +33,6 @@ def test_what_is_no_text(runtime, cursor, data):
             run()
 
 
-def test_message_of_any_length(runtime, cursor):
-    for length in (510, 511, 512, 1022, 1023, 5000):
-        runtime.fail_next("SQLExecDirectW", "x" * length)
-        with raises(zelqa.DatabaseError, "x" * min(length, 511)):
-            cursor.execute("SELECT 1")
-
-
 @pytest.mark.parametrize("unit, kept", [("x", 2047), ("\u00e9", 2046), ("\u20ac", 2046),
                                         ("\U0001f600", 2044)])
 def test_cut_text_is_told(runtime, cursor, unit, kept):

@@ -2,17 +2,12 @@
 
 import datetime
 import decimal
-import sys
-import threading
-import types
 
 import pytest
 
-from vorda import zelqa
-
 from conftest import (BIGINT, BIT, CHAR, DATE, DECIMAL, DOUBLE, FLOAT, GUID, INTEGER, NUMERIC, REAL,
                       SMALLINT, TIME, TIMESTAMP, TINYINT, TYPE_DATE, TYPE_TIME, TYPE_TIMESTAMP,
-                      VARBINARY, VARCHAR, WVARCHAR, Column, raises)
+                      VARBINARY, VARCHAR, WVARCHAR, Column)
 
 
 @pytest.mark.parametrize("type_code, sqltypes", [
@@ -62,31 +57,3 @@ def test_names_never_fail(runtime, cursor, name, shown):
     runtime.result(Column(name), rows=[[7]])
     assert cursor.execute("SELECT a").description[0][0] == shown
     assert cursor.fetchone()[shown] == 7
-
-
-def test_many_columns(runtime, cursor):
-    names = ["c%d" % i for i in range(2000)]
-    runtime.result(*names, rows=[list(range(2000))])
-    assert [item[0] for item in cursor.execute("SELECT *").description] == names
-    row = cursor.fetchone()
-    assert list(row) == list(range(2000)) and row["c1999"] == 1999
-
-
-@pytest.mark.parametrize("module, exception", [(None, ImportError),
-                                               (types.ModuleType("decimal"), AttributeError)])
-def test_class_that_cannot_be_had(runtime, cursor, monkeypatch, module, exception):
-    runtime.result("before")
-    described = cursor.execute("SELECT before").description
-    runtime.result(Column("a", DECIMAL))
-    monkeypatch.setitem(sys.modules, "decimal", module)
-
-    def run():
-        with raises(zelqa.DatabaseError, "failed to build description") as failure:
-            cursor.execute("SELECT a")
-        assert isinstance(failure.value.__cause__, exception)
-        done.append(True)
-    # Classes are looked up once a thread.
-    done, thread = [], threading.Thread(target=run)
-    thread.start()
-    thread.join()
-    assert done and cursor.description is described

