@@ -80,8 +80,6 @@ class Input {
         m_rest.remove_prefix(taken.size());
         return taken;
     }
-    /// A text whose length the next byte tells.
-    std::string_view text() { return take(byte()); }
     std::string_view rest() { return take(m_rest.size()); }
     /// Up to the next line end, so that inputs made of texts can be read and written by people.
     std::string_view line() {

@@ -6,9 +6,7 @@
 
 #include <charconv>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <random>
 
 #include "fuzz.h"
 
@@ -150,36 +148,6 @@ const char* checkMeaning(std::string_view sql) {
     return "same";
 }
 
-/// A statement that SQLite takes, with whatever the input chooses in its texts, names and comments.
-std::string generated(fuzz::Input& input) {
-    constexpr const char* kColumns[] = {"?\t||''",  "'%'",      "1 AS \"%\"", "2 AS [%]",
-                                        "3 AS `%`", "1e5--%\n", "2/**/*1",    ":a"};
-    constexpr const char* kEnds[] = {"", "", " --%\n", " /*%*/"};
-    constexpr const char* kMarks[] = {"?",  ":a", "@b", "'", "\"", "`",  "[",  "]", "\\", "--",
-                                      "/*", "*/", "//", "#", "\n", "\r", " x", "=", "2"};
-    std::string sql = "SELECT ";
-    for (int columns = 1 + input.byte() % 5; columns > 0; --columns) {
-        const std::string piece = std::string(kColumns[input.byte() % std::size(kColumns)]) +
-                                  kEnds[input.byte() % std::size(kEnds)];
-        for (std::size_t i = 0; i < piece.size(); ++i) {
-            if (piece[i] != '%') {
-                sql += piece[i];
-                continue;
-            }
-            for (int marks = input.byte() % 7; marks > 0; --marks) {
-                const std::string mark = kMarks[input.byte() % std::size(kMarks)];
-                // What would end it is doubled where that helps, and left out elsewhere.
-                const bool ends = mark.front() == piece[i + 1];
-                const bool doubles = ends && std::strchr("'\"`", mark.front()) != nullptr;
-                if (!ends || doubles) sql += mark;
-                if (doubles) sql += mark;
-            }
-        }
-        sql += columns > 1 ? ", " : "";
-    }
-    return sql;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -200,17 +168,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(walk.NextMarker() == nullptr, "and no more");
     require(first.markers > 0 || sql.ends_with(first.text), "without markers nothing changes");
     fuzz::tell("SQLite:", checkMeaning(sql));
-    fuzz::Input input(data, size);
-    checkMeaning(generated(input));
-    std::map<std::string, int> seen;
-    std::mt19937 random(1);
-    for (int i = 0; i < 4000 && size == 0; ++i) {
-        std::uint8_t bytes[60];
-        for (std::uint8_t& byte : bytes) byte = static_cast<std::uint8_t>(random());
-        fuzz::Input some(bytes, sizeof bytes);
-        ++seen[checkMeaning(generated(some))];
-    }
-    for (const auto& [outcome, count] : seen) fuzz::tell(count, "are", outcome);
 
     constexpr const char* kVerbs[] = {nullptr, "SELECT", "UPDATE", "INSERT", "DELETE"};
     DynStr unchanged;
