@@ -1,4 +1,4 @@
-#include "calllog.h"
+#include "model.h"
 
 #include <algorithm>
 #include <array>
@@ -8,13 +8,6 @@
 #include <utility>
 
 namespace {
-
-template <typename T>
-T Load(const char* from) {
-    T value;
-    std::memcpy(&value, from, sizeof value);
-    return value;
-}
 
 template <typename... T>
 std::string Printed(const char* format, T... values) {
@@ -52,6 +45,14 @@ std::string Number(const char* data) {
     return {digits, end};
 }
 
+template <typename T>
+void PutNumber(char* target, const Cell& cell) {
+    const char* const from = cell.bytes.data();
+    const T value = cell.cType == SQL_C_DOUBLE ? static_cast<T>(Load<double>(from))
+                                               : static_cast<T>(Load<long long>(from));
+    std::memcpy(target, &value, sizeof value);
+}
+
 std::string Date(const char* data) {
     const auto d = Load<SQL_DATE_STRUCT>(data);
     return Printed("%04d-%02d-%02d", d.year, d.month, d.day);
@@ -69,18 +70,16 @@ std::string Timestamp(const char* data) {
 }
 
 constexpr FixedType kFixedTypes[] = {
-    {SQL_C_BIT, 1, Number<unsigned char>},
-    {SQL_C_TINYINT, 1, Number<signed char>},
-    {SQL_C_SHORT, 2, Number<SQLSMALLINT>},
-    {SQL_C_LONG, 4, Number<SQLINTEGER>},
-    {SQL_C_SBIGINT, 8, Number<long long>},
-    {SQL_C_FLOAT, 4, Number<float>},
-    {SQL_C_DOUBLE, 8, Number<double>},
-    {SQL_C_DATE, sizeof(SQL_DATE_STRUCT), Date},
-    {SQL_C_TIME, sizeof(SQL_TIME_STRUCT), Time},
-    {SQL_C_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
-    {SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT), Date},
-    {SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp},
+    {SQL_C_BIT, 1, Number<unsigned char>, PutNumber<unsigned char>},
+    {SQL_C_TINYINT, 1, Number<signed char>, PutNumber<unsigned char>},
+    {SQL_C_SHORT, 2, Number<SQLSMALLINT>, PutNumber<SQLSMALLINT>},
+    {SQL_C_LONG, 4, Number<SQLINTEGER>, PutNumber<SQLINTEGER>},
+    {SQL_C_SBIGINT, 8, Number<long long>, PutNumber<long long>},
+    {SQL_C_FLOAT, 4, Number<float>, PutNumber<float>},
+    {SQL_C_DOUBLE, 8, Number<double>, PutNumber<double>},
+    {SQL_C_DATE, sizeof(SQL_DATE_STRUCT), Date, nullptr},
+    {SQL_C_TIME, sizeof(SQL_TIME_STRUCT), Time, nullptr},
+    {SQL_C_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT), Timestamp, nullptr},
 };
 
 SQLLEN IndicatorOf(const Binding& binding, long long set) {

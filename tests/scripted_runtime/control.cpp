@@ -1,9 +1,9 @@
 // The control interface, and the way every call takes: count, log, handler, scripted answer, model.
+#include <dlfcn.h>
+
 #include <optional>
 #include <utility>
 
-#include "calllog.h"
-#include "hostile.h"
 #include "model.h"
 #include "scripted_runtime.h"
 
@@ -20,6 +20,7 @@ struct Script {
     std::map<std::pair<std::string, int>, ScriptedAnswer> answers;
     scripted_handler_function handler = nullptr;
     Answers hostile;
+    void* forwarded = nullptr;  // the library that carries the calls out
     std::string lastPath;
     std::string joinedLog;
 };
@@ -34,12 +35,6 @@ Result& NewestResult() {
     auto& results = TheScript().model.results;
     if (results.empty()) results.emplace_back();
     return results.back();
-}
-
-Cell& NewCell() {
-    auto& rows = NewestResult().rows;
-    if (rows.empty()) rows.emplace_back();
-    return rows.back().emplace_back();
 }
 
 const ScriptedAnswer* FindAnswer(const Script& script, const std::string& name, int nth) {
@@ -78,7 +73,8 @@ void LogNewHandle(Model& model, const Call& call, std::size_t line) {
 
 }  // namespace
 
-SQLRETURN Answer(const char* path, const Call& call) {
+SQLRETURN Answer(const char* path, const Call& call,
+                 const std::function<SQLRETURN(void* function)>& forward) {
     Script& script = TheScript();
     const std::string name(call.name);
     const int nth = ++script.counts[name];
@@ -96,6 +92,7 @@ SQLRETURN Answer(const char* path, const Call& call) {
     }
     const ScriptedAnswer* const answer = FindAnswer(script, name, nth);
     if (answer && !answer->actsFirst) return answer->status;
+    if (script.forwarded) return forward(dlsym(script.forwarded, ("RT_" + name).c_str()));
     const SQLRETURN status = Act(script.model, call);
     if (name == "SQLAllocHandle" && OdbcSucceeded(status)) LogNewHandle(script.model, call, line);
     return answer ? answer->status : status;
@@ -105,12 +102,8 @@ void scripted_reset() {
     TheScript() = Script{};
 }
 
-void scripted_results_clear() {
-    TheScript().model.results.clear();
-}
-
-void scripted_blocks() {
-    TheScript().model.hasBlocks = true;
+void scripted_forward(const char* library) {
+    TheScript().forwarded = dlopen(library, RTLD_NOW | RTLD_LOCAL);
 }
 
 const char* scripted_log() {
@@ -175,63 +168,32 @@ void scripted_row_count(long long count) {
 
 void scripted_column(const char* name, int sqltype, int length, int precision, int scale,
                      int nullable) {
-    NewestResult().columns.push_back({.name = name,
-                                      .sqlType = sqltype,
-                                      .length = length,
-                                      .precision = precision,
-                                      .scale = scale,
-                                      .nullable = nullable,
-                                      .nameLength = {}});
+    NewestResult().columns.push_back({name, sqltype, length, precision, scale, nullable, {}});
 }
 
 void scripted_column_name_length(int reported_length) {
-    auto& columns = NewestResult().columns;
-    if (!columns.empty()) columns.back().nameLength = reported_length;
+    NewestResult().columns.back().nameLength = reported_length;
 }
 
 void scripted_row() {
     NewestResult().rows.emplace_back();
 }
 
-void scripted_cell_null() {
-    NewCell();
-}
-
-void scripted_cell_int(long long value) {
-    NewCell().value = value;
-}
-
-void scripted_cell_double(double value) {
-    NewCell().value = value;
-}
-
-void scripted_cell_bytes(const char* bytes, int length) {
-    NewCell().value = std::string(bytes, static_cast<std::size_t>(length));
-}
-
-void scripted_cell_timestamp(int year, int month, int day, int hour, int minute, int second,
-                             unsigned fraction_nanoseconds) {
-    const auto field = [](int value) { return static_cast<SQLUSMALLINT>(value); };
-    NewCell().value = SQL_TIMESTAMP_STRUCT{static_cast<SQLSMALLINT>(year),
-                                           field(month),
-                                           field(day),
-                                           field(hour),
-                                           field(minute),
-                                           field(second),
-                                           fraction_nanoseconds};
+void scripted_cell(int ctype, const void* bytes, int length) {
+    auto& rows = NewestResult().rows;
+    if (rows.empty()) rows.emplace_back();
+    rows.back().push_back(
+        {ctype, {static_cast<const char*>(bytes), static_cast<std::size_t>(length)}, {}});
 }
 
 void scripted_cell_indicator(long long indicator) {
-    auto& rows = NewestResult().rows;
-    if (!rows.empty() && !rows.back().empty()) {
-        rows.back().back().indicator = static_cast<SQLLEN>(indicator);
-    }
+    NewestResult().rows.back().back().indicator = static_cast<SQLLEN>(indicator);
 }
 
 int scripted_live_handles(int kind) {
     int count = 0;
     for (const auto& [key, handle] : TheScript().model.handles) {
-        if (handle.isLive && !handle.isDoubtful && (kind == 0 || handle.kind == kind)) ++count;
+        if (handle.isLive && (kind == 0 || handle.kind == kind)) ++count;
     }
     return count;
 }

@@ -24,7 +24,9 @@ Argument Pack(T value) {
 template <typename... T>
 SQLRETURN Enter(const char* name, const char* path, T... values) {
     const Argument arguments[] = {Pack(values)...};
-    return Answer(path, {name, arguments});
+    return Answer(path, {name, arguments}, [&](void* function) {
+        return reinterpret_cast<SQLRETURN (*)(const char*, T...)>(function)(path, values...);
+    });
 }
 
 }  // namespace

@@ -1,5 +1,3 @@
-#include "hostile.h"
-
 #include <algorithm>
 #include <climits>
 #include <cstring>
@@ -7,20 +5,15 @@
 #include <random>
 #include <utility>
 
-#include "calllog.h"
+#include "model.h"
 
 namespace {
-
-constexpr int kMostRows = 3000;
 
 constexpr double kRates[] = {0, 0.005, 0.02, 0.05, 0.15, 0.5};
 
 constexpr SQLRETURN kStatuses[] = {
     SQL_SUCCESS, SQL_SUCCESS_WITH_INFO, SQL_ERROR, SQL_INVALID_HANDLE, SQL_NEED_DATA,
     SQL_NO_DATA, SQL_STILL_EXECUTING,   -12345,    SHRT_MAX,           SHRT_MIN};
-// Those that say neither that it worked nor that it failed.
-constexpr SQLRETURN kDoubtful[] = {SQL_INVALID_HANDLE, SQL_NEED_DATA, SQL_NO_DATA, -12345,
-                                   SHRT_MAX};
 
 // Limits that a caller may have: buffers, codes with a meaning, numbers of 16, 32 and 64 bits.
 constexpr std::uint64_t kLimits[] = {0,       0,       100,      128,        200,
@@ -47,50 +40,23 @@ void PutBytes(char* target, std::size_t room, std::string_view bytes) {
     if (target) std::memcpy(target, bytes.data(), std::min(room, bytes.size()));
 }
 
-// A handle below a doubtful one is doubtful itself.
-SQLRETURN NewHandle(Model& model, const Call& call) {
-    const Handle* const parent = model.Find(call.Handle(1));
-    const SQLRETURN status = Act(model, call);
-    if (status == SQL_SUCCESS && parent) {
-        model.handles[*call.Pointer<SQLHANDLE>(2)].isDoubtful = parent->isDoubtful;
-    }
-    return status;
-}
-
 class Hostile {
   public:
     explicit Hostile(std::uint64_t seed) : m_random(seed) {
         m_rate = Pick(kRates);
-        m_subjects = static_cast<unsigned>(Below(64)) | 1U << Below(6);
-        m_isEndless = (m_subjects & Counts) != 0 && Chance(0.2);
-        if (Chance(0.2)) m_habit = ModelledFunction(m_random());
+        m_subjects = static_cast<unsigned>(Below(32)) | 1U << Below(5);
     }
 
     SQLRETURN Answer(Model& model, const Call& call) {
-        const double rate = m_rate;
-        if (call.name == m_habit) m_rate = 0.7;
-        SQLRETURN status = SQL_SUCCESS;
-        if (call.name == "SQLAllocHandle") {
-            status = Alloc(model, call);
-        } else if (m_gaveNone && !TargetOf(call).handle) {
-            status = Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
-        } else {
-            Handle* const handle = model.Use(call);
-            status = handle ? Do(model, call, *handle) : SQLRETURN{SQL_INVALID_HANDLE};
-        }
-        m_rate = rate;
-        return status;
+        if (call.name == "SQLAllocHandle") return Alloc(model, call);
+        if (m_gaveNone && !TargetOf(call).handle)
+            return Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
+        Handle* const handle = model.Use(call);
+        return handle ? Do(model, call, *handle) : SQLRETURN{SQL_INVALID_HANDLE};
     }
 
   private:
-    enum Subject : unsigned {
-        Statuses = 1,
-        Handles = 2,
-        Metadata = 4,
-        Cells = 8,
-        Diags = 16,
-        Counts = 32
-    };
+    enum Subject : unsigned { Statuses = 1, Handles = 2, Metadata = 4, Cells = 8, Diags = 16 };
 
     std::uint64_t Below(std::uint64_t limit) { return m_random() % limit; }
     bool Chance(double probability) {
@@ -142,12 +108,10 @@ class Hostile {
             status = Execute(model, call);
         } else if (call.name == "SQLColAttributeW") {
             status = ColAttribute(model, call);
-        } else if (call.name == "SQLRowCount" && Lies(Counts)) {
+        } else if (call.name == "SQLRowCount" && Lies(Metadata)) {
             Put(call.Pointer<SQLLEN>(1), AnyNumber());
         } else if (call.name == "SQLFetch") {
             status = Fetch(handle);
-            // Past the bound nothing more is said than that there are no rows.
-            if (m_fetched > kMostRows) return SQL_NO_DATA;
         } else {
             status = Act(model, call);
         }
@@ -158,40 +122,25 @@ class Hostile {
         auto* const output = call.Pointer<SQLHANDLE>(2);
         const bool isBelowNone = call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1);
         if (isBelowNone && m_gaveNone) return SQL_INVALID_HANDLE;
-        if (!Lies(Handles)) return NewHandle(model, call);
-        switch (Below(4)) {
-            case 0:
-                return SQL_ERROR;
-            case 1:  // Not a handle, and said not to be.
-                *output = reinterpret_cast<SQLHANDLE>(0xdead0);
-                return SQL_ERROR;
-            case 2:
-                m_gaveNone = true;
-                if (Chance(0.5)) *output = nullptr;
-                return Chance(0.5) ? SQLRETURN{SQL_SUCCESS} : Pick(kDoubtful);
-            default:
-                if (!OdbcSucceeded(NewHandle(model, call))) return SQL_ERROR;
-                model.handles[*output].isDoubtful = true;
-                return Pick(kDoubtful);
-        }
+        if (!Lies(Handles)) return Act(model, call);
+        const SQLRETURN status = AnyStatus();
+        m_gaveNone = m_gaveNone || status != SQL_ERROR;
+        // Not a handle, whether or not it is said to be one.
+        if (Chance(0.5))
+            *output = status == SQL_ERROR ? reinterpret_cast<SQLHANDLE>(0xdead0) : nullptr;
+        return status;
     }
 
     // Always done, whatever the status says: the caller cannot do more than ask.
     SQLRETURN Free(Model& model, const Call& call, Handle& handle) {
         const SQLRETURN lie = AnyStatus();
         const bool isLie = Lies(Statuses);
-        SQLRETURN status = SQL_SUCCESS;
-        if (call.name == "SQLFreeStmt" && call.Number(1) != SQL_DROP) {
-            // Unless it says that it did not: then it may still look at the old buffers.
-            if (!isLie || OdbcSucceeded(lie)) status = Act(model, call);
-        } else if (call.name == "SQLDisconnect") {
-            if (++handle.disconnects > 1) model.Error(call, "disconnected twice");
-            status = Act(model, call);
-        } else {
-            status = Act(model, call);
-            // A handle that was not said to be one is not said to be freed either.
-            if (handle.isDoubtful) return SQL_INVALID_HANDLE;
-        }
+        if (call.name == "SQLDisconnect" && ++handle.disconnects > 1)
+            model.Error(call, "disconnected twice");
+        // What says that it unbound nothing may still look at the old buffers.
+        const bool isUnbinding = call.name == "SQLFreeStmt" && call.Number(1) != SQL_DROP;
+        if (isUnbinding && isLie && !OdbcSucceeded(lie)) return lie;
+        const SQLRETURN status = Act(model, call);
         return isLie ? lie : status;
     }
 
@@ -201,14 +150,12 @@ class Hostile {
         const bool hasOneType = Chance(0.2);
         const long long type = Pick(kTypes);
         for (std::size_t i = 0; i < columns; ++i) {
-            result.columns.push_back(
-                {.name = Chance(0.8) ? std::string(1, static_cast<char>('a' + i % 26)) : AnyText(),
-                 .sqlType = hasOneType ? type : Pick(kTypes),
-                 .length = static_cast<long long>(Below(4000)),
-                 .precision = static_cast<long long>(Below(40)),
-                 .scale = static_cast<long long>(Below(10)),
-                 .nullable = static_cast<long long>(Below(3)),
-                 .nameLength = {}});
+            Column& column = result.columns.emplace_back();
+            column.name = Chance(0.8) ? std::string(1, static_cast<char>('a' + i % 26)) : AnyText();
+            column.sqlType = hasOneType ? type : Pick(kTypes);
+            column.length = static_cast<long long>(Below(4000));
+            column.precision = column.scale = static_cast<long long>(Below(40));
+            column.nullable = static_cast<long long>(Below(3));
         }
         result.rowCount = static_cast<SQLLEN>(Below(10)) - 1;
         return result;
@@ -266,13 +213,9 @@ class Hostile {
     }
 
     SQLRETURN Fetch(Handle& statement) {
-        if (++m_fetched > kMostRows) return SQL_NO_DATA;
-        if (!statement.isExecuted || statement.result.columns.empty()) {
-            if (!Lies(Statuses)) return SQL_ERROR;
-        } else if (statement.nextRow == 0 && !m_isEndless) {
-            return SQL_NO_DATA;
-        }
-        if (statement.nextRow > 0) --statement.nextRow;
+        if (!statement.isExecuted || statement.result.columns.empty()) return SQL_ERROR;
+        if (statement.nextRow == 0) return SQL_NO_DATA;
+        --statement.nextRow;
         bool isWhole = true;
         for (const auto& [number, target] : statement.columns) isWhole = Deliver(target) && isWhole;
         return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
@@ -296,12 +239,6 @@ class Hostile {
     std::mt19937_64 m_random;
     double m_rate = 0;
     unsigned m_subjects = 0;
-    // The function that lies most of the time, if any.
-    std::string_view m_habit;
-    bool m_isEndless = false;
-    // Rows handed out so far; bounded, so that whoever wants all rows of an endless result gets
-    // done.
-    int m_fetched = 0;
     // An allocation brought no handle: from then on null ones are used, which only earns a status.
     bool m_gaveNone = false;
 };

@@ -5,8 +5,6 @@
 #include <iterator>
 #include <utility>
 
-#include "calllog.h"
-
 namespace {
 
 std::string_view CutTo(std::string_view text, long long capacity) {
@@ -103,38 +101,12 @@ SQLRETURN FreeStmt(Model&, const Call& call, Handle* statement) {
 }
 
 SQLRETURN SetStmtAttr(Model&, const Call& call, Handle* statement) {
-    switch (call.Number(1)) {
-        case SQL_ATTR_PARAMSET_SIZE:
-            statement->parameterSets = call.Number(2);
-            break;
-        case SQL_ATTR_ROW_ARRAY_SIZE:
-            statement->rowSets = call.Number(2);
-            break;
-        case SQL_ATTR_ROW_BIND_TYPE:
-            statement->rowSize = call.Number(2);
-            break;
-        case SQL_ATTR_ROW_STATUS_PTR:
-            statement->rowStatus = call.Pointer<SQLUSMALLINT>(2);
-            break;
-        case SQL_ATTR_ROWS_FETCHED_PTR:
-            statement->rowsFetched = call.Pointer<SQLULEN>(2);
-            break;
-        default:
-            break;
-    }
+    if (call.Number(1) == SQL_ATTR_PARAMSET_SIZE) statement->parameterSets = call.Number(2);
     return SQL_SUCCESS;
 }
 
-SQLRETURN GetInfo(Model& model, const Call& call, Handle*) {
-    if (call.Number(1) == SQL_GETDATA_EXTENSIONS && model.hasBlocks)
-        Put(call.Pointer<SQLUINTEGER>(2), SQL_GD_BLOCK | SQL_GD_BOUND);
-    return SQL_SUCCESS;
-}
-
-SQLRETURN Prepare(Model&, const Call& call, Handle* statement) {
+SQLRETURN Prepare(Model&, const Call&, Handle* statement) {
     CloseResult(statement);
-    const auto length = static_cast<std::size_t>(std::max(call.Number(2), 0LL));
-    statement->text.assign(call.Pointer<char>(1), length);
     statement->isPrepared = true;
     return SQL_SUCCESS;
 }
@@ -167,33 +139,6 @@ SQLRETURN BindCol(Model&, const Call& call, Handle* statement) {
 SQLRETURN RowCount(Model&, const Call& call, Handle* statement) {
     Put(call.Pointer<SQLLEN>(1), statement->result.rowCount);
     return SQL_SUCCESS;
-}
-
-SQLRETURN NumParams(Model&, const Call& call, Handle* statement) {
-    Put(call.Pointer<SQLSMALLINT>(1), std::ranges::count(statement->text, '?'));
-    return SQL_SUCCESS;
-}
-
-SQLRETURN NumResultCols(Model&, const Call& call, Handle* statement) {
-    Put(call.Pointer<SQLSMALLINT>(1), static_cast<long long>(statement->result.columns.size()));
-    return SQL_SUCCESS;
-}
-
-SQLRETURN DescribeCol(Model&, const Call& call, Handle* statement) {
-    const auto index = static_cast<std::size_t>(call.Number(1) - 1);
-    if (index >= statement->result.columns.size()) return SQL_ERROR;
-    const Column& column = statement->result.columns[index];
-    const bool isWhole = PutText(call.Pointer<char>(2), call.Number(3), column.name);
-    Put(call.Pointer<SQLSMALLINT>(5), column.sqlType);
-    Put(call.Pointer<SQLULEN>(6), column.length);
-    Put(call.Pointer<SQLSMALLINT>(7), column.scale);
-    Put(call.Pointer<SQLSMALLINT>(8), column.nullable);
-    return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
-}
-
-SQLRETURN MoreResults(Model&, const Call&, Handle* statement) {
-    CloseResult(statement);
-    return SQL_NO_DATA;
 }
 
 // Numbers that describe a column, by their ODBC 2 field identifiers.
@@ -230,44 +175,12 @@ SQLRETURN ColAttribute(Model&, const Call& call, Handle* statement) {
 
 // --- Fetching ---
 
-// Writes a fixed-size value and answers its size.
-template <typename T>
-SQLLEN PutFixed(const Binding& target, T value) {
-    std::memcpy(target.data, &value, sizeof value);
-    return sizeof value;
-}
-
-template <typename T>
-SQLLEN PutNumber(const Binding& target, const Cell& cell) {
-    const auto* integer = std::get_if<long long>(&cell.value);
-    return PutFixed(
-        target, integer ? static_cast<T>(*integer) : static_cast<T>(std::get<double>(cell.value)));
-}
-
-constexpr std::pair<int, SQLLEN (*)(const Binding&, const Cell&)> kNumbers[] = {
-    {SQL_C_BIT, PutNumber<unsigned char>}, {SQL_C_TINYINT, PutNumber<unsigned char>},
-    {SQL_C_SHORT, PutNumber<SQLSMALLINT>}, {SQL_C_LONG, PutNumber<SQLINTEGER>},
-    {SQL_C_SBIGINT, PutNumber<long long>}, {SQL_C_FLOAT, PutNumber<float>},
-    {SQL_C_DOUBLE, PutNumber<double>},
-};
-
-std::string TextOf(const Cell& cell) {
-    const auto format = [](int cType, const void* value) {
-        return FindFixed(cType)->format(static_cast<const char*>(value));
-    };
-    if (const auto* text = std::get_if<std::string>(&cell.value)) return *text;
-    if (const auto* integer = std::get_if<long long>(&cell.value)) {
-        return format(SQL_C_SBIGINT, integer);
-    }
-    if (const auto* real = std::get_if<double>(&cell.value)) return format(SQL_C_DOUBLE, real);
-    return format(SQL_C_TIMESTAMP, &std::get<SQL_TIMESTAMP_STRUCT>(cell.value));
-}
-
 // Writes a cell and answers its length; nothing where the two types do not go together.
 std::optional<SQLLEN> PutCell(const Binding& target, const Cell& cell) {
-    if (std::holds_alternative<std::monostate>(cell.value)) return SQL_NULL_DATA;
+    if (cell.cType == 0) return SQL_NULL_DATA;
+    const FixedType* const fixed = FindFixed(cell.cType);
     if (target.cType == SQL_C_WCHAR || target.cType == SQL_C_BINARY) {
-        const std::string bytes = TextOf(cell);
+        const std::string bytes = fixed ? fixed->format(cell.bytes.data()) : cell.bytes;
         if (target.cType == SQL_C_WCHAR) {
             PutText(target.data, target.bufferLength, bytes);
         } else {
@@ -276,50 +189,27 @@ std::optional<SQLLEN> PutCell(const Binding& target, const Cell& cell) {
         }
         return Size(bytes);
     }
-    const auto* const timestamp = std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value);
-    if (timestamp && (target.cType == SQL_C_TIMESTAMP || target.cType == SQL_C_TYPE_TIMESTAMP))
-        return PutFixed(target, *timestamp);
-    if (timestamp || std::holds_alternative<std::string>(cell.value)) return std::nullopt;
-    for (const auto& [cType, put] : kNumbers) {
-        if (cType == target.cType) return put(target, cell);
+    if (fixed && cell.cType == target.cType) {
+        std::memcpy(target.data, cell.bytes.data(), cell.bytes.size());
+        return Size(cell.bytes);
     }
-    return std::nullopt;
+    const FixedType* const wanted = FindFixed(target.cType);
+    const bool isNumber = cell.cType == SQL_C_SBIGINT || cell.cType == SQL_C_DOUBLE;
+    if (!isNumber || !wanted || !wanted->put) return std::nullopt;
+    wanted->put(target.data, cell);
+    return wanted->size;
 }
 
-// Writes a cell of any kind, as much as fits, and answers its length.
-SQLLEN PutTagged(const Binding& target, const Cell& cell, long long sqlType) {
-    enum Kind : SQLINTEGER { Integer = 1, Real, Text, Blob, Decimal, Date, Time, Timestamp };
-    SQLINTEGER kind = sqlType == SQL_DECIMAL || sqlType == SQL_NUMERIC ? Decimal : Text;
-    if (sqlType == SQL_VARBINARY) kind = Blob;
-    std::string_view bytes;
-    if (std::holds_alternative<std::monostate>(cell.value)) return SQL_NULL_DATA;
-    const auto fixed = [&](const auto* value, SQLINTEGER its) {
-        if (!value) return;
-        kind = its;
-        bytes = {reinterpret_cast<const char*>(value), sizeof *value};
-    };
-    if (const auto* text = std::get_if<std::string>(&cell.value)) bytes = *text;
-    fixed(std::get_if<long long>(&cell.value), Integer);
-    fixed(std::get_if<double>(&cell.value), Real);
-    fixed(std::get_if<SQL_TIMESTAMP_STRUCT>(&cell.value), Timestamp);
-    std::memcpy(target.data, &kind, sizeof kind);
-    const std::string_view part = CutTo(bytes, target.bufferLength - kCellTag);
-    std::memcpy(target.data + kCellTag, part.data(), part.size());
-    return Size(bytes);
-}
-
-SQLRETURN FetchRow(Model& model, const Call& call, Handle* statement, std::size_t position) {
+SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
+    if (!statement->isExecuted || statement->result.columns.empty()) return SQL_ERROR;
+    if (statement->nextRow >= statement->result.rows.size()) return SQL_NO_DATA;
     const std::vector<Cell>& row = statement->result.rows[statement->nextRow++];
     SQLRETURN status = SQL_SUCCESS;
-    for (const auto& [number, bound] : statement->columns) {
+    for (const auto& [number, target] : statement->columns) {
         const auto index = static_cast<std::size_t>(number - 1);
-        if (index >= statement->result.columns.size() || !bound.data) continue;
-        const Binding target = InRow(*statement, bound, position);
+        if (index >= statement->result.columns.size() || !target.data) continue;
         const Cell cell = index < row.size() ? row[index] : Cell{};
-        const bool isTagged = target.cType == kCellType;
-        const std::optional<SQLLEN> length =
-            isTagged ? PutTagged(target, cell, statement->result.columns[index].sqlType)
-                     : PutCell(target, cell);
+        const std::optional<SQLLEN> length = PutCell(target, cell);
         if (!length) {
             model.Error(call, "column " + std::to_string(number) +
                                   " cannot be delivered as C type " + std::to_string(target.cType));
@@ -327,65 +217,8 @@ SQLRETURN FetchRow(Model& model, const Call& call, Handle* statement, std::size_
         }
         Put(target.indicators, cell.indicator.value_or(*length));
         const SQLLEN room = target.bufferLength - (target.cType == SQL_C_WCHAR ? 1 : 0);
-        if (!isTagged && target.bufferLength > 0 && *length > room) status = SQL_SUCCESS_WITH_INFO;
+        if (target.bufferLength > 0 && *length > room) status = SQL_SUCCESS_WITH_INFO;
     }
-    return status;
-}
-
-SQLRETURN Fetch(Model& model, const Call& call, Handle* statement) {
-    if (!statement->isExecuted || statement->result.columns.empty()) return SQL_ERROR;
-    statement->block = statement->nextRow;
-    statement->position = 0;
-    statement->delivered.clear();
-    SQLRETURN status = SQL_SUCCESS;
-    std::size_t fetched = 0;
-    for (; fetched < static_cast<std::size_t>(statement->rowSets); ++fetched) {
-        if (statement->nextRow >= statement->result.rows.size()) break;
-        const SQLRETURN one = FetchRow(model, call, statement, fetched);
-        if (one == SQL_ERROR) return one;
-        if (one != SQL_SUCCESS) status = one;
-        if (statement->rowStatus) statement->rowStatus[fetched] = SQL_ROW_SUCCESS;
-    }
-    Put(statement->rowsFetched, static_cast<long long>(fetched));
-    return fetched == 0 ? SQLRETURN{SQL_NO_DATA} : status;
-}
-
-SQLRETURN SetPos(Model&, const Call& call, Handle* statement) {
-    statement->position = static_cast<std::size_t>(call.Number(1) - 1);
-    return SQL_SUCCESS;
-}
-
-SQLRETURN GetData(Model& model, const Call& call, Handle* statement) {
-    const std::size_t row = statement->block + statement->position;
-    const auto index = static_cast<std::size_t>(call.Number(1) - 1);
-    const std::vector<Column>& columns = statement->result.columns;
-    if (row >= statement->result.rows.size() || index >= columns.size()) return SQL_ERROR;
-    const Cell& cell = statement->result.rows[row][index];
-    Binding target = BindingOf(call, 2, 3);
-    const auto* const text = std::get_if<std::string>(&cell.value);
-    std::optional<SQLLEN> length;
-    SQLRETURN status = SQL_SUCCESS;
-    if (target.cType == kCellType) {
-        length = PutTagged(target, cell, columns[index].sqlType);
-    } else if (text) {
-        std::size_t& begin = statement->delivered[static_cast<int>(index)];
-        if (begin > 0 && begin == text->size()) return SQL_NO_DATA;
-        const std::string_view left = std::string_view(*text).substr(begin);
-        const long long room = target.bufferLength - (target.cType == SQL_C_BINARY ? 0 : 1);
-        const std::string_view part = CutTo(left, room);
-        std::memcpy(target.data, part.data(), part.size());
-        if (room < target.bufferLength) target.data[part.size()] = '\0';
-        begin += part.size();
-        if (part.size() < left.size()) status = SQL_SUCCESS_WITH_INFO;
-        length = Size(left);
-    } else {
-        length = PutCell(target, cell);
-    }
-    if (!length) {
-        model.Error(call, "a cell cannot be delivered as C type " + std::to_string(target.cType));
-        return SQL_ERROR;
-    }
-    Put(target.indicators, cell.indicator.value_or(*length));
     return status;
 }
 
@@ -404,10 +237,6 @@ SQLRETURN Error(Model& model, const Call& call, Handle*) {
             diagnostic.reportedLength == -1 ? Size(diagnostic.text) : diagnostic.reportedLength);
     }
     return diagnostic.status;
-}
-
-SQLRETURN GetDiagRec(Model& model, const Call& call, Handle* handle) {
-    return call.Number(2) == 1 ? Error(model, call, handle) : SQLRETURN{SQL_NO_DATA};
 }
 
 // The functions that are modelled, and the kind of handle that comes first to each; for the others
@@ -435,18 +264,7 @@ constexpr Action kActions[] = {
     {"SQLRowCount", SQL_HANDLE_STMT, RowCount},
     {"SQLColAttributeW", SQL_HANDLE_STMT, ColAttribute},
     {"SQLFetch", SQL_HANDLE_STMT, Fetch},
-    {"SQLGetDiagRecW", kTold, GetDiagRec},
     {"SQLEndTran", kTold, Nothing},
-    {"SQLGetInfoW", SQL_HANDLE_DBC, GetInfo},
-    {"SQLSetConnectAttrW", SQL_HANDLE_DBC, Nothing},
-    {"SQLGetConnectAttrW", SQL_HANDLE_DBC, Nothing},
-    {"SQLSetStmtAttrW", SQL_HANDLE_STMT, SetStmtAttr},
-    {"SQLNumParams", SQL_HANDLE_STMT, NumParams},
-    {"SQLNumResultCols", SQL_HANDLE_STMT, NumResultCols},
-    {"SQLDescribeColW", SQL_HANDLE_STMT, DescribeCol},
-    {"SQLGetData", SQL_HANDLE_STMT, GetData},
-    {"SQLSetPos", SQL_HANDLE_STMT, SetPos},
-    {"SQLMoreResults", SQL_HANDLE_STMT, MoreResults},
 };
 
 const Action* FindAction(const Call& call) {
@@ -463,24 +281,10 @@ Binding BindingOf(const Call& call, std::size_t cType, std::size_t data) {
             .indicators = call.Pointer<SQLLEN>(data + 2)};
 }
 
-Binding InRow(const Handle& statement, const Binding& bound, std::size_t position) {
-    const auto step = [&](SQLLEN size) {
-        return static_cast<SQLLEN>(position) * (statement.rowSize > 0 ? statement.rowSize : size);
-    };
-    Binding moved = bound;
-    if (moved.data) moved.data += step(bound.bufferLength);
-    if (moved.indicators) {
-        moved.indicators = reinterpret_cast<SQLLEN*>(reinterpret_cast<char*>(moved.indicators) +
-                                                     step(sizeof(SQLLEN)));
-    }
-    return moved;
-}
-
 Target TargetOf(const Call& call) {
-    if (call.name == "SQLAllocHandle") {
+    if (call.name == "SQLAllocHandle")
         return {call.Handle(1), static_cast<int>(call.Number(0)) - 1};
-    }
-    if (call.name == "SQLFreeHandle" || call.name == "SQLGetDiagRecW" || call.name == "SQLEndTran")
+    if (call.name == "SQLFreeHandle" || call.name == "SQLEndTran")
         return {call.Handle(1), static_cast<int>(call.Number(0))};
     if (call.name == "SQLErrorW") {
         std::size_t i = 0;
@@ -510,10 +314,6 @@ Handle* Model::Use(const Call& call) {
 void Model::Error(const Call& call, const std::string& what) {
     ++errors;
     log.push_back("ERROR: " + std::string(call.name) + ": " + what);
-}
-
-std::string_view ModelledFunction(std::uint64_t random) {
-    return kActions[random % std::size(kActions)].name;
 }
 
 SQLRETURN Act(Model& model, const Call& call) {

@@ -3,13 +3,14 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 #include "include/sqltypes.h"
@@ -34,8 +35,11 @@ struct Call {
     SQLHANDLE Handle(std::size_t i) const { return Pointer<void>(i); }
 };
 
+// A value as the bytes of a C type: a large integer, a double, a timestamp, or any others; 0 is
+// NULL.
 struct Cell {
-    std::variant<std::monostate, long long, double, std::string, SQL_TIMESTAMP_STRUCT> value;
+    int cType = 0;
+    std::string bytes;
     std::optional<SQLLEN> indicator;
 };
 
@@ -67,10 +71,7 @@ struct Handle {
     int number = 0;
     SQLHANDLE parent = nullptr;
     bool isLive = true;
-    // Only the seeded mode: whether the status of its allocation left open whether there is a
-    // handle at all.
-    bool isDoubtful = false;
-    int disconnects = 0;
+    int disconnects = 0;  // in the seeded mode
     // Connections.
     bool isConnected = false;
     // Statements.
@@ -81,21 +82,7 @@ struct Handle {
     std::map<int, Binding> columns;
     Result result;
     std::size_t nextRow = 0;
-    std::string text;
-    // Of the last fetch: its first row, the row that SQLGetData reads, what it has read of it.
-    std::size_t block = 0, position = 0;
-    std::map<int, std::size_t> delivered;
-    long long rowSets = 1, rowSize = 0;
-    SQLUSMALLINT* rowStatus = nullptr;
-    SQLULEN* rowsFetched = nullptr;
 };
-
-// The C type of a cell of any kind: 4 bytes of kind, 4 more, the value.
-constexpr int kCellType = 0x4001;
-constexpr SQLLEN kCellTag = 8;
-
-// A binding of columns, moved to a row of an array.
-Binding InRow(const Handle& statement, const Binding& bound, std::size_t position);
 
 struct Diagnostic {
     std::string state;
@@ -114,7 +101,6 @@ struct Model {
     std::deque<Diagnostic> diagnostics;
     std::vector<std::string> log;
     int errors = 0;
-    bool hasBlocks = false;  // of rows, in cells of any kind
 
     const Handle* Find(SQLHANDLE handle) const;
     // The live handle that the call is on, or null and a logged misuse.
@@ -134,12 +120,45 @@ template <typename T>
 void Put(T* target, long long value) {
     if (target) *target = static_cast<T>(value);
 }
+template <typename T>
+T Load(const char* from) {
+    T value;
+    std::memcpy(&value, from, sizeof value);
+    return value;
+}
 
-// The name of a function that has a model, which a random number chooses.
-std::string_view ModelledFunction(std::uint64_t random);
+// C types whose values have one size; the slots of all others are as wide as their buffer length.
+struct FixedType {
+    int cType;
+    int size;
+    std::string (*format)(const char* data);
+    void (*put)(char* target, const Cell& number);  // null: takes no numbers
+};
+// Null for a type that is none of them.
+const FixedType* FindFixed(int cType);
 
 // Carries a call out. Functions without a model succeed without effect.
 SQLRETURN Act(Model& model, const Call& call);
 
-// Counts, logs and answers a call; every entry point ends here.
-SQLRETURN Answer(const char* path, const Call& call);
+// Counts, logs and answers a call; every entry point ends here. `forward` carries it out with
+// another runtime's function.
+SQLRETURN Answer(const char* path, const Call& call,
+                 const std::function<SQLRETURN(void* function)>& forward);
+
+// --- The log ---
+
+// The call with its arguments, as they are before it acts.
+std::string FormatCall(const Model& model, const Call& call);
+// "stmt2", "dbc1(freed)", "null" or "ptr".
+std::string FormatHandle(const Model& model, SQLHANDLE handle);
+// Logs what the bound memory of a statement's parameters holds, one line each; a length that
+// reaches beyond its slot is an error.
+void LogParameters(Model& model, const Call& call, const Handle& statement);
+
+// --- Answers from a seed ---
+
+using Answers = std::function<SQLRETURN(Model&, const Call&)>;
+// Answers mostly as a provider would, with results that it invents, and lies at a rate and about
+// things that the seed chooses. Whatever it says, it stays a legal callee: it writes only within
+// the lengths that it was given, and reads what is bound only while its own answers promise that.
+Answers HostileAnswers(std::uint64_t seed);

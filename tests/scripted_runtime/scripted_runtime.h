@@ -1,8 +1,8 @@
 // A runtime for tests: a library pair with the real runtime's names that records every call and
-// answers as told. C++ tests link vorda_scripted_runtime; Python tests load both libraries with
-// ctypes, globally and before the first connect, and call these functions on the first. Not
-// thread-safe. All texts are 8-bit UTF-8. It models handles, prepare, parameters, execute, result
-// sets, bound columns, fetch and diagnostics; every other function succeeds without effect.
+// answers as told. C++ tests link vorda_scripted_runtime; Python tests load it with ctypes and call
+// these functions. Not thread-safe. All texts are 8-bit UTF-8. It models handles, prepare,
+// parameters, execute, result sets, bound columns, fetch and diagnostics; every other function
+// succeeds without effect.
 #pragma once
 
 #include "util/def.h"
@@ -13,10 +13,8 @@ extern "C" {
 
 // Back to the start: no log, answers, handler, diagnostics, results, handles, counts or errors.
 VORDA_EXPORT void scripted_reset(void);
-// Takes back the results that no execution has had yet.
-VORDA_EXPORT void scripted_results_clear(void);
-// From now on it has blocks of rows, in cells of any kind.
-VORDA_EXPORT void scripted_blocks(void);
+// Until the reset another runtime carries out the calls that no handler answers.
+VORDA_EXPORT void scripted_forward(const char* library);
 
 // --- What was called ---
 
@@ -77,13 +75,9 @@ VORDA_EXPORT void scripted_column_name_length(int reported_length);
 
 // Begins a row; then one cell for each column, from the left. Missing cells are NULL.
 VORDA_EXPORT void scripted_row(void);
-VORDA_EXPORT void scripted_cell_null(void);
-VORDA_EXPORT void scripted_cell_int(long long value);
-VORDA_EXPORT void scripted_cell_double(double value);
-// Any bytes, for text and for binary columns.
-VORDA_EXPORT void scripted_cell_bytes(const char* bytes, int length);
-VORDA_EXPORT void scripted_cell_timestamp(int year, int month, int day, int hour, int minute,
-                                          int second, unsigned fraction_nanoseconds);
+// `ctype`: SQL_C_SBIGINT, SQL_C_DOUBLE or SQL_C_TIMESTAMP with the bytes of such a value,
+// SQL_C_CHAR with any bytes, 0 for NULL.
+VORDA_EXPORT void scripted_cell(int ctype, const void* bytes, int length);
 // The length/indicator reported for the last cell in place of the true one. The cell is delivered
 // all the same; with -1 (NULL) too.
 VORDA_EXPORT void scripted_cell_indicator(long long indicator);

@@ -119,7 +119,7 @@ TEST_F(DbsApiTest, TextIsCopiedTwiceAsLongButOnlyFromItsBuffer) {
 TEST_F(DbsApiTest, NullsAndBadIndexesLeaveTheOutputsAlone) {
     // Delivered, but said to be NULL; and not delivered at all.
     AddResult({SQL_INTEGER, SQL_WVARCHAR});
-    scripted_cell_int(1);
+    AddCell(SQL_C_SBIGINT, 1LL);
     scripted_cell_indicator(SQL_NULL_DATA);
     Execute();
     EXPECT_EQ(DBSFetch(handle), VORDA_OK);
@@ -201,11 +201,11 @@ TEST_F(DbsTest, NumbersDatesAndTimes) {
     Open();
     AddResult({SQL_BIT, SQL_TINYINT, SQL_SMALLINT, SQL_INTEGER, SQL_BIGINT, SQL_REAL, SQL_DOUBLE,
                SQL_TYPE_TIMESTAMP});
-    const int ints[] = {1, 200, -32768, INT_MIN};
-    for (const int value : ints) scripted_cell_int(value);
-    scripted_cell_int(LLONG_MIN + 5);
-    for (int i = 0; i < 2; ++i) scripted_cell_double(0.1);
-    scripted_cell_timestamp(-44, 3, 15, 23, 59, 58, 123456789);
+    const long long ints[] = {1, 200, -32768, INT_MIN};
+    for (const long long value : ints) AddCell(SQL_C_SBIGINT, value);
+    AddCell(SQL_C_SBIGINT, LLONG_MIN + 5);
+    for (int i = 0; i < 2; ++i) AddCell(SQL_C_DOUBLE, 0.1);
+    AddCell(SQL_C_TIMESTAMP, SQL_TIMESTAMP_STRUCT{-44, 3, 15, 23, 59, 58, 123456789});
     dbs.Execute("SELECT 1", 8);
     dbs.Next();
     for (int i = 0; i < 4; ++i) EXPECT_EQ(Get(&Dbs::GetInt, i), ints[i]);

@@ -9,6 +9,7 @@ import contextlib
 import ctypes
 import gc
 import os
+import struct
 
 import pytest
 
@@ -35,6 +36,8 @@ Column = collections.namedtuple("Column", "name sqltype length precision scale n
 Cell = collections.namedtuple("Cell", "value indicator")
 Timestamp = collections.namedtuple("Timestamp", "year month day hour minute second nanoseconds",
                                    defaults=(1, 1, 1, 0, 0, 0, 0))
+# By their types, the C type of a cell and its layout; all others are texts.
+CELLS = {type(None): (0, None), int: (-25, "q"), float: (8, "d"), Timestamp: (11, "h5HI")}
 
 
 def encoded(text):
@@ -135,16 +138,12 @@ class Runtime:
         if isinstance(value, Cell):
             self._cell(value.value)
             self._library.scripted_cell_indicator(ctypes.c_longlong(value.indicator))
-        elif value is None:
-            self._library.scripted_cell_null()
-        elif isinstance(value, int):
-            self._library.scripted_cell_int(ctypes.c_longlong(value))
-        elif isinstance(value, float):
-            self._library.scripted_cell_double(ctypes.c_double(value))
-        elif isinstance(value, Timestamp):
-            self._library.scripted_cell_timestamp(*value)
-        else:
-            self._library.scripted_cell_bytes(encoded(value), len(encoded(value)))
+            return
+        c_type, layout = CELLS.get(type(value), (1, None))
+        if layout is not None:
+            value = struct.pack(layout, *(value if isinstance(value, tuple) else (value,)))
+        value = b"" if value is None else encoded(value)
+        self._library.scripted_cell(c_type, value, len(value))
 
 
 @pytest.fixture(scope="session", autouse=True)

@@ -45,6 +45,10 @@ class ScriptedTest : public ::testing::Test {
         scripted_row();
     }
     static void AddBytes(const std::string& value) {
-        scripted_cell_bytes(value.data(), static_cast<int>(value.size()));
+        scripted_cell(SQL_C_CHAR, value.data(), static_cast<int>(value.size()));
+    }
+    template <typename T>
+    static void AddCell(int cType, T value) {
+        scripted_cell(cType, &value, sizeof value);
     }
 };
