@@ -37,40 +37,30 @@ struct Statement {
         static Result none;
         return result < results.size() ? results[result] : none;
     }
-    template <class T>
-    T* pointer(SQLINTEGER attribute) {
-        return static_cast<T*>(attributes[attribute]);
-    }
 };
 
 Statement& statementOf(SQLHANDLE handle) {
     return *static_cast<Statement*>(handle);
 }
 
-/// Notes a call; what the script answers to it, or `kUsual`.
-SQLRETURN answer(const std::string& name, const std::string& details = "", int* number = nullptr) {
-    int call = 0;
+/// Notes a call, and does its usual work unless the script answers it.
+template <class Work>
+SQLRETURN answerOr(const std::string& details, Work&& work, Call call = {},
+                   const std::string& name = __builtin_FUNCTION()) {
     {
         const std::lock_guard lock(mutex);
-        call = ++script().calls[name];
+        call.number = ++script().calls[name];
         script().log.push_back(details.empty() ? name : name + " " + details);
     }
-    if (number) *number = call;
     const auto found = script().answers.find(name);
-    return found == script().answers.end() ? kUsual : found->second(call);
+    const SQLRETURN told = found == script().answers.end() ? kUsual : found->second(call);
+    return told == kUsual ? static_cast<SQLRETURN>(work()) : told;
 }
 
 /// The same for a call that has nothing to do.
-SQLRETURN simple(const std::string& name, const std::string& details) {
-    const SQLRETURN told = answer(name, details);
-    return told == kUsual ? SQLRETURN{SQL_SUCCESS} : told;
-}
-
-/// The same for a call whose usual work is `work`.
-template <class Work>
-SQLRETURN answerOr(const std::string& name, const std::string& details, Work&& work) {
-    const SQLRETURN told = answer(name, details);
-    return told == kUsual ? static_cast<SQLRETURN>(work()) : told;
+SQLRETURN simple(const std::string& details, const char* name = __builtin_FUNCTION()) {
+    return answerOr(
+        details, [] { return SQL_SUCCESS; }, {}, name);
 }
 
 std::string narrow(const SQLWCHAR* text, SQLINTEGER length) {
@@ -94,54 +84,41 @@ void put(const std::u16string& text, SQLWCHAR* target, size_t room) {
     target[kept] = 0;
 }
 
-/// Bytes of a value of a C type, or 0 for one of any length.
-size_t fixedSize(SQLSMALLINT cType) {
-    static const std::map<SQLSMALLINT, size_t> kSizes{
-        {SQL_C_SBIGINT, sizeof(SQLBIGINT)},
-        {SQL_C_DOUBLE, sizeof(SQLDOUBLE)},
-        {SQL_C_BIT, 1},
-        {SQL_C_TYPE_DATE, sizeof(SQL_DATE_STRUCT)},
-        {SQL_C_TYPE_TIMESTAMP, sizeof(SQL_TIMESTAMP_STRUCT)}};
-    const auto found = kSizes.find(cType);
-    return found == kSizes.end() ? 0 : found->second;
-}
-
 /// Delivers what is behind `offset`, which moves on; the length is the one claimed or what was
-/// left.
+/// left. Values of one size come whole.
 SQLRETURN deliver(const Cell& cell, const Binding& to, size_t& offset) {
     const std::string_view rest = std::string_view(cell.bytes).substr(offset);
     if (to.indicator) *to.indicator = cell.claimed.value_or(static_cast<SQLLEN>(rest.size()));
-    const size_t fixed = fixedSize(to.cType);
     const size_t unit = to.cType == SQL_C_WCHAR ? sizeof(SQLWCHAR) : to.cType == SQL_C_CHAR;
-    size_t room = fixed;
-    if (fixed == 0) {
-        room = static_cast<size_t>(to.capacity);
-        if (room < unit) return SQL_SUCCESS_WITH_INFO;
-        room -= unit;
+    size_t room = rest.size();
+    if (unit > 0 || to.cType == SQL_C_BINARY) {
+        if (static_cast<size_t>(to.capacity) < unit) return SQL_SUCCESS_WITH_INFO;
+        room = static_cast<size_t>(to.capacity) - unit;
     }
     const size_t kept = std::min(room, rest.size());
     if (kept > 0) std::memcpy(to.target, rest.data(), kept);
-    if (fixed == 0) std::memset(to.target + kept, 0, unit);
+    std::memset(to.target + kept, 0, unit);
     offset += kept;
     return kept < rest.size() ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
 }
 
-SQLRETURN execute(const std::string& name, SQLHANDLE handle, const std::string& text) {
+SQLRETURN execute(SQLHANDLE handle, const std::string& text,
+                  const char* name = __builtin_FUNCTION()) {
     Statement& statement = statementOf(handle);
-    const auto sets = reinterpret_cast<SQLULEN>(statement.attributes[SQL_ATTR_PARAMSET_SIZE]);
-    Execution execution{0, std::max<SQLULEN>(sets, 1),
-                        statement.pointer<SQLUSMALLINT>(SQL_ATTR_PARAM_STATUS_PTR),
-                        statement.pointer<SQLULEN>(SQL_ATTR_PARAMS_PROCESSED_PTR)};
-    const SQLRETURN told =
-        answer(name, text + (sets > 1 ? " sets=" + std::to_string(sets) : ""), &execution.call);
-    if (told != kUsual) return told;
+    auto& attributes = statement.attributes;
+    const auto sets = reinterpret_cast<SQLULEN>(attributes[SQL_ATTR_PARAMSET_SIZE]);
+    Call call;
+    call.sets = std::max<SQLULEN>(sets, 1);
+    call.status = static_cast<SQLUSMALLINT*>(attributes[SQL_ATTR_PARAM_STATUS_PTR]);
+    call.processed = static_cast<SQLULEN*>(attributes[SQL_ATTR_PARAMS_PROCESSED_PTR]);
     statement.results = script().results;
     statement.result = statement.row = 0;
-    const SQLRETURN result = script().execute ? script().execute(execution) : kUsual;
-    if (result != kUsual) return result;
-    if (execution.status) std::fill_n(execution.status, execution.sets, SQL_PARAM_SUCCESS);
-    if (execution.processed) *execution.processed = execution.sets;
-    return SQL_SUCCESS;
+    const auto work = [&call] {
+        if (call.status) std::fill_n(call.status, call.sets, SQL_PARAM_SUCCESS);
+        store(call.processed, call.sets);
+        return SQL_SUCCESS;
+    };
+    return answerOr(text + (sets > 1 ? " sets=" + std::to_string(sets) : ""), work, call, name);
 }
 
 }  // namespace
@@ -153,7 +130,7 @@ Script* odbc_driver_script() {
 }
 
 SQLRETURN SQLAllocHandle(SQLSMALLINT type, SQLHANDLE, SQLHANDLE* out) {
-    return answerOr("SQLAllocHandle", std::to_string(type), [&] {
+    return answerOr(std::to_string(type), [&] {
         *out = new Statement;
         const std::lock_guard lock(mutex);
         ++script().handles;
@@ -162,7 +139,7 @@ SQLRETURN SQLAllocHandle(SQLSMALLINT type, SQLHANDLE, SQLHANDLE* out) {
 }
 
 SQLRETURN SQLFreeHandle(SQLSMALLINT type, SQLHANDLE handle) {
-    return answerOr("SQLFreeHandle", std::to_string(type), [&] {
+    return answerOr(std::to_string(type), [&] {
         delete static_cast<Statement*>(handle);
         const std::lock_guard lock(mutex);
         --script().handles;
@@ -176,22 +153,22 @@ SQLRETURN SQLSetEnvAttr(SQLHENV, SQLINTEGER, SQLPOINTER, SQLINTEGER) {
 
 SQLRETURN SQLDriverConnectW(SQLHDBC, SQLHWND, SQLWCHAR* text, SQLSMALLINT length, SQLWCHAR*,
                             SQLSMALLINT, SQLSMALLINT*, SQLUSMALLINT) {
-    return simple("SQLDriverConnectW", narrow(text, length));
+    return simple(narrow(text, length));
 }
 
 SQLRETURN SQLDisconnect(SQLHDBC) {
-    return simple("SQLDisconnect", "");
+    return simple("");
 }
 
 SQLRETURN SQLGetInfoW(SQLHDBC, SQLUSMALLINT type, SQLPOINTER value, SQLSMALLINT capacity,
                       SQLSMALLINT* length) {
-    return answerOr("SQLGetInfoW", std::to_string(type), [&] {
+    return answerOr(std::to_string(type), [&] {
         const auto text = script().texts.find(type);
         const auto number = script().numbers.find(type);
         if (text != script().texts.end()) {
             put(text->second, static_cast<SQLWCHAR*>(value),
                 static_cast<size_t>(capacity) / sizeof(SQLWCHAR));
-            if (length) *length = static_cast<SQLSMALLINT>(text->second.size() * sizeof(SQLWCHAR));
+            store(length, text->second.size() * sizeof(SQLWCHAR));
         } else if (number != script().numbers.end()) {
             std::memcpy(value, &number->second, sizeof number->second);
         } else {
@@ -202,13 +179,13 @@ SQLRETURN SQLGetInfoW(SQLHDBC, SQLUSMALLINT type, SQLPOINTER value, SQLSMALLINT 
 }
 
 SQLRETURN SQLSetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER) {
-    return simple("SQLSetConnectAttrW", std::to_string(attribute) + "=" +
-                                            std::to_string(reinterpret_cast<SQLULEN>(value)));
+    return simple(std::to_string(attribute) + "=" +
+                  std::to_string(reinterpret_cast<SQLULEN>(value)));
 }
 
 SQLRETURN SQLGetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER,
                              SQLINTEGER*) {
-    return answerOr("SQLGetConnectAttrW", std::to_string(attribute), [&] {
+    return answerOr(std::to_string(attribute), [&] {
         const SQLUINTEGER alive = SQL_CD_FALSE;
         std::memcpy(value, &alive, sizeof alive);
         return SQL_SUCCESS;
@@ -216,11 +193,11 @@ SQLRETURN SQLGetConnectAttrW(SQLHDBC, SQLINTEGER attribute, SQLPOINTER value, SQ
 }
 
 SQLRETURN SQLEndTran(SQLSMALLINT, SQLHANDLE, SQLSMALLINT completion) {
-    return simple("SQLEndTran", completion == SQL_COMMIT ? "commit" : "rollback");
+    return simple(completion == SQL_COMMIT ? "commit" : "rollback");
 }
 
 SQLRETURN SQLPrepareW(SQLHSTMT handle, SQLWCHAR* text, SQLINTEGER length) {
-    return answerOr("SQLPrepareW", narrow(text, length), [&] {
+    return answerOr(narrow(text, length), [&] {
         statementOf(handle).results = script().results;
         statementOf(handle).result = 0;
         return SQL_SUCCESS;
@@ -228,11 +205,11 @@ SQLRETURN SQLPrepareW(SQLHSTMT handle, SQLWCHAR* text, SQLINTEGER length) {
 }
 
 SQLRETURN SQLExecDirectW(SQLHSTMT handle, SQLWCHAR* text, SQLINTEGER length) {
-    return execute("SQLExecDirectW", handle, narrow(text, length));
+    return execute(handle, narrow(text, length));
 }
 
 SQLRETURN SQLExecute(SQLHSTMT handle) {
-    return execute("SQLExecute", handle, "");
+    return execute(handle, "");
 }
 
 SQLRETURN SQLBindParameter(SQLHSTMT, SQLUSMALLINT number, SQLSMALLINT, SQLSMALLINT cType,
@@ -240,11 +217,11 @@ SQLRETURN SQLBindParameter(SQLHSTMT, SQLUSMALLINT number, SQLSMALLINT, SQLSMALLI
                            SQLLEN*) {
     SQLBIGINT shown = digits;
     if (cType == SQL_C_SBIGINT) std::memcpy(&shown, value, sizeof shown);
-    return simple("SQLBindParameter", std::to_string(number) + "=" + std::to_string(shown));
+    return simple(std::to_string(number) + "=" + std::to_string(shown));
 }
 
 SQLRETURN SQLNumResultCols(SQLHSTMT handle, SQLSMALLINT* count) {
-    return answerOr("SQLNumResultCols", "", [&] {
+    return answerOr("", [&] {
         const Result& result = statementOf(handle).current();
         *count = result.claimed.value_or(static_cast<SQLSMALLINT>(result.columns.size()));
         return SQL_SUCCESS;
@@ -254,7 +231,7 @@ SQLRETURN SQLNumResultCols(SQLHSTMT handle, SQLSMALLINT* count) {
 SQLRETURN SQLDescribeColW(SQLHSTMT handle, SQLUSMALLINT number, SQLWCHAR* name,
                           SQLSMALLINT capacity, SQLSMALLINT* length, SQLSMALLINT* type,
                           SQLULEN* size, SQLSMALLINT* digits, SQLSMALLINT* nullable) {
-    return answerOr("SQLDescribeColW", std::to_string(number), [&] {
+    return answerOr(std::to_string(number), [&] {
         const auto& columns = statementOf(handle).current().columns;
         const Column column = number <= columns.size() ? columns[number - 1U] : Column{u"more"};
         put(column.name, name, static_cast<size_t>(capacity));
@@ -269,15 +246,15 @@ SQLRETURN SQLDescribeColW(SQLHSTMT handle, SQLUSMALLINT number, SQLWCHAR* name,
 
 SQLRETURN SQLColAttributeW(SQLHSTMT, SQLUSMALLINT, SQLUSMALLINT field, SQLPOINTER, SQLSMALLINT,
                            SQLSMALLINT*, SQLLEN* number) {
-    return answerOr("SQLColAttributeW", std::to_string(field), [&] {
-        if (number) *number = SQL_FALSE;
+    return answerOr(std::to_string(field), [&] {
+        store(number, SQL_FALSE);
         return field == SQL_DESC_UNSIGNED ? SQL_SUCCESS : SQL_ERROR;
     });
 }
 
 SQLRETURN SQLBindCol(SQLHSTMT handle, SQLUSMALLINT number, SQLSMALLINT cType, SQLPOINTER target,
                      SQLLEN capacity, SQLLEN* indicator) {
-    return answerOr("SQLBindCol", std::to_string(number), [&] {
+    return answerOr(std::to_string(number), [&] {
         statementOf(handle).columns[number] = {cType, static_cast<char*>(target), capacity,
                                                indicator};
         return SQL_SUCCESS;
@@ -285,7 +262,7 @@ SQLRETURN SQLBindCol(SQLHSTMT handle, SQLUSMALLINT number, SQLSMALLINT cType, SQ
 }
 
 SQLRETURN SQLFetch(SQLHSTMT handle) {
-    return answerOr("SQLFetch", "", [&] {
+    return answerOr("", [&] {
         Statement& statement = statementOf(handle);
         const Result& result = statement.current();
         statement.partColumn = 0;
@@ -304,22 +281,24 @@ SQLRETURN SQLFetch(SQLHSTMT handle) {
 
 SQLRETURN SQLGetData(SQLHSTMT handle, SQLUSMALLINT number, SQLSMALLINT cType, SQLPOINTER target,
                      SQLLEN capacity, SQLLEN* indicator) {
-    GetData call{0, number, static_cast<char*>(target), capacity, indicator};
-    const SQLRETURN told = answer("SQLGetData", std::to_string(number), &call.call);
-    if (told != kUsual) return told;
-    if (script().getData) {
-        const SQLRETURN result = script().getData(call);
-        if (result != kUsual) return result;
-    }
-    Statement& statement = statementOf(handle);
-    const Cell& cell = statement.current().rows[statement.row - 1][number - 1U];
-    if (std::exchange(statement.partColumn, number) != number) statement.offset = 0;
-    if (statement.offset > 0 && statement.offset >= cell.bytes.size()) return SQL_NO_DATA;
-    return deliver(cell, {cType, call.target, capacity, indicator}, statement.offset);
+    const auto work = [&] {
+        Statement& statement = statementOf(handle);
+        const Cell& cell = statement.current().rows[statement.row - 1][number - 1U];
+        if (std::exchange(statement.partColumn, number) != number) statement.offset = 0;
+        if (statement.offset > 0 && statement.offset >= cell.bytes.size())
+            return SQLRETURN{SQL_NO_DATA};
+        return deliver(cell, {cType, static_cast<char*>(target), capacity, indicator},
+                       statement.offset);
+    };
+    Call call;
+    call.target = static_cast<char*>(target);
+    call.capacity = capacity;
+    call.indicator = indicator;
+    return answerOr(std::to_string(number), work, call);
 }
 
 SQLRETURN SQLMoreResults(SQLHSTMT handle) {
-    return answerOr("SQLMoreResults", "", [&] {
+    return answerOr("", [&] {
         Statement& statement = statementOf(handle);
         statement.row = 0;
         return ++statement.result < statement.results.size() ? SQL_SUCCESS : SQL_NO_DATA;
@@ -327,23 +306,23 @@ SQLRETURN SQLMoreResults(SQLHSTMT handle) {
 }
 
 SQLRETURN SQLRowCount(SQLHSTMT handle, SQLLEN* count) {
-    return answerOr("SQLRowCount", "",
+    return answerOr("",
                     [&] { return *count = statementOf(handle).current().changed, SQL_SUCCESS; });
 }
 
 SQLRETURN SQLFreeStmt(SQLHSTMT handle, SQLUSMALLINT option) {
-    return answerOr("SQLFreeStmt", std::to_string(option), [&] {
+    return answerOr(std::to_string(option), [&] {
         if (option == SQL_UNBIND) statementOf(handle).columns.clear();
         return SQL_SUCCESS;
     });
 }
 
 SQLRETURN SQLCancel(SQLHSTMT) {
-    return simple("SQLCancel", "");
+    return simple("");
 }
 
 SQLRETURN SQLSetStmtAttrW(SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER value, SQLINTEGER) {
-    return answerOr("SQLSetStmtAttrW", std::to_string(attribute), [&] {
+    return answerOr(std::to_string(attribute), [&] {
         statementOf(handle).attributes[attribute] = value;
         return SQL_SUCCESS;
     });
@@ -352,7 +331,7 @@ SQLRETURN SQLSetStmtAttrW(SQLHSTMT handle, SQLINTEGER attribute, SQLPOINTER valu
 SQLRETURN SQLProcedureColumnsW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR* schema,
                                SQLSMALLINT, SQLWCHAR* name, SQLSMALLINT, SQLWCHAR*, SQLSMALLINT) {
     const std::string text = (schema ? narrow(schema, SQL_NTS) + "." : "") + narrow(name, SQL_NTS);
-    return answerOr("SQLProcedureColumnsW", text, [&] {
+    return answerOr(text, [&] {
         statementOf(handle).results = {script().catalog};
         statementOf(handle).result = statementOf(handle).row = 0;
         return SQL_SUCCESS;
@@ -366,9 +345,9 @@ SQLRETURN SQLGetDiagRecW(SQLSMALLINT, SQLHANDLE, SQLSMALLINT number, SQLWCHAR* s
     if (number < 1 || static_cast<size_t>(number) > all.size()) return SQL_NO_DATA;
     const Diagnostic& record = all[static_cast<size_t>(number) - 1];
     put(record.state, state, SQL_SQLSTATE_SIZE + 1);
-    if (native) *native = record.native;
+    store(native, record.native);
     put(record.text, text, static_cast<size_t>(std::max<SQLSMALLINT>(capacity, 0)));
-    if (length) *length = record.claimed.value_or(static_cast<SQLSMALLINT>(record.text.size()));
+    store(length, record.claimed.value_or(static_cast<SQLSMALLINT>(record.text.size())));
     return SQL_SUCCESS;
 }
 

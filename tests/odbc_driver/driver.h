@@ -39,31 +39,24 @@ struct Result {
     std::optional<SQLSMALLINT> claimed{};  ///< in place of the number of columns
 };
 
-/// A call of SQLGetData.
-struct GetData {
-    int call;  ///< counted from 1
-    SQLUSMALLINT column;
-    char* target;
-    SQLLEN capacity;
-    SQLLEN* indicator;
-};
-
-/// The parameters of an execution.
-struct Execution {
-    int call;  ///< counted from 1
-    SQLULEN sets;
-    SQLUSMALLINT* status;  ///< null: not asked for
-    SQLULEN* processed;    ///< null: not asked for
+struct Call {
+    int number = 0;  ///< of the calls of the function, counted from 1
+    // Of an execution.
+    SQLULEN sets = 0;
+    SQLUSMALLINT* status = nullptr;
+    SQLULEN* processed = nullptr;
+    // Of SQLGetData.
+    char* target = nullptr;
+    SQLLEN capacity = 0;
+    SQLLEN* indicator = nullptr;
 };
 
 /// Says that the driver goes on as if there were no answer.
 inline constexpr SQLRETURN kUsual = -1000;
 
 struct Script {
-    /// By the function's name: what its call, counted from 1, returns.
-    std::map<std::string, std::function<SQLRETURN(int call)>> answers;
-    std::function<SQLRETURN(const GetData&)> getData;
-    std::function<SQLRETURN(const Execution&)> execute;
+    /// By the function's name: what its calls return.
+    std::map<std::string, std::function<SQLRETURN(const Call&)>> answers;
     std::vector<Result> results;
     Result catalog;
     std::vector<Diagnostic> diagnostics;  ///< of every handle, whenever they are asked for

@@ -19,11 +19,7 @@ std::string Printed(const char* format, T... values) {
 std::string Quoted(std::string_view text) {
     std::string out = "\"";
     for (const char c : text) {
-        if (c == '\n') {
-            out += "\\n";
-        } else if (c == '"' || c == '\\') {
-            out += {'\\', c};
-        } else if (static_cast<unsigned char>(c) < 0x20) {
+        if (c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20) {
             out += Printed("\\x%02x", static_cast<unsigned char>(c));
         } else {
             out += c;

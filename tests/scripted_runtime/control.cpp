@@ -168,7 +168,12 @@ void scripted_row_count(long long count) {
 
 void scripted_column(const char* name, int sqltype, int length, int precision, int scale,
                      int nullable) {
-    NewestResult().columns.push_back({name, sqltype, length, precision, scale, nullable, {}});
+    const std::map<long long, long long> numbers{{SQL_COLUMN_TYPE, sqltype},
+                                                 {SQL_COLUMN_LENGTH, length},
+                                                 {SQL_COLUMN_PRECISION, precision},
+                                                 {SQL_COLUMN_SCALE, scale},
+                                                 {SQL_COLUMN_NULLABLE, nullable}};
+    NewestResult().columns.push_back({name, numbers, {}});
 }
 
 void scripted_column_name_length(int reported_length) {

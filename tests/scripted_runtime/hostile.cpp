@@ -152,10 +152,11 @@ class Hostile {
         for (std::size_t i = 0; i < columns; ++i) {
             Column& column = result.columns.emplace_back();
             column.name = Chance(0.8) ? std::string(1, static_cast<char>('a' + i % 26)) : AnyText();
-            column.sqlType = hasOneType ? type : Pick(kTypes);
-            column.length = static_cast<long long>(Below(4000));
-            column.precision = column.scale = static_cast<long long>(Below(40));
-            column.nullable = static_cast<long long>(Below(3));
+            for (const long long field :
+                 {SQL_COLUMN_LENGTH, SQL_COLUMN_PRECISION, SQL_COLUMN_SCALE, SQL_COLUMN_NULLABLE}) {
+                column.numbers[field] = static_cast<long long>(Below(40));
+            }
+            column.numbers[SQL_COLUMN_TYPE] = hasOneType ? type : Pick(kTypes);
         }
         result.rowCount = static_cast<SQLLEN>(Below(10)) - 1;
         return result;

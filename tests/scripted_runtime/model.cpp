@@ -141,13 +141,6 @@ SQLRETURN RowCount(Model&, const Call& call, Handle* statement) {
     return SQL_SUCCESS;
 }
 
-// Numbers that describe a column, by their ODBC 2 field identifiers.
-constexpr std::pair<long long, long long Column::*> kNumericFields[] = {
-    {SQL_COLUMN_TYPE, &Column::sqlType},        {SQL_COLUMN_LENGTH, &Column::length},
-    {SQL_COLUMN_PRECISION, &Column::precision}, {SQL_COLUMN_SCALE, &Column::scale},
-    {SQL_COLUMN_NULLABLE, &Column::nullable},
-};
-
 SQLRETURN ColAttribute(Model&, const Call& call, Handle* statement) {
     const std::vector<Column>& columns = statement->result.columns;
     const long long field = call.Number(2);
@@ -165,12 +158,10 @@ SQLRETURN ColAttribute(Model&, const Call& call, Handle* statement) {
             column.nameLength ? *column.nameLength : Size(column.name));
         return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
     }
-    for (const auto& [known, member] : kNumericFields) {
-        if (field != known) continue;
-        Put(number, column.*member);
-        return SQL_SUCCESS;
-    }
-    return SQL_ERROR;
+    const auto known = column.numbers.find(field);
+    if (known == column.numbers.end()) return SQL_ERROR;
+    Put(number, known->second);
+    return SQL_SUCCESS;
 }
 
 // --- Fetching ---

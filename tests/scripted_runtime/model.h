@@ -45,7 +45,8 @@ struct Cell {
 
 struct Column {
     std::string name;
-    long long sqlType, length, precision, scale, nullable;
+    // What describes it, by the ODBC 2 field identifiers.
+    std::map<long long, long long> numbers;
     std::optional<int> nameLength;
 };
 

@@ -25,7 +25,7 @@ VORDA_EXPORT void scripted_forward(const char* library);
 //   SQLExecute(stmt1)
 //     1: values=[5, 6, NULL], lens=[4, 4, -1]      what the bound memory held, all sets
 // Handles are named by kind and order of allocation, with "(freed)" once freed; other pointers are
-// "ptr" or "null". Texts are in quotes with \n, \\, \" and \xNN, binary values as x'00ff'. Valid
+// "ptr" or "null". Texts are in quotes with \xNN, binary values as x'00ff'. Valid
 // until the next call of this function.
 VORDA_EXPORT const char* scripted_log(void);
 // Empties the log and nothing else.

@@ -7,7 +7,6 @@
 namespace embedded_test {
 namespace {
 
-using odbc_driver::Execution;
 using Sets = std::array<SQLUSMALLINT, 3>;
 
 constexpr SQLUSMALLINT kGood = SQL_PARAM_SUCCESS;
@@ -16,7 +15,7 @@ constexpr SQLUSMALLINT kUnused = SQL_PARAM_UNUSED;
 
 /// An execution that reports so about its sets.
 auto reporting(SQLRETURN result, SQLULEN processed, Sets statuses) {
-    return [=](const Execution& execution) {
+    return [=](const Call& execution) {
         if (execution.sets == 1) return kUsual;
         if (execution.processed) *execution.processed = processed;
         if (execution.status) std::copy(statuses.begin(), statuses.end(), execution.status);
@@ -76,7 +75,6 @@ struct DriverBatches : DriverTest {
             seen += transactions();
         }
         script.answers.clear();
-        script.execute = {};
         SQLUINTEGER dead = SQL_CD_FALSE;
         RT_SQLGetConnectAttr(kDriver, connection.handle, SQL_ATTR_CONNECTION_DEAD, &dead, 0,
                              nullptr);
@@ -92,7 +90,7 @@ struct DriverBatches : DriverTest {
 
 TEST_F(DriverBatches, AreDoneWholeOrUndone) {
     EXPECT_EQ("3: off, array, commit, on", alone());
-    script.execute = reporting(SQL_SUCCESS, 3, {1, 1, 1});  // no diagnosis of each
+    executions(reporting(SQL_SUCCESS, 3, {1, 1, 1}));  // no diagnosis of each
     EXPECT_EQ("3: off, array, commit, on", alone());
     script.answers["SQLSetStmtAttrW"] = failing(1, 1);
     EXPECT_EQ("9: off, one, again, again, commit, on", alone());
@@ -103,15 +101,15 @@ TEST_F(DriverBatches, AreDoneWholeOrUndone) {
     EXPECT_EQ("23505 there already (parameter set 2 of 3): off, one, again, rollback, on", alone());
 
     const std::string undone = ": off, array, rollback, on";
-    script.execute = reporting(SQL_ERROR, 3, {kGood, kBad, kGood});
+    executions(reporting(SQL_ERROR, 3, {kGood, kBad, kGood}));
     EXPECT_EQ("23505 there already (parameter set 2 of 3)" + undone, alone());
-    script.execute = reporting(SQL_SUCCESS_WITH_INFO, 3, {kGood, kGood, kBad});
+    executions(reporting(SQL_SUCCESS_WITH_INFO, 3, {kGood, kGood, kBad}));
     EXPECT_EQ("23505 there already (parameter set 3 of 3)" + undone, alone());
     const std::string incomplete =
         "HY000 The driver has not executed every parameter set of the batch." + undone;
-    script.execute = reporting(SQL_SUCCESS, 2, {kGood, kGood, kUnused});
+    executions(reporting(SQL_SUCCESS, 2, {kGood, kGood, kUnused}));
     EXPECT_EQ(incomplete, alone());
-    script.execute = reporting(SQL_SUCCESS, 3, {kGood, kUnused, kGood});
+    executions(reporting(SQL_SUCCESS, 3, {kGood, kUnused, kGood}));
     EXPECT_EQ(incomplete, alone());
 
     script.answers["SQLEndTran"] = failing(1, 1);
@@ -123,10 +121,10 @@ TEST_F(DriverBatches, AreDoneWholeOrUndone) {
     EXPECT_EQ("23505 there already: off", alone());
 
     const Sets bad{kBad, kUnused, kUnused};
-    script.execute = reporting(SQL_ERROR, 1, bad);
+    executions(reporting(SQL_ERROR, 1, bad));
     script.answers["SQLEndTran"] = failing(1, 1);
     EXPECT_EQ("23505 there already (parameter set 1 of 3): off, array, rollback lost", alone());
-    script.execute = reporting(SQL_ERROR, 1, bad);
+    executions(reporting(SQL_ERROR, 1, bad));
     script.answers["SQLSetConnectAttrW"] = failing(2);
     EXPECT_EQ("23505 there already (parameter set 1 of 3)" + undone + " lost", alone());
     // This batch is there; what comes later would never be.
@@ -143,7 +141,7 @@ TEST_F(DriverBatches, InATransactionOfTheApplicationAreUndoneAlone) {
     EXPECT_EQ("3", batch(statement));
     EXPECT_EQ(call + "SAVEPOINT vorda_1, array, " + call + "RELEASE SAVEPOINT vorda_1",
               transactions());
-    script.execute = reporting(SQL_ERROR, 3, {kGood, kBad, kGood});
+    executions(reporting(SQL_ERROR, 3, {kGood, kBad, kGood}));
     EXPECT_EQ("23505 there already (parameter set 2 of 3)", batch(statement));
     EXPECT_EQ(call + "SAVEPOINT vorda_2, array, " + call + "ROLLBACK TO SAVEPOINT vorda_2, " +
                   call + "RELEASE SAVEPOINT vorda_2",

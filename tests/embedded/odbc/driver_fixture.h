@@ -12,6 +12,7 @@
 
 namespace embedded_test {
 
+using odbc_driver::Call;
 using odbc_driver::Cell;
 using odbc_driver::kUsual;
 using odbc_driver::Result;
@@ -47,7 +48,9 @@ inline Cell claiming(Cell cell, SQLLEN length) {
 
 /// An answer to the calls from one to another.
 inline auto failing(int from = 1, int to = 100000, SQLRETURN result = SQL_ERROR) {
-    return [=](int call) { return call >= from && call <= to ? result : kUsual; };
+    return [=](const Call& call) {
+        return call.number >= from && call.number <= to ? result : kUsual;
+    };
 }
 
 inline const std::string kDriverText = "Driver=" VORDA_ODBC_DRIVER ";Server=here";
@@ -71,6 +74,9 @@ class DriverTest : public ::testing::Test {
 
     void dialect(const char16_t* name) { script.texts[SQL_DBMS_NAME] = name; }
 
+    void executions(const std::function<SQLRETURN(const Call&)>& answer) {
+        script.answers["SQLExecDirectW"] = script.answers["SQLExecute"] = answer;
+    }
     /// From now on every execution gives one column of `type` with one row for each of `cells`.
     void give(SQLSMALLINT type, const std::vector<Cell>& cells) {
         Result result;

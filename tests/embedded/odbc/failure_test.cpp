@@ -2,8 +2,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
-#include <condition_variable>
 #include <thread>
 
 #include "driver_fixture.h"
@@ -140,10 +140,10 @@ TEST_F(DriverFailures, OfWhatFollowsInATextAreSeen) {
     expect({change, rows, change}, "UPDATE t; SELECT 1; UPDATE t => 1, 2");
     expect({change, change}, "UPDATE t; UPDATE t => #4");
     // The first statement finds no row.
-    script.execute = [](const odbc_driver::Execution&) { return SQLRETURN{SQL_NO_DATA}; };
+    executions(failing(1, 100000, SQL_NO_DATA));
     expect({{}, change}, "UPDATE t; UPDATE t  => #2");
     expect({{}}, "UPDATE t => #0");
-    script.execute = {};
+    script.answers.clear();
     script.answers["SQLMoreResults"] = failing();
     expect({change}, "UPDATE t; UPDATE nowhere => !42S02");
     script.results = {rows, change};
@@ -186,7 +186,7 @@ TEST_F(DriverResults, OfChangesHaveColumnsOrNone) {
         script.answers.clear();
     }
     // RETURNING that finds no row: the driver manager takes it for the end of the results.
-    script.execute = [](const odbc_driver::Execution&) { return SQLRETURN{SQL_NO_DATA}; };
+    executions(failing(1, 100000, SQL_NO_DATA));
     script.results = {{described, {}, 0}};
     EXPECT_EQ(SQL_SUCCESS, statement.run("DELETE FROM t RETURNING c"));
     EXPECT_EQ(0, statement.rowCount());
@@ -280,33 +280,26 @@ TEST_F(DriverFailures, OfADeadConnectionDoNotKeepIt) {
 }
 
 TEST_F(DriverConnections, AreCancelledByOtherThreads) {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool running = false;
-    bool cancelled = false;
-    const auto wait = [&](bool& what) {
-        std::unique_lock lock(mutex);
-        EXPECT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return what; }));
-    };
-    const auto tell = [&](bool& what) {
-        const std::lock_guard lock(mutex);
+    std::atomic<bool> running;
+    std::atomic<bool> cancelled;
+    const auto tell = [](std::atomic<bool>& what) {
         what = true;
-        changed.notify_all();
+        what.notify_all();
         return kUsual;
     };
     script.diagnostics = {{u"HY008", 1, u"cancelled"}};
-    script.answers["SQLCancel"] = [&](int) { return tell(cancelled); };
+    script.answers["SQLCancel"] = [&](const Call&) { return tell(cancelled); };
     Connection connection(kDriverText);
     for (const char* function : {"SQLExecDirectW", "SQLFetch"}) {
         running = cancelled = false;
-        script.answers[function] = [&](int) {
+        script.answers[function] = [&](const Call&) {
             tell(running);
-            wait(cancelled);
+            cancelled.wait(false);
             return SQLRETURN{SQL_ERROR};
         };
         Statement statement(connection.handle);
         std::thread other([&] {
-            wait(running);
+            running.wait(false);
             EXPECT_EQ(SQL_SUCCESS, RT_SQLCancel(kDriver, statement.handle));
         });
         SQLRETURN result = statement.run("SELECT 1");

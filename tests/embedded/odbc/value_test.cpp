@@ -7,8 +7,6 @@
 namespace embedded_test {
 namespace {
 
-using odbc_driver::GetData;
-
 // With bound columns read again, and without.
 constexpr SQLUINTEGER kExtensions[] = {SQL_GD_BOUND, SQL_GD_ANY_ORDER};
 constexpr SQLLEN kHuge = std::numeric_limits<SQLLEN>::max();
@@ -112,9 +110,9 @@ TEST_F(DriverValues, ComeThroughOrAreRefused) {
 TEST_F(DriverValues, ThatNobodyReportsAreNoNulls) {
     for (const SQLSMALLINT type : std::initializer_list<SQLSMALLINT>{SQL_WVARCHAR, SQL_INTEGER}) {
         give(type, {claiming(number(1), 8), {}});
-        script.getData = [](const GetData&) { return SQLRETURN{SQL_SUCCESS}; };
-        script.answers["SQLFetch"] = [](int call) {
-            return call <= 2 ? SQLRETURN{SQL_SUCCESS} : SQLRETURN{SQL_NO_DATA};
+        script.answers["SQLGetData"] = [](const Call&) { return SQLRETURN{SQL_SUCCESS}; };
+        script.answers["SQLFetch"] = [](const Call& call) {
+            return call.number <= 2 ? SQLRETURN{SQL_SUCCESS} : SQLRETURN{SQL_NO_DATA};
         };
         for (const Rows& rows : bothWays()) EXPECT_EQ(Rows{"!22018"}, rows) << type;
         script.answers.clear();
@@ -147,8 +145,8 @@ TEST_F(DriverValues, OfAnyLengthArePutTogether) {
     for (const bool keepsPairs : {false, true}) {
         size_t row = 0;
         size_t done = 0;
-        script.answers["SQLFetch"] = [&](int) { return ++row, done = 0, kUsual; };
-        script.getData = [&](const GetData& call) {
+        script.answers["SQLFetch"] = [&](const Call&) { return ++row, done = 0, kUsual; };
+        script.answers["SQLGetData"] = [&](const Call& call) {
             const std::string& bytes = cells[row - 1].bytes;
             const size_t room = static_cast<size_t>(call.capacity) / 2 - 1;
             const size_t left = (bytes.size() - done) / 2;
@@ -194,9 +192,9 @@ TEST_F(DriverValues, WithContradictingLengthsAreRefused) {
          std::initializer_list<SQLSMALLINT>{SQL_WVARCHAR, SQL_VARBINARY, SQL_INTEGER}) {
         for (const auto& parts : kLies) {
             give(type, {claiming(wide(u"xxxx"), SQL_NO_TOTAL)});
-            script.getData = [&](const GetData& call) {
+            script.answers["SQLGetData"] = [&](const Call& call) {
                 const Part& part =
-                    parts[std::min(static_cast<size_t>(call.call), parts.size()) - 1];
+                    parts[std::min(static_cast<size_t>(call.number), parts.size()) - 1];
                 const auto room = static_cast<size_t>(call.capacity);
                 std::memset(call.target, 'y', room);
                 if (room >= 2) std::memset(call.target + room - 2, 0, 2);
