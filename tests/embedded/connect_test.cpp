@@ -21,6 +21,7 @@ TEST(Handles, NullFreedAndForeignHandlesAreInvalid) {
     SQLHANDLE freed = nullptr;
     RT_SQLAllocHandle(kDriver, SQL_HANDLE_STMT, connection.handle, &freed);
     EXPECT_EQ(SQL_SUCCESS, RT_SQLFreeStmt(kDriver, freed, SQL_DROP));
+    const Statement next(connection.handle);  // does not get its number
     for (SQLHANDLE bad : {SQLHANDLE{nullptr}, freed, SQLHANDLE{&freed}, connection.handle}) {
         EXPECT_EQ(SQL_INVALID_HANDLE, RT_SQLFetch(kDriver, bad));
         EXPECT_EQ(SQL_INVALID_HANDLE, RT_SQLExecDirect(kDriver, bad, chars("SELECT 1"), SQL_NTS));
@@ -33,8 +34,10 @@ TEST(Handles, NullFreedAndForeignHandlesAreInvalid) {
 
 TEST(Handles, AreFreedInOrderAndDisconnectingFreesStatements) {
     const size_t before = embedded::HandleRegistry::instance().count();
+    SQLHANDLE freed = nullptr;
     {
         Connection connection;
+        freed = connection.handle;
         SQLHANDLE statement = nullptr;
         const auto allocate = [&] {
             return RT_SQLAllocHandle(kDriver, SQL_HANDLE_STMT, connection.handle, &statement);
@@ -53,6 +56,7 @@ TEST(Handles, AreFreedInOrderAndDisconnectingFreesStatements) {
         EXPECT_EQ(SQL_INVALID_HANDLE, RT_SQLFetch(kDriver, statement));
     }
     EXPECT_EQ(before, embedded::HandleRegistry::instance().count());
+    EXPECT_NE(freed, Connection().handle);  // nor is a number given twice
 }
 
 TEST(Diagnostics, AreClearedByEveryCallAndConsumedByErrorOnly) {

@@ -115,29 +115,6 @@ EXEC p 1, 2; SELECT 3 => !end of the statement expected
 )");
 }
 
-TEST_F(ProcedureTest, MarkersAreBoundLikeOthers) {
-    connection.must("CREATE PROCEDURE p (pa, pb) AS SELECT $pb, $pa, typeof($pa), typeof($pb)");
-    const SQLBIGINT number = INT64_MAX;
-    SQLLEN length = SQL_NTS;
-    for (const char* sql : {"EXECUTE p pa=@1 , pb=@2 ", "EXEC p pb=@2 , @pa=@1 ", "EXEC p ?, ?"}) {
-        Statement statement(connection.handle);
-        ASSERT_EQ(SQL_SUCCESS, statement.prepare(sql)) << statement.error().message;
-        SQLSMALLINT count = -1;
-        RT_SQLNumParams(kDriver, statement.handle, &count);
-        EXPECT_TRUE(count == 2 && statement.columns() == 0);
-        EXPECT_EQ("07002", statement.stateOf(statement.execute()));
-        statement.bind(1, SQL_C_SBIGINT, &number, nullptr);
-        statement.bindText(2, "x", &length);
-        for (int execution = 0; execution < 2; ++execution) {
-            ASSERT_EQ(SQL_SUCCESS, statement.execute()) << statement.error().message;
-            EXPECT_TRUE(statement.rowCount() == -1 && statement.text(1, SQL_DESC_NAME) == "$pb");
-            EXPECT_EQ(SQL_BIGINT, statement.attribute(2, SQL_DESC_CONCISE_TYPE));
-            EXPECT_EQ(Rows{"x|9223372036854775807|integer|text"}, statement.rows());
-            statement.close();
-        }
-    }
-}
-
 TEST_F(ProcedureTest, RunsAllOfItsStatementsOrNone) {
     connection.expect(R"(
 CREATE PROCEDURE add2 (a, b) AS INSERT INTO t VALUES ($a, 'a'); SELECT 'seen';

@@ -73,21 +73,6 @@ TEST_F(StatementTest, CallsOutOfOrderAreRefused) {
     refused("24000", statement.fetch());
 }
 
-TEST_F(StatementTest, PreparedStatementsFollowSchemaChanges) {
-    connection.must("CREATE TABLE t AS SELECT 1 AS a");
-    Statement statement(connection.handle);
-    statement.prepare("SELECT * FROM t");
-    EXPECT_EQ(1, statement.columns());
-    connection.must("ALTER TABLE t ADD COLUMN b DOUBLE DEFAULT 2.5");
-    EXPECT_EQ("1|2.5", statement.outcome(statement.execute()));
-    EXPECT_EQ(SQL_DOUBLE, statement.attribute(2, SQL_COLUMN_TYPE));
-    statement.close();
-    connection.must("DROP TABLE t");
-    EXPECT_EQ("42S02", statement.stateOf(statement.execute()));
-    // Nor does a compiled form from before hide the error when the text is prepared anew.
-    EXPECT_EQ("42S02", statement.stateOf(statement.prepare("SELECT * FROM t")));
-}
-
 TEST_F(StatementTest, RowsNobodyAskedForBlockNothing) {
     connection.must("CREATE TABLE t AS VALUES (1),(2),(3)");
     Statement cte(connection.handle);

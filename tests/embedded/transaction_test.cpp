@@ -128,8 +128,26 @@ TEST_F(BatchTest, WhatCannotBeExecutedStoresNothing) {
     EXPECT_TRUE(statement.error().says("Parameter 2")) << statement.error().message;
     EXPECT_TRUE(statement.error().says("parameter set 2 of 3"));
     EXPECT_EQ(Rows{"0"}, count());
-    ASSERT_EQ(SQL_SUCCESS, statement.prepare("SELECT @1 , @2 "));
-    EXPECT_EQ("HYC00", statement.stateOf(statement.execute()));
+    connection.must("CREATE PROCEDURE p (a, b) AS SELECT $a");
+    for (const char* const sql : {"SELECT @1 , @2 ", "EXEC p @1 , @2 "}) {
+        ASSERT_EQ(SQL_SUCCESS, statement.prepare(sql));
+        EXPECT_EQ("HYC00", statement.stateOf(statement.execute())) << sql;
+    }
+}
+
+TEST_F(BatchTest, RowsOfValuesCanLieTogether) {
+    struct Row {
+        SQLBIGINT number;
+        SQLLEN length;
+    } rows[kSets + 1] = {{0, 0}, {11, 8}, {12, SQL_NULL_DATA}, {13, 8}};
+    SQLULEN offset = sizeof(Row);
+    ASSERT_EQ(SQL_SUCCESS, statement.prepare("INSERT INTO t (b) VALUES (?)"));
+    RT_SQLFreeStmt(kDriver, statement.handle, SQL_RESET_PARAMS);
+    statement.set(SQL_ATTR_PARAM_BIND_TYPE, sizeof(Row));
+    statement.set(SQL_ATTR_PARAM_BIND_OFFSET_PTR, reinterpret_cast<SQLULEN>(&offset));
+    statement.bind(1, SQL_C_SBIGINT, &rows[0].number, &rows[0].length);
+    EXPECT_EQ("#3", statement.outcome(statement.execute()));
+    EXPECT_EQ(Rows({"11", "NULL", "13"}), stored("SELECT b FROM t"));
 }
 
 /// Calls that last; each is ended from outside.

@@ -12,8 +12,6 @@
 
 namespace {
 
-using namespace std::string_literals;
-
 class DbsApiTest : public ScriptedTest {
   protected:
     void SetUp() override {
@@ -103,16 +101,6 @@ TEST_F(DbsApiTest, TextIsCopiedTwiceAsLongButOnlyFromItsBuffer) {
             EXPECT_EQ(GetData(0, type, target.data(), &length), VORDA_OK);
             EXPECT_EQ(std::string(target.data(), size * 2), text + std::string(size, '\0'));
         }
-    }
-    // Codes that no getter serves stop at the text's own terminator.
-    FetchText("abc\0def"s);
-    for (const int type : {0 + DBTYPE_BINARY, 0 + DBTYPE_DECIMAL, 0 + DBTYPE_NUMERIC, 0, -3, 99}) {
-        char target[5] = "####";
-        DBSLEN lengths[] = {-7, -7};
-        EXPECT_EQ(GetData(0, type, nullptr, &lengths[0]), VORDA_OK);
-        EXPECT_EQ(GetData(0, type, target, &lengths[1]), VORDA_OK);
-        EXPECT_TRUE(lengths[0] == 3 && lengths[1] == 3) << type;
-        EXPECT_EQ(std::string(target, 5), "abc\0\0"s);
     }
 }
 

@@ -93,14 +93,4 @@ TEST_F(JavaVectorTest, AgreesWithAModel) {
     }
 }
 
-TEST_F(JavaVectorTest, OutOfBoundsIsHarmless) {
-    JavaVector<Counted> v;
-    EXPECT_EQ(v.LastElement(), nullptr);
-    for (int i = 0; i < 3; ++i) v.Add(Counted(i));
-    EXPECT_EQ(v.Get(-1), nullptr);
-    EXPECT_EQ(v.ElementAt(3), nullptr);
-    EXPECT_THROW(v.Resize(1 << 30), std::bad_array_new_length);
-    EXPECT_EQ(v.Size(), 3);
-}
-
 }  // namespace

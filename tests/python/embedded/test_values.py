@@ -66,15 +66,6 @@ def test_a_cell_that_does_not_fit_its_column_is_an_error(cursor, stdlib, path, d
                 other.execute("SELECT misfit FROM t").fetchone()
 
 
-def test_text_with_a_nul_comes_back_whole_and_goes_in_with_a_warning(cursor, stdlib):
-    cursor.execute("CREATE TABLE t (x TEXT)")
-    stdlib.execute("INSERT INTO t VALUES (?)", ("a\0b",))
-    assert cursor.execute("SELECT x FROM t").fetchone()[0] == "a\0b"
-    with pytest.warns(RuntimeWarning, match="NUL"):
-        cursor.execute("UPDATE t SET x = ?", ("ab\0cd",))
-    assert stdlib.execute("SELECT x FROM t").fetchone() == ("ab",)
-
-
 def test_a_random_table_is_to_the_standard_library_what_it_is_here(cursor, stdlib):
     chance = random.Random(11)
     cursor.execute("CREATE TABLE t (i INTEGER PRIMARY KEY, a BIGINT, b REAL, c TEXT, d DATETIME)")

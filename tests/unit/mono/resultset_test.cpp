@@ -46,41 +46,4 @@ TEST_F(ResultSetTest, NamesAreCutAtTheirBufferAndTheirLength) {
     }
 }
 
-TEST_F(ResultSetTest, ARecordUsedAgainShowsNothingOfItsLastUse) {
-    const auto describe = [](int sqlType) {
-        scripted_result();
-        AddColumn("a", sqlType);
-        AddColumn("b", sqlType);
-    };
-    describe(SQL_WVARCHAR);
-    EXPECT_EQ(Execute(), VORDA_OK);
-    EXPECT_EQ(rs.GetImpl()->CellOf(1)->Size, 2048);
-    rs.Close();
-
-    describe(SQL_INTEGER);
-    // The first call reads the count, six read the first column.
-    scripted_answer("SQLColAttributeW", scripted_call_count("SQLColAttributeW") + 8, SQL_ERROR);
-    Diagnose(9, "broken");
-    EXPECT_EQ(Execute(), VORDA_ODBC_ERROR);
-    EXPECT_EQ(rs.GetColumnCount(), 2);
-    EXPECT_EQ(rs.GetColumnInfo(0)->DataType, DBTYPE_INTEGER);
-    EXPECT_STREQ(rs.GetColumnInfo(1)->ColumnName.Deref(), "");
-    EXPECT_EQ(rs.GetImpl()->CellOf(0), nullptr);
-    rs.Close();
-
-    // A column that the driver does not bind has no value; those behind it are not there.
-    describe(SQL_INTEGER);
-    FailNext("SQLBindCol", 9, "refused");
-    EXPECT_EQ(Execute(), VORDA_ODBC_ERROR);
-    int value = 7;
-    EXPECT_EQ(rs.GetInt(0, value), SQL_NULL_DATA);
-    EXPECT_EQ(rs.GetInt(1, value), VORDA_INDEX_OUT_OF_RANGE);
-    rs.Close();
-
-    describe(SQL_INTEGER);
-    EXPECT_EQ(Execute(), VORDA_OK);
-    EXPECT_EQ(rs.GetImpl()->CellOf(1)->Size, 0);
-    EXPECT_TRUE(rs.GetImpl()->CellOf(1)->IsNull());
-}
-
 }  // namespace
