@@ -1,5 +1,6 @@
 """Cursor.execute: what is sent, byte for byte and in which order, and every way to fail."""
 
+import ctypes
 import datetime
 import decimal
 import warnings
@@ -171,6 +172,19 @@ def test_nothing_is_cut_silently(runtime, cursor, operation, message):
 def test_as_many_values_as_markers(runtime, cursor, sql):
     for run in (cursor.execute, cursor.executemany):
         run(sql, [(1,)] if run == cursor.executemany else (1,))
+
+
+@pytest.mark.parametrize("count", [32768, 1 << 40])
+def test_invented_column_count(runtime, cursor, count):
+    def invent(name, arguments):
+        if name == "SQLColAttributeW" and arguments[2] == 0:
+            ctypes.c_longlong.from_address(arguments[6]).value = count
+            return 0
+        return None
+    runtime.handler(invent)
+    with raises(zelqa.DatabaseError, "Unable to DbDataResult.SetStmtHandle: Unable to "
+                "InitMetadata: Unable to m_columns.SetSize"):
+        cursor.execute("SELECT a FROM t")
 
 
 def test_attributes_and_their_end(runtime, connection, cursor):
