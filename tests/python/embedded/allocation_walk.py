@@ -267,8 +267,9 @@ if full:
 
 
 # Beside MemoryError and what speaks of memory: where the cause is not handed on.
-OTHER_TEXTS = ("fail to create valid connection", "Unable to alloc env handle", "No runtime can be loaded",
-               "Unable to retrieve the error", "no value is bound to marker")
+OTHER_TEXTS = ("fail to create valid connection", "Unable to alloc env handle",
+               "No runtime can be loaded", "Unable to retrieve the error",
+               "no value is bound to marker")
 
 
 def reports_lack_of_memory(error):
@@ -346,19 +347,26 @@ def check(operation, good, first, last):
 
 
 def check_memory(operation, good, first, last):
-    """The same; what is kept each time is lost, what is kept once is a cache of the
-    interpreter's."""
-    for _ in range(4):
-        before = live()
-        failed = check(operation, good, first, last)
-        if live() <= before:
-            return failed
-        gc.collect()
-        sys._clear_type_cache()  # which keeps names
+    """The same; what is kept once is a cache of the interpreter's, what is lost each time adds
+    up."""
+    before = live()
+    failed = check(operation, good, first, last)
+    if live() <= before:
+        return failed
+    for times in (1, 6):
+        before = collected()
+        for _ in range(times):
+            failed = check(operation, good, first, last)
         # CPython loses a block where it has no memory for a function.
-        if live() <= before + full:
+        if collected() - before < times * (1 + full):
             return failed
     raise AssertionError("%d blocks of memory are left behind" % (live() - before))
+
+
+def collected():
+    gc.collect()
+    sys._clear_type_cache()  # which keeps names
+    return live()
 
 
 def walk(operation, mode, progress):

@@ -20,7 +20,7 @@ def test_want_of_memory_changes_nothing(failing, interface):
     # Freed memory is overwritten, so that a use of it shows.
     environment = dict(os.environ, LD_PRELOAD=ALLOCATOR, PYTHONMALLOC="malloc",
                        MALLOC_PERTURB_="165")
-    done = subprocess.run([sys.executable, WALK, interface, failing], env=environment, capture_output=True,
-                          text=True)
+    done = subprocess.run([sys.executable, WALK, interface, failing], env=environment,
+                          capture_output=True, text=True)
     assert done.returncode == 0, done.stdout[-5000:] + done.stderr[-5000:]
     assert int(done.stdout.split()[-2]) >= 20
