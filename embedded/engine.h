@@ -115,6 +115,10 @@ class Database {
     virtual std::unique_ptr<ResultSet> tables(const CatalogSearch& search) = 0;
     virtual std::unique_ptr<ResultSet> columns(const CatalogSearch& search) = 0;
 
+    /// Whether a result column of this database may be NULL: SQL_NULLABLE and so on. Asked only
+    /// when somebody wants to know, since it may take as long as a query.
+    virtual SQLSMALLINT nullability(const Column& column) { return column.nullable; }
+
     virtual std::string catalogName() = 0;
     virtual bool isReadOnly() = 0;
     virtual bool isDead() = 0;

@@ -29,6 +29,7 @@ enum class CellKind : std::int32_t {
     Date = 6,     ///< these three in `stamp`, the parts that they do not have being 0
     Time = 7,
     Timestamp = 8,
+    Boolean = 9,  ///< an integer, 0 or 1
 };
 
 struct VordaCell {

@@ -96,9 +96,6 @@ std::optional<SQLLEN> numberAttribute(const Column& column, SQLUSMALLINT field) 
             return type.scale;
         case SQL_DESC_DISPLAY_SIZE:
             return displaySize(type);
-        case SQL_COLUMN_NULLABLE:
-        case SQL_DESC_NULLABLE:
-            return column.nullable;
         case SQL_DESC_UNSIGNED:
             return isNumber(type) ? SQL_FALSE : SQL_TRUE;
         case SQL_DESC_FIXED_PREC_SCALE:
@@ -155,7 +152,10 @@ void columnAttribute(Statement& statement, SQLUSMALLINT column, SQLUSMALLINT fie
         answerText(statement.diagnostics, *text, output.text, output.capacity, output.length);
         return;
     }
-    const auto number = numberAttribute(described, field);
+    const bool asksNullable = field == SQL_COLUMN_NULLABLE || field == SQL_DESC_NULLABLE;
+    const std::optional<SQLLEN> number =
+        asksNullable ? statement.connection().database().nullability(described)
+                     : numberAttribute(described, field);
     if (!number) throw Error("HY091", "Unknown column attribute " + std::to_string(field) + ".");
     if (output.number) *output.number = *number;
 }

@@ -121,7 +121,7 @@ SQLRETURN RT_SQLDescribeCol(const char*, SQLHSTMT handle, SQLUSMALLINT number, S
         if (sqlType) *sqlType = column.type.sqlType;
         if (size) *size = column.type.size;
         if (digits) *digits = column.type.scale;
-        if (nullable) *nullable = column.nullable;
+        if (nullable) *nullable = statement.connection().database().nullability(column);
     });
 }
 

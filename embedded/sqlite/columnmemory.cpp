@@ -4,25 +4,9 @@
 #include <utility>
 
 #include "sqlite/origin.h"
-#include "values/text.h"
 
 namespace embedded {
 namespace {
-
-bool isNeverNull(sqlite3* db, const Origin& origin) {
-    int notNull = 0;
-    int primaryKey = 0;
-    const char* declared = nullptr;
-    const int result = sqlite3_table_column_metadata(
-        db, origin.schema.c_str(), origin.table.c_str(), origin.column.c_str(), &declared, nullptr,
-        &notNull, &primaryKey, nullptr);
-    // Views have none. Descriptions are remembered: one made in want of memory would stay wrong.
-    if (result == SQLITE_NOMEM) throw std::bad_alloc();
-    if (result != SQLITE_OK) return false;
-    if (notNull) return true;
-    return primaryKey && declared && sameWord(declared, "INTEGER") &&
-           sameWord(rowNumberColumn(db, origin.schema, origin.table), origin.column);
-}
 
 std::vector<Column> columnsOf(sqlite3_stmt* statement, bool mayJoinOuter) {
     std::vector<Column> columns(static_cast<size_t>(sqlite3_column_count(statement)));
@@ -39,10 +23,8 @@ std::vector<Column> columnsOf(sqlite3_stmt* statement, bool mayJoinOuter) {
         }
         column.origin = originOf(statement, index);
         if (column.origin.column.empty()) continue;
-        column.nullable = SQL_NULLABLE;
-        if (isNeverNull(sqlite3_db_handle(statement), column.origin)) {
-            column.nullable = mayJoinOuter ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
-        }
+        // As far as the statement goes; the table has its say when somebody asks.
+        column.nullable = mayJoinOuter ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
     }
     return columns;
 }

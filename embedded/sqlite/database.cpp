@@ -2,6 +2,7 @@
 
 #include "core/error.h"
 #include "sqlite/catalog.h"
+#include "sqlite/origin.h"
 #include "sqlite/proceduretables.h"
 #include "sqlite/program.h"
 #include "sqlite/regexp.h"
@@ -52,6 +53,12 @@ std::unique_ptr<Program> SqliteDatabase::prepare(std::string_view sql, SQLULEN t
 
 bool SqliteDatabase::hasChanges() {
     return sqlite3_txn_state(m_session.db(), nullptr) == SQLITE_TXN_WRITE;
+}
+
+SQLSMALLINT SqliteDatabase::nullability(const Column& column) {
+    if (column.origin.column.empty() || isNeverNull(m_session.db(), column.origin))
+        return column.nullable;
+    return SQL_NULLABLE;
 }
 
 std::unique_ptr<ResultSet> SqliteDatabase::tables(const CatalogSearch& search) {

@@ -17,6 +17,7 @@ class SqliteDatabase final : public Database {
     void setAutocommit(bool on) override { m_session.setAutocommit(on); }
     void endTransaction(bool commit) override { m_session.endTransaction(commit); }
     bool hasChanges() override;
+    SQLSMALLINT nullability(const Column& column) override;
     std::unique_ptr<ResultSet> tables(const CatalogSearch& search) override;
     std::unique_ptr<ResultSet> columns(const CatalogSearch& search) override;
     std::string catalogName() override { return m_name; }

@@ -1,7 +1,10 @@
 #include "sqlite/origin.h"
 
+#include <new>
+
 #include "core/error.h"
 #include "sqlite/query.h"
+#include "values/text.h"
 
 // An SQLite built without column metadata lacks these; columns then have no known origin.
 extern "C" {
@@ -35,6 +38,21 @@ std::string rowNumberColumn(sqlite3* db, std::string_view schema, std::string_vi
     } catch (const Error&) {
         return {};
     }
+}
+
+bool isNeverNull(sqlite3* db, const Origin& origin) {
+    int notNull = 0;
+    int primaryKey = 0;
+    const char* declared = nullptr;
+    const int result = sqlite3_table_column_metadata(
+        db, origin.schema.c_str(), origin.table.c_str(), origin.column.c_str(), &declared, nullptr,
+        &notNull, &primaryKey, nullptr);
+    // Views have none.
+    if (result == SQLITE_NOMEM) throw std::bad_alloc();
+    if (result != SQLITE_OK) return false;
+    if (notNull) return true;
+    return primaryKey && declared && sameWord(declared, "INTEGER") &&
+           sameWord(rowNumberColumn(db, origin.schema, origin.table), origin.column);
 }
 
 std::string quotedName(std::string_view name) {

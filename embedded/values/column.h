@@ -21,7 +21,7 @@ struct Column {
     std::string name;
     ColumnType type;
     std::string typeName;  ///< as declared; empty for an expression
-    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
+    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;  ///< `Database::nullability` may know better
     Origin origin;
 };
 

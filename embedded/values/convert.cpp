@@ -359,10 +359,7 @@ Delivery toTaggedOfType(const Cell& cell, const ColumnType& column, const Target
         default: {
             const std::int64_t value = integerOf(cell, column);
             if (value != 0 && value != 1) refuse(kInvalid, cell, "0 or 1");
-            Cell truth;
-            truth.kind = Cell::Kind::Integer;
-            truth.integer = value;
-            return toTagged(truth, column, target);
+            return storeTagged(CellKind::Boolean, value, target);
         }
     }
 }

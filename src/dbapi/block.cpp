@@ -32,7 +32,14 @@ void Set(SQLHSTMT statement, SQLINTEGER attribute, SQLPOINTER value) {
 
 }  // namespace
 
-void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, bool areNew,
+Failure CellFailure::Named(const std::string& name) const {
+    const Diagnostic& record = reason.Records().front();
+    return Failure(record.state.c_str(), "Column " + std::to_string(column + 1) + " \"" + name +
+                                             "\", row " + std::to_string(row + 1) + ": " +
+                                             record.words + ".");
+}
+
+void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, size_t count,
                   bool& hasCells) {
     m_columns = &columns;
     m_count = m_next = 0;
@@ -40,10 +47,12 @@ void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, bo
     m_long.clear();
     m_failures.clear();
     m_nextLong = m_nextFailure = 0;
-    if (m_isBound && !areNew) return;
-    m_places.assign(columns.size(), {});
-    for (size_t i = 0; i < columns.size(); ++i)
-        m_places[i].wanted = HasAnyLength(columns[i].sqlType) ? kTextWidth : kFixedWidth;
+    if (m_isBound && count == m_places.size()) return;
+    m_places.assign(count, {});
+    for (size_t i = 0; i < count; ++i) {
+        const bool isFixed = i < columns.size() && !HasAnyLength(columns[i].sqlType);
+        m_places[i].wanted = isFixed ? kFixedWidth : kTextWidth;
+    }
     m_cellByCell = !hasCells;
     try {
         Resize(statement, m_cellByCell ? 1 : kFirstRows);
@@ -212,7 +221,8 @@ PyRef Block::MakeCell(size_t row, size_t column) {
             throw Failure("HY000", "the driver tells a length that is none");
         cell.bytes = {place + kHead, static_cast<size_t>(std::max<SQLLEN>(length, 0))};
     }
-    return MakeValue(cell, (*m_columns)[column].meaning);
+    return MakeValue(cell, column < m_columns->size() ? (*m_columns)[column].meaning
+                                                      : Meaning::Plain);
 }
 
 PyRef Block::Take() {
@@ -227,11 +237,7 @@ PyRef Block::Take() {
             PyTuple_SET_ITEM(made.Get(), static_cast<Py_ssize_t>(column),
                              MakeCell(row, column).Release());
         } catch (const Failure& failure) {
-            const Diagnostic& record = failure.Records().front();
-            throw Failure(record.state.c_str(), "Column " + std::to_string(column + 1) + " \"" +
-                                                    (*m_columns)[column].name + "\", row " +
-                                                    std::to_string(m_rowsBefore + row + 1) + ": " +
-                                                    record.words + ".");
+            throw CellFailure{column, m_rowsBefore + row, failure};
         }
     }
     // What a row holds refers to nothing: the collector need not look at it.

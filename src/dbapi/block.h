@@ -19,6 +19,15 @@ struct ColumnInfo {
     Meaning meaning = Meaning::Plain;
 };
 
+// A value that cannot be told, of a column and a row, both counted from 0.
+struct CellFailure {
+    size_t column;
+    unsigned long long row;
+    Failure reason;
+
+    Failure Named(const std::string& name) const;
+};
+
 // The rows of one statement's results, fetched some at a time into memory that is bound to it, in
 // cells that are what they are. Short values lie in their cells; what does not fit is read on its
 // own, and a column with many such values gets wider cells. A runtime without such cells is asked
@@ -27,8 +36,9 @@ struct ColumnInfo {
 // What takes a statement calls the runtime, and needs no interpreter lock.
 class Block {
   public:
-    // Before the first row of a result with these columns, which must stay.
-    void Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, bool areNew,
+    // Before the first row of a result of so many columns. What describes them must stay; where
+    // cells tell what they are, it may be empty.
+    void Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, size_t count,
                bool& hasCells);
     // Fetches; false when the rows are over.
     bool Load(SQLHSTMT statement);

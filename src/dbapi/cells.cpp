@@ -19,7 +19,7 @@ struct Reading {
 constexpr size_t kStamp = sizeof(SQL_TIMESTAMP_STRUCT);
 
 constexpr Reading kReadings[] = {
-    {SQL_BIT, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
+    {SQL_BIT, SQL_C_SBIGINT, CellKind::Boolean, sizeof(SQLBIGINT)},
     {SQL_TINYINT, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
     {SQL_SMALLINT, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},
     {SQL_INTEGER, SQL_C_SBIGINT, CellKind::Integer, sizeof(SQLBIGINT)},

@@ -21,6 +21,7 @@ enum class CellKind : std::int32_t {
     Date = 6,     // this and the next two as SQL_TIMESTAMP_STRUCT
     Time = 7,
     Timestamp = 8,
+    Boolean = 9,  // an integer
 };
 
 // Whether values of a column of this type have any length.

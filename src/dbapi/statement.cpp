@@ -16,7 +16,6 @@ constexpr SQLINTEGER kLastRowId = 0x7001;
 constexpr size_t kMostCopied = 256;
 
 Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, bool isSqlite) {
-    if (sqlType == SQL_BIT) return Meaning::Boolean;
     if (sqlType == SQL_GUID) return Meaning::Uuid;
     if (sqlType != SQL_WVARCHAR || isSqlite) return Meaning::Plain;
     char name[64] = {};
@@ -85,11 +84,13 @@ void Statement::Executed(SQLRETURN status) {
         Called(SQLRowCount(m_handle, &m_rowCount));
         return;
     }
-    // Cells tell what they are: as long as there are as many, they need no new description.
-    const bool isNew = m_columns.size() != static_cast<size_t>(m_columnCount);
+    // Cells tell what they are, but for what some texts of servers mean: as long as there are as
+    // many, they need no new description.
+    const auto count = static_cast<size_t>(m_columnCount);
     try {
-        if (isNew || !m_link.HasCells()) Describe();
-        m_block.Begin(m_handle, m_columns, isNew, m_link.HasCells());
+        if (!m_link.IsSqlite() && m_columns.size() != count) Describe();
+        m_block.Begin(m_handle, m_columns, count, m_link.HasCells());
+        if (!m_link.HasCells()) Describe();
     } catch (...) {
         m_columnCount = 0;
         m_hasRows = false;
@@ -168,7 +169,13 @@ bool Statement::NextResult() {
 }
 
 PyRef Statement::NextRow() {
-    if (m_block.HasRow()) return m_block.Take();
+    if (m_block.HasRow()) {
+        try {
+            return m_block.Take();
+        } catch (const CellFailure& failure) {
+            throw failure.Named(NameOf(failure.column));
+        }
+    }
     if (m_lost.state) {
         m_hasRows = false;
         throw Failure(m_lost.state, m_lost.words);
@@ -180,6 +187,16 @@ PyRef Statement::NextRow() {
         throw failure;
     }
     return PyRef();
+}
+
+std::string Statement::NameOf(size_t column) {
+    try {
+        const Link::Turn turn(m_link);
+        Describe();
+    } catch (const Failure&) {
+        // Then its number has to do.
+    }
+    return column < m_columns.size() ? m_columns[column].name : std::string();
 }
 
 void Statement::Describe() {

@@ -99,6 +99,7 @@ class Statement {
     void Bind(const std::vector<Value>& values);
     SQLLEN Changed(SQLRETURN status);
     void BindOne(size_t index, const Value& value);
+    std::string NameOf(size_t column);
     void Executed(SQLRETURN status);
     void Called(SQLRETURN status) const { Check(status, SQL_HANDLE_STMT, m_handle); }
 

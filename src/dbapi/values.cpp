@@ -201,11 +201,10 @@ PyRef Made(PyObject* owned, const char* what) {
     throw Failure("22007", std::string("Python has no such ") + what);
 }
 
-PyRef MakeInteger(std::string_view bytes, Meaning meaning) {
+PyRef MakeBoolean(std::string_view bytes) {
     const auto value = Load<SQLBIGINT>(bytes);
-    const bool isTruth = meaning == Meaning::Boolean && (value == 0 || value == 1);
-    return Checked(isTruth ? PyBool_FromLong(static_cast<long>(value))
-                           : PyLong_FromLongLong(value));
+    if (value == 0 || value == 1) return PyRef::Borrow(value == 1 ? Py_True : Py_False);
+    return Checked(PyLong_FromLongLong(value));
 }
 
 int Microseconds(const SQL_TIMESTAMP_STRUCT& when) {
@@ -252,7 +251,9 @@ PyRef MakeValue(const Cell& cell, Meaning meaning) {
         case CellKind::Null:
             return PyRef::Borrow(Py_None);
         case CellKind::Integer:
-            return MakeInteger(cell.bytes, meaning);
+            return Checked(PyLong_FromLongLong(Load<SQLBIGINT>(cell.bytes)));
+        case CellKind::Boolean:
+            return MakeBoolean(cell.bytes);
         case CellKind::Real:
             return Checked(PyFloat_FromDouble(Load<double>(cell.bytes)));
         case CellKind::Text: {

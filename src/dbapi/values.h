@@ -32,7 +32,7 @@ struct Sending {
 Value ReadValue(PyObject* object, Py_ssize_t position, const Sending& sending);
 
 // What the column's type adds to a cell's own.
-enum class Meaning { Plain, Boolean, Uuid };
+enum class Meaning { Plain, Uuid };
 
 // A cell of a row: its kind, and its value as the runtime writes it (UTF-8 texts, ODBC structs).
 struct Cell {

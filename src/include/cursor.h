@@ -12,18 +12,21 @@ struct DeleteRowPlan {
     void operator()(RowPlan* plan) const;
 };
 
-struct _py_cursor {
+// What CPython finds by its offset.
+struct CursorFields {
     PyObject_HEAD PyConnection* Connection;  // strong; null once the cursor is closed
-    Dbs* dbs;               // the connection's; only to be used after CursorValidate
-    PyObject* Description;  // strong; null once the cursor is closed
+    PyObject* Description;                   // strong; null once the cursor is closed
     int ArraySize;
     int RowCount;
+};
+
+struct PyCursor : CursorFields {
+    Dbs* dbs;  // the connection's; only to be used after CursorValidate
     // How the rows of the last result fetched from are read; empty before the first row.
     std::unique_ptr<RowPlan, DeleteRowPlan> Plan;
     // What Description was made of; empty while it is None.
     std::vector<ColumnDescription> Described;
 };
-using PyCursor = _py_cursor;
 
 extern PyTypeObject CursorType;
 
