@@ -42,7 +42,7 @@ __all__ = [
     "Warning", "Error", "InterfaceError", "DatabaseError", "DataError", "OperationalError",
     "IntegrityError", "InternalError", "ProgrammingError", "NotSupportedError",
     "Date", "Time", "Timestamp", "DateFromTicks", "TimeFromTicks", "TimestampFromTicks", "Binary",
-    "STRING", "BINARY", "NUMBER", "DATETIME", "ROWID", "Row", "dict_row", "register_adapter",
+    "STRING", "BINARY", "NUMBER", "DATETIME", "ROWID", "Row", "dict_row", "register_adapter", "Out",
 ]
 
 apilevel = "2.0"
@@ -256,17 +256,39 @@ def _again(made: Any, position: int) -> Any:
 
 # --- named markers ------------------------------------------------------------------------------
 
-# What may hide a colon, then a marker.
-_NAMED = re.compile(
-    r"""'(?:[^']|'')*' | "(?:[^"]|"")*" | `(?:[^`]|``)*` | \[[^\]]*\] | --[^\n]* | /\*.*?\*/
-    | (?<![\w$])(?P<quote>\$(?:[^\W\d]\w*)?\$).*?(?P=quote) | ::
-    | (?<![\w:]):(?P<name>[^\W\d]\w*)""",
-    re.DOTALL | re.VERBOSE,
-)
+_STRING, _QUOTED, _BACKTICKS = r"'(?:[^']|'')*'", r'"(?:[^"]|"")*"', r"`(?:[^`]|``)*`"
+_DASHES, _COMMENT = r"--[^\n]*", r"/\*.*?(?:\*/|\Z)"
+# What may hide a colon, by the product's name; plain SQL for others.
+_HIDING = {
+    "SQLite": [_STRING, _QUOTED, _BACKTICKS, r"\[[^]]*\]", _DASHES, _COMMENT],
+    "PostgreSQL": [
+        r"(?<![\w$])[eE]'(?:[^'\\]|\\.|'')*'",
+        _STRING,
+        _QUOTED,
+        _DASHES,
+        r"/\*(?:(?!/\*|\*/).|/\*.*?\*/)*\*/",
+        r"(?<![\w$])(?P<quote>\$(?:[^\W\d]\w*)?\$).*?(?P=quote)",
+    ],
+    "MariaDB": [
+        r"'(?:[^'\\]|\\.|'')*'",
+        r'"(?:[^"\\]|\\.|"")*"',
+        _BACKTICKS,
+        r"--(?=\s|\Z)[^\n]*",
+        r"\#[^\n]*",
+        _COMMENT,
+    ],
+}
+_HIDING["MySQL"] = _HIDING["MariaDB"]
+
+
+@functools.lru_cache(maxsize=None)
+def _reader(dbms: str) -> "re.Pattern[str]":
+    hiding = _HIDING.get(dbms, [_STRING, _QUOTED, _DASHES, _COMMENT])
+    return re.compile("|".join([*hiding, r"(?<![\w:]):(?P<name>[^\W\d]\w*)"]), re.DOTALL)
 
 
 @functools.lru_cache(maxsize=128)
-def _plain_markers(sql: str) -> Tuple[str, Tuple[str, ...]]:
+def _plain_markers(sql: str, dbms: str) -> Tuple[str, Tuple[str, ...]]:
     names: List[str] = []
 
     def replaced(match: "re.Match[str]") -> str:
@@ -275,13 +297,13 @@ def _plain_markers(sql: str) -> Tuple[str, Tuple[str, ...]]:
         names.append(match["name"])
         return "?"
 
-    return _NAMED.sub(replaced, sql), tuple(names)
+    return _reader(dbms).sub(replaced, sql), tuple(names)
 
 
-def _positional(sql: str, given: Any) -> Tuple[str, Sequence[Any]]:
+def _positional(sql: str, given: Any, dbms: str) -> Tuple[str, Sequence[Any]]:
     """Statement and values for plain markers; called by the core for what is no tuple or list."""
     if isinstance(given, (dict, collections.abc.Mapping)):
-        text, names = _plain_markers(sql)
+        text, names = _plain_markers(sql, dbms)
         try:
             return text, tuple(map(given.__getitem__, names))
         except KeyError as error:
@@ -381,22 +403,50 @@ _PROCEDURE = re.compile(
 )
 
 
+class Out:
+    """An output parameter of callproc(); of one that takes a value in, too, with that value."""
+
+    __slots__ = ("value",)
+
+    def __init__(self, value: Any = None, /) -> None:
+        self.value = value
+
+
 class Cursor(_statement.Cursor):
     """Runs statements and gives their rows. Made by Connection.cursor()."""
 
     __slots__ = ()
 
     def callproc(self, name: str, parameters: Sequence[Any] = (), /) -> List[Any]:
-        """Call a stored procedure, whose rows can then be fetched. Returns the parameters."""
+        """Call a stored procedure, whose rows can then be fetched.
+
+        Returns the parameters; those given as Out() are replaced with what they are afterwards.
+        """
         if not _PROCEDURE.fullmatch(name):
             raise ProgrammingError("%r is no name of a procedure" % name)
-        markers = ", ".join("?" * len(parameters))
-        is_sqlite = self.connection._is_sqlite
-        self.execute(
-            "EXECUTE %s %s" % (name, markers) if is_sqlite else "{CALL %s(%s)}" % (name, markers),
-            tuple(parameters),
-        )
-        return list(parameters)
+        result = [given.value if isinstance(given, Out) else given for given in parameters]
+        outputs = [i for i, given in enumerate(parameters) if isinstance(given, Out)]
+        if outputs and self.connection._dbms != "PostgreSQL":
+            raise NotSupportedError(
+                "There are no output parameters here, or none but as a row to fetch"
+            )
+        call = "CALL %s(%s)" if outputs else "EXECUTE %s %s"
+        self.execute(call % (name, ", ".join("?" * len(result))), result)
+        if outputs:
+            for i, value in zip(outputs, self._output_row(len(outputs))):
+                result[i] = value
+        return result
+
+    def _output_row(self, width: int) -> Tuple[Any, ...]:
+        """The row in which PostgreSQL tells output parameters."""
+        factory, self.row_factory = self.row_factory, None
+        try:
+            rows = self.fetchall() if self.description else []
+        finally:
+            self.row_factory = factory
+        if len(rows) != 1 or len(rows[0]) != width:
+            raise ProgrammingError("The procedure has not %d output parameter(s)" % width)
+        return tuple(rows[0])
 
     def executescript(self, script: str, /) -> "Cursor":
         """Run the statements of a script one by one, as SQLite would read them."""

@@ -35,7 +35,7 @@ OTHER = Dialect("other", '"', "")
 
 def dialect_of(connection: dbapi.Connection) -> Dialect:
     """Asks the database."""
-    if connection._is_sqlite:
+    if connection._dbms == "SQLite":
         return SQLITE
     try:
         version = str(connection.execute("SELECT version()").fetchall()[0][0])

@@ -142,9 +142,11 @@ PyObject* InTransaction(PyObject* self, void*) {
     });
 }
 
-PyObject* IsSqlite(PyObject* self, void*) {
-    return AtBoundary<PyObject*>(nullptr,
-                                 [&] { return PyBool_FromLong(LinkOf(self).IsSqlite() ? 1 : 0); });
+PyObject* Dbms(PyObject* self, void*) {
+    return AtBoundary<PyObject*>(nullptr, [&] {
+        const std::string& name = LinkOf(self).Dbms();
+        return PyUnicode_DecodeUTF8(name.data(), static_cast<Py_ssize_t>(name.size()), "replace");
+    });
 }
 
 PyObject* GetTimeout(PyObject* self, void*) {
@@ -182,7 +184,7 @@ PyGetSetDef Properties[] = {
     {"in_transaction", InTransaction, nullptr, "Whether there is something to commit.", nullptr},
     {"timeout", GetTimeout, SetTimeout, "Whole seconds after which a statement is ended; 0: never.",
      nullptr},
-    {"_is_sqlite", IsSqlite, nullptr, nullptr, nullptr},
+    {"_dbms", Dbms, nullptr, nullptr, nullptr},
     {"closed", IsClosed, nullptr, "Whether the connection is closed.", nullptr},
     {"row_factory", GetRowFactory, SetRowFactory,
      "What makes rows in new cursors: called with the cursor for each result, it returns what is "

@@ -1,7 +1,6 @@
 #include "dbapi/link.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace {
 
@@ -55,7 +54,8 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
         }
         char name[64] = {};
         SQLGetInfoW(connection, SQL_DBMS_NAME, name, sizeof name - 1, nullptr);
-        m_isSqlite = std::strcmp(name, "SQLite") == 0;
+        m_dbms = name;
+        m_isSqlite = m_dbms == "SQLite";
         constexpr SQLUINTEGER kBlocks = SQL_GD_BLOCK | SQL_GD_BOUND;
         SQLUINTEGER extensions = 0;
         SQLGetInfoW(connection, SQL_GETDATA_EXTENSIONS, &extensions, sizeof extensions, nullptr);

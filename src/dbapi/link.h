@@ -114,6 +114,8 @@ class Link {
     // Whether the runtime delivers cells as what they are; a block finds out that it does not.
     bool& HasCells() { return m_hasCells; }
     bool IsSqlite() const { return m_isSqlite; }
+    // The database's product name, as the driver tells it.
+    const std::string& Dbms() const { return m_dbms; }
     long Timeout() const { return m_timeout; }
     void SetTimeout(long seconds) { m_timeout = seconds; }
     SQLHDBC Handle() const { return m_connection; }
@@ -176,6 +178,7 @@ class Link {
     bool m_autocommit = true;
     bool m_touched = false;
     bool m_isConnected = false;
+    std::string m_dbms;
     bool m_isSqlite = false;
     bool m_hasCells = false;
     bool m_isWatched = false;

@@ -3,12 +3,9 @@
 
 namespace {
 
-PyModuleDef ModuleDef = {
-    .m_base = PyModuleDef_HEAD_INIT,
-    .m_name = "vorda._statement",
-    .m_doc = "Connections, statements and rows for vorda.dbapi.",
-    .m_size = -1,
-};
+bool InMainInterpreter() {
+    return PyThreadState_Get()->interp == PyInterpreterState_Main();
+}
 
 bool AddType(PyObject* module, const char* name, PyTypeObject& type) {
     if (PyType_Ready(&type) < 0) return false;
@@ -19,12 +16,36 @@ bool AddType(PyObject* module, const char* name, PyTypeObject& type) {
     return false;
 }
 
+// Once for each interpreter that imports the module. The types and the signals are the main one's.
+int Execute(PyObject* module) {
+    if (!InMainInterpreter()) {
+        PyErr_SetString(PyExc_ImportError, "vorda.dbapi works in the main interpreter only");
+        return -1;
+    }
+    const bool built = InitValues() && InitWaiting() &&
+                       AddType(module, "Connection", ConnectionType) &&
+                       AddType(module, "Cursor", CursorType);
+    return built ? 0 : -1;
+}
+
+PyModuleDef_Slot Slots[] = {
+    {Py_mod_exec, reinterpret_cast<void*>(Execute)},
+#ifdef Py_mod_multiple_interpreters
+    {Py_mod_multiple_interpreters, Py_MOD_MULTIPLE_INTERPRETERS_NOT_SUPPORTED},
+#endif
+    {0, nullptr},
+};
+
+PyModuleDef ModuleDef = {
+    .m_base = PyModuleDef_HEAD_INIT,
+    .m_name = "vorda._statement",
+    .m_doc = "Connections, statements and rows for vorda.dbapi.",
+    .m_size = 0,
+    .m_slots = Slots,
+};
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) PyObject* PyInit__statement() {
-    PyRef module(PyModule_Create(&ModuleDef));
-    const bool built = module && InitValues() && InitWaiting() &&
-                       AddType(module.Get(), "Connection", ConnectionType) &&
-                       AddType(module.Get(), "Cursor", CursorType);
-    return built ? module.Release() : nullptr;
+    return PyModuleDef_Init(&ModuleDef);
 }

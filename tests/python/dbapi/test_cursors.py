@@ -253,6 +253,8 @@ def test_scripts_and_procedures(connection):
     assert connection.execute("SELECT a FROM s").fetchall() == [(";",), (2,), (41,)]
     with pytest.raises(dbapi.ProgrammingError):
         cursor.callproc("p; DROP TABLE s")
+    with pytest.raises(dbapi.NotSupportedError, match="output"):
+        cursor.callproc("p", (dbapi.Out(41),))
 
 
 def test_the_logger_hears_statements_and_no_values(connection, caplog):

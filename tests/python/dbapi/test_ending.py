@@ -78,3 +78,11 @@ def test_a_query_alone_keeps_nobody_from_writing(connection, tmp_path):
     waiting.close()
     other.close()
     assert connection.execute("SELECT a FROM t").fetchone() == (1,)
+
+
+def test_another_interpreter_is_refused():
+    testing = pytest.importorskip("_testcapi")
+    assert testing.run_in_subinterp(
+        "try:\n    import vorda.dbapi\n"
+        "except ImportError as error:\n    assert 'interpreter' in str(error), error\n"
+        "else:\n    raise SystemExit('imported')\n") == 0

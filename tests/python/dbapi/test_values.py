@@ -93,6 +93,16 @@ def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
     assert connection.execute("SELECT " + markers, parameters).fetchone() == row
 
 
+@pytest.mark.parametrize("dbms, sql, names", [
+    ("SQLite", r"':a\', :b, [:c] || `:d` || :e /* :f", "be"),
+    ("PostgreSQL", r"e'\':a', ARRAY[:b]::int, '\', :c, x$$, $q$:d$$:e$q$, :f /* /* */ :g */", "bcf"),
+    ("MariaDB", r"'\':a', \":b\"\":c\", 1--:d, :e # :f", "de"),
+    ("other", r"'\', :a, [:b], \":c\" -- :d", "ab"),
+])
+def test_named_markers_are_read_by_the_rules_of_the_database(dbms, sql, names):
+    assert dbapi._plain_markers(sql, dbms)[1] == tuple(names)
+
+
 @pytest.mark.parametrize("parameters, words", [
     ((), "1 parameter marker.*0 value"), ((1, 2), "1 parameter marker.*2 value"),
     ("x", "are a str"), ({1}, "are a set"),
