@@ -20,7 +20,7 @@ struct Origin {
 struct Column {
     std::string name;
     ColumnType type;
-    std::string typeName;  ///< as declared; empty for an expression
+    std::string typeName;                         ///< as declared; empty for an expression
     SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;  ///< `Database::nullability` may know better
     Origin origin;
 };

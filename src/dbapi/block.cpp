@@ -221,8 +221,8 @@ PyRef Block::MakeCell(size_t row, size_t column) {
             throw Failure("HY000", "the driver tells a length that is none");
         cell.bytes = {place + kHead, static_cast<size_t>(std::max<SQLLEN>(length, 0))};
     }
-    return MakeValue(cell, column < m_columns->size() ? (*m_columns)[column].meaning
-                                                      : Meaning::Plain);
+    return MakeValue(cell,
+                     column < m_columns->size() ? (*m_columns)[column].meaning : Meaning::Plain);
 }
 
 PyRef Block::Take() {

@@ -7,7 +7,8 @@ void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
     if (!given || given == Py_None) return;
     PyRef sequence = PyRef::Borrow(given);
     if (!PyTuple_CheckExact(given) && !PyList_CheckExact(given)) {
-        const PyRef pair = CallFace("_positional", "(OOs)", sql.Get(), given, self->link->Dbms().c_str());
+        const PyRef pair =
+            CallFace("_positional", "(OOs)", sql.Get(), given, self->link->Dbms().c_str());
         sql = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 0));
         sequence = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 1));
         if (!sql || !sequence) throw PythonError();

@@ -42,7 +42,9 @@ class Statement {
     SQLLEN RowCount() const { return m_rowCount; }
 
     // Whether no row is at hand, and more may come: time to load.
-    bool WantsLoading() const { return m_hasRows && !m_block.HasRow() && !m_failed && !m_lost.state; }
+    bool WantsLoading() const {
+        return m_hasRows && !m_block.HasRow() && !m_failed && !m_lost.state;
+    }
     void Load();
     // The next row as a tuple, or null after the last. A failure behind the rows so far is thrown
     // when they are read; one of a row, when that comes.
