@@ -96,8 +96,8 @@ def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
 @pytest.mark.parametrize("dbms, sql, names", [
     ("SQLite", r"':a\', :b, [:c] || `:d` || :e /* :f", "be"),
     ("PostgreSQL", r"e'\':a', ARRAY[:b]::int, '\', :c, x$$, $q$:d$$:e$q$, :f /* /* */ :g */", "bcf"),
-    ("MariaDB", r"'\':a', \":b\"\":c\", 1--:d, :e # :f", "de"),
-    ("other", r"'\', :a, [:b], \":c\" -- :d", "ab"),
+    ("MariaDB", r"""'\':a', ":b"":c", 1--:d, :e # :f""", "de"),
+    ("other", r"""'\', :a, [:b], ":c" -- :d""", "ab"),
 ])
 def test_named_markers_are_read_by_the_rules_of_the_database(dbms, sql, names):
     assert dbapi._plain_markers(sql, dbms)[1] == tuple(names)
