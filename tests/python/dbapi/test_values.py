@@ -95,7 +95,7 @@ def test_parameters_are_a_sequence_or_a_mapping(connection, parameters, row):
 
 @pytest.mark.parametrize("dbms, sql, names", [
     ("SQLite", r"':a\', :b, [:c] || `:d` || :e /* :f", "be"),
-    ("PostgreSQL", r"e'\':a', ARRAY[:b]::int, '\', :c, x$$, $q$:d$$:e$q$, :f /* /* */ :g */", "bcf"),
+    ("PostgreSQL", r"e'\':a', ARRAY[:b]::int, '\', :c, x$$, $q$:d$$:e$q$, :f /*/* */ :g */", "bcf"),
     ("MariaDB", r"""'\':a', ":b"":c", 1--:d, :e # :f""", "de"),
     ("other", r"""'\', :a, [:b], ":c" -- :d""", "ab"),
 ])
