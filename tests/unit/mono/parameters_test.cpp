@@ -154,8 +154,34 @@ TEST_F(ParameterTest, AnExecutionEndsItsParameters) {
     EXPECT_EQ(BindInt(6), VORDA_OK);
     EXPECT_EQ(TakeLog().find("\nSQLFreeStmt(stmt1, 3)\nSQLBindParameter(stmt1, 1, in"), 0u);
     EXPECT_EQ(Run(), "\nSQLExecute(stmt1)\n  1: values=[6], lens=[4]\n");
-    FailNext("SQLFreeStmt", 71, "cannot reset");
-    EXPECT_EQ(Run(VORDA_ODBC_ERROR).find("SQLExecute("), std::string::npos);
+}
+
+TEST_F(ParameterTest, ABatchRaisedAfterBindingIsRefused) {
+    SetBatchSize(2);
+    const int values[] = {1, 2};
+    EXPECT_EQ(Bind(DBTYPE_INTEGER, Bytes(values), 4, {4, 4}), VORDA_OK);
+    SetBatchSize(3);
+    EXPECT_EQ(Run(VORDA_INDEX_OUT_OF_RANGE), "\n");
+    ExpectError(1106, "The batch size was raised after a parameter was bound");
+    // As after any other execution, the next value is the first again.
+    SetBatchSize(1);
+    BindInt(3);
+    EXPECT_EQ(Run(), "\nSQLExecute(stmt1)\n  1: values=[3], lens=[4]\n");
+}
+
+TEST_F(ParameterTest, WithoutAResetNothingRunsOnReleasedMemory) {
+    BindInt(1);
+    Run();
+    for (const bool binds : {false, true}) {
+        FailNext("SQLFreeStmt", 71, "cannot reset");
+        EXPECT_EQ(binds ? BindInt(2) : source.Execute(nullptr, nullptr), VORDA_ODBC_ERROR);
+        ExpectError(71, "cannot reset");
+    }
+    EXPECT_EQ(scripted_call_count("SQLExecute"), 1);
+    EXPECT_EQ(scripted_call_count("SQLBindParameter"), 1);
+    // The value that was not bound keeps its number, the one behind it does not get it.
+    EXPECT_EQ(BindInt(4), VORDA_OK);
+    EXPECT_EQ(Run(), "\nSQLExecute(stmt1)\n  2: values=[4], lens=[4]\n");
 }
 
 }  // namespace
