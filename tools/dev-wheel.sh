@@ -56,6 +56,16 @@ installed_tests() (
         --junitxml "$results/wheel-embedded.xml" tests/python/embedded
 )
 
+# Type checkers read the installed package; the stubs are what the modules are.
+types() {
+    [ "$index" ] || return 0
+    set -- "$work/clean Ü/bin/python"
+    "$1" -m pip install --quiet --disable-pip-version-check mypy &&
+        "$1" -m mypy --strict -p vorda &&
+        "$1" -m mypy.stubtest vorda.zelqa vorda._statement --ignore-unused-allowlist \
+            --allowlist tests/package/stubtest.txt
+}
+
 uninstall() {
     "$work/clean Ü/bin/python" -m pip uninstall --quiet --yes vorda-zelqa
     [ -z "$(find "$work/clean Ü/lib" -name '*vorda*')" ]
@@ -77,7 +87,7 @@ if provide_tools; then
     # What a few tests compare an installed package with.
     build release vorda_scripted_runtime vorda_scripted_compat
     install_wheel || fail "cannot install"
-    for step in wheel_tests installed_tests uninstall; do
+    for step in wheel_tests installed_tests types uninstall; do
         say "$step"
         $step || failed="$failed, $step"
     done
