@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -53,6 +55,33 @@ TEST(NormalizeSqlTest, BigStatementsOnASmallStack) {
     pthread_join(thread, nullptr);
     pthread_attr_destroy(&attributes);
 }
+
+#if !defined(__SANITIZE_ADDRESS__)
+// Runs `action`, which tells whether it noticed, in a process that can get no more big blocks.
+template <typename Action>
+void ExpectNoticed(Action action) {
+    const auto run = [&] {
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_AS, &none);
+        _exit(action() ? 0 : 1);
+    };
+    EXPECT_EXIT(run(), testing::ExitedWithCode(0), "");
+}
+
+TEST(NormalizeSqlTest, WithoutMemoryNothingIsShortenedOrMistaken) {
+    const std::string big(64 << 20, 'a');
+    const std::string words = "SELECT (" + big + ")?";
+    const std::string marker = "SELECT [:" + big + "\\x ? ]";
+    for (const std::string& sql : {words, marker}) {
+        ExpectNoticed([&] {
+            DynStr out;
+            int type = 0;
+            return NormalizeSQL(sql.c_str(), out, &type, nullptr) == VORDA_OUT_OF_MEMORY &&
+                   out.Length() == 0;
+        });
+    }
+}
+#endif
 
 TEST(SqlTokenizerTest, ReadsNoFurtherThanTold) {
     const std::string sql = "ab'c";
