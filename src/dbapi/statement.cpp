@@ -10,8 +10,9 @@ namespace {
 
 // An expression's name is its text; no function tells a longer one.
 constexpr SQLSMALLINT kMostName = std::numeric_limits<SQLSMALLINT>::max();
-// The runtime's attribute of a statement for it.
+// Attributes of the embedded runtime's statements.
 constexpr SQLINTEGER kLastRowId = 0x7001;
+constexpr SQLINTEGER kAllResults = 0x7002;
 // Longer texts are bound where they are, instead of being copied to a place that stays.
 constexpr size_t kMostCopied = 256;
 
@@ -37,6 +38,10 @@ Statement::Statement(Link& link, PyObject* text)
     if (m_length > std::numeric_limits<SQLINTEGER>::max())
         throw Failure("42000", "The statement is longer than 2 GB.");
     m_handle = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, link.Handle());
+    // All of them are there when the first one is; MariaDB's driver would be out of step where some
+    // are left.
+    if (link.Dbms() == "PostgreSQL")
+        SQLSetStmtAttrW(m_handle, kAllResults, reinterpret_cast<SQLPOINTER>(1), 0);
 }
 
 Statement::~Statement() {

@@ -32,3 +32,19 @@ def test_output_parameters_are_replaced_or_a_row(engine):
         assert cursor.callproc("outs", (1, "x", None)) == [1, "x", None]
         assert cursor.fetchall() == [{"b": "x1", "c": 2}]
     connection.close()
+
+
+def test_results_of_one_text_come_one_after_the_other(databases):
+    if "postgresql" not in databases:
+        pytest.skip("there is no PostgreSQL")
+    connection = dbapi.connect(databases["postgresql"].string)
+    cursor = connection.cursor()
+    cursor.execute("SELECT 1 UNION SELECT 2 ORDER BY 1; CREATE TEMP TABLE r (a INT); SELECT 3 AS b")
+    assert cursor.fetchone() == (1,)
+    assert cursor.nextset() and cursor.description[0][0] == "b" and cursor.fetchall() == [(3,)]
+    assert cursor.nextset() is None
+    cursor.execute("SELECT 1; SELECT 2")  # whose second result is never asked for
+    assert connection.execute("SELECT 4").fetchall() == [(4,)]
+    with pytest.raises(dbapi.ProgrammingError):
+        cursor.execute("SELECT 1; SELECT * FROM nowhere")
+    connection.close()
