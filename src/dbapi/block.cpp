@@ -58,19 +58,19 @@ void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, si
         Resize(statement, m_cellByCell ? 1 : kFirstRows);
     } catch (const Failure& failure) {
         if (failure.Records().front().state == "HY001") throw;
-        // A runtime that would not forget the memory must not fetch.
-        Check(SQLFreeStmt(statement, SQL_UNBIND), SQL_HANDLE_STMT, statement);
-        Set(statement, SQL_ATTR_ROW_ARRAY_SIZE, AsPointer(1));
-        Set(statement, SQL_ATTR_ROW_STATUS_PTR, nullptr);
-        Set(statement, SQL_ATTR_ROWS_FETCHED_PTR, nullptr);
-        hasCells = false;
         m_cellByCell = true;
         Resize(statement, 1);
+        hasCells = false;
     }
 }
 
 // Memory for at most so many rows, with cells as wide as wanted.
 void Block::Resize(SQLHSTMT statement, size_t rows) {
+    m_isBound = false;
+    // A runtime that would not forget the memory must not fetch; nor one that still has a column
+    // that is no more.
+    if (m_memory) Check(SQLFreeStmt(statement, SQL_UNBIND), SQL_HANDLE_STMT, statement);
+    m_memory.reset();
     m_rowSize = 0;
     for (Place& place : m_places) {
         place.width = place.wanted;
@@ -78,11 +78,18 @@ void Block::Resize(SQLHSTMT statement, size_t rows) {
         m_rowSize += kHead + place.width;
     }
     m_widen = false;
-    m_isBound = false;
     m_size = std::clamp<size_t>(kMostBytes / m_rowSize, 1, std::min(rows, kMostRows));
     m_memory = std::make_unique<char[]>(m_size * m_rowSize);
-    m_status.assign(m_size, SQL_ROW_NOROW);
-    if (!m_cellByCell) Bind(statement);
+    if (!m_cellByCell) {
+        m_status.reserve(kMostRows);  // which stays where it is, since the runtime knows it
+        m_status.assign(m_size, SQL_ROW_NOROW);
+        Bind(statement);
+    } else if (!m_status.empty()) {
+        Set(statement, SQL_ATTR_ROW_ARRAY_SIZE, AsPointer(1));
+        Set(statement, SQL_ATTR_ROW_STATUS_PTR, nullptr);
+        Set(statement, SQL_ATTR_ROWS_FETCHED_PTR, nullptr);
+        m_status.clear();
+    }
     m_isBound = true;
 }
 

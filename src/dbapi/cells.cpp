@@ -99,12 +99,27 @@ CellKind ReadStandard(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT sqlTy
 }
 
 void ReadWhole(SQLHSTMT statement, SQLUSMALLINT column, size_t length, std::string& bytes) {
-    bytes.resize(kCellTag + length);
-    SQLLEN indicator = 0;
-    Check(SQLGetData(statement, column, kCellCType, bytes.data(), static_cast<SQLLEN>(bytes.size()),
-                     &indicator),
-          SQL_HANDLE_STMT, statement);
-    if (indicator < 0 || static_cast<size_t>(indicator) != length)
-        throw Failure("HY000", "The driver tells two lengths of one value.");
+    size_t read = 0;
+    do {
+        // A length is not trusted with more memory than has been filled. A cell is no shorter than
+        // a timestamp, and each piece has its tag, which lies on the end of the piece before.
+        const size_t left = length - read;
+        const size_t room = std::max(kStamp, std::min(left, std::max(read, kMostAhead)));
+        bytes.resize(kCellTag + read + room);
+        char covered[kCellTag];
+        std::memcpy(covered, &bytes[read], kCellTag);
+        SQLLEN indicator = 0;
+        const SQLRETURN status = SQLGetData(statement, column, kCellCType, &bytes[read],
+                                            static_cast<SQLLEN>(kCellTag + room), &indicator);
+        Check(status, SQL_HANDLE_STMT, statement);
+        if (indicator < 0 || static_cast<size_t>(indicator) != left ||
+            (room < left && status == SQL_SUCCESS))
+            throw Failure("HY000", "The driver tells two lengths of one value.");
+        std::memcpy(&bytes[read], covered, kCellTag);
+        // Growing now takes addresses, and memory as it is filled.
+        if (read == 0) bytes.reserve(kCellTag + length + kStamp);
+        read += room;
+    } while (read < length);
     bytes.erase(0, kCellTag);
+    bytes.resize(length);
 }

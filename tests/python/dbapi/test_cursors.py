@@ -141,17 +141,17 @@ def test_executemany_is_all_or_nothing(table, autocommit, begin):
 
 
 def test_executemany_takes_rows_of_any_kind(table):
-    values = [1, None, "x", 2.5, b"b", 2**40, "y" * 100000, True] * 3
+    values = [1, None, "x", 2.5, b"b", 2**40, "y" * 100000, "yz" * 1048579, True] * 3
     table.execute("CREATE TABLE m (x)")
     cursor = table.executemany("INSERT INTO m VALUES (?)", ([value] for value in values))
-    assert cursor.rowcount == 24
+    assert cursor.rowcount == 27
     assert [row[0] for row in table.execute("SELECT x FROM m")] == values
     cursor.executemany("DELETE FROM t WHERE a = :a", ({"a": i} for i in range(500)))
     assert cursor.rowcount == 499
     cursor.execute("SELECT a FROM t").executemany("UPDATE t SET b = ? WHERE a = ?", [])
     assert cursor.rowcount == 0 and cursor.description is None
     table.executemany("INSERT INTO m VALUES (?) RETURNING x", [(1,), (2,)])
-    assert table.execute("SELECT count(*) FROM m").fetchone() == (26,)
+    assert table.execute("SELECT count(*) FROM m").fetchone() == (29,)
 
 
 # --- transactions --------------------------------------------------------------------------------
