@@ -80,24 +80,24 @@ PyMethodDef PyCursor_Methods[] = {
 };
 
 PyMemberDef PyCursor_Members[] = {
-    {"rowcount", T_INT, offsetof(CursorFields, RowCount), READONLY,
+    {"rowcount", T_INT, offsetof(PyCursorFields, RowCount), READONLY,
      "This read-only attribute specifies the number of rows that the\n"
      "last .execute*() produced (for DQL statements like SELECT) or affected\n"
      "(for DML statements like UPDATE or INSERT).\n\n"
      "The attribute is - 1 in case no.execute* () has been performed on the cursor or\n"
      "the rowcount of the last operation is cannot be determined by the interface."},
-    {"description", T_OBJECT_EX, offsetof(CursorFields, Description), READONLY,
+    {"description", T_OBJECT_EX, offsetof(PyCursorFields, Description), READONLY,
      "This read-only attribute is a sequence of 7-item sequences.\n\n"
      "Each of these sequences contains information describing one result column:\n"
      "name, type_code, display_size, internal_size, precision, scale, null_ok.\n\n"
      "The first two items (name and type_code) are mandatory, the other five are\n"
      "optionaland are set to None if no meaningful values can be provided."},
-    {"arraysize", T_INT, offsetof(CursorFields, ArraySize), 0,
+    {"arraysize", T_INT, offsetof(PyCursorFields, ArraySize), 0,
      "This read/write attribute specifies the number of rows to fetch at a time\n"
      "with .fetchmany(). It defaults to 1 meaning to fetch a single row at a time.\n\n"
      "Implementations must observe this value with respect to the.fetchmany() method,\n"
      "but are free to interact with the database a single row at a time."},
-    {"connection", T_OBJECT_EX, offsetof(CursorFields, Connection), READONLY,
+    {"connection", T_OBJECT_EX, offsetof(PyCursorFields, Connection), READONLY,
      "This read-only attribute return a reference to the Connection object on\n"
      "which the cursor was created."},
     {nullptr, 0, 0, 0, nullptr},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <initializer_list>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "core/describe.h"
@@ -86,8 +87,9 @@ std::vector<Row> query(Session& session, const std::string& sql,
     std::vector<Row> rows;
     try {
         for (Query query(session.db(), sql, parameters); query.next();) {
-            Row& row = rows.emplace_back();
+            Row row;
             for (int i = 0; i < query.columnCount(); ++i) row.push_back(query.value(i));
+            rows.push_back(std::move(row));
         }
     } catch (const Error&) {
         throw session.failure();  // which knows who ended it

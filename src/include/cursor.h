@@ -13,14 +13,14 @@ struct DeleteRowPlan {
 };
 
 // What CPython finds by its offset.
-struct CursorFields {
+struct PyCursorFields {
     PyObject_HEAD PyConnection* Connection;  // strong; null once the cursor is closed
     PyObject* Description;                   // strong; null once the cursor is closed
     int ArraySize;
     int RowCount;
 };
 
-struct PyCursor : CursorFields {
+struct PyCursor : PyCursorFields {
     Dbs* dbs;  // the connection's; only to be used after CursorValidate
     // How the rows of the last result fetched from are read; empty before the first row.
     std::unique_ptr<RowPlan, DeleteRowPlan> Plan;
