@@ -204,9 +204,9 @@ void appendColumn(StoredRows& rows, const Table& table, const Row& info, int pos
 
 }  // namespace
 
-bool matches(std::string_view text, const Pattern& pattern) {
+bool matches(std::string_view name, const Pattern& pattern) {
     if (!pattern) return true;
-    return sqlite3_strlike(pattern->c_str(), std::string(text).c_str(), '\\') == 0;
+    return sqlite3_strlike(pattern->c_str(), std::string(name).c_str(), '\\') == 0;
 }
 
 std::unique_ptr<ResultSet> listTables(Session& session, const CatalogSearch& search) {
