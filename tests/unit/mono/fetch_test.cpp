@@ -41,7 +41,7 @@ class FetchTest : public SourceTest {
 // Which no other tests can fetch.
 TEST_F(FetchTest, BinariesAndTheirLengths) {
     const std::string binary(5000, '\xff');
-    for (const std::size_t size : {3, 4096, 5000}) {
+    for (const std::size_t size : {3UL, 4096UL, 5000UL}) {
         AddResult({SQL_VARBINARY});
         AddBytes(binary.substr(0, size));
         ASSERT_EQ(source.Execute("q", 1, &rs, nullptr), VORDA_OK);
