@@ -234,10 +234,9 @@ bool ODBCSourceImpl::UndoLastExecution() {
     }
     if (m_hasStaleBindings) {
         // Whatever is not success leaves the driver with buffers that are about to go.
-        const SQLRETURN reset = SQLFreeStmt(m_preparedHstmt, SQL_RESET_PARAMS);
-        if (!StatementPassed(OdbcSucceeded(reset) ? reset : SQL_ERROR, m_preparedHstmt)) {
-            return false;
-        }
+        SQLRETURN reset = SQLFreeStmt(m_preparedHstmt, SQL_RESET_PARAMS);
+        if (!OdbcSucceeded(reset)) reset = SQL_ERROR;
+        if (!StatementPassed(reset, m_preparedHstmt)) return false;
         m_hasStaleBindings = false;
     }
     return true;
