@@ -143,10 +143,8 @@ PyObject* InTransaction(PyObject* self, void*) {
 }
 
 PyObject* Dbms(PyObject* self, void*) {
-    return AtBoundary<PyObject*>(nullptr, [&] {
-        const std::string& name = LinkOf(self).Dbms();
-        return PyUnicode_DecodeUTF8(name.data(), static_cast<Py_ssize_t>(name.size()), "replace");
-    });
+    return AtBoundary<PyObject*>(nullptr,
+                                 [&] { return PyUnicode_FromString(LinkOf(self).Dbms().c_str()); });
 }
 
 PyObject* GetTimeout(PyObject* self, void*) {

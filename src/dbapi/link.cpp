@@ -1,6 +1,7 @@
 #include "dbapi/link.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -54,7 +55,10 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
         }
         char name[64] = {};
         SQLGetInfoW(connection, SQL_DBMS_NAME, name, sizeof name - 1, nullptr);
-        m_dbms = name;
+        // A product with another name than ASCII is none that is known here.
+        const bool isPlain =
+            std::all_of(std::begin(name), std::end(name), [](unsigned char c) { return c < 0x80; });
+        if (isPlain) m_dbms = name;
         m_isSqlite = m_dbms == "SQLite";
         constexpr SQLUINTEGER kBlocks = SQL_GD_BLOCK | SQL_GD_BOUND;
         SQLUINTEGER extensions = 0;

@@ -38,8 +38,8 @@ Statement::Statement(Link& link, PyObject* text)
     if (m_length > std::numeric_limits<SQLINTEGER>::max())
         throw Failure("42000", "The statement is longer than 2 GB.");
     m_handle = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, link.Handle());
-    // All of them are there when the first one is; MariaDB's driver would be out of step where some
-    // are left.
+    // PostgreSQL's driver has read all results when it gives the first; MariaDB's would be out of
+    // step with its server where some are left.
     if (link.Dbms() == "PostgreSQL")
         SQLSetStmtAttrW(m_handle, kAllResults, reinterpret_cast<SQLPOINTER>(1), 0);
 }
