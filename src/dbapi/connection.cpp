@@ -143,12 +143,13 @@ PyObject* InTransaction(PyObject* self, void*) {
 }
 
 PyObject* Dbms(PyObject* self, void*) {
-    return AtBoundary<PyObject*>(nullptr,
-                                 [&] { return PyUnicode_FromString(LinkOf(self).Dbms().c_str()); });
+    return AtBoundary<PyObject*>(
+        nullptr, [&] { return PyUnicode_FromString(LinkOf(self).Behind().product.c_str()); });
 }
 
 PyObject* GetTimeout(PyObject* self, void*) {
-    return AtBoundary<PyObject*>(nullptr, [&] { return PyLong_FromLong(LinkOf(self).Timeout()); });
+    return AtBoundary<PyObject*>(nullptr,
+                                 [&] { return PyLong_FromLong(LinkOf(self).Behind().timeout); });
 }
 
 int SetTimeout(PyObject* self, PyObject* value, void*) {

@@ -88,6 +88,25 @@ Statement& StatementWithRows(CursorObject* self) {
     return *self->statement;
 }
 
+void Describe(CursorObject* self) {
+    if (self->statement->IsDescribed()) return;
+    const Link::Turn turn(*self->link);
+    self->link->Wait(self->statement->Handle(), [self] { self->statement->Describe(); });
+}
+
+PyRef NextTuple(CursorObject* self, Statement& statement) {
+    try {
+        return statement.NextRow();
+    } catch (const CellFailure& failure) {
+        try {
+            Describe(self);
+        } catch (const Failure&) {
+            // Then the column's number has to do.
+        }
+        throw failure.Named(statement.NameOf(failure.column));
+    }
+}
+
 // The next row as the factory makes it; null at the end.
 PyRef Next(CursorObject* self, Statement& statement) {
     if (statement.WantsLoading()) {
@@ -96,7 +115,7 @@ PyRef Next(CursorObject* self, Statement& statement) {
         // It may have been lost meanwhile.
         if (statement.WantsLoading()) link.Wait(statement.Handle(), [&] { statement.Load(); });
     }
-    PyRef row = statement.NextRow();
+    PyRef row = NextTuple(self, statement);
     if (!row || !self->rowFactory || self->rowFactory == Py_None) return row;
     if (!self->makeRow) {
         self->makeRow =
@@ -215,12 +234,8 @@ PyObject* Description(PyObject* object, void*) {
         CursorObject* const self = Self(object);
         if (!self->statement || !self->statement->HasColumns())
             return PyRef::Borrow(Py_None).Release();
-        Statement& statement = *self->statement;
-        if (!statement.IsDescribed()) {
-            const Link::Turn turn(*self->link);
-            self->link->Wait(statement.Handle(), [&] { statement.Describe(); });
-        }
-        return statement.Description().Release();
+        Describe(self);
+        return self->statement->Description().Release();
     });
 }
 

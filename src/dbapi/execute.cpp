@@ -7,13 +7,13 @@ void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
     if (!given || given == Py_None) return;
     PyRef sequence = PyRef::Borrow(given);
     if (!PyTuple_CheckExact(given) && !PyList_CheckExact(given)) {
-        const PyRef pair =
-            CallFace("_positional", "(OOs)", sql.Get(), given, self->link->Dbms().c_str());
+        const PyRef pair = CallFace("_positional", "(OOs)", sql.Get(), given,
+                                    self->link->Behind().product.c_str());
         sql = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 0));
         sequence = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 1));
         if (!sql || !sequence) throw PythonError();
     }
-    const Sending sending{self->link->IsSqlite()};
+    const Sending sending{self->link->Behind().isSqlite};
     // A list may change while adapters run.
     for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.Get()); ++i) {
         const PyRef item = PyRef::Borrow(PySequence_Fast_GET_ITEM(sequence.Get(), i));

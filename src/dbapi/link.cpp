@@ -18,8 +18,8 @@ SQLPOINTER AsPointer(std::uintptr_t number) {
 
 }  // namespace
 
-Link::Link(const std::string& text, bool autocommit, long timeout, std::string& warning)
-    : m_timeout(timeout) {
+Link::Link(const std::string& text, bool autocommit, long timeout, std::string& warning) {
+    m_database.timeout = timeout;
     if (!OdbcSucceeded(SQLAllocHandle(SQL_HANDLE_ENV, nullptr, &m_environment))) {
         throw Failure("IM003",
                       "No runtime can be loaded; python -m vorda doctor shows where it was looked "
@@ -37,7 +37,7 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
     Check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, AsPointer(SQL_OV_ODBC3), 0),
           SQL_HANDLE_ENV, m_environment);
     const SQLHDBC connection = NewHandle(SQL_HANDLE_DBC, SQL_HANDLE_ENV, m_environment);
-    m_connection = connection;
+    m_database.connection = connection;
     if (text.size() > std::numeric_limits<SQLSMALLINT>::max())
         throw Failure("HY090", "The connection string is too long.");
     Wait(nullptr, [&] {
@@ -58,12 +58,12 @@ void Link::Connect(const std::string& text, bool autocommit, std::string& warnin
         // A product with another name than ASCII is none that is known here.
         const bool isPlain =
             std::all_of(std::begin(name), std::end(name), [](unsigned char c) { return c < 0x80; });
-        if (isPlain) m_dbms = name;
-        m_isSqlite = m_dbms == "SQLite";
+        if (isPlain) m_database.product = name;
+        m_database.isSqlite = m_database.product == "SQLite";
         constexpr SQLUINTEGER kBlocks = SQL_GD_BLOCK | SQL_GD_BOUND;
         SQLUINTEGER extensions = 0;
         SQLGetInfoW(connection, SQL_GETDATA_EXTENSIONS, &extensions, sizeof extensions, nullptr);
-        m_hasCells = (extensions & kBlocks) == kBlocks;
+        m_database.hasCells = (extensions & kBlocks) == kBlocks;
     });
     m_isWatched = OdbcSucceeded(SQLSetConnectAttrW(
         connection, kProgress, const_cast<Progress*>(&m_progress), SQL_IS_POINTER));
@@ -77,11 +77,11 @@ int Link::LookIn(void* link) {
 
 // What is freed here has no transaction and no statements any more.
 void Link::FreeHandles() {
-    if (m_connection) {
-        if (m_isConnected) SQLDisconnect(m_connection);
-        SQLFreeHandle(SQL_HANDLE_DBC, m_connection);
+    if (m_database.connection) {
+        if (m_isConnected) SQLDisconnect(m_database.connection);
+        SQLFreeHandle(SQL_HANDLE_DBC, m_database.connection);
     }
-    m_connection = nullptr;
+    m_database.connection = nullptr;
     if (m_environment) SQLFreeHandle(SQL_HANDLE_ENV, m_environment);
     m_environment = nullptr;
 }
@@ -155,8 +155,8 @@ void Link::EndTransaction(bool keep) {
             statement->Lose({"24000", "The rows are gone with the rollback."});
     }
     Wait(nullptr, [&] {
-        Check(SQLEndTran(SQL_HANDLE_DBC, m_connection, keep ? SQL_COMMIT : SQL_ROLLBACK),
-              SQL_HANDLE_DBC, m_connection);
+        Check(SQLEndTran(SQL_HANDLE_DBC, m_database.connection, keep ? SQL_COMMIT : SQL_ROLLBACK),
+              SQL_HANDLE_DBC, m_database.connection);
     });
     m_touched = false;
 }
@@ -169,7 +169,7 @@ void Link::Commit(bool keep) {
 }
 
 void Link::Run(const char* sql, bool canBeCancelled) {
-    const SQLHSTMT statement = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, m_connection);
+    const SQLHSTMT statement = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, m_database.connection);
     const std::unique_ptr<void, void (*)(SQLHSTMT)> owner(
         statement, [](SQLHSTMT owned) { SQLFreeHandle(SQL_HANDLE_STMT, owned); });
     Wait(canBeCancelled ? statement : nullptr,
@@ -178,7 +178,7 @@ void Link::Run(const char* sql, bool canBeCancelled) {
 
 void Link::SetSavepoint() {
     // On SQLite, a savepoint outside of a transaction is one of its own, committed when released.
-    if (m_isSqlite && !InTransaction()) Run("BEGIN");
+    if (m_database.isSqlite && !InTransaction()) Run("BEGIN");
     m_touched = true;
     Run("SAVEPOINT vorda_executemany");
 }
@@ -209,7 +209,7 @@ void Link::FinishUndo() {
     if (m_toUndo == Undone::Transaction) {
         EndTransaction(false);
         SetAutocommit(true);
-    } else if (!m_isSqlite || InTransaction()) {
+    } else if (!m_database.isSqlite || InTransaction()) {
         ReleaseSavepoint(false);
     }
     m_toUndo = Undone::Nothing;
@@ -217,8 +217,8 @@ void Link::FinishUndo() {
 
 void Link::SetAutocommit(bool on) {
     const SQLULEN value = on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
-    Check(SQLSetConnectAttrW(m_connection, SQL_ATTR_AUTOCOMMIT, AsPointer(value), 0),
-          SQL_HANDLE_DBC, m_connection);
+    Check(SQLSetConnectAttrW(m_database.connection, SQL_ATTR_AUTOCOMMIT, AsPointer(value), 0),
+          SQL_HANDLE_DBC, m_database.connection);
     m_autocommit = on;
     m_touched = false;
 }
@@ -227,10 +227,11 @@ bool Link::InTransaction() {
     SQLUINTEGER isOpen = 0;
     SQLRETURN status = SQL_ERROR;
     const auto ask = [&] {
-        status = SQLGetConnectAttrW(m_connection, kInTransaction, &isOpen, sizeof isOpen, nullptr);
+        status = SQLGetConnectAttrW(m_database.connection, kInTransaction, &isOpen, sizeof isOpen,
+                                    nullptr);
     };
     // A server may have to be asked.
-    if (m_isSqlite) {
+    if (m_database.isSqlite) {
         ask();
     } else {
         Wait(nullptr, ask);
@@ -247,9 +248,9 @@ void Link::Close() {
     // Whatever the server says to the rollback, the connection ends, and with it the transaction.
     const std::unique_ptr<Link, void (*)(Link*)> end(this, [](Link* link) { link->FreeHandles(); });
     Wait(nullptr, [&] {
-        SQLEndTran(SQL_HANDLE_DBC, m_connection, SQL_ROLLBACK);
+        SQLEndTran(SQL_HANDLE_DBC, m_database.connection, SQL_ROLLBACK);
         m_isConnected = false;
-        SQLDisconnect(m_connection);
+        SQLDisconnect(m_database.connection);
     });
 }
 
@@ -257,7 +258,7 @@ void Link::Close() {
 
 std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
     std::unique_ptr<Statement> statement = m_idle.Take(text);
-    if (!statement) statement = std::make_unique<Statement>(*this, text);
+    if (!statement) statement = std::make_unique<Statement>(m_database, text);
     // Giving back must not fail.
     m_waiting.reserve(m_waiting.size() + m_taken.size() + 1);
     m_taken.push_back(statement.get());

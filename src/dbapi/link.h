@@ -67,7 +67,7 @@ class Link {
             return;
         }
         // A file's engine that cannot be looked into answers soon; the way aside costs too much.
-        if (m_isSqlite || !InMainThread()) {
+        if (m_database.isSqlite || !InMainThread()) {
             const Unlocked unlocked;
             call();
             return;
@@ -104,21 +104,14 @@ class Link {
     // Waits for its turn, rolls back and disconnects. Open results are over.
     void Close();
 
-    bool IsOpen() const { return m_connection != nullptr; }
-    // Whether a parent process owns it: nothing of it may be touched.
-    bool IsInherited() const { return m_forks != ForkCount(); }
+    bool IsOpen() const { return m_database.connection != nullptr; }
+    bool IsInherited() const { return m_database.IsInherited(); }
     bool Autocommit() const { return m_autocommit; }
     bool InTransaction();
     // Something was executed that a commit would keep.
     void Touch() { m_touched = true; }
-    // Whether the runtime delivers cells as what they are; a block finds out that it does not.
-    bool& HasCells() { return m_hasCells; }
-    bool IsSqlite() const { return m_isSqlite; }
-    // The database's product name, as the driver tells it.
-    const std::string& Dbms() const { return m_dbms; }
-    long Timeout() const { return m_timeout; }
-    void SetTimeout(long seconds) { m_timeout = seconds; }
-    SQLHDBC Handle() const { return m_connection; }
+    const Database& Behind() const { return m_database; }
+    void SetTimeout(long seconds) { m_database.timeout = seconds; }
 
     // A prepared statement that nobody uses, or a new one; for the holder of a turn.
     std::unique_ptr<Statement> TakeStatement(PyObject* text);
@@ -173,18 +166,13 @@ class Link {
     void TakeInWaiting() noexcept;
 
     SQLHENV m_environment = nullptr;
-    SQLHDBC m_connection = nullptr;
-    const unsigned m_forks = ForkCount();
+    Database m_database;
     bool m_autocommit = true;
     bool m_touched = false;
     bool m_isConnected = false;
-    std::string m_dbms;
-    bool m_isSqlite = false;
-    bool m_hasCells = false;
     bool m_isWatched = false;
     Watched* m_watched = nullptr;  // in the middle of a call
     const Progress m_progress{LookIn, this};
-    long m_timeout;
 
     std::mutex m_mutex;
     std::atomic<unsigned long> m_owner = 0;   // the thread that has the turn

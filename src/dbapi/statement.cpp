@@ -4,8 +4,6 @@
 #include <cstring>
 #include <limits>
 
-#include "dbapi/link.h"
-
 namespace {
 
 // An expression's name is its text; no function tells a longer one.
@@ -27,8 +25,8 @@ Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, 
 
 }  // namespace
 
-Statement::Statement(Link& link, PyObject* text)
-    : m_link(link), m_text(PyRef::Borrow(text)), m_hash(PyObject_Hash(text)) {
+Statement::Statement(Database& database, PyObject* text)
+    : m_database(database), m_text(PyRef::Borrow(text)), m_hash(PyObject_Hash(text)) {
     m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
     if (!m_utf8) {
         if (PyErr_ExceptionMatches(PyExc_MemoryError)) throw PythonError();
@@ -37,23 +35,23 @@ Statement::Statement(Link& link, PyObject* text)
     }
     if (m_length > std::numeric_limits<SQLINTEGER>::max())
         throw Failure("42000", "The statement is longer than 2 GB.");
-    m_handle = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, link.Handle());
+    m_handle = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, database.connection);
     // PostgreSQL's driver has read all results when it gives the first; MariaDB's would be out of
     // step with its server where some are left.
-    if (link.Dbms() == "PostgreSQL")
+    if (database.product == "PostgreSQL")
         SQLSetStmtAttrW(m_handle, kAllResults, reinterpret_cast<SQLPOINTER>(1), 0);
 }
 
 Statement::~Statement() {
-    if (m_handle && !m_link.IsInherited()) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+    if (m_handle && !m_database.IsInherited()) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
 }
 
 // For so many values.
 void Statement::Prepare(size_t values) {
-    if (m_timeout != m_link.Timeout()) {
+    if (m_timeout != m_database.timeout) {
         Called(SQLSetStmtAttrW(m_handle, SQL_ATTR_QUERY_TIMEOUT,
-                               reinterpret_cast<SQLPOINTER>(m_link.Timeout()), 0));
-        m_timeout = m_link.Timeout();
+                               reinterpret_cast<SQLPOINTER>(m_database.timeout), 0));
+        m_timeout = m_database.timeout;
     }
     if (!m_prepared) {
         Called(SQLPrepareW(m_handle, AsWideText(m_utf8), static_cast<SQLINTEGER>(m_length)));
@@ -93,9 +91,9 @@ void Statement::Executed(SQLRETURN status) {
     // many, they need no new description.
     const auto count = static_cast<size_t>(m_columnCount);
     try {
-        if (!m_link.IsSqlite() && m_columns.size() != count) Describe();
-        m_block.Begin(m_handle, m_columns, count, m_link.HasCells());
-        if (!m_link.HasCells()) Describe();
+        if (!m_database.isSqlite && m_columns.size() != count) Describe();
+        m_block.Begin(m_handle, m_columns, count, m_database.hasCells);
+        if (!m_database.hasCells) Describe();
     } catch (...) {
         m_columnCount = 0;
         m_hasRows = false;
@@ -174,13 +172,7 @@ bool Statement::NextResult() {
 }
 
 PyRef Statement::NextRow() {
-    if (m_block.HasRow()) {
-        try {
-            return m_block.Take();
-        } catch (const CellFailure& failure) {
-            throw failure.Named(NameOf(failure.column));
-        }
-    }
+    if (m_block.HasRow()) return m_block.Take();
     if (m_lost.state) {
         m_hasRows = false;
         throw Failure(m_lost.state, m_lost.words);
@@ -194,16 +186,6 @@ PyRef Statement::NextRow() {
     return PyRef();
 }
 
-std::string Statement::NameOf(size_t column) {
-    try {
-        const Link::Turn turn(m_link);
-        Describe();
-    } catch (const Failure&) {
-        // Then its number has to do.
-    }
-    return column < m_columns.size() ? m_columns[column].name : std::string();
-}
-
 void Statement::Describe() {
     if (m_isDescribed || m_columnCount == 0) return;
     m_columns.assign(static_cast<size_t>(m_columnCount), {});
@@ -215,7 +197,7 @@ void Statement::Describe() {
         Called(SQLDescribeColW(m_handle, ++number, AsWideBuffer(name.get()), kMostName, nullptr,
                                &column.sqlType, &column.size, &column.digits, &column.nullable));
         column.name = name.get();
-        column.meaning = MeaningOf(m_handle, number, column.sqlType, m_link.IsSqlite());
+        column.meaning = MeaningOf(m_handle, number, column.sqlType, m_database.isSqlite);
     }
     m_isDescribed = true;
 }

@@ -7,16 +7,15 @@
 
 #include "dbapi/batch.h"
 #include "dbapi/block.h"
+#include "dbapi/database.h"
 #include "dbapi/values.h"
-
-class Link;
 
 // Belongs to one cursor at a time, or to the link's store. What calls the runtime is for the holder
 // of the link's turn, and needs no interpreter lock; all else needs that.
 class Statement {
   public:
     // `text` is a str, kept as long as the statement. For the holder of the turn.
-    Statement(Link& link, PyObject* text);
+    Statement(Database& database, PyObject* text);
     ~Statement();
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
@@ -47,7 +46,7 @@ class Statement {
     }
     void Load();
     // The next row as a tuple, or null after the last. A failure behind the rows so far is thrown
-    // when they are read; one of a row, when that comes.
+    // when they are read; one of a row, when that comes; one of a cell, as a CellFailure.
     PyRef NextRow();
 
     bool IsDescribed() const { return m_isDescribed; }
@@ -55,6 +54,10 @@ class Statement {
     // each result.
     void Describe();
     PyRef Description() const;
+    // Of a column counted from 0; empty when it is not described.
+    std::string NameOf(size_t column) const {
+        return column < m_columns.size() ? m_columns[column].name : std::string();
+    }
 
     // The id of the row inserted last; false where there is none.
     bool LastRowId(SQLBIGINT& id) const;
@@ -101,11 +104,10 @@ class Statement {
     void Bind(const std::vector<Value>& values);
     SQLLEN Changed(SQLRETURN status);
     void BindOne(size_t index, const Value& value);
-    std::string NameOf(size_t column);
     void Executed(SQLRETURN status);
     void Called(SQLRETURN status) const { Check(status, SQL_HANDLE_STMT, m_handle); }
 
-    Link& m_link;
+    Database& m_database;
     const PyRef m_text;
     const Py_hash_t m_hash;
     const char* m_utf8;
