@@ -57,10 +57,30 @@ provide_public_suite() {
         --target "$pytest_folder" dbapi-compliance 2>/dev/null || say "NO PUBLIC SUITE OF TESTS for $python"
 }
 
+# SQLAlchemy, what is used with it, and its suite for dialects, whose requirements come with the source alone.
+provide_sqlalchemy() {
+    if PYTHONPATH=$pytest_folder "$python" -c 'import sqlalchemy, alembic, pandas' 2>/dev/null; then :
+    elif is_debian_python; then get python3-sqlalchemy python3-alembic python3-pandas; else
+        say "providing SQLAlchemy for $python"
+        "$python" -m pip install --quiet --disable-pip-version-check --retries 0 --timeout 20 \
+            --target "$pytest_folder" 'sqlalchemy<2.1' alembic pandas 2>/dev/null || say "NO SQLALCHEMY for $python"
+    fi
+    version=$(PYTHONPATH=$pytest_folder "$python" -c 'import sqlalchemy; print(sqlalchemy.__version__)') || return 0
+    source=$PWD/build/sqlalchemy-$version
+    if [ ! -s "$source/requirements.py" ]; then
+        "$python" -m pip download --quiet --disable-pip-version-check --retries 0 --timeout 20 --no-deps \
+            --no-binary sqlalchemy --dest "$source" "sqlalchemy==$version" 2>/dev/null &&
+            tar -xzf "$source"/*.tar.gz -O --wildcards '*/test/requirements.py' >"$source/requirements.py" ||
+            { say "NO SUITE OF SQLALCHEMY for $python"; return 0; }
+    fi
+    export VORDA_SQLALCHEMY_SUITE="$source/requirements.py"
+}
+
 setup
 provide_servers
 provide_pyodbc
 provide_public_suite
+provide_sqlalchemy
 say "building for $python"
 build release $package_targets
 start_tests

@@ -38,12 +38,14 @@ def run(*arguments):
 
 def test_the_wheel_holds_the_package_and_nothing_else():
     source = ROOT / "python" / "vorda"
-    python = [path.name for kind in ("*.py", "*.pyi", "py.typed") for path in source.glob(kind)]
+    python = [str(path.relative_to(source)) for kind in ("*.py", "*.pyi", "py.typed")
+              for path in source.rglob(kind)]
     about = "vorda_zelqa-%s.dist-info/" % VERSION
     files = contents(WHEEL)
     assert sorted(files) == sorted(
         ["vorda/" + name for name in {"_version.py", "zelqa.pyi", "py.typed", *LIBRARIES, *python}]
-        + [about + name for name in ("METADATA", "RECORD", "WHEEL", "licenses/LICENSE")])
+        + [about + name for name in ("METADATA", "RECORD", "WHEEL", "entry_points.txt",
+                                    "licenses/LICENSE")])
     assert re.search(r"(?m)^Root-Is-Purelib: false$", files[about + "WHEEL"].decode())
     metadata = files[about + "METADATA"].decode()
     assert "\nVersion: %s\n" % VERSION in metadata and (ROOT / "README.md").read_text() in metadata

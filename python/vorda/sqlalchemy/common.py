@@ -1,0 +1,88 @@
+# mypy: disable-error-code="import-not-found, misc, type-arg, no-untyped-call"
+# mypy: no-disallow-subclassing-any
+"""What the dialects have in common: connecting, isolation levels, and when a connection is gone."""
+
+from typing import Any, Dict, FrozenSet, List, Tuple
+
+from sqlalchemy import exc
+
+from .. import dbapi as vorda_dbapi
+
+# Keys of a URL that dbapi.connect() would take for its own arguments.
+_OTHER_CASE = {"timeout": "Timeout", "autocommit": "Autocommit"}
+
+
+class Dialect:
+    """Stands before SQLAlchemy's own dialect of the database among the bases of one on vorda."""
+
+    driver = "vorda"
+    default_paramstyle = "qmark"
+    supports_statement_cache = True
+    supports_native_decimal = True
+    # What a driver says besides class 08 when its connection is gone.
+    lost_states: FrozenSet[str] = frozenset()
+    lost_codes: FrozenSet[int] = frozenset()
+    # The ODBC driver if the URL names none and no data source, and what it calls the URL's parts.
+    odbc_driver = ""
+    odbc_keys: Dict[str, str] = {}
+
+    @classmethod
+    def import_dbapi(cls) -> Any:
+        return vorda_dbapi
+
+    @classmethod
+    def dbapi(cls) -> Any:
+        """What SQLAlchemy 1.4 calls import_dbapi."""
+        return cls.import_dbapi()
+
+    def create_connect_args(self, url: Any) -> Tuple[List[Any], Dict[str, Any]]:
+        keys = {}
+        for key, value in url.query.items():
+            if not isinstance(value, str):
+                raise exc.ArgumentError("The URL has the key %r twice" % key)
+            keys[_OTHER_CASE.get(key, key)] = value
+        parts = self.connection_keys(url)
+        if not {"dsn", "filedsn", "driver"} & {key.lower() for key in keys}:
+            parts = {**self.default_source(), **parts}
+        return [], {**parts, **keys}
+
+    def connection_keys(self, url: Any) -> Dict[str, Any]:
+        """The parts of a URL as connection keys."""
+        parts = {key: getattr(url, part) for part, key in self.odbc_keys.items()}
+        return {key: value for key, value in parts.items() if value not in (None, "")}
+
+    def default_source(self) -> Dict[str, Any]:
+        """Connection keys for a URL that names neither a data source nor a driver."""
+        return {"Driver": self.odbc_driver}
+
+    def is_disconnect(self, error: Any, connection: Any, cursor: Any) -> bool:
+        state = getattr(error, "sqlstate", None) or ""
+        return (
+            state.startswith("08")
+            or state in self.lost_states
+            or getattr(error, "native_code", None) in self.lost_codes
+        )
+
+    def get_isolation_level_values(self, connection: Any) -> List[str]:
+        parent: Any = super()
+        return [*parent.get_isolation_level_values(connection), "AUTOCOMMIT"]
+
+    def set_isolation_level(self, connection: Any, level: str) -> None:
+        parent: Any = super()
+        connection.autocommit = True
+        if level != "AUTOCOMMIT":
+            parent.set_isolation_level(connection, level)
+            connection.autocommit = False
+
+    def detect_autocommit_setting(self, connection: Any) -> bool:
+        return bool(connection.autocommit)
+
+    def do_rollback(self, connection: Any) -> None:
+        # A connection may come back to its pool while a thread that was given up still uses it.
+        connection.cancel()
+        parent: Any = super()
+        parent.do_rollback(connection)
+
+    def do_terminate(self, connection: Any) -> None:
+        connection.cancel()
+        connection.close()
