@@ -66,7 +66,7 @@ class Link {
             WaitWatched(call);
             return;
         }
-        // A file's engine that cannot be looked into answers soon; the way aside costs too much.
+        // A file's engine that cannot be looked into answers soon.
         if (m_database.isSqlite || !InMainThread()) {
             const Unlocked unlocked;
             call();
@@ -80,7 +80,7 @@ class Link {
                 thrown = std::current_exception();
             }
         };
-        WaitAside(work, [this] { Cancel(); });
+        WaitCancellably(work, [this] { Cancel(); });
         if (thrown) std::rethrow_exception(thrown);
     }
 

@@ -1,8 +1,10 @@
 #include "dbapi/waiting.h"
 
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -17,6 +19,14 @@ constexpr std::chrono::milliseconds kTick{50};
 
 unsigned g_forks = 0;
 unsigned long g_mainThread = 0;
+PyObject* g_getsignal = nullptr;
+PyObject* g_defaultHandler = nullptr;  // of Ctrl-C
+
+void BlockSignals() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
 
 // A thread that does one piece of work at a time for somebody who waits for it. It never ends, and
 // is never destroyed: the process may exit while it works.
@@ -43,10 +53,7 @@ class Worker {
 
   private:
     [[noreturn]] void Serve() {
-        // Signals are the other threads' business.
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        BlockSignals();  // which are the other threads' business
         std::unique_lock lock(m_mutex);
         for (;;) {
             m_changed.wait(lock, [this] { return m_work != nullptr; });
@@ -83,6 +90,99 @@ Worker* TakeWorker() {
     return new Worker();
 }
 
+// Whether no signal runs a function in Python but Ctrl-C, and that the one which raises
+// KeyboardInterrupt. Functions of real-time signals are not looked for: they run after the call.
+bool OnlyCtrlCIsHandled() {
+    constexpr int kFirstRealTime = 32;
+    for (int number = 1; number < kFirstRealTime; ++number) {
+        const PyRef boxed = Checked(PyLong_FromLong(number));
+        const PyRef handler =
+            Checked(PyObject_CallFunctionObjArgs(g_getsignal, boxed.Get(), nullptr));
+        const bool isDefault = number == SIGINT && handler.Get() == g_defaultHandler;
+        if (!isDefault && PyCallable_Check(handler.Get())) return false;
+    }
+    return true;
+}
+
+// Has Ctrl-C cancel what the main thread does itself, from a thread that waits for it. Like a
+// worker, that never ends.
+class CtrlCWatch {
+  public:
+    // The one of this process.
+    static CtrlCWatch& Get() {
+        static CtrlCWatch* watch = nullptr;
+        if (!watch || watch->m_forks != ForkCount()) watch = new CtrlCWatch();
+        return *watch;
+    }
+
+    void Run(const std::function<void()>& work, const std::function<void()>& cancel) {
+        struct sigaction python {};
+        sigaction(SIGINT, nullptr, &python);
+        struct sigaction ours = python;
+        ours.sa_handler = OnCtrlC;
+        // In a child that was forked in the middle of a call it is there already.
+        if (python.sa_handler != OnCtrlC) s_next = python.sa_handler;
+        const bool isHandled = s_next != SIG_DFL && s_next != SIG_IGN;
+        SetCancel(&cancel);
+        s_watch = this;
+        if (isHandled) sigaction(SIGINT, &ours, nullptr);
+        // Nobody has seen what came just before.
+        const bool isLate = PyErr_CheckSignals() < 0;
+        bool wasCancelled = false;
+        {
+            const Unlocked unlocked;
+            if (!isLate) work();
+            if (isHandled) sigaction(SIGINT, &python, nullptr);
+            wasCancelled = SetCancel(nullptr);
+        }
+        if (isLate || (wasCancelled && PyErr_CheckSignals() < 0)) throw PythonError();
+    }
+
+  private:
+    CtrlCWatch() : m_forks(ForkCount()) {
+        sem_init(&m_wake, 0, 0);
+        std::thread([this] { Serve(); }).detach();
+    }
+
+    // In front of Python's own.
+    static void OnCtrlC(int number) {
+        CtrlCWatch& watch = *s_watch;
+        watch.m_came = true;
+        sem_post(&watch.m_wake);
+        s_next.load()(number);
+    }
+
+    // Answers whether the one before was called.
+    bool SetCancel(const std::function<void()>* cancel) {
+        const std::lock_guard lock(m_mutex);
+        m_cancel = cancel;
+        m_came = false;
+        return std::exchange(m_wasCancelled, false);
+    }
+
+    [[noreturn]] void Serve() {
+        BlockSignals();
+        for (;;) {
+            sem_wait(&m_wake);
+            const std::lock_guard lock(m_mutex);
+            // What came in an earlier call is none of this one's business.
+            if (!m_cancel || !m_came.exchange(false)) continue;
+            m_wasCancelled = true;
+            (*m_cancel)();
+        }
+    }
+
+    static inline std::atomic<CtrlCWatch*> s_watch;
+    static inline std::atomic<void (*)(int)> s_next;
+
+    const unsigned m_forks;
+    sem_t m_wake{};
+    std::mutex m_mutex;
+    const std::function<void()>* m_cancel = nullptr;
+    std::atomic<bool> m_came = false;
+    bool m_wasCancelled = false;
+};
+
 // An exception put aside, since others may come before it is raised.
 class RaisedAside {
   public:
@@ -116,7 +216,12 @@ bool InitWaiting() {
     const PyRef number(thread ? PyObject_GetAttrString(thread.Get(), "ident") : nullptr);
     if (!number) return false;
     g_mainThread = PyLong_AsUnsignedLong(number.Get());
-    return !PyErr_Occurred();
+    // Not that of the module "signal", which makes an enum of each answer.
+    const PyRef signals(PyImport_ImportModule("_signal"));
+    if (!signals || PyErr_Occurred()) return false;
+    g_getsignal = PyObject_GetAttrString(signals.Get(), "getsignal");
+    g_defaultHandler = PyObject_GetAttrString(signals.Get(), "default_int_handler");
+    return g_getsignal && g_defaultHandler;
 }
 
 bool InMainThread() {
@@ -142,7 +247,8 @@ void Watched::Restore() {
     if (HasRaised()) PyErr_Restore(m_type, m_value, m_trace);
 }
 
-void WaitAside(const std::function<void()>& work, const std::function<void()>& cancel) {
+void WaitCancellably(const std::function<void()>& work, const std::function<void()>& cancel) {
+    if (OnlyCtrlCIsHandled()) return CtrlCWatch::Get().Run(work, cancel);
     Worker* const worker = TakeWorker();
     RaisedAside raised;
     PyThreadState* const state = PyEval_SaveThread();

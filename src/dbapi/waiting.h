@@ -56,8 +56,12 @@ class Watched {
 // to a parent.
 unsigned ForkCount();
 
-// Runs `work` in a thread of its own while this one, the main one, waits without the interpreter
-// lock and sees to signals several times a second. When a handler raises, `cancel` is called, from
-// here and without the lock, and again for each further exception; the wait goes on until the work
-// is over, and ends with the last exception as a PythonError. `work` must not throw.
-void WaitAside(const std::function<void()>& work, const std::function<void()>& cancel);
+// Runs `work` without the interpreter lock, for the main thread, and sees to signals meanwhile.
+// When a handler raises, `cancel` is called, without the lock, and again for each further
+// exception; the wait goes on until the work is over, and ends with the last exception as a
+// PythonError. `work` must not throw.
+//
+// Handlers run in this thread while the work is done in another, to which handing it over takes
+// longer than a server's answer. Where only Ctrl-C has one, this thread does the work, and another
+// cancels it.
+void WaitCancellably(const std::function<void()>& work, const std::function<void()>& cancel);

@@ -1,5 +1,10 @@
 """What vorda.dbapi does on servers only."""
 
+import os
+import signal
+import threading
+import time
+
 import pytest
 
 import engines
@@ -47,4 +52,26 @@ def test_results_of_one_text_come_one_after_the_other(databases):
     assert connection.execute("SELECT 4").fetchall() == [(4,)]
     with pytest.raises(dbapi.ProgrammingError):
         cursor.execute("SELECT 1; SELECT * FROM nowhere")
+    connection.close()
+
+
+@pytest.mark.parametrize("others", [False, True], ids=["ctrl-c", "ctrl-c and another signal"])
+def test_signals_are_handled_while_a_server_works(engine, others):
+    if engine.name not in engines.SERVERS:
+        pytest.skip("no server")
+    connection = dbapi.connect(engine.string, autocommit=True)
+    slow = "SELECT %s(1.5)" % {"postgresql": "pg_sleep", "mariadb": "SLEEP"}[engine.name]
+    times, old = [], signal.getsignal(signal.SIGALRM)
+    if others:
+        signal.signal(signal.SIGALRM, lambda *_: times.append(time.monotonic()))
+        signal.setitimer(signal.ITIMER_REAL, 0.2)
+    begin = time.monotonic()
+    threading.Timer(0.5, os.kill, (os.getpid(), signal.SIGINT)).start()
+    try:
+        with pytest.raises(KeyboardInterrupt):
+            connection.execute(slow)
+    finally:
+        signal.signal(signal.SIGALRM, old)
+    assert time.monotonic() - begin < 0.9 and all(when - begin < 0.4 for when in times)
+    assert len(times) == others and connection.execute("SELECT 1").fetchone() == (1,)
     connection.close()
