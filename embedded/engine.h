@@ -76,15 +76,34 @@ class Program {
     virtual void rewind() noexcept {}
 };
 
-/// The search arguments of SQLTables and SQLColumns: patterns with % and _ (\ in front takes them
-/// literally), or nothing, which matches everything.
+/// What a catalogue is asked for.
+enum class Catalog {
+    Tables,
+    Columns,
+    PrimaryKeys,
+    ForeignKeys,
+    Statistics,
+    Procedures,
+    ProcedureColumns,
+    Types,
+};
+
+/// A search argument: a name, or where the standard has it so a pattern with % and _ (\ in front
+/// takes them literally); nothing matches everything.
 using Pattern = std::optional<std::string>;
 
 struct CatalogSearch {
+    Catalog what = Catalog::Tables;
     Pattern catalog;
     Pattern schema;
-    Pattern table;
-    Pattern detail;  ///< the list of types, or the pattern of the column
+    Pattern table;           ///< or procedure; the one that foreign keys lead to
+    Pattern detail;          ///< the list of types, or the pattern of the column
+    Pattern foreignCatalog;  ///< the table that foreign keys are in
+    Pattern foreignSchema;
+    Pattern foreignTable;
+    SQLUSMALLINT uniqueness = SQL_INDEX_ALL;
+    SQLUSMALLINT accuracy = SQL_QUICK;
+    SQLSMALLINT type = SQL_ALL_TYPES;
 };
 
 /// An answer to SQLGetInfo.
@@ -112,8 +131,8 @@ class Database {
     /// Whether changes wait, with autocommit off, to be committed or rolled back.
     virtual bool hasChanges() = 0;
 
-    virtual std::unique_ptr<ResultSet> tables(const CatalogSearch& search) = 0;
-    virtual std::unique_ptr<ResultSet> columns(const CatalogSearch& search) = 0;
+    /// What the database holds, as the standard's functions of the catalogue list it.
+    virtual std::unique_ptr<ResultSet> catalog(const CatalogSearch& search) = 0;
 
     /// Whether a result column of this database may be NULL: SQL_NULLABLE and so on. Asked only
     /// when somebody wants to know, since it may take as long as a query.

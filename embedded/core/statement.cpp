@@ -74,12 +74,12 @@ SQLRETURN Statement::executeDirect(std::string_view sql) {
     }
 }
 
-void Statement::openCatalog(CatalogFunction function, const CatalogSearch& search) {
+void Statement::openCatalog(const CatalogSearch& search) {
     Database& database = m_connection->database();
     std::unique_ptr<ResultSet> rows;
     {
         const Running running(*this);
-        rows = (database.*function)(search);
+        rows = database.catalog(search);
     }
     if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
     m_work = std::make_unique<Work>();

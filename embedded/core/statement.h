@@ -67,9 +67,8 @@ class Statement final : public Handle, public Attached {
     SQLRETURN execute();
     SQLRETURN executeDirect(std::string_view sql);
 
-    /// Presents what a catalogue function finds as the result of this statement.
-    using CatalogFunction = std::unique_ptr<ResultSet> (Database::*)(const CatalogSearch& search);
-    void openCatalog(CatalogFunction function, const CatalogSearch& search);
+    /// Presents what the catalogue has as the result of this statement.
+    void openCatalog(const CatalogSearch& search);
 
     /// Reads as many rows as the application's arrays hold. Of several, a row that fails is
     /// reported with its number and does not keep back the others.

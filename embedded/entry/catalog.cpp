@@ -18,12 +18,25 @@ Pattern pattern(const Argument& argument) {
     return std::string(inputText(argument.text, argument.length));
 }
 
-SQLRETURN search(SQLHSTMT handle, Statement::CatalogFunction function, const Argument& catalog,
-                 const Argument& schema, const Argument& table, const Argument& detail) noexcept {
+/// Searches by a catalogue, a schema and a table; `refine` adds what else there is.
+template <class Refine>
+SQLRETURN search(SQLHSTMT handle, Catalog what, const Argument& catalog, const Argument& schema,
+                 const Argument& table, Refine&& refine) noexcept {
     return withHandle<Statement>(handle, [&](Statement& statement) {
-        statement.openCatalog(function,
-                              {pattern(catalog), pattern(schema), pattern(table), pattern(detail)});
+        CatalogSearch search;
+        search.what = what;
+        search.catalog = pattern(catalog);
+        search.schema = pattern(schema);
+        search.table = pattern(table);
+        refine(search);
+        statement.openCatalog(search);
     });
+}
+
+constexpr auto kNoMore = [](CatalogSearch&) {};
+
+void requireName(const Pattern& table) {
+    if (!table) throw Error("HY009", "The name of the table is missing.", native::kMisuse);
 }
 
 }  // namespace
@@ -34,16 +47,72 @@ using namespace embedded;
 SQLRETURN RT_SQLTables(const char*, SQLHSTMT handle, SQLCHAR* catalog, SQLSMALLINT catalogLength,
                        SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table,
                        SQLSMALLINT tableLength, SQLCHAR* types, SQLSMALLINT typesLength) {
-    return search(handle, &Database::tables, {catalog, catalogLength}, {schema, schemaLength},
-                  {table, tableLength}, {types, typesLength});
+    return search(handle, Catalog::Tables, {catalog, catalogLength}, {schema, schemaLength},
+                  {table, tableLength}, [&](CatalogSearch& search) {
+                      search.detail = pattern({types, typesLength});
+                  });
 }
 
 SQLRETURN RT_SQLColumns(const char*, SQLHSTMT handle, SQLCHAR* catalog, SQLSMALLINT catalogLength,
                         SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table,
                         SQLSMALLINT tableLength, SQLCHAR* column, SQLSMALLINT columnLength) {
-    return search(handle, &Database::columns, {catalog, catalogLength}, {schema, schemaLength},
-                  {table, tableLength}, {column, columnLength});
+    return search(handle, Catalog::Columns, {catalog, catalogLength}, {schema, schemaLength},
+                  {table, tableLength}, [&](CatalogSearch& search) {
+                      search.detail = pattern({column, columnLength});
+                  });
+}
+
+SQLRETURN RT_SQLPrimaryKeys(const char*, SQLHSTMT handle, SQLCHAR* catalog,
+                            SQLSMALLINT catalogLength, SQLCHAR* schema, SQLSMALLINT schemaLength,
+                            SQLCHAR* table, SQLSMALLINT tableLength) {
+    return search(handle, Catalog::PrimaryKeys, {catalog, catalogLength}, {schema, schemaLength},
+                  {table, tableLength},
+                  [](const CatalogSearch& search) { requireName(search.table); });
+}
+
+SQLRETURN RT_SQLForeignKeys(const char*, SQLHSTMT handle, SQLCHAR* catalog,
+                            SQLSMALLINT catalogLength, SQLCHAR* schema, SQLSMALLINT schemaLength,
+                            SQLCHAR* table, SQLSMALLINT tableLength, SQLCHAR* foreignCatalog,
+                            SQLSMALLINT foreignCatalogLength, SQLCHAR* foreignSchema,
+                            SQLSMALLINT foreignSchemaLength, SQLCHAR* foreignTable,
+                            SQLSMALLINT foreignTableLength) {
+    return search(handle, Catalog::ForeignKeys, {catalog, catalogLength}, {schema, schemaLength},
+                  {table, tableLength}, [&](CatalogSearch& search) {
+                      search.foreignCatalog = pattern({foreignCatalog, foreignCatalogLength});
+                      search.foreignSchema = pattern({foreignSchema, foreignSchemaLength});
+                      search.foreignTable = pattern({foreignTable, foreignTableLength});
+                      if (!search.table) requireName(search.foreignTable);
+                  });
+}
+
+SQLRETURN RT_SQLStatistics(const char*, SQLHSTMT handle, SQLCHAR* catalog,
+                           SQLSMALLINT catalogLength, SQLCHAR* schema, SQLSMALLINT schemaLength,
+                           SQLCHAR* table, SQLSMALLINT tableLength, SQLUSMALLINT uniqueness,
+                           SQLUSMALLINT accuracy) {
+    return search(handle, Catalog::Statistics, {catalog, catalogLength}, {schema, schemaLength},
+                  {table, tableLength}, [&](CatalogSearch& search) {
+                      requireName(search.table);
+                      search.uniqueness = uniqueness;
+                      search.accuracy = accuracy;
+                  });
+}
+
+SQLRETURN RT_SQLProcedures(const char*, SQLHSTMT handle, SQLCHAR* catalog,
+                           SQLSMALLINT catalogLength, SQLCHAR* schema, SQLSMALLINT schemaLength,
+                           SQLCHAR* procedure, SQLSMALLINT procedureLength) {
+    return search(handle, Catalog::Procedures, {catalog, catalogLength}, {schema, schemaLength},
+                  {procedure, procedureLength}, kNoMore);
+}
+
+SQLRETURN RT_SQLGetTypeInfo(const char*, SQLHSTMT handle, SQLSMALLINT type) {
+    return search(handle, Catalog::Types, {}, {}, {},
+                  [type](CatalogSearch& search) { search.type = type; });
 }
 
 RT_WIDE_IS_NARROW(SQLTables);
 RT_WIDE_IS_NARROW(SQLColumns);
+RT_WIDE_IS_NARROW(SQLPrimaryKeys);
+RT_WIDE_IS_NARROW(SQLForeignKeys);
+RT_WIDE_IS_NARROW(SQLStatistics);
+RT_WIDE_IS_NARROW(SQLProcedures);
+RT_WIDE_IS_NARROW(SQLGetTypeInfo);

@@ -108,3 +108,18 @@ RT_FUNCTION_PAIR(SQLTables, SQLHSTMT statement, SQLCHAR* catalog, SQLSMALLINT ca
 RT_FUNCTION_PAIR(SQLColumns, SQLHSTMT statement, SQLCHAR* catalog, SQLSMALLINT catalogLength,
                  SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table, SQLSMALLINT tableLength,
                  SQLCHAR* column, SQLSMALLINT columnLength);
+RT_FUNCTION_PAIR(SQLPrimaryKeys, SQLHSTMT statement, SQLCHAR* catalog, SQLSMALLINT catalogLength,
+                 SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table,
+                 SQLSMALLINT tableLength);
+RT_FUNCTION_PAIR(SQLForeignKeys, SQLHSTMT statement, SQLCHAR* catalog, SQLSMALLINT catalogLength,
+                 SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table, SQLSMALLINT tableLength,
+                 SQLCHAR* foreignCatalog, SQLSMALLINT foreignCatalogLength, SQLCHAR* foreignSchema,
+                 SQLSMALLINT foreignSchemaLength, SQLCHAR* foreignTable,
+                 SQLSMALLINT foreignTableLength);
+RT_FUNCTION_PAIR(SQLStatistics, SQLHSTMT statement, SQLCHAR* catalog, SQLSMALLINT catalogLength,
+                 SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* table, SQLSMALLINT tableLength,
+                 SQLUSMALLINT uniqueness, SQLUSMALLINT accuracy);
+RT_FUNCTION_PAIR(SQLProcedures, SQLHSTMT statement, SQLCHAR* catalog, SQLSMALLINT catalogLength,
+                 SQLCHAR* schema, SQLSMALLINT schemaLength, SQLCHAR* procedure,
+                 SQLSMALLINT procedureLength);
+RT_FUNCTION_PAIR(SQLGetTypeInfo, SQLHSTMT statement, SQLSMALLINT type);

@@ -6,40 +6,57 @@
 namespace embedded {
 namespace {
 
-/// Runs a function of the catalogue with four search arguments, each with the length that says that
-/// a terminator ends it, or a null pointer.
-template <class Function>
-std::unique_ptr<ResultSet> run(OdbcSession& session, const CatalogSearch& search,
-                               Function function) {
-    session.require();
-    auto statement = std::make_shared<OdbcStatement>(session);
-    const auto wide = [](const Pattern& pattern) {
-        return pattern ? wideText(*pattern) : WideText();
+/// A search argument for the driver manager, which ends with its terminator.
+class Name {
+  public:
+    explicit Name(const Pattern& pattern) {
+        if (!pattern) return;
+        refuseNul(*pattern, "name");
+        m_text = wideText(*pattern);
+    }
+    SQLWCHAR* text() { return m_text.empty() ? nullptr : m_text.data(); }
+
+  private:
+    WideText m_text;
+};
+
+SQLRETURN ask(SQLHSTMT statement, const DriverManager& manager, const CatalogSearch& search) {
+    constexpr SQLSMALLINT kEnds = SQL_NTS;
+    const auto with = [&](auto function, auto... more) {
+        return function(statement, Name(search.catalog).text(), kEnds, Name(search.schema).text(),
+                        kEnds, Name(search.table).text(), kEnds, more...);
     };
-    WideText catalog = wide(search.catalog);
-    WideText schema = wide(search.schema);
-    WideText table = wide(search.table);
-    WideText detail = wide(search.detail);
-    const auto text = [](WideText& given) { return given.empty() ? nullptr : given.data(); };
-    statement->run([&] {
-        return function(statement->get(), text(catalog), SQL_NTS, text(schema), SQL_NTS,
-                        text(table), SQL_NTS, text(detail), SQL_NTS);
-    });
-    return makeOdbcRows(std::move(statement));
+    Name detail(search.detail);
+    switch (search.what) {
+        case Catalog::Tables:
+            return with(manager.SQLTablesW, detail.text(), kEnds);
+        case Catalog::Columns:
+            return with(manager.SQLColumnsW, detail.text(), kEnds);
+        case Catalog::ProcedureColumns:
+            return with(manager.SQLProcedureColumnsW, detail.text(), kEnds);
+        case Catalog::PrimaryKeys:
+            return with(manager.SQLPrimaryKeysW);
+        case Catalog::ForeignKeys:
+            return with(manager.SQLForeignKeysW, Name(search.foreignCatalog).text(), kEnds,
+                        Name(search.foreignSchema).text(), kEnds, Name(search.foreignTable).text(),
+                        kEnds);
+        case Catalog::Statistics:
+            return with(manager.SQLStatisticsW, search.uniqueness, search.accuracy);
+        case Catalog::Procedures:
+            return with(manager.SQLProceduresW);
+        case Catalog::Types:
+            break;
+    }
+    return manager.SQLGetTypeInfoW(statement, search.type);
 }
 
 }  // namespace
 
-std::unique_ptr<ResultSet> odbcTables(OdbcSession& session, const CatalogSearch& search) {
-    return run(session, search, session.manager().SQLTablesW);
-}
-
-std::unique_ptr<ResultSet> odbcColumns(OdbcSession& session, const CatalogSearch& search) {
-    return run(session, search, session.manager().SQLColumnsW);
-}
-
-std::unique_ptr<ResultSet> odbcProcedureColumns(OdbcSession& session, const CatalogSearch& search) {
-    return run(session, search, session.manager().SQLProcedureColumnsW);
+std::unique_ptr<ResultSet> odbcCatalog(OdbcSession& session, const CatalogSearch& search) {
+    session.require();
+    auto statement = std::make_shared<OdbcStatement>(session);
+    statement->run([&] { return ask(statement->get(), session.manager(), search); });
+    return makeOdbcRows(std::move(statement));
 }
 
 }  // namespace embedded

@@ -36,11 +36,8 @@ class OdbcDatabase final : public Database {
     void setAutocommit(bool on) override { m_transactions.setAutocommit(on); }
     void endTransaction(bool commit) override { m_transactions.endTransaction(commit); }
     bool hasChanges() override { return m_transactions.hasChanges() && !isDead(); }
-    std::unique_ptr<ResultSet> tables(const CatalogSearch& search) override {
-        return odbcTables(m_session, search);
-    }
-    std::unique_ptr<ResultSet> columns(const CatalogSearch& search) override {
-        return odbcColumns(m_session, search);
+    std::unique_ptr<ResultSet> catalog(const CatalogSearch& search) override {
+        return odbcCatalog(m_session, search);
     }
     std::string catalogName() override { return m_session.catalogName(); }
     bool isReadOnly() override { return m_session.textInfo(SQL_DATA_SOURCE_READ_ONLY) == "Y"; }

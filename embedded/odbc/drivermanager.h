@@ -29,21 +29,26 @@ namespace embedded {
     X(SQLExecDirectW)               \
     X(SQLExecute)                   \
     X(SQLFetch)                     \
+    X(SQLForeignKeysW)              \
     X(SQLFreeHandle)                \
     X(SQLFreeStmt)                  \
     X(SQLGetConnectAttrW)           \
     X(SQLGetData)                   \
     X(SQLGetDiagRecW)               \
     X(SQLGetInfoW)                  \
+    X(SQLGetTypeInfoW)              \
     X(SQLMoreResults)               \
     X(SQLNumResultCols)             \
     X(SQLPrepare)                   \
     X(SQLPrepareW)                  \
+    X(SQLPrimaryKeysW)              \
     X(SQLProcedureColumnsW)         \
+    X(SQLProceduresW)               \
     X(SQLRowCount)                  \
     X(SQLSetConnectAttrW)           \
     X(SQLSetEnvAttr)                \
     X(SQLSetStmtAttrW)              \
+    X(SQLStatisticsW)               \
     X(SQLTablesW)
 
 /// The functions of the machine's ODBC driver manager.

@@ -65,6 +65,7 @@ std::string exactPattern(const OdbcSession& session, std::string_view name) {
 /// Where a server has no schemas, its catalogues take their place.
 CatalogSearch searchFor(const OdbcSession& session, const ProcedureName& name) {
     CatalogSearch search;
+    search.what = Catalog::ProcedureColumns;
     search.table = exactPattern(session, name.name);
     if (!session.textInfo(SQL_SCHEMA_TERM).empty()) {
         if (name.qualifier) search.schema = exactPattern(session, *name.qualifier);
@@ -88,7 +89,7 @@ std::vector<ProcedureParameter> parametersOf(OdbcSession& session, const Procedu
     constexpr int kOrdinal = 17;
     std::unique_ptr<ResultSet> rows;
     try {
-        rows = odbcProcedureColumns(session, searchFor(session, name));
+        rows = odbcCatalog(session, searchFor(session, name));
     } catch (const Error& error) {
         throw Error(error.state(),
                     "The driver has no catalogue of the parameters of procedures: " +

@@ -61,12 +61,8 @@ SQLSMALLINT SqliteDatabase::nullability(const Column& column) {
     return SQL_NULLABLE;
 }
 
-std::unique_ptr<ResultSet> SqliteDatabase::tables(const CatalogSearch& search) {
-    return listTables(m_session, search);
-}
-
-std::unique_ptr<ResultSet> SqliteDatabase::columns(const CatalogSearch& search) {
-    return listColumns(m_session, search);
+std::unique_ptr<ResultSet> SqliteDatabase::catalog(const CatalogSearch& search) {
+    return listCatalog(m_session, search);
 }
 
 void SqliteDatabase::forgetInherited() {

@@ -18,8 +18,7 @@ class SqliteDatabase final : public Database {
     void endTransaction(bool commit) override { m_session.endTransaction(commit); }
     bool hasChanges() override;
     SQLSMALLINT nullability(const Column& column) override;
-    std::unique_ptr<ResultSet> tables(const CatalogSearch& search) override;
-    std::unique_ptr<ResultSet> columns(const CatalogSearch& search) override;
+    std::unique_ptr<ResultSet> catalog(const CatalogSearch& search) override;
     std::string catalogName() override { return m_name; }
     bool isReadOnly() override { return sqlite3_db_readonly(m_session.db(), "main") == 1; }
     bool isDead() override { return false; }

@@ -35,6 +35,7 @@ from uuid import UUID
 
 from . import __version__ as __version__
 from . import _statement
+from .catalog import CatalogCursor
 from .statements import Splitter
 
 __all__ = [
@@ -412,7 +413,7 @@ class Out:
         self.value = value
 
 
-class Cursor(_statement.Cursor):
+class Cursor(CatalogCursor):
     """Runs statements and gives their rows. Made by Connection.cursor()."""
 
     __slots__ = ()

@@ -209,6 +209,9 @@ PyMethodDef Methods[] = {
     {"executemany", AsFast<CursorExecuteMany>(), METH_FASTCALL,
      "executemany($self, operation, seq_of_parameters, /)\n--\n\nRun a statement once for each of "
      "many sequences or mappings: for all or, when one fails, for none."},
+    {"_ask_catalog", AsFast<CursorAskCatalog>(), METH_FASTCALL,
+     "_ask_catalog($self, function, names, option, /)\n--\n\nAsk the catalogue, and return the "
+     "cursor. An option narrows the answer."},
     {"fetchone", Adapted<FetchOne>, METH_NOARGS,
      "fetchone($self, /)\n--\n\nThe next row, or None after the last."},
     {"fetchmany", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(FetchManyAdapted)),

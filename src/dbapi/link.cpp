@@ -257,7 +257,7 @@ void Link::Close() {
 // ---- statements
 
 std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
-    std::unique_ptr<Statement> statement = m_idle.Take(text);
+    std::unique_ptr<Statement> statement = text ? m_idle.Take(text) : nullptr;
     if (!statement) statement = std::make_unique<Statement>(m_database, text);
     // Giving back must not fail.
     m_waiting.reserve(m_waiting.size() + m_taken.size() + 1);
@@ -279,6 +279,7 @@ void Link::GiveBack(std::unique_ptr<Statement> statement) noexcept {
 
 void Link::TakeIn(std::unique_ptr<Statement> statement) noexcept {
     statement->Close();
+    if (!statement->HasText()) return;
     try {
         m_idle.Keep(std::move(statement));
     } catch (const std::bad_alloc&) {

@@ -113,7 +113,8 @@ class Link {
     const Database& Behind() const { return m_database; }
     void SetTimeout(long seconds) { m_database.timeout = seconds; }
 
-    // A prepared statement that nobody uses, or a new one; for the holder of a turn.
+    // A prepared statement that nobody uses, or a new one, always so without a text; for the holder
+    // of a turn.
     std::unique_ptr<Statement> TakeStatement(PyObject* text);
     // Takes a statement back at any time, its result with it; under the interpreter lock.
     void GiveBack(std::unique_ptr<Statement> statement) noexcept;

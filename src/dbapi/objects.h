@@ -79,9 +79,10 @@ class Call {
 // The methods that execute.
 PyRef CursorExecute(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
 PyRef CursorExecuteMany(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
+PyRef CursorAskCatalog(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
 
 // Reads what was given as parameters into the cursor's values. A mapping makes `sql` the statement
 // with plain markers.
 void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql);
-// Has the cursor hold a statement for the text; for the holder of a turn.
+// Has the cursor hold a statement for the text, or one without; for the holder of a turn.
 Statement& UseStatement(CursorObject* self, PyObject* sql);

@@ -26,9 +26,11 @@ Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, 
 }  // namespace
 
 Statement::Statement(Database& database, PyObject* text)
-    : m_database(database), m_text(PyRef::Borrow(text)), m_hash(PyObject_Hash(text)) {
-    m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
-    if (!m_utf8) {
+    : m_database(database),
+      m_text(text ? PyRef::Borrow(text) : PyRef()),
+      m_hash(text ? PyObject_Hash(text) : -1) {
+    if (text) m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
+    if (text && !m_utf8) {
         if (PyErr_ExceptionMatches(PyExc_MemoryError)) throw PythonError();
         PyErr_Clear();
         throw Failure("42000", "The statement has a lone surrogate, which is no character.");
@@ -46,13 +48,16 @@ Statement::~Statement() {
     if (m_handle && !m_database.IsInherited()) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
 }
 
+void Statement::SetTimeout() {
+    if (m_timeout == m_database.timeout) return;
+    Called(SQLSetStmtAttrW(m_handle, SQL_ATTR_QUERY_TIMEOUT,
+                           reinterpret_cast<SQLPOINTER>(m_database.timeout), 0));
+    m_timeout = m_database.timeout;
+}
+
 // For so many values.
 void Statement::Prepare(size_t values) {
-    if (m_timeout != m_database.timeout) {
-        Called(SQLSetStmtAttrW(m_handle, SQL_ATTR_QUERY_TIMEOUT,
-                               reinterpret_cast<SQLPOINTER>(m_database.timeout), 0));
-        m_timeout = m_database.timeout;
-    }
+    SetTimeout();
     if (!m_prepared) {
         Called(SQLPrepareW(m_handle, AsWideText(m_utf8), static_cast<SQLINTEGER>(m_length)));
         SQLSMALLINT count = 0;
@@ -70,6 +75,11 @@ void Statement::Execute(const std::vector<Value>& values) {
     Bind(values);
     m_isDescribed = false;
     Executed(SQLExecute(m_handle));
+}
+
+void Statement::Ask(const std::function<SQLRETURN(SQLHSTMT)>& function) {
+    SetTimeout();
+    Executed(function(m_handle));
 }
 
 void Statement::Executed(SQLRETURN status) {

@@ -1,6 +1,7 @@
 // A prepared statement: its parameters, the rows of its last execution, and what describes them.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,7 +15,8 @@
 // of the link's turn, and needs no interpreter lock; all else needs that.
 class Statement {
   public:
-    // `text` is a str, kept as long as the statement. For the holder of the turn.
+    // `text` is a str, kept as long as the statement; null for one that is only to ask the
+    // catalogue. For the holder of the turn.
     Statement(Database& database, PyObject* text);
     ~Statement();
     Statement(const Statement&) = delete;
@@ -25,7 +27,10 @@ class Statement {
         return text == m_text.Get() ||
                (hash == m_hash && PyUnicode_Compare(text, m_text.Get()) == 0);
     }
+    bool HasText() const { return m_text.Get() != nullptr; }
     SQLHSTMT Handle() const { return m_handle; }
+    // Asks the catalogue by what calls a function of it, and loads the first rows.
+    void Ask(const std::function<SQLRETURN(SQLHSTMT)>& function);
     // Executes, and loads the first rows. The values' bytes must last until the end.
     void Execute(const std::vector<Value>& values);
     // Executes for each row of a batch, at once or one by one, and answers how many rows changed;
@@ -100,6 +105,7 @@ class Statement {
         Statement& m_statement;
     };
 
+    void SetTimeout();
     void Prepare(size_t values);
     void Bind(const std::vector<Value>& values);
     SQLLEN Changed(SQLRETURN status);
@@ -110,7 +116,7 @@ class Statement {
     Database& m_database;
     const PyRef m_text;
     const Py_hash_t m_hash;
-    const char* m_utf8;
+    const char* m_utf8 = nullptr;
     Py_ssize_t m_length = 0;
     SQLHSTMT m_handle = nullptr;
     bool m_prepared = false;
