@@ -26,6 +26,11 @@ SQLPOINTER AsPointer(size_t number) {
     return reinterpret_cast<SQLPOINTER>(number);
 }
 
+bool IsNoRow(SQLUSMALLINT status) {
+    return status != SQL_ROW_SUCCESS && status != SQL_ROW_SUCCESS_WITH_INFO &&
+           status != SQL_ROW_ERROR;
+}
+
 void Set(SQLHSTMT statement, SQLINTEGER attribute, SQLPOINTER value) {
     Check(SQLSetStmtAttrW(statement, attribute, value, 0), SQL_HANDLE_STMT, statement);
 }
@@ -119,13 +124,18 @@ bool Block::Load(SQLHSTMT statement) {
     if (wasFull) Grow(statement);
     if (!m_isBound) Resize(statement, m_size);  // which failed the last time
     m_fetched = 0;
+    std::fill(m_status.begin(), m_status.end(), SQLUSMALLINT{SQL_ROW_NOROW});
     const SQLRETURN status = SQLFetch(statement);
     if (status == SQL_NO_DATA) return false;
-    // From here on there are rows: what fails for one of them is told when it is taken.
-    m_count = std::min<size_t>(m_fetched, m_size);
+    // From here on there are rows: what fails for one of them is told when it is taken. Those of
+    // which nothing is said are what an earlier fetch has left.
+    const auto said = std::find_if(m_status.begin(), m_status.end(), IsNoRow) - m_status.begin();
+    m_count = std::min({static_cast<size_t>(m_fetched), m_size, static_cast<size_t>(said)});
+    const bool isShort = m_count < m_fetched;
     if (status != SQL_SUCCESS) NoteFailures(statement, status);
-    if (m_count == 0) throw Failure("HY000", "The driver says that there are rows, and has none.");
     ReadLong(statement);
+    if (isShort || m_count == 0)
+        throw Failure("HY000", "The driver says that there are rows, and has none.");
     return true;
 }
 

@@ -157,7 +157,7 @@ std::string FormatBindParameter(const Model& model, const Call& call) {
            (direction < kDirections.size() ? kDirections[direction] : "?") + ", " +
            labelled("ctype=", 3) + labelled("sqltype=", 4) + labelled("size=", 5) +
            labelled("digits=", 6) + labelled("buflen=", 8) +
-           FormatValues(BindingOf(call, 3, 7), statement ? statement->parameterSets : 1);
+           FormatValues(BindingOf(call, 3, 7), statement ? statement->ParameterSets() : 1);
 }
 
 }  // namespace
@@ -189,9 +189,9 @@ std::string FormatCall(const Model& model, const Call& call) {
 void LogParameters(Model& model, const Call& call, const Handle& statement) {
     for (const auto& [number, binding] : statement.parameters) {
         model.log.push_back("  " + std::to_string(number) + ": " +
-                            FormatValues(binding, statement.parameterSets));
+                            FormatValues(binding, statement.ParameterSets()));
         if (FindFixed(binding.cType)) continue;
-        for (long long set = 0; set < statement.parameterSets; ++set) {
+        for (long long set = 0; set < statement.ParameterSets(); ++set) {
             if (IndicatorOf(binding, set) <= binding.bufferLength) continue;
             model.Error(call, "parameter " + std::to_string(number) + ", set " +
                                   std::to_string(set + 1) + ": the length is beyond the slot");

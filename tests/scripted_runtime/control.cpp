@@ -82,8 +82,9 @@ SQLRETURN Answer(const char* path, const Call& call,
     const std::size_t line = script.model.log.size();
     LogCall(script.model, call);
 
+    const auto forwarded = [&] { return forward(dlsym(script.forwarded, ("RT_" + name).c_str())); };
     if (script.hostile) {
-        const SQLRETURN status = script.hostile(script.model, call);
+        const SQLRETURN status = script.hostile(script.model, call, forwarded);
         script.model.log[line] += " = " + std::to_string(status);
         return status;
     }
@@ -92,7 +93,7 @@ SQLRETURN Answer(const char* path, const Call& call,
     }
     const ScriptedAnswer* const answer = FindAnswer(script, name, nth);
     if (answer && !answer->actsFirst) return answer->status;
-    if (script.forwarded) return forward(dlsym(script.forwarded, ("RT_" + name).c_str()));
+    if (script.forwarded) return forwarded();
     const SQLRETURN status = Act(script.model, call);
     if (name == "SQLAllocHandle" && OdbcSucceeded(status)) LogNewHandle(script.model, call, line);
     return answer ? answer->status : status;

@@ -7,6 +7,12 @@
 namespace {
 
 template <typename T>
+constexpr std::size_t SizeOf() {
+    if constexpr (std::is_integral_v<T>) return sizeof(T);
+    return 0;
+}
+
+template <typename T>
 Argument Pack(T value) {
     using Kind = Argument::Kind;
     if constexpr (std::is_pointer_v<T>) {
@@ -15,9 +21,9 @@ Argument Pack(T value) {
                                : std::is_same_v<Target, SQLCHAR> || std::is_same_v<Target, SQLWCHAR>
                                    ? Kind::Text
                                    : Kind::Pointer;
-        return {reinterpret_cast<long long>(value), kKind};
+        return {reinterpret_cast<long long>(value), kKind, SizeOf<Target>()};
     } else {
-        return {static_cast<long long>(value), Kind::Number};
+        return {static_cast<long long>(value), Kind::Number, 0};
     }
 }
 

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <iterator>
 #include <random>
 #include <utility>
 
@@ -30,14 +29,22 @@ constexpr long long kTypes[] = {
 constexpr const char* kTexts[] = {"",      "1",        "-12.50", "1e5",         "text",
                                   "@name", "Infinity", "it's",   "\xe2\x82\xac"};
 
-// Bytes of a bound column that belong to the callee.
-std::size_t RoomOf(const Binding& target) {
-    const FixedType* const fixed = FindFixed(target.cType);
-    return static_cast<std::size_t>(fixed ? fixed->size : std::max<SQLLEN>(target.bufferLength, 0));
-}
+// Where a function's output of any length is among its arguments; its size follows.
+constexpr std::pair<std::string_view, std::size_t> kBuffers[] = {
+    {"SQLErrorW", 5},        {"SQLGetDiagRecW", 5}, {"SQLDescribeColW", 2},
+    {"SQLColAttributeW", 3}, {"SQLGetInfoW", 2},    {"SQLGetConnectAttrW", 2}};
+
+// After these the caller's memory, or the row that it reads, is what they said.
+constexpr std::string_view kPromises[] = {
+    "SQLBindCol",     "SQLBindParameter", "SQLFreeStmt", "SQLSetConnectAttrW",
+    "SQLSetStmtAttr", "SQLSetStmtAttrW",  "SQLSetPos",   "SQLFetch"};
 
 void PutBytes(char* target, std::size_t room, std::string_view bytes) {
     if (target) std::memcpy(target, bytes.data(), std::min(room, bytes.size()));
+}
+
+bool IsIn(std::string_view name, const auto& names) {
+    return std::ranges::find(names, name) != std::end(names);
 }
 
 class Hostile {
@@ -45,14 +52,22 @@ class Hostile {
     explicit Hostile(std::uint64_t seed) : m_random(seed) {
         m_rate = Pick(kRates);
         m_subjects = static_cast<unsigned>(Below(32)) | 1U << Below(5);
+        m_hasBlocks = Chance(0.5);
+        m_truths = Below(2) * Below(300);
     }
 
-    SQLRETURN Answer(Model& model, const Call& call) {
-        if (call.name == "SQLAllocHandle") return Alloc(model, call);
-        if (m_gaveNone && !TargetOf(call).handle)
+    SQLRETURN Answer(Model& model, const Call& call, const Forward& forward) {
+        if (m_truths > 0) --m_truths;
+        const auto [target, kind] = TargetOf(call);
+        // The embedded runtime's own marks, without which there are other ways.
+        if (call.name == "SQLGetInfoW" && !m_hasBlocks && call.Number(1) == SQL_GETDATA_EXTENSIONS)
+            return SQL_ERROR;
+        const bool isAlloc = call.name == "SQLAllocHandle";
+        if (m_gaveNone && !target && !(isAlloc && call.Number(0) == SQL_HANDLE_ENV))
             return Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
-        Handle* const handle = model.Use(call);
-        return handle ? Do(model, call, *handle) : SQLRETURN{SQL_INVALID_HANDLE};
+        if (isAlloc) return Alloc(model, call, forward);
+        const Handle* const handle = model.Use(call);
+        return handle ? Do(model, call, *handle, forward) : SQLRETURN{SQL_INVALID_HANDLE};
     }
 
   private:
@@ -66,63 +81,43 @@ class Hostile {
     T Pick(const T (&choices)[N]) {
         return choices[Below(N)];
     }
-    bool Lies(Subject subject) { return (m_subjects & subject) != 0 && Chance(m_rate); }
+    bool Lies(Subject subject, double least = 0) {
+        return m_truths == 0 && (m_subjects & subject) != 0 && Chance(std::max(m_rate, least));
+    }
     long long AnyNumber() {
         const std::uint64_t number = Pick(kLimits) + Below(7) - 3;
         return static_cast<long long>(Chance(0.3) ? 0 - number : number);
+    }
+
+    // Thousands of columns take their time, so they are rare.
+    long long AnyCount() {
+        const long long number = Chance(0.3) ? Pick(kTypes) : AnyNumber();
+        return number > 300 && number <= SHRT_MAX && Chance(0.9) ? -number : number;
     }
 
     SQLRETURN AnyStatus() {
         return Chance(0.9) ? Pick(kStatuses) : static_cast<SQLRETURN>(m_random());
     }
 
+    // Some begin with a small number, as the kind of a cell.
     std::string AnyBytes(std::size_t size) {
+        if (Chance(0.3)) return Pick(kTexts) + std::string(1, '\0');
         std::string bytes(size, '\0');
         const bool isAscii = Chance(0.5);
         for (char& byte : bytes) byte = static_cast<char>(isAscii ? 'a' + Below(26) : Below(256));
+        const auto kind = static_cast<SQLINTEGER>(Below(10));
+        if (Chance(0.5) && size > sizeof kind) std::memcpy(bytes.data(), &kind, sizeof kind);
         return bytes;
     }
 
-    std::string AnyText() {
-        constexpr std::size_t kSizes[] = {60, 126, 127, 128, 129, 300, 2046, 2047, 2048, 3000};
-        return Chance(0.85) ? Pick(kTexts) : std::string(Pick(kSizes), 'x') + Pick(kTexts);
-    }
-
-    SQLRETURN Do(Model& model, const Call& call, Handle& handle) {
-        if (call.name == "SQLErrorW") return Error(call);
-        if (call.name == "SQLFreeHandle" || call.name == "SQLFreeStmt" ||
-            call.name == "SQLDisconnect") {
-            return Free(model, call, handle);
-        }
-        const bool isLie = Lies(Statuses);
-        const SQLRETURN lie = AnyStatus();
-        if (call.name == "SQLSetStmtAttr") {
-            // What is said to be set is set: the caller's memory depends on it.
-            if (!isLie || OdbcSucceeded(lie) || Chance(0.5)) Act(model, call);
-            return isLie ? lie : SQLRETURN{SQL_SUCCESS};
-        }
-        if (isLie && Chance(0.5)) return lie;
-
-        SQLRETURN status = SQL_SUCCESS;
-        if (call.name.starts_with("SQLExec")) {
-            status = Execute(model, call);
-        } else if (call.name == "SQLColAttributeW") {
-            status = ColAttribute(model, call);
-        } else if (call.name == "SQLRowCount" && Lies(Metadata)) {
-            Put(call.Pointer<SQLLEN>(1), AnyNumber());
-        } else if (call.name == "SQLFetch") {
-            status = Fetch(handle);
-        } else {
-            status = Act(model, call);
-        }
-        return isLie ? lie : status;
-    }
-
-    SQLRETURN Alloc(Model& model, const Call& call) {
+    SQLRETURN Alloc(Model& model, const Call& call, const Forward& forward) {
         auto* const output = call.Pointer<SQLHANDLE>(2);
-        const bool isBelowNone = call.Number(0) != SQL_HANDLE_ENV && !call.Handle(1);
-        if (isBelowNone && m_gaveNone) return SQL_INVALID_HANDLE;
-        if (!Lies(Handles)) return Act(model, call);
+        if (!Lies(Handles)) {
+            const SQLRETURN status = forward();
+            if (OdbcSucceeded(status))
+                Register(model, *output, static_cast<int>(call.Number(0)), call.Handle(1));
+            return status;
+        }
         const SQLRETURN status = AnyStatus();
         m_gaveNone = m_gaveNone || status != SQL_ERROR;
         // Not a handle, whether or not it is said to be one.
@@ -131,115 +126,88 @@ class Hostile {
         return status;
     }
 
-    // Always done, whatever the status says: the caller cannot do more than ask.
-    SQLRETURN Free(Model& model, const Call& call, Handle& handle) {
-        const SQLRETURN lie = AnyStatus();
+    SQLRETURN Do(Model& model, const Call& call, const Handle& handle, const Forward& forward) {
+        const bool isEnd = call.name == "SQLFreeHandle" || call.name == "SQLDisconnect" ||
+                           (call.name == "SQLEndTran" && call.Number(2) == SQL_ROLLBACK) ||
+                           (call.name == "SQLFreeStmt" && call.Number(1) == SQL_DROP);
         const bool isLie = Lies(Statuses);
-        if (call.name == "SQLDisconnect" && ++handle.disconnects > 1)
-            model.Error(call, "disconnected twice");
-        // What says that it unbound nothing may still look at the old buffers.
-        const bool isUnbinding = call.name == "SQLFreeStmt" && call.Number(1) != SQL_DROP;
-        if (isUnbinding && isLie && !OdbcSucceeded(lie)) return lie;
-        const SQLRETURN status = Act(model, call);
-        return isLie ? lie : status;
-    }
-
-    Result AnyResult() {
-        Result result;
-        const std::size_t columns = Chance(0.05) ? Below(300) : Below(6);
-        const bool hasOneType = Chance(0.2);
-        const long long type = Pick(kTypes);
-        for (std::size_t i = 0; i < columns; ++i) {
-            Column& column = result.columns.emplace_back();
-            column.name = Chance(0.8) ? std::string(1, static_cast<char>('a' + i % 26)) : AnyText();
-            for (const long long field :
-                 {SQL_COLUMN_LENGTH, SQL_COLUMN_PRECISION, SQL_COLUMN_SCALE, SQL_COLUMN_NULLABLE}) {
-                column.numbers[field] = static_cast<long long>(Below(40));
-            }
-            column.numbers[SQL_COLUMN_TYPE] = hasOneType ? type : Pick(kTypes);
+        const SQLRETURN lie = AnyStatus();
+        const bool isPromise = IsIn(call.name, kPromises);
+        // An end is made whatever the status says: the caller cannot do more than ask.
+        if (isLie && !isEnd && (isPromise ? !OdbcSucceeded(lie) : Chance(0.5))) return lie;
+        const SQLRETURN status = forward();
+        if (OdbcSucceeded(status) && (isEnd || isPromise || call.name == "SQLDriverConnectW"))
+            Act(model, call);
+        if (call.name == "SQLFetch") {
+            LieAboutRows(handle);
+        } else if (call.name == "SQLGetData") {
+            if (Lies(Cells)) LieAboutCell(BindingOf(call, 2, 3));
+        } else if (!isPromise) {
+            LieInOutputs(call);
         }
-        result.rowCount = static_cast<SQLLEN>(Below(10)) - 1;
-        return result;
+        return isLie && (!isPromise || OdbcSucceeded(status)) ? lie : status;
     }
 
-    SQLRETURN Execute(Model& model, const Call& call) {
-        model.results.clear();
-        model.results.push_back(AnyResult());
-        const SQLRETURN status = Act(model, call);
-        // Here, the number of rows to come.
-        model.handles[call.Handle(0)].nextRow = Below(6);
-        return status;
-    }
-
-    SQLRETURN ColAttribute(Model& model, const Call& call) {
-        if (!Lies(Metadata)) return Act(model, call);
-        if (call.Number(2) != SQL_COLUMN_NAME) {
-            const bool isType = call.Number(2) == SQL_COLUMN_TYPE && Chance(0.5);
-            long long number = isType ? Pick(kTypes) : AnyNumber();
-            // Thousands of columns take their time, so they are rare.
-            if (number > 300 && number <= SHRT_MAX && Chance(0.9)) number = -number;
-            Put(call.Pointer<SQLLEN>(6), number);
-            return SQL_SUCCESS;
+    void LieInOutputs(const Call& call) {
+        const bool isDiagnostic = call.name == "SQLErrorW" || call.name == "SQLGetDiagRecW";
+        const Subject subject = isDiagnostic ? Diags : Metadata;
+        for (const auto& [name, buffer] : kBuffers) {
+            if (name != call.name || !Lies(subject)) continue;
+            const auto room = static_cast<std::size_t>(std::max(call.Number(buffer + 1), 0LL));
+            PutBytes(call.Pointer<char>(buffer), room, AnyBytes(room));
         }
-        const auto room = static_cast<std::size_t>(std::max(call.Number(4), 0LL));
-        if (Chance(0.7)) PutBytes(call.Pointer<char>(3), room, AnyBytes(room));
-        Put(call.Pointer<SQLSMALLINT>(5), AnyNumber());
-        return Chance(0.5) ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
-    }
-
-    // False when the value was cut.
-    bool Deliver(const Binding& target) {
-        if (!target.data) return true;
-        const std::size_t room = RoomOf(target);
-        long long length = static_cast<long long>(room);
-        if (Lies(Cells)) {
-            PutBytes(target.data, room, AnyBytes(room));
-            if (Chance(0.5)) length = AnyNumber();
-        } else if (target.cType == SQL_C_TIMESTAMP) {
-            const SQL_TIMESTAMP_STRUCT stamp{
-                2024, 2, 29, 23, 59, 59, static_cast<SQLUINTEGER>(Below(1'000'000'000))};
-            std::memcpy(target.data, &stamp, sizeof stamp);
-        } else if (target.bufferLength > 0) {
-            const std::string text = AnyText();
-            PutBytes(target.data, room, text + '\0');
-            if (text.size() >= room) target.data[room - 1] = '\0';
-            length = Chance(0.05) ? SQL_NO_TOTAL : static_cast<long long>(text.size());
-        } else {
-            PutBytes(target.data, room, AnyBytes(room));
-        }
-        if (Chance(0.1)) length = SQL_NULL_DATA;
-        if (Lies(Cells)) length = AnyNumber();
-        Put(target.indicators, length);
-        return target.bufferLength == 0 || length < target.bufferLength;
-    }
-
-    SQLRETURN Fetch(Handle& statement) {
-        if (!statement.isExecuted || statement.result.columns.empty()) return SQL_ERROR;
-        if (statement.nextRow == 0) return SQL_NO_DATA;
-        --statement.nextRow;
-        bool isWhole = true;
-        for (const auto& [number, target] : statement.columns) isWhole = Deliver(target) && isWhole;
-        return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
-    }
-
-    SQLRETURN Error(const Call& call) {
-        const auto room = static_cast<std::size_t>(std::max(call.Number(6), 0LL));
         constexpr std::size_t kStateSize = 6;
-        PutBytes(call.Pointer<char>(3), kStateSize, Lies(Diags) ? AnyBytes(kStateSize) : "HY000");
-        Put(call.Pointer<SQLINTEGER>(4), Lies(Diags) ? AnyNumber() : 7);
-        std::string text = AnyText();
-        if (Lies(Diags)) text = AnyBytes(room);
-        const bool isWhole = text.size() < room;
-        PutBytes(call.Pointer<char>(5), room, isWhole ? text + '\0' : text);
-        Put(call.Pointer<SQLSMALLINT>(7),
-            Lies(Diags) ? AnyNumber() : static_cast<long long>(text.size()));
-        if (Lies(Diags)) return AnyStatus();
-        return isWhole ? SQL_SUCCESS : SQL_SUCCESS_WITH_INFO;
+        if (isDiagnostic && Lies(subject))
+            PutBytes(call.Pointer<char>(3), kStateSize, AnyBytes(kStateSize));
+        for (const Argument& argument : call.arguments) {
+            if (argument.kind != Argument::Kind::Pointer || !argument.value || !Lies(subject))
+                continue;
+            const long long number = AnyCount();
+            std::memcpy(reinterpret_cast<void*>(argument.value), &number, argument.size);
+        }
+    }
+
+    // Where the length is none, the bytes are not those of another row.
+    void LieAboutCell(const Binding& target) {
+        const FixedType* const fixed = FindFixed(target.cType);
+        const auto room = static_cast<std::size_t>(
+            fixed ? fixed->size : std::max<SQLLEN>(target.bufferLength, 0));
+        const bool isNull = Chance(0.3);
+        if (!isNull) {
+            PutBytes(target.data, room, std::string(room, '~'));
+            PutBytes(target.data, room, AnyBytes(room));
+        }
+        if (isNull || Chance(0.6)) Put(target.indicators, isNull ? SQL_NULL_DATA : AnyNumber());
+    }
+
+    void LieAboutRows(const Handle& statement) {
+        const auto attribute = [&](long long which) {
+            const auto found = statement.attributes.find(which);
+            return found == statement.attributes.end() ? 0 : found->second;
+        };
+        auto* const fetched = reinterpret_cast<SQLULEN*>(attribute(SQL_ATTR_ROWS_FETCHED_PTR));
+        auto* const states = reinterpret_cast<SQLUSMALLINT*>(attribute(SQL_ATTR_ROW_STATUS_PTR));
+        const auto stride = attribute(SQL_ATTR_ROW_BIND_TYPE);
+        const SQLULEN rows = fetched ? *fetched : 1;
+        for (SQLULEN row = 0; row < rows; ++row) {
+            const auto offset = static_cast<long long>(row) * stride;
+            for (auto [number, target] : statement.columns) {
+                if (!target.data || !Lies(Cells)) continue;
+                target.data += offset;
+                target.indicators += offset / static_cast<long long>(sizeof(SQLLEN));
+                LieAboutCell(target);
+            }
+            if (states && Lies(Cells)) states[row] = static_cast<SQLUSMALLINT>(Below(7));
+        }
+        if (fetched && Lies(Cells, 0.1))
+            *fetched = Chance(0.5) ? static_cast<SQLULEN>(AnyNumber()) : rows + Below(300);
     }
 
     std::mt19937_64 m_random;
     double m_rate = 0;
     unsigned m_subjects = 0;
+    bool m_hasBlocks = false;
+    std::uint64_t m_truths = 0;  // calls before the first lie
     // An allocation brought no handle: from then on null ones are used, which only earns a status.
     bool m_gaveNone = false;
 };
@@ -247,7 +215,8 @@ class Hostile {
 }  // namespace
 
 Answers HostileAnswers(std::uint64_t seed) {
-    return [hostile = Hostile(seed)](Model& model, const Call& call) mutable {
-        return hostile.Answer(model, call);
-    };
+    return
+        [hostile = Hostile(seed)](Model& model, const Call& call, const Forward& forward) mutable {
+            return hostile.Answer(model, call, forward);
+        };
 }

@@ -32,10 +32,7 @@ SQLHANDLE NewHandle(Model& model, int kind, SQLHANDLE parent) {
     static std::uintptr_t serial = 0x5c0000000000;
     serial += 0x10;
     const auto handle = reinterpret_cast<SQLHANDLE>(serial);
-    Handle& made = model.handles[handle];
-    made.kind = kind;
-    made.number = ++model.allocated[static_cast<std::size_t>(kind)];
-    made.parent = parent;
+    Register(model, handle, kind, parent);
     return handle;
 }
 
@@ -101,7 +98,7 @@ SQLRETURN FreeStmt(Model&, const Call& call, Handle* statement) {
 }
 
 SQLRETURN SetStmtAttr(Model&, const Call& call, Handle* statement) {
-    if (call.Number(1) == SQL_ATTR_PARAMSET_SIZE) statement->parameterSets = call.Number(2);
+    statement->attributes[call.Number(1)] = call.Number(2);
     return SQL_SUCCESS;
 }
 
@@ -247,6 +244,11 @@ constexpr Action kActions[] = {
     {"SQLDisconnect", SQL_HANDLE_DBC, Disconnect},
     {"SQLFreeStmt", SQL_HANDLE_STMT, FreeStmt},
     {"SQLSetStmtAttr", SQL_HANDLE_STMT, SetStmtAttr},
+    {"SQLSetStmtAttrW", SQL_HANDLE_STMT, SetStmtAttr},
+    {"SQLSetConnectAttrW", SQL_HANDLE_DBC, Nothing},
+    {"SQLGetConnectAttrW", SQL_HANDLE_DBC, Nothing},
+    {"SQLGetInfoW", SQL_HANDLE_DBC, Nothing},
+    {"SQLGetDiagRecW", kTold, Nothing},
     {"SQLPrepareW", SQL_HANDLE_STMT, Prepare},
     {"SQLExecute", SQL_HANDLE_STMT, Execute},
     {"SQLExecDirectW", SQL_HANDLE_STMT, ExecDirect},
@@ -275,7 +277,7 @@ Binding BindingOf(const Call& call, std::size_t cType, std::size_t data) {
 Target TargetOf(const Call& call) {
     if (call.name == "SQLAllocHandle")
         return {call.Handle(1), static_cast<int>(call.Number(0)) - 1};
-    if (call.name == "SQLFreeHandle" || call.name == "SQLEndTran")
+    if (call.name == "SQLFreeHandle" || call.name == "SQLEndTran" || call.name == "SQLGetDiagRecW")
         return {call.Handle(1), static_cast<int>(call.Number(0))};
     if (call.name == "SQLErrorW") {
         std::size_t i = 0;
@@ -300,6 +302,14 @@ Handle* Model::Use(const Call& call) {
     Error(call,
           FormatHandle(*this, target) + " is not a live handle of kind " + std::to_string(kind));
     return nullptr;
+}
+
+void Register(Model& model, SQLHANDLE handle, int kind, SQLHANDLE parent) {
+    const int number = ++model.allocated[static_cast<std::size_t>(kind)];
+    Handle& made = model.handles[handle] = {};
+    made.kind = kind;
+    made.number = number;
+    made.parent = parent;
 }
 
 void Model::Error(const Call& call, const std::string& what) {

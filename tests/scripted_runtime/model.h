@@ -21,6 +21,7 @@ struct Argument {
     enum class Kind { Number, Opaque, Text, Pointer };
     long long value;
     Kind kind;
+    std::size_t size;  // of the integer that it points to
 };
 
 struct Call {
@@ -72,17 +73,21 @@ struct Handle {
     int number = 0;
     SQLHANDLE parent = nullptr;
     bool isLive = true;
-    int disconnects = 0;  // in the seeded mode
     // Connections.
     bool isConnected = false;
     // Statements.
     bool isPrepared = false;
     bool isExecuted = false;
-    long long parameterSets = 1;
+    std::map<long long, long long> attributes;
     std::map<int, Binding> parameters;
     std::map<int, Binding> columns;
     Result result;
     std::size_t nextRow = 0;
+
+    long long ParameterSets() const {
+        const auto found = attributes.find(SQL_ATTR_PARAMSET_SIZE);
+        return found == attributes.end() ? 1 : found->second;
+    }
 };
 
 struct Diagnostic {
@@ -141,6 +146,9 @@ const FixedType* FindFixed(int cType);
 // Carries a call out. Functions without a model succeed without effect.
 SQLRETURN Act(Model& model, const Call& call);
 
+// Notes a new handle.
+void Register(Model& model, SQLHANDLE handle, int kind, SQLHANDLE parent);
+
 // Counts, logs and answers a call; every entry point ends here. `forward` carries it out with
 // another runtime's function.
 SQLRETURN Answer(const char* path, const Call& call,
@@ -158,8 +166,9 @@ void LogParameters(Model& model, const Call& call, const Handle& statement);
 
 // --- Answers from a seed ---
 
-using Answers = std::function<SQLRETURN(Model&, const Call&)>;
-// Answers mostly as a provider would, with results that it invents, and lies at a rate and about
-// things that the seed chooses. Whatever it says, it stays a legal callee: it writes only within
-// the lengths that it was given, and reads what is bound only while its own answers promise that.
+using Forward = std::function<SQLRETURN()>;
+using Answers = std::function<SQLRETURN(Model&, const Call&, const Forward&)>;
+// Lets another runtime carry the calls out, and lies about it at a rate and about things that the
+// seed chooses. Whatever it says, it stays a legal callee: it writes only within the lengths that
+// it was given, and reads what is bound only while its own answers promise that.
 Answers HostileAnswers(std::uint64_t seed);

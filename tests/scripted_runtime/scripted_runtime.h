@@ -50,8 +50,8 @@ typedef int (*scripted_handler_function)(const char* name, const long long* args
                                          int* status);
 VORDA_EXPORT void scripted_handler(scripted_handler_function handler);
 
-// Until the reset every call is answered from a seed: mostly plausibly, with results of its own
-// making, and with lies of the kinds and at the rate that the seed chooses.
+// Until the reset the runtime that carries the calls out is lied about, in ways and at a rate that
+// the seed chooses.
 VORDA_EXPORT void scripted_hostile(unsigned long long seed);
 
 // Appends a diagnostic. SQLErrorW takes the first one away; with none left it returns SQL_NO_DATA.

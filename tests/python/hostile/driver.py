@@ -1,10 +1,11 @@
-"""Random use of the module's whole Python interface on a runtime that answers from a seed:
-driver.py FIRST COUNT
+"""Random use of a driver's whole Python interface on a runtime that lies from a seed:
+driver.py zelqa|dbapi FIRST COUNT
 
-Each seed decides what the program does and what the runtime answers. Whatever that is: the process
-lives and does not hang, only proper exceptions come out, no error of the runtime passes for a
-success, no handle is misused, none is left after closing, and repeating a seed takes no more
-memory. The last seed printed is the one that failed; `driver.py SEED 1` is that one alone.
+Each seed decides what the program does and what is lied about the embedded runtime. Whatever that
+is: the process lives and does not hang, only proper exceptions come out, no error of the runtime
+passes for a success, no row has bytes of another, no handle is misused, none is left after closing,
+and repeating a seed takes no more memory. The last seed printed is the one that failed;
+`driver.py dbapi SEED 1` is that one alone.
 
 VORDA_BUILD names the build tree; PYTHONPATH and LD_LIBRARY_PATH as for the tests on the scripted
 runtime.
@@ -19,11 +20,14 @@ import os
 import random
 import re
 import resource
+import shutil
 import sys
+import tempfile
 import warnings
 
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
 SECONDS_A_SEED = 60
+DATABASE = "t.db"
 MEMORY = 600 << 20
 # Every so many seeds, one is repeated so often, so many times over, to see that it leaves no
 # memory.
@@ -46,15 +50,41 @@ PIECES = ["SELECT", "UPDATE", "INSERT INTO", "EXECUTE", "EXEC", "DELETE", "(", "
           "@a", ":b", "@long_name", "'text'", "'open", '"name"', '"open', "[x]", "-- note\n",
           "/* note */", "/* open", "1.5e", "0x", "t", "naïve", "=", ";", "::", "@", "€", "\0", "\n",
           "`a`", "#a#", "{", "}", ".", "<=", "<=>", "!="]
-STATEMENTS = ["SELECT * FROM t", "SELECT a FROM t WHERE b = ? AND c = ?",
+QUERIES = ["SELECT * FROM t", "SELECT * FROM t ORDER BY length(long), short DESC",
+           "SELECT short, long FROM t", "SELECT %s short FROM t WHERE b < 70" % ("a, " * 200)]
+STATEMENTS = [*QUERIES, "SELECT a FROM t WHERE b = ? AND c = ?",
               "UPDATE t SET a = ?, b = ?, c = ?", "UPDATE t SET a = @a, b = :b", "EXECUTE P a=?",
-              "EXEC P", "SELECT @a, @b", "INSERT INTO t VALUES (?)"]
+              "EXEC P a=1", "SELECT @a, @b", "INSERT INTO u VALUES (?)",
+              "UPDATE t SET a = ? WHERE b = 3 RETURNING short, x"]
+
+# What is read: short, long and binary values that tell their row, and a column of each type.
+ROWS = 150
+TABLE = """CREATE TABLE t (short TEXT, a TEXT, long TEXT, b BIGINT, x BLOB, c DOUBLE, day DATE,
+    at TIMESTAMP, d DECIMAL(9, 2), yes BOOLEAN, hour TIME)"""
+PROCEDURE = "CREATE PROCEDURE P (a) AS SELECT $a AS a, short, x FROM t"
+TOKEN = re.compile(r"<\d{4}>")
+
+
+def row_of(number):
+    token = "<%04d>" % number
+    return (token, "text", token * (400 if number % 37 == 0 else 3), number, token.encode() * 3,
+            number / 8, datetime.date(2024, 2, 29), datetime.datetime(2024, 2, 29, 1, 2, 3, 4),
+            decimal.Decimal("-12.50"), number % 2 == 0, datetime.time(1, 2))
 
 
 # Calls after which nothing may succeed. Whether releasing worked, or putting a batch size back,
 # matters to nobody; about a parameter that could not be bound, the execution has to tell.
-FAILED = re.compile(r"SQL(?!Free|Disconnect|Error|BindParameter|SetStmtAttr\(.*, 1\)).* = -1$|"
-                    r"SQLFetch\(.*\) = (?!0$|1$|100$)")
+# What fails while vorda.dbapi reads ahead is told when that row comes; information, and blocks of
+# rows, it does without.
+FAILED = {
+    "zelqa": re.compile(
+        r"(?m)^SQL(?!Free|Disconnect|Error|BindParameter|SetStmtAttr\(.*, 1\)).* = -1$|"
+        r"^SQLFetch\(.*\) = (?!0$|1$|100$)"),
+    "dbapi": re.compile(
+        r"(?m)^SQL(?!Free|Disconnect|Fetch|Get|SetPos|NumParams|Describe|ColAttribute|BindCol|SetStmtAttr|"
+        r"SetConnectAttrW\(\w+, 28675|EndTran\(2, \w+, 1\)).* = -1$")}
+# What cannot be done as arrays is done row by row.
+BATCH = re.compile(r"SQLSetStmtAttrW\(\w+, 22, .*\nSQLExecute.*")
 
 
 class Nothing(Exception):
@@ -64,8 +94,9 @@ class Nothing(Exception):
 class Program:
     """One random program and the objects that it has made."""
 
-    def __init__(self, zelqa, runtime, seed):
-        self.zelqa, self.runtime, self.random = zelqa, runtime, random.Random(seed)
+    def __init__(self, module, runtime, seed):
+        self.module, self.runtime, self.random = module, runtime, random.Random(seed)
+        self.name = module.__name__.split(".")[-1]
         self.connections, self.cursors, self.rows, self.log = [], [], [], []
 
     def run(self):
@@ -74,7 +105,7 @@ class Program:
             warnings.showwarning = lambda *warning: None
             warnings.simplefilter(self.random.choice(["ignore", "ignore", "always", "error"]))
             for _ in range(self.random.randrange(1, 4)):
-                self.attempt((), connect)
+                self.attempt((TypeError,), connect)
             for _ in range(steps):
                 self.attempt(*self.random.choices(OPERATIONS, WEIGHTS)[0][1:])
             self.close()
@@ -95,19 +126,29 @@ class Program:
         succeeded = True
         try:
             operation(self)
-        except (Nothing, self.zelqa.Error, RuntimeWarning, MemoryError, *expected) as error:
+        except (Nothing, self.module.Error, RuntimeWarning, MemoryError, *expected) as error:
             assert not isinstance(error, UnicodeError)
             succeeded = False
-        calls = self.runtime.scripted_log().decode("utf-8", "replace").split("\n")
+        calls = self.runtime.scripted_log().decode("utf-8", "replace")
         self.runtime.scripted_log_clear()
-        self.log += calls
-        hidden = [call for call in calls if FAILED.match(call)]
+        self.log.append(calls)
+        hidden = FAILED[self.name].findall(BATCH.sub("", calls))
+        if os.environ.get("DBG") and succeeded and hidden: print(calls)
         assert not (succeeded and hidden), "a success in spite of %s" % hidden
 
     def one(self, of):
         if not of:
             raise Nothing
         return self.random.choice(of)
+
+    def look(self, row, seen=()):
+        """Keeps a row, which has bytes of its own alone, and of none that was read before."""
+        tokens = set(TOKEN.findall(" ".join(
+            value.decode("latin-1") if isinstance(value, bytes) else value
+            for value in (row or ()) if isinstance(value, (bytes, str)))))
+        assert len(tokens) <= 1 and tokens.isdisjoint(seen), "bytes of another row: %s" % tokens
+        self.keep("rows", row)
+        return tokens
 
     def keep(self, kind, made):
         """Keeps a few, so that others die in the middle of things."""
@@ -150,15 +191,23 @@ class Program:
 
 
 def connect(program):
-    string = "Server=there" if program.random.random() < 0.8 else program.random.choice(TEXTS + ODD)
-    program.keep("connections", program.zelqa.connect(string))
+    usual = program.random.random() < 0.9
+    program.keep("connections", program.module.connect(
+        "Database=" + DATABASE if usual else program.random.choice(TEXTS[:1] + TEXTS[3:] + ODD)))
     program.keep("cursors", program.connections[-1].cursor())
 
 
 def query(program):
     """A query and all that it yields."""
-    for row in program.one(program.cursors).execute(program.random.choice(STATEMENTS[:2])):
-        program.keep("rows", row)
+    seen, rows = set(), 0
+    for row in program.one(program.cursors).execute(program.random.choice(QUERIES)):
+        rows += 1
+        # Whether a row was fetched when that is what is said can be seen in a block alone.
+        if program.name == "dbapi":
+            assert rows <= ROWS, "more rows than there are"
+            seen |= program.look(row, seen)
+        else:
+            program.look(row)
 
 
 def call_procedure(program):
@@ -174,14 +223,14 @@ def fetch(program):
             cursor.fetchall, cursor.fetchmany,
             lambda: cursor.fetchmany(program.random.choice([0, 1, 3, -1, -2])),
             lambda: cursor.fetchmany(program.random.choice(VALUES)),
-            lambda: [cursor.next(), next(cursor)],
+            lambda: [getattr(cursor, "next", cursor.fetchone)() or next(cursor), next(cursor)],
             lambda: [cursor.fetchone() or program.one([])]])():
-        program.keep("rows", row)
+        program.look(row)
 
 
 def use_row(program):
     row = program.one(program.rows)
-    for name in [column[0] for column in row.description or ()]:
+    for name in [column[0] for column in getattr(row, "description", None) or ()]:
         row[name]
     program.value() in row, repr(row), list(row), len(row)
     row[program.random.choice([0, -1, 1, 2 ** 70])] = program.value()
@@ -192,7 +241,7 @@ def misuse(program):
     """Arguments in numbers and of kinds that nothing takes."""
     cursor, row = program.one(program.cursors), program.one(program.rows)
     program.random.choice([
-        program.zelqa.connect, lambda: program.zelqa.connect("a", "b"), cursor.execute,
+        program.module.connect, lambda: program.module.connect("a", "b"), cursor.execute,
         cursor.executemany, lambda: cursor.executemany("x"),
         lambda: cursor.executemany("x", [], []), cursor.callproc,
         lambda: cursor.executemany("x", 5), lambda: cursor.executemany("x", (1 / 0 for _ in "a")),
@@ -208,6 +257,16 @@ def use_attributes(program):
     program.one(program.connections).commit()
 
 
+def use_transaction(program):
+    connection, cursor = program.one(program.connections), program.one(program.cursors)
+    program.random.choice([
+        connection.rollback, connection.cancel, cursor.nextset, lambda: connection.in_transaction,
+        lambda: cursor.lastrowid, lambda: setattr(connection, "autocommit", connection.autocommit),
+        lambda: setattr(connection, "autocommit", program.random.random() < 0.5),
+        lambda: setattr(cursor, "row_factory", program.random.choice([None, dict, tuple, list])),
+        lambda: cursor.executescript("SELECT 1; UPDATE t SET a = 1")])()
+
+
 def forget(program):
     kept = program.random.choice([program.connections, program.cursors, program.rows])
     kept.remove(program.one(kept))
@@ -217,24 +276,25 @@ def forget(program):
 # done.
 NO_VALUE = (ValueError, decimal.InvalidOperation)  # a date, a decimal that is none
 OPERATIONS = [
-    (1, (), connect),
+    (1, (TypeError,), connect),
     (1, (), lambda program: program.keep("cursors", program.one(program.connections).cursor())),
     (1, (TypeError,),
      lambda program: program.keep("cursors", program.one(program.connections).execute(
         program.statement(), *program.arguments()))),
     (6, (TypeError,), lambda program: program.one(program.cursors).execute(
         program.statement(), *program.arguments())),
-    (3, (), lambda program: program.one(program.cursors).executemany(program.statement(),
-                                                                     program.batch())),
-    (3, NO_VALUE, query),
+    (3, (TypeError,), lambda program: program.one(program.cursors).executemany(
+        program.statement(), program.batch())),
+    (6, NO_VALUE, query),
     (3, (TypeError, *NO_VALUE), call_procedure),
     (6, (TypeError, OverflowError, StopIteration, *NO_VALUE), fetch),
-    (4, (IndexError, *NO_VALUE), use_row),
-    (1, (TypeError, AttributeError), misuse),
+    (4, (TypeError, IndexError, *NO_VALUE), use_row),
+    (1, (TypeError, AttributeError, ZeroDivisionError), misuse),
     (2, (TypeError, OverflowError, AttributeError), use_attributes),
     (1, (), lambda program: program.one(program.random.choice([program.connections,
                                                                program.cursors])).close()),
     (2, (), forget),
+    (2, (AttributeError,), use_transaction),
 ]
 WEIGHTS = [weight for weight, _, _ in OPERATIONS]
 
@@ -248,21 +308,33 @@ class Mallinfo(ctypes.Structure):
 class Runner:
     """The libraries, and running seeds on them in this process."""
 
-    def __init__(self):
-        from vorda import zelqa
-        self.zelqa, self.entry, self.libc = zelqa, ctypes.CDLL(zelqa.__file__), ctypes.CDLL(None)
+    def __init__(self, name):
+        from vorda import dbapi, zelqa
+        self.module = {"zelqa": zelqa, "dbapi": dbapi}[name]
+        self.entry, self.libc = ctypes.CDLL(zelqa.__file__), ctypes.CDLL(None)
+        self.embedded = os.path.join(os.path.dirname(zelqa.__file__), "libvordart.x64.so.6")
         self.runtime = ctypes.CDLL(os.path.join(os.environ["VORDA_BUILD"], "scripted",
                                                 "libvordart.x64.so.6"))
         self.runtime.scripted_log.restype = ctypes.c_char_p
         self.measures = not SANITIZED and hasattr(self.libc, "mallinfo2")
         if self.measures:
             self.libc.mallinfo2.restype = Mallinfo
+        self.runtime.scripted_forward(self.embedded.encode())
+        with dbapi.connect(Database=DATABASE + ".new") as connection:
+            cursor = connection.execute("CREATE TABLE u (a)")
+            cursor.execute(TABLE)
+            cursor.execute(PROCEDURE)
+            cursor.executemany("INSERT INTO t VALUES (%s)" % ", ".join("?" * len(row_of(0))),
+                               map(row_of, range(ROWS)))
+        connection.close()
 
     def run(self, seed):
         runtime = self.runtime
         runtime.scripted_reset()
+        runtime.scripted_forward(self.embedded.encode())
         runtime.scripted_hostile(ctypes.c_ulonglong(seed))
-        program = Program(self.zelqa, runtime, seed)
+        shutil.copy(DATABASE + ".new", DATABASE)
+        program = Program(self.module, runtime, seed)
         program.run()
         left, misuses = runtime.scripted_live_handles(0), runtime.scripted_errors()
         assert left == misuses == 0, "%d handles left, %d misuses:\n%s" % (
@@ -290,8 +362,8 @@ class Runner:
             "%d repetitions took %d more blocks, %d more bytes" % (REPETITIONS, blocks, size))
 
 
-def main(first, count):
-    runner = Runner()
+def main(name, first, count):
+    runner = Runner(name)
     if not SANITIZED:
         resource.setrlimit(resource.RLIMIT_AS, (MEMORY, MEMORY))
     for seed in range(first, first + count):
@@ -304,4 +376,6 @@ def main(first, count):
 
 
 if __name__ == "__main__":
-    main(*map(int, sys.argv[1:]))
+    with tempfile.TemporaryDirectory() as folder:
+        os.chdir(folder)
+        main(sys.argv[1], *map(int, sys.argv[2:]))

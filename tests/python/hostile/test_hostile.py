@@ -13,12 +13,13 @@ SEEDS = int(os.environ.get("VORDA_HOSTILE_SEEDS", "150" if SANITIZED else "500")
 CHUNK = 250
 
 
+@pytest.mark.parametrize("driver", ["zelqa", "dbapi"])
 @pytest.mark.parametrize("first", range(1, SEEDS, CHUNK))
-def test_seeds(first):
+def test_seeds(first, driver):
     # Freed memory that glibc keeps for each thread counts as used: without that the figures are
     # exact.
     environment = dict(os.environ, GLIBC_TUNABLES="glibc.malloc.tcache_count=0")
-    run = subprocess.run([sys.executable, DRIVER, str(first), str(min(CHUNK, SEEDS - first + 1))],
-                         stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True,
-                         env=environment)
+    run = subprocess.run(
+        [sys.executable, DRIVER, driver, str(first), str(min(CHUNK, SEEDS - first + 1))],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, universal_newlines=True, env=environment)
     assert run.returncode == 0, run.stdout[-6000:]
