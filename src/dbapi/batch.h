@@ -1,10 +1,17 @@
 // Many rows of parameters on their way to one execution.
 #pragma once
 
+#include <limits>
 #include <string>
 #include <vector>
 
 #include "dbapi/values.h"
+
+// Rows changed, together; whatever a driver says they are, their sum is a number.
+inline SQLLEN Sum(SQLLEN one, SQLLEN other) {
+    SQLLEN sum = 0;
+    return __builtin_add_overflow(one, other, &sum) ? std::numeric_limits<SQLLEN>::max() : sum;
+}
 
 // Arrays of values, one for each parameter, in which every value has the same C type.
 class Batch {

@@ -106,7 +106,7 @@ class Run {
         SQLLEN changed = 0;
         link.Wait(statement.Handle(), [&] { changed = work(statement); });
         logged.Succeeded(changed);
-        m_changed += changed;
+        m_changed = Sum(m_changed, changed);
     }
 
     CursorObject* const m_self;

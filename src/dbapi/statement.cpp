@@ -154,7 +154,7 @@ SQLLEN Statement::ExecuteEach(Batch& batch) {
     SQLLEN changed = 0;
     for (size_t row = 0; row < batch.Count(); ++row) {
         batch.Bind(m_handle, row);
-        changed += Changed(SQLExecute(m_handle));
+        changed = Sum(changed, Changed(SQLExecute(m_handle)));
     }
     return changed;
 }
