@@ -13,6 +13,10 @@ namespace embedded {
 /// Without it, their failures are reported at the end of the first one's rows.
 inline constexpr SQLINTEGER kAllResultsAttribute = 0x7002;
 
+/// SQL_DESC_VORDA_ASSUMED, a numeric field of columns for SQLColAttribute: 1 if the column has no
+/// declared type, and what it is described as is that of the value in the first row.
+inline constexpr SQLUSMALLINT kAssumedField = 0x7001;
+
 /// SQL_C_VORDA_CELL, a C type for SQLBindCol and SQLGetData: a value as what it is, whatever its
 /// column is described as. The buffer, of `kSmallestCell` bytes at least, receives a `VordaCell`;
 /// texts, blobs and decimals go from offset 8 to the end of the buffer, without a terminator. The

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "core/error.h"
+#include "extensions.h"
 
 namespace embedded {
 namespace {
@@ -78,6 +79,8 @@ std::optional<SQLLEN> numberAttribute(const Column& column, SQLUSMALLINT field) 
     switch (field) {
         case SQL_DESC_CONCISE_TYPE:
             return type.sqlType;
+        case kAssumedField:
+            return type.assumed;
         case SQL_DESC_TYPE:
             return traits.verboseType;
         case SQL_DESC_DATETIME_INTERVAL_CODE:

@@ -5,8 +5,6 @@
 
 namespace {
 
-// The indicator and the cell's tag, in front of the value.
-constexpr size_t kHead = sizeof(SQLLEN) + kCellTag;
 constexpr size_t kFixedWidth = sizeof(SQL_TIMESTAMP_STRUCT);
 constexpr size_t kTextWidth = 48;
 constexpr size_t kWidest = 2048;
@@ -51,7 +49,7 @@ void Block::Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, si
     m_rowsBefore = 0;
     m_long.clear();
     m_failures.clear();
-    m_nextLong = m_nextFailure = 0;
+    m_nextFailure = 0;
     if (m_isBound && count == m_places.size()) return;
     m_places.assign(count, {});
     for (size_t i = 0; i < count; ++i) {
@@ -117,7 +115,7 @@ bool Block::Load(SQLHSTMT statement) {
     const bool wasFull = m_count > 0 && m_count == m_size;
     m_rowsBefore += m_count;
     m_count = m_next = 0;
-    m_nextLong = m_nextFailure = 0;
+    m_nextFailure = 0;
     m_long.clear();
     m_failures.clear();
     if (m_cellByCell) return LoadCellByCell(statement);
@@ -221,38 +219,42 @@ bool Block::LoadCellByCell(SQLHSTMT statement) {
     return true;
 }
 
-PyRef Block::MakeCell(size_t row, size_t column) {
-    const char* const place = At(row, column);
-    SQLLEN length = 0;
-    Cell cell{};
-    std::memcpy(&length, place, sizeof length);
-    std::memcpy(&cell.kind, place + sizeof length, sizeof cell.kind);
-    if (length == SQL_NULL_DATA) cell.kind = CellKind::Null;
-    if (m_nextLong < m_long.size() && m_long[m_nextLong].row == row &&
-        m_long[m_nextLong].column == column) {
-        cell.bytes = m_long[m_nextLong++].bytes;
-    } else {
-        const auto width = static_cast<SQLLEN>(m_places[column].width);
-        if (length > width) throw Failure("HY001", kNotRead);
-        if (length < 0 && length != SQL_NULL_DATA)
-            throw Failure("HY000", "the driver tells a length that is none");
-        cell.bytes = {place + kHead, static_cast<size_t>(std::max<SQLLEN>(length, 0))};
-    }
-    return MakeValue(cell,
-                     column < m_columns->size() ? (*m_columns)[column].meaning : Meaning::Plain);
+const std::string& Block::LongCell(size_t row, size_t column) const {
+    const auto found = std::lower_bound(
+        m_long.begin(), m_long.end(), std::pair(row, column),
+        [](const LongValue& value, auto at) { return std::pair(value.row, value.column) < at; });
+    if (found == m_long.end() || found->row != row || found->column != column)
+        throw Failure("HY001", kNotRead);
+    return found->bytes;
+}
+
+bool Block::HasFailed(size_t row) const {
+    return m_nextFailure < m_failures.size() && m_failures[m_nextFailure].first == row;
+}
+
+void Block::CheckRow(size_t row) {
+    if (HasFailed(row)) throw Failure(m_failures[m_nextFailure++].second);
+    if (!m_cellByCell && m_status[row] == SQL_ROW_ERROR) throw Failure("HY001", kNotRead);
+}
+
+size_t Block::Ready() {
+    size_t end = m_next;
+    while (end < m_count && !HasFailed(end) && (m_cellByCell || m_status[end] != SQL_ROW_ERROR))
+        ++end;
+    if (end == m_next && end < m_count) CheckRow(m_next++);
+    return end - m_next;
 }
 
 PyRef Block::Take() {
     const size_t row = m_next++;
-    while (m_nextLong < m_long.size() && m_long[m_nextLong].row < row) ++m_nextLong;
-    if (m_nextFailure < m_failures.size() && m_failures[m_nextFailure].first == row)
-        throw Failure(m_failures[m_nextFailure++].second);
-    if (!m_cellByCell && m_status[row] == SQL_ROW_ERROR) throw Failure("HY001", kNotRead);
+    CheckRow(row);
     PyRef made = Checked(PyTuple_New(static_cast<Py_ssize_t>(m_places.size())));
     for (size_t column = 0; column < m_places.size(); ++column) {
         try {
+            const Meaning meaning =
+                column < m_columns->size() ? (*m_columns)[column].meaning : Meaning::Plain;
             PyTuple_SET_ITEM(made.Get(), static_cast<Py_ssize_t>(column),
-                             MakeCell(row, column).Release());
+                             MakeValue(CellAt(row, column), meaning).Release());
         } catch (const Failure& failure) {
             throw CellFailure{column, m_rowsBefore + row, failure};
         }

@@ -1,6 +1,7 @@
 // Rows that are fetched and not yet handed out.
 #pragma once
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
@@ -17,6 +18,7 @@ struct ColumnInfo {
     SQLSMALLINT digits = 0;
     SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
     Meaning meaning = Meaning::Plain;
+    bool isOpen = false;  // its values may be of any type
 };
 
 // A value that cannot be told, of a column and a row, both counted from 0.
@@ -45,10 +47,20 @@ class Block {
     bool HasRow() const { return m_next < m_count; }
     // The next of the rows; throws for one that cannot be told, which then is passed over.
     PyRef Take();
+    // For who reads the rows at hand column by column: how many come before one that cannot be
+    // told, which is thrown and passed over when it is the next; the cells of these; passing them.
+    size_t Ready();
+    Cell CellOf(size_t row, size_t column) const { return CellAt(m_next + row, column); }
+    void Pass(size_t rows) { m_next += rows; }
+    // The number of the next row in the result.
+    unsigned long long Position() const { return m_rowsBefore + m_next; }
     // Forgets rows, and gives back memory that is worth it.
     void End(SQLHSTMT statement);
 
   private:
+    // The indicator and the cell's tag, in front of the value.
+    static constexpr size_t kHead = sizeof(SQLLEN) + kCellTag;
+
     // Where a column's part of a row lies: the indicator, and the cell behind it.
     struct Place {
         size_t offset = 0;
@@ -69,10 +81,13 @@ class Block {
     void ReadLong(SQLHSTMT statement);
     void NoteFailures(SQLHSTMT statement, SQLRETURN status);
     bool LoadCellByCell(SQLHSTMT statement);
+    bool HasFailed(size_t row) const;
+    void CheckRow(size_t row);
     const char* At(size_t row, size_t column) const {
         return m_memory.get() + row * m_rowSize + m_places[column].offset;
     }
-    PyRef MakeCell(size_t row, size_t column);
+    Cell CellAt(size_t row, size_t column) const;
+    const std::string& LongCell(size_t row, size_t column) const;
 
     const std::vector<ColumnInfo>* m_columns = nullptr;
     bool m_cellByCell = false;
@@ -88,8 +103,25 @@ class Block {
     size_t m_count = 0;
     size_t m_next = 0;
     unsigned long long m_rowsBefore = 0;
-    std::vector<LongValue> m_long;  // in the order in which they are taken
-    size_t m_nextLong = 0;
+    std::vector<LongValue> m_long;                       // by row and column
     std::vector<std::pair<size_t, Failure>> m_failures;  // of rows, in their order
     size_t m_nextFailure = 0;
 };
+
+inline Cell Block::CellAt(size_t row, size_t column) const {
+    const char* const place = At(row, column);
+    SQLLEN length = 0;
+    Cell cell{};
+    std::memcpy(&length, place, sizeof length);
+    std::memcpy(&cell.kind, place + sizeof length, sizeof cell.kind);
+    if (static_cast<size_t>(length) <= m_places[column].width) {
+        cell.bytes = {place + kHead, static_cast<size_t>(length)};
+    } else if (length == SQL_NULL_DATA) {
+        cell.kind = CellKind::Null;
+    } else if (length < 0) {
+        throw Failure("HY000", "the driver tells a length that is none");
+    } else {
+        cell.bytes = LongCell(row, column);
+    }
+    return cell;
+}

@@ -51,6 +51,10 @@ bool HasAnyLength(SQLSMALLINT sqlType) {
     return ReadingOf(sqlType).size == 0;
 }
 
+CellKind KindOf(SQLSMALLINT sqlType) {
+    return ReadingOf(sqlType).kind;
+}
+
 CellKind ReadStandard(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT sqlType,
                       std::string& bytes) {
     const Reading& reading = ReadingOf(sqlType);

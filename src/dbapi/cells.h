@@ -27,6 +27,9 @@ enum class CellKind : std::int32_t {
 // Whether values of a column of this type have any length.
 bool HasAnyLength(SQLSMALLINT sqlType);
 
+// What its cells are, if they do not tell.
+CellKind KindOf(SQLSMALLINT sqlType);
+
 // Reads a value in standard pieces by its column's type. Needs no interpreter lock.
 CellKind ReadStandard(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT sqlType,
                       std::string& bytes);

@@ -1,6 +1,7 @@
 // The Python type Cursor: executing, and handing out rows.
 #include <new>
 
+#include "dbapi/framestream.h"
 #include "dbapi/objects.h"
 // Behind Python.h, which it does not include.
 #include <structmember.h>
@@ -84,7 +85,7 @@ PyRef Close(PyObject* object, PyObject*) {
 
 Statement& StatementWithRows(CursorObject* self) {
     if (!self->statement || !self->statement->HasColumns())
-        throw Failure("HY010", "The last operation gave no rows, or there was none.");
+        throw Failure("HY010", "The last operation gave no rows, or they were handed over.");
     return *self->statement;
 }
 
@@ -165,9 +166,20 @@ PyRef FetchMany(PyObject* object, PyObject* args, PyObject* keywords) {
     return FetchUpTo(object, size);
 }
 
-PyObject* FetchManyAdapted(PyObject* self, PyObject* args, PyObject* keywords) noexcept {
-    return AtBoundary<PyObject*>(nullptr,
-                                 [&] { return FetchMany(self, args, keywords).Release(); });
+PyRef FetchFrame(PyObject* object, PyObject* args, PyObject* keywords) {
+    static const char* const kNames[] = {"batch_rows", nullptr};
+    Py_ssize_t rows = 65536;
+    if (!PyArg_ParseTupleAndKeywords(args, keywords, "|n", const_cast<char**>(kNames), &rows))
+        return PyRef();
+    if (rows < 1) throw Failure("HY090", "A batch has one row at least.");
+    const Call call(object);
+    Statement& statement = StatementWithRows(Self(object));
+    return FetchArrow(Self(object), statement, static_cast<size_t>(rows));
+}
+
+PyRef FetchWholeFrame(PyObject* object, PyObject*) {
+    const Call call(object);
+    return FetchArrowAll(Self(object), StatementWithRows(Self(object)));
 }
 
 PyRef NextSet(PyObject* object, PyObject*) {
@@ -192,6 +204,16 @@ PyObject* Adapted(PyObject* self, PyObject* argument) noexcept {
     return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, argument).Release(); });
 }
 
+template <PyRef (*Method)(PyObject*, PyObject*, PyObject*)>
+PyCFunction WithKeywords() {
+    constexpr PyObject* (*adapted)(PyObject*, PyObject*, PyObject*) =
+        [](PyObject* self, PyObject* args, PyObject* keywords) noexcept {
+            return AtBoundary<PyObject*>(nullptr,
+                                         [&] { return Method(self, args, keywords).Release(); });
+        };
+    return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(adapted));
+}
+
 template <PyRef (*Method)(PyObject*, PyObject* const*, Py_ssize_t)>
 PyCFunction AsFast() {
     constexpr PyObject* (*adapted)(PyObject*, PyObject* const*,
@@ -214,12 +236,17 @@ PyMethodDef Methods[] = {
      "cursor. An option narrows the answer."},
     {"fetchone", Adapted<FetchOne>, METH_NOARGS,
      "fetchone($self, /)\n--\n\nThe next row, or None after the last."},
-    {"fetchmany", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(FetchManyAdapted)),
-     METH_VARARGS | METH_KEYWORDS,
+    {"fetchmany", WithKeywords<FetchMany>(), METH_VARARGS | METH_KEYWORDS,
      "fetchmany($self, /, size=None)\n--\n\nThe next rows, as a list of at most `size`, or of "
      "`arraysize`."},
     {"fetchall", Adapted<FetchAll>, METH_NOARGS,
      "fetchall($self, /)\n--\n\nThe rows that are left, as a list."},
+    {"fetch_arrow", WithKeywords<FetchFrame>(), METH_VARARGS | METH_KEYWORDS,
+     "fetch_arrow($self, /, batch_rows=65536)\n--\n\nHand the rows that are left over to one who "
+     "takes Arrow's streams, which reads them batch by batch; the cursor is free."},
+    {"fetch_arrow_all", Adapted<FetchWholeFrame>, METH_NOARGS,
+     "fetch_arrow_all($self, /)\n--\n\nThe rows that are left, as a table for those who take "
+     "Arrow's streams."},
     {"nextset", Adapted<NextSet>, METH_NOARGS,
      "nextset($self, /)\n--\n\nGo on to the next result: True, or None if there is none."},
     {"setinputsizes", Adapted<SetSizes>, METH_O,

@@ -1,4 +1,5 @@
 // The module object vorda._statement: the types that vorda.dbapi makes its own of.
+#include "dbapi/framestream.h"
 #include "dbapi/objects.h"
 
 namespace {
@@ -22,9 +23,10 @@ int Execute(PyObject* module) {
         PyErr_SetString(PyExc_ImportError, "vorda.dbapi works in the main interpreter only");
         return -1;
     }
-    const bool built = InitValues() && InitWaiting() &&
-                       AddType(module, "Connection", ConnectionType) &&
-                       AddType(module, "Cursor", CursorType);
+    const bool built =
+        InitValues() && InitWaiting() && AddType(module, "Connection", ConnectionType) &&
+        AddType(module, "Cursor", CursorType) && AddType(module, "ArrowStream", ArrowStreamType) &&
+        AddType(module, "ArrowTable", ArrowTableType);
     return built ? 0 : -1;
 }
 

@@ -11,6 +11,8 @@ constexpr SQLSMALLINT kMostName = std::numeric_limits<SQLSMALLINT>::max();
 // Attributes of the embedded runtime's statements.
 constexpr SQLINTEGER kLastRowId = 0x7001;
 constexpr SQLINTEGER kAllResults = 0x7002;
+// And of its columns: whether the type is only that of the first row's value.
+constexpr SQLUSMALLINT kIsAssumed = 0x7001;
 // Longer texts are bound where they are, instead of being copied to a place that stays.
 constexpr size_t kMostCopied = 256;
 
@@ -21,6 +23,15 @@ Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, 
     const SQLRETURN status = SQLColAttributeW(statement, number, SQL_DESC_TYPE_NAME, name,
                                               sizeof name - 1, nullptr, nullptr);
     return OdbcSucceeded(status) && std::strcmp(name, "uuid") == 0 ? Meaning::Uuid : Meaning::Plain;
+}
+
+// SQLite stores values of any type where the declaration does not say that they are numbers.
+bool IsOpen(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType) {
+    const CellKind kind = KindOf(sqlType);
+    if (kind == CellKind::Text || kind == CellKind::Blob) return true;
+    SQLLEN isAssumed = 0;
+    SQLColAttributeW(statement, number, kIsAssumed, nullptr, 0, nullptr, &isAssumed);
+    return isAssumed != 0;
 }
 
 }  // namespace
@@ -183,6 +194,12 @@ bool Statement::NextResult() {
 
 PyRef Statement::NextRow() {
     if (m_block.HasRow()) return m_block.Take();
+    CheckEnd();
+    return PyRef();
+}
+
+// Behind the last row at hand: why it was the last, unless the rows are over.
+void Statement::CheckEnd() {
     if (m_lost.state) {
         m_hasRows = false;
         throw Failure(m_lost.state, m_lost.words);
@@ -193,7 +210,23 @@ PyRef Statement::NextRow() {
         m_hasRows = false;
         throw failure;
     }
-    return PyRef();
+}
+
+void Statement::Fill(FrameBuilder& frame) {
+    Describe();
+    if (!frame.HasBegun()) frame.Begin(m_columns);
+    while (!frame.IsFull()) {
+        if (WantsLoading()) Load();
+        if (!m_block.HasRow()) {
+            CheckEnd();
+            return;
+        }
+        try {
+            frame.Append(m_block);
+        } catch (const CellFailure& failure) {
+            throw failure.Named(NameOf(failure.column));
+        }
+    }
 }
 
 void Statement::Describe() {
@@ -208,6 +241,7 @@ void Statement::Describe() {
                                &column.sqlType, &column.size, &column.digits, &column.nullable));
         column.name = name.get();
         column.meaning = MeaningOf(m_handle, number, column.sqlType, m_database.isSqlite);
+        column.isOpen = m_database.isSqlite && IsOpen(m_handle, number, column.sqlType);
     }
     m_isDescribed = true;
 }

@@ -9,6 +9,7 @@
 #include "dbapi/batch.h"
 #include "dbapi/block.h"
 #include "dbapi/database.h"
+#include "dbapi/framebuilder.h"
 #include "dbapi/values.h"
 
 // Belongs to one cursor at a time, or to the link's store. What calls the runtime is for the holder
@@ -53,6 +54,10 @@ class Statement {
     // The next row as a tuple, or null after the last. A failure behind the rows so far is thrown
     // when they are read; one of a row, when that comes; one of a cell, as a CellFailure.
     PyRef NextRow();
+
+    // Takes rows into a batch until it is full or they are over, loading more; for the holder of
+    // the turn, without the interpreter lock.
+    void Fill(FrameBuilder& frame);
 
     bool IsDescribed() const { return m_isDescribed; }
     // What DB-API calls the description; the columns are described by the runtime at most once for
@@ -110,6 +115,7 @@ class Statement {
     void Bind(const std::vector<Value>& values);
     SQLLEN Changed(SQLRETURN status);
     void BindOne(size_t index, const Value& value);
+    void CheckEnd();
     void Executed(SQLRETURN status);
     void Called(SQLRETURN status) const { Check(status, SQL_HANDLE_STMT, m_handle); }
 
