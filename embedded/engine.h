@@ -174,8 +174,9 @@ class CursorOwner {
 };
 
 /// Opens the database that a connection string names, with the engine that its keys ask for. What
-/// deserves a warning goes to `diagnostics`.
+/// deserves a warning goes to `diagnostics`. A driver is told to give up after `loginTimeout`
+/// seconds; 0: never.
 std::unique_ptr<Database> openDatabase(std::string_view text, CursorOwner& cursors,
-                                       Diagnostics& diagnostics);
+                                       Diagnostics& diagnostics, SQLULEN loginTimeout);
 
 }  // namespace embedded

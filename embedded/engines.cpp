@@ -6,11 +6,12 @@
 namespace embedded {
 
 std::unique_ptr<Database> openDatabase(std::string_view text, CursorOwner& cursors,
-                                       Diagnostics& diagnostics) {
+                                       Diagnostics& diagnostics, SQLULEN loginTimeout) {
     refuseReturn();
     const ConnectString parsed(text);
     std::unique_ptr<Database> database;
-    if (asksForDriverManager(parsed)) database = openOdbc(parsed, cursors, diagnostics);
+    if (asksForDriverManager(parsed))
+        database = openOdbc(parsed, cursors, diagnostics, loginTimeout);
     return database ? std::move(database) : openSqlite(parsed, cursors, diagnostics);
 }
 

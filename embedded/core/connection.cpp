@@ -15,7 +15,7 @@ void Connection::open(std::string_view text) {
             other->forgetInherited();
         }
     }
-    std::unique_ptr<Database> database = openDatabase(text, *this, diagnostics);
+    std::unique_ptr<Database> database = openDatabase(text, *this, diagnostics, loginTimeout);
     if (!m_autocommit) database->setAutocommit(false);
     const std::lock_guard lock(m_interruptMutex);
     m_forks = forkCount();

@@ -49,6 +49,8 @@ class Connection final : public Handle, private CursorOwner {
     std::mutex& mutex() noexcept { return m_mutex; }
     SQLHANDLE environment() const noexcept { return m_environment; }
 
+    SQLULEN loginTimeout = 0;  ///< seconds after which the driver may give up connecting; 0: none
+
     bool isOpen() const noexcept { return m_database != nullptr; }
     void open(std::string_view text);
 

@@ -44,7 +44,6 @@ struct FixedAttribute {
 constexpr FixedAttribute kFixedOfConnection[] = {
     {SQL_ATTR_ASYNC_ENABLE, SQL_ASYNC_ENABLE_OFF},
     {SQL_ATTR_CONNECTION_TIMEOUT, 0},
-    {SQL_ATTR_LOGIN_TIMEOUT, 0},
     {SQL_ATTR_METADATA_ID, SQL_FALSE},
     {SQL_ATTR_TXN_ISOLATION, SQL_TXN_SERIALIZABLE},
 };
@@ -109,6 +108,9 @@ void setConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER valu
         case SQL_ATTR_ACCESS_MODE:  // a hint; `Mode` of the connection string decides
             if (number > SQL_MODE_READ_ONLY) throw badValue(attribute);
             return;
+        case SQL_ATTR_LOGIN_TIMEOUT:
+            connection.loginTimeout = number;
+            return;
         case kProgressAttribute:
             if (connection.database().setProgress(static_cast<const VordaProgress*>(value))) return;
             throw unknownAttribute(attribute);
@@ -124,6 +126,8 @@ SQLUINTEGER connectionAttribute(Connection& connection, SQLINTEGER attribute) {
         case SQL_ATTR_ACCESS_MODE:
             return connection.isOpen() && connection.database().isReadOnly() ? SQL_MODE_READ_ONLY
                                                                              : SQL_MODE_READ_WRITE;
+        case SQL_ATTR_LOGIN_TIMEOUT:
+            return static_cast<SQLUINTEGER>(connection.loginTimeout);
         case SQL_ATTR_CONNECTION_DEAD:
             return connection.isOpen() && !connection.database().isDead() ? SQL_CD_FALSE
                                                                           : SQL_CD_TRUE;

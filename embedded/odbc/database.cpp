@@ -27,8 +27,9 @@ thread_local Connecting connecting;
 
 class OdbcDatabase final : public Database {
   public:
-    OdbcDatabase(const ConnectString& text, CursorOwner& cursors, Diagnostics& diagnostics)
-        : m_session(text, diagnostics), m_transactions(m_session, cursors) {}
+    OdbcDatabase(const ConnectString& text, CursorOwner& cursors, Diagnostics& diagnostics,
+                 SQLULEN loginTimeout)
+        : m_session(text, diagnostics, loginTimeout), m_transactions(m_session, cursors) {}
 
     std::unique_ptr<Program> prepare(std::string_view sql, SQLULEN) override {
         return prepareOdbc(m_transactions, m_idle, sql);
@@ -69,11 +70,11 @@ void refuseReturn() {
 }
 
 std::unique_ptr<Database> openOdbc(const ConnectString& text, CursorOwner& cursors,
-                                   Diagnostics& diagnostics) {
+                                   Diagnostics& diagnostics, SQLULEN loginTimeout) {
     connecting = {.active = true};
     const auto done = [] { return std::exchange(connecting, {}).returned; };
     try {
-        auto database = std::make_unique<OdbcDatabase>(text, cursors, diagnostics);
+        auto database = std::make_unique<OdbcDatabase>(text, cursors, diagnostics, loginTimeout);
         done();
         return database;
     } catch (...) {

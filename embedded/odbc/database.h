@@ -13,7 +13,7 @@ bool asksForDriverManager(const ConnectString& text) noexcept;
 /// driver manager back to this very library, as one does that found this runtime's caller as a
 /// driver.
 std::unique_ptr<Database> openOdbc(const ConnectString& text, CursorOwner& cursors,
-                                   Diagnostics& diagnostics);
+                                   Diagnostics& diagnostics, SQLULEN loginTimeout);
 
 /// Throws when this thread is waiting for the driver manager to connect it: the manager has come
 /// back to this library. To be called before a connection string is read.

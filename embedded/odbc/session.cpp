@@ -41,10 +41,15 @@ bool needsNarrowCall(const ConnectString& text) noexcept {
 
 }  // namespace
 
-OdbcSession::OdbcSession(const ConnectString& text, Diagnostics& diagnostics)
+OdbcSession::OdbcSession(const ConnectString& text, Diagnostics& diagnostics, SQLULEN loginTimeout)
     : m_manager(DriverManager::instance()),
       m_environment(SQL_HANDLE_ENV, nullptr),
       m_connection(SQL_HANDLE_DBC, &m_environment) {
+    // A driver that has none takes as long as it takes.
+    if (loginTimeout != 0) {
+        m_manager.SQLSetConnectAttrW(m_connection.get(), SQL_ATTR_LOGIN_TIMEOUT,
+                                     reinterpret_cast<SQLPOINTER>(loginTimeout), SQL_IS_UINTEGER);
+    }
     const DriverQuirks& named = quirksOfNamed(valueOf(text, "Driver"));
     const std::string first = completed(text, named);
     const bool narrow = needsNarrowCall(text);

@@ -14,8 +14,9 @@ namespace embedded {
 /// is running.
 class OdbcSession {
   public:
-    /// Connects; throws the driver's words. A warning goes to `diagnostics`.
-    OdbcSession(const ConnectString& text, Diagnostics& diagnostics);
+    /// Connects; throws the driver's words. A warning goes to `diagnostics`. `loginTimeout` is the
+    /// driver's, in seconds; 0: none.
+    OdbcSession(const ConnectString& text, Diagnostics& diagnostics, SQLULEN loginTimeout);
     OdbcSession(const OdbcSession&) = delete;
     OdbcSession& operator=(const OdbcSession&) = delete;
 

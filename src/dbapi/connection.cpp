@@ -41,9 +41,13 @@ int Init(PyObject* self, PyObject* args, PyObject*) {
             throw Failure("42000", "The connection string has a lone surrogate.");
         }
         if (Self(self)->link) throw Failure("08002", "The connection is open already.");
-        std::string warning;
-        Self(self)->link = std::make_shared<Link>(std::string(text, static_cast<size_t>(length)),
-                                                  autocommit != 0, WholeSeconds(timeout), warning);
+        const long seconds = WholeSeconds(timeout);
+        const std::shared_ptr<Connecting> made =
+            Connect(std::string(text, static_cast<size_t>(length)), autocommit != 0, seconds);
+        // A signal's handler may have been faster.
+        if (Self(self)->link) throw Failure("08002", "The connection is open already.");
+        const std::string warning = made->warning;
+        Self(self)->link = std::make_shared<Link>(*made, autocommit != 0, seconds);
         if (warning.empty()) return 0;
         return PyErr_WarnEx(PyExc_UserWarning, warning.c_str(), 2);
     });
@@ -122,6 +126,7 @@ int SetAutocommit(PyObject* self, PyObject* value, void*) {
         const int on = value ? PyObject_IsTrue(value) : 0;
         if (on < 0) return -1;
         Link& link = LinkOf(self);
+        link.RefuseInBatch();
         const Link::Turn turn(link);
         link.FinishUndo();
         if ((on != 0) == link.Autocommit()) return 0;
@@ -205,7 +210,9 @@ PyTypeObject ConnectionType = {
     .tp_basicsize = sizeof(ConnectionObject),
     .tp_dealloc = Dealloc,
     .tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
-    .tp_doc = "A connection to a database.",
+    .tp_doc =
+        "Connection(connection_string, autocommit, timeout, /)\n--\n\nA connection to a "
+        "database.",
     .tp_traverse = Traverse,
     .tp_clear = Clear,
     .tp_weaklistoffset = offsetof(ConnectionObject, weakReferences),

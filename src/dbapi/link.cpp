@@ -1,7 +1,6 @@
 #include "dbapi/link.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace {
 
@@ -12,62 +11,21 @@ constexpr SQLINTEGER kProgress = 0x7003;
 constexpr const char* kClosed = "08003";
 constexpr const char* kClosedWords = "The connection is closed.";
 
+// The batches that this thread is in the middle of.
+thread_local const Link::Batch* t_batches = nullptr;
+
 SQLPOINTER AsPointer(std::uintptr_t number) {
     return reinterpret_cast<SQLPOINTER>(number);
 }
 
 }  // namespace
 
-Link::Link(const std::string& text, bool autocommit, long timeout, std::string& warning) {
+Link::Link(Connecting& made, bool autocommit, long timeout)
+    : m_environment(made.environment), m_database(made.database), m_autocommit(autocommit) {
     m_database.timeout = timeout;
-    if (!OdbcSucceeded(SQLAllocHandle(SQL_HANDLE_ENV, nullptr, &m_environment))) {
-        throw Failure("IM003",
-                      "No runtime can be loaded; python -m vorda doctor shows where it was looked "
-                      "for.");
-    }
-    try {
-        Connect(text, autocommit, warning);
-    } catch (...) {
-        FreeHandles();
-        throw;
-    }
-}
-
-void Link::Connect(const std::string& text, bool autocommit, std::string& warning) {
-    Check(SQLSetEnvAttr(m_environment, SQL_ATTR_ODBC_VERSION, AsPointer(SQL_OV_ODBC3), 0),
-          SQL_HANDLE_ENV, m_environment);
-    const SQLHDBC connection = NewHandle(SQL_HANDLE_DBC, SQL_HANDLE_ENV, m_environment);
-    m_database.connection = connection;
-    if (text.size() > std::numeric_limits<SQLSMALLINT>::max())
-        throw Failure("HY090", "The connection string is too long.");
-    Wait(nullptr, [&] {
-        const SQLRETURN status = SQLDriverConnectW(connection, nullptr, AsWideText(text.c_str()),
-                                                   static_cast<SQLSMALLINT>(text.size()), nullptr,
-                                                   0, nullptr, SQL_DRIVER_NOPROMPT);
-        // Whatever it says: it may be.
-        m_isConnected = true;
-        Check(status, SQL_HANDLE_DBC, connection);
-        // What a server remarks on each connection is nobody's business; a key that is not known
-        // is.
-        if (status == SQL_SUCCESS_WITH_INFO) {
-            const Diagnostic remark = ReadDiagnostics(SQL_HANDLE_DBC, connection).front();
-            if (remark.state == "01S00") warning = remark.words;
-        }
-        char name[64] = {};
-        SQLGetInfoW(connection, SQL_DBMS_NAME, name, sizeof name - 1, nullptr);
-        // A product with another name than ASCII is none that is known here.
-        const bool isPlain =
-            std::all_of(std::begin(name), std::end(name), [](unsigned char c) { return c < 0x80; });
-        if (isPlain) m_database.product = name;
-        m_database.isSqlite = m_database.product == "SQLite";
-        constexpr SQLUINTEGER kBlocks = SQL_GD_BLOCK | SQL_GD_BOUND;
-        SQLUINTEGER extensions = 0;
-        SQLGetInfoW(connection, SQL_GETDATA_EXTENSIONS, &extensions, sizeof extensions, nullptr);
-        m_database.hasCells = (extensions & kBlocks) == kBlocks;
-    });
+    made.Release();
     m_isWatched = OdbcSucceeded(SQLSetConnectAttrW(
-        connection, kProgress, const_cast<Progress*>(&m_progress), SQL_IS_POINTER));
-    if (!autocommit) SetAutocommit(false);
+        m_database.connection, kProgress, const_cast<Progress*>(&m_progress), SQL_IS_POINTER));
 }
 
 int Link::LookIn(void* link) {
@@ -75,12 +33,9 @@ int Link::LookIn(void* link) {
     return watched && watched->Look() ? 1 : 0;
 }
 
-// What is freed here has no transaction and no statements any more.
+// It is disconnected.
 void Link::FreeHandles() {
-    if (m_database.connection) {
-        if (m_isConnected) SQLDisconnect(m_database.connection);
-        SQLFreeHandle(SQL_HANDLE_DBC, m_database.connection);
-    }
+    if (m_database.connection) SQLFreeHandle(SQL_HANDLE_DBC, m_database.connection);
     m_database.connection = nullptr;
     if (m_environment) SQLFreeHandle(SQL_HANDLE_ENV, m_environment);
     m_environment = nullptr;
@@ -109,10 +64,7 @@ Link::Turn::Turn(Link& link) : m_link(link), m_isWithin(link.KeepsOut()) {
             "The connection is busy: this was called by a signal's handler or a finalizer "
             "in the middle of another call.");
     }
-    if (!m_isWithin && !link.m_mutex.try_lock()) {
-        const Unlocked unlocked;
-        link.m_mutex.lock();
-    }
+    if (!m_isWithin) link.Enter();
     if (!link.IsOpen()) {
         if (!m_isWithin) link.m_mutex.unlock();
         throw Failure(kClosed, kClosedWords);
@@ -126,11 +78,15 @@ Link::Turn::~Turn() {
     if (!m_isWithin) m_link.m_mutex.unlock();
 }
 
+void Link::Enter() {
+    if (m_mutex.try_lock()) return;
+    if (ProgramEnds()) throw Failure("HY010", "Another thread was in the connection at the end.");
+    const Unlocked unlocked;
+    m_mutex.lock();
+}
+
 void Link::KeepOthersOut() {
-    if (!m_mutex.try_lock()) {
-        const Unlocked unlocked;
-        m_mutex.lock();
-    }
+    Enter();
     m_keeper = PyThread_get_thread_ident();
 }
 
@@ -161,7 +117,23 @@ void Link::EndTransaction(bool keep) {
     m_touched = false;
 }
 
+Link::Batch::Batch(const Link& link) : m_link(link), m_outer(t_batches) {
+    t_batches = this;
+}
+
+Link::Batch::~Batch() {
+    t_batches = m_outer;
+}
+
+void Link::RefuseInBatch() const {
+    for (const Batch* batch = t_batches; batch; batch = batch->m_outer) {
+        if (&batch->m_link == this)
+            throw Failure("HY010", "executemany() is not over: all of it is kept, or nothing.");
+    }
+}
+
 void Link::Commit(bool keep) {
+    RefuseInBatch();
     const Turn turn(*this);
     if (keep || m_toUndo == Undone::Transaction) FinishUndo();
     EndTransaction(keep);
@@ -217,8 +189,10 @@ void Link::FinishUndo() {
 
 void Link::SetAutocommit(bool on) {
     const SQLULEN value = on ? SQL_AUTOCOMMIT_ON : SQL_AUTOCOMMIT_OFF;
-    Check(SQLSetConnectAttrW(m_database.connection, SQL_ATTR_AUTOCOMMIT, AsPointer(value), 0),
-          SQL_HANDLE_DBC, m_database.connection);
+    Wait(nullptr, [&] {
+        Check(SQLSetConnectAttrW(m_database.connection, SQL_ATTR_AUTOCOMMIT, AsPointer(value), 0),
+              SQL_HANDLE_DBC, m_database.connection);
+    });
     m_autocommit = on;
     m_touched = false;
 }
@@ -249,7 +223,6 @@ void Link::Close() {
     const std::unique_ptr<Link, void (*)(Link*)> end(this, [](Link* link) { link->FreeHandles(); });
     Wait(nullptr, [&] {
         SQLEndTran(SQL_HANDLE_DBC, m_database.connection, SQL_ROLLBACK);
-        m_isConnected = false;
         SQLDisconnect(m_database.connection);
     });
 }

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "dbapi/connecting.h"
 #include "dbapi/failure.h"
 #include "dbapi/statementcache.h"
 #include "dbapi/waiting.h"
@@ -22,9 +23,8 @@ struct Progress {
 
 class Link {
   public:
-    // Connects; `warning` gets what the driver remarks. Handles of environments are counted without
-    // a lock: they are allocated and freed under the interpreter's.
-    Link(const std::string& text, bool autocommit, long timeout, std::string& warning);
+    // Takes over a connection that was made with this autocommit.
+    Link(Connecting& made, bool autocommit, long timeout);
     // Rolls back and disconnects, unless that was done or a parent process owns the connection.
     ~Link();
     Link(const Link&) = delete;
@@ -44,6 +44,22 @@ class Link {
         Link& m_link;
         const bool m_isWithin;  // what keeps others out
     };
+
+    // A batch of this thread, whose transaction that thread cannot end before the batch does.
+    class Batch {
+      public:
+        explicit Batch(const Link& link);
+        ~Batch();
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+
+      private:
+        friend class Link;
+        const Link& m_link;
+        const Batch* const m_outer;
+    };
+    // Throws within a batch of this thread.
+    void RefuseInBatch() const;
 
     // Keeps other threads out from one turn to the next, for what is done in several.
     void KeepOthersOut();
@@ -159,18 +175,17 @@ class Link {
     static int LookIn(void* link);
     static bool IsThisThread(unsigned long thread) { return thread == PyThread_get_thread_ident(); }
 
+    void Enter();
     void NoteRunning(SQLHSTMT statement);
-    void Connect(const std::string& text, bool autocommit, std::string& warning);
     void FreeHandles();
     void Run(const char* sql, bool canBeCancelled = true);
     void TakeIn(std::unique_ptr<Statement> statement) noexcept;
     void TakeInWaiting() noexcept;
 
-    SQLHENV m_environment = nullptr;
+    SQLHENV m_environment;
     Database m_database;
-    bool m_autocommit = true;
+    bool m_autocommit;
     bool m_touched = false;
-    bool m_isConnected = false;
     bool m_isWatched = false;
     Watched* m_watched = nullptr;  // in the middle of a call
     const Progress m_progress{LookIn, this};

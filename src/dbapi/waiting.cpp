@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -28,8 +29,8 @@ void BlockSignals() {
     pthread_sigmask(SIG_BLOCK, &all, nullptr);
 }
 
-// A thread that does one piece of work at a time for somebody who waits for it. It never ends, and
-// is never destroyed: the process may exit while it works.
+// A thread that does one piece of work at a time for somebody who waits for it. It never ends
+// before it is left alone: the process may exit while it works.
 class Worker {
   public:
     Worker() : m_forks(ForkCount()) {
@@ -39,40 +40,52 @@ class Worker {
     // Threads do not live on in a child process.
     bool IsAlive() const { return m_forks == ForkCount(); }
 
-    void Begin(const std::function<void()>& work) {
+    void Begin(std::function<void()> work) {
         const std::lock_guard lock(m_mutex);
-        m_work = &work;
+        m_work = std::move(work);
+        m_isBusy = true;
         m_changed.notify_all();
     }
 
     // Whether the work was done within the time.
     bool Finished(std::chrono::milliseconds time) {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, time, [this] { return m_work == nullptr; });
+        return m_changed.wait_for(lock, time, [this] { return !m_isBusy; });
+    }
+
+    // Has it end with its work, if that is not done: nobody waits for it any more.
+    bool Leave() {
+        const std::lock_guard lock(m_mutex);
+        m_isLeft = m_isBusy;
+        return m_isLeft;
     }
 
   private:
-    [[noreturn]] void Serve() {
+    void Serve() {
         BlockSignals();  // which are the other threads' business
         std::unique_lock lock(m_mutex);
-        for (;;) {
-            m_changed.wait(lock, [this] { return m_work != nullptr; });
-            const std::function<void()>& work = *m_work;
+        while (!m_isLeft) {
+            m_changed.wait(lock, [this] { return m_isBusy; });
             lock.unlock();
-            work();
-            lock.lock();
+            m_work();
             m_work = nullptr;
+            lock.lock();
+            m_isBusy = false;
             m_changed.notify_all();
         }
+        lock.unlock();
+        delete this;
     }
 
     const unsigned m_forks;
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    const std::function<void()>* m_work = nullptr;
+    std::function<void()> m_work;
+    bool m_isBusy = false;
+    bool m_isLeft = false;
 };
 
-// Those without work; used by the main thread only. A handler that runs during a wait may wait,
+// Those without work; used under the interpreter lock. A handler that runs during a wait may wait,
 // too.
 std::vector<Worker*>& IdleWorkers() {
     static auto* const workers = new std::vector<Worker*>();
@@ -193,14 +206,45 @@ class RaisedAside {
         m_value = PyRef(value);
         m_trace = PyRef(trace);
     }
-    explicit operator bool() const { return static_cast<bool>(m_type); }
-    void Restore() { PyErr_Restore(m_type.Release(), m_value.Release(), m_trace.Release()); }
+    // Raises it again, if there is one.
+    void Throw() {
+        if (!m_type) return;
+        PyErr_Restore(m_type.Release(), m_value.Release(), m_trace.Release());
+        throw PythonError();
+    }
 
   private:
     PyRef m_type, m_value, m_trace;
 };
 
+// Handles signals in a wait without the interpreter lock, whose state it is; an exception goes to
+// `raised`.
+bool HandlersRaise(PyThreadState* state, RaisedAside& raised) {
+    Relock(state);
+    const bool raises = PyErr_CheckSignals() < 0;
+    if (raises) raised.Take();
+    PyEval_SaveThread();
+    return raises;
+}
+
 }  // namespace
+
+void Relock(PyThreadState* state) noexcept {
+    try {
+        PyEval_RestoreThread(state);
+    } catch (...) {
+        // CPython ends the thread, which would run through frames that may not be left so.
+        for (;;) pause();
+    }
+}
+
+bool ProgramEnds() {
+#if PY_VERSION_HEX >= 0x030D0000
+    return Py_IsFinalizing() != 0;
+#else
+    return _Py_IsFinalizing() != 0;
+#endif
+}
 
 unsigned ForkCount() {
     [[maybe_unused]] static const int registered =
@@ -237,7 +281,7 @@ bool Watched::Look() {
     const bool isTime = !isFirst && now >= m_nextLook;
     if (isFirst || isTime) m_nextLook = now + kTick;
     if (!isTime) return false;
-    PyEval_RestoreThread(m_state);
+    Relock(m_state);
     if (PyErr_CheckSignals() < 0) PyErr_Fetch(&m_type, &m_value, &m_trace);
     PyEval_SaveThread();
     return HasRaised();
@@ -254,15 +298,28 @@ void WaitCancellably(const std::function<void()>& work, const std::function<void
     PyThreadState* const state = PyEval_SaveThread();
     worker->Begin(work);
     while (!worker->Finished(kTick)) {
-        PyEval_RestoreThread(state);
-        const bool raises = PyErr_CheckSignals() < 0;
-        if (raises) raised.Take();
-        PyEval_SaveThread();
-        if (raises) cancel();
+        if (HandlersRaise(state, raised)) cancel();
     }
-    PyEval_RestoreThread(state);
+    Relock(state);
     IdleWorkers().push_back(worker);
-    if (!raised) return;
-    raised.Restore();
-    throw PythonError();
+    raised.Throw();
+}
+
+bool WaitOrLeave(std::function<void()> work, std::chrono::seconds limit) {
+    Worker* const worker = TakeWorker();
+    RaisedAside raised;
+    const auto begin = std::chrono::steady_clock::now();
+    const auto isOver = [&] {
+        return limit.count() > 0 && std::chrono::steady_clock::now() - begin >= limit;
+    };
+    PyThreadState* const state = PyEval_SaveThread();
+    worker->Begin(std::move(work));
+    bool isLeft = false;
+    while (!isLeft && !worker->Finished(kTick)) {
+        if (HandlersRaise(state, raised) || isOver()) isLeft = worker->Leave();
+    }
+    Relock(state);
+    if (!isLeft) IdleWorkers().push_back(worker);
+    raised.Throw();
+    return !isLeft;
 }

@@ -7,11 +7,18 @@
 
 #include "include/pyref.h"
 
+// Takes the interpreter lock back. At the end of the program, which goes on without this thread, it
+// waits for ever.
+void Relock(PyThreadState* state) noexcept;
+
+// Whether the program ends: other threads never let go of what they hold.
+bool ProgramEnds();
+
 // Lets other Python threads run as long as it lives.
 class Unlocked {
   public:
     Unlocked() : m_state(PyEval_SaveThread()) {}
-    ~Unlocked() { PyEval_RestoreThread(m_state); }
+    ~Unlocked() { Relock(m_state); }
     Unlocked(const Unlocked&) = delete;
     Unlocked& operator=(const Unlocked&) = delete;
 
@@ -31,7 +38,7 @@ class Watched {
   public:
     Watched() : m_isMain(InMainThread()), m_state(PyEval_SaveThread()) {}
     ~Watched() {
-        PyEval_RestoreThread(m_state);
+        Relock(m_state);
         Restore();
     }
     Watched(const Watched&) = delete;
@@ -65,3 +72,9 @@ unsigned ForkCount();
 // longer than a server's answer. Where only Ctrl-C has one, this thread does the work, and another
 // cancels it.
 void WaitCancellably(const std::function<void()>& work, const std::function<void()>& cancel);
+
+// Runs `work` in another thread for at most so long (0: for ever), for any thread, and sees to
+// signals in the main one. When the time is over or a handler raises, `work` goes on alone. Answers
+// whether it is done; throws a PythonError. What `work` holds is let go of in its thread, without
+// the interpreter lock. `work` must not throw.
+bool WaitOrLeave(std::function<void()> work, std::chrono::seconds limit);

@@ -195,7 +195,11 @@ TEST_F(DriverResults, OfChangesHaveColumnsOrNone) {
 }
 
 TEST_F(DriverResults, AreWaitedForAsLongAsTheDriverIsTold) {
-    Connection connection(kDriverText);
+    Connection connection;
+    RT_SQLSetConnectAttr(kDriver, connection.handle, SQL_ATTR_LOGIN_TIMEOUT,
+                         reinterpret_cast<SQLPOINTER>(4), 0);
+    EXPECT_EQ(SQL_SUCCESS, connection.open(kDriverText));
+    EXPECT_EQ(Rows{"SQLSetConnectAttrW 103=4"}, calls({"SQLSetConnectAttrW 103"}));
     Statement statement(connection.handle);
     statement.set(SQL_ATTR_QUERY_TIMEOUT, 3);
     EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT c FROM t"));

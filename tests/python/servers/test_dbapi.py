@@ -2,6 +2,8 @@
 
 import os
 import signal
+import subprocess
+import sys
 import threading
 import time
 
@@ -75,3 +77,50 @@ def test_signals_are_handled_while_a_server_works(engine, others):
     assert time.monotonic() - begin < 0.9 and all(when - begin < 0.4 for when in times)
     assert len(times) == others and connection.execute("SELECT 1").fetchone() == (1,)
     connection.close()
+
+
+HANGING = """
+import os, signal, socket, sys, threading, time
+from vorda import dbapi
+
+class Late(Exception):
+    pass
+
+def alarm(*_):
+    times.append(time.monotonic() - begin)
+    if len(times) == 2:
+        raise Late
+
+silent = socket.create_server(("127.0.0.1", 0))
+string = "%s;Port=%d" % (sys.argv[1], silent.getsockname()[1])
+signal.signal(signal.SIGALRM, alarm)
+signal.setitimer(signal.ITIMER_REAL, 0.3, 0.3)
+times, begin = [], time.monotonic()
+try:
+    dbapi.connect(string)
+except Late:
+    signal.setitimer(signal.ITIMER_REAL, 0)
+    assert times[0] < 0.5 and time.monotonic() - begin < 0.8, (times, time.monotonic() - begin)
+
+def limited():
+    try:
+        dbapi.connect(string, timeout=1)
+    except dbapi.OperationalError as error:
+        assert error.sqlstate == "HYT00" and time.monotonic() - begin < 2.5
+        print("over", end="")
+
+for thread in [threading.Thread(target=limited) for _ in range(2)]:
+    thread.start()
+limited()
+assert dbapi.connect(":memory:").execute("SELECT 1").fetchone() == (1,)
+threading.Thread(target=dbapi.connect, args=(string,), daemon=True).start()
+"""
+
+
+def test_a_server_that_never_answers_keeps_nobody(engine):
+    if engine.name not in engines.SERVERS:
+        pytest.skip("no server")
+    string = engine.string.replace("Port=", "_=")
+    done = subprocess.run([sys.executable, "-c", HANGING, string], stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, timeout=20)
+    assert (done.returncode, done.stdout) == (0, "overoverover")
