@@ -214,13 +214,23 @@ def register_adapter(type: type, function: _Adapter, /) -> None:
 
 def _adapt(value: Any, position: int) -> Any:
     """Makes a value one that the core sends; called by the core for all but the plainest."""
-    for base in type(value).__mro__:
-        if base in _adapters:
-            try:
-                made = _adapters[base](value)
-            except DataError as error:
-                raise DataError("Parameter %d: %s" % (position, error)) from None
-            return made if base in _PLAIN else _again(made, position)
+    for _ in range(_MOST_ADAPTERS):
+        base = next((base for base in type(value).__mro__ if base in _adapters), None)
+        if base is None:
+            return _number_of_numpy(value, position)
+        try:
+            value = _adapters[base](value)
+        except DataError as error:
+            raise DataError("Parameter %d: %s" % (position, error)) from None
+        if base in _PLAIN or type(value) in _SENT:
+            return value
+    raise ProgrammingError(
+        "Parameter %d: the adapter for type %s always gives one that has to be adapted"
+        % (position, type(value).__qualname__)
+    )
+
+
+def _number_of_numpy(value: Any, position: int) -> Any:
     if (
         type(value).__module__ == "numpy"
         and hasattr(value, "item")
@@ -249,10 +259,7 @@ _PLAIN = {
     UUID,
 }
 _SENT = (type(None), bool, int, float, str, bytes)
-
-
-def _again(made: Any, position: int) -> Any:
-    return made if type(made) in _SENT else _adapt(made, position)
+_MOST_ADAPTERS = 100  # one behind the other
 
 
 # --- named markers ------------------------------------------------------------------------------
@@ -308,6 +315,8 @@ def _positional(sql: str, given: Any, dbms: str) -> Tuple[str, Sequence[Any]]:
         try:
             return text, tuple(map(given.__getitem__, names))
         except KeyError as error:
+            if not error.args or error.args[0] not in names:
+                raise  # by what the mapping does itself
             raise ProgrammingError(
                 "The statement has a marker for which there is no value: %s" % error
             ) from None
@@ -451,6 +460,8 @@ class Cursor(CatalogCursor):
 
     def executescript(self, script: str, /) -> "Cursor":
         """Run the statements of a script one by one, as SQLite would read them."""
+        if not isinstance(script, str):
+            raise TypeError("executescript() takes a script as str")
         splitter = Splitter()
         for line in io.StringIO(script):
             for statement in splitter.feed(line):
@@ -528,7 +539,8 @@ def connect(
 
     The connection string is the provider's, or the path of a SQLite file, or ":memory:". Keys
     are added to it, but those of None: connect(Database="shop.db"). Without autocommit, changes are
-    made to last by commit(). A statement that takes longer than `timeout` seconds is ended.
+    made to last by commit(). What takes longer than `timeout` seconds, connecting or a statement,
+    is ended.
     """
     parts = []
     if connection_string:

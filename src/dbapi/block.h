@@ -54,7 +54,9 @@ class Block {
     void Pass(size_t rows) { m_next += rows; }
     // The number of the next row in the result.
     unsigned long long Position() const { return m_rowsBefore + m_next; }
-    // Forgets rows, and gives back memory that is worth it.
+    // Forgets rows, even in the middle of taking one.
+    void Drop() { m_next = m_count; }
+    // The same, and gives back memory that is worth it.
     void End(SQLHSTMT statement);
 
   private:

@@ -58,7 +58,7 @@ class Atomic {
 // One execution of executemany().
 class Run {
   public:
-    explicit Run(CursorObject* self) : m_self(self), m_atomic(*self->link) {}
+    explicit Run(CursorObject* self) : m_self(self), m_within(*self->link), m_atomic(*self->link) {}
 
     void Add(PyObject* parameters, const PyRef& given) {
         PyRef sql = PyRef::Borrow(given.Get());
@@ -110,6 +110,7 @@ class Run {
     }
 
     CursorObject* const m_self;
+    const Link::Batch m_within;
     Atomic m_atomic;
     Batch m_batch;
     PyRef m_sql;

@@ -290,7 +290,8 @@ void Statement::Close() {
 void Statement::Lose(Reason reason) noexcept {
     if (!m_isOpen) return;
     m_isOpen = false;
-    if (m_hasRows) m_lost = reason;
+    if (m_hasRows || m_block.HasRow()) m_lost = reason;
+    m_block.Drop();
     try {
         Describe();
     } catch (...) {

@@ -81,6 +81,9 @@ def test_an_adapter_serves_a_type_and_those_derived_from_it(connection, monkeypa
 
     dbapi.register_adapter(Money, lambda money: money.amount)
     assert connection.execute("SELECT ?", [type("Euro", (Money,), {})()]).fetchone() == (1.5,)
+    dbapi.register_adapter(Money, lambda money: money)
+    with pytest.raises(dbapi.ProgrammingError, match="Parameter 1: .*Money always"):
+        connection.execute("SELECT ?", [Money()])
 
 
 @pytest.mark.parametrize("parameters, row", [
@@ -105,13 +108,15 @@ def test_named_markers_are_read_by_the_rules_of_the_database(dbms, sql, names):
 
 @pytest.mark.parametrize("parameters, words", [
     ((), "1 parameter marker.*0 value"), ((1, 2), "1 parameter marker.*2 value"),
-    ("x", "are a str"), ({1}, "are a set"),
+    ("x", "are a str"), ({1}, "are a set"), ({"a": 1}, "1 parameter marker.*0 value"),
 ])
 def test_parameters_that_do_not_fit_are_refused(connection, parameters, words):
     cursor = connection.execute("SELECT 1")
     with pytest.raises(dbapi.ProgrammingError, match=words):
         cursor.execute("SELECT ?", parameters)
     assert cursor.description is None
+    with pytest.raises(KeyError, match="inner"):
+        cursor.execute("SELECT :a", collections.defaultdict(lambda: {}["inner"]))
 
 
 def test_decimals_are_never_rounded(connection):

@@ -130,6 +130,12 @@ def test_executemany_is_all_or_nothing(table, autocommit, begin):
         yield from ((i, "y") for i in range(4000, 8000))
         yield error
 
+    def ends():
+        yield (4000, "y")
+        table.commit()
+
+    with pytest.raises(dbapi.ProgrammingError, match="not over"):
+        table.executemany("INSERT INTO t VALUES (?, ?)", ends())
     for bad, error in (((4000, "twice"), dbapi.IntegrityError),
                        ((9000, object()), dbapi.ProgrammingError),
                        ((1, 2, 3), dbapi.ProgrammingError)):
@@ -183,8 +189,9 @@ def test_what_was_not_read_is_gone_with_the_rollback(table):
     table.commit()
     assert cursor.fetchone() == (3,)
     table.rollback()
-    with pytest.raises(dbapi.InterfaceError, match="rollback"):
-        cursor.fetchall()
+    for fetch in (cursor.fetchone, cursor.fetchall):
+        with pytest.raises(dbapi.InterfaceError, match="rollback"):
+            fetch()
     assert cursor.description[0][0] == "a"
     table.autocommit = True
     assert cursor.execute("SELECT a FROM t ORDER BY a").fetchone() == (1,)
@@ -218,11 +225,10 @@ def test_closed_things_say_so(connection):
             use()
     connection.close()
     connection.close()
-    for use in (connection.cursor, connection.commit, connection.rollback,
+    for use in (connection.cursor, connection.commit, connection.rollback, cursor.fetchone,
                 lambda: cursor.execute("SELECT 1")):
         with pytest.raises(dbapi.OperationalError, match="connection is closed"):
             use()
-    assert cursor.fetchone() == (1,)
 
 
 def test_connecting(tmp_path):
@@ -251,6 +257,8 @@ def test_scripts_and_procedures(connection):
     cursor = connection.cursor()
     assert cursor.callproc("p", (41,)) == [41] and cursor.fetchall() == [(42,)]
     assert connection.execute("SELECT a FROM s").fetchall() == [(";",), (2,), (41,)]
+    with pytest.raises(TypeError):
+        cursor.executescript(None)
     with pytest.raises(dbapi.ProgrammingError):
         cursor.callproc("p; DROP TABLE s")
     with pytest.raises(dbapi.NotSupportedError, match="parameters here"):
@@ -270,6 +278,7 @@ def test_the_logger_hears_statements_and_no_values(connection, caplog):
 
 def test_signatures_and_docstrings():
     for kind in (dbapi.Connection, dbapi.Cursor):
+        assert inspect.signature(kind).parameters
         for name in dir(kind):
             member = getattr(kind, name)
             if not name.startswith("_") and not isinstance(member, type):
