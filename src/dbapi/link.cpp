@@ -215,6 +215,10 @@ bool Link::InTransaction() {
 
 void Link::Close() {
     if (!IsOpen()) return;
+    if (IsInherited()) {
+        m_database.connection = nullptr;  // which stays the parent's
+        return;
+    }
     const Turn turn(*this);
     for (Statement* const statement : m_taken) statement->Release({kClosed, kClosedWords});
     m_idle.Clear();
