@@ -44,6 +44,7 @@ __all__ = [
     "IntegrityError", "InternalError", "ProgrammingError", "NotSupportedError",
     "Date", "Time", "Timestamp", "DateFromTicks", "TimeFromTicks", "TimestampFromTicks", "Binary",
     "STRING", "BINARY", "NUMBER", "DATETIME", "ROWID", "Row", "dict_row", "register_adapter", "Out",
+    "ingest",
 ]
 
 apilevel = "2.0"
@@ -551,3 +552,15 @@ def connect(
     if not parts:
         raise ProgrammingError("connect() needs a connection string, a path or keys")
     return Connection(";".join(parts), autocommit, timeout or 0)
+
+
+def ingest(connection: Connection, table: str, data: Any, /) -> int:
+    """Store all rows of Arrow data in a table, or none; returns how many.
+
+    The data are any object with __arrow_c_stream__ or __arrow_c_array__: frames of pandas and
+    polars, tables of pyarrow, results of DuckDB, fetch_arrow(). The columns go by their names; a
+    table that is not there is made. As with executemany, commit() makes it last.
+    """
+    from . import frames
+
+    return frames.ingest(connection, table, data)

@@ -1,5 +1,6 @@
 // Executing a statement for many rows of parameters, in batches of bounded memory.
 #include "dbapi/batch.h"
+#include "dbapi/frameinput.h"
 #include "dbapi/logging.h"
 #include "dbapi/objects.h"
 
@@ -63,6 +64,25 @@ class Run {
     void Add(PyObject* parameters, const PyRef& given) {
         PyRef sql = PyRef::Borrow(given.Get());
         ReadParameters(m_self, parameters, sql);
+        AddValues(std::move(sql));
+    }
+
+    void AddAll(ForeignStream& stream, const PyRef& sql) {
+        const Sending sending{m_self->link->Behind().isSqlite};
+        while (stream.NextRow()) {
+            stream.Read(m_self->values, sending);
+            AddValues(PyRef::Borrow(sql.Get()));
+        }
+    }
+
+    SQLLEN Finish() {
+        if (m_batch.Count() > 0) Flush();
+        m_atomic.Release();
+        return m_changed;
+    }
+
+  private:
+    void AddValues(PyRef sql) {
         const bool isOther = m_sql && m_sql.Get() != sql.Get();
         if (isOther || !m_batch.Add(m_self->values)) {
             // There is more than one execution.
@@ -73,13 +93,6 @@ class Run {
         m_sql = std::move(sql);
     }
 
-    SQLLEN Finish() {
-        if (m_batch.Count() > 0) Flush();
-        m_atomic.Release();
-        return m_changed;
-    }
-
-  private:
     void Flush() {
         try {
             if (m_inArrays) {
@@ -133,9 +146,11 @@ PyRef CursorExecuteMany(PyObject* object, PyObject* const* args, Py_ssize_t coun
     // Without any row, and where one fails, nothing is left of what came before.
     GiveStatementBack(self);
     self->rowCount = -1;
-    const PyRef rows = Checked(PyObject_GetIter(args[1]));
+    const std::unique_ptr<ForeignStream> stream = InputOf(args[1]);
+    const PyRef rows = stream ? PyRef() : Checked(PyObject_GetIter(args[1]));
     Run run(self);
-    while (const PyRef row{PyIter_Next(rows.Get())}) run.Add(row.Get(), sql);
+    if (stream) run.AddAll(*stream, sql);
+    while (const PyRef row{rows ? PyIter_Next(rows.Get()) : nullptr}) run.Add(row.Get(), sql);
     if (PyErr_Occurred()) throw PythonError();
     const SQLLEN changed = run.Finish();
     self->rowCount = changed;

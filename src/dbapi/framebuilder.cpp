@@ -1,11 +1,12 @@
 #include "dbapi/framebuilder.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <iterator>
 #include <limits>
 #include <new>
+
+#include "dbapi/framevalues.h"
 
 // What a column of a type is in Arrow, and how cells become its values.
 struct ArrowType {
@@ -26,9 +27,6 @@ namespace {
 constexpr size_t kMostBytes = size_t{64} * 1024 * 1024;
 // A double has every integer up to here.
 constexpr std::int64_t kMostExact = std::int64_t{1} << 53U;
-constexpr int kDigitsOf128 = 38;
-constexpr int kDigitsOf256 = 76;
-constexpr unsigned kNanosecondsPerMicrosecond = 1000;
 
 void MarkNull(FrameColumn& column, size_t row) {
     while (column.validity.Size() <= row / 8) *column.validity.Append<unsigned char>(1) = 0xFF;
@@ -69,31 +67,6 @@ bool ReadBoolean(const Cell& cell, unsigned char& value, GrowingColumn&) {
     return integer == 0 || integer == 1;
 }
 
-// Days since 1970 in the Gregorian calendar; throws for a day that it does not have.
-std::int32_t DaysOf(const SQL_TIMESTAMP_STRUCT& day) {
-    constexpr unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    const bool isLeap = (day.year % 4 == 0 && day.year % 100 != 0) || day.year % 400 == 0;
-    const bool isMonth = day.month >= 1 && day.month <= 12;
-    if (!isMonth || day.day < 1 ||
-        day.day > kDays[day.month - 1] + (isLeap && day.month == 2 ? 1U : 0U))
-        throw Failure("22007", "there is no such date");
-    // Years begin with March, so that a leap day is the last; eras have 400 of them.
-    const int year = day.year - (day.month <= 2 ? 1 : 0);
-    const int era = (year >= 0 ? year : year - 399) / 400;
-    const int yearOfEra = year - era * 400;
-    const int dayOfYear = (153 * (day.month + (day.month > 2 ? -3 : 9)) + 2) / 5 + day.day - 1;
-    return era * 146097 + yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear - 719468;
-}
-
-std::int64_t MicrosecondsOf(const SQL_TIMESTAMP_STRUCT& time) {
-    if (time.hour > 23 || time.minute > 59 || time.second > 59 || time.fraction > 999999999)
-        throw Failure("22007", "there is no such time");
-    if (time.fraction % kNanosecondsPerMicrosecond != 0)
-        throw Failure("22008", "the time has fractions of microseconds");
-    const int seconds = (time.hour * 60 + time.minute) * 60 + time.second;
-    return std::int64_t{seconds} * 1000000 + time.fraction / kNanosecondsPerMicrosecond;
-}
-
 bool ReadDate(const Cell& cell, std::int32_t& value, GrowingColumn&) {
     if (cell.kind == CellKind::Date) value = DaysOf(Load<SQL_TIMESTAMP_STRUCT>(cell.bytes));
     return cell.kind == CellKind::Date;
@@ -112,24 +85,6 @@ bool ReadStamp(const Cell& cell, std::int64_t& value, GrowingColumn&) {
 }
 
 // ---- decimals
-
-// A number of 256 bits, the lowest first; negative ones as two's complement.
-struct Wide {
-    std::array<std::uint64_t, 4> words;
-
-    void MultiplyAndAdd(std::uint64_t factor, std::uint64_t carry) {
-        for (std::uint64_t& word : words) {
-            __extension__ using Double = unsigned __int128;
-            const Double product = Double{word} * factor + carry;
-            word = static_cast<std::uint64_t>(product);
-            carry = static_cast<std::uint64_t>(product >> 64U);
-        }
-    }
-    void Negate() {
-        for (std::uint64_t& word : words) word = ~word;
-        MultiplyAndAdd(1, 1);
-    }
-};
 
 // Room for so many digits before and behind the point, as long as the type may change.
 void Widen(GrowingColumn& column, int before, int behind) {
@@ -153,31 +108,12 @@ void Widen(GrowingColumn& column, int before, int behind) {
 
 bool ReadDecimal(const Cell& cell, Wide& value, GrowingColumn& column) {
     if (cell.kind != CellKind::Decimal) return false;
-    std::string_view text = cell.bytes;
-    const bool isNegative = !text.empty() && text.front() == '-';
-    if (isNegative || (!text.empty() && text.front() == '+')) text.remove_prefix(1);
-    const size_t point = std::min(text.find('.'), text.size());
-    std::string_view whole = text.substr(0, point);
-    std::string_view fraction = text.substr(std::min(point + 1, text.size()));
-    constexpr const char* kDigits = "0123456789";
-    if (whole.size() + fraction.size() == 0 ||
-        whole.find_first_not_of(kDigits) != std::string_view::npos ||
-        fraction.find_first_not_of(kDigits) != std::string_view::npos)
-        throw Failure("22018", "the decimal has other characters than digits");
-    whole.remove_prefix(std::min(whole.find_first_not_of('0'), whole.size()));
-    fraction = fraction.substr(0, fraction.find_last_not_of('0') + 1);
+    const Digits digits = TakeApart(cell.bytes);
     constexpr size_t kTooMany = 2 * kDigitsOf256;  // by far, but countable
-    const auto before = static_cast<int>(std::min(whole.size(), kTooMany));
-    const auto behind = static_cast<int>(std::min(fraction.size(), kTooMany));
+    const auto before = static_cast<int>(std::min(digits.whole.size(), kTooMany));
+    const auto behind = static_cast<int>(std::min(digits.fraction.size(), kTooMany));
     if (behind > column.scale || before > column.digits) Widen(column, before, behind);
-    value = {};
-    const auto add = [&value](char digit) {
-        value.MultiplyAndAdd(10, static_cast<std::uint64_t>(digit - '0'));
-    };
-    std::for_each(whole.begin(), whole.end(), add);
-    std::for_each(fraction.begin(), fraction.end(), add);
-    for (int i = behind; i < column.scale; ++i) add('0');
-    if (isNegative) value.Negate();
+    value = NumberOf(digits, column.scale);
     return true;
 }
 
@@ -197,32 +133,6 @@ size_t AppendValues(GrowingColumn& column, const Block& block, size_t number, si
         *column.values.Append<T>(1) = value;
     }
     return row;
-}
-
-bool IsUtf8(std::string_view text) {
-    const auto* at = reinterpret_cast<const unsigned char*>(text.data());
-    const auto* const end = at + text.size();
-    while (at != end) {
-        std::uint64_t eight = 0;
-        if (end - at >= 8) std::memcpy(&eight, at, sizeof eight);
-        if (end - at >= 8 && (eight & 0x8080808080808080U) == 0) {
-            at += 8;
-            continue;
-        }
-        const unsigned lead = *at;
-        const int size = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-        if ((size > 1 && lead < 0xC2) || lead > 0xF4 || end - at < size) return false;
-        unsigned character = size == 1 ? lead : lead & (0x7FU >> size);
-        for (int i = 1; i < size; ++i) {
-            if ((at[i] & 0xC0U) != 0x80) return false;
-            character = character << 6U | (at[i] & 0x3FU);
-        }
-        constexpr unsigned kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (character < kLeast[size] || character > 0x10FFFF || (character >> 11U) == 0x1B)
-            return false;
-        at += size;
-    }
-    return true;
 }
 
 template <CellKind Kind>

@@ -1,4 +1,5 @@
 // The module object vorda._statement: the types that vorda.dbapi makes its own of.
+#include "dbapi/frameinput.h"
 #include "dbapi/framestream.h"
 #include "dbapi/objects.h"
 
@@ -25,7 +26,8 @@ int Execute(PyObject* module) {
     }
     const bool built =
         InitValues() && InitWaiting() && AddType(module, "Connection", ConnectionType) &&
-        AddType(module, "Cursor", CursorType) && AddType(module, "ArrowStream", ArrowStreamType) &&
+        AddType(module, "Cursor", CursorType) && AddType(module, "ArrowInput", ArrowInputType) &&
+        AddType(module, "ArrowStream", ArrowStreamType) &&
         AddType(module, "ArrowTable", ArrowTableType);
     return built ? 0 : -1;
 }
