@@ -1,10 +1,13 @@
 # mypy: disable-error-code="import-not-found, misc, type-arg, no-untyped-call"
 # mypy: no-disallow-subclassing-any
-"""What the dialects have in common: connecting, isolation levels, and when a connection is gone."""
+"""What the dialects have in common: connecting, isolation levels, when a connection is gone, and
+decimals."""
 
+from decimal import Context, Decimal
 from typing import Any, Dict, FrozenSet, List, Tuple
 
-from sqlalchemy import exc
+from sqlalchemy import __version__ as SQLALCHEMY_VERSION
+from sqlalchemy import exc, types
 
 from .. import dbapi as vorda_dbapi
 
@@ -30,10 +33,11 @@ class Dialect:
     def import_dbapi(cls) -> Any:
         return vorda_dbapi
 
-    @classmethod
-    def dbapi(cls) -> Any:
-        """What SQLAlchemy 1.4 calls import_dbapi."""
-        return cls.import_dbapi()
+    if SQLALCHEMY_VERSION.startswith("1."):
+
+        @classmethod
+        def dbapi(cls) -> Any:
+            return cls.import_dbapi()
 
     def create_connect_args(self, url: Any) -> Tuple[List[Any], Dict[str, Any]]:
         keys = {}
@@ -67,6 +71,14 @@ class Dialect:
         parent: Any = super()
         return [*parent.get_isolation_level_values(connection), "AUTOCOMMIT"]
 
+    def get_isolation_level(self, connection: Any) -> Any:
+        parent: Any = super()
+        was_in_transaction = connection.in_transaction
+        level = parent.get_isolation_level(connection)
+        if not was_in_transaction:
+            connection.rollback()
+        return level
+
     def set_isolation_level(self, connection: Any, level: str) -> None:
         parent: Any = super()
         connection.autocommit = True
@@ -86,3 +98,40 @@ class Dialect:
     def do_terminate(self, connection: Any) -> None:
         connection.cancel()
         connection.close()
+
+
+# Of more digits than any number here has.
+_EXACT = Context(prec=1000)
+
+
+class Numeric(types.Numeric):
+    """Decimals of columns come as such, with as many digits as there are; expressions and other
+    columns may give integers and doubles."""
+
+    def bind_processor(self, dialect: Any) -> Any:
+        return None
+
+    def result_processor(self, dialect: Any, coltype: Any) -> Any:
+        if not self.asdecimal:
+            return None if coltype is float else _as_float
+        places = self._effective_decimal_return_scale
+        digits = "%%.%df" % places
+        is_declared = self.scale is not None or self.decimal_return_scale is not None
+        zero = Decimal(digits % 0) if is_declared else Decimal()
+
+        def process(value: Any) -> Any:
+            if value is None:
+                return None
+            if isinstance(value, float):
+                return Decimal(digits % value)
+            return _EXACT.add(Decimal(value), zero)
+
+        return process
+
+
+class Float(Numeric, types.Float):
+    pass
+
+
+def _as_float(value: Any) -> Any:
+    return None if value is None else float(value)

@@ -4,7 +4,7 @@
 
 import os
 import types as python_types
-from decimal import Context, Decimal
+from decimal import Decimal
 from functools import lru_cache
 from typing import Any, Dict, Optional, Tuple
 
@@ -22,10 +22,6 @@ def _read(plain: Any) -> Any:
         return plain(value) if isinstance(value, str) else value
 
     return process
-
-
-# Of more digits than any number here has.
-_EXACT = Context(prec=1000)
 
 
 def _number(value: Any) -> Any:
@@ -53,28 +49,9 @@ class _Time(base.TIME):
         return _read(super().result_processor(dialect, coltype))
 
 
-class _Numeric(types.Numeric):
-    """A column declared as a decimal gives one; an expression is an integer or a double."""
-
+class _Numeric(common.Numeric):
     def bind_processor(self, dialect: Any) -> Any:
         return _number
-
-    def result_processor(self, dialect: Any, coltype: Any) -> Any:
-        if not self.asdecimal:
-            return lambda value: None if value is None else float(value)
-        places = self._effective_decimal_return_scale
-        digits = "%%.%df" % places
-        is_declared = self.scale is not None or self.decimal_return_scale is not None
-        zero = Decimal(digits % 0) if is_declared else Decimal()
-
-        def process(value: Any) -> Any:
-            if value is None:
-                return None
-            if isinstance(value, float):
-                return Decimal(digits % value)
-            return _EXACT.add(Decimal(value), zero)
-
-        return process
 
 
 class _Float(_Numeric, types.Float):
@@ -84,7 +61,7 @@ class _Float(_Numeric, types.Float):
 class SQLiteExecutionContext_vorda(base.SQLiteExecutionContext):
     last_row: Optional[int] = None  # which a closed cursor knows no more
 
-    def get_lastrowid(self) -> Optional[int]:
+    def get_lastrowid(self) -> Any:
         return self.last_row
 
 

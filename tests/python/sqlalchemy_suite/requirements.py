@@ -12,3 +12,4 @@ SPEC.loader.exec_module(upstream)
 
 class Requirements(upstream.DefaultRequirements):
     dbapi_lastrowid = property(lambda self: only_on(["sqlite", "mysql", "mariadb"]))
+    infinity_floats = property(lambda self: only_on(["sqlite", "postgresql"]))

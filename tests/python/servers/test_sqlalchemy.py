@@ -1,0 +1,115 @@
+"""SQLAlchemy, with Alembic and pandas, on the dialects of vorda.dbapi: what its own suite for
+dialects does not ask."""
+
+import datetime
+import decimal
+import threading
+import time
+
+import pytest
+
+sa = pytest.importorskip("sqlalchemy")
+from sqlalchemy.dialects import postgresql  # noqa: E402
+
+pytestmark = pytest.mark.parametrize("engine", ["sqlite", "postgresql"], indirect=True)
+UTC = datetime.timezone.utc
+AT = datetime.datetime(2024, 10, 27, 0, 30, 0, 5, tzinfo=UTC)  # in Berlin, as an hour later
+HOURS = [AT, AT + datetime.timedelta(hours=1)]
+
+
+@pytest.fixture
+def db(engine):
+    if engine.name == "sqlite":
+        made = sa.create_engine("sqlite+vorda:///" + engine.path)
+    else:
+        made = sa.create_engine("%s+vorda:///?dsn=%s" % (engine.name, engine.name))
+    with made.begin() as connection:
+        connection.execute(sa.text("DROP TABLE IF EXISTS t"))
+    yield made
+    made.dispose()
+
+
+def ranges():
+    return [(postgresql.INT4RANGE(), postgresql.Range(1, 5)),
+            (postgresql.TSTZRANGE(), postgresql.Range(*HOURS, bounds="[]")),
+            (postgresql.NUMRANGE(), postgresql.Range(empty=True)),
+            (postgresql.DATEMULTIRANGE(), [postgresql.Range(None, AT.date()),
+                                           postgresql.Range(datetime.date(2025, 1, 1))])]
+
+
+VALUES = {
+    "sqlite": lambda: [],
+    "postgresql": lambda: [
+        (sa.DateTime(timezone=True), HOURS[0]), (sa.DateTime(timezone=True), HOURS[1]),
+        (sa.Time(timezone=True), AT.timetz()),
+        (sa.Interval(), datetime.timedelta(-40, 5, 6)),
+        (postgresql.JSONB(), {"a": [None, "é?"]}), (sa.Enum("a", "b c", name="kind"), "b c"),
+        (sa.ARRAY(sa.Text), ["", "NULL", None, "a,\"b\"\\{}", " "]),
+        (sa.ARRAY(sa.Integer, dimensions=2), [[1, 2], [3, None]]), (sa.ARRAY(sa.Integer), []),
+        (sa.ARRAY(sa.LargeBinary), [b"\0\xff", b""]), (sa.ARRAY(sa.Boolean), [True, False]),
+        (sa.ARRAY(sa.Numeric), [decimal.Decimal("1.50")]), (sa.ARRAY(sa.Date), [AT.date()]),
+        (sa.ARRAY(sa.DateTime(timezone=True)), HOURS),
+        (sa.ARRAY(sa.Interval), [datetime.timedelta(1, 2)]),
+        *(ranges() if hasattr(postgresql, "Range") else [])],
+}
+
+
+def test_values_come_back(engine, db):
+    pairs = [(sa.Numeric(12, 4), decimal.Decimal("12.5000")), (sa.Float(), 0.1),
+             (sa.Date(), AT.date()), (sa.DateTime(), AT.replace(tzinfo=None)), (sa.Boolean(), True),
+             (sa.LargeBinary(), b"\0\xff"), (sa.JSON(), [1, None]), *VALUES[engine.name]()]
+    columns = [sa.Column("c%d" % i, kind) for i, (kind, _) in enumerate(pairs)]
+    table = sa.Table("t", sa.MetaData(), sa.Column("id", sa.Integer, primary_key=True), *columns)
+    row = {"c%d" % i: value for i, (_, value) in enumerate(pairs)}
+    with db.begin() as connection:
+        if engine.name == "postgresql":
+            connection.execute(sa.text("SET LOCAL TIME ZONE 'Europe/Berlin'"))
+        table.create(connection)
+        connection.execute(table.insert(), [row, dict.fromkeys(row), row])
+        rows = connection.execute(sa.select(*columns).order_by(table.c.id)).all()
+        assert [tuple(found) for found in rows[::2]] == [tuple(row.values())] * 2
+        assert set(rows[1]) == {None}
+        for column, value in zip(columns, row.values()):
+            if not isinstance(column.type, (sa.JSON, sa.Enum)):
+                found = connection.scalar(sa.select(sa.func.count()).where(column == value))
+                assert found == 2, column.type
+        table.drop(connection)
+
+
+KILL = {"postgresql": "SELECT pg_terminate_backend(pg_backend_pid())",
+        "mariadb": "KILL CONNECTION_ID()"}
+LONG = {"sqlite": "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1e10)"
+                  " SELECT count(*) FROM n",
+        "postgresql": "SELECT pg_sleep(60)", "mariadb": "SELECT sleep(60)"}
+
+
+def test_a_connection_that_is_gone_leaves_the_pool(engine, db):
+    if engine.name == "sqlite":
+        pytest.skip("a file is not gone")
+    with db.connect() as connection:
+        with pytest.raises(sa.exc.DBAPIError) as caught:
+            connection.execute(sa.text(KILL[engine.name]))
+            connection.execute(sa.text("SELECT 1"))
+        assert caught.value.connection_invalidated
+    with db.connect() as connection:
+        assert connection.scalar(sa.text("SELECT 1")) == 1
+
+
+def test_what_comes_back_to_the_pool_is_cancelled(engine, db):
+    raw, errors = db.raw_connection(), []
+
+    def run():
+        try:
+            raw.cursor().execute(LONG[engine.name])
+        except Exception as error:
+            errors.append(error)
+
+    thread = threading.Thread(target=run)
+    thread.start()
+    time.sleep(0.5)
+    begin = time.monotonic()
+    raw.close()
+    thread.join()
+    assert time.monotonic() - begin < 10 and errors[0].sqlstate in ("HY008", "57014")
+    with db.connect() as connection:
+        assert connection.scalar(sa.text("SELECT 1")) == 1
