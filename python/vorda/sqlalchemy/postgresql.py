@@ -69,8 +69,8 @@ class _Interval(postgresql.INTERVAL):
     render_bind_cast = True
 
     @classmethod
-    def adapt_emulated_to_native(cls, impl: Any, **kw: Any) -> Any:
-        return cls(precision=impl.second_precision)
+    def adapt_emulated_to_native(cls, *impl: Any, **kw: Any) -> Any:
+        return cls(precision=impl[0].second_precision)
 
     def bind_processor(self, dialect: Any) -> Any:
         return lambda value: texts.write_interval(value) if isinstance(value, timedelta) else value

@@ -24,7 +24,7 @@ def url_of(engine):
 
 
 @pytest.mark.skipif("VORDA_SQLALCHEMY_SUITE" not in os.environ, reason="./dev servers fetches it")
-@pytest.mark.parametrize("engine", ["sqlite", "postgresql"], indirect=True)
+@pytest.mark.parametrize("engine", ["sqlite", "postgresql", "mariadb"], indirect=True)
 def test_sqlalchemys_own_suite_passes(engine, tmp_path):
     suite = shutil.copytree(str(FOLDER), str(tmp_path / "suite"))
     done = subprocess.run([sys.executable, "-m", "pytest", "--dburi", url_of(engine)], cwd=suite,
