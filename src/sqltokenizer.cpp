@@ -217,7 +217,7 @@ int SqlTokenizer::InitWithUTF8(const char* sql) {
 int SqlTokenizer::InitWithUTF8(const char* sql, std::size_t length) {
     const std::size_t size = sql != nullptr ? strnlen(sql, length) : 0;
     const bool fits = size <= INT_MAX;
-    m_lpszSQLSeek = size > 0 && fits ? sql : "";
+    m_lpszSQLSeek = size > 0 ? sql : "";
     m_lpszSQLEnd = m_lpszSQLSeek + (fits ? size : 0);
     m_lpszAnchor = m_lpszSQLSeek;
     m_wLastErrorCode = fits ? VORDA_OK : VORDA_OUT_OF_MEMORY;

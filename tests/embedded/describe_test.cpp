@@ -51,6 +51,17 @@ TEST_F(DescribeTest, TableColumnsThroughBothSetsOfFields) {
     EXPECT_TRUE(length == 5 && type == SQL_DECIMAL && size == 10 && digits == 2 && nullable == 1);
 }
 
+TEST_F(DescribeTest, ATableThatHasChangedIsDescribedAnew) {
+    connection.must("CREATE TABLE t (a INTEGER)");
+    statement.prepare("SELECT * FROM t");
+    EXPECT_EQ("a", statement.text(1, SQL_COLUMN_NAME));
+    connection.must("ALTER TABLE t RENAME COLUMN a TO b");
+    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_TRUE(statement.rows().empty());
+    statement.close();
+    EXPECT_EQ("b", statement.text(1, SQL_COLUMN_NAME));
+}
+
 TEST_F(DescribeTest, ExpressionsTakeTheTypeOfTheFirstRow) {
     const auto types = {SQLUSMALLINT{SQL_COLUMN_TYPE}, SQLUSMALLINT{SQL_COLUMN_NULLABLE}};
     EXPECT_EQ(Rows({" -5 2", " 8 2", " -9 2", " -3 2", " -9 2"}),

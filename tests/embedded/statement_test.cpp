@@ -97,6 +97,7 @@ TEST_F(StatementTest, RowsNobodyAskedForBlockNothing) {
     RT_SQLFreeStmt(kDriver, asked.handle, SQL_UNBIND);
     EXPECT_EQ(Rows({"2", "3"}), asked.rows());
     connection.must("DROP TABLE t");
+    EXPECT_EQ(SQL_ERROR, Statement(connection.handle).prepare("SELECT count(*) FROM t"));
 }
 
 TEST_F(StatementTest, ChangesThatYieldRowsAreDoneWhenExecuted) {

@@ -196,6 +196,11 @@ TEST_F(DriverBatches, LeaveNoArrayBehind) {
     transactions();
     EXPECT_EQ(SQL_SUCCESS, statement.execute());
     EXPECT_EQ("one", transactions());
+    SQLULEN processed = 0;
+    statement.set(SQL_ATTR_PARAMS_PROCESSED_PTR, reinterpret_cast<SQLULEN>(&processed));
+    executions(failing());
+    EXPECT_EQ(SQL_ERROR, statement.execute());
+    EXPECT_EQ(1U, processed);
 }
 
 }  // namespace

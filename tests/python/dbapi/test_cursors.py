@@ -157,7 +157,9 @@ def test_executemany_takes_rows_of_any_kind(table):
     cursor.execute("SELECT a FROM t").executemany("UPDATE t SET b = ? WHERE a = ?", [])
     assert cursor.rowcount == 0 and cursor.description is None
     table.executemany("INSERT INTO m VALUES (?) RETURNING x", [(1,), (2,)])
-    assert table.execute("SELECT count(*) FROM m").fetchone() == (29,)
+    table.execute("CREATE PROCEDURE p (a) AS INSERT INTO m VALUES ($a); SELECT $a")
+    table.executemany("EXEC p ?", [(1,), (2,)])
+    assert table.execute("SELECT count(*) FROM m").fetchone() == (31,)
 
 
 # --- transactions --------------------------------------------------------------------------------
@@ -223,6 +225,8 @@ def test_closed_things_say_so(connection):
     for use in (closed.fetchone, lambda: closed.execute("SELECT 1"), lambda: closed.connection):
         with pytest.raises(dbapi.InterfaceError, match="cursor is closed"):
             use()
+    with pytest.raises(dbapi.Error, match="open already"):
+        connection.__init__("Database=:memory:", True, 0)
     connection.close()
     connection.close()
     for use in (connection.cursor, connection.commit, connection.rollback, cursor.fetchone,

@@ -265,6 +265,10 @@ if full:
             "INSERT INTO log VALUES (1); SELECT 1").fetchall(), failed="done"),
     })
 
+# What comes next after a failure.
+NEXT = [lambda w: None] + full * [
+    lambda w: w.connection.commit(), lambda w: setattr(w.connection, "autocommit", True),
+    lambda w: w.cursor.executemany("DELETE FROM t WHERE k = ?", [(-1,), ("other",)])]
 
 # Beside MemoryError and what speaks of memory: where the cause is not handed on.
 OTHER_TEXTS = ("fail to create valid connection", "Unable to alloc env handle",
@@ -331,7 +335,8 @@ def check(operation, good, first, last):
         error = None
         assert failed or result == good.result, "a wrong result: %r" % (result,)
         if failed:
-            # Undoing needs memory, too; what had to wait for it comes before the next statement.
+            # Undoing needs memory, too; what had to wait for it comes before whatever is next.
+            NEXT[first % len(NEXT)](world)
             world.cursor.execute("PRAGMA user_version")
         states = good.states_after(operation, failed)
         found = world.state()

@@ -38,11 +38,6 @@ def test_a_thread_with_a_small_stack_executes(path):
     assert rows == [(5,)]
 
 
-def test_every_character_of_a_statement_arrives(cursor):
-    for text in ("\U000F0000\U0010FFFF", "\U0001F600\U0001F601", "\uFFFD\uD7FF\uE000", "a\\\\b"):
-        assert cursor.execute("SELECT '%s', ?" % text, (1,)).fetchone()[0] == text
-
-
 @pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""),
                     reason="the address sanitizer keeps freed memory back")
 def test_memory_stays_flat_over_statements_connects_and_errors(path):

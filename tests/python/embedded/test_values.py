@@ -2,22 +2,11 @@
 
 import contextlib
 import datetime
-import math
 import random
 
 import pytest
 
 from vorda import dbapi, zelqa
-
-
-@pytest.mark.parametrize("declared, values", [
-    ("REAL", [1e308, math.inf, -math.inf]), ("TEXT", ["\U000F1234\U0010FFFF", "é" * 1023])])
-def test_values_come_back_as_they_went_in(cursor, declared, values):
-    """What a server need not take; the others are tested on every engine."""
-    cursor.execute("CREATE TABLE t (x %s)" % declared)
-    for value in values:
-        cursor.execute("INSERT INTO t VALUES (?)", (value,))
-    assert [row[0] for row in cursor.execute("SELECT x FROM t")] == values
 
 
 LONG = "12345678901234567890.12"
@@ -33,6 +22,7 @@ LONG = "12345678901234567890.12"
     ("INSERT INTO d (r) VALUES (?)", [LONG], []), ("INSERT INTO d (b) VALUES (?)", [LONG], []),
     ("INSERT INTO d (s) VALUES (?)", [], [LONG]),  # for the trigger's sake
     ("INSERT INTO log SELECT ? UNION SELECT 1", [], [LONG]),
+    ("INSERT INTO d (b, n) SELECT x, x FROM (SELECT ? AS x)", [LONG], []),
     ("UPDATE d SET b = ?", [LONG], []), ("UPDATE d SET n = ?", [], [LONG]),
     ("DELETE FROM d WHERE n = ?", [LONG], []), ("EXEC p a=?", [], [LONG])])
 def test_columns_of_numbers_keep_all_digits_or_refuse_them(cursor, stdlib, sql, kept, refused):

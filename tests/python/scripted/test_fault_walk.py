@@ -290,7 +290,7 @@ def test_every_call_of_the_other_driver_fails(scripted_library, tmp_path, blocks
             connection.cursor().executemany(FILL % "t", [ROW, LONG] * 20)
         connection.close()
 
-    calls = []
+    calls, bound = [], []
     assert run(None, fill) == ({}, None)
 
     def kind_of(name, arguments):
@@ -300,10 +300,20 @@ def test_every_call_of_the_other_driver_fails(scripted_library, tmp_path, blocks
 
     def watched(name, arguments):
         calls.append(kind_of(name, arguments))
+        if name == "SQLBindCol" or name == "SQLFreeStmt" and bound:
+            bound.append((name, *arguments[:2]))
         return None if blocks or name != "SQLGetInfoW" else ERROR
 
     good, error = run(watched)
     assert error is None and len(good["rows"]) == 40 and good["batch"] == 4, (good, error)
+    held = set()
+    for name, statement, what in bound:  # memory is forgotten before other takes its place
+        if name == "SQLBindCol":
+            assert (statement, what) not in held
+            held.add((statement, what))
+        elif what == 2:
+            held.clear()
+    assert bool(bound) == blocks
     assert len(set(calls)) > 15 and ("SQLSetPos" in calls) == blocks
     for number, failing in enumerate(calls):
         for status in (ERROR, INVALID_HANDLE, NO_DATA):

@@ -6,6 +6,7 @@ import contextlib
 import ctypes.util
 import datetime
 import decimal
+import math
 import sqlite3
 import tempfile
 
@@ -49,6 +50,7 @@ class Engine:
     kinds = {
         # SQLite keeps a decimal as a double: 15 digits.
         "decimal": {"values": ["0", "12.5", "-0.0001", "99999999999.9999"]},
+        "double": {"values": [*KINDS["double"].values, math.inf, -math.inf]},
     }
     binary = "BLOB"
     quoted = '"%s"'

@@ -100,7 +100,7 @@ def test_all_of_unicode(table, engine):
     assert stored(table.connection) == rows
     # In the statement itself, in single parameters and in names.
     for text in ["e\u0301 ØÙÚÛ", "李\U0002A6D6", "\U0001F469\u200D\U0001F4BB\U0001F600",
-                 "\uFFFD\uD7FF\uE000"]:
+                 "\uFFFD\uD7FF\uE000", "\U000F0000\U0010FFFF"]:
         table.execute("SELECT ?, '%s' AS %s" % (text, engine.quoted % "Ø李€"), (text,))
         assert table.description[1][0] == "Ø李€"
         assert tuple(table.fetchone()) == (text, text)

@@ -124,3 +124,13 @@ def test_a_server_that_never_answers_keeps_nobody(engine):
     done = subprocess.run([sys.executable, "-c", HANGING, string], stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, timeout=20)
     assert (done.returncode, done.stdout) == (0, "overoverover")
+
+
+def test_a_transaction_that_a_statement_opened_is_seen(engine):
+    connection = dbapi.connect(engine.string, autocommit=True)
+    for end in (connection.commit, connection.rollback):
+        assert not connection.in_transaction
+        connection.execute("BEGIN")
+        assert connection.in_transaction
+        end()
+    connection.close()
