@@ -222,6 +222,7 @@ TEST_F(DbsTest, TextsOfAllLengths) {
     EXPECT_EQ(dbs.GetStringAsUTF8(1, &text, &length), VORDA_INDEX_OUT_OF_RANGE);
     EXPECT_TRUE(text == nullptr && length == -7);
     EXPECT_EQ(dbs.GetColumnInfo(INT_MAX).ColumnName.Length(), 0);
+    EXPECT_EQ(dbs.GetColumnInfo(0).Clone()->DataType, DBTYPE_STRING);
     for (const std::size_t expected : lengths) {
         EXPECT_EQ(dbs.Next(), 1);
         char* same = nullptr;

@@ -23,12 +23,3 @@ def test_a_batch_kept_out_by_a_lock_leaves_no_transaction_behind(path, stdlib, j
         stdlib.execute("COMMIT")
         impatient.execute("INSERT OR REPLACE INTO t (a) VALUES (3)")
         assert stored(stdlib) == [(3,)]
-    # Inside a transaction only the batch is undone, savepoint included.
-    impatient.execute("BEGIN")
-    stdlib.execute("BEGIN IMMEDIATE")
-    with pytest.raises(zelqa.DatabaseError, match="locked"):
-        impatient.executemany("INSERT INTO t (a) VALUES (?)", [(1,), (2,)])
-    with pytest.raises(zelqa.DatabaseError, match="no such savepoint"):
-        impatient.execute("RELEASE vorda_all")
-    stdlib.execute("COMMIT")
-    impatient.execute("COMMIT")

@@ -51,9 +51,12 @@ def test_a_change_of_any_item_shows(runtime, cursor, changed):
     assert len(described(changed, changed)) == 2
 
 
-@pytest.mark.parametrize("name, shown", [
-    ("\u20ac" * 60, "\u20ac" * 42 + "\ufffd"), (b"caf\xe9", "caf\ufffd"), ("x" * 128, "x" * 127)])
-def test_names_never_fail(runtime, cursor, name, shown):
+@pytest.mark.parametrize("name, reported, shown", [
+    ("\u20ac" * 60, 180, "\u20ac" * 42 + "\ufffd"), (b"caf\xe9", 4, "caf\ufffd"),
+    ("x" * 128, 128, "x" * 127), ("x" * 129, 32767, "x" * 127), ("abcdef", 3, "abc"),
+    ("abcdef", -32768, "")])
+def test_names_never_fail(runtime, cursor, name, reported, shown):
     runtime.result(Column(name), rows=[[7]])
+    runtime._library.scripted_column_name_length(reported)
     assert cursor.execute("SELECT a").description[0][0] == shown
     assert cursor.fetchone()[shown] == 7
