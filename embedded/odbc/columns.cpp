@@ -133,8 +133,9 @@ OdbcColumn describe(const OdbcStatement& statement, SQLUSMALLINT number) {
     manager.SQLColAttributeW(statement.get(), number, SQL_DESC_UNSIGNED, nullptr, 0, nullptr,
                              &isUnsigned);
     std::fill(std::begin(text), std::end(text), SQLWCHAR{0});
+    // The manager may take the bytes for characters.
     if (SQL_SUCCEEDED(manager.SQLColAttributeW(statement.get(), number, SQL_DESC_TYPE_NAME, text,
-                                               sizeof text, nullptr, nullptr))) {
+                                               kNameCapacity, nullptr, nullptr))) {
         result.column.typeName = upToTerminator(text);
     }
     TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);

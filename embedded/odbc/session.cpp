@@ -89,10 +89,12 @@ void OdbcSession::connect(const std::string& text, bool narrow, Diagnostics& dia
 }
 
 std::string OdbcSession::textInfo(SQLUSMALLINT type) const {
-    constexpr SQLSMALLINT kCapacity = 1024;
+    // As many units as it is told of bytes: of a driver without UTF-16 the manager takes so many
+    // characters.
+    constexpr SQLSMALLINT kCapacity = 2048;
     SQLWCHAR text[kCapacity] = {};
     SQLSMALLINT bytes = 0;
-    m_connection.check(m_manager.SQLGetInfoW(m_connection.get(), type, text, sizeof text, &bytes));
+    m_connection.check(m_manager.SQLGetInfoW(m_connection.get(), type, text, kCapacity, &bytes));
     text[kCapacity - 1] = 0;
     return readableText(
         text, std::char_traits<char16_t>::length(reinterpret_cast<const char16_t*>(text)));

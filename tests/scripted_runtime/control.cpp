@@ -82,7 +82,9 @@ SQLRETURN Answer(const char* path, const Call& call,
     const std::size_t line = script.model.log.size();
     LogCall(script.model, call);
 
-    const auto forwarded = [&] { return forward(dlsym(script.forwarded, ("RT_" + name).c_str())); };
+    const auto forwarded = [&] {
+        return forward(dlsym(script.forwarded, (kIsDriver ? name : "RT_" + name).c_str()));
+    };
     if (script.hostile) {
         const SQLRETURN status = script.hostile(script.model, call, forwarded);
         script.model.log[line] += " = " + std::to_string(status);

@@ -1,4 +1,4 @@
-// The runtime's exported functions: each packs its arguments and hands them on.
+// The exported functions, of a runtime or a driver: each packs its arguments and hands them on.
 #include <type_traits>
 
 #include "model.h"
@@ -31,18 +31,28 @@ template <typename... T>
 SQLRETURN Enter(const char* name, const char* path, T... values) {
     const Argument arguments[] = {Pack(values)...};
     return Answer(path, {name, arguments}, [&](void* function) {
-        return reinterpret_cast<SQLRETURN (*)(const char*, T...)>(function)(path, values...);
+        if constexpr (kIsDriver)
+            return reinterpret_cast<SQLRETURN (*)(T...)>(function)(values...);
+        else
+            return reinterpret_cast<SQLRETURN (*)(const char*, T...)>(function)(path, values...);
     });
 }
 
 }  // namespace
 
 #define ODBC_UNPACK(...) __VA_ARGS__
+#ifdef VORDA_DRIVER
+#define ODBC_CALL(name, parameters, arguments)                            \
+    extern "C" VORDA_EXPORT SQLRETURN SQL##name(ODBC_UNPACK parameters) { \
+        return Enter("SQL" #name, nullptr, ODBC_UNPACK arguments);        \
+    }
+#else
 #define ODBC_CALL(name, parameters, arguments)                               \
     extern "C" VORDA_EXPORT SQLRETURN RT_SQL##name(const char* modulePath,   \
                                                    ODBC_UNPACK parameters) { \
         return Enter("SQL" #name, modulePath, ODBC_UNPACK arguments);        \
     }
+#endif
 #include "mono/odbc_functions.def"
 
 extern "C" VORDA_EXPORT int RT_Version() {

@@ -31,13 +31,13 @@ constexpr const char* kTexts[] = {"",      "1",        "-12.50", "1e5",         
 
 // Where a function's output of any length is among its arguments; its size follows.
 constexpr std::pair<std::string_view, std::size_t> kBuffers[] = {
-    {"SQLErrorW", 5},        {"SQLGetDiagRecW", 5}, {"SQLDescribeColW", 2},
-    {"SQLColAttributeW", 3}, {"SQLGetInfoW", 2},    {"SQLGetConnectAttrW", 2}};
+    {"SQLError", 5},        {"SQLGetDiagRec", 5}, {"SQLDescribeCol", 2},
+    {"SQLColAttribute", 3}, {"SQLGetInfo", 2},    {"SQLGetConnectAttr", 2}};
 
 // After these the caller's memory, or the row that it reads, is what they said.
-constexpr std::string_view kPromises[] = {
-    "SQLBindCol",     "SQLBindParameter", "SQLFreeStmt", "SQLSetConnectAttrW",
-    "SQLSetStmtAttr", "SQLSetStmtAttrW",  "SQLSetPos",   "SQLFetch"};
+constexpr std::string_view kPromises[] = {"SQLBindCol",        "SQLBindParameter", "SQLFreeStmt",
+                                          "SQLSetConnectAttr", "SQLSetStmtAttr",   "SQLSetPos",
+                                          "SQLFetch"};
 
 void PutBytes(char* target, std::size_t room, std::string_view bytes) {
     if (target) std::memcpy(target, bytes.data(), std::min(room, bytes.size()));
@@ -52,6 +52,8 @@ class Hostile {
     explicit Hostile(std::uint64_t seed) : m_random(seed) {
         m_rate = Pick(kRates);
         m_subjects = static_cast<unsigned>(Below(32)) | 1U << Below(5);
+        // The driver manager itself does not survive such.
+        if (kIsDriver) m_subjects &= ~static_cast<unsigned>(Handles);
         m_hasBlocks = Chance(0.5);
         m_truths = Below(2) * Below(300);
     }
@@ -60,9 +62,9 @@ class Hostile {
         if (m_truths > 0) --m_truths;
         const auto [target, kind] = TargetOf(call);
         // The embedded runtime's own marks, without which there are other ways.
-        if (call.name == "SQLGetInfoW" && !m_hasBlocks && call.Number(1) == SQL_GETDATA_EXTENSIONS)
+        if (call.Base() == "SQLGetInfo" && !m_hasBlocks && call.Number(1) == SQL_GETDATA_EXTENSIONS)
             return SQL_ERROR;
-        const bool isAlloc = call.name == "SQLAllocHandle";
+        const bool isAlloc = call.Base() == "SQLAllocHandle";
         if (m_gaveNone && !target && !(isAlloc && call.Number(0) == SQL_HANDLE_ENV))
             return Lies(Statuses) ? AnyStatus() : SQLRETURN{SQL_INVALID_HANDLE};
         if (isAlloc) return Alloc(model, call, forward);
@@ -96,7 +98,10 @@ class Hostile {
     }
 
     SQLRETURN AnyStatus() {
-        return Chance(0.9) ? Pick(kStatuses) : static_cast<SQLRETURN>(m_random());
+        const SQLRETURN status = Chance(0.9) ? Pick(kStatuses) : static_cast<SQLRETURN>(m_random());
+        // The driver manager lets go of no statement that waits for something.
+        const bool isWaiting = status == SQL_NEED_DATA || status == SQL_STILL_EXECUTING;
+        return kIsDriver && isWaiting ? SQLRETURN{SQL_ERROR} : status;
     }
 
     // Some begin with a small number, as the kind of a cell.
@@ -127,20 +132,22 @@ class Hostile {
     }
 
     SQLRETURN Do(Model& model, const Call& call, const Handle& handle, const Forward& forward) {
-        const bool isEnd = call.name == "SQLFreeHandle" || call.name == "SQLDisconnect" ||
-                           (call.name == "SQLEndTran" && call.Number(2) == SQL_ROLLBACK) ||
-                           (call.name == "SQLFreeStmt" && call.Number(1) == SQL_DROP);
-        const bool isLie = Lies(Statuses);
+        const bool isEnd = call.Base() == "SQLFreeHandle" || call.Base() == "SQLDisconnect" ||
+                           (call.Base() == "SQLEndTran" && call.Number(2) == SQL_ROLLBACK) ||
+                           (call.Base() == "SQLFreeStmt" && call.Number(1) == SQL_DROP);
+        // The driver manager keeps what a driver would not give back.
+        const bool isLie = !(kIsDriver && isEnd) && Lies(Statuses);
         const SQLRETURN lie = AnyStatus();
-        const bool isPromise = IsIn(call.name, kPromises);
+        const bool isPromise =
+            IsIn(call.Base(), kPromises) || (kIsDriver && call.Base() == "SQLDriverConnect");
         // An end is made whatever the status says: the caller cannot do more than ask.
         if (isLie && !isEnd && (isPromise ? !OdbcSucceeded(lie) : Chance(0.5))) return lie;
         const SQLRETURN status = forward();
-        if (OdbcSucceeded(status) && (isEnd || isPromise || call.name == "SQLDriverConnectW"))
+        if (OdbcSucceeded(status) && (isEnd || isPromise || call.Base() == "SQLDriverConnect"))
             Act(model, call);
-        if (call.name == "SQLFetch") {
+        if (call.Base() == "SQLFetch") {
             LieAboutRows(handle);
-        } else if (call.name == "SQLGetData") {
+        } else if (call.Base() == "SQLGetData") {
             if (Lies(Cells)) LieAboutCell(BindingOf(call, 2, 3));
         } else if (!isPromise) {
             LieInOutputs(call);
@@ -149,12 +156,15 @@ class Hostile {
     }
 
     void LieInOutputs(const Call& call) {
-        const bool isDiagnostic = call.name == "SQLErrorW" || call.name == "SQLGetDiagRecW";
+        const bool isDiagnostic = call.Base() == "SQLError" || call.Base() == "SQLGetDiagRec";
         const Subject subject = isDiagnostic ? Diags : Metadata;
         for (const auto& [name, buffer] : kBuffers) {
-            if (name != call.name || !Lies(subject)) continue;
+            if (name != call.Base() || !Lies(subject)) continue;
             const auto room = static_cast<std::size_t>(std::max(call.Number(buffer + 1), 0LL));
             PutBytes(call.Pointer<char>(buffer), room, AnyBytes(room));
+            // The driver manager trusts that it ends.
+            if (kIsDriver && call.Pointer<char>(buffer) && room > 0)
+                call.Pointer<char>(buffer)[room - 1] = '\0';
         }
         constexpr std::size_t kStateSize = 6;
         if (isDiagnostic && Lies(subject))

@@ -238,30 +238,29 @@ struct Action {
 constexpr Action kActions[] = {
     {"SQLAllocHandle", kTold, AllocHandle},
     {"SQLFreeHandle", kTold, FreeHandle},
-    {"SQLErrorW", kTold, Error},
+    {"SQLError", kTold, Error},
     {"SQLSetEnvAttr", SQL_HANDLE_ENV, Nothing},
-    {"SQLDriverConnectW", SQL_HANDLE_DBC, Connect},
+    {"SQLDriverConnect", SQL_HANDLE_DBC, Connect},
     {"SQLDisconnect", SQL_HANDLE_DBC, Disconnect},
     {"SQLFreeStmt", SQL_HANDLE_STMT, FreeStmt},
     {"SQLSetStmtAttr", SQL_HANDLE_STMT, SetStmtAttr},
-    {"SQLSetStmtAttrW", SQL_HANDLE_STMT, SetStmtAttr},
-    {"SQLSetConnectAttrW", SQL_HANDLE_DBC, Nothing},
-    {"SQLGetConnectAttrW", SQL_HANDLE_DBC, Nothing},
-    {"SQLGetInfoW", SQL_HANDLE_DBC, Nothing},
-    {"SQLGetDiagRecW", kTold, Nothing},
-    {"SQLPrepareW", SQL_HANDLE_STMT, Prepare},
+    {"SQLSetConnectAttr", SQL_HANDLE_DBC, Nothing},
+    {"SQLGetConnectAttr", SQL_HANDLE_DBC, Nothing},
+    {"SQLGetInfo", SQL_HANDLE_DBC, Nothing},
+    {"SQLGetDiagRec", kTold, Nothing},
+    {"SQLPrepare", SQL_HANDLE_STMT, Prepare},
     {"SQLExecute", SQL_HANDLE_STMT, Execute},
-    {"SQLExecDirectW", SQL_HANDLE_STMT, ExecDirect},
+    {"SQLExecDirect", SQL_HANDLE_STMT, ExecDirect},
     {"SQLBindParameter", SQL_HANDLE_STMT, BindParameter},
     {"SQLBindCol", SQL_HANDLE_STMT, BindCol},
     {"SQLRowCount", SQL_HANDLE_STMT, RowCount},
-    {"SQLColAttributeW", SQL_HANDLE_STMT, ColAttribute},
+    {"SQLColAttribute", SQL_HANDLE_STMT, ColAttribute},
     {"SQLFetch", SQL_HANDLE_STMT, Fetch},
     {"SQLEndTran", kTold, Nothing},
 };
 
 const Action* FindAction(const Call& call) {
-    const auto* const found = std::ranges::find(kActions, call.name, &Action::name);
+    const auto* const found = std::ranges::find(kActions, call.Base(), &Action::name);
     return found == std::end(kActions) ? nullptr : found;
 }
 
@@ -277,9 +276,9 @@ Binding BindingOf(const Call& call, std::size_t cType, std::size_t data) {
 Target TargetOf(const Call& call) {
     if (call.name == "SQLAllocHandle")
         return {call.Handle(1), static_cast<int>(call.Number(0)) - 1};
-    if (call.name == "SQLFreeHandle" || call.name == "SQLEndTran" || call.name == "SQLGetDiagRecW")
+    if (call.name == "SQLFreeHandle" || call.name == "SQLEndTran" || call.Base() == "SQLGetDiagRec")
         return {call.Handle(1), static_cast<int>(call.Number(0))};
-    if (call.name == "SQLErrorW") {
+    if (call.Base() == "SQLError") {
         std::size_t i = 0;
         while (i < 2 && !call.Handle(i)) ++i;
         return {call.Handle(i), static_cast<int>(i) + SQL_HANDLE_ENV};

@@ -15,6 +15,13 @@
 
 #include "include/sqltypes.h"
 
+// Whether this is built as a driver for the driver manager, with its names.
+#ifdef VORDA_DRIVER
+constexpr bool kIsDriver = true;
+#else
+constexpr bool kIsDriver = false;
+#endif
+
 // One argument of a call, as a 64-bit integer and what its type says about it. An opaque one is a
 // handle, a buffer or a small number that travels in a pointer.
 struct Argument {
@@ -28,6 +35,8 @@ struct Call {
     std::string_view name;
     std::span<const Argument> arguments;
 
+    // Without the mark of a wide call.
+    std::string_view Base() const { return name.substr(0, name.size() - name.ends_with('W')); }
     long long Number(std::size_t i) const { return arguments[i].value; }
     template <typename T>
     T* Pointer(std::size_t i) const {

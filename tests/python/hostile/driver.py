@@ -1,10 +1,11 @@
 """Random use of a driver's whole Python interface on a runtime that lies from a seed:
-driver.py zelqa|dbapi FIRST COUNT
+driver.py zelqa|dbapi|driver FIRST COUNT
 
-Each seed decides what the program does and what is lied about the embedded runtime. Whatever that
-is: the process lives and does not hang, only proper exceptions come out, no error of the runtime
-passes for a success, no row has bytes of another, no handle is misused, none is left after closing,
-and repeating a seed takes no more memory. The last seed printed is the one that failed;
+Each seed decides what the program does and what is lied about the embedded runtime, or, with
+`driver`, about the ODBC driver that vorda.dbapi and the embedded runtime use. Whatever that is: the
+process lives and does not hang, only proper exceptions come out, no error of the runtime passes for
+a success, no row has bytes of another, no handle is misused, none is left after closing, and
+repeating a seed takes no more memory. The last seed printed is the one that failed;
 `driver.py dbapi SEED 1` is that one alone.
 
 VORDA_BUILD names the build tree; PYTHONPATH and LD_LIBRARY_PATH as for the tests on the scripted
@@ -16,6 +17,7 @@ import datetime
 import decimal
 import faulthandler
 import gc
+import glob
 import os
 import random
 import re
@@ -28,6 +30,8 @@ import warnings
 SANITIZED = "libasan" in os.environ.get("LD_PRELOAD", "")
 SECONDS_A_SEED = 60
 DATABASE = "t.db"
+# SQLite's, which needs no server.
+ODBC_DRIVER = "".join(glob.glob("/usr/lib/*/odbc/libsqlite3odbc.so"))
 MEMORY = 600 << 20
 # Every so many seeds, one is repeated so often, so many times over, to see that it leaves no
 # memory.
@@ -94,10 +98,11 @@ class Nothing(Exception):
 class Program:
     """One random program and the objects that it has made."""
 
-    def __init__(self, module, runtime, seed):
+    def __init__(self, module, runtime, string, seed):
         self.module, self.runtime, self.random = module, runtime, random.Random(seed)
+        self.string = string
         self.name = module.__name__.split(".")[-1]
-        self.connections, self.cursors, self.rows, self.log = [], [], [], []
+        self.connections, self.cursors, self.rows = [], [], []
 
     def run(self):
         steps = self.random.randrange(5, 60)
@@ -131,7 +136,6 @@ class Program:
             succeeded = False
         calls = self.runtime.scripted_log().decode("utf-8", "replace")
         self.runtime.scripted_log_clear()
-        self.log.append(calls)
         hidden = FAILED[self.name].findall(BATCH.sub("", calls))
         assert not (succeeded and hidden), "a success in spite of %s" % hidden
 
@@ -192,7 +196,7 @@ class Program:
 def connect(program):
     usual = program.random.random() < 0.9
     program.keep("connections", program.module.connect(
-        "Database=" + DATABASE if usual else program.random.choice(TEXTS[:1] + TEXTS[3:] + ODD)))
+        program.string if usual else program.random.choice(TEXTS[:1] + TEXTS[3:] + ODD)))
     program.keep("cursors", program.connections[-1].cursor())
 
 
@@ -309,13 +313,18 @@ class Runner:
 
     def __init__(self, name):
         from vorda import dbapi, zelqa
-        self.module = {"zelqa": zelqa, "dbapi": dbapi}[name]
+        self.module = zelqa if name == "zelqa" else dbapi
         self.entry, self.libc = ctypes.CDLL(zelqa.__file__), ctypes.CDLL(None)
         self.embedded = os.path.join(os.path.dirname(zelqa.__file__), "libvordart.x64.so.6")
-        self.runtime = ctypes.CDLL(os.path.join(os.environ["VORDA_BUILD"], "scripted",
-                                                "libvordart.x64.so.6"))
-        self.runtime.scripted_log.restype = ctypes.c_char_p
-        self.measures = not SANITIZED and hasattr(self.libc, "mallinfo2")
+        scripted = os.path.join(os.environ["VORDA_BUILD"], "scripted", "")
+        self.runtime = self.liar = ctypes.CDLL(scripted + "libvordart.x64.so.6")
+        self.string = "Database=" + DATABASE
+        if name == "driver":
+            self.liar = ctypes.CDLL(scripted + "libvorda_lying_driver.so")
+            self.string += ";Timeout=20;Driver=%slibvorda_lying_driver.so" % scripted
+        self.liar.scripted_log.restype = self.runtime.scripted_log.restype = ctypes.c_char_p
+        # The driver manager keeps memory.
+        self.measures = not SANITIZED and name != "driver" and hasattr(self.libc, "mallinfo2")
         if self.measures:
             self.libc.mallinfo2.restype = Mallinfo
         self.runtime.scripted_forward(self.embedded.encode())
@@ -328,16 +337,19 @@ class Runner:
         connection.close()
 
     def run(self, seed):
-        runtime = self.runtime
-        runtime.scripted_reset()
+        runtime, liar = self.runtime, self.liar
+        for library in {liar, runtime}:
+            library.scripted_reset()
+        if liar is not runtime:
+            liar.scripted_forward(ODBC_DRIVER.encode())
         runtime.scripted_forward(self.embedded.encode())
-        runtime.scripted_hostile(ctypes.c_ulonglong(seed))
+        liar.scripted_hostile(ctypes.c_ulonglong(seed))
         shutil.copy(DATABASE + ".new", DATABASE)
-        program = Program(self.module, runtime, seed)
+        program = Program(self.module, runtime, self.string, seed)
         program.run()
-        left, misuses = runtime.scripted_live_handles(0), runtime.scripted_errors()
+        left, misuses = liar.scripted_live_handles(0), liar.scripted_errors()
         assert left == misuses == 0, "%d handles left, %d misuses:\n%s" % (
-            left, misuses, "\n".join(program.log))
+            left, misuses, liar.scripted_log().decode("utf-8", "replace"))
         # The module counts environments by statuses that were lies; the next seed starts without
         # any.
         runtime.scripted_reset()
