@@ -4,6 +4,7 @@
 
 #include <sqlite3.h>
 
+#include <cctype>
 #include <memory>
 
 #include "core/error.h"
@@ -65,46 +66,28 @@ Found sqliteToken(std::string_view text, std::string& token) {
 /// Every token of SQLite's must end where one of the scanner's does, and only numbers and
 /// operators may be several of the scanner's. Answers how far SQLite could read.
 std::size_t checkBoundaries(const std::string& sql) {
-    struct Piece {
-        Kind kind;
-        std::size_t begin;
-        std::size_t end;
-    };
-    std::vector<Piece> pieces;
     SqlScanner scanner(sql);
-    for (auto token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
-        const std::size_t end = scanner.position();
-        pieces.push_back({token.kind, end - token.text.size(), end});
-        require(sql.substr(pieces.back().begin, token.text.size()) == token.text,
-                "the token's place");
-    }
-    std::size_t done = 0;
-    for (std::size_t i = 0; i < pieces.size(); ++i) {
-        const Piece& first = pieces[i];
+    auto piece = scanner.next();
+    for (std::size_t done = 0;; piece = scanner.next()) {
         std::string token;
         const Found found = sqliteToken(std::string_view(sql).substr(done), token);
         if (found == Found::Illegal) return done;
-        require(found == Found::Token, "SQLite sees a token");
-        fuzz::requireSame(sql.substr(first.begin, token.size()), token, "SQLite's token");
-        done = first.begin + token.size();
+        require((found == Found::Token) == (piece.kind != Kind::End), "SQLite sees a token, too");
+        if (found == Found::Nothing) return sql.size();
+        const std::size_t begin = scanner.position() - piece.text.size();
+        fuzz::requireSame(sql.substr(begin, token.size()), token, "SQLite's token");
+        done = begin + token.size();
         // Hexadecimal digits end a number in the middle of a word.
-        if (token.size() > 2 && (token[1] == 'x' || token[1] == 'X')) return first.begin;
-        const bool whole = pieces[i].end == done;
-        while (!whole && i < pieces.size() && pieces[i].end <= done) {
-            require(pieces[i].kind == Kind::Word || pieces[i].kind == Kind::Punctuation,
-                    "a token within SQLite's token");
-            if (pieces[i].end == done) break;
-            ++i;
-        }
-        require(i < pieces.size() && pieces[i].end == done, "SQLite's token ends at one");
+        if (token.size() > 2 && (token[1] == 'x' || token[1] == 'X')) return begin;
         const bool variable = std::string_view("?@:$#").find(token.front()) != std::string::npos;
-        require(variable == (first.kind == Kind::Marker || first.kind == Kind::Variable),
+        require(variable == (piece.kind == Kind::Marker || piece.kind == Kind::Variable),
                 "variables");
+        for (; scanner.position() < done; piece = scanner.next()) {
+            require(piece.kind == Kind::Word || piece.kind == Kind::Punctuation,
+                    "a token within SQLite's token");
+        }
+        require(scanner.position() == done, "SQLite's token ends at one");
     }
-    std::string token;
-    const Found behind = sqliteToken(std::string_view(sql).substr(done), token);
-    require(behind == Found::Nothing, "SQLite sees nothing behind the last token");
-    return sql.size();
 }
 
 void checkScanner(const std::string& sql) {
@@ -118,22 +101,12 @@ void checkScanner(const std::string& sql) {
     require(numbered.size() == sql.size(), "markers keep their length");
     for (std::size_t i = 0; i < known; ++i) {
         if (numbered[i] == sql[i]) continue;
-        std::string token;
-        require(sqliteToken(std::string_view(sql).substr(i), token) == Found::Token &&
-                    token.front() == '@' && token.size() > 1 &&
-                    token.find_first_not_of("0123456789", 1) == std::string::npos,
-                "only markers are rewritten");
-        require(numbered[i] == '?', "to question marks");
-        const std::string number = numbered.substr(i + 1, token.size() - 1);
-        require(number == token.substr(1) || number.find_first_not_of(' ') == std::string::npos,
-                "with their numbers or none");
-        i += number.size();
+        require(sql[i] == '@' && numbered[i] == '?', "only markers are rewritten");
+        while (i + 1 < sql.size() && std::isdigit(static_cast<unsigned char>(sql[i + 1])) != 0) ++i;
     }
     std::string tail;
-    if (isBlankSql(sql)) {
-        require(compile(sql, tail) == nullptr && sqlite3_errcode(database()) == SQLITE_OK,
-                "SQLite finds the text blank, too");
-    }
+    require(!isBlankSql(sql) || (!compile(sql, tail) && sqlite3_errcode(database()) == SQLITE_OK),
+            "SQLite finds the text blank, too");
 }
 
 // ---- procedures
