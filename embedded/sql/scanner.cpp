@@ -1,19 +1,46 @@
 #include "sql/scanner.h"
 
 #include <algorithm>
+#include <array>
 
 #include "values/text.h"
 
 namespace embedded {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r\n\f\v";
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
+/// Of bytes, found faster than compared: each statement is read before the engine reads it.
+using ByteSet = std::array<bool, 256>;
+
+constexpr ByteSet setOf(std::string_view bytes) noexcept {
+    ByteSet set{};
+    for (const char c : bytes) set[static_cast<unsigned char>(c)] = true;
+    return set;
+}
+
 /// Letters of other alphabets are bytes from 0x80 on.
+constexpr ByteSet kNameCharacters = [] {
+    ByteSet set = setOf("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz");
+    for (size_t letter = 0x80; letter < set.size(); ++letter) set[letter] = true;
+    return set;
+}();
+constexpr ByteSet kBlanks = setOf(" \t\r\n\f\v");
+/// What blanks and comments begin with.
+constexpr ByteSet kSkipped = setOf(" \t\r\n\f\v\xEF-#/");
+/// Letters that may begin a string.
+constexpr ByteSet kPrefixes = setOf("xXeE");
+
+bool isIn(const ByteSet& set, char c) noexcept {
+    return set[static_cast<unsigned char>(c)];
+}
+
 bool isNameCharacter(char c) noexcept {
-    return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
-           static_cast<unsigned char>(c) >= 0x80;
+    return isIn(kNameCharacters, c);
+}
+
+bool isBlank(char c) noexcept {
+    return isIn(kBlanks, c);
 }
 
 }  // namespace
@@ -25,15 +52,16 @@ size_t SqlScanner::blanksEnd() const noexcept {
         if (m_sql.substr(m_pos).starts_with(kByteOrderMark)) return m_pos + kByteOrderMark.size();
         if (at(m_pos) == '\v') return m_pos;
     }
-    return std::min(m_sql.find_first_not_of(kBlanks, m_pos), m_sql.size());
+    size_t end = m_pos;
+    while (isBlank(at(end))) ++end;
+    return end;
 }
 
 size_t SqlScanner::commentEnd() const noexcept {
     const char first = at(m_pos);
     const char second = at(m_pos + 1);
     if (first == '-' || first == '#') {
-        const bool blankBehind =
-            m_pos + 2 >= m_sql.size() || kBlanks.find(at(m_pos + 2)) != std::string_view::npos;
+        const bool blankBehind = m_pos + 2 >= m_sql.size() || isBlank(at(m_pos + 2));
         const bool line = first == '#'
                               ? m_syntax->hashComments
                               : second == '-' && (!m_syntax->dashNeedsBlank || blankBehind);
@@ -59,7 +87,7 @@ size_t SqlScanner::commentEnd() const noexcept {
 }
 
 void SqlScanner::skipBlanks() noexcept {
-    while (m_pos < m_sql.size()) {
+    while (isIn(kSkipped, at(m_pos))) {
         size_t end = blanksEnd();
         if (end == m_pos) end = commentEnd();
         if (end == m_pos) return;
@@ -80,7 +108,7 @@ size_t SqlScanner::variableEnd(size_t from) const noexcept {
     size_t end = wordEnd(from);
     while (m_sql.substr(end).starts_with("::")) end = wordEnd(end + 2);
     if (at(end) != '(' || end == from) return end;
-    while (++end < m_sql.size() && kBlanks.find(at(end)) == std::string_view::npos) {
+    while (++end < m_sql.size() && !isBlank(at(end))) {
         if (at(end) == ')') return end + 1;
     }
     return end;
@@ -188,6 +216,7 @@ SqlScanner::Token SqlScanner::next() noexcept {
     skipBlanks();
     if (m_pos >= m_sql.size()) return {};
     const char first = m_sql[m_pos];
+    if (isNameCharacter(first) && !isIn(kPrefixes, first)) return take(Kind::Word, wordEnd(m_pos));
     if (const Token token = quoted(first); token.kind != Kind::End) return token;
     if (const Token token = variable(first); token.kind != Kind::End) return token;
     if (isNameCharacter(first)) return take(Kind::Word, wordEnd(m_pos));

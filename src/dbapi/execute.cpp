@@ -30,7 +30,7 @@ Statement& UseStatement(CursorObject* self, PyObject* sql) {
     Py_CLEAR(self->makeRow);
     self->rowCount = -1;
     self->link->FinishUndo();
-    if (sql && self->statement && self->statement->IsFor(sql, PyObject_Hash(sql))) {
+    if (sql && self->statement && self->statement->IsFor(sql)) {
         self->statement->Close();
     } else {
         GiveStatementBack(self);

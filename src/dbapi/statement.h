@@ -23,11 +23,11 @@ class Statement {
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
-    // The hash of the text given.
-    bool IsFor(PyObject* text, Py_hash_t hash) const {
+    bool IsFor(PyObject* text) const {
         return text == m_text.Get() ||
-               (hash == m_hash && PyUnicode_Compare(text, m_text.Get()) == 0);
+               (PyObject_Hash(text) == m_hash && PyUnicode_Compare(text, m_text.Get()) == 0);
     }
+    Py_hash_t Hash() const { return m_hash; }  // of the text
     bool HasText() const { return m_text.Get() != nullptr; }
     SQLHSTMT Handle() const { return m_handle; }
     // Asks the catalogue by what calls a function of it, and loads the first rows.

@@ -1,8 +1,8 @@
 // Prepared statements that nobody uses at the moment, found again by their text.
 #pragma once
 
-#include <list>
 #include <memory>
+#include <vector>
 
 #include "dbapi/statement.h"
 
@@ -12,18 +12,19 @@ class StatementCache {
     // The one that was prepared from this text, or null.
     std::unique_ptr<Statement> Take(PyObject* text) {
         const Py_hash_t hash = PyObject_Hash(text);
-        for (auto kept = m_kept.begin(); kept != m_kept.end(); ++kept) {
-            if (!(*kept)->IsFor(text, hash)) continue;
-            std::unique_ptr<Statement> found = std::move(*kept);
-            m_kept.erase(kept);
+        // From the one used last on. Looking at hashes alone reaches for no statement.
+        for (auto kept = m_kept.rbegin(); kept != m_kept.rend(); ++kept) {
+            if (kept->hash != hash || !kept->statement->IsFor(text)) continue;
+            std::unique_ptr<Statement> found = std::move(kept->statement);
+            m_kept.erase(std::next(kept).base());
             return found;
         }
         return nullptr;
     }
 
     void Keep(std::unique_ptr<Statement> statement) {
-        m_kept.push_front(std::move(statement));
-        if (m_kept.size() > kMost) m_kept.pop_back();
+        if (m_kept.size() == kMost) m_kept.erase(m_kept.begin());
+        m_kept.push_back({statement->Hash(), std::move(statement)});
     }
 
     void Clear() { m_kept.clear(); }
@@ -31,5 +32,9 @@ class StatementCache {
   private:
     static constexpr size_t kMost = 128;
 
-    std::list<std::unique_ptr<Statement>> m_kept;
+    struct Kept {
+        Py_hash_t hash;
+        std::unique_ptr<Statement> statement;
+    };
+    std::vector<Kept> m_kept;
 };
