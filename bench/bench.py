@@ -1,10 +1,13 @@
 """Times the module against its peers on the same SQLite file, or the same server, and prints tables
 of ratios.
 
-    bench.py [--server] [--quick] [--only TEXT] [--rounds N] [--json FILE] [--plot FILE.png]
+    bench.py [--dbapi] [--server] [--quick] [--only TEXT] [--rounds N] [--json FILE]
+             [--plot FILE.png]
 
 --server starts a PostgreSQL of its own and measures on that: the module and pyodbc through the ODBC
-driver, psycopg through PostgreSQL's own library.
+driver, psycopg through PostgreSQL's own library. --dbapi measures vorda.dbapi instead of
+vorda.zelqa, on a file and on that server, and shows which ratios it is to reach; a ! marks one that
+it does not.
 
 Within a case the drivers take turns, and a ratio is made of two neighbours of one round, so what
 slows the machine down slows both. Shown are the medians of the ratios and their range. Before a
@@ -20,6 +23,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 import peers as peer_module
@@ -38,18 +42,20 @@ TYPES = {
     "dates": ("DATE", "date('2000-01-01', ((n + %d) %% 9000) || ' days')"),
     "half NULLs": ("INTEGER", "CASE WHEN (n + %d) %% 2 THEN n + 1000 END"),
 }
+LONG = {"3000-byte text": ("TEXT", "hex(zeroblob(1496)) || (10000000 + n + %d)")}
 TYPED = ("decimals", "dates", "mixed")
 MIX = ["integers", "doubles", "short text", "dates", "decimals", "half NULLs", "200-byte text"]
 
 
 def table_of(path, name, columns, rows):
     """Makes the table a case reads, with the standard library; returns the table's name."""
+    types = {**TYPES, **LONG}
     kinds = [MIX[i % len(MIX)] if name == "mixed" else name for i in range(columns)]
     table = "%s_%d_%d" % (name.replace(" ", "_").replace("-", "_"), columns, rows)
     connection = peer_module.sqlite3.connect(path)
     with contextlib.closing(connection), connection:
-        declared = ", ".join("c%d %s" % (i, TYPES[kind][0]) for i, kind in enumerate(kinds))
-        values = ", ".join(TYPES[kind][1] % i for i, kind in enumerate(kinds))
+        declared = ", ".join("c%d %s" % (i, types[kind][0]) for i, kind in enumerate(kinds))
+        values = ", ".join(types[kind][1] % i for i, kind in enumerate(kinds))
         connection.execute('CREATE TABLE IF NOT EXISTS "%s" (%s)' % (table, declared))
         if not connection.execute('SELECT 1 FROM "%s" LIMIT 1' % table).fetchone():
             connection.execute(
@@ -80,6 +86,8 @@ def reading_cases(path, quick):
                                             or name not in ("integers", "mixed")):
                     continue  # the way of fetching costs the same whatever the cells hold
                 yield reading_case(path, name, columns, rows, how)
+    for name in LONG:
+        yield reading_case(path, name, 1, 20000 // (10 if quick else 1), fetchall)
 
 
 def reading_case(path, name, columns, rows, how):
@@ -194,6 +202,28 @@ def other_cases(path, quick):
         yield long_statement(path, size)
 
 
+def two_scans(path, rows, peer, rounds):
+    """How many times as long two threads take as one, each with a scan of its own."""
+    table = table_of(path, "integers", 4, rows)
+    sql = 'SELECT max(c0 * c1 %% 1009) FROM "%s"' % table
+
+    def scan():
+        with contextlib.closing(peer.connect(path)) as connection:
+            connection.cursor().execute(sql).fetchall()
+
+    def seconds(count):
+        threads = [threading.Thread(target=scan) for _ in range(count)]
+        start = time.perf_counter()
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        return time.perf_counter() - start
+
+    scan()
+    return [seconds(2) / seconds(1) for _ in range(rounds)]
+
+
 # --- measuring ------------------------------------------------------------------------------------
 
 def check_same(case, drivers):
@@ -237,7 +267,7 @@ def in_processes(code, drivers, rounds):
 IMPORT = """
 import time
 start = time.perf_counter()
-exec("from vorda import zelqa" if "{peer}" == "zelqa" else "import {peer}")
+exec(("from vorda " if "{peer}" in ("zelqa", "dbapi") else "") + "import {peer}")
 print(time.perf_counter() - start)
 """
 MEMORY = """
@@ -246,24 +276,51 @@ def peak():
     # Not getrusage: there a process begins with the peak of its parent.
     with open("/proc/self/status") as file:
         return next(int(line.split()[1]) for line in file if line.startswith("VmHWM"))
-peer = next(p for p in peers.available() if p.name == "{peer}")
+peer = next(kind for kinds in peers.ON_FILE.values() for kind in kinds if kind.name == "{peer}")()
 cursor = peer.connect(%r).cursor()
 before = peak()
-rows = cursor.execute('SELECT * FROM "%s"').fetchall()
+cursor.execute('SELECT * FROM "%s"')
+%s
 print((peak() - before) / 1024)
 """
+READ = {"memory of": "rows = cursor.fetchall()",
+        "memory of streaming": "for row in cursor: pass"}
+
+# What dbapi is to reach: a ratio to a peer, or itself, in cases whose names have this in them.
+AIMS = {
+    "file": [("point queries", "sqlite3", 1.0), ("single inserts", "sqlite3", 1.0),
+             ("statement of 100 bytes", "sqlite3", 1.0), ("executemany", "sqlite3", 0.9),
+             ("fetchall", "sqlite3", 0.8), ("iterate", "sqlite3", 0.8),
+             ("two threads", "dbapi", 1.15), ("streaming", "dbapi", 1.0)],
+    "server": [("point queries", "psycopg", 1.0), ("executemany", "psycopg", 1.0),
+               ("fetchall", "psycopg", 1.3), ("point queries", "pyodbc", 0.5),
+               ("single inserts", "pyodbc", 0.5), ("executemany", "pyodbc", 0.5),
+               ("fetchall", "pyodbc", 0.5)],
+}
 
 
 def ratios(ours, theirs):
-    return sorted(a / b for a, b in zip(ours, theirs))
+    return sorted(a / b if b else float("nan") for a, b in zip(ours, theirs))
 
 
-def show(name, numbers, drivers, unit):
+def aimed(name, drivers, peer, value, place):
+    """What is written behind a median: what it is to be, and whether it is not."""
+    for part, to, aim in AIMS[place] if drivers[0].name == "dbapi" else []:
+        if part in name and to == peer.name:
+            return " of %.2f%s" % (aim, " " if value <= aim else "!")
+    return " " * 9
+
+
+def show(name, numbers, drivers, unit, place):
     ours = numbers[drivers[0].name]
-    line = "%-44s %9.4f %-2s" % (name, statistics.median(ours), unit)
+    median = statistics.median(ours)
+    line = "%-44s %9.4f %-2s%s" % (name, median, unit,
+                                   aimed(name, drivers, drivers[0], median, place))
     for peer in drivers[1:]:
         parts = ratios(ours, numbers[peer.name])
-        line += "   %5.2f (%.2f-%.2f)" % (statistics.median(parts), parts[0], parts[-1])
+        median = statistics.median(parts)
+        line += "   %5.2f%s (%.2f-%.2f)" % (
+            median, aimed(name, drivers, peer, median, place), parts[0], parts[-1])
     print(line, flush=True)
 
 
@@ -281,7 +338,7 @@ def plot(results, drivers, path):
     axes.axvline(1, color="black", linewidth=0.8)
     axes.set_yticks(range(len(names)))
     axes.set_yticklabels(names, fontsize=7)
-    axes.set_xlabel("time of zelqa, as a ratio (less is faster)")
+    axes.set_xlabel("time of %s, as a ratio (less is faster)" % drivers[0].name)
     axes.legend()
     figure.tight_layout()
     figure.savefig(path, dpi=120)
@@ -289,41 +346,47 @@ def plot(results, drivers, path):
 
 def print_head(drivers, database):
     print("CPython %s, %s, %s" % (platform.python_version(), database, platform.machine()))
-    print("%-44s %12s" % ("case", "zelqa")
-          + "".join("   to %-14s" % peer.name for peer in drivers[1:]))
+    print("%-44s %12s         " % ("case", drivers[0].name)
+          + "".join("   to %-23s" % peer.name for peer in drivers[1:]))
 
 
-def on_server(options):
+def on_server(options, own):
     from server_cases import running_source, server_cases
-    drivers = peer_module.available(peer_module.ON_SERVER)
+    drivers = peer_module.available(peer_module.ON_SERVER[own])
     with running_source() as source:
         print_head(drivers, "PostgreSQL")
         for case in server_cases(source, drivers[0], options.quick):
             if options.only in case.name:
-                yield case.name, measure(case, drivers, options.rounds), drivers, "s"
+                yield case.name, measure(case, drivers, options.rounds), drivers, "s", "server"
 
 
-def on_file(options):
-    drivers = peer_module.available()
+def on_file(options, own):
+    drivers = peer_module.available(peer_module.ON_FILE[own])
     print_head(drivers, "SQLite " + peer_module.sqlite3.sqlite_version)
     with tempfile.TemporaryDirectory() as folder:
         path = os.path.join(folder, "bench.db")
         for case in [*other_cases(path, options.quick), *reading_cases(path, options.quick)]:
             if options.only in case.name:
-                yield case.name, measure(case, drivers, options.rounds), drivers, "s"
+                yield case.name, measure(case, drivers, options.rounds), drivers, "s", "file"
         if options.only in "import":
-            yield "import", in_processes(IMPORT, drivers, options.rounds), drivers, "s"
+            yield "import", in_processes(IMPORT, drivers, options.rounds), drivers, "s", "file"
         rows = 1000000 // (10 if options.quick else 1)
-        name = "memory of %d rows" % rows
+        name = "two threads, a scan of %d rows each" % rows
         if options.only in name:
-            table = table_of(path, "integers", 4, rows)
-            yield name, in_processes(MEMORY % (path, table), drivers,
-                                     min(3, options.rounds)), drivers, "MB"
+            yield name, {peer.name: two_scans(path, rows, peer, options.rounds)
+                         for peer in drivers}, drivers, "x", "file"
+        for kind, read in READ.items():
+            name = "%s %d rows" % (kind, rows)
+            if options.only in name:
+                table = table_of(path, "integers", 4, rows)
+                yield name, in_processes(MEMORY % (path, table, read), drivers,
+                                         min(3, options.rounds)), drivers, "MB", "file"
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--server", action="store_true", help="the cases on a PostgreSQL server")
+    parser.add_argument("--dbapi", action="store_true", help="vorda.dbapi, on a file and a server")
     parser.add_argument("--quick", action="store_true", help="a tenth of the rows")
     parser.add_argument("--only", default="", metavar="TEXT",
                         help="only cases whose names have this in them")
@@ -332,11 +395,15 @@ def main():
     parser.add_argument("--plot", metavar="FILE")
     options = parser.parse_args()
 
-    measure_all = on_server if options.server else on_file
+    places = [on_server] if options.server else [on_file]
+    if options.dbapi and not options.server:
+        places.append(on_server)
+    own = "dbapi" if options.dbapi else "zelqa"
     results = {}
-    for name, numbers, drivers, unit in measure_all(options):
-        results[name] = numbers
-        show(name, numbers, drivers, unit)
+    for measure_all in places:
+        for name, numbers, drivers, unit, place in measure_all(options, own):
+            results[name] = numbers
+            show(name, numbers, drivers, unit, place)
     if options.json:
         with open(options.json, "w", encoding="utf-8") as file:
             json.dump(results, file, indent=1)

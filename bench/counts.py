@@ -1,9 +1,11 @@
-"""What the module itself costs, in instructions, without any database: on the null runtime, under
-callgrind.
+"""What the drivers themselves cost, in instructions, without any database: on the null runtime,
+under callgrind.
 
     counts.py            measure, and print a table
     counts.py --check    also fail when a count has risen by more than a tenth against counts.json
     counts.py --write    keep the counts in counts.json
+
+Those of vorda.dbapi include what the null runtime itself does for its blocks of rows.
 
 Counts are the same in every run of one build, whatever else the machine does. Across compilers they
 are not, so each kept count is scaled by what the hand-written loop of probe.cpp takes here and took
@@ -32,7 +34,7 @@ TOLERANCE = 1.10
 def measure():
     """Runs in the process that callgrind watches; each dump is one number."""
     import probe
-    from vorda import zelqa
+    from vorda import dbapi, zelqa
 
     def counted(label, work, *args):
         work(*args)  # whatever is made once is made now
@@ -41,7 +43,16 @@ def measure():
         probe.toggle()
         probe.dump(label)
 
-    cursor = zelqa.connect("").cursor()
+    def fetched(label, cursor, sql):
+        cursor.execute(sql).fetchall()
+        cursor.execute(sql)
+        probe.toggle()
+        kept = cursor.fetchall()
+        probe.toggle()
+        probe.dump(label)
+        del kept  # releasing the rows is not counted, here as in the loop
+
+    cursor, full = zelqa.connect("").cursor(), dbapi.connect("Database=x").cursor()
     for name in TYPES:
         for columns in (1, 9):
             sql = "SELECT %d %s %d" % (columns, name, ROWS)
@@ -51,17 +62,24 @@ def measure():
             probe.dump("loop %s %d" % (name, columns))
             probe.fetch(columns, name, ROWS)
             probe.dump("fetch %s %d" % (name, columns))
-            cursor.execute(sql).fetchall()
-            cursor.execute(sql)
-            probe.toggle()
-            kept = cursor.fetchall()
-            probe.toggle()
-            probe.dump("module %s %d" % (name, columns))
-            del kept  # releasing the rows is not counted, here as in the loop
+            fetched("module %s %d" % (name, columns), cursor, sql)
+            fetched("dbapi %s %d" % (name, columns), full, sql)
 
     def execute(*params):
         for _ in range(EXECUTES):
             cursor.execute(*params)
+
+    def execute_full(sql, *params):
+        for _ in range(EXECUTES):
+            full.execute(sql, *params)
+
+    def execute_new(start):
+        for number in range(start, start + EXECUTES):
+            full.execute("SELECT 1 int 1 WHERE a = %d" % number)
+
+    def point():
+        for _ in range(EXECUTES):
+            full.execute("SELECT 1 text 1 WHERE a = ?", (5,)).fetchone()
 
     counted("statement without rows", execute, "UPDATE t SET a = 1")
     counted("query of one column", execute, "SELECT 1 int 0")
@@ -70,10 +88,23 @@ def measure():
             {"a": 5, "b": "x"})
     counted("statement of 10 KB", execute,
             "UPDATE t SET a = 1 WHERE " + " OR ".join("b = %d" % n for n in range(900)))
+    counted("dbapi: statement without rows", execute_full, "UPDATE t SET a = 1")
+    counted("dbapi: statement with three parameters", execute_full,
+            "INSERT INTO t VALUES (?, ?, ?)", (5, 1.5, "text"))
+    counted("dbapi: point query", point)
+    for start in range(1000, 4000, 1000):  # until as many are kept as ever
+        execute_new(start)
+    probe.toggle()
+    execute_new(4000)
+    probe.toggle()
+    probe.dump("dbapi: statement never seen")
     for value in (5, 1.5, "short text", zelqa.Date(2026, 11, 21)):
         rows = [(value,)] * BATCH
         counted("batch of %s" % type(value).__name__, cursor.executemany,
                 "INSERT INTO t VALUES (?)", rows)
+        if not isinstance(value, zelqa.Date):
+            counted("dbapi: batch of %s" % type(value).__name__, full.executemany,
+                    "INSERT INTO t VALUES (?)", rows)
 
 
 def counts():
@@ -97,30 +128,31 @@ def counts():
 
     result = {}
     for name in TYPES:
-        for who in ("loop", "fetch", "module"):
+        for who in ("loop", "fetch", "module", "dbapi"):
             cell = (raw["%s %s 9" % (who, name)] - raw["%s %s 1" % (who, name)]) / (8 * ROWS)
             result["%s cell %s" % (who, name)] = cell
             result["%s row %s" % (who, name)] = raw["%s %s 1" % (who, name)] / ROWS - cell
         for what in ("cell", "row"):
             result["module %s %s" % (what, name)] -= result.pop("fetch %s %s" % (what, name))
     for label, count in raw.items():
-        if label.startswith(("statement", "query")):
-            result[label] = count / EXECUTES
-        elif label.startswith("batch"):
+        if "batch" in label:
             result[label] = count / BATCH
+        elif label.startswith(("statement", "query", "dbapi:")):
+            result[label] = count / EXECUTES
     return result
 
 
 def print_table(now):
-    print("instructions %28s %9s %7s" % ("module", "loop", "ratio"))
+    print("instructions %28s %9s %9s %7s" % ("zelqa", "dbapi", "loop", "ratio"))
     for what in ("cell", "row"):
         for name in TYPES:
-            ours, loop = now["module %s %s" % (what, name)], now["loop %s %s" % (what, name)]
-            print("%-30s %10.0f %9.0f %7.2f"
-                  % ("a %s of %s" % (what, name), ours, loop, ours / loop))
+            ours, full, loop = [now["%s %s %s" % (who, what, name)]
+                                for who in ("module", "dbapi", "loop")]
+            print("%-30s %10.0f %9.0f %9.0f %7.2f"
+                  % ("a %s of %s" % (what, name), ours, full, loop, ours / loop))
     for label in now:
-        if not label.startswith(("module", "loop")):
-            print("%-30s %10.0f" % (label, now[label]))
+        if not label.startswith(("module", "loop", "dbapi ")):
+            print("%-40s %10.0f" % (label, now[label]))
 
 
 def surroundings():

@@ -49,6 +49,21 @@ class Sqlite3:
         connection.commit()
 
 
+class Dbapi:
+    name = "dbapi"
+    marker = "?"
+
+    def __init__(self):
+        from vorda import dbapi
+        self.module = dbapi
+
+    def connect(self, path, typed=False):
+        return self.module.connect(path)
+
+    begin = Sqlite3.begin
+    commit = Sqlite3.commit
+
+
 class Pyodbc:
     name = "pyodbc"
     marker = "?"
@@ -75,6 +90,13 @@ class Pyodbc:
 class ServerZelqa(Zelqa):
     def connect(self, source):
         return self.module.connect(source.string)
+
+
+class ServerDbapi(Dbapi):
+    def connect(self, source):
+        return self.module.connect(source.string, autocommit=True)
+
+    begin = Pyodbc.begin
 
 
 class Psycopg:
@@ -108,12 +130,14 @@ class ServerPyodbc(Pyodbc):
         return self.module.connect(source.string, autocommit=True)
 
 
-ON_FILE = (Zelqa, Sqlite3, Pyodbc)
-ON_SERVER = (ServerZelqa, Psycopg, ServerPyodbc)
+# By our own driver, which comes first.
+ON_FILE = {"zelqa": (Zelqa, Sqlite3, Pyodbc), "dbapi": (Dbapi, Sqlite3, Pyodbc)}
+ON_SERVER = {"zelqa": (ServerZelqa, Psycopg, ServerPyodbc),
+             "dbapi": (ServerDbapi, Psycopg, ServerPyodbc)}
 
 
-def available(kinds=ON_FILE):
-    """The module first, then the peers that this machine has."""
+def available(kinds):
+    """Our own driver first, then the peers that this machine has."""
     peers = []
     for kind in kinds:
         try:

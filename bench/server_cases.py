@@ -85,7 +85,13 @@ def points(source, count):
     return Case("%d point queries" % count, prepare, run, run)
 
 
-def writing(source, count):
+def one_by_one(peer, connection, cursor, rows):
+    sql = "INSERT INTO w VALUES (%s)" % ", ".join([peer.marker] * 3)
+    for row in rows:
+        cursor.execute(sql, row)
+
+
+def writing(source, name, count, write):
     rows = [(n, n * 0.5, "text %d" % n) for n in range(count)]
 
     @contextlib.contextmanager
@@ -98,14 +104,14 @@ def writing(source, count):
             yield connection, cursor
 
     def run(peer, state):
-        in_one_batch(peer, *state, rows)
+        write(peer, *state, rows)
 
     def result(peer, state):
         run(peer, state)
         state[1].execute("SELECT count(*), sum(a), sum(b), max(c), count(DISTINCT c) FROM w")
         return tuple(map(plain, state[1].fetchone()))
 
-    return Case("executemany of %d rows" % count, prepare, run, result)
+    return Case("%s of %d rows" % (name, count), prepare, run, result)
 
 
 def server_cases(source, peer, quick):
@@ -117,5 +123,6 @@ def server_cases(source, peer, quick):
     for columns in (4, 1):
         yield reading(source, columns, rows)
     yield points(source, 5000 // scale)
-    yield writing(source, 20000 // scale)
+    yield writing(source, "executemany", 20000 // scale, in_one_batch)
+    yield writing(source, "single inserts", 5000 // scale, one_by_one)
     yield connecting(source, 50 // scale)

@@ -6,7 +6,7 @@ if [ "${1:-}" = counts ]; then
     setup
     has_header valgrind/callgrind.h || install_packages valgrind
     cmake_options=-DVORDA_BENCH=ON
-    build release zelqa null_runtime probe
+    build release $package_targets null_runtime probe
     LD_LIBRARY_PATH=$folder/null PYTHONPATH=$folder/python:$folder/null "$python" bench/counts.py "$@"
 else
     program=bench/bench.py
@@ -16,5 +16,12 @@ else
     fi
     setup
     build release $package_targets
-    PYTHONPATH=$folder/python "$python" $program "$@"
+    # The peers that this machine lacks, where an index has them.
+    peers=$PWD/build/peers-${folder##*/}
+    for peer in pyodbc:pyodbc psycopg:'psycopg[binary]'; do
+        PYTHONPATH=$peers "$python" -c "import ${peer%%:*}" 2>/dev/null ||
+            "$python" -m pip install --quiet --disable-pip-version-check --retries 0 --timeout 20 \
+                --target "$peers" "${peer#*:}" 2>/dev/null || say "NO ${peer%%:*} for $python"
+    done
+    PYTHONPATH=$folder/python:$peers "$python" $program "$@"
 fi
