@@ -22,7 +22,7 @@ constexpr ByteSet setOf(std::string_view bytes) noexcept {
 /// Letters of other alphabets are bytes from 0x80 on.
 constexpr ByteSet kNameCharacters = [] {
     ByteSet set = setOf("0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ_abcdefghijklmnopqrstuvwxyz");
-    for (size_t letter = 0x80; letter < set.size(); ++letter) set[letter] = true;
+    std::fill(set.begin() + 0x80, set.end(), true);
     return set;
 }();
 constexpr ByteSet kBlanks = setOf(" \t\r\n\f\v");
