@@ -32,7 +32,7 @@ TEST_F(CatalogTest, TablesByPattern) {
     EXPECT_EQ(Rows({"NULL|main|pe_ple|TABLE|NULL", "NULL|main|people|TABLE|NULL",
                     "NULL|temp|scratch|TABLE|NULL", "NULL|main|adults|VIEW|NULL"}),
               tables(nullptr, nullptr, nullptr, "'TABLE', view"));
-    EXPECT_EQ(2U, tables(nullptr, "main", "PE_PLE", "TABLE").size());
+    EXPECT_EQ(2U, tables(nullptr, "main", "PE_PLE", "%").size());
     EXPECT_EQ(Rows{"NULL|main|pe_ple|TABLE|NULL"}, tables("", "%", "pe\\_ple", "TABLE"));
     EXPECT_EQ(1U, tables(nullptr, "main", "sqlite_master", "SYSTEM TABLE").size());
     EXPECT_EQ(Rows{"NULL|main|vorda_procedures|SYSTEM TABLE|NULL"},

@@ -172,6 +172,15 @@ TEST_F(DriverResults, ComeOneAfterTheOtherIfAllAreAskedFor) {
     }
 }
 
+TEST_F(DriverResults, ComeFromANewPlanWhereTheOldOneIsStale) {
+    dialect(u"PostgreSQL");
+    Connection connection(kDriverText);
+    script.diagnostics = {{u"0A000", 1, u"cached plan must not change result type"}};
+    script.answers["SQLExecute"] = failing();
+    for (int execution = 0; execution < 3; ++execution)
+        EXPECT_EQ(Rows({"1", "2"}), connection.query("SELECT c FROM t"));
+}
+
 TEST_F(DriverResults, OfChangesHaveColumnsOrNone) {
     Connection connection(kDriverText);
     Statement statement(connection.handle);

@@ -145,6 +145,8 @@ def begin(world):
 
 
 def commit(world):
+    if full:
+        return world.connection.commit()
     try:
         world.cursor.execute("COMMIT")
     except module.DatabaseError as error:
@@ -203,6 +205,11 @@ def read_on(world):
     return len(rows)
 
 
+def differing(world):
+    return world.cursor.executemany(
+        "INSERT INTO log VALUES (:v)", ({"v": v} for v in ("x", None, 5, LONG))).rowcount
+
+
 def nextset(world):
     world.cursor.execute(QUERY, (1, ""))
     return world.cursor.nextset()
@@ -259,15 +266,16 @@ if full:
         "rollback": Operation(lambda w: in_transaction(w, "rollback")),
         "values": Operation(lambda w: w.cursor.execute(
             "SELECT ?, ?, ?, ?", (None, b"x" * 999, uuid.UUID(int=1), bytearray(9))).fetchall()),
-        "differing": Operation(lambda w: w.cursor.executemany(
-            "INSERT INTO log VALUES (:v)", ({"v": v} for v in ("x", None, 5, LONG))).rowcount),
+        "differing": Operation(differing),
+        "differing in a transaction": Operation(differing, begin, commit, failed="none"),
         "script": Operation(lambda w: w.cursor.executescript(
             "INSERT INTO log VALUES (1); SELECT 1").fetchall(), failed="done"),
     })
 
 # What comes next after a failure.
 NEXT = [lambda w: None] + full * [
-    lambda w: w.connection.commit(), lambda w: setattr(w.connection, "autocommit", True),
+    lambda w: w.connection.commit(), lambda w: w.connection.rollback(),
+    lambda w: setattr(w.connection, "autocommit", True),
     lambda w: w.cursor.executemany("DELETE FROM t WHERE k = ?", [(-1,), ("other",)])]
 
 # Beside MemoryError and what speaks of memory: where the cause is not handed on.
@@ -338,6 +346,7 @@ def check(operation, good, first, last):
             # Undoing needs memory, too; what had to wait for it comes before whatever is next.
             NEXT[first % len(NEXT)](world)
             world.cursor.execute("PRAGMA user_version")
+            assert not full or world.connection.autocommit
         states = good.states_after(operation, failed)
         found = world.state()
         assert found in states, "%s: %r" % ("failed, but done" if failed else "not done", [

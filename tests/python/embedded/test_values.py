@@ -1,8 +1,6 @@
 """Values in and out: exact, or an error."""
 
 import contextlib
-import datetime
-import random
 
 import pytest
 
@@ -54,27 +52,3 @@ def test_a_cell_that_does_not_fit_its_column_is_an_error(cursor, stdlib, path, d
         with contextlib.closing(dbapi.connect(path)) as other:
             with pytest.raises(dbapi.DataError, match="misfit"):
                 other.execute("SELECT misfit FROM t").fetchone()
-
-
-def test_a_random_table_is_to_the_standard_library_what_it_is_here(cursor, stdlib):
-    chance = random.Random(11)
-    cursor.execute("CREATE TABLE t (i INTEGER PRIMARY KEY, a BIGINT, b REAL, c TEXT, d DATETIME)")
-    alphabet = "abc'\" é€\U0001F600\n"
-    fractions = [0, 1, 9, 10, 250, 999, 1000, 5000, 123456, 999999]
-    stamps = [datetime.datetime(2024, 5, 6, 7, 8, 9, fraction) for fraction in fractions + [
-        chance.randrange(1000000) for _ in range(500)]]
-    rows = [(i, chance.choice([None, chance.randrange(-(2**63), 2**63)]),
-             chance.choice([None, chance.uniform(-1e9, 1e9)]),
-             chance.choice([None, "".join(chance.choices(alphabet, k=chance.randrange(200)))]),
-             stamp) for i, stamp in enumerate(stamps)]
-    stdlib.execute("BEGIN")
-    stdlib.executemany("INSERT INTO t VALUES (?, ?, ?, ?, ?)",
-                       [(*row[:4], row[4].isoformat(" ")) for row in rows])
-    stdlib.execute("COMMIT")
-    assert [tuple(row) for row in cursor.execute("SELECT * FROM t ORDER BY i")] == rows
-    cursor.execute("BEGIN")
-    for i, *_, stamp in rows:
-        cursor.execute("UPDATE t SET d = ? WHERE i = ?", stamp, i)
-    cursor.execute("COMMIT")
-    stored = [text for (text,) in stdlib.execute("SELECT d FROM t ORDER BY i")]
-    assert stored == [stamp.isoformat(" ") for stamp in stamps]
