@@ -15,6 +15,11 @@ from .. import dbapi as vorda_dbapi
 _OTHER_CASE = {"timeout": "Timeout", "autocommit": "Autocommit"}
 
 
+def _own(connection: Any) -> Any:
+    """The connection itself, where SQLAlchemy 1.4 gives its pool's one."""
+    return getattr(connection, "dbapi_connection", connection)
+
+
 class Dialect:
     """Stands before SQLAlchemy's own dialect of the database among the bases of one on vorda."""
 
@@ -22,6 +27,7 @@ class Dialect:
     default_paramstyle = "qmark"
     supports_statement_cache = True
     supports_native_decimal = True
+    supports_sane_rowcount_returning = False
     # What a driver says besides class 08 when its connection is gone.
     lost_states: FrozenSet[str] = frozenset()
     lost_codes: FrozenSet[int] = frozenset()
@@ -73,6 +79,7 @@ class Dialect:
 
     def get_isolation_level(self, connection: Any) -> Any:
         parent: Any = super()
+        connection = _own(connection)
         was_in_transaction = connection.in_transaction
         level = parent.get_isolation_level(connection)
         if not was_in_transaction:
@@ -81,13 +88,14 @@ class Dialect:
 
     def set_isolation_level(self, connection: Any, level: str) -> None:
         parent: Any = super()
+        connection = _own(connection)
         connection.autocommit = True
         if level != "AUTOCOMMIT":
             parent.set_isolation_level(connection, level)
             connection.autocommit = False
 
     def detect_autocommit_setting(self, connection: Any) -> bool:
-        return bool(connection.autocommit)
+        return bool(_own(connection).autocommit)
 
     def do_rollback(self, connection: Any) -> None:
         # A connection may come back to its pool while a thread that was given up still uses it.

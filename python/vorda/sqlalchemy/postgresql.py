@@ -148,17 +148,27 @@ _COLSPECS: Dict[Any, Any] = {
     types.ARRAY: _Array,
     postgresql.ARRAY: _Array,
 }
+_Compiler: Any = type("_Compiler", (), {})
+_Reflection: Any = type("_Reflection", (), {})
 if hasattr(ranges, "AbstractSingleRangeImpl"):
     from . import postgresql_ranges
 
     _COLSPECS.update(postgresql_ranges.COLSPECS)
+else:
+    from . import postgresql_14
+
+    _Compiler, _Reflection = postgresql_14.Compiler, postgresql_14.Reflection
 
 
-class PGCompiler_vorda(base.PGCompiler):
+class PGCompiler_vorda(_Compiler, base.PGCompiler):
     def render_bind_cast(self, type_: Any, dbapi_type: Any, sqltext: str) -> Any:
         if isinstance(dbapi_type, _Numeric):
             dbapi_type = _Numeric()  # to no scale: nothing is rounded
-        return super().render_bind_cast(type_, dbapi_type, sqltext)
+        elif isinstance(dbapi_type, types.String) and not isinstance(dbapi_type, types.Enum):
+            dbapi_type = types.String()  # and to no length
+        compiler = self.dialect.type_compiler
+        name = compiler.process(dbapi_type, identifier_preparer=self.preparer)
+        return "%s::%s" % (sqltext, name)
 
     def visit_custom_op_binary(self, element: Any, operator: Any, **kw: Any) -> Any:
         function = _FUNCTIONS.get(operator.opstring)
@@ -172,7 +182,7 @@ class PGCompiler_vorda(base.PGCompiler):
 _FUNCTIONS = {"?": "jsonb_exists", "?|": "jsonb_exists_any", "?&": "jsonb_exists_all"}
 
 
-class PGDialect_vorda(common.Dialect, base.PGDialect):
+class PGDialect_vorda(common.Dialect, _Reflection, base.PGDialect):
     supports_statement_cache = True
     statement_compiler = PGCompiler_vorda
     colspecs = _COLSPECS

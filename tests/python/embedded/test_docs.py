@@ -64,8 +64,8 @@ def run_blocks(text, tmp_path, monkeypatch, capfd):
             assert_shown(printed, capfd.readouterr().out)
 
 
-# The page on servers is run where there are servers.
-@pytest.mark.parametrize("page", [page for page in PAGES if page != "docs/servers.md"])
+# The pages on servers and on SQLAlchemy are run where these are.
+@pytest.mark.parametrize("page", sorted({*PAGES} - {"docs/servers.md", "docs/sqlalchemy.md"}))
 def test_page_shows_what_happens(page, tmp_path, monkeypatch, capfd):
     run_blocks((ROOT / page).read_text(encoding="utf-8"), tmp_path, monkeypatch, capfd)
 

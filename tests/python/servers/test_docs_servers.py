@@ -56,3 +56,9 @@ def test_page(name, databases, tmp_path, monkeypatch, capfd):
 
 def test_every_driver_of_the_page_is_known_here():
     assert {entry["Driver"] for entry in sources().values()} <= set(TEXT.split("`"))
+
+
+def test_the_page_on_sqlalchemy(tmp_path, monkeypatch, capfd):
+    pytest.importorskip("sqlalchemy")
+    text = (docs.ROOT / "docs" / "sqlalchemy.md").read_text(encoding="utf-8")
+    docs.run_blocks(text, tmp_path, monkeypatch, capfd)

@@ -3,6 +3,8 @@ dialects does not ask."""
 
 import datetime
 import decimal
+import pathlib
+import shutil
 import threading
 import time
 
@@ -76,7 +78,7 @@ def test_values_come_back(engine, db):
         assert [tuple(found) for found in rows[::2]] == [tuple(row.values())] * 2
         assert set(rows[1]) == {None}
         for column, value in zip(columns, row.values()):
-            if not isinstance(column.type, (sa.JSON, sa.Enum)):
+            if not isinstance(column.type, (sa.JSON, mysql.SET)):
                 found = connection.scalar(sa.select(sa.func.count()).where(column == value))
                 assert found == 2, column.type
         table.drop(connection)
@@ -119,3 +121,62 @@ def test_what_comes_back_to_the_pool_is_cancelled(engine, db):
     assert time.monotonic() - begin < 10 and errors[0].sqlstate in ("HY008", "57014", "HY018")
     with db.connect() as connection:
         assert connection.scalar(sa.text("SELECT 1")) == 1
+
+
+ENV = """
+from alembic import context
+given = context.config.attributes
+context.configure(connection=given["connection"], target_metadata=given["metadata"],
+                  include_name=lambda name, kind, parents: kind != "table" or name == "t")
+with context.begin_transaction():
+    context.run_migrations()
+"""
+
+
+def test_alembic_finds_what_changed_and_goes_there(db, tmp_path):
+    alembic = pytest.importorskip("alembic")
+    from alembic import command, config
+
+    (tmp_path / "versions").mkdir()
+    (tmp_path / "env.py").write_text(ENV)
+    template = pathlib.Path(alembic.__file__).parent / "templates" / "generic" / "script.py.mako"
+    shutil.copy(str(template), str(tmp_path))
+    history = config.Config()
+    history.set_main_option("script_location", str(tmp_path))
+
+    def columns(number):
+        every = [sa.Column("id", sa.Integer, primary_key=True), sa.Column("a", sa.String(9)),
+                 sa.Column("at", sa.DateTime(), index=True), sa.Column("n", sa.Numeric(8, 2))]
+        return every[:number]
+
+    def run(number, call, *args, **keywords):
+        metadata = sa.MetaData()
+        sa.Table("t", metadata, *columns(number))
+        with db.begin() as connection:
+            history.attributes.update(connection=connection, metadata=metadata)
+            return call(history, *args, **keywords)
+
+    for number in (2, 4, 4):
+        revision = run(number, command.revision, autogenerate=True)
+        run(number, command.upgrade, "head")
+        assert [column["name"] for column in sa.inspect(db).get_columns("t")] == [
+            column.name for column in columns(number)]
+    assert "op." not in pathlib.Path(revision.path).read_text()
+    run(2, command.downgrade, "base")
+    assert not sa.inspect(db).has_table("t")
+    with db.begin() as connection:
+        connection.execute(sa.text("DROP TABLE alembic_version"))
+
+
+def test_pandas_writes_and_reads(db):
+    pandas = pytest.importorskip("pandas")
+    frame = pandas.DataFrame({"id": [1, 2], "name": ["é", None], "price": [0.5, float("nan")],
+                              "at": pandas.to_datetime(["2024-02-29 01:02:03", None]),
+                              "ok": [True, False]})
+    assert frame.to_sql("t", db, index=False) in (None, 2)
+    read = pandas.read_sql("t", db)
+    assert read.astype(object).where(read.notna(), None).values.tolist() == [
+        [1, "é", 0.5, pandas.Timestamp("2024-02-29 01:02:03"), True], [2, None, None, None, False]]
+    name, id_ = sa.column("name"), sa.column("id")
+    query = sa.select(name).select_from(sa.table("t")).where(id_ == 1)
+    assert pandas.read_sql(query, db).values.tolist() == [["é"]]
