@@ -27,7 +27,6 @@ class Dialect:
     default_paramstyle = "qmark"
     supports_statement_cache = True
     supports_native_decimal = True
-    supports_sane_rowcount_returning = False
     # What a driver says besides class 08 when its connection is gone.
     lost_states: FrozenSet[str] = frozenset()
     lost_codes: FrozenSet[int] = frozenset()
@@ -96,6 +95,9 @@ class Dialect:
 
     def detect_autocommit_setting(self, connection: Any) -> bool:
         return bool(_own(connection).autocommit)
+
+    def do_begin_twophase(self, connection: Any, xid: Any) -> None:
+        raise NotImplementedError("Two-phase transactions are not offered.")
 
     def do_rollback(self, connection: Any) -> None:
         # A connection may come back to its pool while a thread that was given up still uses it.

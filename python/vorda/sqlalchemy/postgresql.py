@@ -10,6 +10,8 @@ from uuid import UUID
 from sqlalchemy import cast, extract, literal_column, type_coerce, types
 from sqlalchemy.dialects import postgresql
 from sqlalchemy.dialects.postgresql import base, json, ranges
+from sqlalchemy.sql.elements import Label
+from sqlalchemy.sql.visitors import replacement_traverse
 
 from . import common
 from . import postgresql_texts as texts
@@ -170,6 +172,23 @@ class PGCompiler_vorda(_Compiler, base.PGCompiler):
         name = compiler.process(dbapi_type, identifier_preparer=self.preparer)
         return "%s::%s" % (sqltext, name)
 
+    def order_by_clause(self, select: Any, **kw: Any) -> Any:
+        # DISTINCT orders by what is selected: by microseconds, where it is those.
+        clause = select._order_by_clause
+        if len(self.stack) > 1 or not getattr(select, "_distinct", False) or select._distinct_on:
+            return super().order_by_clause(select, **kw)
+        columns = list(select.inner_columns)
+        selected = {*columns, *(column.element for column in columns if isinstance(column, Label))}
+
+        def replace(element: Any, **_: Any) -> Any:
+            if element not in selected or isinstance(element, Label):
+                return None
+            impl = element.type.dialect_impl(self.dialect)
+            return impl.column_expression(element) if impl._has_column_expression else None
+
+        sql = self.process(replacement_traverse(clause, {}, replace), **kw)
+        return " ORDER BY " + sql if sql else ""
+
     def visit_custom_op_binary(self, element: Any, operator: Any, **kw: Any) -> Any:
         function = _FUNCTIONS.get(operator.opstring)
         if not function:
@@ -184,6 +203,7 @@ _FUNCTIONS = {"?": "jsonb_exists", "?|": "jsonb_exists_any", "?&": "jsonb_exists
 
 class PGDialect_vorda(common.Dialect, _Reflection, base.PGDialect):
     supports_statement_cache = True
+    supports_sane_rowcount_returning = False
     statement_compiler = PGCompiler_vorda
     colspecs = _COLSPECS
     odbc_driver = "PostgreSQL Unicode"

@@ -81,6 +81,9 @@ def test_values_come_back(engine, db):
             if not isinstance(column.type, (sa.JSON, mysql.SET)):
                 found = connection.scalar(sa.select(sa.func.count()).where(column == value))
                 assert found == 2, column.type
+            if isinstance(column.type, sa.DateTime):
+                query = sa.select(column.label("x")).distinct().order_by(column.desc())
+                assert len(connection.execute(query).all()) == 2
         table.drop(connection)
 
 
