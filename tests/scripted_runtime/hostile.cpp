@@ -152,6 +152,7 @@ class Hostile {
         } else if (!isPromise) {
             LieInOutputs(call);
         }
+        if (call.Base().starts_with("SQLExec")) LieAboutSets(handle);
         return isLie && (!isPromise || OdbcSucceeded(status)) ? lie : status;
     }
 
@@ -190,14 +191,18 @@ class Hostile {
         if (isNull || Chance(0.6)) Put(target.indicators, isNull ? SQL_NULL_DATA : AnyNumber());
     }
 
+    void LieAboutSets(const Handle& statement) {
+        auto* const states = statement.Pointer<SQLUSMALLINT>(SQL_ATTR_PARAM_STATUS_PTR);
+        for (long long set = 0; states && set < statement.ParameterSets(); ++set)
+            if (Lies(Cells)) states[set] = static_cast<SQLUSMALLINT>(Below(10));
+        auto* const done = statement.Pointer<SQLULEN>(SQL_ATTR_PARAMS_PROCESSED_PTR);
+        if (done && Lies(Cells, 0.1)) *done = static_cast<SQLULEN>(AnyNumber());
+    }
+
     void LieAboutRows(const Handle& statement) {
-        const auto attribute = [&](long long which) {
-            const auto found = statement.attributes.find(which);
-            return found == statement.attributes.end() ? 0 : found->second;
-        };
-        auto* const fetched = reinterpret_cast<SQLULEN*>(attribute(SQL_ATTR_ROWS_FETCHED_PTR));
-        auto* const states = reinterpret_cast<SQLUSMALLINT*>(attribute(SQL_ATTR_ROW_STATUS_PTR));
-        const auto stride = attribute(SQL_ATTR_ROW_BIND_TYPE);
+        auto* const fetched = statement.Pointer<SQLULEN>(SQL_ATTR_ROWS_FETCHED_PTR);
+        auto* const states = statement.Pointer<SQLUSMALLINT>(SQL_ATTR_ROW_STATUS_PTR);
+        const auto stride = statement.Attribute(SQL_ATTR_ROW_BIND_TYPE);
         const SQLULEN rows = fetched ? *fetched : 1;
         for (SQLULEN row = 0; row < rows; ++row) {
             const auto offset = static_cast<long long>(row) * stride;

@@ -93,10 +93,15 @@ struct Handle {
     Result result;
     std::size_t nextRow = 0;
 
-    long long ParameterSets() const {
-        const auto found = attributes.find(SQL_ATTR_PARAMSET_SIZE);
-        return found == attributes.end() ? 1 : found->second;
+    long long Attribute(long long which, long long unset = 0) const {
+        const auto found = attributes.find(which);
+        return found == attributes.end() ? unset : found->second;
     }
+    template <typename T>
+    T* Pointer(long long which) const {
+        return reinterpret_cast<T*>(Attribute(which));
+    }
+    long long ParameterSets() const { return Attribute(SQL_ATTR_PARAMSET_SIZE, 1); }
 };
 
 struct Diagnostic {
