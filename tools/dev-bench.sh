@@ -1,5 +1,5 @@
 # Arguments go to bench/bench.py; behind "counts" as the first one to bench/counts.py, which counts instructions, and
-# behind "growth" to bench/growth.py.
+# behind "growth" to bench/growth.py, behind "frames" to bench/frames.py with the peers that an index has.
 if [ "${1:-}" = counts ]; then
     shift
     wanted="valgrind=valgrind"
@@ -10,15 +10,21 @@ if [ "${1:-}" = counts ]; then
     LD_LIBRARY_PATH=$folder/null PYTHONPATH=$folder/python:$folder/null "$python" bench/counts.py "$@"
 else
     program=bench/bench.py
+    wanted_peers="pyodbc:pyodbc psycopg:psycopg[binary]"
     if [ "${1:-}" = growth ]; then
         shift
         program=bench/growth.py
+    elif [ "${1:-}" = frames ]; then
+        shift
+        program=bench/frames.py
+        wanted_peers="pyarrow:pyarrow pandas:pandas adbc_driver_sqlite:adbc-driver-sqlite
+            adbc_driver_postgresql:adbc-driver-postgresql arrow_odbc:arrow-odbc"
     fi
     setup
     build release $package_targets
     # The peers that this machine lacks, where an index has them.
     peers=$PWD/build/peers-${folder##*/}
-    for peer in pyodbc:pyodbc psycopg:'psycopg[binary]'; do
+    for peer in $wanted_peers; do
         PYTHONPATH=$peers "$python" -c "import ${peer%%:*}" 2>/dev/null ||
             "$python" -m pip install --quiet --disable-pip-version-check --retries 0 --timeout 20 \
                 --target "$peers" "${peer#*:}" 2>/dev/null || say "NO ${peer%%:*} for $python"

@@ -49,6 +49,7 @@ _MAKING = {
 
 def ingest(connection: dbapi.Connection, table: str, data: Any) -> int:
     given = _statement.ArrowInput(data)
+    is_open = connection.in_transaction
     dialect = dialect_of(connection)
     making = _MAKING.get(dialect.name)
     target = dialect.quoted(table)
@@ -56,9 +57,9 @@ def ingest(connection: dbapi.Connection, table: str, data: Any) -> int:
     is_made = False
     asked = (target if making and making.quoted else table,)
     if making and not connection.execute(making.is_there, asked).fetchall()[0][0]:
-        if making.commits and connection.in_transaction:
+        if making.commits and is_open:
             raise dbapi.ProgrammingError(
-                "There is no table %s, and making it would commit what is open" % target
+                "There is no table %s, and making it commits what is open: commit() first" % target
             )
         types = {**_TYPES, **making.types}
         declared = (

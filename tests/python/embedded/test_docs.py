@@ -64,9 +64,14 @@ def run_blocks(text, tmp_path, monkeypatch, capfd):
             assert_shown(printed, capfd.readouterr().out)
 
 
+NEEDED = {"docs/frames.md": ["pyarrow", "polars", "pandas", "duckdb"]}
+
+
 # The pages on servers and on SQLAlchemy are run where these are.
 @pytest.mark.parametrize("page", sorted({*PAGES} - {"docs/servers.md", "docs/sqlalchemy.md"}))
 def test_page_shows_what_happens(page, tmp_path, monkeypatch, capfd):
+    for library in NEEDED.get(page, []):
+        pytest.importorskip(library)
     run_blocks((ROOT / page).read_text(encoding="utf-8"), tmp_path, monkeypatch, capfd)
 
 

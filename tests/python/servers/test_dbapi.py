@@ -6,6 +6,7 @@ import subprocess
 import sys
 import threading
 import time
+from decimal import Decimal
 
 import pytest
 
@@ -133,4 +134,37 @@ def test_a_transaction_that_a_statement_opened_is_seen(engine):
         connection.execute("BEGIN")
         assert connection.in_transaction
         end()
+    connection.close()
+
+
+def test_a_frame_goes_from_table_to_table(engine):
+    if engine.name == "sqliteodbc":
+        pytest.skip("its driver's numbers come as texts")
+    connection = dbapi.connect(engine.string)
+    kinds = [engine.kind(name) for name in ("bigint", "double", "decimal", "boolean", "date",
+                                            "time", "timestamp", "text")]
+    most = max(len(kind.values) for kind in kinds)
+    rows = [tuple(Decimal(k.values[i % len(k.values)]) if k.declared.startswith("DEC")
+                  else k.values[i % len(k.values)] for k in kinds) + (b"\0\xff", i)
+            for i in range(most * 20)] + [(None,) * 9 + (-1,)]
+    for table in ("frame", "other"):
+        connection.execute("DROP TABLE IF EXISTS " + table)
+    columns = [kind.declared for kind in kinds] + [engine.binary, "INTEGER"]
+    connection.execute("CREATE TABLE frame (%s)" % ", ".join(
+        "c%d %s" % pair for pair in enumerate(columns)))
+    connection.executemany("INSERT INTO frame VALUES (%s)" % ", ".join("?" * 10), rows)
+    connection.commit()
+    cursor = connection.execute("SELECT * FROM frame ORDER BY c9")
+    rows = cursor.fetchall()
+    for batch_rows in (50, 65536):
+        stream = cursor.execute("SELECT * FROM frame ORDER BY c9").fetch_arrow(batch_rows)
+        if engine.name == "mariadb" and batch_rows == 50:
+            with pytest.raises(dbapi.ProgrammingError, match=r"commit\(\) first"):
+                dbapi.ingest(connection, "other", stream)
+            stream = cursor.execute("SELECT * FROM frame ORDER BY c9").fetch_arrow(batch_rows)
+            connection.commit()
+        assert dbapi.ingest(connection, "other", stream) == len(rows)
+        connection.commit()
+    assert connection.execute("SELECT * FROM other ORDER BY c9").fetchall() == [
+        row for row in rows for _ in range(2)]
     connection.close()
