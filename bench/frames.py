@@ -24,40 +24,40 @@ QUERY = "SELECT id, n, x, a, b, d FROM t"
 SQLITE_DRIVER = "/usr/lib/x86_64-linux-gnu/odbc/libsqlite3odbc.so"
 
 
-# --- ways to read: each prepares, and returns what reads a table of the rows ----------------------
+# --- ways to read: each prepares, and returns what makes a table of a query's rows ----------------
 
 def dbapi_arrow(source):
     import pyarrow
     from vorda import dbapi
     connection = dbapi.connect(source)
-    return lambda: pyarrow.table(connection.execute(QUERY).fetch_arrow())
+    return lambda query: pyarrow.table(connection.execute(query).fetch_arrow())
 
 
-def fetched(connection):
-    with connection.cursor() as cursor:
-        cursor.execute(QUERY)
-        return cursor.fetch_arrow_table()
+def adbc(connection):
+    def read(query):
+        with connection.cursor() as cursor:
+            cursor.execute(query)
+            return cursor.fetch_arrow_table()
+    return read
 
 
 def adbc_sqlite(source):
     from adbc_driver_sqlite import dbapi
-    connection = dbapi.connect(source)
-    return lambda: fetched(connection)
+    return adbc(dbapi.connect(source))
 
 
 def adbc_postgresql(source):
     from adbc_driver_postgresql import dbapi
     words = dict(word.split("=") for word in source.split(";") if "=" in word)
-    connection = dbapi.connect("postgresql://%(UID)s@127.0.0.1:%(Port)s/%(Database)s" % words)
-    return lambda: fetched(connection)
+    return adbc(dbapi.connect("postgresql://%(UID)s@127.0.0.1:%(Port)s/%(Database)s" % words))
 
 
 def arrow_odbc(source):
     import arrow_odbc
     import pyarrow
     string = "Driver=%s;Database=%s" % (SQLITE_DRIVER, source)
-    return lambda: pyarrow.Table.from_batches(
-        arrow_odbc.read_arrow_batches_from_odbc(query=QUERY, connection_string=string,
+    return lambda query: pyarrow.Table.from_batches(
+        arrow_odbc.read_arrow_batches_from_odbc(query=query, connection_string=string,
                                                 max_text_size=64))
 
 
@@ -65,13 +65,13 @@ def pandas_dbapi(source):
     import pandas
     from vorda import dbapi
     connection = dbapi.connect(source)
-    return lambda: pandas.read_sql(QUERY, connection)
+    return lambda query: pandas.read_sql(query, connection)
 
 
 def pandas_sqlite3(source):
     import pandas
     connection = sqlite3.connect(source)
-    return lambda: pandas.read_sql(QUERY, connection)
+    return lambda query: pandas.read_sql(query, connection)
 
 
 # --- what is compared: ours first, and what each other needs --------------------------------------
@@ -87,14 +87,12 @@ def run(way, source):
     """In a process of its own: prints seconds, processor seconds, and megabytes."""
     import warnings
     warnings.simplefilter("ignore")
-    with contextlib.suppress(ImportError):
-        import pyarrow
-        pyarrow.table({"a": [1]})  # imports what it needs later
     read = globals()[way](source)
+    read(QUERY + " LIMIT 10")  # imports what it needs later
     with open("/proc/self/status") as file:
         before = next(int(line.split()[1]) for line in file if line.startswith("VmHWM"))
     wall, processor = time.perf_counter(), time.process_time()
-    table = read()
+    table = read(QUERY)
     wall, processor = time.perf_counter() - wall, time.process_time() - processor
     with open("/proc/self/status") as file:
         peak = next(int(line.split()[1]) for line in file if line.startswith("VmHWM"))
