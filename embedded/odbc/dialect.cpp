@@ -22,6 +22,7 @@ constexpr Dialect kMySql{.syntax = {.backslashEscapes = true,
 constexpr Dialect mariaDb() noexcept {
     Dialect dialect = kMySql;
     dialect.inTransaction = "SELECT @@in_transaction";
+    dialect.staleQueryCode = 2057;
     return dialect;
 }
 

@@ -28,6 +28,7 @@ struct Dialect {
     /// What the server says when the plan of a prepared statement is out of date; null where it
     /// makes a new one by itself.
     const char* stalePlan = nullptr;
+    int staleQueryCode = 0;  ///< the same of queries only, by the native code; 0: none
     /// A 0 or 1 for a Boolean has to be sent as one.
     bool strictBooleans = false;
 };

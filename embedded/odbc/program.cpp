@@ -117,7 +117,8 @@ void OdbcProgram::prepareOnce() {
 // driver loses sight of a transaction that a prepared one has opened.
 SQLRETURN OdbcProgram::executeOnce() {
     using enum StatementKind;
-    const bool mayRepeat = m_kind == Query || m_kind == Change || m_kind == Other;
+    const bool mayRepeat =
+        (m_kind == Query || m_kind == Change || m_kind == Other) && !m_session.quirks().staleTypes;
     if (m_statement->executed && mayRepeat) prepareOnce();
     m_statement->executed = true;
     if (!m_statement->prepared) return m_statement->executeDirect(m_sql.text);
@@ -228,8 +229,11 @@ bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
 
 /// After `error`: whether the server's plan was out of date, and a new one is to be made.
 bool OdbcProgram::renewPlan(const Error& error) {
-    const char* const stalePlan = m_session.dialect().stalePlan;
-    if (!m_statement->prepared || !stalePlan || error.state() != stalePlan) return false;
+    const Dialect& dialect = m_session.dialect();
+    const bool isStale = dialect.stalePlan && error.state() == dialect.stalePlan;
+    const bool isStaleQuery = m_kind == StatementKind::Query && dialect.staleQueryCode != 0 &&
+                              error.native() == dialect.staleQueryCode;
+    if (!m_statement->prepared || (!isStale && !isStaleQuery)) return false;
     const SQLULEN timeout = m_statement->timeout();
     m_statement = std::make_shared<OdbcStatement>(m_session);
     m_statement->setTimeout(timeout);

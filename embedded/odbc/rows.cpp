@@ -1,6 +1,7 @@
 #include "odbc/rows.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstring>
 #include <utility>
 
@@ -50,6 +51,21 @@ constexpr const char* kContradiction = "the driver's lengths contradict each oth
 
 /// Bytes of the longest character. A driver may leave the end of a part free for not cutting one.
 constexpr size_t kCharacter = 4;
+
+/// Makes a number of the text as which alone the driver delivers it right; what is none stays one.
+void readNumber(Cell& cell, SQLSMALLINT sqlType) noexcept {
+    const std::string_view text = cell.bytes;
+    const auto parse = [&](auto& number, Cell::Kind kind) {
+        auto value = number;
+        const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (parsed.ec != std::errc{} || parsed.ptr != text.data() + text.size()) return;
+        number = value;
+        cell.kind = kind;
+    };
+    if (sqlType == SQL_DOUBLE) parse(cell.real, Cell::Kind::Real);
+    if (sqlType == SQL_SMALLINT || sqlType == SQL_INTEGER || sqlType == SQL_BIGINT)
+        parse(cell.integer, Cell::Kind::Integer);
+}
 
 class OdbcRows final : public ResultSet {
   public:
@@ -308,6 +324,7 @@ Cell OdbcRows::cell(int column) {
             cell.bytes = {slot.buffer.data(), length};
             if (slot.form == Form::Utf8)
                 requireUtf8(cell.bytes, "The driver delivered a text that is not UTF-8.");
+            if (slot.form == Form::Ascii) readNumber(cell, m_columns[index].type.sqlType);
             break;
         case Form::Date:
         case Form::Timestamp:
