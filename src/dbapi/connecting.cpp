@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <iterator>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #include "dbapi/failure.h"
 #include "dbapi/waiting.h"
@@ -90,7 +92,12 @@ void Connecting::Open(const std::string& text, long timeout) {
         static_cast<SQLSMALLINT>(text.size()), nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT);
     // Whatever it says: it may be.
     m_isConnected = true;
-    Check(status, SQL_HANDLE_DBC, database.connection);
+    if (!OdbcSucceeded(status)) {
+        std::vector<Diagnostic> records = ReadDiagnostics(SQL_HANDLE_DBC, database.connection);
+        // Not every driver has the state of what it says.
+        if (records.front().state == "HY000") records.front().state = "08001";
+        throw Failure(std::move(records));
+    }
     if (status != SQL_SUCCESS_WITH_INFO) return;
     // What a server remarks on each connection is nobody's business; a key that is not
     // known is.

@@ -86,6 +86,7 @@ PyRef Close(PyObject* object, PyObject*) {
 Statement& StatementWithRows(CursorObject* self) {
     if (!self->statement || !self->statement->HasColumns())
         throw Failure("HY010", "The last operation gave no rows, or they were handed over.");
+    self->link->RefuseInherited();
     return *self->statement;
 }
 

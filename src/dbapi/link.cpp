@@ -53,11 +53,7 @@ Link::~Link() {
 }
 
 Link::Turn::Turn(Link& link) : m_link(link), m_isWithin(link.KeepsOut()) {
-    if (link.IsInherited()) {
-        throw Failure("08S01",
-                      "The connection belongs to the process from which this one was forked; open "
-                      "one of its own.");
-    }
+    link.RefuseInherited();
     if (link.HasTurn()) {
         throw Failure(
             "HY010",
@@ -76,6 +72,13 @@ Link::Turn::~Turn() {
     m_link.TakeInWaiting();
     m_link.m_owner = 0;
     if (!m_isWithin) m_link.m_mutex.unlock();
+}
+
+void Link::RefuseInherited() const {
+    if (!IsInherited()) return;
+    throw Failure("08S01",
+                  "The connection belongs to the process from which this one was forked; open one "
+                  "of its own.");
 }
 
 void Link::Enter() {

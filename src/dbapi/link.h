@@ -122,6 +122,7 @@ class Link {
 
     bool IsOpen() const { return m_database.connection != nullptr; }
     bool IsInherited() const { return m_database.IsInherited(); }
+    void RefuseInherited() const;
     bool Autocommit() const { return m_autocommit; }
     bool InTransaction();
     // Something was executed that a commit would keep.
