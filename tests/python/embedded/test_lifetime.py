@@ -11,37 +11,43 @@ import pytest
 
 PRELUDE = """
 import gc, os, subprocess, sys
-from vorda import zelqa
-path = sys.argv[1]
+from vorda import dbapi, zelqa
+path, driver = sys.argv[1], {"zelqa": zelqa, "dbapi": dbapi}[sys.argv[2]]
 connect_string = "Database={%s};Timeout=0" % path
+
+def connect(connect=driver.connect, string=connect_string,
+            options={"autocommit": True} if driver is dbapi else {}):
+    return connect(string, **options)
 
 def write(connection):
     connection.execute("INSERT INTO t VALUES (0, 'intruder')")
 
-def refused(operation, text="opened before this process was forked"):
+def refused(operation, text="forked"):
     try:
         operation()
-    except zelqa.DatabaseError as error:
+    except driver.DatabaseError as error:
         assert text in str(error), error
     else:
         raise AssertionError("not refused")
 """
 
 
-def run(path, *pieces, status=0):
+def run(path, *pieces, driver="zelqa", status=0):
     """Runs a program made of pieces in a process of its own, which ends with `status`; what it
     printed."""
     program = PRELUDE + "\n".join(textwrap.dedent(piece) for piece in pieces)
-    done = subprocess.run([sys.executable, "-c", program, path], stdout=subprocess.PIPE,
+    done = subprocess.run([sys.executable, "-c", program, path, driver], stdout=subprocess.PIPE,
                           stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
     assert done.returncode == status, (done.returncode, done.stderr)
     assert status or not done.stderr, done.stderr
     return done.stdout
 
 
+both = pytest.mark.parametrize("driver", ["zelqa", "dbapi"])
+
 # The little cache spills: the file holds half a transaction, and the journal the way back.
 PARENT = """
-connection = zelqa.connect(connect_string)
+connection = connect()
 connection.execute("CREATE TABLE t (n INT, filler TEXT)")
 connection.execute("PRAGMA journal_mode=%(journal)s")
 connection.execute("PRAGMA cache_size=5")
@@ -73,18 +79,18 @@ connection.execute("COMMIT")
 CHILDREN = {
     "exit": "pass",
     "exit at once": "os._exit(0)",
-    "close": "connection.close(); refused(connection.close, 'closed connection')",
+    "close": "connection.close(); refused(lambda: write(connection), 'closed')",
     "let go": "global connection, cursor; connection = cursor = None; gc.collect()",
     "use": """
         for operation in (cursor.fetchone, cursor.fetchall, lambda: write(connection),
                           lambda: connection.execute("ROLLBACK"),
-                          lambda: cursor.execute("SELECT ?", 1),
+                          lambda: cursor.execute("SELECT ?", (1,)),
                           lambda: cursor.executemany("INSERT INTO t VALUES (?, ?)", [(0, "")]),
                           lambda: cursor.callproc("p", (1,))):
             refused(operation)""",
     "close and connect": """
         connection.close()
-        refused(lambda: write(zelqa.connect(connect_string)), "database is locked")""",
+        refused(lambda: write(connect()), "database is locked")""",
     "fork": """
         pid = os.fork()
         if pid: assert os.waitpid(pid, 0)[1] == 0
@@ -92,11 +98,12 @@ CHILDREN = {
 }
 
 
+@both
 @pytest.mark.parametrize("journal", ["delete", "wal"])
 @pytest.mark.parametrize("ending", CHILDREN)
-def test_fork_within_a_transaction(path, journal, ending):
+def test_fork_within_a_transaction(path, driver, journal, ending):
     child = textwrap.indent(textwrap.dedent(CHILDREN[ending]), "    ")
-    run(path, PARENT % {"journal": journal, "child": child})
+    run(path, PARENT % {"journal": journal, "child": child}, driver=driver)
     other = sqlite3.connect(path)
     assert other.execute("PRAGMA integrity_check").fetchall() == [("ok",)]
     assert other.execute("SELECT count(*), max(filler) FROM t").fetchall() == [(1000, "x" * 500)]
@@ -141,25 +148,26 @@ def test_child_with_a_connection_of_its_own(path):
 
 
 ENDINGS = {  # code, exit status, rows added
-    "kept by the module": ("row.description", 0, 0),
+    "kept by the module": ("cursor.description", 0, 0),
     "a circle": ("circle = [connection, cursor, row]; circle.append(circle)", 0, 0),
     "an open transaction": ("connection.execute('BEGIN'); insert(2)", 0, 0),
     "an exit handler": ("atexit.register(lambda: (insert(2), connection.close()))", 0, 1),
     "a finaliser": ("""
         class Late:
-            def __del__(self, zelqa=zelqa, connect_string=connect_string):
+            def __del__(self, connect=connect):
                 insert(2)
                 self.rows = connection.execute("SELECT * FROM t").fetchall()
-                zelqa.connect(connect_string).execute("INSERT INTO t VALUES (3)")
+                connect().execute("INSERT INTO t VALUES (3)")
         late = Late()""", 0, 2),
     "an exit in a call-back": ("""
         class Rows(list):
             def __len__(self):
                 sys.exit(7)
+            __iter__ = __len__
         cursor.executemany("INSERT INTO t VALUES (?)", Rows())""", 7, 0),
     "a thread that goes on": ("""
         def work():
-            mine = zelqa.connect(connect_string)
+            mine = connect()
             started.set()
             while True:
                 mine.execute("SELECT * FROM t").fetchall()
@@ -175,19 +183,20 @@ ENDINGS = {  # code, exit status, rows added
 }
 
 
+@both
 @pytest.mark.parametrize("ending", ENDINGS)
-def test_exit_with_live_objects(path, ending):
+def test_exit_with_live_objects(path, driver, ending):
     code, status, added = ENDINGS[ending]
     run(path, """
     import atexit, signal, threading
-    connection = zelqa.connect(connect_string)
+    connection = connect()
     connection.execute("CREATE TABLE t AS SELECT 1 AS n UNION SELECT 10")
     cursor = connection.execute("SELECT * FROM t")
     row = cursor.fetchone()
 
     def insert(n, connection=connection):
-        connection.execute("INSERT INTO t VALUES (?)", n)
-    """, code, status=status)
+        connection.execute("INSERT INTO t VALUES (?)", (n,))
+    """, code, driver=driver, status=status)
     assert sqlite3.connect(path).execute("SELECT count(*) FROM t").fetchone() == (2 + added,)
 
 

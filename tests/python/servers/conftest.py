@@ -3,7 +3,7 @@
 import pytest
 
 import engines
-from vorda import zelqa
+from vorda import dbapi, zelqa
 
 
 def pytest_configure(config):
@@ -24,13 +24,21 @@ def engine(request, databases):
     return databases[request.param]
 
 
+@pytest.fixture(params=[zelqa, dbapi], ids=["zelqa", "dbapi"])
+def driver(request):
+    """The interface."""
+    return request.param
+
+
 @pytest.fixture
-def connect(engine):
-    """Connects; what is not closed by a test is closed after it."""
+def connect(engine, driver):
+    """Connects, each statement being a transaction of its own; what is not closed by a test is
+    closed after it."""
     opened = []
+    options = {"autocommit": True} if driver is dbapi else {}
 
     def connect(extra=""):
-        opened.append(zelqa.connect(engine.string + extra))
+        opened.append(driver.connect(engine.string + extra, **options))
         return opened[-1]
 
     yield connect
