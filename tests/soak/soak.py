@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
 """The soak: `soak.py [minutes] [--seed N]`, on the embedded runtime and the standard library alone.
 
-Eight processes (worker.py) work on two files, one with a rollback journal and one with a
-write-ahead log. Four of them are killed at random with SIGKILL, and others take their places and
-their ledgers (ledger.py). In the end each batch of which a ledger says that it was stored has to be
-there whole and with its content, no other may be, and a step during which a writer was killed must
-have happened whole or not at all. The other four live to the end, two of them on one and the same
-connection, and must not have grown.
+Eight processes (worker.py), four with each interface, work on two files, one with a rollback
+journal and one with a write-ahead log. Four of them are killed at random with SIGKILL, and others
+take their places and their ledgers (ledger.py). In the end each batch of which a ledger says that
+it was stored has to be there whole and with its content, no other may be, and a step during which a
+writer was killed must have happened whole or not at all. The other four live to the end, two of
+them on one and the same connection, and must not have grown.
 """
 
 import argparse
@@ -25,12 +25,13 @@ import tempfile
 import time
 
 from ledger import TABLE, Ledger
-from worker import PROCEDURES, connect
+from worker import PROCEDURES, connect, zelqa
 
 FILES = ("rollback", "wal")
 # an even slot works on the first file; the last two stay connected
 MORTAL, SLOTS = range(4), range(8)
 STAYING = SLOTS[-2:]
+DRIVERS = ("zelqa", "zelqa", "dbapi", "dbapi", "zelqa", "dbapi", "dbapi", "zelqa")
 TEXT = "This is no database. " * 100
 
 # operations; by then a process has done everything often, and the caches of SQLite are full
@@ -43,13 +44,11 @@ KIB_PER_OPERATION_OF_STAYING = 1.8
 
 def prepare(folder):
     for name in FILES:
-        cursor = connect("%s/%s.db" % (folder, name)).cursor()
-        cursor.execute("PRAGMA journal_mode = " + ("WAL" if name == "wal" else "DELETE"))
-        cursor.execute(TABLE)
-        cursor.execute("CREATE TABLE odd (day DATE)")
-        cursor.execute("INSERT INTO odd VALUES ('soon')")
-        for procedure in PROCEDURES:
-            cursor.execute("CREATE PROCEDURE " + procedure)
+        cursor = connect(zelqa, "%s/%s.db" % (folder, name)).cursor()
+        for sql in ("PRAGMA journal_mode = " + ("WAL" if name == "wal" else "DELETE"), TABLE,
+                    "CREATE TABLE odd (day DATE)", "INSERT INTO odd VALUES ('soon')",
+                    *("CREATE PROCEDURE " + procedure for procedure in PROCEDURES)):
+            cursor.execute(sql)
     with open(folder + "/text.db", "w") as file:
         file.write(TEXT)
 
@@ -62,8 +61,8 @@ class Soak:
 
     def start(self, slot):
         self.started += 1
-        arguments = (self.folder, FILES[slot % 2], self.seed, slot, self.started, slot in STAYING,
-                     self.seconds / 100)
+        arguments = (DRIVERS[slot], self.folder, FILES[slot % 2], self.seed, slot, self.started,
+                     slot in STAYING, self.seconds / 100)
         script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "worker.py")
         with open("%s/errors-%d" % (self.folder, slot), "a") as errors:
             self.processes[slot] = subprocess.Popen([sys.executable, script, *map(str, arguments)],
@@ -73,8 +72,8 @@ class Soak:
         if not right:
             self.faults.append(fault)
 
-    def watch(self):
-        """Whether all is well: nobody has ended on its own."""
+    def is_well(self):
+        """Nobody has ended on its own."""
         for slot, process in self.processes.items():
             self.expect(not process.poll(),
                         "process %d ended with status %s" % (slot, process.returncode))
@@ -85,18 +84,17 @@ class Soak:
         for slot in SLOTS:
             self.start(slot)
         try:
-            while self.watch() and time.monotonic() < end:
+            while self.is_well() and time.monotonic() < end:
                 time.sleep(self.rng.expovariate(3))
                 slot = self.rng.choice(MORTAL)
-                if self.watch():
+                if self.is_well():
                     self.kill(slot)
                     self.start(slot)
             for slot in MORTAL:
                 self.kill(slot)
             for process in self.processes.values():
                 process.terminate()
-            while self.watch() and any(process.returncode is None
-                                       for process in self.processes.values()):
+            while self.is_well() and None in [each.returncode for each in self.processes.values()]:
                 time.sleep(0.1)
         finally:
             for slot in list(self.processes):
@@ -118,7 +116,7 @@ class Soak:
                 allowed.update(ledgers[slot].allowed(self.seed))
             path = "%s/%s.db" % (self.folder, name)
             # The killed have left their journals, which ours finds; SQLite's own word for the rest.
-            connect(path).execute("SELECT count(*) FROM entry").fetchall()
+            connect(zelqa, path).execute("SELECT count(*) FROM entry").fetchall()
             other = sqlite3.connect(path)
             self.compare(name, allowed, other.execute("SELECT * FROM entry ORDER BY batch, n"))
             self.expect(other.execute("PRAGMA integrity_check").fetchall() == [("ok",)],
@@ -148,10 +146,9 @@ class Soak:
             samples = [sample for sample in samples[len(samples) // 4:] if sample[0] >= WARM]
             quarter = len(samples) // 4
             if not quarter:
-                print("process %d: too few operations to judge; it has to do %d to be warm"
-                      % (slot, WARM))
+                print("process %d: too few operations to judge, below %d" % (slot, WARM))
                 continue
-            first, last = ([statistics.median(column) for column in list(zip(*part))[:4]]
+            first, last = (list(map(statistics.median, zip(*part)))
                            for part in (samples[:quarter], samples[-quarter:]))
             for what, old, new in zip(TOLERANCE, first[1:], last[1:]):
                 limit = TOLERANCE[what]
@@ -179,13 +176,11 @@ def main():
           flush=True)
     prepare(folder)
     soak = Soak(folder, options.seed, options.minutes * 60)
-    soak.run()
-    soak.check_files()
-    soak.check_growth()
-    soak.report()
+    for step in (soak.run, soak.check_files, soak.check_growth, soak.report):
+        step()
     if soak.faults:
-        print("\n" + "\n".join(soak.faults))
-        sys.exit("soak: FAILED, seed %d; everything is kept in %s" % (options.seed, folder))
+        sys.exit("\n".join(["", *soak.faults, "soak: FAILED, seed %d; everything is kept in %s"
+                            % (options.seed, folder)]))
     shutil.rmtree(folder)
     print("soak: passed")
 

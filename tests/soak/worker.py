@@ -1,4 +1,5 @@
-"""One process of the soak: a random mix of everything that a program can do on one database file.
+"""One process of the soak: a random mix of everything that a program can do on one database file,
+with one of the interfaces.
 
 Ends with status 0 at SIGTERM; anything that ought not to happen ends it with a traceback.
 """
@@ -17,25 +18,22 @@ import time
 import warnings
 
 from ledger import PARTS, Ledger, rows_of
-from vorda import zelqa
+from vorda import dbapi, zelqa
 
 PUT = "INSERT INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?)"
 CHANGE = ("UPDATE entry SET version = ?, number = ?, text = ?, real = ?, moment = ?"
           " WHERE batch = ? AND n = ?")
 # The third value can make the statement fail while it runs: there is no absolute value of -2^63.
 ERASE = "DELETE FROM entry WHERE batch = ? AND n = ? AND abs(?)"
-CLEAR = ("DELETE FROM entry WHERE batch = ?1 AND n < ?2; DELETE FROM entry WHERE batch = ?1;"
-         " SELECT count(*), abs(?3) FROM entry WHERE batch = ?1")
-READ = "SELECT * FROM entry WHERE batch = ?1 ORDER BY n"
+READ = "SELECT * FROM entry WHERE batch = ? ORDER BY n"
 CALLS, PROCEDURES = {}, []
-for name, sql in {"put": PUT, "change": CHANGE, "erase": ERASE, "clear": CLEAR,
-                  "read": READ}.items():
+for name, sql in {"put": PUT, "change": CHANGE, "erase": ERASE, "read": READ}.items():
     numbers = itertools.count(1)
-    body = re.sub(r"\?(\d?)", lambda mark: "$p" + (mark[1] or str(next(numbers))), sql)
-    count = max(map(int, re.findall(r"\$p(\d)", body)))
+    body = re.sub(r"\?", lambda mark: "$p%d" % next(numbers), sql)
+    values = sql.count("?")
     PROCEDURES.append("%s (%s) AS %s"
-                      % (name, ", ".join("p%d" % (n + 1) for n in range(count)), body))
-    CALLS[sql] = "EXEC %s %s" % (name, ", ".join("?" * count))
+                      % (name, ", ".join("p%d" % (n + 1) for n in range(values)), body))
+    CALLS[sql] = "EXEC %s %s" % (name, ", ".join("?" * values))
 
 HANG = 90  # seconds; no lock is waited for as long as that
 BUSY = re.compile("database (table |schema )?is locked|BUSY")
@@ -48,22 +46,19 @@ ERRORS = (
     ("SELECT abs(?)", (-(2**63),), "overflow"),
     ("SELECT * FROM odd", (), "day"),
     ("EXEC nobody 1", (), "procedure"),
-    ("DELETE FROM vorda_procedures", (), "cannot be changed"),
 )
-FAILED_CONNECTS = (
-    ("Database={%s/missing/a.db}", "missing"),
-    ("Database={%s/absent.db};Mode=rw", "absent"),
-    ("Database={%s/text.db}", "not a database"),
-    ("Database={%s/wal.db};Timeout=soon", "soon"),
-)
+FAILED_CONNECTS = (("/missing/a.db", "missing"), ("/absent.db};Mode={rw", "absent"),
+                   ("/text.db", "not a database"), ("/wal.db};Timeout={soon", "soon"))
 
 
 class Fault(Exception):
     """Something that must never happen."""
 
 
-def connect(path, timeout=5):
-    return zelqa.connect("Database={%s};Timeout=%s" % (path, timeout))
+def connect(driver, path, timeout=5):
+    """Each statement is a transaction of its own, unless one was begun."""
+    options = {"autocommit": True} if driver is dbapi else {}
+    return driver.connect("Database={%s};Timeout=%s" % (path, timeout), **options)
 
 
 @contextlib.contextmanager
@@ -71,7 +66,7 @@ def unless_busy():
     """Lets pass what a lock of another process keeps from happening."""
     try:
         yield
-    except zelqa.DatabaseError as error:
+    except (zelqa.DatabaseError, dbapi.DatabaseError) as error:
         if not BUSY.search(str(error)):
             raise
 
@@ -84,25 +79,25 @@ def patiently(action, *arguments):
 
 def spoiled(rng, sql, sets):
     """The same work with one row that fails."""
-    sets, place = list(sets), rng.randrange(len(sets))
-    if sql == PUT and len(sets) > 1 and rng.random() < 0.5:
-        return sets[:place] + [sets[place - 1]] + sets[place:]
+    place = rng.randrange(len(sets))
     bad, column = {PUT: (0, 2), CHANGE: (0, 0), ERASE: (-(2**63), 2)}[sql]
-    sets[place] = (*sets[place][:column], bad, *sets[place][column + 1:])
-    return sets
+    row = (*sets[place][:column], bad, *sets[place][column + 1:])
+    return [*sets[:place], row, *sets[place + 1:]]
 
 
 class Worker:
-    def __init__(self, folder, name, seed, slot, generation, stays):
-        self.folder, self.path, self.seed, self.stays = folder, os.path.join(folder, name
-                                                                             + ".db"), seed, stays
-        self.rng = random.Random("%d %d %d" % (seed, slot, generation))
-        self.slot, self.done = slot, 0
+    def __init__(self, driver, folder, name, seed, slot, generation, stays):
+        self.driver, self.seed, self.slot, self.stays = driver, seed, slot, stays
+        self.folder, self.path = folder, "%s/%s.db" % (folder, name)
+        self.rng, self.done = random.Random("%d %d %d" % (seed, slot, generation)), 0
         self.ledger = Ledger("%s/ledger-%d" % (folder, slot))
         self.ledger.last = max(self.ledger.last, slot * 10**9)
-        self.connection, self.left = connect(self.path), []
+        self.connection, self.left = self.connect(), []
         if self.ledger.doubt:
             self.settle_doubt()
+
+    def connect(self, timeout=5):
+        return connect(self.driver, self.path, timeout)
 
     def settle_doubt(self):
         """Looks up what became of the step during which the predecessor was killed."""
@@ -120,10 +115,9 @@ class Worker:
         if self.rng.random() < 0.5:
             cursor.callproc("read", (batch,))
         else:
-            cursor.execute(READ.replace("?1", "@b"), {"b": batch})
-        rows = self.rng.choice((
-            cursor.fetchall, lambda: cursor, lambda: cursor.fetchmany(10000),
-            lambda: iter(cursor.fetchone, None)))()
+            cursor.execute(READ.replace("?", ":b"), {"b": batch})
+        rows = self.rng.choice((cursor.fetchall, lambda: cursor, lambda: cursor.fetchmany(10000),
+                                lambda: iter(cursor.fetchone, None)))()
         return [tuple(row) for row in rows]
 
     # --- operations -------------------------------------------------------------------------------
@@ -162,20 +156,14 @@ class Worker:
         self.ledger.note("is", batch, new if done else old)
 
     def run(self, sql, sets):
-        cursor = self.connection.cursor()
-        if sql == CALLS[ERASE] and self.rng.random() < 0.5:
-            # In two steps and a look at what is left, which fails for a spoiled batch.
-            last = min(row[2] for row in sets)
-            cursor.callproc("clear", (sets[0][0], self.rng.randrange(len(sets) + 1), last))
-            if [tuple(row) for row in cursor.fetchall()] != [(0, last)]:
-                raise Fault("rows are left")
-        elif cursor.executemany(sql, sets).rowcount != (0 if sql.startswith("EXEC") else len(sets)):
+        cursor = self.connection.cursor().executemany(sql, sets)
+        if cursor.rowcount != len(sets) and not sql.startswith("EXEC"):
             raise Fault("wrong row count")
 
     def in_transaction(self, sql, sets, end):
         """The work in parts, failing ones among them; without an end on a connection that is closed
         or forgotten."""
-        rng, connection = self.rng, self.connection if end else connect(self.path, 1)
+        rng, connection = self.rng, self.connection if end else self.connect(1)
         cursor = connection.cursor()
         cursor.execute(rng.choice(("BEGIN", "BEGIN IMMEDIATE", "BEGIN EXCLUSIVE")))
         try:
@@ -190,18 +178,23 @@ class Worker:
                 else:
                     cursor.executemany(rng.choice((sql, CALLS[sql])), part)
             if end:
-                patiently(cursor.execute, end)
+                patiently(self.end(connection, end))
             elif rng.random() < 0.5:
                 connection.close()
-        except zelqa.DatabaseError:
-            cursor.execute("ROLLBACK")
+        except self.driver.DatabaseError:
+            self.end(connection, "ROLLBACK")()
             raise
+
+    def end(self, connection, how):
+        if self.driver is dbapi and self.rng.random() < 0.5:
+            return getattr(connection, how.lower())
+        return lambda: connection.cursor().execute(how)
 
     def refuse(self, pattern, action, *arguments):
         """The action has to fail, with a text that fits; a lock of another process is passed on."""
         try:
             action(*arguments)
-        except zelqa.DatabaseError as error:
+        except self.driver.Error as error:
             if BUSY.search(str(error)) or not re.search(pattern, str(error)):
                 raise
             return
@@ -216,49 +209,46 @@ class Worker:
     def audit(self):
         """What others do at the same time is seen whole or not at all, and not at all inside a
         transaction."""
-        cursor, sums = self.connection.cursor(), []
+        cursor = self.connection.cursor()
         cursor.execute("BEGIN")
         try:
+            sums = []
             for _ in range(2):
                 parts = cursor.execute(PARTS).fetchall()
-                if parts:
-                    raise Fault("parts of batches: %s" % [tuple(row) for row in parts])
                 cursor.execute("SELECT count(*), total(number) FROM entry")
                 sums.append(tuple(cursor.fetchone()))
+                if parts or sums[0] != sums[-1]:
+                    raise Fault("parts: %s, sums: %s" % ([tuple(row) for row in parts], sums))
         finally:
             cursor.execute("ROLLBACK")
-        if sums[0] != sums[1]:
-            raise Fault("a transaction saw %s, then %s" % tuple(sums))
 
     def abandon(self):
         """Half-read rows, of which some are on connections that are never closed."""
-        connection = connect(self.path) if self.rng.random() < 0.3 else self.connection
-        cursor = connection.execute("SELECT * FROM entry WHERE n >= ? LIMIT 3000",
-                                    (self.rng.randrange(3),))
+        connection = self.connect() if self.rng.random() < 0.3 else self.connection
+        cursor = connection.cursor().execute("SELECT * FROM entry WHERE n >= ? LIMIT 3000",
+                                             (self.rng.randrange(3),))
         cursor.fetchmany(self.rng.choice((1, 10, 1000)))
         self.left = self.left[-1:] + [cursor]
 
     def fail(self):
         for sql, parameters, pattern in self.rng.choices(ERRORS, k=10):
             cursor = self.connection.cursor()
-            with warnings.catch_warnings():  # of numbers of values that do not fit
-                warnings.simplefilter("ignore", RuntimeWarning)
-                self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
-        for string, pattern in self.rng.choices(FAILED_CONNECTS, k=5):
-            self.refuse(pattern, zelqa.connect, string.replace("%s", self.folder))
+            self.refuse(pattern, lambda: cursor.execute(sql, parameters).fetchall())
+        for path, pattern in self.rng.choices(FAILED_CONNECTS, k=5):
+            self.refuse(pattern, connect, self.driver, self.folder + path)
 
     def change_schema(self):
-        cursor, table = self.connection.cursor(), "scratch_%d" % self.slot
-        cursor.execute("DROP TABLE IF EXISTS " + table)
-        cursor.execute("CREATE TABLE %s (a)" % table)
-        cursor.execute("CREATE OR REPLACE PROCEDURE " + self.rng.choice(PROCEDURES))
+        for sql in ("DROP TABLE IF EXISTS scratch_%d", "CREATE TABLE scratch_%d (a)"):
+            self.connection.cursor().execute(sql % self.slot)
+        self.connection.cursor().execute("CREATE OR REPLACE PROCEDURE "
+                                         + self.rng.choice(PROCEDURES))
 
     def reconnect(self):
         if self.stays:
             return
         if self.rng.random() < 0.5:
             self.connection.close()
-        self.connection = connect(self.path, self.rng.choice((0.05, 0.5, 5)))
+        self.connection = self.connect(self.rng.choice((0.05, 0.5, 5)))
 
     MIX = {write: 10, read_own: 6, audit: 1, abandon: 4, fail: 8, change_schema: 0.3, reconnect: 2}
 
@@ -277,10 +267,12 @@ class Worker:
         os.write(file, (json.dumps(values) + "\n").encode())
 
 
-def main(folder, name, seed, slot, generation, stays, interval):
+def main(driver, folder, name, seed, slot, generation, stays, interval):
     stopping = []
     signal.signal(signal.SIGTERM, lambda *_: stopping.append(True))
-    worker = patiently(Worker, folder, name, int(seed), int(slot), int(generation), stays == "True")
+    warnings.simplefilter("ignore")  # of values that do not fit, and keys that mean nothing
+    worker = patiently(Worker, {"zelqa": zelqa, "dbapi": dbapi}[driver], folder, name, int(seed),
+                       int(slot), int(generation), stays == "True")
     file = os.open("%s/samples-%s" % (folder, slot), os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
     due = 0.0
     while not stopping:
