@@ -41,6 +41,11 @@ TEST_F(DescribeTest, TableColumnsThroughBothSetsOfFields) {
     EXPECT_EQ("t", statement.text(2, SQL_DESC_TABLE_NAME));
     EXPECT_EQ("VARCHAR(20)", statement.text(2, SQL_DESC_TYPE_NAME));
 
+    for (const SQLUSMALLINT column : {SQLUSMALLINT{0}, SQLUSMALLINT{6}}) {
+        EXPECT_EQ("07009", statement.stateOf(RT_SQLColAttributeW(kDriver, statement.handle, column,
+                                                                 SQL_DESC_NAME, nullptr, 0, nullptr,
+                                                                 nullptr)));
+    }
     char name[3];
     SQLSMALLINT length = 0, type = 0, digits = 0, nullable = 0;
     SQLULEN size = 0;
