@@ -1,25 +1,5 @@
 # Every CPython that is supported and on this machine: the module is built for it and tested by it.
 
-# Prints the interpreter's version and path, or nothing where it is not one for us: a debug build or one
-# without the global lock has another binary interface.
-probe='
-import os, sys, sysconfig
-plain = not (sysconfig.get_config_var("Py_DEBUG") or sysconfig.get_config_var("Py_GIL_DISABLED"))
-if sys.implementation.name == "cpython" and (3, 8) <= sys.version_info[:2] <= (3, 13) and plain:
-    print("%d.%d.%d" % sys.version_info[:3], os.path.realpath(sys.executable))
-'
-
-# Those on PATH and in the usual folders, each once, by version.
-interpreters() {
-    { echo "$PATH" | tr : '\n'
-      printf '%s\n' /usr/bin /usr/local/bin "${PYENV_ROOT:-$HOME/.pyenv}"/versions/*/bin
-    } | while read -r place; do
-        for candidate in "$place"/python3.[0-9] "$place"/python3.[0-9][0-9]; do
-            [ ! -x "$candidate" ] || "$candidate" -c "$probe" 2>/dev/null </dev/null || true
-        done
-    done | sort -V -u
-}
-
 # test_with VERSION PATH
 test_with() {
     python=$2

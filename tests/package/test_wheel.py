@@ -12,9 +12,12 @@ import zipfile
 import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+WORK = pathlib.Path(os.environ["VORDA_WORK"])
 CLEAN = pathlib.Path(os.environ["VORDA_CLEAN"])
 (SDIST,) = glob.glob(os.path.join(os.environ["VORDA_DIST"], "*.tar.gz"))
-(WHEEL,) = glob.glob(os.path.join(os.environ["VORDA_DIST"], "*.whl"))
+(WHEEL,) = WORK.glob("from sdist/*.whl")
+# Those that are given away, and an environment for each.
+RELEASED = sorted(WORK.glob("released-*"))
 VERSION = re.search(r"project\(\w+ VERSION ([\d.]+)",
                     (ROOT / "CMakeLists.txt").read_text()).group(1)
 LIBRARIES = ("libvordart.x64.so.6", "libvordart-compat.x64.so.6",
@@ -52,7 +55,7 @@ def test_the_wheel_holds_the_package_and_nothing_else():
 
 
 def test_sdist_and_tree_give_the_same_wheel():
-    (from_tree,) = glob.glob(os.path.join(os.environ["VORDA_FROM_TREE"], "*.whl"))
+    (from_tree,) = WORK.glob("from tree/*.whl")
     assert contents(from_tree) == contents(WHEEL)
 
 
@@ -69,8 +72,8 @@ def test_libraries_need_only_run_time_packages_and_show_no_folder(name):
     (path,) = CLEAN.glob("lib/python*/site-packages/vorda/" + name)
     dynamic = run("readelf", "-d", str(path))
     needed = set(re.findall(r"NEEDED.*\[(.*)\]", dynamic))
-    assert needed <= {"libsqlite3.so.0", "libstdc++.so.6", "libgcc_s.so.1", "libm.so.6",
-                      "libc.so.6", "ld-linux-x86-64.so.2"}
+    assert needed <= {"libsqlite3.so.0", "libgcc_s.so.1", "libm.so.6", "libc.so.6",
+                      "ld-linux-x86-64.so.2"}
     assert "RPATH" not in dynamic and "RUNPATH" not in dynamic
     assert not re.search(r"\.(symtab|debug_info)\b", run("readelf", "-S", "-W", str(path)))
     assert str(ROOT).encode() not in path.read_bytes()
@@ -91,3 +94,24 @@ def test_a_session_in_the_clean_environment():
     assert output.startswith("%s [('ü')]\n" % VERSION)
     assert output.count(str(CLEAN)) == len(LIBRARIES) and str(ROOT) not in output
     assert "ü" in run(python, "-m", "vorda", "Database=new.db", "SELECT * FROM t")
+
+
+@pytest.mark.skipif(not RELEASED, reason="no wheels to give away were made")
+def test_wheels_to_give_away_run_on_systems_of_2021():
+    names = [os.path.basename(path) for path in glob.glob(os.environ["VORDA_DIST"] + "/*.whl")]
+    assert len(names) == len(RELEASED)
+    for name in names:
+        assert int(re.search(r"manylinux_2_(\d+)_", name).group(1)) <= 34, name
+
+
+@pytest.mark.parametrize("environment", RELEASED, ids=lambda path: path.name)
+def test_a_session_on_a_system_without_sqlite(environment):
+    hide = """for file in $(ldconfig -p | sed -n 's/.*libsqlite3.*=> //p'); do
+        mount --bind /dev/null "$(readlink -f "$file")" || exit 99; done; exec "$@" """
+    if subprocess.call(["unshare", "-m", "true"]):
+        pytest.skip("no namespace of mounts can be made here")
+    python = str(environment / "bin" / "python")
+    for statement, shown in [("SELECT 'ü' AS x", "ü"), ("SELECT count(*) AS n FROM t", "1")]:
+        out = run("unshare", "-m", "sh", "-c", hide, "sh", python, "-m", "vorda", "new2.db", """
+            CREATE TABLE IF NOT EXISTS t (x); DELETE FROM t; INSERT INTO t VALUES (1);""" + statement)
+        assert shown in out
