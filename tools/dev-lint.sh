@@ -23,6 +23,8 @@ cppcheck --quiet -j "$jobs" --std=c++20 --enable=warning,performance,portability
 # Warnings are errors in both builds.
 say "building with GCC"
 build release
+say "reference"
+PYTHONPATH=$folder/python "$python" tools/reference.py --check
 say "building with clang"
 build clang
 

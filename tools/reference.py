@@ -6,9 +6,10 @@ Signatures come from the sources and the stubs, where types are; words from the 
 import ast
 import inspect
 import pathlib
+import re
 import sys
 
-from vorda import _statement, dbapi
+from vorda import dbapi
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
 TARGET = ROOT / "docs" / "reference.md"
@@ -27,8 +28,9 @@ def declared(path):
     return found
 
 
-SOURCES = {dbapi: declared("python/vorda/dbapi.py"),
-           _statement: declared("python/vorda/_statement.pyi")}
+# Where the classes are that others build on, the stubs of the core last.
+SOURCES = {name: declared("python/vorda/" + name)
+           for name in ("dbapi.py", "catalog.py", "_statement.pyi")}
 
 
 def signature(function):
@@ -40,7 +42,7 @@ def signature(function):
             break
     result = " -> " + ast.unparse(function.returns) if function.returns else ""
     text = "(%s)%s" % (ast.unparse(arguments).lstrip("/, "), result)
-    return text.replace("'", "").replace("_Parameters", "Parameters").replace("_RowFactory", "RowFactory")
+    return re.sub(r"'|\b_(?=[A-Z])", "", text)
 
 
 def entry(level, title, documented):
@@ -50,10 +52,11 @@ def entry(level, title, documented):
 
 
 def members(name):
-    """The public members of a class and of its core, each where it is declared first."""
-    for module in (dbapi, _statement):
-        node = SOURCES[module].get(name)
-        for member in node.body if node else ():
+    """The public members of a class and of those it builds on, each where it is declared first."""
+    nodes = [source.get(base.__name__) for source in SOURCES.values()
+             for base in getattr(dbapi, name).__mro__]
+    for node in filter(None, nodes):
+        for member in node.body:
             if isinstance(member, ast.FunctionDef):
                 if not member.name.startswith("_"):
                     yield member.name, member
@@ -83,7 +86,7 @@ def class_pages(name):
 def page():
     functions, classes, errors, constants = [], [], [], []
     for name in dbapi.__all__:
-        what, node = getattr(dbapi, name), SOURCES[dbapi].get(name)
+        what, node = getattr(dbapi, name), SOURCES["dbapi.py"].get(name)
         if isinstance(node, ast.FunctionDef):
             functions.append(entry(3, name + signature(node), what))
         elif isinstance(node, ast.ClassDef) and issubclass(what, Exception):
