@@ -112,6 +112,7 @@ def test_a_session_on_a_system_without_sqlite(environment):
         pytest.skip("no namespace of mounts can be made here")
     python = str(environment / "bin" / "python")
     for statement, shown in [("SELECT 'ü' AS x", "ü"), ("SELECT count(*) AS n FROM t", "1")]:
-        out = run("unshare", "-m", "sh", "-c", hide, "sh", python, "-m", "vorda", "new2.db", """
-            CREATE TABLE IF NOT EXISTS t (x); DELETE FROM t; INSERT INTO t VALUES (1);""" + statement)
+        script = "CREATE TABLE IF NOT EXISTS t (x); DELETE FROM t; INSERT INTO t VALUES (1);"
+        out = run("unshare", "-m", "sh", "-c", hide, "sh", python, "-m", "vorda", "without.db",
+                  script + statement)
         assert shown in out
