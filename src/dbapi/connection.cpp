@@ -98,11 +98,6 @@ PyRef Cancel(PyObject* self, PyObject*) {
     return PyRef::Borrow(Py_None);
 }
 
-template <PyRef (*Method)(PyObject*, PyObject*)>
-PyObject* Adapted(PyObject* self, PyObject* argument) noexcept {
-    return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, argument).Release(); });
-}
-
 PyMethodDef Methods[] = {
     {"close", Adapted<Close>, METH_NOARGS,
      "close($self, /)\n--\n\nRoll back, and close the connection. Further calls do nothing."},

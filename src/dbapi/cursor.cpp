@@ -200,11 +200,6 @@ PyRef SetSizes(PyObject*, PyObject*) {
     return PyRef::Borrow(Py_None);
 }
 
-template <PyRef (*Method)(PyObject*, PyObject*)>
-PyObject* Adapted(PyObject* self, PyObject* argument) noexcept {
-    return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, argument).Release(); });
-}
-
 template <PyRef (*Method)(PyObject*, PyObject*, PyObject*)>
 PyCFunction WithKeywords() {
     constexpr PyObject* (*adapted)(PyObject*, PyObject*, PyObject*) =

@@ -37,6 +37,12 @@ extern PyTypeObject CursorType;
 // The link of an open connection; throws for one that is closed or was never opened.
 Link& LinkOf(PyObject* connection);
 
+// A method as CPython calls it.
+template <PyRef (*Method)(PyObject*, PyObject*)>
+PyObject* Adapted(PyObject* self, PyObject* argument) noexcept {
+    return AtBoundary<PyObject*>(nullptr, [&] { return Method(self, argument).Release(); });
+}
+
 inline CursorObject* AsCursor(PyObject* cursor) {
     return reinterpret_cast<CursorObject*>(cursor);
 }
