@@ -124,9 +124,11 @@ def test_calls_keep_and_lose_no_reference(connection):
         cursor.description, cursor.lastrowid, cursor.rowcount, cursor.arraysize
 
     counts = []
-    for _ in range(6):
+    for _ in range(9):
         for _ in range(20):
             session()
         gc.collect()
         counts.append((sys.getallocatedblocks(), getattr(sys, "gettotalrefcount", int)()))
-    assert all(later - first < 20 for first, later in zip(counts[3], counts[5])), counts
+    # Stores fill up; what is lost is lost in each round.
+    for column in zip(*counts):
+        assert min(later - first for first, later in zip(column[4:], column[5:])) < 20, counts
