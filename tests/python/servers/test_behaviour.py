@@ -532,7 +532,7 @@ def test_every_way_to_connect(databases, driver):
         assert tuple(connection.execute("SELECT 'x', 1").fetchone()) == ("x", 1)
         connection.close()
     for lite in filter(None, [databases.get("sqliteodbc")]):
-        path = lite.path + "ä李\U0001F600"
+        path = lite.path + driver.__name__ + "ä李\U0001F600"
         driver.connect(lite.string.replace(lite.path, path)).execute("CREATE TABLE t (a INTEGER)")
         assert os.path.exists(path)
     for string in ("DSN=nowhere", "Driver={no such driver}", "FILEDSN=/nowhere.dsn"):
