@@ -1,5 +1,5 @@
 # Arguments go to bench/bench.py; behind "counts" as the first one to bench/counts.py, which counts instructions, and
-# behind "growth" to bench/growth.py, behind "frames" to bench/frames.py with the peers that an index has.
+# behind "growth", "shell" or "frames" to the program of that name, the last with the peers that an index has.
 if [ "${1:-}" = counts ]; then
     shift
     wanted="valgrind=valgrind"
@@ -11,15 +11,13 @@ if [ "${1:-}" = counts ]; then
 else
     program=bench/bench.py
     wanted_peers="pyodbc:pyodbc psycopg:psycopg[binary]"
-    if [ "${1:-}" = growth ]; then
+    case "${1:-}" in growth|shell|frames)
+        program=bench/$1.py
+        [ "$1" != frames ] ||
+            wanted_peers="pyarrow:pyarrow pandas:pandas adbc_driver_sqlite:adbc-driver-sqlite
+                adbc_driver_postgresql:adbc-driver-postgresql arrow_odbc:arrow-odbc"
         shift
-        program=bench/growth.py
-    elif [ "${1:-}" = frames ]; then
-        shift
-        program=bench/frames.py
-        wanted_peers="pyarrow:pyarrow pandas:pandas adbc_driver_sqlite:adbc-driver-sqlite
-            adbc_driver_postgresql:adbc-driver-postgresql arrow_odbc:arrow-odbc"
-    fi
+    esac
     setup
     build release $package_targets
     # The peers that this machine lacks, where an index has them.

@@ -87,7 +87,7 @@ installed_tests() (
 types() {
     [ "$index" ] || return 0
     set -- "$clean/bin/python"
-    "$1" -m pip install --quiet --disable-pip-version-check mypy &&
+    "$1" -m pip install --quiet --disable-pip-version-check mypy prompt_toolkit types-Pygments &&
         "$1" -m mypy --strict -p vorda &&
         "$1" -m mypy.stubtest vorda.zelqa vorda._statement --ignore-unused-allowlist \
             --allowlist tests/package/stubtest.txt

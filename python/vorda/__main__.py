@@ -4,10 +4,10 @@ import argparse
 import io
 import os
 import sys
-import traceback
 import warnings
 from typing import List, NoReturn, Optional
 
+from . import __version__
 from .display import tell
 from .masking import Mask
 
@@ -23,8 +23,11 @@ COMMIT or ROLLBACK.
 --json  an array of objects, of one result; decimals, dates and times are texts, binary data are hex
         digits, NULL is null. Equal names get _2, _3 ...
 
-  python -m vorda shop.db "SELECT * FROM item"
-  python -m vorda doctor ["Database=shop.db"]      why does it not connect?
+A password in CONNECTION_STRING can be read in the list of processes: PWD=? asks for it.
+
+  %(prog)s shop.db "SELECT * FROM item"
+  %(prog)s "DSN=shop;UID=me;PWD=?"
+  %(prog)s doctor ["Database=shop.db"]      why does it not connect?
 """
 
 
@@ -38,21 +41,29 @@ class Parser(argparse.ArgumentParser):
 
 
 def parse(arguments: List[str]) -> argparse.Namespace:
-    parser = Parser(prog="python -m vorda", epilog=EPILOG,
+    name = os.path.basename(sys.argv[0])
+    parser = Parser(prog=name if name == "vorda" else "python -m vorda", epilog=EPILOG,
                     formatter_class=argparse.RawDescriptionHelpFormatter,
                     description="Run SQL on a connection, or open a shell.")
+    parser.add_argument("--version", action="version", version="vorda " + __version__)
     style = parser.add_mutually_exclusive_group()
     for name in ("csv", "json"):
         style.add_argument("--" + name, dest="style", action="store_const", const=name,
-                           default="table",
-                           help="write results as " + name.upper())
+                           default="table", help="write results as " + name.upper())
+    style.add_argument("--mode", dest="style",
+                       choices=("table", "record", "csv", "json", "markdown"),
+                       help="write results so")
+    parser.add_argument("--password-file", metavar="FILE", default="",
+                        help="a file with the password in its first line")
     parser.add_argument("connection_string", metavar="CONNECTION_STRING",
                         help="for example Database=shop.db, or the path of a SQLite file")
     parser.add_argument("sql", metavar="SQL", nargs="?", help="what to run")
     return parser.parse_intermixed_args(arguments)
 
 
-def run(options: argparse.Namespace, mask: Mask) -> int:
+def run(options: argparse.Namespace) -> int:
+    mask = Mask(options.connection_string)
+
     def complain(text: str) -> None:
         sys.stdout.flush()
         tell(mask(text), sys.stderr)
@@ -62,15 +73,15 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
     except ImportError as error:
         complain("error: %s\n(python -m vorda doctor tells more)" % error)
         return 1
-    from .shell import Failure, Session
+    from .shell.failure import Failure
+    from .shell.passwords import with_password
+    from .shell.session import Session
 
-    if isinstance(sys.stdout, io.TextIOWrapper):
-        if options.style == "table" or sys.stdout.isatty():
-            sys.stdout.reconfigure(errors="backslashreplace")
-        else:
-            sys.stdout.reconfigure(encoding="utf-8", newline="\n")
     session: Optional[Session] = None
     try:
+        options.connection_string = with_password(options.connection_string,
+                                                  options.password_file, complain)
+        mask = Mask(options.connection_string)
         interactive = options.sql is None and sys.stdin.isatty() and sys.stdout.isatty()
         with warnings.catch_warnings(record=True) as remarks:
             warnings.simplefilter("always")
@@ -81,8 +92,10 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
         if options.sql is not None:
             session.run_lines(io.StringIO(options.sql))
         elif interactive:
+            from .shell.terminal import Terminal
+
             print("vorda shell; .help for help, Ctrl-D to leave.")
-            session.interact()
+            Terminal(session).run()
         else:
             session.run_lines(io.TextIOWrapper(sys.stdin.buffer, encoding="utf-8-sig",
                                                newline="\n"), "standard input")
@@ -95,7 +108,7 @@ def run(options: argparse.Namespace, mask: Mask) -> int:
         return 130
     except (Failure, dbapi.Error) as error:
         complain("error: %s" % error)
-        if not session and "python -m vorda doctor" not in str(error):
+        if not session and isinstance(error, dbapi.Error) and "vorda doctor" not in str(error):
             complain("(python -m vorda doctor CONNECTION_STRING tells more)")
         return 1
     finally:
@@ -115,9 +128,8 @@ def main(arguments: List[str]) -> int:
 
         return doctor(arguments[1:])
     options = parse(arguments)
-    mask = Mask(options.connection_string)
     try:
-        status = run(options, mask)
+        status = run(options)
         sys.stdout.flush()
         return status
     except KeyboardInterrupt:
@@ -127,13 +139,20 @@ def main(arguments: List[str]) -> int:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 141
     except OSError as error:
-        tell("error: " + mask(str(error)), sys.stderr)
+        tell("error: " + Mask(options.connection_string)(str(error)), sys.stderr)
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 1
     except Exception:
-        tell(mask(traceback.format_exc()), sys.stderr)
+        import traceback
+
+        tell(Mask(options.connection_string)(traceback.format_exc()), sys.stderr)
         return 1
 
 
-if __name__ == "__main__":
+def command() -> NoReturn:
+    """The command `vorda`."""
     sys.exit(main(sys.argv[1:]))
+
+
+if __name__ == "__main__":
+    command()

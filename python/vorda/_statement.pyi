@@ -29,6 +29,10 @@ class _Stream(Protocol):
 class _Array(Protocol):
     def __arrow_c_array__(self, requested_schema: Any = None) -> Any: ...
 
+def _csv_lines(
+    rows: Sequence[Sequence[Any]], delimiter: str, text_of: Callable[[Any], str], /
+) -> str: ...
+
 class Connection:
     autocommit: bool
     row_factory: Optional[_RowFactory]

@@ -21,7 +21,7 @@ _INNER = re.compile(
 _ADDRESS = re.compile(r"://[^\s:/?\#]*:([^\s;]+)@")
 
 
-def _pairs(connection_string: str) -> Iterator[Tuple[str, str, int]]:
+def pairs(connection_string: str) -> Iterator[Tuple[str, str, int]]:
     """Key, value and where the value starts. A value in braces runs to its closing brace, "}}"
     being one in it, or to the end; one in quotes to the closing one; a piece without "=" has an
     empty key."""
@@ -34,7 +34,7 @@ def _secrets(connection_string: str) -> List[Tuple[int, int]]:
     """Where there are secrets, in order and apart from each other."""
     found = [match.span(1) for match in _ADDRESS.finditer(connection_string)]
     secret = False
-    for key, value, start in _pairs(connection_string):
+    for key, value, start in pairs(connection_string):
         # What follows a secret without a key is the rest of one that has a semicolon in it.
         secret = bool(_SECRET_KEY.search(key)) if key else secret
         if secret and value.strip():

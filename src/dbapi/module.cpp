@@ -40,11 +40,19 @@ PyModuleDef_Slot Slots[] = {
     {0, nullptr},
 };
 
+PyMethodDef Functions[] = {
+    {"_csv_lines", CsvLines, METH_VARARGS,
+     "_csv_lines($module, rows, delimiter, text_of, /)\n--\n\nRows as lines of CSV. A function "
+     "makes texts of cells that are none and no numbers; None is an empty field."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 PyModuleDef ModuleDef = {
     .m_base = PyModuleDef_HEAD_INIT,
     .m_name = "vorda._statement",
     .m_doc = "Connections, statements and rows for vorda.dbapi.",
     .m_size = 0,
+    .m_methods = Functions,
     .m_slots = Slots,
 };
 

@@ -87,6 +87,9 @@ PyRef CursorExecute(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
 PyRef CursorExecuteMany(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
 PyRef CursorAskCatalog(PyObject* cursor, PyObject* const* args, Py_ssize_t count);
 
+// A function of the module: rows as text, for the shell.
+PyObject* CsvLines(PyObject* module, PyObject* args) noexcept;
+
 // Reads what was given as parameters into the cursor's values. A mapping makes `sql` the statement
 // with plain markers.
 void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql);

@@ -94,6 +94,7 @@ def test_a_session_in_the_clean_environment():
     assert output.startswith("%s [('ü')]\n" % VERSION)
     assert output.count(str(CLEAN)) == len(LIBRARIES) and str(ROOT) not in output
     assert "ü" in run(python, "-m", "vorda", "Database=new.db", "SELECT * FROM t")
+    assert "ü" in run(str(CLEAN / "bin" / "vorda"), "Database=new.db", "SELECT * FROM t")
 
 
 @pytest.mark.skipif(not RELEASED, reason="no wheels to give away were made")

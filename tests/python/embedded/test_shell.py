@@ -1,5 +1,6 @@
 """python -m vorda as its users see it: in pipes, in files and on a terminal."""
 
+import contextlib
 import csv
 import io
 import itertools
@@ -18,9 +19,12 @@ from fcntl import ioctl
 
 import pytest
 
+from vorda import dbapi, statements
 from vorda.display import cut, printable, width
 from vorda.masking import HIDDEN, Mask, holds_secret
-from vorda.output import Json
+from vorda.shell.completion import Completer
+from vorda.shell.formats import Json
+from vorda.shell.session import Session
 from vorda.statements import Splitter
 
 ROWS = """CREATE TABLE item (name TEXT, price DECIMAL(8,2), sold DATE, n INTEGER);
@@ -32,10 +36,11 @@ MILLION = ("SELECT * FROM (WITH RECURSIVE s(n) AS (SELECT 1 UNION ALL SELECT n +
            " WHERE n < %d) SELECT n, 'text ' || n AS t FROM s)")
 
 
-def vorda(*arguments, stdin="", **environment):
+def vorda(*arguments, stdin="", start_new_session=False, **environment):
     return subprocess.run([sys.executable, "-m", "vorda", *arguments],
                           input=stdin if isinstance(stdin, bytes) else stdin.encode(), timeout=120,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                          start_new_session=start_new_session,
                           env={**os.environ, "PYTHONIOENCODING": "utf-8", **environment})
 
 
@@ -79,6 +84,58 @@ def test_csv_and_json_carry_every_value(item):
     assert Json.keys(["a", "a", "a_2", "a"]) == ["a", "a_3", "a_2", "a_4"]
 
 
+COMMANDS = [
+    (".mode markdown\nSELECT name, price FROM item WHERE n IN (2, 5);",
+     "| name | price |\n| --- | ---: |\n| 本棚 e\u0301 | 2 |\n| a<br>,\"b | 1 |\n"),
+    (".mode record\nSELECT name, n FROM item WHERE n = 3;",
+     "-- row 1 --\nname | lamp\nn    | 3\n(1 row, TIME)\n"),
+    (".mode csv\n.once FILE\nSELECT 1 AS a, ' b' AS b;\nSELECT 2;", "2\n2\na,b\n1,\" b\"\n"),
+    (".output FILE\nSELECT 1 AS a;\n.tables\n.output\n.timer off\nSELECT 2 AS b;",
+     "(1 row, TIME)\n(2 rows)\nb\n-\n2\n(1 row)\n"
+     "a\n-\n1\nname | type\n-----+------\nitem | table\nsale | table\n"),
+    (".timeout 3\n.timeout\n.mode\n.databases",
+     "3\ntable\nname\n----\nmain\n(1 row)\n"),
+    (".export --delimiter tab FILE 'SELECT name, n FROM item WHERE n IN (2, 5)'",
+     "(2 rows exported, TIME)\nname\tn\n本棚 e\u0301\t5\n\"a\n,\"\"b\"\t2\n"),
+    (".describe sale",
+     "column | type    | null | default | key\n"
+     "-------+---------+------+---------+--------------------\n"
+     "item   | TEXT    | yes  | NULL    | primary -> item (n)\n"
+     "n      | INTEGER | no   | 7       | primary\n(2 rows)\n"),
+    (".indexes ITEM",
+     "table | index | unique | columns\n------+-------+--------+-------------\n"
+     "item  | by_n  | yes    | n DESC, name\n(1 row)\n"),
+]
+
+
+@pytest.mark.parametrize("lines, shown", COMMANDS)
+def test_commands(item, tmp_path, lines, shown):
+    file = tmp_path / "out"
+    out(item, stdin="CREATE TABLE sale (item TEXT REFERENCES item (n), n INTEGER NOT NULL"
+        " DEFAULT 7,"
+        " PRIMARY KEY (n, item)); CREATE UNIQUE INDEX by_n ON item (n DESC, name);")
+    said = out(item, stdin=lines.replace("FILE", str(file)) + "\n")
+    said += file.read_text(encoding="utf-8") if file.exists() else ""
+    assert re.sub(r"\d+\.\d{3} s", "TIME", said) == shown
+
+
+def test_an_export_that_fails_leaves_what_was_there(item, tmp_path):
+    (tmp_path / "old").write_text("old")
+    done = vorda(item, ".export --encoding ascii %s item" % (tmp_path / "old"))
+    assert b"written as ascii" in done.stderr and done.returncode == 1
+    assert [(file.name, file.read_text()) for file in tmp_path.glob("*old*")] == [("old", "old")]
+
+
+def test_a_password_comes_from_a_file(tmp_path):
+    file = tmp_path / "word"
+    file.write_text("hunter2}\n")
+    said = vorda("Database=:memory:;Pwd=?", "--password-file", str(file), "SELECT 'hunter2}' AS a")
+    assert b"hunter2}\n" in said.stdout and b"others can read" in said.stderr  # a row is a row
+    assert b"hunter2" not in said.stderr and b"unknown key" in said.stderr.lower()
+    assert b"no terminal" in vorda("Database=:memory:;Pwd=?", start_new_session=True).stderr
+    assert b"one in a file" in vorda("A=b;Pwd=x", "--password-file", str(file)).stderr
+
+
 @pytest.mark.parametrize("arguments, stdin, status, message", [
     (["Database=:memory:", "SELECT nope"], "", 1, "no such column: nope"),
     (["Database=:memory:"], "SELECT 1;\n\nSELECT\nnope;\nSELECT 2;", 1, "standard input:3: "),
@@ -92,6 +149,12 @@ def test_csv_and_json_carry_every_value(item):
     (["Database=:memory:", "SELECT * FROM \"\x1b[2Jx\""], "", 1, "no such table: \\x1b[2Jx"),
     (["Database=:memory:", "--json", "SELECT 1; SELECT 2"], "", 1, "--json writes one document"),
     (["Database=:memory:", ".read"], "", 1, "usage: .read FILE"),
+    (["Database=:memory:", ".mode xml"], "", 1, "there are table, record, csv"),
+    (["Database=:memory:", ".timeout -1"], "", 1, "-1 is no number of seconds"),
+    (["Database=:memory:", ".describe nope"], "", 1, "no table or view nope"),
+    (["Database=:memory:", ".output /no/such/file"], "", 1, "No such file"),
+    (["Database=:memory:", ".import --delimiter ab f t"], "", 1, "'ab' is no delimiter"),
+    (["Database=:memory:", "--password-file", "/no/such", "."], "", 1, "error: /no/such: No such"),
     (["Database=/no/such/folder/x"], "", 1,
      "'/no/such/folder/x': No such file or directory\n(python -m vorda doctor"),
     ([], "", 2, "usage: python -m vorda"),
@@ -145,19 +208,31 @@ def test_cutting_counts_columns():
     assert cut("e\u0301e\u0301e\u0301", 2) == "e\u0301…"
 
 
-@pytest.mark.parametrize("parts", [  # statements, and what is between them
-    ["SELECT 1;", " ", "SELECT 2"],
-    ["SELECT ';'';', \";\", `;`, [;];", " -- ;\n/* ; */ ;;\n-- end \x0b;"],
-    ["SELECT '\n;\r\n' /*\n;'*/;", "", "SELECT 2;"],
-    ["create temp trigger t after insert on a begin select case 1 when 1 then 2 end; select "
-     "';end;'; end ;", " ", "SELECT 1"],
-    ["CREATE OR REPLACE PROCEDURE p AS SELECT 1;\n\nSELECT 2;", "\n/\n", "SELECT 3;"],
-    ["CREATE TABLE procedure (a);", "", "SELECT 1;"],
+@pytest.mark.parametrize("syntax, parts", [  # statements, and what is between them
+    *[(statements.SQLITE, parts) for parts in [
+        ["SELECT 1;", " ", "SELECT 2"],
+        ["SELECT ';'';', \";\", `;`, [;];", " -- ;\n/* ; */ ;;\n-- end \x0b;"],
+        ["SELECT '\n;\r\n' /*\n;'*/;", "", "SELECT 2;"],
+        ["create temp trigger t after insert on a begin select case 1 when 1 then 2 end; select "
+         "';end;'; end ;", " ", "SELECT 1"],
+        ["CREATE OR REPLACE PROCEDURE p AS SELECT 1;\n\nSELECT 2;", "\n/\n", "SELECT 3;"],
+        ["CREATE TABLE procedure (a);", "", "SELECT 1;"]]],
+    *[(statements.POSTGRESQL, parts) for parts in [
+        ["CREATE PROCEDURE p() LANGUAGE plpgsql AS $$ BEGIN\n;'; END; $$;", " ", "SELECT 1;"],
+        ["SELECT $a$ ;$$; $a$, e'\\';', a$b FROM x$1;", " ",
+         "/* /* ; */ ; */ SELECT b[';'], '\\';"],
+        ["CREATE FUNCTION f() RETURNS int BEGIN ATOMIC SELECT CASE 1 WHEN 1 THEN 2 END; SELECT 2;"
+         " END;", " ", "SELECT 1;"]]],
+    *[(statements.MARIADB, parts) for parts in [
+        ["SELECT 1;", " \nDELIMITER //\n", "CREATE PROCEDURE p() BEGIN SELECT '//\\'//'; END",
+         "// # '\ndelimiter ;\n", "SELECT 'it\\'s;', 5--1;", "", "/*!40101 SET x = ';' */;"],
+        ["CREATE TRIGGER t BEFORE INSERT ON x FOR EACH ROW SET a = 1;", " ",
+         "CREATE TRIGGER t BEFORE INSERT ON x FOR EACH ROW BEGIN SET a = 1; END;"]]],
 ])
-def test_where_statements_end(parts):
-    splitter = Splitter()
+def test_where_statements_end(syntax, parts):
+    splitter = Splitter(syntax=syntax)
     found = [s for line in io.StringIO("".join(parts)) for s in splitter.feed(line)]
-    assert found + list(splitter.finish()) == parts[::2]
+    assert [text.strip() for text in found + list(splitter.finish())] == parts[::2]
 
 
 @pytest.mark.parametrize("string, shown, message, masked", [
@@ -208,6 +283,8 @@ def imported(path, tmp_path, stdlib):
 @pytest.mark.parametrize("content, table, rows", [
     ("B,a\n\"x,\n\"\"y\",007\n,\n", "t", [(7, 'x,\n"y', None), (None, None, None)]),
     ("b,C D\n\"\",é\n", "t", [(7, "", "é")]), ("b,C D\n,é\n", "t --empty-text", [(7, "", "é")]),
+    ("junk\nb\tC D\n\"x\ty\"\té,\n".encode("utf-16"),
+     "t --delimiter tab --skip 1 --encoding utf-16", [(7, "x\ty", "é,")]),
     ("\ufeffb\nx\n\ny", "t", [(7, "x", None), (7, None, None), (7, "y", None)]),
     ("@id,:x,e?\n12.50,1,1e3\n,,-inf\n", "group.x",
      [(1, 12.5, 1e3, None), (None, None, float("-inf"), None)]),
@@ -221,7 +298,8 @@ def test_import(imported, content, table, rows):
     (b"b\n" + b"x\n" * 3000 + b"y,z\n", "t", "line 3002 has 2 fields, the header has 1"),
     (b"b,e\n1,2\n", "t", "no column 'e'; its columns are a, b, c d"),
     (b"b,B\n1,2\n", "t", "names a column twice: b"), (b"", "t", "no header line"),
-    (b"b\nx\n\xff\n", "t", "line 3 is not valid UTF-8"), (b"b\n1\n", "u", "no such table: u"),
+    (b"b\nx\n\xff\n", "t", "line 3 is not valid UTF-8"),
+    (b"b,b\n1,2\n", "u", "names a column twice"), (b"b, \n1,2\n", "u", "without a name"),
     (b"b\n\"x\n", "t", "line 2: the quotes of a field are not closed"),
     (b'b\n"x"y\n', "t", "line 2: text beside the quotes of a field"),
     *[(b'%s\n1\n"%s"\n' % item, "group.x", "line 3: %r is no" % item[1].decode()) for item in [
@@ -236,6 +314,18 @@ def test_an_import_is_whole_or_not_at_all(imported, content, table, message):
     assert message in error and stored == []
 
 
+@pytest.mark.parametrize("begin, end", [("", ""), ("BEGIN;", "COMMIT;")])
+def test_an_import_makes_the_table(path, tmp_path, stdlib, begin, end):
+    good, bad = tmp_path / "good.csv", tmp_path / "bad.csv"
+    good.write_text("a b,c\n1,\n,007\n")
+    bad.write_text(good.read_text() + "8\n")
+    assert vorda("Database=" + path, stdin="%s\n.import %s bad\n" % (begin, bad)).returncode == 1
+    assert "2 rows imported into a new table" in out(
+        "Database=" + path, stdin="%s\n.import %s main.good\n%s\n" % (begin, good, end))
+    assert stdlib.execute("SELECT name FROM sqlite_master").fetchall() == [("good",)]
+    assert stdlib.execute('SELECT "a b", c FROM good').fetchall() == [("1", None), (None, "007")]
+
+
 # --- on a terminal
 
 
@@ -246,7 +336,7 @@ class Terminal:
         self.pid, self.file = pty.fork()
         if self.pid == 0:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # which a job in the background may ignore
-            os.environ.update(environment, TERM="dumb")
+            os.environ.update({"TERM": "dumb", **environment})
             os.execv(sys.executable, [sys.executable, "-m", "vorda", *arguments])
         ioctl(self.file, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
 
@@ -320,6 +410,59 @@ def test_the_shell(terminal, tmp_path):
     kept = history.read_text()
     assert ".tables\nSELECT 'one;\ntwo' AS x;\n" in kept and "Pwd" not in kept
     assert "Database" not in kept
+
+
+@pytest.mark.parametrize("before, after, found", [
+    ("SEL", "", ["SELECT"]), ("SELECT 1;\nsel", "", ["select"]), ("SELECT 'sel", "", []),
+    ("UPDATE ", "", ["item", '"of us"']), ("SELECT pri", " FROM item", ["price", "primary"]),
+    ("SELECT i.n", ", 1 FROM item AS i", ["i.name", "i.n"]),
+    (".des", "", [".describe"]), (".schema I", "", ["item"]), (".mode m", "", ["markdown"]),
+    (".read FOLDER/d", "", ["FOLDER/data.db"]),
+])
+def test_completion(item, path, before, after, found):
+    folder = os.path.dirname(path)
+    with contextlib.closing(dbapi.connect(item, autocommit=True)) as connection:
+        connection.execute('CREATE TABLE "of us" (a)')
+        completer = Completer(Session(connection, "table", Mask()))
+        offered = completer.candidates(before.replace("FOLDER", folder), after)[1]
+    assert offered == [text.replace("FOLDER", folder) for text in found]
+
+
+def test_with_prompt_toolkit(item, tmp_path):
+    """A statement is edited whole, offered from the history, and kept without secrets."""
+    pytest.importorskip("prompt_toolkit")
+    terminal = Terminal(item, XDG_STATE_HOME=str(tmp_path), TERM="xterm", PAGER="",
+                        PROMPT_TOOLKIT_NO_CPR="1", columns=90)
+    terminal.until("vorda>")
+    terminal.type("SELECT 'one\rtwo' AS x FR\t", "FROM")
+    terminal.type(" it\t", "item")
+    terminal.type(" WHERE n = 5;\r", r"one\\n.*\(1 row.*vorda>")
+    terminal.type("BEGIN;\r", r"\(done.*vorda\*>")
+    terminal.type("CREATE USER u IDENTIFIED BY 'hunter2';\r", r"error: .*vorda\*>")
+    assert "KeyboardInterrupt" not in terminal.type("SELECT 1\r\x03", r"\(stopped\).*vorda\*>")
+    terminal.type("\x1b[A\x1b[A\x1b[A" + "\r", r"one\\n.*\(1 row.*vorda\*>")
+    assert terminal.close() == 0
+    kept = (tmp_path / "vorda" / "statements").read_text()
+    assert "+two' AS x FROM item WHERE n = 5;\n" in kept and "hunter2" not in kept
+
+
+def test_long_results_go_to_the_pager(item, tmp_path):
+    pager = tmp_path / "pager"
+    pager.write_text("#!/bin/sh\nhead -n 40 | tail -n 1 | sed 's/^/PAGED /'\n")
+    pager.chmod(0o755)
+    terminal = Terminal(item, XDG_STATE_HOME=str(tmp_path), TERM="vt100", PAGER=str(pager),
+                        PROMPT_TOOLKIT_NO_CPR="1")
+    terminal.until("vorda>")
+    assert "PAGED" not in terminal.type("SELECT 12 AS a;\r", r"\(1 row.*vorda>")
+    terminal.type(MILLION % 10 ** 9 + ";\r", r"PAGED +38 \|.*\(left after [\d,]+ rows\).*vorda>")
+    assert terminal.close() == 0
+
+
+def test_a_password_is_asked_for_without_echo(tmp_path):
+    terminal = Terminal("Database=:memory:;Pwd=?", "SELECT 'hunter2' AS a")
+    terminal.until("Password: ")
+    shown = terminal.type("hunter2\n", "unknown key.*row")
+    assert shown.count("hunter2") == 1 and terminal.close() == 0
 
 
 @pytest.mark.parametrize("style", ["csv", "json"])

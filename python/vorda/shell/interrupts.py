@@ -4,7 +4,7 @@ import contextlib
 import signal
 from typing import Any, Callable, Iterator
 
-from . import dbapi
+from .. import dbapi
 
 AGAIN_SECONDS = 0.25  # a cancellation falls flat between two statements of one call
 

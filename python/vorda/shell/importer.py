@@ -1,22 +1,19 @@
-"""Reading a CSV file into a table: all of it, or nothing."""
+"""Reading a CSV file into a table, which is made when there is none: all of it, or nothing."""
 
-import re
+import contextlib
 import sys
 import time
 from typing import (Any, BinaryIO, Callable, Dict, Iterator, List, NamedTuple, Optional, Sequence,
                     TextIO, Tuple)
 
-from . import dbapi
+from .. import dbapi
+from .csvreader import Fields, Form, Malformed, records
 from .dialects import MARIADB, SQLITE, Dialect
 from .interrupts import Interrupts
 from .values import PARSERS, SENT_AS_VALUES
 
 SHOWN_ROWS = 500  # between two looks at the progress
-
-Fields = List[Optional[str]]
-
-# A field in quotes or without, and what ends it.
-_FIELD = re.compile(r'(?:"([^"]*(?:""[^"]*)*)"|([^",\r\n][^,\r\n]*)?)(,|\r?\n|\r?\Z)')
+NO_TABLE = ("42S02", "42P01")  # SQLSTATEs
 
 
 class ImportFailed(Exception):
@@ -46,43 +43,6 @@ class Progress:
             self.out.flush()
 
 
-def lines_of(file: BinaryIO) -> Iterator[str]:
-    for number, line in enumerate(file, 1):
-        try:
-            yield line.decode("utf-8-sig" if number == 1 else "utf-8")
-        except UnicodeDecodeError as error:
-            raise ImportFailed("line %d is not valid UTF-8" % number) from error
-
-
-def records(lines: Iterator[str]) -> Iterator[Tuple[int, Fields]]:
-    """Each record with the number of its first line. A field is None where there is nothing, but an
-    empty text where there are quotes; csv.reader does not tell one from the other."""
-    number = 0
-    for line in lines:
-        number, first = number + 1, number + 1
-        fields: Fields = []
-        position, end = 0, ","
-        while end == ",":
-            match = _FIELD.match(line, position)
-            if match:
-                quoted, plain, end = match.groups()
-                fields.append(plain if quoted is None else quoted.replace('""', '"'))
-                position = match.end()
-                continue
-            if line[position] != '"' or line.count('"', position) % 2 == 0:
-                raise ImportFailed("line %d: text beside the quotes of a field" % number)
-            pieces, line = [line], ""
-            for line in lines:
-                number += 1
-                pieces.append(line)
-                if line.count('"') % 2:
-                    break
-            else:
-                raise ImportFailed("line %d: the quotes of a field are not closed" % first)
-            line = "".join(pieces)
-        yield first, fields
-
-
 class Field(NamedTuple):
     """A column that the file has."""
 
@@ -93,60 +53,94 @@ class Field(NamedTuple):
 
 
 class Importer:
-    """Inserts the rows of a UTF-8 file with a header line. An empty field becomes NULL; in a column
-    of texts or binary data one with quotes is empty, in one of texts all are with `empty_text`."""
+    """Inserts the rows of a file with a header line. An empty field becomes NULL; in a column of
+    texts or binary data one with quotes is empty, in one of texts all are with `empty_text`."""
 
     def __init__(self, connection: dbapi.Connection, dialect: Dialect, interrupts: Interrupts,
-                 empty_text: bool) -> None:
-        self.connection, self.dialect = connection, dialect
-        self.interrupts, self.empty_text = interrupts, empty_text
+                 form: Form, empty_text: bool) -> None:
+        self.connection, self.dialect, self.interrupts = connection, dialect, interrupts
+        self.form, self.empty_text = form, empty_text
         self.rows = self.line = 0  # read so far, and where the last one begins
         self.stored = -1  # of them, once it is done
+        self.table = self.to_make = ""  # one that is to be made, and how
+        self.to_undo = ""  # what it then takes to be rid of it
 
     def run(self, path: str, table: str, out: TextIO = sys.stderr) -> None:
         with open(path, "rb") as file:
-            progress = Progress(out, file) if file.seekable() else None
-            lines = records(lines_of(file))
-            header = next(lines, (0, []))[1]
-            if header in ([], [None]):
-                raise ImportFailed("the file has no header line")
-            name, columns = self.described(table)
-            chosen = [columns[i] for i in choose([column[0] for column in columns], header)]
-            statement = "INSERT INTO %s (%s) VALUES (%s)" % (
-                name, ", ".join(self.dialect.quoted(column[0]) for column in chosen),
-                ", ".join("?" * len(chosen)))
             try:
-                self.interrupts.call(self.insert, statement,
-                                     self.values(lines, self.fields(chosen), progress))
+                self.read(file, table, Progress(out, file) if file.seekable() else None)
             except KeyboardInterrupt:
                 raise KeyboardInterrupt("nothing is imported" * (self.stored < 0)) from None
-            except dbapi.Error as error:
-                raise ImportFailed("%s (in line %d or before)" % (error, self.line)) from error
-            finally:
-                if progress:
-                    progress.clear()
+            except Malformed as error:
+                raise ImportFailed(str(error)) from error
+
+    def read(self, file: BinaryIO, table: str, progress: Optional[Progress]) -> None:
+        lines = records(file, self.form)
+        header = next(lines, (0, []))[1]
+        if header in ([], [None]):
+            raise ImportFailed("the file has no header line")
+        name, columns = self.described(table, header)
+        chosen = [columns[i] for i in choose([column[0] for column in columns], header)]
+        statement = "INSERT INTO %s (%s) VALUES (%s)" % (
+            name, ", ".join(self.dialect.quoted(column[0]) for column in chosen),
+            ", ".join("?" * len(chosen)))
+        try:
+            self.interrupts.call(self.insert, statement,
+                                 self.values(lines, self.fields(chosen), progress))
+        except dbapi.Error as error:
+            raise ImportFailed("%s (in line %d or before)" % (error, self.line)) from error
+        finally:
+            if progress:
+                progress.clear()
+            if self.stored < 0 and self.to_undo:
+                with self.interrupts.ignored(), contextlib.suppress(dbapi.Error):
+                    self.connection.execute(self.to_undo)
 
     def insert(self, statement: str, rows: Iterator[List[Any]]) -> None:
-        self.stored = self.connection.executemany(statement, rows).rowcount
+        is_transaction = bool(self.to_make and self.dialect.undoes_tables
+                              and not self.connection.in_transaction)
+        if is_transaction:
+            self.connection.execute("BEGIN")
+            self.to_undo = "ROLLBACK"
+        if self.to_make:
+            self.connection.execute(self.to_make)
+            self.to_undo = self.to_undo or "DROP TABLE " + self.table
+        stored = self.connection.executemany(statement, rows).rowcount
+        if is_transaction:
+            self.connection.execute("COMMIT")
+        self.stored = stored
 
-    def described(self, table: str) -> Tuple[str, Sequence[Any]]:
+    def described(self, table: str, header: Fields) -> Tuple[str, Sequence[Any]]:
         """The table's name as it stands in statements, and its columns as a cursor has them."""
         quoted = self.dialect.quoted
         parts = [table] if self.dialect.quote in table else table.split(".")
-        name = ".".join(map(quoted, parts))
-        try:
-            columns = self.columns(name)
-        except dbapi.Error:
-            if len(parts) == 1:
-                raise
-            name, parts = quoted(table), [table]
-            columns = self.columns(name)
-        if self.dialect is MARIADB:
-            self.refuse_without_transactions(parts)
-        return name, columns
+        for names in (parts, [table]):
+            try:
+                columns = self.columns(quoted(*names))
+            except dbapi.Error as error:
+                if error.sqlstate not in NO_TABLE and "no such table" not in str(error):
+                    raise
+            else:
+                if self.dialect is MARIADB:
+                    self.refuse_without_transactions(names)
+                return quoted(*names), columns
+        return quoted(*parts), self.made_from(header, quoted(*parts))
 
     def columns(self, name: str) -> Sequence[Any]:
         return self.connection.execute("SELECT * FROM %s WHERE 1 = 0" % name).description or ()
+
+    def made_from(self, header: Fields, table: str) -> Sequence[Any]:
+        """The columns of a table that is to be made: texts, as they are in the file."""
+        if self.connection.in_transaction and not self.dialect.undoes_tables:
+            raise ImportFailed("there is no table %s, and making one would commit the transaction"
+                               % table)
+        names = [(name or "").strip() for name in header]
+        if not all(names):
+            raise ImportFailed("the header has a column without a name")
+        columns = ["%s %s" % (self.dialect.quoted(name), self.dialect.text) for name in names]
+        self.table = table
+        self.to_make = "CREATE TABLE %s (%s)" % (table, ", ".join(columns))
+        return [(name, str) for name in names]
 
     def refuse_without_transactions(self, parts: Sequence[str]) -> None:
         found = self.connection.execute(

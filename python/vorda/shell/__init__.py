@@ -1,0 +1,1 @@
+"""The shell of python -m vorda, on vorda.dbapi."""
