@@ -536,5 +536,5 @@ def test_every_way_to_connect(databases, driver):
         driver.connect(lite.string.replace(lite.path, path)).execute("CREATE TABLE t (a INTEGER)")
         assert os.path.exists(path)
     for string in ("DSN=nowhere", "Driver={no such driver}", "FILEDSN=/nowhere.dsn"):
-        with pytest.raises(driver.DatabaseError, match=r"\[unixODBC\]"):
+        with pytest.raises(driver.Error, match=r"\[unixODBC\]"):
             driver.connect(string)
