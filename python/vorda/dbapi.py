@@ -23,7 +23,6 @@ from typing import (
     Callable,
     Dict,
     FrozenSet,
-    Iterable,
     List,
     Optional,
     Sequence,
@@ -503,8 +502,8 @@ class Connection(_statement.Connection):
         """Run a statement with a new cursor, and return that."""
         return Cursor(self).execute(operation, parameters)
 
-    def executemany(self, operation: str, seq_of_parameters: Iterable[Any], /) -> Cursor:
-        """Run a statement for many rows of parameters with a new cursor, and return that."""
+    def executemany(self, operation: str, seq_of_parameters: Any, /) -> Cursor:
+        """Run a statement for many rows, or Arrow data, with a new cursor, and return that."""
         return Cursor(self).executemany(operation, seq_of_parameters)
 
     def executescript(self, script: str, /) -> Cursor:

@@ -226,7 +226,7 @@ PyMethodDef Methods[] = {
      "Parameters: a sequence for ?, or a mapping for :name."},
     {"executemany", AsFast<CursorExecuteMany>(), METH_FASTCALL,
      "executemany($self, operation, seq_of_parameters, /)\n--\n\nRun a statement once for each of "
-     "many sequences or mappings: for all or, when one fails, for none."},
+     "many sequences or mappings, or rows of Arrow data: for all or, when one fails, for none."},
     {"_ask_catalog", AsFast<CursorAskCatalog>(), METH_FASTCALL,
      "_ask_catalog($self, function, names, option, /)\n--\n\nAsk the catalogue, and return the "
      "cursor. An option narrows the answer."},

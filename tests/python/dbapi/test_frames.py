@@ -91,6 +91,32 @@ def test_a_stream_lives_as_long_as_it_is_wanted(connection):
         reader.read_next_batch()
 
 
+def test_what_ends_a_stream_is_told_by_it(connection, tmp_path):
+    cursor = table_of(connection, "INTEGER", range(1000))
+    connection.commit()
+    with contextlib.closing(dbapi.connect(":memory:")) as other:
+        other.execute("CREATE TABLE t (x INTEGER)")
+
+        def read(stream):
+            return other.executemany("INSERT INTO t VALUES (?)", stream).rowcount
+
+        for end, words in ((connection.rollback, "gone with the rollback"),
+                           (connection.cancel, None), (cursor.close, None),
+                           (connection.close, "connection is closed")):
+            kept = connection.execute("SELECT x FROM t").fetch_arrow(batch_rows=100)
+            connection.execute("SELECT x FROM t").fetch_arrow().__arrow_c_stream__()  # not read
+            end()
+            if words:
+                with pytest.raises(dbapi.DatabaseError, match="stream has failed: .*" + words):
+                    read(kept)
+            else:
+                assert read(kept) == 1000
+        kept = dbapi.connect(tmp_path / "data.db").execute("SELECT x FROM t").fetch_arrow(100)
+        assert read(kept) == 1000
+        with pytest.raises(dbapi.ProgrammingError, match="handed over"):
+            read(kept)
+
+
 def test_a_table_is_given_to_many(connection):
     pyarrow = pytest.importorskip("pyarrow")
     cursor = table_of(connection, "INTEGER", range(70000))
