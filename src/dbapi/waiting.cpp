@@ -17,6 +17,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds kTick{50};
+constexpr std::chrono::milliseconds kAgain{200};
 
 unsigned g_forks = 0;
 unsigned long g_mainThread = 0;
@@ -106,6 +107,10 @@ Worker* TakeWorker() {
 // Whether no signal runs a function in Python but Ctrl-C, and that the one which raises
 // KeyboardInterrupt. Functions of real-time signals are not looked for: they run after the call.
 bool OnlyCtrlCIsHandled() {
+    struct sigaction installed {};
+    sigaction(SIGINT, nullptr, &installed);
+    // Another library's, in front of Python's.
+    if ((static_cast<unsigned>(installed.sa_flags) & SA_SIGINFO) != 0) return false;
     constexpr int kFirstRealTime = 32;
     for (int number = 1; number < kFirstRealTime; ++number) {
         const PyRef boxed = Checked(PyLong_FromLong(number));
@@ -177,12 +182,19 @@ class CtrlCWatch {
         BlockSignals();
         for (;;) {
             sem_wait(&m_wake);
-            const std::lock_guard lock(m_mutex);
-            // What came in an earlier call is none of this one's business.
-            if (!m_cancel || !m_came.exchange(false)) continue;
-            m_wasCancelled = true;
-            (*m_cancel)();
+            // Again, since a driver that has not begun has nothing to cancel.
+            while (Cancel()) std::this_thread::sleep_for(kAgain);
         }
+    }
+
+    // Answers whether the call may still go on.
+    bool Cancel() {
+        const std::lock_guard lock(m_mutex);
+        // What came in an earlier call is none of this one's business.
+        if (!m_cancel || !m_came) return false;
+        m_wasCancelled = true;
+        (*m_cancel)();
+        return true;
     }
 
     static inline std::atomic<CtrlCWatch*> s_watch;
