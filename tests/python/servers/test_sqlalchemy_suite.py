@@ -11,16 +11,23 @@ import pytest
 
 from vorda import dbapi
 
+sqlalchemy = pytest.importorskip("sqlalchemy")
+
 FOLDER = pathlib.Path(__file__).parents[1] / "sqlalchemy_suite"
 
 
 def url_of(engine):
     if engine.name == "sqlite":
         return "sqlite+vorda:///suite_vorda.db"
-    port, create = engine.server.port, "CREATE SCHEMA IF NOT EXISTS "
-    dbapi.connect(engine.string, autocommit=True).execute(create + "test_schema")
-    return {"postgresql": "postgresql+vorda://vorda@127.0.0.1:%d/postgres?driver=postgresql",
-            "mariadb": "mariadb+vorda://root@127.0.0.1:%d/vorda?driver=mariadb"}[engine.name] % port
+    # It lists all that is in its database: one of its own.
+    dbapi.connect(engine.string, autocommit=True).execute("CREATE DATABASE suite")
+    url = {"postgresql": "postgresql+vorda://vorda@127.0.0.1:%d/suite?driver=postgresql",
+           "mariadb": "mariadb+vorda://root@127.0.0.1:%d/suite?driver=mariadb"}[engine.name]
+    db = sqlalchemy.create_engine(url % engine.server.port, isolation_level="AUTOCOMMIT")
+    with db.connect() as connection:
+        connection.exec_driver_sql("CREATE SCHEMA IF NOT EXISTS test_schema")
+    db.dispose()
+    return url % engine.server.port
 
 
 @pytest.mark.skipif("VORDA_SQLALCHEMY_SUITE" not in os.environ, reason="./dev servers fetches it")
