@@ -6,7 +6,7 @@ from typing import TYPE_CHECKING, Any, Callable, Dict, Iterator, List, NamedTupl
 
 from .. import dbapi
 from ..display import printable
-from .dialects import SQLITE
+from ..dialects import SQLITE
 from .failure import Failure
 
 if TYPE_CHECKING:

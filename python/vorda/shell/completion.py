@@ -7,7 +7,7 @@ from typing import TYPE_CHECKING, Dict, Iterable, List, Tuple
 from .. import dbapi
 from .browse import Catalogue
 from .commands import COMMANDS
-from .dialects import POSTGRESQL
+from ..dialects import POSTGRESQL
 from .failure import Failure
 
 if TYPE_CHECKING:

@@ -8,7 +8,7 @@ from typing import (Any, BinaryIO, Callable, Dict, Iterator, List, NamedTuple, O
 
 from .. import dbapi
 from .csvreader import Fields, Form, Malformed, records
-from .dialects import MARIADB, SQLITE, Dialect
+from ..dialects import MARIADB, SQLITE, Dialect
 from .interrupts import Interrupts
 from .values import PARSERS, SENT_AS_VALUES
 

@@ -14,7 +14,7 @@ from ..masking import Mask
 from ..statements import Splitter
 from . import commands
 from .destination import Destination
-from .dialects import SQLITE, dialect_of
+from ..dialects import SQLITE, dialect_of
 from .failure import Failure
 from .formats import Blocks, Columns, Csv, Json, Markdown
 from .interrupts import Interrupts

@@ -1,8 +1,8 @@
-"""What the shell has to know of the database that it is connected to."""
+"""What programs have to know of the database that they are connected to."""
 
 from typing import NamedTuple
 
-from .. import dbapi, statements
+from . import dbapi, statements
 
 
 class Dialect(NamedTuple):
