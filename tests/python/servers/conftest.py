@@ -49,6 +49,25 @@ def connect(engine, driver):
             pass  # the test closed it
 
 
+FAMILY = """CREATE TABLE parent (b VARCHAR(20) NOT NULL, a INTEGER NOT NULL, PRIMARY KEY (b, a));
+CREATE TABLE child_ (id INTEGER NOT NULL PRIMARY KEY, a INTEGER, b VARCHAR(20) DEFAULT 'x',
+    FOREIGN KEY (b, a) REFERENCES parent (b, a) ON DELETE CASCADE);
+CREATE UNIQUE INDEX both_ ON child_ (b, id);
+CREATE VIEW seen AS SELECT a FROM parent"""
+
+
+@pytest.fixture
+def family(engine):
+    """Tables with keys, an index and a view, and a connection to them; gone after the test."""
+    connection = dbapi.connect(engine.string, autocommit=True)
+    for statement in FAMILY.split(";"):
+        connection.execute(statement)
+    yield connection
+    for statement in ("DROP VIEW seen", "DROP TABLE child_", "DROP TABLE parent"):
+        connection.execute(statement)
+    connection.close()
+
+
 @pytest.fixture
 def cursor(connect):
     cursor = connect().cursor()
