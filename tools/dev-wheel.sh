@@ -78,6 +78,9 @@ installed_tests() (
     python="$clean/bin/python"
     pytest_folder="$work/pytest"
     has_pytest || provide_pytest
+    # What works with the package, if it is there.
+    [ ! "$index" ] || "$python" -m pip install --quiet --disable-pip-version-check \
+        pyarrow polars duckdb pandas sqlalchemy prompt_toolkit Pygments
     PYTHONPATH=$pytest_folder VORDA_BUILD=$folder "$python" -m pytest -q -p no:cacheprovider \
         --junitxml "$results/wheel-embedded.xml" tests/python/embedded tests/python/dbapi \
         --ignore tests/python/embedded/test_allocations.py

@@ -14,12 +14,12 @@ def _provide_sqlite() -> None:
     name, and whoever asks for that later gets what is already there."""
     bundled = _os.path.join(_os.path.dirname(__file__), "libsqlite3.so.0")
     if _os.path.exists(bundled):
-        import ctypes
+        from _ctypes import dlopen  # ctypes itself would forget the types of other interpreters
 
         try:
-            ctypes.CDLL("libsqlite3.so.0")
+            dlopen("libsqlite3.so.0")
         except OSError:
-            ctypes.CDLL(bundled)
+            dlopen(bundled)
 
 
 _provide_sqlite()

@@ -6,10 +6,12 @@ decimals."""
 from decimal import Context, Decimal
 from typing import Any, Dict, FrozenSet, List, Tuple
 
-from sqlalchemy import __version__ as SQLALCHEMY_VERSION
+import sqlalchemy
 from sqlalchemy import exc, types
 
 from .. import dbapi as vorda_dbapi
+
+IS_OLD = sqlalchemy.__version__.startswith("1.")
 
 # Keys of a URL that dbapi.connect() would take for its own arguments.
 _OTHER_CASE = {"timeout": "Timeout", "autocommit": "Autocommit"}
@@ -38,7 +40,7 @@ class Dialect:
     def import_dbapi(cls) -> Any:
         return vorda_dbapi
 
-    if SQLALCHEMY_VERSION.startswith("1."):
+    if IS_OLD:
 
         @classmethod
         def dbapi(cls) -> Any:

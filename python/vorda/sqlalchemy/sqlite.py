@@ -80,7 +80,7 @@ def _module() -> python_types.ModuleType:
 class SQLiteDialect_vorda(common.Dialect, base.SQLiteDialect):
     supports_statement_cache = True
     # SQLAlchemy 1.4 has no RETURNING here.
-    supports_sane_rowcount_returning = common.SQLALCHEMY_VERSION.startswith("1.")
+    supports_sane_rowcount_returning = common.IS_OLD
     execution_ctx_cls = SQLiteExecutionContext_vorda
     colspecs = {
         **base.SQLiteDialect.colspecs,

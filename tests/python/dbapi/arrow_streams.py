@@ -18,23 +18,22 @@ class Stream(ctypes.Structure):
     pass
 
 
-def _release(kind):
-    return ctypes.CFUNCTYPE(None, _pointer(kind))
+_release = {kind: ctypes.CFUNCTYPE(None, _pointer(kind)) for kind in (Schema, Array, Stream)}
 
 
 Schema._fields_ = [("format", _text), ("name", _text), ("metadata", _text), ("flags", _int),
                    ("n_children", _int), ("children", _pointer(_pointer(Schema))),
-                   ("dictionary", _pointer(Schema)), ("release", _release(Schema)),
+                   ("dictionary", _pointer(Schema)), ("release", _release[Schema]),
                    ("private_data", _void)]
 Array._fields_ = [("length", _int), ("null_count", _int), ("offset", _int), ("n_buffers", _int),
                   ("n_children", _int), ("buffers", _pointer(_void)),
                   ("children", _pointer(_pointer(Array))), ("dictionary", _pointer(Array)),
-                  ("release", _release(Array)), ("private_data", _void)]
+                  ("release", _release[Array]), ("private_data", _void)]
 _get = {kind: ctypes.CFUNCTYPE(ctypes.c_int, _pointer(Stream), _pointer(kind))
         for kind in (Schema, Array)}
 _last_error = ctypes.CFUNCTYPE(_void, _pointer(Stream))
 Stream._fields_ = [("get_schema", _get[Schema]), ("get_next", _get[Array]),
-                   ("get_last_error", _last_error), ("release", _release(Stream)),
+                   ("get_last_error", _last_error), ("release", _release[Stream]),
                    ("private_data", _void)]
 _capsule = ctypes.pythonapi.PyCapsule_New
 _capsule.restype, _capsule.argtypes = ctypes.py_object, [_void, _text, _void]
@@ -61,9 +60,9 @@ class Data:
 
         def release(given):
             self.released += 1
-            given[0].release = _release(kind)()
+            given[0].release = _release[kind]()
 
-        own = kind(release=_release(kind)(release), **fields)
+        own = kind(release=_release[kind](release), **fields)
         self.made += 1
         self.kept.append(own)
         ctypes.memmove(ctypes.byref(out), ctypes.byref(own), ctypes.sizeof(own))

@@ -91,4 +91,4 @@ def test_the_exported_names():
     names = {line.split()[2] for line in lines.splitlines()}
     assert {"RT_Version", "RT_SQLExecDirectW"} <= names
     assert all(name.startswith("RT_") for name in names)
-    assert "RT_SQLProcedures" not in names
+    assert "RT_SQLTablePrivileges" not in names
