@@ -109,7 +109,7 @@ void Widen(GrowingColumn& column, int before, int behind) {
 bool ReadDecimal(const Cell& cell, Wide& value, GrowingColumn& column) {
     if (cell.kind != CellKind::Decimal) return false;
     const Digits digits = TakeApart(cell.bytes);
-    constexpr size_t kTooMany = 2 * kDigitsOf256;  // by far, but countable
+    constexpr size_t kTooMany = size_t{2} * kDigitsOf256;  // by far, but countable
     const auto before = static_cast<int>(std::min(digits.whole.size(), kTooMany));
     const auto behind = static_cast<int>(std::min(digits.fraction.size(), kTooMany));
     if (behind > column.scale || before > column.digits) Widen(column, before, behind);

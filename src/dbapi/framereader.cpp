@@ -60,7 +60,7 @@ template <class T>
 void ReadInteger(ForeignColumn& column, std::int64_t index, Value& value, const Sending& sending) {
     const T integer = At<T>(column, index);
     Set(value, SQL_C_SBIGINT, SQL_BIGINT);
-    value.integer = static_cast<SQLBIGINT>(integer);
+    value.integer = static_cast<SQLBIGINT>(+integer);
     if (integer <= T{0} || value.integer > 0) return;
     // Beyond 63 bits.
     if (sending.toSqlite) throw Failure("22003", "the integer exceeds 64 bits");
