@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 #include "dbapi/failure.h"
 
@@ -29,6 +31,15 @@ bool HasAnyLength(SQLSMALLINT sqlType);
 
 // What its cells are, if they do not tell.
 CellKind KindOf(SQLSMALLINT sqlType);
+
+// A cell's value of fixed size; throws when the runtime gave fewer bytes.
+template <class T>
+T Load(std::string_view bytes) {
+    T value{};
+    if (bytes.size() < sizeof value) throw Failure("HY000", "the runtime's value is too short");
+    std::memcpy(&value, bytes.data(), sizeof value);
+    return value;
+}
 
 // Reads a value in standard pieces by its column's type. Needs no interpreter lock.
 CellKind ReadStandard(SQLHSTMT statement, SQLUSMALLINT column, SQLSMALLINT sqlType,

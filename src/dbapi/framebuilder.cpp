@@ -36,14 +36,6 @@ void MarkNull(FrameColumn& column, size_t row) {
 
 // ---- values of one size
 
-template <class T>
-T Load(std::string_view bytes) {
-    T value{};
-    if (bytes.size() < sizeof value) throw Failure("HY000", "the runtime's value is too short");
-    std::memcpy(&value, bytes.data(), sizeof value);
-    return value;
-}
-
 bool ReadInteger(const Cell& cell, std::int64_t& value, GrowingColumn&) {
     if (cell.kind == CellKind::Integer) value = Load<std::int64_t>(cell.bytes);
     return cell.kind == CellKind::Integer;

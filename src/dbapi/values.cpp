@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <string>
 
@@ -176,14 +175,6 @@ bool ReadOther(Value& value, PyObject* object, Py_ssize_t position, const Sendin
 }
 
 // ---- out
-
-template <class T>
-T Load(std::string_view bytes) {
-    T value{};
-    if (bytes.size() < sizeof value) throw Failure("HY000", "the runtime's value is too short");
-    std::memcpy(&value, bytes.data(), sizeof value);
-    return value;
-}
 
 PyRef MakeText(std::string_view bytes) {
     PyRef text(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), nullptr));
