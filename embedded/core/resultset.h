@@ -55,12 +55,16 @@ class StoredRows final : public ResultSet {
 
   private:
     struct Value {
-        Cell cell;
-        std::string bytes;  ///< what `cell.bytes` stands for
+        Cell::Kind kind;
+        std::int64_t integer;
+        double real;
+        size_t begin;  ///< of its bytes, which end where the next value's begin
     };
 
     std::vector<Column> m_columns;
-    std::vector<std::vector<Value>> m_rows;
+    std::vector<Value> m_values;  ///< of all rows
+    std::string m_bytes;          ///< of all values
+    size_t m_rows = 0;
     size_t m_current = 0;  ///< 1-based; 0 before the first row
 };
 

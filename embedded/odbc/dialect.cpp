@@ -106,14 +106,15 @@ constexpr NamedQuirks kQuirks[] = {
       .unreadable = kUnreadByPostgres}},
     // It counts wide texts wrong, both ways: it takes U+00D8 to U+00DB for halves of surrogate
     // pairs, for one. It shows a date that is none as NULL. A body with semicolons it takes for
-    // several statements, and crashes when it is asked for the result of the second.
+    // several statements, unless BEGIN NOT ATOMIC opens it, and crashes when it is asked for the
+    // result of the second.
     {"maodbc",
      "mariadb",
      {.utf8Texts = true,
       .comesAsText = AsText::Temporals,
       .keepsNul = true,
       .unreadable = kUnreadByMaria,
-      .nextResults = false}},
+      .splitsTexts = true}},
     {"sqlite3odbc", "sqlite", kSqlite},
     {"sqliteodbc", "sqlite", kSqlite},
 };

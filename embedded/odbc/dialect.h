@@ -60,8 +60,9 @@ struct DriverQuirks {
     bool keepsNul = false;       ///< a parameter's text goes on behind a NUL character
     bool textTemporals = false;  ///< dates and times have to be sent as texts
     std::span<const UnreadableStatement> unreadable = {};
-    /// Behind a statement without rows it can be asked for the next result.
-    bool nextResults = true;
+    /// It splits texts at their semicolons, those of a body too, behind which it must not be asked
+    /// for the next result; what is not read of several results keeps everything else waiting.
+    bool splitsTexts = false;
     bool staleTypes = false;  ///< a prepared statement keeps a table's old column types
     bool narrow = false;      ///< it knows no wide functions, and takes UTF-8 in the others
 };

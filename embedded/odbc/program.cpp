@@ -1,6 +1,7 @@
 #include "odbc/program.h"
 
 #include <algorithm>
+#include <deque>
 #include <optional>
 #include <utility>
 
@@ -22,6 +23,22 @@ constexpr std::string_view kTypeErrors[] = {"42804", "42883"};
 /// Sets of one array: reports and row counts of larger ones take drivers long.
 constexpr SQLULEN kMostSets = 10'000;
 
+/// The results behind the first one.
+enum class Further {
+    None,
+    Later,    ///< asked for when somebody wants them
+    AtOnce,   ///< read with the first one: the connection would be blocked until they are
+    Unknown,  ///< the driver must not be asked
+};
+
+Further furtherResults(const StatementText& text, const DriverQuirks& quirks) {
+    if (!quirks.splitsTexts) return Further::Later;
+    if (text.hasParts() && text.isBlock() && !text.isAnonymousBlock()) return Further::Unknown;
+    const StatementKind kind = text.kind();
+    const bool isPlain = kind == StatementKind::Query || kind == StatementKind::Change;
+    return isPlain && !text.hasParts() ? Further::None : Further::AtOnce;
+}
+
 /// Tells of an execution when it is over.
 struct Executed {
     OdbcTransactions& transactions;
@@ -32,12 +49,13 @@ struct Executed {
 class OdbcProgram final : public Program {
   public:
     OdbcProgram(OdbcTransactions& transactions, IdleStatements& idle, MarkedSql sql,
-                StatementKind kind, std::optional<DriverCall> call)
+                StatementKind kind, Further further, std::optional<DriverCall> call)
         : m_transactions(transactions),
           m_session(transactions.session()),
           m_idle(idle),
           m_sql(std::move(sql)),
           m_kind(kind),
+          m_further(further),
           m_call(std::move(call)) {}
     ~OdbcProgram() override { giveBack(); }
 
@@ -65,6 +83,9 @@ class OdbcProgram final : public Program {
     Outcome outcomeOf(SQLRETURN result);
     SQLRETURN toNextResult();
     std::unique_ptr<ResultSet> noRows();
+    void store();
+    void close() const { m_statement->manager().SQLFreeStmt(m_statement->get(), SQL_CLOSE); }
+    std::unique_ptr<ResultSet> takeStored();
     SQLLEN countChanges();
 
     OdbcTransactions& m_transactions;
@@ -72,6 +93,8 @@ class OdbcProgram final : public Program {
     IdleStatements& m_idle;
     MarkedSql m_sql;
     const StatementKind m_kind;
+    const Further m_further;
+    std::deque<std::unique_ptr<ResultSet>> m_stored;  ///< results that are read already
     std::optional<DriverCall> m_call;
     std::shared_ptr<OdbcStatement> m_statement;  ///< null before the first use
     std::string m_key;                           ///< of it, among the idle ones
@@ -117,8 +140,8 @@ void OdbcProgram::prepareOnce() {
 // driver loses sight of a transaction that a prepared one has opened.
 SQLRETURN OdbcProgram::executeOnce() {
     using enum StatementKind;
-    const bool mayRepeat =
-        (m_kind == Query || m_kind == Change || m_kind == Other) && !m_session.quirks().staleTypes;
+    const bool mayRepeat = (m_kind == Query || m_kind == Change || m_kind == Other) &&
+                           !m_session.quirks().staleTypes && m_further != Further::AtOnce;
     if (m_statement->executed && mayRepeat) prepareOnce();
     m_statement->executed = true;
     if (!m_statement->prepared) return m_statement->executeDirect(m_sql.text);
@@ -170,6 +193,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
         outcome = runAsWanted();
     } catch (const Error& error) {
         m_transactions.failed(error);
+        if (m_further != Further::Later) close();
         throw;
     }
     m_failed = false;
@@ -244,23 +268,60 @@ bool OdbcProgram::renewPlan(const Error& error) {
 Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
     const DriverManager& manager = m_statement->manager();
     SQLLEN changed = 0;
+    m_stored.clear();
     do {
         // A change that finds no row is no end of the results, and may have columns.
         SQLSMALLINT columns = 0;
         const SQLRETURN counted = manager.SQLNumResultCols(m_statement->get(), &columns);
         if (result != SQL_NO_DATA) m_statement->handle().check(counted);
-        if (columns > 0) {
+        if (columns > 0 && m_further == Further::Unknown) {
+            throw notSupported(
+                "The driver cannot tell all results of this statement; BEGIN NOT ATOMIC … END "
+                "around it lets it.");
+        }
+        if (columns > 0 && m_further == Further::AtOnce) {
+            store();
+        } else if (columns > 0) {
             Outcome outcome;
             if (m_kind == StatementKind::Change) outcome.changed = countChanges();
             outcome.rows =
                 result == SQL_NO_DATA ? noRows() : makeOdbcRows(m_statement, !m_allResults);
             return outcome;
+        } else if (result != SQL_NO_DATA) {
+            changed += countChanges();
         }
-        if (result != SQL_NO_DATA) changed += countChanges();
-        if (!m_call && !m_session.quirks().nextResults) break;
+        if (m_further == Further::None || m_further == Further::Unknown) break;
         result = toNextResult();
     } while (result != SQL_NO_DATA);
-    return changedBy(changed);
+    Outcome outcome = changedBy(changed);
+    if (m_stored.empty()) return outcome;
+    close();
+    outcome.nothingDone = false;
+    outcome.rows = takeStored();
+    return outcome;
+}
+
+/// Reads the rows of the current result.
+void OdbcProgram::store() {
+    m_statement->keepsResults = true;
+    const std::unique_ptr<OdbcStatement, void (*)(OdbcStatement*)> end(
+        m_statement.get(), [](OdbcStatement* statement) { statement->keepsResults = false; });
+    const auto rows = makeOdbcRows(m_statement, false);
+    auto stored = std::make_unique<StoredRows>(rows->columns());
+    std::vector<Cell> row(rows->columns().size());
+    while (rows->next()) {
+        for (size_t i = 0; i < row.size(); ++i) row[i] = rows->cell(static_cast<int>(i));
+        stored->append(row);
+    }
+    m_stored.push_back(std::move(stored));
+}
+
+/// The first of the results that were read; null behind the last.
+std::unique_ptr<ResultSet> OdbcProgram::takeStored() {
+    if (m_stored.empty()) return nullptr;
+    auto rows = std::move(m_stored.front());
+    m_stored.pop_front();
+    return rows;
 }
 
 SQLRETURN OdbcProgram::toNextResult() {
@@ -281,6 +342,10 @@ std::unique_ptr<ResultSet> OdbcProgram::noRows() {
 }
 
 std::unique_ptr<ResultSet> OdbcProgram::nextResult(std::unique_ptr<ResultSet> rows) {
+    if (m_further != Further::Later) {
+        rows.reset();
+        return takeStored();
+    }
     m_statement->keepsResults = true;
     rows.reset();
     m_statement->keepsResults = false;
@@ -288,7 +353,7 @@ std::unique_ptr<ResultSet> OdbcProgram::nextResult(std::unique_ptr<ResultSet> ro
     const SQLRETURN result = toNextResult();
     if (result != SQL_NO_DATA) rows = outcomeOf(result).rows;
     m_failed = false;
-    if (!rows) m_statement->manager().SQLFreeStmt(m_statement->get(), SQL_CLOSE);
+    if (!rows) close();
     return rows;
 }
 
@@ -460,7 +525,7 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
     MarkedSql marked =
         call ? StatementText(call->escape, session.dialect()).marked() : text.marked();
     return std::make_unique<OdbcProgram>(transactions, idle, std::move(marked), text.kind(),
-                                         std::move(call));
+                                         furtherResults(text, session.quirks()), std::move(call));
 }
 
 }  // namespace embedded

@@ -109,6 +109,19 @@ bool StatementText::isUnreadable(const UnreadableStatement& pattern) const noexc
     return false;
 }
 
+bool StatementText::hasParts() const noexcept {
+    return std::any_of(m_tokens.begin(), m_tokens.end(),
+                       [](const Token& token) { return token.text == ";"; });
+}
+
+bool StatementText::isBlock() const noexcept {
+    return isUnreadable({{"END", ""}}) || isUnreadable({{"UNTIL", ""}});
+}
+
+bool StatementText::isAnonymousBlock() const noexcept {
+    return matches(pairAt(0), {"BEGIN", "NOT"});
+}
+
 /// The kind of a COMMIT or ROLLBACK, which may go back to a savepoint or begin anew.
 StatementKind StatementText::kindOfEnd(StatementKind kind) const noexcept {
     bool stays = false;
@@ -138,6 +151,7 @@ StatementKind StatementText::kind() const noexcept {
         {{"MERGE", ""}, Change},
         {{"WITH", ""}, Change},
         {{"START", "TRANSACTION"}, Begin},
+        {{"BEGIN", "NOT"}, Other},
         {{"BEGIN", ""}, Begin},
         {{"COMMIT", ""}, Commit},
         {{"END", ""}, Commit},

@@ -42,6 +42,13 @@ class StatementText {
 
     StatementKind kind() const noexcept;
 
+    /// Whether there are semicolons between its tokens: those of a block, or between statements.
+    bool hasParts() const noexcept;
+    /// Whether they are those of a block, as MariaDB has them outside of procedures, too.
+    bool isBlock() const noexcept;
+    /// Whether BEGIN NOT ATOMIC opens that.
+    bool isAnonymousBlock() const noexcept;
+
     /// Whether one of its statements is one that `pattern` describes.
     bool isUnreadable(const UnreadableStatement& pattern) const noexcept;
 

@@ -49,9 +49,8 @@ Statement::Statement(Database& database, PyObject* text)
     if (m_length > std::numeric_limits<SQLINTEGER>::max())
         throw Failure("42000", "The statement is longer than 2 GB.");
     m_handle = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, database.connection);
-    // PostgreSQL's driver has read all results when it gives the first; MariaDB's would be out of
-    // step with its server where some are left.
-    if (database.product == "PostgreSQL")
+    // The embedded runtime's SQLite has one result only.
+    if (!database.isSqlite)
         SQLSetStmtAttrW(m_handle, kAllResults, reinterpret_cast<SQLPOINTER>(1), 0);
 }
 

@@ -42,19 +42,56 @@ def test_output_parameters_are_replaced_or_a_row(engine):
     connection.close()
 
 
-def test_results_of_one_text_come_one_after_the_other(databases):
-    if "postgresql" not in databases:
-        pytest.skip("there is no PostgreSQL")
-    connection = dbapi.connect(databases["postgresql"].string)
+def test_results_of_one_text_come_one_after_the_other(engine):
+    if engine.name not in engines.SERVERS:
+        pytest.skip("no server")
+    several = ";Option=67108864" if engine.name == "mariadb" else ""
+    connection = dbapi.connect(engine.string + several)
     cursor = connection.cursor()
-    cursor.execute("SELECT 1 UNION SELECT 2 ORDER BY 1; CREATE TEMP TABLE r (a INT); SELECT 3 AS b")
-    assert cursor.fetchone() == (1,)
-    assert cursor.nextset() and cursor.description[0][0] == "b" and cursor.fetchall() == [(3,)]
-    assert cursor.nextset() is None
+    for _ in range(3):  # the driver may prepare what comes again
+        cursor.execute("SELECT 1 UNION SELECT 2 ORDER BY 1; CREATE TEMPORARY TABLE r (a INT);"
+                       " INSERT INTO r VALUES (?); DROP TABLE r; SELECT 3 AS b", (7,))
+        assert cursor.fetchone() == (1,)
+        assert connection.execute("SELECT 5").fetchall() == [(5,)]
+        assert cursor.nextset() and cursor.description[0][0] == "b" and cursor.fetchall() == [(3,)]
+        assert cursor.nextset() is None
     cursor.execute("SELECT 1; SELECT 2")  # whose second result is never asked for
     assert connection.execute("SELECT 4").fetchall() == [(4,)]
     with pytest.raises(dbapi.ProgrammingError):
         cursor.execute("SELECT 1; SELECT * FROM nowhere")
+    connection.close()
+
+
+def test_a_procedure_of_mariadb_gives_all_its_results(databases):
+    if "mariadb" not in databases:
+        pytest.skip("there is no MariaDB")
+    connection = dbapi.connect(databases["mariadb"].string)
+    connection.execute("CREATE TEMPORARY TABLE r (a INT)")
+    for procedure in ["many(n INT) BEGIN SELECT n UNION SELECT n + 1; INSERT INTO r VALUES (n);"
+                      " SELECT 'x' AS b, NULL, 0.5; SELECT a FROM r; END",
+                      "broken() BEGIN SELECT 1; SELECT * FROM nowhere; SELECT 2; END"]:
+        connection.execute("CREATE OR REPLACE PROCEDURE " + procedure)
+    cursor, sets = connection.cursor(), []
+    for n, text in enumerate(["CALL many(?)"] * 3 + ["EXECUTE many ?", "CALL many(?);"], 1):
+        cursor.execute(text, (n,))
+        assert connection.execute("SELECT 'other'").fetchall() == [("other",)]
+        sets += [cursor.fetchall()]
+        while cursor.nextset():
+            sets += [cursor.fetchall()]
+        assert sets[-3:] == [[(n,), (n + 1,)], [("x", None, Decimal("0.5"))],
+                             [(i,) for i in range(1, n + 1)]]
+    assert len(sets) == 15
+    cursor.execute("BEGIN NOT ATOMIC IF 1 THEN SELECT 1; END IF; SELECT 2; END")
+    assert cursor.fetchall() == [(1,)] and cursor.nextset() and cursor.fetchall() == [(2,)]
+    for failing, error in [("CALL broken()", dbapi.ProgrammingError),
+                           ("BEGIN NOT ATOMIC SELECT 1; SELECT 1 / x; END", dbapi.DatabaseError),
+                           ("IF 1 THEN SELECT 1; SELECT 2; END IF", dbapi.NotSupportedError)]:
+        with pytest.raises(error):
+            cursor.execute(failing)
+        assert cursor.execute("SELECT 'next'").fetchall() == [("next",)]
+    cursor.execute("CALL many(9)")  # and nothing is read
+    connection.commit()
+    cursor.execute("CALL many(9)")
     connection.close()
 
 
