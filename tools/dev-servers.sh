@@ -1,5 +1,5 @@
-# The suite that runs on every engine, with PostgreSQL, MariaDB and SQLite behind the ODBC driver manager. What cannot
-# be installed is skipped, and said.
+# The suite that runs on every engine, with PostgreSQL, MariaDB and SQLite behind the ODBC driver manager, and on clusters
+# of them. What cannot be installed is skipped, and said. An argument, as "cluster", chooses tests by their names.
 
 # want PACKAGE... for FILE (a pattern): the packages, unless the file is there.
 want() {
@@ -30,6 +30,8 @@ provide_servers() {
         want odbc-postgresql for '*/odbc/psqlodbcw.so'
         # The server's program without its service.
         want mariadb-server-core mariadb-client-core for '*/mariadbd'
+        # Several of it in one cluster.
+        want galera-4 for '*/libgalera_smm.so'
         want odbc-mariadb for '*/odbc/libmaodbc.so'
         want libsqliteodbc for '*/odbc/libsqlite3odbc.so')
     [ $# -gt 0 ] || return 0
@@ -84,5 +86,6 @@ provide_sqlalchemy
 say "building for $python"
 build release $package_targets
 start_tests
+[ $# = 0 ] || export PYTEST_ADDOPTS="-k $1"
 run_tests servers servers
 finish_tests

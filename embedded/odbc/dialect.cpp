@@ -12,12 +12,15 @@ struct NamedDialect {
     Dialect dialect;
 };
 
+constexpr std::string_view kDeadlock = "40001";
+
 constexpr Dialect kMySql{.syntax = {.backslashEscapes = true,
                                     .doubleQuotedStrings = true,
                                     .backtickNames = true,
                                     .hashComments = true,
                                     .dashNeedsBlank = true},
-                         .commitsBySchemaChange = true};
+                         .commitsBySchemaChange = true,
+                         .undone = kDeadlock};
 
 constexpr Dialect mariaDb() noexcept {
     Dialect dialect = kMySql;
@@ -45,6 +48,7 @@ constexpr NamedDialect kDialects[] = {
     {"Microsoft SQL Server",
      {.syntax = {.bracketNames = true, .doubledBrackets = true, .nestedComments = true},
       .inTransaction = "SELECT @@TRANCOUNT",
+      .undone = kDeadlock,
       .savepoint = "SAVE TRANSACTION ",
       .rollbackTo = "ROLLBACK TRANSACTION ",
       .release = nullptr}},

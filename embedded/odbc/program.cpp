@@ -417,10 +417,6 @@ class ParameterArray {
                                     m_status.begin());
     }
 
-    bool anyFailed() const noexcept {
-        return std::find(m_status.begin(), m_status.end(), SQL_PARAM_ERROR) != m_status.end();
-    }
-
     /// Whether each set was executed. Some drivers count them and say nothing of each.
     bool complete() const noexcept {
         const auto all = [this](auto... states) {
@@ -455,13 +451,18 @@ Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
     const bool arrays =
         m_session.quirks().arrays && ParameterArray(*m_statement, sets.count()).accepted();
     SQLLEN changed = 0;
-    for (SQLULEN first = 0; first < sets.count();) {
-        SQLULEN count = arrays ? std::min(kMostSets, sets.count() - first) : 1;
-        changed +=
-            arrays ? runArray(sets, parameters, first, count) : runSet(sets, parameters, first);
-        first += count;
+    try {
+        for (SQLULEN first = 0; first < sets.count();) {
+            SQLULEN count = arrays ? std::min(kMostSets, sets.count() - first) : 1;
+            changed +=
+                arrays ? runArray(sets, parameters, first, count) : runSet(sets, parameters, first);
+            first += count;
+        }
+        atomic.release();
+    } catch (const Error& error) {
+        atomic.failed(error);
+        throw;
     }
-    atomic.release();
     return changedBy(changed);
 }
 
@@ -483,7 +484,7 @@ SQLLEN OdbcProgram::runArray(ParameterSets& sets, OdbcParameters& parameters, SQ
         if (!array.accepted()) throw Error("HY000", "The driver takes arrays of some sizes only.");
         const SQLRETURN result = executeOnce();
         // Later calls would replace what the driver has to say.
-        if (result == SQL_SUCCESS_WITH_INFO && array.anyFailed())
+        if (result == SQL_SUCCESS_WITH_INFO && !array.complete())
             throw m_statement->handle().failure();
         const SQLLEN changed = countAll(result);
         if (!array.complete()) {

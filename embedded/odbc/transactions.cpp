@@ -11,7 +11,7 @@ namespace embedded {
 namespace {
 
 constexpr const char* kLost =
-    "The transaction was rolled back behind a statement that the server could not read.";
+    "The whole transaction was rolled back when a statement failed; nothing is left of it.";
 
 }  // namespace
 
@@ -66,8 +66,10 @@ void OdbcTransactions::require(StatementKind kind) {
 }
 
 void OdbcTransactions::failed(const Error& error) noexcept {
-    const auto states = m_session.dialect().unreadable;
-    if ((m_begun || m_opened) &&
+    if (!m_begun && !m_opened) return;
+    const Dialect& dialect = m_session.dialect();
+    const auto states = dialect.unreadable;
+    if (error.state() == dialect.undone ||
         std::find(states.begin(), states.end(), error.state()) != states.end()) {
         m_lost = true;
     }
@@ -154,6 +156,11 @@ void OdbcTransactions::Atomic::release() {
             m_transactions.runScript(release + m_savepoint);
         m_released = true;
     }
+}
+
+void OdbcTransactions::Atomic::failed(const Error& error) noexcept {
+    if (error.state() == m_transactions.m_session.dialect().undone && !m_savepoint.empty())
+        m_released = true;
 }
 
 // Where nothing can be undone any more, the connection must not go on: switching autocommit on, or

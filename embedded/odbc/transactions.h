@@ -27,9 +27,9 @@ class OdbcTransactions {
     /// Whether a transaction is open, by a statement's doing or the driver's.
     bool isOpen() noexcept;
 
-    /// To be asked before a statement is sent. Throws where the driver has rolled the application's
-    /// transaction back and it does not know yet: what comes would be committed without what came
-    /// before. Ending the transaction ends that, a COMMIT with an error.
+    /// To be asked before a statement is sent. Throws where driver or server have rolled the
+    /// application's transaction back and it does not know yet: what comes would be committed
+    /// without what came before. Ending the transaction ends that, a COMMIT with an error.
     void require(StatementKind kind);
     /// To be told of every statement that was executed, successful or not.
     void executed(StatementKind kind) noexcept;
@@ -45,6 +45,8 @@ class OdbcTransactions {
         Atomic& operator=(const Atomic&) = delete;
         ~Atomic();
         void release();
+        /// To be told of a failure: a savepoint that went with it is not gone back to.
+        void failed(const Error& error) noexcept;
 
       private:
         void undo() noexcept;
@@ -67,7 +69,7 @@ class OdbcTransactions {
     bool m_begun = false;    ///< a statement has opened a transaction with autocommit on
     bool m_changed = false;  ///< something was executed, with autocommit off, since the last end
     bool m_opened = false;   ///< anything was
-    bool m_lost = false;     ///< the driver has rolled it back by itself
+    bool m_lost = false;     ///< driver or server have rolled it back
     unsigned m_savepoints = 0;
 };
 

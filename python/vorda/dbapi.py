@@ -129,11 +129,19 @@ _BY_STATE: Dict[str, Type[Error]] = {
     **dict.fromkeys(("24", "IM"), InterfaceError),
 }
 
+# MariaDB's own codes for what it has no SQLSTATE for: an error during COMMIT, which a node that is
+# cut off from the others gives, too, and a lock that was waited for too long.
+_BY_CODE: Dict[Tuple[str, int], Type[Error]] = {
+    ("HY000", 1180): OperationalError,
+    ("HY000", 1205): OperationalError,
+}
+
 
 def _failure(records: List[Tuple[str, int, str]]) -> Error:
     """The exception for what a driver says; called by the core."""
     state, native, _ = records[0]
-    kind = _BY_STATE.get(state) or _BY_STATE.get(state[:3]) or _BY_STATE.get(state[:2])
+    kind = (_BY_CODE.get((state, native)) or _BY_STATE.get(state) or _BY_STATE.get(state[:3])
+            or _BY_STATE.get(state[:2]))
     error = (kind or DatabaseError)("\n".join(words for _, _, words in records))
     error.sqlstate, error.native_code = state, native
     return error

@@ -11,15 +11,21 @@ that survives its death:
 
 import collections
 import datetime
+import itertools
 import os
 import random
 
 TABLE = (
     "CREATE TABLE entry (batch INTEGER NOT NULL, n INTEGER NOT NULL, version INTEGER NOT NULL "
     "CHECK (version > 0),"
-    " size INTEGER NOT NULL, number INTEGER, text TEXT, real REAL, moment TIMESTAMP, PRIMARY KEY "
-    "(batch, n))"
+    " size INTEGER NOT NULL, number BIGINT, text TEXT, fraction DOUBLE PRECISION,"
+    " moment TIMESTAMP, PRIMARY KEY (batch, n))"
 )
+PUT = "INSERT INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?)"
+CHANGE = ("UPDATE entry SET version = ?, number = ?, text = ?, fraction = ?, moment = ?"
+          " WHERE batch = ? AND n = ?")
+# The third value can make the statement fail while it runs: there is no absolute value of -2^63.
+ERASE = "DELETE FROM entry WHERE batch = ? AND n = ? AND abs(?) > 0"
 # Parts of batches: in no committed state of the file may this find any.
 PARTS = (
     "SELECT batch, count(*), max(size), min(version), max(version) FROM entry GROUP BY batch"
@@ -71,6 +77,18 @@ class Ledger:
         os.write(self.file, (" ".join(map(str, (word, batch, *versions))) + "\n").encode())
         self._apply(word, batch, *versions)
 
+    def next_step(self, seed, rng):
+        """One to be taken: the batch, its versions before and after, the statement and its sets of
+        parameters."""
+        if len(self.versions) < 8 or rng.random() < 0.3 and len(self.versions) < 12:
+            batch = self.last + 1
+            return batch, 0, 1, PUT, rows_of(seed, batch, 1)
+        batch, old = rng.choice(list(self.versions.items()))
+        rows = rows_of(seed, batch, old + 1)
+        if rng.random() < 0.5:
+            return batch, old, old + 1, CHANGE, [(*row[2:3], *row[4:], *row[:2]) for row in rows]
+        return batch, old, 0, ERASE, [(*row[:2], 1) for row in rows]
+
     def allowed(self, seed):
         """For each batch that may be there: the lists of rows that it may consist of."""
         allowed = {batch: [version] for batch, version in self.versions.items()}
@@ -78,3 +96,14 @@ class Ledger:
             allowed[self.doubt[0]] = self.doubt[1:]
         return {batch: [rows_of(seed, batch, v) for v in versions]
                 for batch, versions in allowed.items()}
+
+
+def differences(allowed, rows):
+    """What is otherwise among all stored rows, in the order of their keys, than the ledgers say."""
+    stored = {batch: list(group) for batch, group in itertools.groupby(rows, lambda row: row[0])}
+    for batch in sorted(stored.keys() | allowed.keys()):
+        found = [(*row[:-1], str(row[-1])) for row in stored.get(batch, [])]
+        right = [[(*row[:-1], str(row[-1])) for row in rows] for rows in allowed.get(batch, [[]])]
+        if found not in right:
+            yield "batch %d has %d rows, where the ledger says %s" % (
+                batch, len(found), [len(rows) for rows in right])

@@ -17,14 +17,9 @@ import sys
 import time
 import warnings
 
-from ledger import PARTS, Ledger, rows_of
+from ledger import CHANGE, ERASE, PARTS, PUT, Ledger, rows_of
 from vorda import dbapi, zelqa
 
-PUT = "INSERT INTO entry VALUES (?, ?, ?, ?, ?, ?, ?, ?)"
-CHANGE = ("UPDATE entry SET version = ?, number = ?, text = ?, real = ?, moment = ?"
-          " WHERE batch = ? AND n = ?")
-# The third value can make the statement fail while it runs: there is no absolute value of -2^63.
-ERASE = "DELETE FROM entry WHERE batch = ? AND n = ? AND abs(?)"
 READ = "SELECT * FROM entry WHERE batch = ? ORDER BY n"
 CALLS, PROCEDURES = {}, []
 for name, sql in {"put": PUT, "change": CHANGE, "erase": ERASE, "read": READ}.items():
@@ -125,18 +120,8 @@ class Worker:
     def write(self):
         """One step of one batch, by one of the ways to take it."""
         self.left.clear()  # half-read rows there would keep us waiting for ourselves
-        rng, versions = self.rng, self.ledger.versions
-        if len(versions) < 8 or rng.random() < 0.3 and len(versions) < 12:
-            batch, old, new, sql = self.ledger.last + 1, 0, 1, PUT
-            sets = rows_of(self.seed, batch, 1)
-        else:
-            batch = rng.choice(list(versions))
-            old = versions[batch]
-            rows = rows_of(self.seed, batch, old + 1)
-            if rng.random() < 0.5:
-                new, sql, sets = old + 1, CHANGE, [(*row[2:3], *row[4:], *row[:2]) for row in rows]
-            else:
-                new, sql, sets = 0, ERASE, [(*row[:2], 1) for row in rows]
+        rng = self.rng
+        batch, old, new, sql, sets = self.ledger.next_step(self.seed, rng)
         # These keep what they have done at a failure, or end the transaction around them.
         doomed = sql.replace("INTO", rng.choice(("OR FAIL INTO", "OR ROLLBACK INTO")))
         stored, way, *arguments = rng.choice((

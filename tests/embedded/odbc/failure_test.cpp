@@ -297,23 +297,27 @@ TEST_F(DriverFailures, OfADeadConnectionDoNotKeepIt) {
     EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, connection.handle));
 }
 
-// PostgreSQL's driver rolls back by itself behind a text that its server cannot read.
+// PostgreSQL's driver rolls back by itself behind a text that its server cannot read, MariaDB
+// itself behind a deadlock.
 TEST_F(DriverConnections, KeepNothingBehindALostTransaction) {
-    dialect(u"PostgreSQL");
-    Connection connection(kDriverText);
-    connection.autocommit(false);
     const std::pair<std::string, std::string> kEnds[] = {
         {"ROLLBACK", "#"}, {"ROLLBACK TO s", "!25P02"}, {"COMMIT", "!40000"}};
-    for (const auto& [end, outcome] : kEnds) {
-        connection.must("DELETE FROM t");
-        script.diagnostics = {{u"42601", 1, u"syntax error"}};
-        script.answers["SQLExecDirectW"] = failing();
-        EXPECT_EQ(SQL_ERROR, connection.run("SELEC 1"));
-        script.answers.clear();
-        connection.expect("INSERT INTO t VALUES (1) => !25P02");
-        connection.expect(end + " => " + outcome);
-        EXPECT_EQ(outcome == "!25P02" ? SQL_ERROR : SQL_SUCCESS, connection.end(SQL_COMMIT));
-    }
+    const std::pair<const char16_t*, const char16_t*> kLosses[] = {{u"PostgreSQL", u"42601"},
+                                                                   {u"MariaDB", u"40001"}};
+    for (const auto& [end, outcome] : kEnds)
+        for (const auto& [product, state] : kLosses) {
+            dialect(product);
+            Connection connection(kDriverText);
+            connection.autocommit(false);
+            connection.must("DELETE FROM t");
+            script.diagnostics = {{state, 1, u"no"}};
+            script.answers["SQLExecDirectW"] = failing();
+            EXPECT_EQ(SQL_ERROR, connection.run("SELEC 1"));
+            script.answers.clear();
+            connection.expect("INSERT INTO t VALUES (1) => !25P02");
+            connection.expect(end + " => " + outcome);
+            EXPECT_EQ(outcome == "!25P02" ? SQL_ERROR : SQL_SUCCESS, connection.end(SQL_COMMIT));
+        }
 }
 
 TEST_F(DriverConnections, AreCancelledByOtherThreads) {

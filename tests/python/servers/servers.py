@@ -39,6 +39,13 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def free_ports(count):
+    ports = set()
+    while len(ports) < count:
+        ports.add(free_port())
+    return sorted(ports)
+
+
 def status(process):
     """The state and the parent of a process, or None where it has ended."""
     try:
@@ -55,24 +62,23 @@ def children(parent):
 
 
 class Server:
-    """A server; `start` returns when it answers. The signals are those for an orderly and a sudden
-    end."""
+    """A server; `start` returns when its log has all words of `ready`. The signals are those for an
+    orderly and a sudden end; in commands `{folder}`, `{port}` and `names` are replaced."""
 
-    def __init__(self, create, run, ready, end=signal.SIGTERM, orphaned=signal.SIGKILL):
+    def __init__(self, create, run, ready, end=signal.SIGTERM, orphaned=signal.SIGKILL, **names):
         self.folder = tempfile.mkdtemp(prefix="vorda-server-")
-        self.port = free_port()
+        self.port = names.get("port") or free_port()
         self.process, self._killer, self._dying = None, None, []
-        self._ready, self._end, self._orphaned = ready.encode(), end, orphaned
+        self._ready, self._end, self._orphaned = ready, end, orphaned
         # Servers refuse to run as root, or should.
         self._user = pwd.getpwnam("nobody") if os.geteuid() == 0 else None
         if self._user:
             os.chown(self.folder, self._user.pw_uid, self._user.pw_gid)
-        names = {"folder": self.folder, "port": self.port}
-        self._command = [word.format(**names) for word in run]
+        self._names = {"folder": self.folder, "port": self.port, **names}
+        self._command = run
         self._log = open(os.path.join(self.folder, "log"), "a+b")
         try:
-            subprocess.run([word.format(**names) for word in create], **self._options(), check=True,
-                           timeout=120)
+            self.run(create)
             self.start()
         except BaseException:
             self._log.seek(0)
@@ -97,13 +103,21 @@ class Server:
                 "env": {"PATH": os.environ.get("PATH", os.defpath), "LC_ALL": "C",
                         "HOME": self.folder}}
 
+    def _named(self, command):
+        return [word.format(**self._names) for word in command]
+
+    def run(self, command):
+        """Runs a program as the server's user, in its folder."""
+        subprocess.run(self._named(command), **self._options(), check=True, timeout=120)
+
     def start(self):
         size = os.path.getsize(self._log.name)
-        self.process = subprocess.Popen(self._command, **self._options())
+        self.process = subprocess.Popen(self._named(self._command), **self._options())
         limit = time.monotonic() + 60
         while True:
             self._log.seek(size)
-            if self._ready in self._log.read():
+            written = self._log.read()
+            if all(word.encode() in written for word in self._ready):
                 return
             if self.process.poll() is not None or time.monotonic() > limit:
                 raise RuntimeError("the server does not start: " + self._command[0])
@@ -118,17 +132,20 @@ class Server:
         if not after:
             self._killer.wait()
 
-    def restart(self):
-        """Starts the server again if it was killed, or will be."""
+    def restart(self, prepare=None):
+        """Starts the server again if it was killed, or will be; in between runs a command."""
         if self._dying:
             self._killer.wait()
             self.process.wait()
             while any(map(status, self._dying)):  # who is left would keep the server from starting
                 time.sleep(0.01)
             self._dying = []
+            if prepare:
+                self.run(prepare)
             self.start()
 
-    def stop(self):
+    def end(self):
+        """Ends the server in order; it can be started again."""
         if self.process and self.process.poll() is None:
             self.process.send_signal(self._end)
             try:
@@ -136,35 +153,38 @@ class Server:
             except subprocess.TimeoutExpired:
                 self.kill()
                 self.process.wait()
+
+    def stop(self):
+        self.end()
         self._log.close()
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
-def postgresql():
+def postgresql(create=None, options=(), **names):
     return Server(
-        create=[program("initdb"), "--pgdata={folder}/data", "--username=vorda", "--auth=trust",
-                "--encoding=UTF8", "--locale=C", "--no-sync"],
+        create=create or [program("initdb"), "--pgdata={folder}/data", "--username=vorda",
+                          "--auth=trust", "--encoding=UTF8", "--locale=C", "--no-sync"],
         run=[program("postgres"), "-D", "{folder}/data", "-p", "{port}", "-k", "{folder}", "-h",
              "127.0.0.1", "-c", "fsync=off", "-c", "full_page_writes=off", "-c",
-             "lock_timeout=10s"],
-        ready="database system is ready to accept connections",
+             "lock_timeout=10s", *options],
+        ready=["database system is ready to accept"],
         end=signal.SIGINT,  # which does not wait for connections to close
-        orphaned=signal.SIGQUIT)  # which leaves no shared memory behind
+        orphaned=signal.SIGQUIT, **names)  # which leaves no shared memory behind
 
 
-def mariadb():
+def mariadb(create=None, wrapper=(), options=(), ready=("ready for connections",), **names):
     return Server(
-        create=["sh", "-ec", program("mariadb-install-db")
-                + " --no-defaults --datadir={folder}/data --skip-test-db"
-                " --skip-name-resolve --auth-root-authentication-method=normal;"
-                "echo 'CREATE DATABASE IF NOT EXISTS vorda;' >init.sql"],
-        run=[program("mariadbd"), "--no-defaults", "--datadir={folder}/data", "--port={port}",
-             "--bind-address=127.0.0.1", "--socket={folder}/socket", "--pid-file={folder}/pid",
-             "--skip-name-resolve", "--init-file={folder}/init.sql",
+        create=create or ["sh", "-ec", program("mariadb-install-db")
+                          + " --no-defaults --datadir={folder}/data --skip-test-db"
+                          " --skip-name-resolve --auth-root-authentication-method=normal;"
+                          "echo 'CREATE DATABASE IF NOT EXISTS vorda;' >init.sql"],
+        run=[*wrapper, program("mariadbd"), "--no-defaults", "--datadir={folder}/data",
+             "--port={port}", "--bind-address=127.0.0.1", "--socket={folder}/socket",
+             "--pid-file={folder}/pid", "--skip-name-resolve", "--init-file={folder}/init.sql",
              "--character-set-server=utf8mb4", "--max-allowed-packet=64M",
              "--innodb-flush-log-at-trx-commit=2", "--lock-wait-timeout=10",
-             "--innodb-lock-wait-timeout=10"],
-        ready="ready for connections")
+             "--innodb-lock-wait-timeout=10", *options],
+        ready=ready, **names)
 
 
 def configure(folder, sources):

@@ -1,0 +1,219 @@
+"""Clusters of real servers: conflicts between connections and nodes, and the soak's ledger while
+nodes are killed and come back."""
+
+import contextlib
+import json
+import random
+import subprocess
+import sys
+import threading
+import time
+
+import pytest
+
+import cluster_writer
+import clusters
+import engines
+from ledger import TABLE, Ledger, differences, rows_of
+from vorda import dbapi
+
+
+@pytest.fixture(scope="module", params=[clusters.Galera, clusters.Standby])
+def cluster(request):
+    if request.param.missing():
+        pytest.skip(request.param.missing())
+    with request.param() as running:
+        yield running
+
+
+# --- conflicts ------------------------------------------------------------------------------------
+
+
+@pytest.mark.parametrize("many", [False, True])
+@pytest.mark.parametrize("begin", [False, True])
+@pytest.mark.parametrize("engine", engines.SERVERS, indirect=True)
+def test_deadlock(engine, begin, many):
+    setup = dbapi.connect(engine.string, autocommit=True)
+    setup.execute("DROP TABLE IF EXISTS t")
+    setup.execute("CREATE TABLE t (a INTEGER PRIMARY KEY, b INTEGER)")
+    setup.executemany("INSERT INTO t VALUES (?, 0)", [(row,) for row in range(1, 7)])
+    both = {row: dbapi.connect(engine.string, autocommit=begin) for row in (1, 2)}
+    update, states, meeting = "UPDATE t SET b = b + ? WHERE a = ?", [], threading.Barrier(2)
+
+    def change(own):
+        connection = both[own]
+        if begin:
+            connection.execute("BEGIN")
+        connection.execute(update, (1, own))
+        if not states:
+            meeting.wait(10)
+        try:
+            if many:
+                connection.executemany(update, [(1, own + 2), (1, 3 - own), (1, own + 4)])
+            else:
+                connection.execute(update, (1, 3 - own))
+        except dbapi.OperationalError as error:
+            states.append(error.sqlstate)
+            if engine.name == "mariadb":
+                # Nothing is left of the transaction, so that its other half is not to be stored.
+                with pytest.raises(dbapi.InternalError, match="rolled back"):
+                    connection.execute("UPDATE t SET b = 100 WHERE a = 3")
+            connection.rollback()
+            return change(own)
+        connection.commit()
+
+    other = threading.Thread(target=change, args=(1,))
+    other.start()
+    change(2)
+    other.join()
+    assert states == [{"mariadb": "40001", "postgresql": "40P01"}[engine.name]]
+    rows = setup.execute("SELECT a, b FROM t ORDER BY a").fetchall()
+    assert rows == [(1, 2), (2, 2), *((row, int(many)) for row in range(3, 7))]
+
+
+@pytest.fixture
+def make(cluster):
+    """Makes tables, with autocommit on, which are known to all nodes then and gone afterwards."""
+    made = []
+
+    def make(*statements):
+        with contextlib.closing(dbapi.connect(cluster.together, autocommit=True)) as connection:
+            for statement in statements:
+                connection.execute(statement.replace("TIMESTAMP", cluster.timestamp))
+                made.extend(statement.split()[2:3] if statement.startswith("CREATE") else [])
+        for string in cluster.strings:
+            dbapi.connect(string + cluster.causal).execute("SELECT count(*) FROM " + made[-1])
+
+    yield make
+    with contextlib.closing(dbapi.connect(cluster.together, autocommit=True)) as connection:
+        for table in made:
+            connection.execute("DROP TABLE " + table)
+
+
+@pytest.mark.parametrize("many", [False, True])
+def test_conflict(cluster, make, driver, many):
+    """A row that another connection has changed since, at another node where all take changes."""
+    is_galera = isinstance(cluster, clusters.Galera)
+    make("CREATE TABLE contested (a INTEGER PRIMARY KEY, b INTEGER)",
+         "INSERT INTO contested VALUES (1, 0)", "INSERT INTO contested VALUES (2, 0)")
+    first, second = [driver.connect(string).cursor()
+                     for string in (cluster.strings[:2] if is_galera else [cluster.together] * 2)]
+
+    def begin(cursor):
+        cursor.execute("BEGIN" if is_galera else "BEGIN ISOLATION LEVEL REPEATABLE READ")
+        cursor.execute("SELECT b FROM contested WHERE a = 2").fetchall()
+
+    def change(cursor):
+        update = "UPDATE contested SET b = b + ? WHERE a = ?"
+        if many:
+            cursor.executemany(update, [(1, 1), (1, 2)])
+        else:
+            cursor.execute(update, (1, 2))
+
+    begin(first)
+    begin(second)
+    if is_galera:
+        change(second)  # nodes know of each other's changes at the end only
+    change(first)
+    first.execute("COMMIT")
+    failure = driver.OperationalError if driver is dbapi else driver.DatabaseError
+    with pytest.raises(failure, match="40001"):
+        if not is_galera:
+            change(second)
+        second.execute("COMMIT")
+    second.execute("ROLLBACK")
+    begin(second)
+    change(second)
+    second.execute("COMMIT")
+    assert [tuple(row) for row in second.execute("SELECT a, b FROM contested ORDER BY a")] == [
+        (1, 2 * many), (2, 2)]
+
+
+# --- the ledger -----------------------------------------------------------------------------------
+
+
+def kill_and_return(cluster, number):
+    """One round: a server is gone for some seconds."""
+    if isinstance(cluster, clusters.Galera):
+        node = cluster.nodes[number % 3]
+        node.kill()
+        time.sleep(3)
+        node.restart()
+    else:
+        cluster.nodes[number % 2].kill()
+        time.sleep(1)
+        cluster.promote(1 - number % 2)
+
+
+@pytest.fixture
+def writers(cluster, tmp_path, make):
+    """Processes that write until they are told to stop, each beginning at another server; `stop`
+    gives their ledgers, and what they met."""
+    make(TABLE, "CREATE TABLE done (batch INTEGER, version INTEGER, PRIMARY KEY (batch, version))",
+         "CREATE TABLE posting (id %s PRIMARY KEY, batch INTEGER, version INTEGER, n INTEGER)"
+         % cluster.serial, "CREATE TABLE tally (id INTEGER PRIMARY KEY, steps INTEGER)",
+         "INSERT INTO tally VALUES (1, 0)", "INSERT INTO tally VALUES (2, 0)")
+    processes, ledgers = [], []
+    for slot in range(4):
+        strings = cluster.writable[slot // 2:] + cluster.writable[:slot // 2]
+        ledgers.append(str(tmp_path / ("ledger-%d" % slot)))
+        processes.append(subprocess.Popen(
+            [sys.executable, cluster_writer.__file__, ("zelqa", "dbapi")[slot % 2], ledgers[-1],
+             str(SEED), str(slot), *strings], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            encoding="utf-8"))
+
+    def stop():
+        for process in processes:
+            process.terminate()
+        met = []
+        for process in processes:
+            out, errors = process.communicate(timeout=100)
+            assert process.returncode == 0, errors
+            met.append(json.loads(out))
+        return ledgers, met
+
+    yield stop
+    for process in processes:
+        process.kill()
+        process.wait()
+
+
+SEED = random.randrange(10**6)
+
+
+@pytest.mark.parametrize("cluster", [clusters.Standby], indirect=True)
+def test_ledger(cluster, writers):
+    for number in range(3):
+        time.sleep(3)
+        kill_and_return(cluster, number)
+    time.sleep(2)
+    paths, met = writers()
+    ledgers = [Ledger(path) for path in paths]
+    allowed = {}
+    for ledger in ledgers:
+        allowed.update(ledger.allowed(SEED))
+    keys = []
+    for path in paths:
+        with open(path) as lines:
+            noted = [line.split() for line in lines]
+        keys += [(int(batch), int(version)) for word, batch, version, *_ in noted
+                 if word == "is" and int(batch) % 2]
+    assert len(keys) > 20
+    for string in cluster.strings:
+        connection = dbapi.connect(string + cluster.causal)
+
+        def ask(sql):
+            return connection.execute(sql).fetchall()
+
+        rows = ask("SELECT * FROM entry ORDER BY batch, n")
+        assert list(differences(allowed, rows)) == []
+        assert ask("SELECT batch, version FROM done ORDER BY batch, version") == sorted(keys)
+        assert ask("SELECT steps FROM tally") == [(len(keys),)] * 2
+        # Nothing keeps a row from coming twice, here.
+        assert ask("SELECT batch, version, count(*), count(DISTINCT n) FROM posting"
+                   " GROUP BY batch, version ORDER BY batch, version") == [
+            (*key, *[len(rows_of(SEED, key[0], 1))] * 2) for key in sorted(keys)]
+    # Every writer has lost its server, and there were conflicts.
+    states = [{state for state in each if not state.startswith("connect")} for each in met]
+    assert all(each - set(cluster_writer.UNDONE) for each in states)
+    assert set(cluster_writer.UNDONE) & set.union(*states)
