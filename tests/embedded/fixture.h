@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -213,10 +212,11 @@ class Connection {
     /// Runs a script of one statement a line, which goes on in lines that begin with a blank. Each
     /// is to succeed, or to have the outcome behind " => "; of a failure any part will do.
     void expect(const std::string& script) {
-        static const std::regex kStep("\n(?! )");
-        for (std::sregex_token_iterator step(script.begin(), script.end(), kStep, -1), end;
-             step != end; ++step) {
-            const std::string text = *step;
+        for (size_t begin = 0, end = 0; begin < script.size(); begin = end + 1) {
+            end = script.find('\n', begin);
+            while (end < script.size() && script[end + 1] == ' ') end = script.find('\n', end + 1);
+            end = std::min(end, script.size());
+            const std::string text = script.substr(begin, end - begin);
             const size_t arrow = std::min(text.find(" => "), text.size());
             if (text.empty()) continue;
             const std::string wanted = arrow == text.size() ? "#" : text.substr(arrow + 4);

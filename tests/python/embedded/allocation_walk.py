@@ -400,6 +400,7 @@ def walk(operation, mode, progress):
 
 
 def walk_in_child(name, operation, mode):
+    gc.freeze()  # what is there is not looked through again
     progress = memoryview(mmap.mmap(-1, 8)).cast("q")
     child = os.fork()
     if child == 0:
