@@ -44,6 +44,7 @@ void Statement::prepare(std::string_view sql) {
     m_work.reset();
     m_executed = false;
     m_rowCount = -1;
+    m_lastRow.reset();
     if (m_settings) m_settings->surplusParameter = 0;
     auto work = std::make_unique<Work>();
     {

@@ -1,14 +1,17 @@
 #include "sqlite/columnmemory.h"
 
 #include <new>
+#include <optional>
 #include <utility>
 
 #include "sqlite/origin.h"
+#include "sqlite/sqltext.h"
 
 namespace embedded {
 namespace {
 
-std::vector<Column> columnsOf(sqlite3_stmt* statement, bool mayJoinOuter) {
+std::vector<Column> columnsOf(sqlite3_stmt* statement, std::string_view sql) {
+    std::optional<bool> joinsOuter;
     std::vector<Column> columns(static_cast<size_t>(sqlite3_column_count(statement)));
     for (size_t i = 0; i < columns.size(); ++i) {
         Column& column = columns[i];
@@ -24,7 +27,8 @@ std::vector<Column> columnsOf(sqlite3_stmt* statement, bool mayJoinOuter) {
         column.origin = originOf(statement, index);
         if (column.origin.column.empty()) continue;
         // As far as the statement goes; the table has its say when somebody asks.
-        column.nullable = mayJoinOuter ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
+        if (!joinsOuter) joinsOuter = mayJoinOuter(sql);
+        column.nullable = *joinsOuter ? SQL_NULLABLE_UNKNOWN : SQL_NO_NULLS;
     }
     return columns;
 }
@@ -42,23 +46,22 @@ ColumnType typeOfStorage(int storageClass) noexcept {
 }
 
 std::shared_ptr<const std::vector<Column>> ColumnMemory::describe(sqlite3_stmt* statement,
-                                                                  bool onRow, bool mayJoinOuter) {
+                                                                  bool onRow, std::string_view sql) {
     const int compilations = sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_REPREPARE, 0);
     if (compilations != m_compilations) {
-        m_columns = std::make_shared<const std::vector<Column>>(columnsOf(statement, mayJoinOuter));
+        m_columns = std::make_shared<std::vector<Column>>(columnsOf(statement, sql));
         m_compilations = compilations;
     }
-    std::shared_ptr<std::vector<Column>> changed;
     for (size_t i = 0; i < m_columns->size(); ++i) {
         const Column& column = (*m_columns)[i];
         if (!column.typeName.empty()) continue;
         const ColumnType type = typeOfStorage(
             onRow ? sqlite3_column_type(statement, static_cast<int>(i)) : SQLITE_NULL);
         if (type == column.type) continue;
-        if (!changed) changed = std::make_shared<std::vector<Column>>(*m_columns);
-        (*changed)[i].type = type;
+        // What others hold stays.
+        if (m_columns.use_count() > 1) m_columns = std::make_shared<std::vector<Column>>(*m_columns);
+        (*m_columns)[i].type = type;
     }
-    if (changed) m_columns = std::move(changed);
     return m_columns;
 }
 

@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "values/column.h"
@@ -17,12 +18,12 @@ ColumnType typeOfStorage(int storageClass) noexcept;
 class ColumnMemory {
   public:
     /// The columns of `statement`. The types of expressions come from its current row, if it stands
-    /// on one (`onRow`). Executions that differ in nothing share one description.
+    /// on one (`onRow`); `sql` is its text. Executions that differ in nothing share one description.
     std::shared_ptr<const std::vector<Column>> describe(sqlite3_stmt* statement, bool onRow,
-                                                        bool mayJoinOuter);
+                                                        std::string_view sql);
 
   private:
-    std::shared_ptr<const std::vector<Column>> m_columns;
+    std::shared_ptr<std::vector<Column>> m_columns;
     int m_compilations =
         -1;  ///< how often SQLite had compiled the statement then; -1 for never asked
 };

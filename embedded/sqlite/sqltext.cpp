@@ -72,18 +72,26 @@ SqliteText readSql(std::string_view sql) {
     Token token = firstToken(scanner);
     result.inserts = isOneOf(token.text, {"INSERT", "REPLACE"});
     const bool alters = sameWord(token.text, "ALTER");
+    // Most texts have nothing that the rest would be read for.
+    if (!alters && sql.find('@') == std::string_view::npos) return result;
     MarkerSpeller markers(result.sql);
     for (; token.kind != Kind::End; token = scanner.next()) {
         if (token.kind == Kind::Marker) {
             markers.spell(token.text, scanner.position() - token.text.size());
         } else if (token.kind == Kind::Variable) {
             markers.passVariable();
-        } else if (token.kind == Kind::Word && !result.mayJoinOuter) {
-            result.mayJoinOuter = isOneOf(token.text, {"LEFT", "RIGHT", "FULL"});
         }
         if (alters) refuseSystemName(token);
     }
     return result;
+}
+
+bool mayJoinOuter(std::string_view sql) noexcept {
+    SqlScanner scanner(sql);
+    for (Token token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
+        if (token.kind == Kind::Word && isOneOf(token.text, {"LEFT", "RIGHT", "FULL"})) return true;
+    }
+    return false;
 }
 
 bool isBlankSql(std::string_view sql) noexcept {

@@ -12,14 +12,15 @@ struct SqliteText {
     /// so far; or "?" where that gives the same. The length stays, and with it all offsets.
     std::string sql;
     bool inserts = false;  ///< its first word is INSERT or REPLACE
-    /// LEFT, RIGHT or FULL stands in it: an outer join can turn columns that are never NULL into
-    /// NULL.
-    bool mayJoinOuter = false;
 };
 
 /// Reads a statement for SQLite. Throws for an ALTER that names a table of the runtime: SQLite does
 /// not tell the schema's guard what a table is going to be called.
 SqliteText readSql(std::string_view sql);
+
+/// Whether LEFT, RIGHT or FULL stands in `sql`: an outer join can turn columns that are never NULL
+/// into NULL.
+bool mayJoinOuter(std::string_view sql) noexcept;
 
 /// Whether `sql` holds nothing but blanks, comments and semicolons.
 bool isBlankSql(std::string_view sql) noexcept;

@@ -1,5 +1,6 @@
 #include "sqlite/statementcache.h"
 
+#include <functional>
 #include <limits>
 #include <new>
 #include <utility>
@@ -69,13 +70,22 @@ CompiledStatement StatementCache::compileNew(std::string_view sql) {
     compiled->effect = effectOf(raw, m_guard.takeEffect());
     compiled->readOnly = sqlite3_stmt_readonly(raw) != 0;
     compiled->inserts = read.inserts;
-    compiled->mayJoinOuter = read.mayJoinOuter;
     compiled->generation = m_generation;
+    compiled->comesAgain = isNoted(sql);
     return {*this, std::move(compiled)};
 }
 
+/// Whether a text was noted before, which it now is.
+bool StatementCache::isNoted(std::string_view sql) noexcept {
+    const size_t hash = std::hash<std::string_view>()(sql);
+    return std::exchange(m_noted[hash % m_noted.size()], hash) == hash;
+}
+
 CompiledStatement StatementCache::find(std::string_view sql) {
-    if (m_last && m_last->text == sql) return {*this, std::move(m_last)};
+    if (m_last && m_last->text == sql) {
+        m_last->comesAgain = true;
+        return {*this, std::move(m_last)};
+    }
     auto idle = m_idle.take(sql);
     return idle ? CompiledStatement(*this, std::move(*idle)) : CompiledStatement();
 }
@@ -90,7 +100,7 @@ void StatementCache::giveBack(std::unique_ptr<CompiledSql> sql) noexcept {
     if (!isWorthKeeping(*sql) || sql->generation != m_generation) return;
     sqlite3_clear_bindings(sql->statement.get());
     std::swap(m_last, sql);
-    if (sql) m_idle.keep(std::move(sql));
+    if (sql && sql->comesAgain) m_idle.keep(std::move(sql));
 }
 
 void StatementCache::clear() noexcept {

@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <array>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,10 +20,10 @@ struct CompiledSql {
     OwnedStatement statement;
     Effect effect = Effect::None;
     bool readOnly = false;
-    bool inserts = false;       ///< INSERT or REPLACE
-    bool mayJoinOuter = false;  ///< its columns may be NULL whatever their tables say
+    bool inserts = false;  ///< INSERT or REPLACE
     ColumnMemory columns;
     unsigned generation = 0;  ///< of the cache when it was compiled
+    bool comesAgain = false;  ///< its text was asked for before
 
     static std::string_view textOf(const std::unique_ptr<CompiledSql>& sql) noexcept {
         return sql->text;
@@ -30,7 +31,7 @@ struct CompiledSql {
 
     /// Its columns. The types of expressions come from its current row, if it stands on one.
     std::shared_ptr<const std::vector<Column>> describe(bool onRow) {
-        return columns.describe(statement.get(), onRow, mayJoinOuter);
+        return columns.describe(statement.get(), onRow, text);
     }
 };
 
@@ -63,6 +64,8 @@ class CompiledStatement {
 };
 
 /// The idle compiled statements of one connection, by their text; the least recently used go first.
+/// Texts that come once, with their values written into them, take no place: but for the last one
+/// only those that come again are kept.
 class StatementCache {
   public:
     /// `guard` is that of `db`.
@@ -87,6 +90,7 @@ class StatementCache {
     static constexpr size_t kMostIdle = 64;
 
     void giveBack(std::unique_ptr<CompiledSql> sql) noexcept;
+    bool isNoted(std::string_view sql) noexcept;
 
     sqlite3* const m_db;
     SchemaGuard& m_guard;
@@ -94,6 +98,7 @@ class StatementCache {
     /// The one given back last: programs run one statement many times, and then nothing is moved.
     std::unique_ptr<CompiledSql> m_last;
     Idle m_idle;  ///< the others
+    std::array<size_t, 256> m_noted{};  ///< hashes of texts that were compiled, by their last bits
 };
 
 }  // namespace embedded

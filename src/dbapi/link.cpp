@@ -238,7 +238,11 @@ void Link::Close() {
 
 std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
     std::unique_ptr<Statement> statement = text ? m_idle.Take(text) : nullptr;
-    if (!statement) statement = std::make_unique<Statement>(m_database, text);
+    if (!statement) {
+        if (text) statement = m_idle.TakeSurplus();
+        if (!statement) statement = std::make_unique<Statement>(m_database);
+        if (text) statement->SetText(text);
+    }
     // Giving back must not fail.
     m_waiting.reserve(m_waiting.size() + m_taken.size() + 1);
     m_taken.push_back(statement.get());

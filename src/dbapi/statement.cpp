@@ -36,19 +36,9 @@ bool IsOpen(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType) {
 
 }  // namespace
 
-Statement::Statement(Database& database, PyObject* text)
+Statement::Statement(Database& database)
     : m_database(database),
-      m_text(text ? PyRef::Borrow(text) : PyRef()),
-      m_hash(text ? PyObject_Hash(text) : -1) {
-    if (text) m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
-    if (text && !m_utf8) {
-        if (PyErr_ExceptionMatches(PyExc_MemoryError)) throw PythonError();
-        PyErr_Clear();
-        throw Failure("42000", "The statement has a lone surrogate, which is no character.");
-    }
-    if (m_length > std::numeric_limits<SQLINTEGER>::max())
-        throw Failure("42000", "The statement is longer than 2 GB.");
-    m_handle = NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, database.connection);
+      m_handle(NewHandle(SQL_HANDLE_STMT, SQL_HANDLE_DBC, database.connection)) {
     // The embedded runtime's SQLite has one result only.
     if (!database.isSqlite)
         SQLSetStmtAttrW(m_handle, kAllResults, reinterpret_cast<SQLPOINTER>(1), 0);
@@ -56,6 +46,23 @@ Statement::Statement(Database& database, PyObject* text)
 
 Statement::~Statement() {
     if (m_handle && !m_database.IsInherited()) SQLFreeHandle(SQL_HANDLE_STMT, m_handle);
+}
+
+void Statement::SetText(PyObject* text) {
+    m_prepared = m_isDescribed = false;
+    m_columns.clear();
+    // Cells for described columns are as wide as these ask for.
+    if (!m_database.isSqlite) m_block.Forget();
+    m_text = PyRef::Borrow(text);
+    m_hash = PyObject_Hash(text);
+    m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
+    if (!m_utf8) {
+        if (PyErr_ExceptionMatches(PyExc_MemoryError)) throw PythonError();
+        PyErr_Clear();
+        throw Failure("42000", "The statement has a lone surrogate, which is no character.");
+    }
+    if (m_length > std::numeric_limits<SQLINTEGER>::max())
+        throw Failure("42000", "The statement is longer than 2 GB.");
 }
 
 void Statement::SetTimeout() {

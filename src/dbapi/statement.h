@@ -16,13 +16,14 @@
 // of the link's turn, and needs no interpreter lock; all else needs that.
 class Statement {
   public:
-    // `text` is a str, kept as long as the statement; null for one that is only to ask the
-    // catalogue. For the holder of the turn.
-    Statement(Database& database, PyObject* text);
+    // One that can ask the catalogue. For the holder of the turn.
+    explicit Statement(Database& database);
     ~Statement();
     Statement(const Statement&) = delete;
     Statement& operator=(const Statement&) = delete;
 
+    // Makes it one for a text, a str, which it keeps; its result is closed.
+    void SetText(PyObject* text);
     bool IsFor(PyObject* text) const {
         return text == m_text.Get() ||
                (PyObject_Hash(text) == m_hash && PyUnicode_Compare(text, m_text.Get()) == 0);
@@ -120,8 +121,8 @@ class Statement {
     void Called(SQLRETURN status) const { Check(status, SQL_HANDLE_STMT, m_handle); }
 
     Database& m_database;
-    const PyRef m_text;
-    const Py_hash_t m_hash;
+    PyRef m_text;
+    Py_hash_t m_hash = -1;
     const char* m_utf8 = nullptr;
     Py_ssize_t m_length = 0;
     SQLHSTMT m_handle = nullptr;
