@@ -7,7 +7,7 @@ namespace {
 
 constexpr size_t kFixedWidth = sizeof(SQL_TIMESTAMP_STRUCT);
 constexpr size_t kTextWidth = 48;
-constexpr size_t kWidest = 2048;
+constexpr size_t kWidest = size_t{48} * 1024;
 
 // A single row is told from several by fetching two; many rows come in larger blocks from block to
 // block. No block is larger than what a processor keeps at hand.
@@ -15,6 +15,8 @@ constexpr size_t kFirstRows = 2;
 constexpr size_t kGrowth = 8;
 constexpr size_t kMostRows = 256;
 constexpr size_t kMostBytes = size_t{192} * 1024;
+// Nor has one more than this in long values, as far as the rows before tell, unless it is one row.
+constexpr size_t kMostLongBytes = size_t{1024} * 1024;
 // More than this is not kept by a statement that waits to be used again.
 constexpr size_t kMostKept = size_t{16} * 1024;
 
@@ -120,6 +122,7 @@ bool Block::Load(SQLHSTMT statement) {
     m_failures.clear();
     if (m_cellByCell) return LoadCellByCell(statement);
     if (wasFull) Grow(statement);
+    m_longBytes = 0;
     if (!m_isBound) Resize(statement, m_size);  // which failed the last time
     m_fetched = 0;
     std::fill(m_status.begin(), m_status.end(), SQLUSMALLINT{SQL_ROW_NOROW});
@@ -139,7 +142,9 @@ bool Block::Load(SQLHSTMT statement) {
 
 void Block::Grow(SQLHSTMT statement) {
     const size_t most = std::max<size_t>(1, std::min(kMostRows, kMostBytes / m_rowSize));
-    if (m_widen || m_size < most) Resize(statement, m_size * kGrowth);
+    const size_t bearable = std::max<size_t>(1, m_size * kMostLongBytes / (m_longBytes + 1));
+    const size_t rows = std::min({m_size * kGrowth, most, bearable});
+    if (m_widen || rows != m_size) Resize(statement, rows);
 }
 
 // A row that fails has one diagnostic of its own; they come in the order of the rows.
@@ -177,16 +182,22 @@ void Block::ReadLong(SQLHSTMT statement) {
             LongValue value{row, column, {}};
             ReadWhole(statement, static_cast<SQLUSMALLINT>(column + 1), static_cast<size_t>(length),
                       value.bytes);
+            const size_t size = value.bytes.size();
+            m_longBytes += size;
             m_long.push_back(std::move(value));
+            if (size > kWidest) continue;
             ++m_places[column].longValues;
+            m_places[column].longest = std::max(m_places[column].longest, size);
         }
     }
     // A column where such values are no exception gets wider cells with the next block.
     for (Place& place : m_places) {
-        const bool often = place.longValues > m_count / 8 && place.width < kWidest;
-        place.wanted = often ? place.width * 4 : place.width;
-        m_widen |= often;
-        place.longValues = 0;
+        place.wanted = place.width;
+        if (place.longValues > m_count / 8) {
+            while (place.wanted < place.longest) place.wanted *= 4;
+            m_widen = true;
+        }
+        place.longValues = place.longest = 0;
     }
 }
 

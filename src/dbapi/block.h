@@ -71,6 +71,7 @@ class Block {
         size_t width = 0;  // of the value in the cell
         size_t wanted = 0;
         size_t longValues = 0;  // in the block at hand
+        size_t longest = 0;     // of these
     };
     // A value that did not fit its cell.
     struct LongValue {
@@ -99,7 +100,8 @@ class Block {
     bool m_widen = false;
     std::vector<Place> m_places;
     size_t m_rowSize = 0;
-    size_t m_size = 0;  // rows that a fetch brings at most
+    size_t m_size = 0;       // rows that a fetch brings at most
+    size_t m_longBytes = 0;  // of the rows at hand
     std::unique_ptr<char[]> m_memory;
     std::vector<SQLUSMALLINT> m_status;
     SQLULEN m_fetched = 0;
