@@ -46,7 +46,8 @@ ColumnType typeOfStorage(int storageClass) noexcept {
 }
 
 std::shared_ptr<const std::vector<Column>> ColumnMemory::describe(sqlite3_stmt* statement,
-                                                                  bool onRow, std::string_view sql) {
+                                                                  bool onRow,
+                                                                  std::string_view sql) {
     const int compilations = sqlite3_stmt_status(statement, SQLITE_STMTSTATUS_REPREPARE, 0);
     if (compilations != m_compilations) {
         m_columns = std::make_shared<std::vector<Column>>(columnsOf(statement, sql));
@@ -59,7 +60,8 @@ std::shared_ptr<const std::vector<Column>> ColumnMemory::describe(sqlite3_stmt* 
             onRow ? sqlite3_column_type(statement, static_cast<int>(i)) : SQLITE_NULL);
         if (type == column.type) continue;
         // What others hold stays.
-        if (m_columns.use_count() > 1) m_columns = std::make_shared<std::vector<Column>>(*m_columns);
+        if (m_columns.use_count() > 1)
+            m_columns = std::make_shared<std::vector<Column>>(*m_columns);
         (*m_columns)[i].type = type;
     }
     return m_columns;

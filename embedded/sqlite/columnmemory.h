@@ -18,7 +18,8 @@ ColumnType typeOfStorage(int storageClass) noexcept;
 class ColumnMemory {
   public:
     /// The columns of `statement`. The types of expressions come from its current row, if it stands
-    /// on one (`onRow`); `sql` is its text. Executions that differ in nothing share one description.
+    /// on one (`onRow`); `sql` is its text. Executions that differ in nothing share one
+    /// description.
     std::shared_ptr<const std::vector<Column>> describe(sqlite3_stmt* statement, bool onRow,
                                                         std::string_view sql);
 

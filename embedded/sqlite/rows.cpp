@@ -9,26 +9,31 @@
 namespace embedded {
 namespace {
 
+// The value is looked up once: each question by a column's number would do so again. Nobody else
+// uses the connection, whose own lock is held.
 Cell cellOf(sqlite3_stmt* statement, int column) {
     Cell cell;
-    const int storage = sqlite3_column_type(statement, column);
+    sqlite3_value* const value = sqlite3_column_value(statement, column);
+    const int storage = sqlite3_value_type(value);
     switch (storage) {
         case SQLITE_INTEGER:
             cell.kind = Cell::Kind::Integer;
-            cell.integer = sqlite3_column_int64(statement, column);
+            cell.integer = sqlite3_value_int64(value);
             break;
         case SQLITE_FLOAT:
             cell.kind = Cell::Kind::Real;
-            cell.real = sqlite3_column_double(statement, column);
+            cell.real = sqlite3_value_double(value);
             break;
         case SQLITE_TEXT:
         case SQLITE_BLOB: {
             const bool isText = storage == SQLITE_TEXT;
             cell.kind = isText ? Cell::Kind::Text : Cell::Kind::Binary;
-            const void* data = isText ? sqlite3_column_text(statement, column)
-                                      : sqlite3_column_blob(statement, column);
-            const auto size = static_cast<size_t>(sqlite3_column_bytes(statement, column));
-            if (!data) requireMemory(statement);
+            const void* data = isText ? sqlite3_value_text(value) : sqlite3_value_blob(value);
+            const auto size = static_cast<size_t>(sqlite3_value_bytes(value));
+            if (!data) {
+                sqlite3_column_type(statement, column);  // lets SQLite note what it lacked
+                requireMemory(statement);
+            }
             cell.bytes = {data ? static_cast<const char*>(data) : "", size};
             break;
         }

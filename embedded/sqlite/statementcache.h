@@ -97,7 +97,7 @@ class StatementCache {
     unsigned m_generation = 0;  ///< counts the calls of `clear`
     /// The one given back last: programs run one statement many times, and then nothing is moved.
     std::unique_ptr<CompiledSql> m_last;
-    Idle m_idle;  ///< the others
+    Idle m_idle;                        ///< the others
     std::array<size_t, 256> m_noted{};  ///< hashes of texts that were compiled, by their last bits
 };
 

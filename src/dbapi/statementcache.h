@@ -54,7 +54,8 @@ class StatementCache {
         Py_hash_t hash;
         std::unique_ptr<Statement> statement;
     };
-    // How many are kept whose hashes end alike: nothing has to be looked through for most new texts.
+    // How many are kept whose hashes end alike: nothing has to be looked through for most new
+    // texts.
     unsigned char& Alike(Py_hash_t hash) {
         return m_alike[static_cast<size_t>(hash) % m_alike.size()];
     }

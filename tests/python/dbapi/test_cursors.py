@@ -64,6 +64,31 @@ def test_rows_come_in_any_portions(table):
     assert len(cursor.execute(sql).fetchmany()) == 3 and cursor.fetchmany(0) == []
 
 
+@pytest.mark.parametrize("lengths", [[3000] * 300 + [7] * 300, [20000, 48 * 1024, 1] * 20,
+                                     [70000] * 20 + [0] * 300, [1500000, 40, 300000, 2] * 4])
+def test_texts_of_any_length_follow_each_other(connection, lengths):
+    connection.execute("CREATE TABLE t (a TEXT, n INTEGER)")
+    rows = [("xä"[n % 7 == 0] * (n % 2) + "%c" % (65 + n % 26) * length, n)
+            for n, length in enumerate(lengths)]
+    connection.executemany("INSERT INTO t VALUES (?, ?)", rows)
+    assert connection.execute("SELECT a, n FROM t ORDER BY n").fetchall() == rows
+
+
+def test_statements_take_the_place_of_those_used_longest_ago(table):
+    for i in range(400):
+        row = (i,) * (i % 4 + 1)
+        sql = "SELECT %s" % ", ".join(["?"] * (i % 3) + ["%d" % i] * (len(row) - i % 3))
+        row = row if len(row) >= i % 3 else (i,) * (i % 3)
+        assert table.execute(sql, row[:i % 3]).fetchall() == [row], sql
+    cursors = [table.execute("INSERT INTO t VALUES (%d, '')" % (2000 + i)) for i in range(200)]
+    assert cursors[-1].lastrowid == 2199
+    del cursors
+    cursor = table.cursor()
+    with pytest.raises(dbapi.ProgrammingError, match="nowhere"):
+        cursor.execute("SELECT nowhere")
+    assert cursor.lastrowid is None and cursor.description is None
+
+
 def test_results_of_several_cursors_do_not_meet(table):
     cursors = [table.execute("SELECT a FROM t WHERE a > ?", (i,)) for i in range(4, -1, -1)][::-1]
     assert list(zip(*cursors)) == [tuple((i + k,) for k in range(5)) for i in range(1, 997)]
