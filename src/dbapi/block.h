@@ -42,8 +42,6 @@ class Block {
     // cells tell what they are, it may be empty.
     void Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, size_t count,
                bool& hasCells);
-    // What comes next has columns of other types.
-    void Forget() { m_places.clear(); }
     // Fetches; false when the rows are over.
     bool Load(SQLHSTMT statement);
     bool HasRow() const { return m_next < m_count; }

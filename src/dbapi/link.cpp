@@ -239,7 +239,8 @@ void Link::Close() {
 std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
     std::unique_ptr<Statement> statement = text ? m_idle.Take(text) : nullptr;
     if (!statement) {
-        if (text) statement = m_idle.TakeSurplus();
+        // Types that servers' parameters and columns were bound with are none for another text.
+        if (text && m_database.isSqlite) statement = m_idle.TakeSurplus();
         if (!statement) statement = std::make_unique<Statement>(m_database);
         if (text) statement->SetText(text);
     }

@@ -51,8 +51,6 @@ Statement::~Statement() {
 void Statement::SetText(PyObject* text) {
     m_prepared = m_isDescribed = false;
     m_columns.clear();
-    // Cells for described columns are as wide as these ask for.
-    if (!m_database.isSqlite) m_block.Forget();
     m_text = PyRef::Borrow(text);
     m_hash = PyObject_Hash(text);
     m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
