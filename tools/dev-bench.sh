@@ -1,5 +1,5 @@
 # Arguments go to bench/bench.py; behind "counts" as the first one to bench/counts.py, which counts instructions, and
-# behind "growth", "shell" or "frames" to the program of that name, the last with the peers that an index has.
+# behind "growth", "shell", "frames" or "load" to the program of that name, with the peers that an index has.
 if [ "${1:-}" = counts ]; then
     shift
     wanted="valgrind=valgrind"
@@ -11,7 +11,7 @@ if [ "${1:-}" = counts ]; then
 else
     program=bench/bench.py
     wanted_peers="pyodbc:pyodbc psycopg:psycopg[binary]"
-    case "${1:-}" in growth|shell|frames)
+    case "${1:-}" in growth|shell|frames|load)
         program=bench/$1.py
         [ "$1" != frames ] ||
             wanted_peers="pyarrow:pyarrow pandas:pandas adbc_driver_sqlite:adbc-driver-sqlite
