@@ -13,7 +13,10 @@ Error Error::fromSqlite(std::string_view state, const std::string& text, int ext
 
 Error Error::fromDriver(std::string_view state, const std::string& text, int native) {
     // A failure without a code would be taken for a warning.
-    return {Verbatim{}, state, driverMessage(state, text), native != 0 ? native : native::kError};
+    Error error{Verbatim{}, state, driverMessage(state, text),
+                native != 0 ? native : native::kError};
+    error.m_isFromDriver = true;
+    return error;
 }
 
 Error sequenceError(const std::string& what) {

@@ -43,12 +43,15 @@ class Error : public std::runtime_error {
 
     /// The same failure with the place where it happened behind its text, in brackets.
     Error in(const std::string& place) const {
-        return {Verbatim{}, state(), std::string(what()) + " (" + place + ")", m_native};
+        Error error{Verbatim{}, state(), std::string(what()) + " (" + place + ")", m_native};
+        error.m_isFromDriver = m_isFromDriver;
+        return error;
     }
 
     /// Terminated.
     std::string_view state() const noexcept { return {m_state.data(), m_state.size() - 1}; }
     int native() const noexcept { return m_native; }
+    bool isFromDriver() const noexcept { return m_isFromDriver; }
 
   private:
     struct Verbatim {};
@@ -57,6 +60,7 @@ class Error : public std::runtime_error {
 
     SqlState m_state;
     int m_native;
+    bool m_isFromDriver = false;
 };
 
 /// A call out of order (HY010): `what` says what is missing.

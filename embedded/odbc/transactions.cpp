@@ -66,7 +66,7 @@ void OdbcTransactions::require(StatementKind kind) {
 }
 
 void OdbcTransactions::failed(const Error& error) noexcept {
-    if (!m_begun && !m_opened) return;
+    if (!error.isFromDriver() || (!m_begun && !m_opened)) return;
     const Dialect& dialect = m_session.dialect();
     const auto states = dialect.unreadable;
     if (error.state() == dialect.undone ||

@@ -57,6 +57,7 @@ class Connection:
 class ArrowInput:
     @property
     def columns(self) -> List[Tuple[str, str, Tuple[int, int]]]: ...
+    in_arrays: str
     def __new__(cls, data: Any, /) -> Self: ...
 
 @final

@@ -46,6 +46,33 @@ _MAKING = {
     ),
 }
 
+# The types of PostgreSQL's columns that are sent as arrays, which its rows are made of: a value
+# means the same in them as on its own.
+_INTEGERS = ("smallint", "integer", "bigint", "numeric")
+_IN_ARRAYS = {
+    "smallint": _INTEGERS,
+    "integer": _INTEGERS,
+    "bigint": _INTEGERS,
+    "ubigint": _INTEGERS,
+    "double": ("double precision",),
+    "boolean": ("boolean",),
+    "decimal": ("numeric",),
+    "date": ("date",),
+    "time": ("time without time zone",),
+    "timestamp": ("timestamp without time zone",),
+    "text": ("text", "character varying"),
+    "binary": ("bytea",),
+}
+_COLUMN_TYPES = (
+    "SELECT attname::text, format_type(atttypid, NULL) FROM pg_attribute"
+    " WHERE attrelid = to_regclass(?) AND attnum > 0 AND NOT attisdropped"
+)
+
+
+def _marker(kind: str, column_type: str) -> str:
+    """A marker for an array, or nothing where a column takes none."""
+    return "?::%s[]" % column_type if column_type in _IN_ARRAYS[kind] else ""
+
 
 def ingest(connection: dbapi.Connection, table: str, data: Any) -> int:
     given = _statement.ArrowInput(data)
@@ -69,11 +96,15 @@ def ingest(connection: dbapi.Connection, table: str, data: Any) -> int:
         connection.execute("CREATE TABLE %s (%s)" % (target, ", ".join(declared)))
         is_made = True
     names = ", ".join(dialect.quoted(column[0]) for column in columns)
-    markers = ", ".join("?" * len(columns))
+    begin = "INSERT INTO %s (%s) " % (target, names)
     try:
-        return connection.executemany(
-            "INSERT INTO %s (%s) VALUES (%s)" % (target, names, markers), given
-        ).rowcount
+        if dialect.name == "PostgreSQL":
+            types = dict(connection.execute(_COLUMN_TYPES, asked).fetchall())
+            arrays = [_marker(kind, types.get(name, "")) for name, kind, _ in columns]
+            if arrays and all(arrays):
+                given.in_arrays = begin + "SELECT * FROM unnest(%s)" % ", ".join(arrays)
+        markers = ", ".join("?" * len(columns))
+        return connection.executemany(begin + "VALUES (%s)" % markers, given).rowcount
     except BaseException:
         if is_made:
             with contextlib.suppress(dbapi.Error):

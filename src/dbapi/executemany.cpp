@@ -1,4 +1,5 @@
 // Executing a statement for many rows of parameters, in batches of bounded memory.
+#include "dbapi/arraytext.h"
 #include "dbapi/batch.h"
 #include "dbapi/frameinput.h"
 #include "dbapi/logging.h"
@@ -67,10 +68,11 @@ class Run {
         AddValues(std::move(sql));
     }
 
-    void AddAll(ForeignStream& stream, const PyRef& sql) {
+    void AddAll(Input& input, const PyRef& sql) {
         const Sending sending{m_self->link->Behind().isSqlite};
-        while (stream.NextRow()) {
-            stream.Read(m_self->values, sending);
+        m_inArraysSql = std::move(input.inArrays);
+        while (input.stream->NextRow()) {
+            input.stream->Read(m_self->values, sending);
             AddValues(PyRef::Borrow(sql.Get()));
         }
     }
@@ -91,12 +93,41 @@ class Run {
             m_batch.Add(m_self->values);
         }
         m_sql = std::move(sql);
+        if (!m_inArraysSql) return;
+        m_arrays.resize(m_self->values.size());
+        for (size_t i = 0; i < m_arrays.size(); ++i) m_arrays[i].Add(m_self->values[i]);
     }
 
     void Flush() {
+        if (!m_inArraysSql || !FlushAsArrays()) FlushRows();
+        m_batch.Clear();
+        for (ArrayText& array : m_arrays) array.Clear();
+    }
+
+    // All rows as one, with an array for each column. False where the data are refused, or the
+    // statement: row by row it shows which of them, if any.
+    bool FlushAsArrays() {
+        std::vector<Value> row(m_arrays.size());
+        for (size_t i = 0; i < row.size(); ++i) row[i].bytes = m_arrays[i].Finish();
+        Batch arrays;
+        arrays.Add(row);
+        try {
+            Execute(m_inArraysSql.Get(),
+                    [&](Statement& statement) { return statement.ExecuteBatch(arrays); });
+            return true;
+        } catch (const Failure& failure) {
+            const std::string kind = failure.Records().front().state.substr(0, 2);
+            if (kind != "22" && kind != "23" && kind != "42") throw;
+            m_inArraysSql = PyRef();
+            return false;
+        }
+    }
+
+    void FlushRows() {
         try {
             if (m_inArrays) {
-                Execute([&](Statement& statement) { return statement.ExecuteBatch(m_batch); });
+                Execute(m_sql.Get(),
+                        [&](Statement& statement) { return statement.ExecuteBatch(m_batch); });
             }
         } catch (const Failure& failure) {
             // No arrays, or not of this statement, which may yield rows.
@@ -105,17 +136,17 @@ class Run {
         }
         if (!m_inArrays) {
             m_atomic.Begin();
-            Execute([&](Statement& statement) { return statement.ExecuteEach(m_batch); });
+            Execute(m_sql.Get(),
+                    [&](Statement& statement) { return statement.ExecuteEach(m_batch); });
         }
-        m_batch.Clear();
     }
 
     template <class Work>
-    void Execute(Work&& work) {
+    void Execute(PyObject* sql, Work&& work) {
         Link& link = *m_self->link;
-        Logged logged(m_sql.Get(), m_batch.Count() * m_batch.Width());
+        Logged logged(sql, m_batch.Count() * m_batch.Width());
         const Link::Turn turn(link);
-        Statement& statement = UseStatement(m_self, m_sql.Get());
+        Statement& statement = UseStatement(m_self, sql);
         SQLLEN changed = 0;
         link.Wait(statement.Handle(), [&] { changed = work(statement); });
         logged.Succeeded(changed);
@@ -126,7 +157,9 @@ class Run {
     const Link::Batch m_within;
     Atomic m_atomic;
     Batch m_batch;
+    std::vector<ArrayText> m_arrays;  // of the rows in the batch
     PyRef m_sql;
+    PyRef m_inArraysSql;
     bool m_inArrays = true;
     SQLLEN m_changed = 0;
 };
@@ -146,10 +179,10 @@ PyRef CursorExecuteMany(PyObject* object, PyObject* const* args, Py_ssize_t coun
     // Without any row, and where one fails, nothing is left of what came before.
     GiveStatementBack(self);
     self->rowCount = -1;
-    const std::unique_ptr<ForeignStream> stream = InputOf(args[1]);
-    const PyRef rows = stream ? PyRef() : Checked(PyObject_GetIter(args[1]));
+    Input input = InputOf(args[1]);
+    const PyRef rows = input.stream ? PyRef() : Checked(PyObject_GetIter(args[1]));
     Run run(self);
-    if (stream) run.AddAll(*stream, sql);
+    if (input.stream) run.AddAll(input, sql);
     while (const PyRef row{rows ? PyIter_Next(rows.Get()) : nullptr}) run.Add(row.Get(), sql);
     if (PyErr_Occurred()) throw PythonError();
     const SQLLEN changed = run.Finish();

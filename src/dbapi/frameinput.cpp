@@ -6,7 +6,7 @@ namespace {
 
 struct InputObject {
     PyObject ob_base;
-    std::unique_ptr<ForeignStream> stream;
+    Input input;
 };
 
 InputObject* Self(PyObject* object) {
@@ -24,7 +24,7 @@ PyObject* New(PyTypeObject* type, PyObject* args, PyObject*) {
         }
         auto stream = std::make_unique<ForeignStream>(data);
         PyRef object = Checked(type->tp_alloc(type, 0));
-        new (&Self(object.Get())->stream) std::unique_ptr<ForeignStream>(std::move(stream));
+        new (&Self(object.Get())->input) Input{std::move(stream), PyRef()};
         return object.Release();
     });
 }
@@ -32,7 +32,7 @@ PyObject* New(PyTypeObject* type, PyObject* args, PyObject*) {
 void Dealloc(PyObject* object) {
     PyObject *type, *value, *trace;
     PyErr_Fetch(&type, &value, &trace);
-    Self(object)->stream.~unique_ptr();
+    Self(object)->input.~Input();
     PyErr_Restore(type, value, trace);
     Py_TYPE(object)->tp_free(object);
 }
@@ -40,8 +40,8 @@ void Dealloc(PyObject* object) {
 PyObject* Columns(PyObject* object, void*) {
     return AtBoundary<PyObject*>(nullptr, [&] {
         PyRef columns = Checked(PyList_New(0));
-        if (!Self(object)->stream) return columns.Release();
-        for (const ForeignColumn& column : Self(object)->stream->Columns()) {
+        if (!Self(object)->input.stream) return columns.Release();
+        for (const ForeignColumn& column : Self(object)->input.stream->Columns()) {
             const ForeignColumn& valued = ValuedBy(column);
             const PyRef entry =
                 Checked(Py_BuildValue("(ss(ii))", column.name.c_str(), NameOfType(valued),
@@ -52,7 +52,20 @@ PyObject* Columns(PyObject* object, void*) {
     });
 }
 
+int SetInArrays(PyObject* object, PyObject* text, void*) {
+    if (!text || !PyUnicode_CheckExact(text)) {
+        PyErr_SetString(PyExc_TypeError, "in_arrays is a statement");
+        return -1;
+    }
+    Self(object)->input.inArrays = PyRef::Borrow(text);
+    return 0;
+}
+
 PyGetSetDef Properties[] = {
+    {"in_arrays", nullptr, SetInArrays,
+     "A statement that stores many rows at once, for PostgreSQL: it takes one array for each "
+     "column.",
+     nullptr},
     {"columns", Columns, nullptr, "Each column's name and type, and precision and scale in a pair.",
      nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
@@ -60,12 +73,15 @@ PyGetSetDef Properties[] = {
 
 }  // namespace
 
-std::unique_ptr<ForeignStream> InputOf(PyObject* object) {
+Input InputOf(PyObject* object) {
     if (Py_TYPE(object) == &ArrowInputType) {
-        if (!Self(object)->stream) throw Failure("HY010", "The Arrow data were read already.");
-        return std::move(Self(object)->stream);
+        if (!Self(object)->input.stream)
+            throw Failure("HY010", "The Arrow data were read already.");
+        return std::move(Self(object)->input);
     }
-    return ForeignStream::IsOneFor(object) ? std::make_unique<ForeignStream>(object) : nullptr;
+    Input input;
+    if (ForeignStream::IsOneFor(object)) input.stream = std::make_unique<ForeignStream>(object);
+    return input;
 }
 
 PyTypeObject ArrowInputType = {

@@ -6,5 +6,10 @@
 // ArrowInput(data): data of which one wants to know the columns before they are read.
 extern PyTypeObject ArrowInputType;
 
-// The stream in an object that has one, or is an ArrowInput, whose it then is no more; else null.
-std::unique_ptr<ForeignStream> InputOf(PyObject* object);
+struct Input {
+    std::unique_ptr<ForeignStream> stream;
+    PyRef inArrays;  // a statement for many rows, which takes one array for each column; or null
+};
+
+// The stream in an object that has one, or is an ArrowInput, whose it then is no more; else none.
+Input InputOf(PyObject* object);

@@ -174,6 +174,36 @@ def test_a_transaction_that_a_statement_opened_is_seen(engine):
     connection.close()
 
 
+def test_ingest_keeps_every_text_and_leaves_nothing_of_refused_data(engine):
+    if engine.name == "sqliteodbc":
+        pytest.skip("its driver knows no SQLSTATE of constraints")
+    connection = dbapi.connect(engine.string)
+    connection.execute("DROP TABLE IF EXISTS numbered")
+    connection.execute("CREATE TABLE numbered (id INTEGER PRIMARY KEY, word VARCHAR(99))")
+    connection.commit()
+    rows = [(0, "kept"), (1, "NULL"), (2, '"\\{},\'ö'), (3, ""), (4, None), (5, "a\nb")]
+    connection.execute("INSERT INTO numbered VALUES (?, ?)", rows[0])
+
+    def ingest(rows):
+        texts = ", ".join("(%d, %s)" % (number, "NULL" if word is None else
+                                        "CAST(x'%s' AS TEXT)" % word.encode().hex())
+                          for number, word in rows)
+        data = dbapi.connect(":memory:").execute(
+            "SELECT column1 AS id, column2 AS word FROM (VALUES %s)" % texts).fetch_arrow()
+        return dbapi.ingest(connection, "numbered", data)
+
+    assert ingest(rows[1:]) == 5
+    with pytest.raises(dbapi.IntegrityError):
+        ingest([(n, "a") for n in range(6, 1500)] + [(0, "b")])
+    if engine.name == "postgresql":
+        with pytest.raises(dbapi.DataError, match="NUL character.*parameter set 2 of 3"):
+            ingest([(6, "a"), (7, "a\0b"), (8, "c")])
+    connection.commit()
+    found = connection.execute("SELECT id, word FROM numbered ORDER BY id").fetchall()
+    assert found == rows
+    connection.close()
+
+
 def test_a_frame_goes_from_table_to_table(engine):
     if engine.name == "sqliteodbc":
         pytest.skip("its driver's numbers come as texts")
