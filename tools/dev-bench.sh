@@ -1,5 +1,5 @@
 # Arguments go to bench/bench.py; behind "counts" as the first one to bench/counts.py, which counts instructions, and
-# behind "growth", "shell", "frames" or "load" to the program of that name, with the peers that an index has.
+# behind "growth", "shell", "frames", "load" or "--cluster" to the program of that name, with the peers that an index has.
 if [ "${1:-}" = counts ]; then
     shift
     wanted="valgrind=valgrind"
@@ -11,11 +11,14 @@ if [ "${1:-}" = counts ]; then
 else
     program=bench/bench.py
     wanted_peers="pyodbc:pyodbc psycopg:psycopg[binary]"
-    case "${1:-}" in growth|shell|frames|load)
-        program=bench/$1.py
-        [ "$1" != frames ] ||
+    case "${1:-}" in growth|shell|frames|load|--cluster)
+        program=bench/${1#--}.py
+        case "$1" in
+        frames)
             wanted_peers="pyarrow:pyarrow pandas:pandas adbc_driver_sqlite:adbc-driver-sqlite
-                adbc_driver_postgresql:adbc-driver-postgresql arrow_odbc:arrow-odbc"
+                adbc_driver_postgresql:adbc-driver-postgresql arrow_odbc:arrow-odbc" ;;
+        --cluster) wanted_peers="pyodbc:pyodbc pymysql:pymysql" ;;
+        esac
         shift
     esac
     setup
