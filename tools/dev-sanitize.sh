@@ -57,7 +57,8 @@ threads() {
         skip_tests threads "the compiler's ThreadSanitizer does not work here"
         return
     fi
-    build tsan embedded_tests
+    # shellcheck disable=SC2086
+    build tsan embedded_tests $package_targets
     run_tests threads tsan
 }
 
@@ -85,8 +86,8 @@ references() {
     # By its canonical name Debian's Python.h finds the configuration of the release build beside it.
     export CXXFLAGS=-fno-canonical-system-headers
     build release $package_targets vorda_scripted_runtime vorda_scripted_compat
-    export PYTEST_ADDOPTS="-k 'test_references or test_reentrancy'"
-    run_tests references scripted
+    export PYTEST_ADDOPTS="-k 'test_references or test_reentrancy or keep_and_lose_no_reference'"
+    run_tests references references
 }
 
 # with INTERPRETER: from here on.

@@ -41,6 +41,7 @@ constexpr NamedDialect kDialects[] = {
       .unreadable = kUnreadForPostgres,
       .wrongCall = "42809",
       .stalePlan = "0A000",
+      .unguessed = "42P18",
       .strictBooleans = true}},
     {"MariaDB", mariaDb()},
     {"MySQL", kMySql},

@@ -31,6 +31,9 @@ struct Dialect {
     /// What the server says when the plan of a prepared statement is out of date; null where it
     /// makes a new one by itself.
     const char* stalePlan = nullptr;
+    /// What the server says when it cannot guess the type of a prepared statement's parameter,
+    /// which it knows from the value when that stands in the text; null where it does not guess.
+    const char* unguessed = nullptr;
     int staleQueryCode = 0;  ///< the same of queries only, by the native code; 0: none
     /// A 0 or 1 for a Boolean has to be sent as one.
     bool strictBooleans = false;

@@ -39,6 +39,9 @@ Further furtherResults(const StatementText& text, const DriverQuirks& quirks) {
     return isPlain && !text.hasParts() ? Further::None : Further::AtOnce;
 }
 
+/// Drivers count them in 16 bits, and PostgreSQL's breaks its memory with more.
+constexpr size_t kMostMarkers = 32767;
+
 /// Tells of an execution when it is over.
 struct Executed {
     OdbcTransactions& transactions;
@@ -70,7 +73,10 @@ class OdbcProgram final : public Program {
     void useStatement(std::string types);
     void giveBack() noexcept;
     SQLRETURN executeOnce();
+    bool mayPrepare() const;
     void prepareOnce();
+    void renewStatement();
+    void keepTypes();
     Outcome runOne(ParameterSets& sets, OdbcParameters& parameters);
     Outcome runBatch(ParameterSets& sets, OdbcParameters& parameters);
     SQLLEN runArray(ParameterSets& sets, OdbcParameters& parameters, SQLULEN first, SQLULEN& count);
@@ -83,6 +89,7 @@ class OdbcProgram final : public Program {
     Outcome outcomeOf(SQLRETURN result);
     SQLRETURN toNextResult();
     std::unique_ptr<ResultSet> noRows();
+    void noteTypes(ResultSet& rows);
     void store();
     void close() const { m_statement->manager().SQLFreeStmt(m_statement->get(), SQL_CLOSE); }
     std::unique_ptr<ResultSet> takeStored();
@@ -138,14 +145,47 @@ void OdbcProgram::prepareOnce() {
 
 // A text that is executed once goes to the server in one step. So does every BEGIN: PostgreSQL's
 // driver loses sight of a transaction that a prepared one has opened.
-SQLRETURN OdbcProgram::executeOnce() {
+bool OdbcProgram::mayPrepare() const {
     using enum StatementKind;
-    const bool mayRepeat = (m_kind == Query || m_kind == Change || m_kind == Other) &&
-                           !m_session.quirks().staleTypes && m_further != Further::AtOnce;
-    if (m_statement->executed && mayRepeat) prepareOnce();
+    return (m_kind == Query || m_kind == Change || m_kind == Other) &&
+           !m_session.quirks().staleTypes && m_further != Further::AtOnce &&
+           !m_statement->staysDirect;
+}
+
+SQLRETURN OdbcProgram::executeOnce() {
+    if (m_statement->executed && mayPrepare()) prepareOnce();
     m_statement->executed = true;
+    m_statement->interrupted = false;
     if (!m_statement->prepared) return m_statement->executeDirect(m_sql.text);
     return m_statement->run([&] { return m_statement->manager().SQLExecute(m_statement->get()); });
+}
+
+void OdbcProgram::renewStatement() {
+    const SQLULEN timeout = m_statement->timeout();
+    m_statement = std::make_shared<OdbcStatement>(m_session);
+    m_statement->setTimeout(timeout);
+}
+
+/// Has a statement that was executed directly stay so, if its rows would have other types when it
+/// is prepared: the driver writes values into a text, but has the server guess a marker's type.
+void OdbcProgram::keepTypes() {
+    if (!m_session.dialect().unguessed || m_statement->answered.empty() || m_statement->prepared ||
+        m_sql.numbers.empty() || m_sql.hasParts || !mayPrepare()) {
+        return;
+    }
+    // What is bound counts as the answer.
+    m_statement->manager().SQLFreeStmt(m_statement->get(), SQL_RESET_PARAMS);
+    std::vector<std::string> types;
+    try {
+        prepareOnce();
+        for (const OdbcColumn& described : describeColumns(*m_statement))
+            types.push_back(described.column.typeName);
+    } catch (const Error&) {
+        types.clear();
+    }
+    if (types == m_statement->answered) return;
+    renewStatement();
+    m_statement->staysDirect = true;
 }
 
 const std::vector<Column>& OdbcProgram::columns() {
@@ -174,6 +214,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
     m_allResults = options.allResults != 0;
     useStatement(parameters.types());
     m_statement->setTimeout(options.timeout);
+    keepTypes();
     for (const size_t position : m_statement->booleans) {
         if (parameters.mayBeBooleans(position)) parameters.sendAsBooleans(position);
     }
@@ -193,7 +234,10 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
         outcome = runAsWanted();
     } catch (const Error& error) {
         m_transactions.failed(error);
-        if (m_further != Further::Later) close();
+        const bool isOutOfOrder = m_statement->isOutOfOrder(error);
+        // MariaDB's driver crashes when it is to prepare the text then, and keeps results open.
+        m_statement.reset();
+        if (isOutOfOrder) throw OdbcStatement::whyOutOfOrder();
         throw;
     }
     m_failed = false;
@@ -251,16 +295,17 @@ bool OdbcProgram::sendBooleans(OdbcParameters& parameters, const Error& error) {
     return found;
 }
 
-/// After `error`: whether the server's plan was out of date, and a new one is to be made.
+/// After `error`: whether the server's plan was out of date, and a new one is to be made, or it has
+/// none for this statement unless it sees the values.
 bool OdbcProgram::renewPlan(const Error& error) {
     const Dialect& dialect = m_session.dialect();
     const bool isStale = dialect.stalePlan && error.state() == dialect.stalePlan;
     const bool isStaleQuery = m_kind == StatementKind::Query && dialect.staleQueryCode != 0 &&
                               error.native() == dialect.staleQueryCode;
-    if (!m_statement->prepared || (!isStale && !isStaleQuery)) return false;
-    const SQLULEN timeout = m_statement->timeout();
-    m_statement = std::make_shared<OdbcStatement>(m_session);
-    m_statement->setTimeout(timeout);
+    const bool isUnguessed = dialect.unguessed && error.state() == dialect.unguessed;
+    if (!m_statement->prepared || (!isStale && !isStaleQuery && !isUnguessed)) return false;
+    renewStatement();
+    m_statement->staysDirect = isUnguessed;
     return true;
 }
 
@@ -286,6 +331,7 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
             if (m_kind == StatementKind::Change) outcome.changed = countChanges();
             outcome.rows =
                 result == SQL_NO_DATA ? noRows() : makeOdbcRows(m_statement, !m_allResults);
+            noteTypes(*outcome.rows);
             return outcome;
         } else if (result != SQL_NO_DATA) {
             changed += countChanges();
@@ -299,6 +345,12 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
     outcome.nothingDone = false;
     outcome.rows = takeStored();
     return outcome;
+}
+
+/// Of the first execution, for `keepTypes`.
+void OdbcProgram::noteTypes(ResultSet& rows) {
+    if (m_statement->prepared || !m_statement->answered.empty()) return;
+    for (const Column& column : rows.columns()) m_statement->answered.push_back(column.typeName);
 }
 
 /// Reads the rows of the current result.
@@ -525,6 +577,9 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
     auto call = driverCall(session, text);
     MarkedSql marked =
         call ? StatementText(call->escape, session.dialect()).marked() : text.marked();
+    if (marked.numbers.size() > kMostMarkers) {
+        throw Error("54000", "The driver takes 32767 parameter markers at most in one statement.");
+    }
     return std::make_unique<OdbcProgram>(transactions, idle, std::move(marked), text.kind(),
                                          furtherResults(text, session.quirks()), std::move(call));
 }

@@ -120,7 +120,7 @@ OdbcRows::~OdbcRows() {
     const bool closed = m_statement->keepsResults ||
                         SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE));
     const bool unbound = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND));
-    if (!closed || !unbound) m_statement->unusable = true;
+    if (!closed || !unbound || m_statement->interrupted) m_statement->unusable = true;
 }
 
 // Values of any length are bound, too, where the rest of a long one can be asked for. Elsewhere

@@ -2,6 +2,7 @@
 
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "core/connectstring.h"
 #include "core/diagnostics.h"
@@ -51,11 +52,14 @@ class OdbcSession {
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
         ~Running() { set(SQL_NULL_HSTMT); }
+        /// Answers whether it was cancelled.
+        bool end() noexcept { return set(SQL_NULL_HSTMT); }
 
       private:
-        void set(SQLHSTMT statement) noexcept {
+        bool set(SQLHSTMT statement) noexcept {
             const std::lock_guard lock(m_session.m_runningMutex);
             m_session.m_running = statement;
+            return std::exchange(m_session.m_wasInterrupted, false);
         }
         OdbcSession& m_session;
     };
@@ -72,6 +76,7 @@ class OdbcSession {
     bool m_unusable = false;
     std::mutex m_runningMutex;
     SQLHSTMT m_running = SQL_NULL_HSTMT;
+    bool m_wasInterrupted = false;  ///< it was
 };
 
 }  // namespace embedded

@@ -55,6 +55,7 @@ WordPair StatementText::pairAt(size_t index) const noexcept {
 template <class Spell>
 MarkedSql StatementText::respelled(Spell&& spell) const {
     MarkedSql result;
+    result.hasParts = hasParts();
     result.text.reserve(m_sql.size());
     size_t copied = 0;
     for (const Token& token : m_tokens) {

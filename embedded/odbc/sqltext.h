@@ -14,6 +14,7 @@ struct MarkedSql {
     std::string text;
     std::vector<int> numbers;  ///< for every "?" the number of its parameter, from 1
     int parameters = 0;        ///< the largest number
+    bool hasParts = false;     ///< there are semicolons in it
 };
 
 /// What a statement does to the rows and to the transaction, by its first words.

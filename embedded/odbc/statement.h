@@ -4,6 +4,7 @@
 #include <string_view>
 #include <vector>
 
+#include "core/error.h"
 #include "odbc/session.h"
 #include "odbc/utf16.h"
 
@@ -23,10 +24,20 @@ class OdbcStatement {
     /// an answer here.
     template <class Call>
     SQLRETURN run(Call&& call) const {
-        const OdbcSession::Running running(m_session, get());
+        OdbcSession::Running running(m_session, get());
         const SQLRETURN result = call();
-        return result == SQL_NO_DATA ? result : m_handle.check(result);
+        interrupted |= running.end();
+        if (SQL_SUCCEEDED(result)) return result;
+        // Rows that are cancelled are over, or out of order, for the driver manager.
+        if (interrupted && result == SQL_NO_DATA) throw whyOutOfOrder();
+        if (result == SQL_NO_DATA) return result;
+        const Error error = m_handle.failure();
+        throw isOutOfOrder(error) ? whyOutOfOrder() : error;
     }
+
+    /// Whether it is because of an interruption.
+    bool isOutOfOrder(const Error& error) const { return interrupted && error.state() == "HY010"; }
+    static Error whyOutOfOrder() { return {"HY008", "The statement was cancelled."}; }
 
     SQLRETURN prepare(std::string_view sql) const {
         return send(sql, manager().SQLPrepareW, manager().SQLPrepare);
@@ -52,10 +63,13 @@ class OdbcStatement {
     SQLULEN timeout() const noexcept { return m_timeout; }
 
     // What became of it, while it is used for one text.
+    mutable bool interrupted = false;  ///< in the middle of an execution, or of its rows
     bool executed = false;
     bool prepared = false;
-    bool keepsResults = false;  ///< rows that end leave those of the next result
-    bool unusable = false;      ///< not to be used again: the driver holds on to rows or addresses
+    bool staysDirect = false;           ///< it means something else when it is prepared
+    std::vector<std::string> answered;  ///< types of the rows' columns, executed directly
+    bool keepsResults = false;          ///< rows that end leave those of the next result
+    bool unusable = false;  ///< not to be used again: the driver holds on to rows or addresses
     std::vector<size_t> booleans;  ///< positions of markers that the server wants Booleans for
 
     const DriverManager& manager() const noexcept { return DriverManager::instance(); }

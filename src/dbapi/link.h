@@ -128,7 +128,7 @@ class Link {
     // Something was executed that a commit would keep.
     void Touch() { m_touched = true; }
     const Database& Behind() const { return m_database; }
-    void SetTimeout(long seconds) { m_database.timeout = seconds; }
+    void SetTimeout(long seconds) { std::atomic_ref(m_database.timeout) = seconds; }
 
     // A prepared statement that nobody uses, or a new one, always so without a text; for the holder
     // of a turn.

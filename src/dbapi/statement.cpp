@@ -1,6 +1,7 @@
 #include "dbapi/statement.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <limits>
 
@@ -15,6 +16,9 @@ constexpr SQLINTEGER kAllResults = 0x7002;
 constexpr SQLUSMALLINT kIsAssumed = 0x7001;
 // Longer texts are bound where they are, instead of being copied to a place that stays.
 constexpr size_t kMostCopied = 256;
+// A larger number than this one cannot be told.
+constexpr SQLSMALLINT kMostCounted = std::numeric_limits<SQLSMALLINT>::max();
+constexpr size_t kMostParameters = std::numeric_limits<SQLUSMALLINT>::max();
 
 Meaning MeaningOf(SQLHSTMT statement, SQLUSMALLINT number, SQLSMALLINT sqlType, bool isSqlite) {
     if (sqlType == SQL_GUID) return Meaning::Uuid;
@@ -64,19 +68,26 @@ void Statement::SetText(PyObject* text) {
 }
 
 void Statement::SetTimeout() {
-    if (m_timeout == m_database.timeout) return;
-    Called(SQLSetStmtAttrW(m_handle, SQL_ATTR_QUERY_TIMEOUT,
-                           reinterpret_cast<SQLPOINTER>(m_database.timeout), 0));
-    m_timeout = m_database.timeout;
+    const long timeout = std::atomic_ref(m_database.timeout);  // which any thread may set
+    if (m_timeout == timeout) return;
+    Called(SQLSetStmtAttrW(m_handle, SQL_ATTR_QUERY_TIMEOUT, reinterpret_cast<SQLPOINTER>(timeout),
+                           0));
+    m_timeout = timeout;
 }
 
 // For so many values.
 void Statement::Prepare(size_t values) {
     SetTimeout();
+    if (values > kMostParameters) {
+        throw Failure("07002", "A statement takes " + std::to_string(kMostParameters) +
+                                   " values at most, but " + std::to_string(values) +
+                                   " were given.");
+    }
     if (!m_prepared) {
         Called(SQLPrepareW(m_handle, AsWideText(m_utf8), static_cast<SQLINTEGER>(m_length)));
         SQLSMALLINT count = 0;
-        m_parameterCount = OdbcSucceeded(SQLNumParams(m_handle, &count)) ? count : -1;
+        const bool isTold = OdbcSucceeded(SQLNumParams(m_handle, &count));
+        m_parameterCount = isTold && count < kMostCounted ? count : -1;
         m_prepared = true;
     }
     if (m_parameterCount < 0 || static_cast<size_t>(m_parameterCount) == values) return;
@@ -108,10 +119,9 @@ void Statement::Executed(SQLRETURN status) {
     if (status != SQL_NO_DATA) Called(SQLNumResultCols(m_handle, &columns));
     m_columnCount = std::max<SQLSMALLINT>(columns, 0);
     m_hasRows = m_columnCount > 0;
-    if (!m_hasRows) {
-        Called(SQLRowCount(m_handle, &m_rowCount));
-        return;
-    }
+    // SQLite knows it behind the last row only.
+    if (!m_hasRows || !m_database.isSqlite) Called(SQLRowCount(m_handle, &m_rowCount));
+    if (!m_hasRows) return;
     // Cells tell what they are, but for what some texts of servers mean: as long as there are as
     // many, they need no new description.
     const auto count = static_cast<size_t>(m_columnCount);

@@ -29,6 +29,10 @@ constexpr long long kTypes[] = {
 constexpr const char* kTexts[] = {"",      "1",        "-12.50", "1e5",         "text",
                                   "@name", "Infinity", "it's",   "\xe2\x82\xac"};
 
+// The embedded runtime's own C type, and the bytes in front of such a value.
+constexpr SQLSMALLINT kCellCType = 0x4001;
+constexpr std::size_t kCellTag = 8;
+
 // Where a function's output of any length is among its arguments; its size follows.
 constexpr std::pair<std::string_view, std::size_t> kBuffers[] = {
     {"SQLError", 5},        {"SQLGetDiagRec", 5}, {"SQLDescribeCol", 2},
@@ -148,7 +152,7 @@ class Hostile {
         if (call.Base() == "SQLFetch") {
             LieAboutRows(handle);
         } else if (call.Base() == "SQLGetData") {
-            if (Lies(Cells)) LieAboutCell(BindingOf(call, 2, 3));
+            if (Lies(Cells)) LieAboutPart(BindingOf(call, 2, 3));
         } else if (!isPromise) {
             LieInOutputs(call);
         }
@@ -189,6 +193,16 @@ class Hostile {
             PutBytes(target.data, room, AnyBytes(room));
         }
         if (isNull || Chance(0.6)) Put(target.indicators, isNull ? SQL_NULL_DATA : AnyNumber());
+    }
+
+    // Or it is shorter than it was told to be with the row; where nothing was told it would pass.
+    void LieAboutPart(const Binding& target) {
+        const auto room = static_cast<std::size_t>(std::max<SQLLEN>(target.bufferLength, 0));
+        if (target.cType != kCellCType || room <= kCellTag || Chance(0.5))
+            return LieAboutCell(target);
+        const std::size_t kept = kCellTag + Below(room - kCellTag);
+        PutBytes(target.data + kept, room - kept, std::string(room - kept, '~'));
+        Put(target.indicators, static_cast<SQLLEN>(kept - kCellTag));
     }
 
     void LieAboutSets(const Handle& statement) {

@@ -67,13 +67,14 @@ TABLE = """CREATE TABLE t (short TEXT, a TEXT, long TEXT, b BIGINT, x BLOB, c DO
     at TIMESTAMP, d DECIMAL(9, 2), yes BOOLEAN, hour TIME)"""
 PROCEDURE = "CREATE PROCEDURE P (a) AS SELECT $a AS a, short, x FROM t"
 TOKEN = re.compile(r"<\d{4}>")
-REPEATS = (3, 400, 1)
+REPEATS = (3, 8, 9, 400, 1)  # some as wide as a cell, some a little wider
 
 
 def row_of(number):
     token = "<%04d>" % number
-    return (token, "text", token * REPEATS[number % 37 == 0], number, token.encode() * 3,
-            number / 8, datetime.date(2024, 2, 29), datetime.datetime(2024, 2, 29, 1, 2, 3, 4),
+    repeats = REPEATS[3 if number % 37 == 0 else number % 3]
+    return (token, "text", token * repeats, number, token.encode() * 3, number / 8,
+            datetime.date(2024, 2, 29), datetime.datetime(2024, 2, 29, 1, 2, 3, 4),
             decimal.Decimal("-12.50"), number % 2 == 0, datetime.time(1, 2))
 
 

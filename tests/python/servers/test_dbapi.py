@@ -95,6 +95,54 @@ def test_a_procedure_of_mariadb_gives_all_its_results(databases):
     connection.close()
 
 
+def test_what_comes_again_means_the_same(engine):
+    """However often, and whatever happened to it."""
+    connection = dbapi.connect(engine.string)
+    connection.execute("CREATE TEMPORARY TABLE again (a BIGINT PRIMARY KEY)")
+    connection.execute("INSERT INTO again VALUES (1)")
+    for _ in range(4):
+        for value in (3, "x", None):
+            row = connection.execute("SELECT 150, ?", (value,)).fetchone()
+            assert row[1] == value or engine.name == "sqliteodbc"
+        assert connection.execute("SELECT ? IS NULL", (3,)).fetchone()[0] in (False, "0")
+        for value in (1, Decimal(1)):
+            with pytest.raises(dbapi.Error):
+                connection.execute("INSERT INTO again VALUES (?)", (value,))
+    with pytest.raises(dbapi.ProgrammingError):
+        connection.execute("SELECT %s" % ", ".join("?" * 70000), [1] * 70000)
+    if engine.name in engines.SERVERS:
+        many = "SELECT count(*) FROM again WHERE a IN (%s)" % ", ".join("?" * 33000)
+        with pytest.raises(dbapi.OperationalError, match="32767"):
+            connection.execute(many, [1] * 33000)
+        cursor = connection.execute("INSERT INTO again VALUES (2), (3) RETURNING a")
+        assert cursor.rowcount == 2 and cursor.fetchall() == [(2,), (3,)]
+    connection.close()
+
+
+def test_what_is_cancelled_says_so_and_can_be_done_again(engine):
+    """Wherever it strikes: in an execution, in a fetch, or between."""
+    connection, over = dbapi.connect(engine.string, autocommit=True), threading.Event()
+
+    def cancel():
+        while not over.wait(0.001):
+            connection.cancel()
+
+    thread = threading.Thread(target=cancel)
+    thread.start()
+    states = set()
+    try:
+        for i in range(150):
+            try:
+                assert connection.execute("SELECT ?", (str(i),)).fetchall() == [(str(i),)]
+            except dbapi.OperationalError as error:
+                states.add(error.sqlstate)
+    finally:
+        over.set()
+        thread.join()
+    assert states <= {"HY008", "57014", "HY018"}
+    connection.close()
+
+
 @pytest.mark.parametrize("others", [False, True], ids=["ctrl-c", "ctrl-c and another signal"])
 def test_signals_are_handled_while_a_server_works(engine, others):
     if engine.name not in engines.SERVERS:
