@@ -12,7 +12,10 @@ struct NamedDialect {
     Dialect dialect;
 };
 
-constexpr std::string_view kDeadlock = "40001";
+// A deadlock, or a change at another node; and what becomes of a statement that is being prepared
+// at that moment: it is unknown.
+constexpr int kUndoneByMySql[] = {1213, 1243};
+constexpr int kUndoneByMicrosoft[] = {1205};
 
 constexpr Dialect kMySql{.syntax = {.backslashEscapes = true,
                                     .doubleQuotedStrings = true,
@@ -20,7 +23,7 @@ constexpr Dialect kMySql{.syntax = {.backslashEscapes = true,
                                     .hashComments = true,
                                     .dashNeedsBlank = true},
                          .commitsBySchemaChange = true,
-                         .undone = kDeadlock};
+                         .undone = kUndoneByMySql};
 
 constexpr Dialect mariaDb() noexcept {
     Dialect dialect = kMySql;
@@ -49,7 +52,7 @@ constexpr NamedDialect kDialects[] = {
     {"Microsoft SQL Server",
      {.syntax = {.bracketNames = true, .doubledBrackets = true, .nestedComments = true},
       .inTransaction = "SELECT @@TRANCOUNT",
-      .undone = kDeadlock,
+      .undone = kUndoneByMicrosoft,
       .savepoint = "SAVE TRANSACTION ",
       .rollbackTo = "ROLLBACK TRANSACTION ",
       .release = nullptr}},

@@ -18,9 +18,9 @@ struct Dialect {
     /// SQLSTATEs of texts that the server cannot even read. The driver's savepoint is in the same
     /// message, and so was never made: the driver rolls back the whole transaction.
     std::span<const std::string_view> unreadable = {};
-    /// The SQLSTATE behind which the server itself has rolled back the whole transaction, with its
-    /// savepoints; empty where it never does.
-    std::string_view undone = {};
+    /// The native codes behind which the server itself has rolled back the whole transaction, with
+    /// its savepoints.
+    std::span<const int> undone = {};
     const char* savepoint = "SAVEPOINT ";
     const char* rollbackTo = "ROLLBACK TO SAVEPOINT ";
     const char* release = "RELEASE SAVEPOINT ";  ///< null: there is none, and no need

@@ -238,7 +238,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
         // MariaDB's driver crashes when it is to prepare the text then, and keeps results open.
         m_statement.reset();
         if (isOutOfOrder) throw OdbcStatement::whyOutOfOrder();
-        throw;
+        if (m_kind != StatementKind::Rollback || !m_transactions.isUndoneBy(error)) throw;
     }
     m_failed = false;
     sets.allSucceeded();
@@ -394,7 +394,7 @@ std::unique_ptr<ResultSet> OdbcProgram::noRows() {
 }
 
 std::unique_ptr<ResultSet> OdbcProgram::nextResult(std::unique_ptr<ResultSet> rows) {
-    if (m_further != Further::Later) {
+    if (m_further != Further::Later || !m_statement) {
         rows.reset();
         return takeStored();
     }

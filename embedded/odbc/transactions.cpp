@@ -65,11 +65,15 @@ void OdbcTransactions::require(StatementKind kind) {
     throw Error("25P02", kLost, native::kMisuse);
 }
 
+bool OdbcTransactions::isUndoneBy(const Error& error) const noexcept {
+    const auto codes = m_session.dialect().undone;
+    return std::find(codes.begin(), codes.end(), error.native()) != codes.end();
+}
+
 void OdbcTransactions::failed(const Error& error) noexcept {
     if (!error.isFromDriver() || (!m_begun && !m_opened)) return;
-    const Dialect& dialect = m_session.dialect();
-    const auto states = dialect.unreadable;
-    if (error.state() == dialect.undone ||
+    const auto states = m_session.dialect().unreadable;
+    if (isUndoneBy(error) ||
         std::find(states.begin(), states.end(), error.state()) != states.end()) {
         m_lost = true;
     }
@@ -86,7 +90,8 @@ void OdbcTransactions::endTransaction(bool commit) {
         } else {
             endDriverTransaction(commit);
         }
-    } catch (const Error&) {
+    } catch (const Error& error) {
+        if (!commit && isUndoneBy(error)) return;
         // What the application does not want any more must not be committed later.
         if (!commit && (begun || m_changed)) m_session.setUnusable();
         throw;
@@ -152,15 +157,22 @@ void OdbcTransactions::Atomic::release() {
         m_released = true;
         m_transactions.returnToAutocommit();
     } else {
-        if (const char* release = m_transactions.m_session.dialect().release)
-            m_transactions.runScript(release + m_savepoint);
+        if (const char* release = m_transactions.m_session.dialect().release) {
+            try {
+                m_transactions.runScript(release + m_savepoint);
+            } catch (const Error& error) {
+                // A node that has undone the transaction just now may know of no savepoint.
+                if (error.state() != "42000") throw;
+                throw Error("40003", "The savepoint of a batch is gone, with its transaction.",
+                            error.native());
+            }
+        }
         m_released = true;
     }
 }
 
 void OdbcTransactions::Atomic::failed(const Error& error) noexcept {
-    if (error.state() == m_transactions.m_session.dialect().undone && !m_savepoint.empty())
-        m_released = true;
+    if (!m_savepoint.empty() && m_transactions.isUndoneBy(error)) m_released = true;
 }
 
 // Where nothing can be undone any more, the connection must not go on: switching autocommit on, or

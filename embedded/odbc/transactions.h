@@ -35,6 +35,8 @@ class OdbcTransactions {
     void executed(StatementKind kind) noexcept;
     /// To be told of every failure, after that.
     void failed(const Error& error) noexcept;
+    /// Whether nothing is left of the transaction that `error` came in.
+    bool isUndoneBy(const Error& error) const noexcept;
 
     /// All or nothing, inside or outside a transaction of the application: what is not released is
     /// undone.

@@ -130,10 +130,12 @@ _BY_STATE: Dict[str, Type[Error]] = {
 }
 
 # MariaDB's own codes for what it has no SQLSTATE for: an error during COMMIT, which a node that is
-# cut off from the others gives, too, and a lock that was waited for too long.
+# cut off from the others gives, too; a lock that was waited for too long; a statement that went
+# with its transaction while it was prepared.
 _BY_CODE: Dict[Tuple[str, int], Type[Error]] = {
     ("HY000", 1180): OperationalError,
     ("HY000", 1205): OperationalError,
+    ("HY000", 1243): OperationalError,
 }
 
 

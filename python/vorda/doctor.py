@@ -12,16 +12,22 @@ import sys
 import textwrap
 import time
 import warnings
-from typing import List, Optional, Tuple
+from typing import TYPE_CHECKING, List, Optional, Tuple
 
 from . import sources
 from .display import printable
 from .masking import Mask
 
+if TYPE_CHECKING:
+    from . import dbapi
+
 PLACES = ("by the loader's own search (LD_LIBRARY_PATH, ldconfig)", "in the fixed folder",
           "beside the module")
 ENVIRONMENT = ("LD_LIBRARY_PATH", "LD_PRELOAD", "VORDA_UNLOAD_RUNTIME", "ODBCSYSINI", "ODBCINSTINI",
                "ODBCINI")
+POSTGRESQL = """SELECT coalesce(host(inet_server_addr()) || ':' || inet_server_port(), 'here'),
+    CASE WHEN pg_is_in_recovery() THEN 'it is a standby'
+        WHEN current_setting('transaction_read_only') = 'on' THEN 'it is read-only' END"""
 TEXT_SIZE = 4096
 SQL_HANDLE_ENV = 1
 
@@ -164,6 +170,29 @@ def describe_sources(report: Report, module: Module) -> None:
         report.line("%-9s %s" % (name, value), 2)
 
 
+def describe_server(report: Report, connection: "dbapi.Connection") -> None:
+    """Which server has answered, of several hosts perhaps, and whether it takes changes."""
+    refusal = None
+    if connection._dbms == "PostgreSQL":
+        row = connection.execute(POSTGRESQL).fetchone()
+        assert row is not None
+        server, refusal = row
+    elif connection._dbms in ("MariaDB", "MySQL"):
+        # A node that is cut off from the others answers to SHOW, and to little else.
+        known = {name: value for show in ("SHOW GLOBAL VARIABLES", "SHOW GLOBAL STATUS")
+                 for name, value in connection.execute(show)}
+        server = "%s:%s" % (known["hostname"], known["port"])
+        if known.get("wsrep_on") == "ON" and known.get("wsrep_ready") != "ON":
+            refusal = "the node is not ready (%s, %s)" % (known.get("wsrep_cluster_status"),
+                                                          known.get("wsrep_local_state_comment"))
+        elif known.get("read_only") != "OFF":
+            refusal = "it is read-only"
+    else:
+        return
+    report.fact("server", "%s %s" % (connection._dbms, server))
+    report.fact("changes", "refused: " + refusal if refusal else "taken")
+
+
 def try_connection(report: Report, connection_string: str) -> bool:
     from . import dbapi, zelqa
 
@@ -176,13 +205,19 @@ def try_connection(report: Report, connection_string: str) -> bool:
         try:
             with warnings.catch_warnings(record=True) as remarks:
                 warnings.simplefilter("always")
-                driver.connect(connection_string).close()
+                connection = driver.connect(connection_string)
         except driver.Error as error:
             report.fact("failed", "%s: %s" % (driver.__name__, error))
             return False
         for remark in remarks:
             report.fact("warning", str(remark.message))
         report.fact("connected", "%s, in %.3f s" % (driver.__name__, time.monotonic() - start))
+        if driver is dbapi:
+            try:
+                describe_server(report, connection)
+            except dbapi.Error as error:
+                report.fact("server", "does not say which: %s" % error)
+        connection.close()
     return True
 
 

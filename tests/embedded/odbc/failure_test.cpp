@@ -5,6 +5,7 @@
 #include <atomic>
 #include <climits>
 #include <thread>
+#include <tuple>
 
 #include "driver_fixture.h"
 #include "extensions.h"
@@ -302,15 +303,15 @@ TEST_F(DriverFailures, OfADeadConnectionDoNotKeepIt) {
 TEST_F(DriverConnections, KeepNothingBehindALostTransaction) {
     const std::pair<std::string, std::string> kEnds[] = {
         {"ROLLBACK", "#"}, {"ROLLBACK TO s", "!25P02"}, {"COMMIT", "!40000"}};
-    const std::pair<const char16_t*, const char16_t*> kLosses[] = {{u"PostgreSQL", u"42601"},
-                                                                   {u"MariaDB", u"40001"}};
+    const std::tuple<const char16_t*, std::u16string, int> kLosses[] = {
+        {u"PostgreSQL", u"42601", 1}, {u"MariaDB", u"40001", 1213}, {u"MariaDB", u"HY000", 1243}};
     for (const auto& [end, outcome] : kEnds)
-        for (const auto& [product, state] : kLosses) {
+        for (const auto& [product, state, code] : kLosses) {
             dialect(product);
             Connection connection(kDriverText);
             connection.autocommit(false);
             connection.must("DELETE FROM t");
-            script.diagnostics = {{state, 1, u"no"}};
+            script.diagnostics = {{state, code, u"no"}};
             script.answers["SQLExecDirectW"] = failing();
             EXPECT_EQ(SQL_ERROR, connection.run("SELEC 1"));
             script.answers.clear();

@@ -67,8 +67,11 @@ def run_blocks(text, tmp_path, monkeypatch, capfd):
 NEEDED = {"docs/frames.md": ["pyarrow", "polars", "pandas", "duckdb"]}
 
 
-# The pages on servers and on SQLAlchemy are run where these are.
-@pytest.mark.parametrize("page", sorted({*PAGES} - {"docs/servers.md", "docs/sqlalchemy.md"}))
+# These are run where there are servers.
+ELSEWHERE = {"docs/servers.md", "docs/clusters.md", "docs/sqlalchemy.md"}
+
+
+@pytest.mark.parametrize("page", sorted({*PAGES} - ELSEWHERE))
 def test_page_shows_what_happens(page, tmp_path, monkeypatch, capfd):
     for library in NEEDED.get(page, []):
         pytest.importorskip(library)

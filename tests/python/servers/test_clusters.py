@@ -3,6 +3,7 @@ nodes are killed and come back."""
 
 import contextlib
 import json
+import os
 import random
 import subprocess
 import sys
@@ -14,7 +15,9 @@ import pytest
 import cluster_writer
 import clusters
 import engines
+import servers
 from ledger import TABLE, Ledger, differences, rows_of
+from test_docs_servers import docs
 from vorda import dbapi
 
 
@@ -66,7 +69,7 @@ def test_deadlock(engine, begin, many):
     other.start()
     change(2)
     other.join()
-    assert states == [{"mariadb": "40001", "postgresql": "40P01"}[engine.name]]
+    assert set(states) == {{"mariadb": "40001", "postgresql": "40P01"}[engine.name]}
     rows = setup.execute("SELECT a, b FROM t ORDER BY a").fetchall()
     assert rows == [(1, 2), (2, 2), *((row, int(many)) for row in range(3, 7))]
 
@@ -181,7 +184,6 @@ def writers(cluster, tmp_path, make):
 SEED = random.randrange(10**6)
 
 
-@pytest.mark.parametrize("cluster", [clusters.Standby], indirect=True)
 def test_ledger(cluster, writers):
     for number in range(3):
         time.sleep(3)
@@ -217,3 +219,41 @@ def test_ledger(cluster, writers):
     states = [{state for state in each if not state.startswith("connect")} for each in met]
     assert all(each - set(cluster_writer.UNDONE) for each in states)
     assert set(cluster_writer.UNDONE) & set.union(*states)
+
+
+# --- what a reader and an administrator sees ------------------------------------------------------
+
+
+def test_page(cluster, databases, tmp_path, monkeypatch, capfd):
+    text = (docs.ROOT / "docs" / "clusters.md").read_text(encoding="utf-8")
+    first, second, third = text.partition("## Galera")[0], *text[
+        text.index("## Galera"):].split("## PostgreSQL")
+    is_galera = isinstance(cluster, clusters.Galera)
+    named = (zip(("node1", "node2", "node3"), cluster.strings) if is_galera
+             else [("pair", cluster.together), ("standby", cluster.strings[1])])
+    with open(os.environ["ODBCINI"], "a") as ini:
+        for name, string in named:
+            ini.write("\n[%s]\n%s\n" % (name, string.replace("{", "").replace("}", "").replace(
+                "UID", "Username").replace(";", "\n")))
+    docs.run_blocks(first + (second if is_galera else third), tmp_path, monkeypatch, capfd)
+
+
+def test_doctor(cluster):
+    """Behind this, the first servers are gone."""
+
+    def changes(string):
+        shown = subprocess.run([sys.executable, "-m", "vorda", "doctor", string],
+                               stdout=subprocess.PIPE, encoding="utf-8").stdout
+        assert ":%d\n" % cluster.ports[-1] in shown
+        return shown.partition("\nchanges ")[2].partition("\n")[0].strip()
+
+    cluster.nodes[0].kill()
+    if isinstance(cluster, clusters.Galera):
+        assert changes(cluster.strings[2]) == "taken"
+        cluster.nodes[1].kill()
+        time.sleep(5)
+        assert "not ready (non-Primary" in changes(cluster.together)
+    else:
+        assert changes(cluster.strings[1]) == "refused: it is a standby"
+        cluster.nodes[1].run([servers.program("pg_ctl"), "promote", "-D", "data"])
+        assert changes(cluster.together) == "taken"
