@@ -72,7 +72,10 @@ Statement& Of(SQLHSTMT statement) {
 
 void Understand(Statement& statement, std::string_view text) {
     char type[16] = {};
-    statement = Statement{};
+    // What is bound stays bound to the handle.
+    statement.Column = nullptr;
+    statement.Columns = 0;
+    statement.Rows = statement.Row = 0;
     if (std::sscanf(text.data(), "SELECT %d %15s %ld", &statement.Columns, type, &statement.Rows) !=
         3)
         return;
