@@ -28,6 +28,7 @@ constexpr Dialect kMySql{.syntax = {.backslashEscapes = true,
 constexpr Dialect mariaDb() noexcept {
     Dialect dialect = kMySql;
     dialect.inTransaction = "SELECT @@in_transaction";
+    dialect.isNode = "SELECT @@wsrep_on";
     dialect.staleQueryCode = 2057;
     return dialect;
 }

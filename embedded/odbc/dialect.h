@@ -14,6 +14,7 @@ struct Dialect {
     // How it keeps transactions.
     bool commitsBySchemaChange = false;
     const char* inTransaction = nullptr;  ///< a query that answers 1 inside a transaction
+    const char* isNode = nullptr;         ///< one that answers 1 where other nodes change data, too
     bool savepointBegins = false;         ///< SAVEPOINT opens a transaction where none is
     /// SQLSTATEs of texts that the server cannot even read. The driver's savepoint is in the same
     /// message, and so was never made: the driver rolls back the whole transaction.

@@ -120,8 +120,18 @@ void OdbcTransactions::executed(StatementKind kind) noexcept {
 bool OdbcTransactions::inTransaction() {
     if (!m_autocommit) return true;
     if (!m_session.dialect().inTransaction) return m_begun;
+    if (answersYes(m_session.dialect().inTransaction)) return true;
+    // What a node has undone for another node's sake it may tell to nobody.
+    if (m_begun && m_session.dialect().isNode && answersYes(m_session.dialect().isNode)) {
+        m_lost = true;
+        throw Error("40001", kLost, native::kMisuse);
+    }
+    return false;
+}
+
+bool OdbcTransactions::answersYes(std::string_view query) {
     auto statement = std::make_shared<OdbcStatement>(m_session);
-    statement->executeDirect(m_session.dialect().inTransaction);
+    statement->executeDirect(query);
     const auto rows = makeOdbcRows(std::move(statement));
     if (!rows->next()) return false;
     const Cell answer = rows->cell(0);  // a text where the number is unsigned
@@ -132,6 +142,10 @@ bool OdbcTransactions::isOpen() noexcept {
     if (!m_autocommit) return m_opened;
     try {
         return inTransaction();
+    } catch (const Error& error) {
+        // The server says once only that nothing is left.
+        failed(error);
+        return m_begun;
     } catch (...) {
         return m_begun;
     }

@@ -64,6 +64,7 @@ class OdbcTransactions {
     void returnToAutocommit() noexcept;
     void endDriverTransaction(bool commit) const;
     bool inTransaction();
+    bool answersYes(std::string_view query);
 
     OdbcSession& m_session;
     CursorOwner& m_cursors;
