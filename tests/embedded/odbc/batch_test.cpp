@@ -203,5 +203,28 @@ TEST_F(DriverBatches, LeaveNoArrayBehind) {
     EXPECT_EQ(1U, processed);
 }
 
+// What a node of a cluster has undone for another node's sake it may tell to nobody.
+TEST_F(DriverBatches, AreNotStoredWithoutWhatCameBefore) {
+    for (const bool isNode : {false, true}) {
+        dialect(u"MariaDB");
+        script.answers.clear();
+        Connection connection(kDriverText);
+        connection.must("BEGIN");
+        // No transaction is open, it says, and then whether there are other nodes.
+        give(SQL_INTEGER, {number(0)});
+        script.answers["SQLExecDirectW"] = [&](const Call& call) {
+            give(SQL_INTEGER, {number(isNode)});
+            if (call.sets > 1) script.results = {{{}, {}, 3}};
+            return kUsual;
+        };
+        Statement statement(connection.handle);
+        EXPECT_EQ(isNode, batch(statement).starts_with("40001"));
+        script.answers.clear();
+        script.results = {{{}, {}, 3}};
+        connection.expect(isNode ? "DELETE FROM t => !25P02" : "DELETE FROM t => #3");
+        connection.expect("ROLLBACK");
+    }
+}
+
 }  // namespace
 }  // namespace embedded_test
