@@ -209,7 +209,8 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
     sets.require(m_sql.parameters);
     OdbcParameters parameters(sets, m_sql.numbers, m_session.quirks());
     const auto run = [&] {
-        return sets.count() > 1 ? runBatch(sets, parameters) : runOne(sets, parameters);
+        if (sets.count() > 1) return runBatch(sets, parameters);
+        return runOne(sets, parameters);
     };
     m_allResults = options.allResults != 0;
     useStatement(parameters.types());
