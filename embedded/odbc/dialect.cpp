@@ -77,7 +77,8 @@ constexpr DriverQuirks kSqlite{.arrays = false,
                                .comesAsText = AsText::All,
                                .textTemporals = true,
                                .staleTypes = true,
-                               .narrow = true};
+                               .narrow = true,
+                               .cancelled = 9};  // SQLITE_INTERRUPT
 
 // It does not know that these answer with rows, leaves the rows on the wire, and crashes when it
 // reads the answer to the next statement. DO, which it does not know at all, leaves its lock taken.

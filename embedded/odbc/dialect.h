@@ -72,6 +72,7 @@ struct DriverQuirks {
     bool splitsTexts = false;
     bool staleTypes = false;  ///< a prepared statement keeps a table's old column types
     bool narrow = false;      ///< it knows no wide functions, and takes UTF-8 in the others
+    int cancelled = 0;  ///< the native code of what was cancelled, where its state does not say so
 };
 
 /// The quirks of the driver library `file` (SQL_DRIVER_NAME).

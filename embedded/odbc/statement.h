@@ -32,7 +32,9 @@ class OdbcStatement {
         if (interrupted && result == SQL_NO_DATA) throw whyOutOfOrder();
         if (result == SQL_NO_DATA) return result;
         const Error error = m_handle.failure();
-        throw isOutOfOrder(error) ? whyOutOfOrder() : error;
+        const int cancelled = m_session.quirks().cancelled;
+        const bool isCancelled = cancelled != 0 && error.native() == cancelled;
+        throw isCancelled || isOutOfOrder(error) ? whyOutOfOrder() : error;
     }
 
     /// Whether it is because of an interruption.

@@ -128,9 +128,13 @@ def test_what_is_cancelled_says_so_and_can_be_done_again(engine):
             connection.cancel()
 
     thread = threading.Thread(target=cancel)
+    long = "(%s)" % " UNION ALL ".join(["SELECT 1 AS x"] * 100)
     thread.start()
     states = set()
     try:
+        with pytest.raises(dbapi.OperationalError):
+            connection.execute("SELECT count(*) FROM %s WHERE a.x + b.x + c.x + d.x + e.x > ?"
+                               % ", ".join("%s AS %s" % (long, name) for name in "abcde"), (9,))
         for i in range(150):
             try:
                 assert connection.execute("SELECT ?", (str(i),)).fetchall() == [(str(i),)]
