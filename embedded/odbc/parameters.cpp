@@ -141,6 +141,12 @@ SQLSMALLINT fractionDigits(const Value& value) noexcept {
 
 constexpr size_t kMostBytes = size_t{8} << 20U;
 
+/// Where the values of several sets start. MariaDB's driver writes pointers over them if they lie
+/// at the very address from which it took the statement's last single value; memory begins on
+/// other boundaries, and single values with it.
+constexpr size_t kArrayStart = 8;
+static_assert(__STDCPP_DEFAULT_NEW_ALIGNMENT__ % (2 * kArrayStart) == 0);
+
 }  // namespace
 
 OdbcParameters::OdbcParameters(ParameterSets& sets, const std::vector<int>& numbers,
@@ -212,7 +218,8 @@ SQLULEN OdbcParameters::measure(SQLULEN first, SQLULEN most) {
 }
 
 void OdbcParameters::fill(Array& array, SQLULEN first, SQLULEN count) {
-    array.data.assign(array.width * count, '\0');
+    array.start = count > 1 ? kArrayStart : 0;
+    array.data.assign(array.start + array.width * count, '\0');
     array.indicators.assign(count, SQL_NULL_DATA);
     for (SQLULEN i = 0; i < count; ++i) {
         const Value value = valueOf(array, first + i);
@@ -226,7 +233,8 @@ void OdbcParameters::fill(Array& array, SQLULEN first, SQLULEN count) {
                                 ": the text contains a NUL character, which would end it.",
                             native::kMismatch);
             }
-            array.indicators[i] = store(*array.form, value, array.data.data() + array.width * i);
+            char* const slot = array.data.data() + array.start + array.width * i;
+            array.indicators[i] = store(*array.form, value, slot);
         } catch (const Error& error) {
             throw m_sets.failed(first + i, error);
         }
@@ -244,7 +252,7 @@ SQLULEN OdbcParameters::bind(const OdbcStatement& statement, SQLULEN first, SQLU
         if (array.digits > 0) size += 1U + static_cast<SQLULEN>(array.digits);
         statement.handle().check(statement.manager().SQLBindParameter(
             statement.get(), ++position, SQL_PARAM_INPUT, form.cType, sqlTypeOf(form, size), size,
-            array.digits, array.data.data(), static_cast<SQLLEN>(array.width),
+            array.digits, array.data.data() + array.start, static_cast<SQLLEN>(array.width),
             array.indicators.data()));
     }
     return count;

@@ -44,6 +44,7 @@ class OdbcParameters {
         size_t width = 0;        ///< bytes from value to value
         size_t wanted = 0;       ///< the same if one more set joins
         SQLSMALLINT digits = 0;  ///< of the fractions of seconds
+        size_t start = 0;        ///< of the values in `data`
         std::vector<char> data;
         std::vector<SQLLEN> indicators;
     };

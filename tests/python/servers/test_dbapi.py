@@ -119,6 +119,23 @@ def test_what_comes_again_means_the_same(engine):
     connection.close()
 
 
+def test_batches_of_other_sizes_keep_their_values(engine):
+    """Of the same bytes: the second may lie where the first was."""
+    connection = dbapi.connect(engine.string)
+    connection.execute("DROP TABLE IF EXISTS batches")
+    connection.execute("CREATE TABLE batches (n INTEGER, word VARCHAR(99))")
+    connection.commit()
+    insert, rows = "INSERT INTO batches VALUES (?, ?)", []
+    for length in [*range(1, 30)] * 4:
+        rows += [(len(rows), "a" * 2 * length), (len(rows) + 1, "b" * length),
+                 (len(rows) + 2, "c" * length)]
+        connection.executemany(insert, rows[-3:-2])
+        connection.executemany(insert, rows[-2:])
+    found = connection.execute("SELECT n, word FROM batches ORDER BY n").fetchall()
+    assert [(int(n), word) for n, word in found] == rows
+    connection.close()
+
+
 def test_what_is_cancelled_says_so_and_can_be_done_again(engine):
     """Wherever it strikes: in an execution, in a fetch, or between."""
     connection, over = dbapi.connect(engine.string, autocommit=True), threading.Event()
