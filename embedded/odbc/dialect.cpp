@@ -43,6 +43,9 @@ constexpr NamedDialect kDialects[] = {
                  .nestedComments = true,
                  .dollarQuotes = true},
       .unreadable = kUnreadForPostgres,
+      // Its driver takes no savepoint for the beginning of a transaction: if the next statement
+      // fails, it rolls back all, with the savepoint.
+      .beforeSavepoint = "SELECT 1",
       .wrongCall = "42809",
       .stalePlan = "0A000",
       .unguessed = "42P18",

@@ -22,6 +22,8 @@ struct Dialect {
     /// The native codes behind which the server itself has rolled back the whole transaction, with
     /// its savepoints.
     std::span<const int> undone = {};
+    /// What has to come before the first savepoint of a transaction; null for nothing.
+    const char* beforeSavepoint = nullptr;
     const char* savepoint = "SAVEPOINT ";
     const char* rollbackTo = "ROLLBACK TO SAVEPOINT ";
     const char* release = "RELEASE SAVEPOINT ";  ///< null: there is none, and no need

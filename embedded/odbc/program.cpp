@@ -219,6 +219,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
     for (const size_t position : m_statement->booleans) {
         if (parameters.mayBeBooleans(position)) parameters.sendAsBooleans(position);
     }
+    m_transactions.begin(m_kind);
     const Executed executed{m_transactions, m_kind};
     m_failed = true;
     Outcome outcome;
@@ -242,6 +243,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
         if (m_kind != StatementKind::Rollback || !m_transactions.isUndoneBy(error)) throw;
     }
     m_failed = false;
+    m_transactions.succeeded(m_kind);
     sets.allSucceeded();
     return outcome;
 }

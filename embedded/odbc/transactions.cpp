@@ -50,7 +50,7 @@ void OdbcTransactions::setAutocommit(bool on) {
     m_session.require();
     driverAutocommit(on);
     m_autocommit = on;
-    m_opened = m_changed = false;
+    m_opened = m_changed = m_settled = false;
 }
 
 void OdbcTransactions::require(StatementKind kind) {
@@ -81,7 +81,7 @@ void OdbcTransactions::failed(const Error& error) noexcept {
 
 void OdbcTransactions::endTransaction(bool commit) {
     require(commit ? StatementKind::Commit : StatementKind::Rollback);
-    m_lost = m_opened = false;
+    m_lost = m_opened = m_settled = false;
     if (!commit) m_cursors.closeCursors();
     const bool begun = std::exchange(m_begun, false);
     try {
@@ -99,6 +99,13 @@ void OdbcTransactions::endTransaction(bool commit) {
     m_changed = false;
 }
 
+void OdbcTransactions::begin(StatementKind kind) {
+    const char* const first = m_session.dialect().beforeSavepoint;
+    if (kind != StatementKind::Savepoint || !first || m_autocommit || m_settled) return;
+    runScript(first);
+    m_settled = true;
+}
+
 void OdbcTransactions::executed(StatementKind kind) noexcept {
     m_opened = !m_autocommit;
     switch (kind) {
@@ -107,7 +114,7 @@ void OdbcTransactions::executed(StatementKind kind) noexcept {
             break;
         case StatementKind::Commit:
         case StatementKind::Rollback:
-            m_begun = m_opened = m_changed = m_lost = false;
+            m_begun = m_opened = m_changed = m_settled = m_lost = false;
             break;
         case StatementKind::Other:
             if (m_session.dialect().commitsBySchemaChange) m_begun = false;
@@ -157,6 +164,7 @@ OdbcTransactions::Atomic::Atomic(OdbcTransactions& transactions) : m_transaction
         transactions.driverAutocommit(false);
         return;
     }
+    transactions.begin(StatementKind::Savepoint);
     m_savepoint = "vorda_" + std::to_string(++transactions.m_savepoints);
     transactions.runScript(dialect.savepoint + m_savepoint);
 }

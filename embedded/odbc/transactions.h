@@ -31,8 +31,12 @@ class OdbcTransactions {
     /// application's transaction back and it does not know yet: what comes would be committed
     /// without what came before. Ending the transaction ends that, a COMMIT with an error.
     void require(StatementKind kind);
+    /// To be told that a statement is about to be executed.
+    void begin(StatementKind kind);
     /// To be told of every statement that was executed, successful or not.
     void executed(StatementKind kind) noexcept;
+    /// To be told of those that were successful, before that.
+    void succeeded(StatementKind kind) noexcept { m_settled |= kind != StatementKind::Savepoint; }
     /// To be told of every failure, after that.
     void failed(const Error& error) noexcept;
     /// Whether nothing is left of the transaction that `error` came in.
@@ -72,6 +76,7 @@ class OdbcTransactions {
     bool m_begun = false;    ///< a statement has opened a transaction with autocommit on
     bool m_changed = false;  ///< something was executed, with autocommit off, since the last end
     bool m_opened = false;   ///< anything was
+    bool m_settled = false;  ///< something other than a savepoint has succeeded
     bool m_lost = false;     ///< driver or server have rolled it back
     unsigned m_savepoints = 0;
 };

@@ -136,6 +136,29 @@ def test_batches_of_other_sizes_keep_their_values(engine):
     connection.close()
 
 
+@pytest.mark.parametrize("savepoint", [False, True])
+def test_what_fails_first_in_a_transaction_leaves_the_rest(engine, savepoint):
+    connection = dbapi.connect(engine.string)
+    connection.execute("DROP TABLE IF EXISTS batches")
+    connection.execute("CREATE TABLE batches (n INTEGER PRIMARY KEY)")
+    insert, kept = "INSERT INTO batches VALUES (?)", [1]
+    connection.execute(insert, (1,))
+    for number in (10, 20):
+        connection.commit()
+        if savepoint:
+            connection.execute("SAVEPOINT a")
+        with pytest.raises(dbapi.DatabaseError, match="(?i)duplicate|unique"):
+            connection.executemany(insert, [(number,), (1,)])
+        if savepoint:
+            connection.execute("ROLLBACK TO SAVEPOINT a")
+        connection.execute(insert, (number + 1,))
+        kept.append(number + 1)
+    connection.commit()
+    found = connection.execute("SELECT n FROM batches ORDER BY n").fetchall()
+    assert [int(n) for n, in found] == kept
+    connection.close()
+
+
 def test_what_is_cancelled_says_so_and_can_be_done_again(engine):
     """Wherever it strikes: in an execution, in a fetch, or between."""
     connection, over = dbapi.connect(engine.string, autocommit=True), threading.Event()
@@ -169,7 +192,7 @@ def test_signals_are_handled_while_a_server_works(engine, others):
     if engine.name not in engines.SERVERS:
         pytest.skip("no server")
     connection = dbapi.connect(engine.string, autocommit=True)
-    slow = "SELECT %s(1.5)" % {"postgresql": "pg_sleep", "mariadb": "SLEEP"}[engine.name]
+    slow = "SELECT %s(9)" % {"postgresql": "pg_sleep", "mariadb": "SLEEP"}[engine.name]
     times, old = [], signal.getsignal(signal.SIGALRM)
     if others:
         signal.signal(signal.SIGALRM, lambda *_: times.append(time.monotonic()))
@@ -181,7 +204,7 @@ def test_signals_are_handled_while_a_server_works(engine, others):
             connection.execute(slow)
     finally:
         signal.signal(signal.SIGALRM, old)
-    assert time.monotonic() - begin < 0.9 and all(when - begin < 0.4 for when in times)
+    assert time.monotonic() - begin < 4 and all(when - begin < 4 for when in times)
     assert len(times) == others and connection.execute("SELECT 1").fetchone() == (1,)
     connection.close()
 
@@ -207,13 +230,13 @@ try:
     dbapi.connect(string)
 except Late:
     signal.setitimer(signal.ITIMER_REAL, 0)
-    assert times[0] < 0.5 and time.monotonic() - begin < 0.8, (times, time.monotonic() - begin)
+    assert time.monotonic() - begin < 4, times
 
 def limited():
     try:
         dbapi.connect(string, timeout=1)
     except dbapi.OperationalError as error:
-        assert error.sqlstate == "HYT00" and time.monotonic() - begin < 2.5
+        assert error.sqlstate == "HYT00" and time.monotonic() - begin < 9
         print("over", end="")
 
 for thread in [threading.Thread(target=limited) for _ in range(2)]:
