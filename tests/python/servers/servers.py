@@ -173,17 +173,19 @@ def postgresql(create=None, options=(), **names):
 
 
 def mariadb(create=None, wrapper=(), options=(), ready=("ready for connections",), **names):
+    # Who starts deletes what others have in a shared folder for temporary tables.
     return Server(
         create=create or ["sh", "-ec", program("mariadb-install-db")
-                          + " --no-defaults --datadir={folder}/data --skip-test-db"
-                          " --skip-name-resolve --auth-root-authentication-method=normal;"
+                          + " --no-defaults --datadir={folder}/data --tmpdir={folder}"
+                          " --skip-test-db --skip-name-resolve"
+                          " --auth-root-authentication-method=normal;"
                           "echo 'CREATE DATABASE IF NOT EXISTS vorda;' >init.sql"],
         run=[*wrapper, program("mariadbd"), "--no-defaults", "--datadir={folder}/data",
-             "--port={port}", "--bind-address=127.0.0.1", "--socket={folder}/socket",
-             "--pid-file={folder}/pid", "--skip-name-resolve", "--init-file={folder}/init.sql",
-             "--character-set-server=utf8mb4", "--max-allowed-packet=64M",
-             "--innodb-flush-log-at-trx-commit=2", "--lock-wait-timeout=10",
-             "--innodb-lock-wait-timeout=10", *options],
+             "--tmpdir={folder}", "--port={port}", "--bind-address=127.0.0.1",
+             "--socket={folder}/socket", "--pid-file={folder}/pid", "--skip-name-resolve",
+             "--init-file={folder}/init.sql", "--character-set-server=utf8mb4",
+             "--max-allowed-packet=64M", "--innodb-flush-log-at-trx-commit=2",
+             "--lock-wait-timeout=10", "--innodb-lock-wait-timeout=10", *options],
         ready=ready, **names)
 
 
