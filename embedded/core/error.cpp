@@ -30,6 +30,12 @@ Error inheritedError() {
             native::kMisuse};
 }
 
+Error lostTransaction(std::string_view state) {
+    return {state,
+            "The whole transaction was rolled back when a statement failed; nothing is left of it.",
+            native::kMisuse};
+}
+
 Error notSupported(const std::string& what) {
     return {"HYC00", what, native::kError};
 }

@@ -69,6 +69,10 @@ Error sequenceError(const std::string& what);
 /// A use of a connection that was opened before a fork (08S01).
 Error inheritedError();
 
+/// What is said where a failure has ended the application's whole transaction: to a statement that
+/// counts on it (25P02), to a COMMIT (40000), or as the failure itself (40001).
+Error lostTransaction(std::string_view state);
+
 /// A feature this runtime does not have (HYC00).
 Error notSupported(const std::string& what);
 

@@ -380,8 +380,13 @@ std::unique_ptr<ResultSet> OdbcProgram::takeStored() {
 }
 
 SQLRETURN OdbcProgram::toNextResult() {
-    return m_statement->run(
+    const SQLRETURN result = m_statement->run(
         [this] { return m_statement->manager().SQLMoreResults(m_statement->get()); });
+    // What was executed to its end is done; of several statements nobody knows.
+    const bool mayHaveMore = m_sql.hasParts || m_call;
+    if (result == SQL_NO_DATA && m_statement->interrupted && mayHaveMore)
+        throw OdbcStatement::whyOutOfOrder();
+    return result;
 }
 
 /// Of a change that answers with rows and has found none: the driver manager takes that for the end

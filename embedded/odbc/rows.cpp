@@ -144,6 +144,8 @@ bool OdbcRows::next() {
     const SQLRETURN result =
         m_statement->run([&] { return m_manager.SQLFetch(m_statement->get()); });
     if (result == SQL_NO_DATA) {
+        // Rows that are cancelled are over, or out of order, for the driver manager.
+        if (m_statement->interrupted) throw OdbcStatement::whyOutOfOrder();
         m_ended = true;
         if (m_last) finish();
         return false;

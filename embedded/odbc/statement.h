@@ -27,10 +27,7 @@ class OdbcStatement {
         OdbcSession::Running running(m_session, get());
         const SQLRETURN result = call();
         interrupted |= running.end();
-        if (SQL_SUCCEEDED(result)) return result;
-        // Rows that are cancelled are over, or out of order, for the driver manager.
-        if (interrupted && result == SQL_NO_DATA) throw whyOutOfOrder();
-        if (result == SQL_NO_DATA) return result;
+        if (SQL_SUCCEEDED(result) || result == SQL_NO_DATA) return result;
         const Error error = m_handle.failure();
         const int cancelled = m_session.quirks().cancelled;
         const bool isCancelled = cancelled != 0 && error.native() == cancelled;

@@ -8,13 +8,6 @@
 #include "odbc/statement.h"
 
 namespace embedded {
-namespace {
-
-constexpr const char* kLost =
-    "The whole transaction was rolled back when a statement failed; nothing is left of it.";
-
-}  // namespace
-
 // What is not committed is rolled back: a driver refuses to disconnect within a transaction.
 OdbcTransactions::~OdbcTransactions() {
     if (m_autocommit && !m_begun && !m_session.isUnusable()) return;
@@ -60,9 +53,9 @@ void OdbcTransactions::require(StatementKind kind) {
     if (kind == StatementKind::Commit) {
         // Not every such error ends the transaction; what is left of it ends here.
         endTransaction(false);
-        throw Error("40000", kLost, native::kMisuse);
+        throw lostTransaction("40000");
     }
-    throw Error("25P02", kLost, native::kMisuse);
+    throw lostTransaction("25P02");
 }
 
 bool OdbcTransactions::isUndoneBy(const Error& error) const noexcept {
@@ -131,7 +124,7 @@ bool OdbcTransactions::inTransaction() {
     // What a node has undone for another node's sake it may tell to nobody.
     if (m_begun && m_session.dialect().isNode && answersYes(m_session.dialect().isNode)) {
         m_lost = true;
-        throw Error("40001", kLost, native::kMisuse);
+        throw lostTransaction("40001");
     }
     return false;
 }

@@ -27,9 +27,7 @@ class SqliteDatabase final : public Database {
         m_session.setProgress(progress);
         return true;
     }
-    std::optional<bool> transactionIsOpen() override {
-        return sqlite3_get_autocommit(m_session.db()) == 0;
-    }
+    std::optional<bool> transactionIsOpen() override { return m_session.isOpen(); }
     void interrupt() noexcept override { m_session.interrupt(); }
     void forgetInterrupt() noexcept override { m_session.forgetInterrupt(); }
 

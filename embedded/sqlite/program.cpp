@@ -32,7 +32,7 @@ class Rewind {
 };
 
 bool mayChangeSchema(Effect effect) noexcept {
-    return effect >= Effect::Schema && effect != Effect::Transaction;
+    return effect >= Effect::Schema && effect != Effect::Transaction && effect != Effect::Commit;
 }
 
 }  // namespace
@@ -73,6 +73,8 @@ Outcome SqliteProgram::execute(ParameterSets& sets, const ExecutionOptions& opti
     m_described.reset();
     m_session.requireTime();
     m_session.finishUndo();
+    if (m_session.endsLost(sql.effect)) return {};
+    const Session::Statement statement(m_session, sql.effect);
     const bool writes = m_procedure && m_procedure->refresh(m_session);
     if (m_procedure || !sql.readOnly) m_session.beginFor(sql.effect, writes);
     // What changes data is run to its end at once: nobody may come to read its rows. So are

@@ -126,12 +126,12 @@ SQLLEN drain(Session& session, CompiledSql& sql, std::unique_ptr<StoredRows>& ro
     // One that was only kept waiting by a lock counts as running, and nothing around it can be
     // undone.
     const ResetAtExit reset{statement};
-    int result = sqlite3_step(statement);
+    int result = session.step(statement);
     if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
         sqlite3_column_count(statement) > 0) {
         rows = std::make_unique<StoredRows>(*sql.describe(result == SQLITE_ROW));
     }
-    for (; result == SQLITE_ROW; result = sqlite3_step(statement)) append(*rows, statement);
+    for (; result == SQLITE_ROW; result = session.step(statement)) append(*rows, statement);
     if (result != SQLITE_DONE) throw session.failure();
     return sql.effect == Effect::Change ? sqlite3_changes(session.db()) : 0;
 }

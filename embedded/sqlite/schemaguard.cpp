@@ -41,8 +41,10 @@ Effect effectOf(int action, const char* first) noexcept {
         case SQLITE_DELETE:
             return Effect::Change;
         case SQLITE_TRANSACTION:
-        case SQLITE_SAVEPOINT:
+            if (sameWord(first, "COMMIT")) return Effect::Commit;
             return sameWord(first, "ROLLBACK") ? Effect::Rollback : Effect::Transaction;
+        case SQLITE_SAVEPOINT:
+            return sameWord(first, "ROLLBACK") ? Effect::RollbackTo : Effect::Transaction;
         case SQLITE_ATTACH:
         case SQLITE_DETACH:
             return Effect::Service;

@@ -18,9 +18,11 @@ enum class Effect {
     None,         ///< it reads
     Change,       ///< INSERT, UPDATE, DELETE: SQLite counts rows
     Schema,       ///< CREATE, ALTER, DROP, ANALYZE, REINDEX
-    Transaction,  ///< BEGIN, COMMIT, SAVEPOINT, RELEASE
-    Rollback,     ///< ROLLBACK, also to a savepoint
-    Service,      ///< ATTACH, DETACH, VACUUM
+    Transaction,  ///< BEGIN, SAVEPOINT, RELEASE
+    Commit,
+    RollbackTo,  ///< a savepoint
+    Rollback,
+    Service,  ///< ATTACH, DETACH, VACUUM
     Pragma,
 };
 

@@ -60,6 +60,7 @@ Session::Session(const SqliteOptions& options, CursorOwner& cursors)
       m_lockTimeout(options.timeoutMs) {
     m_guard.install(db());
     sqlite3_busy_handler(db(), waitForLock, this);
+    sqlite3_rollback_hook(db(), isRolledBack, this);
     // Not sqlite3_interrupt: it would stop whatever else is read on the connection, too, and is
     // lost between two statements.
     sqlite3_progress_handler(db(), kStepsBetweenLooks, endsEarly, this);
@@ -83,18 +84,32 @@ void Session::beginFor(Effect effect, bool writes) {
     }
 }
 
+// Interrupts, full disks, failing files and want of memory end the application's transaction with
+// the statement; and so do its own OR ROLLBACK and RAISE, which it knows of. With autocommit on, a
+// BEGIN of its own is missed by its COMMIT.
+void Session::isRolledBack(void* session) noexcept {
+    auto& self = *static_cast<Session*>(session);
+    self.m_lost |= !self.m_autocommit && !sqlite3_get_autocommit(self.db());
+}
+
+bool Session::endsLost(Effect effect) {
+    if (!m_lost) return false;
+    if (effect != Effect::Rollback && effect != Effect::Commit) throw lostTransaction("25P02");
+    endTransaction(effect == Effect::Commit);
+    return true;
+}
+
 void Session::endTransaction(bool commit) {
     finishUndo();
     const bool isOpen = !sqlite3_get_autocommit(db());
+    const bool lost = std::exchange(m_lost, false);
     // With autocommit off, queries alone, which open none here, are part of a transaction, too.
     if (!commit && (isOpen || !m_autocommit)) m_cursors.closeCursors();
+    if (lost && commit) throw lostTransaction("40000");
     if (!isOpen) return;
-    if (commit) {
-        run("COMMIT");
-        return;
-    }
-    run("ROLLBACK");
-    m_cache.clear();
+    run(commit ? "COMMIT" : "ROLLBACK");
+    m_lost = false;
+    if (!commit) m_cache.clear();
 }
 
 void Session::undo(Undo sql) noexcept {
@@ -110,7 +125,9 @@ void Session::undo(Undo sql) noexcept {
 
 void Session::finishUndo() {
     if (m_undo.empty()) return;
+    const bool lost = m_lost;
     if (!sqlite3_get_autocommit(db())) run(m_undo.c_str());
+    m_lost = lost;
     m_undo.clear();
 }
 
@@ -118,9 +135,16 @@ void Session::finishUndo() {
 
 int Session::endsEarly(void* session) noexcept {
     auto& self = *static_cast<Session*>(session);
-    if (self.m_undoing) return 0;
+    if (self.m_undoing || (self.m_stepping && !sqlite3_stmt_busy(self.m_stepping))) return 0;
     if (self.m_progress && self.m_progress->look(self.m_progress->context) != 0) return 1;
     return self.m_interrupted || self.isOverdue();
+}
+
+int Session::step(sqlite3_stmt* statement) noexcept {
+    m_stepping = statement;
+    const int result = sqlite3_step(statement);
+    m_stepping = nullptr;
+    return result;
 }
 
 int Session::waitForLock(void* session, int attempt) noexcept {
@@ -151,6 +175,7 @@ void Session::requireTime() {
 
 Error Session::failure() {
     const int primary = sqlite3_errcode(db()) & 0xFF;
+    if (primary == SQLITE_CONSTRAINT) m_lost = false;
     if (primary == SQLITE_INTERRUPT || primary == SQLITE_BUSY) {
         if (auto error = endOfCall()) return *error;
     }

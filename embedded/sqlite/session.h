@@ -47,6 +47,30 @@ class Session {
     /// would keep others from writing for as long as nobody commits.
     void beginFor(Effect effect, bool writes);
 
+    bool isOpen() const noexcept { return m_lost || !sqlite3_get_autocommit(m_db.get()); }
+
+    /// To be asked before a statement. Throws where a failure has ended the application's whole
+    /// transaction and it does not know yet: what comes would be kept without what came before.
+    /// Ending it ends that, a COMMIT with an error; answers whether that is done.
+    bool endsLost(Effect effect);
+
+    /// While a statement is executed.
+    class Statement {
+      public:
+        Statement(Session& session, Effect effect) noexcept
+            : m_session(session),
+              m_loses(effect < Effect::Commit && !sqlite3_get_autocommit(session.db())) {
+            session.m_lost = false;
+        }
+        Statement(const Statement&) = delete;
+        Statement& operator=(const Statement&) = delete;
+        ~Statement() { m_session.m_lost &= m_loses; }
+
+      private:
+        Session& m_session;
+        const bool m_loses;  ///< if all is rolled back, something was there before
+    };
+
     /// SQL that takes back what a failed statement has done; empty for nothing.
     using Undo = std::string;
 
@@ -89,6 +113,10 @@ class Session {
     /// several: SQLite looks only while one is running.
     void requireTime();
 
+    /// sqlite3_step for a statement that changes something. SQLite still asks whether to end early
+    /// when all is done, and committed: then nothing ends.
+    int step(sqlite3_stmt* statement) noexcept;
+
     /// The last failure, told as an interruption or a timeout where one of them was its cause.
     Error failure();
 
@@ -102,6 +130,7 @@ class Session {
     static std::unique_ptr<sqlite3, Close> openFile(const SqliteOptions& options);
     static int endsEarly(void* session) noexcept;
     static int waitForLock(void* session, int attempt) noexcept;
+    static void isRolledBack(void* session) noexcept;
     std::optional<Error> endOfCall() const;
     bool isOverdue() const noexcept { return m_deadline && Clock::now() >= *m_deadline; }
 
@@ -112,9 +141,11 @@ class Session {
     DecimalWatch m_decimals;
     bool m_autocommit = true;
     unsigned m_savepoints = 0;
+    bool m_lost = false;  ///< the transaction was rolled back, unasked
     Undo m_undo;
     bool m_undoing = false;  ///< which nothing ends early
     std::atomic<bool> m_interrupted = false;
+    sqlite3_stmt* m_stepping = nullptr;  ///< by `step`
     const VordaProgress* m_progress = nullptr;
     std::optional<Clock::time_point> m_deadline;
     const std::chrono::milliseconds m_lockTimeout;

@@ -1,5 +1,6 @@
 """What ends a statement, or runs in the middle of one."""
 
+import contextlib
 import os
 import signal
 import threading
@@ -56,6 +57,58 @@ def test_cancel_and_timeout_end_a_statement(connection):
     with pytest.raises(dbapi.OperationalError) as caught:
         connection.execute(SLOW)
     assert caught.value.sqlstate == "HYT00"
+
+
+def test_a_transaction_that_an_end_has_undone_keeps_nothing_else(connection):
+    connection.execute("CREATE TABLE t (a INTEGER PRIMARY KEY)")
+    connection.commit()
+
+    def stop():
+        threading.Timer(0.1, connection.cancel).start()
+        with pytest.raises(dbapi.OperationalError, match="interrupted"):
+            connection.execute("INSERT INTO t " + SLOW)
+
+    stop()  # nothing was there to be lost
+    for number, end in enumerate((connection.rollback, connection.commit)):
+        connection.execute("INSERT INTO t VALUES (1)")
+        stop()
+        assert connection.in_transaction
+        with pytest.raises(dbapi.InternalError, match="nothing is left of it"):
+            connection.execute("INSERT INTO t VALUES (2)")
+        if end == connection.commit:
+            with pytest.raises(dbapi.OperationalError, match="nothing is left of it"):
+                end()
+        else:
+            end()
+        connection.execute("INSERT INTO t VALUES (?)", (number + 3,))
+        connection.commit()
+    connection.execute("DELETE FROM t")
+    with pytest.raises(dbapi.IntegrityError):  # which says so itself
+        connection.execute("INSERT OR ROLLBACK INTO t VALUES (5), (5)")
+    assert connection.execute("SELECT a FROM t").fetchall() == [(3,), (4,)]
+
+
+def test_what_is_done_is_not_told_as_cancelled(connection):
+    connection.autocommit = True
+    connection.execute("CREATE TABLE t (a INTEGER PRIMARY KEY)")
+    over, insert = threading.Event(), "INSERT INTO t VALUES (?)"
+
+    def cancel():
+        while not over.wait(0.0001):
+            connection.cancel()
+
+    thread = threading.Thread(target=cancel)
+    thread.start()
+    done = []
+    try:
+        for i in range(800):
+            with contextlib.suppress(dbapi.OperationalError):
+                connection.execute(insert, (i,))
+                done.append((i,))
+    finally:
+        over.set()
+        thread.join()
+    assert connection.execute("SELECT a FROM t").fetchall() == done
 
 
 def test_a_query_alone_keeps_nobody_from_writing(connection, tmp_path):
