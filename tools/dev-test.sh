@@ -2,5 +2,6 @@ setup
 say "building for $python"
 build release
 start_tests
-run_tests tests release
+# The clusters' tests wait for their servers most of the time.
+run_tests tests release -j $((jobs + 1))
 finish_tests
