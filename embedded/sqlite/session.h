@@ -54,7 +54,7 @@ class Session {
     /// Ending it ends that, a COMMIT with an error; answers whether that is done.
     bool endsLost(Effect effect);
 
-    /// While a statement is executed.
+    /// While a statement is executed: only a transaction that was open before it can be lost.
     class Statement {
       public:
         Statement(Session& session, Effect effect) noexcept

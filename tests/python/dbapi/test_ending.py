@@ -64,7 +64,7 @@ def test_a_transaction_that_an_end_has_undone_keeps_nothing_else(connection):
     connection.commit()
 
     def stop():
-        threading.Timer(0.1, connection.cancel).start()
+        threading.Timer(0.3, connection.cancel).start()
         with pytest.raises(dbapi.OperationalError, match="interrupted"):
             connection.execute("INSERT INTO t " + SLOW)
 
