@@ -84,15 +84,24 @@ std::string expanded(sqlite3_stmt* statement) {
     return all;
 }
 
+bool isAscii(char c) {
+    return static_cast<signed char>(c) > 0;
+}
+
 /// No text may reach SQLite changed in what it reads as a string, a name or a comment, unless the
 /// number of markers, which is warned about, is not that of the values that SQLite wants. What that
-/// cannot show is one marker missed and another one invented.
+/// cannot show is one marker missed and another one invented, and a marker's name that goes on
+/// behind its ASCII letters.
 const char* checkMeaning(std::string_view sql, const Normalized& sent) {
     const Statement statement = compiled(std::string(sql));
     if (!statement) return "refused";
     const int markers = sqlite3_bind_parameter_count(statement.get());
     require(sent.markers == CountPlaceholders(fuzz::terminated(sql).data()), "markers counted");
     if (sent.markers != markers) return "warned";
+    for (int i = 1; i <= markers; ++i) {
+        const char* const name = sqlite3_bind_parameter_name(statement.get(), i);
+        if (name != nullptr && !std::ranges::all_of(std::string_view(name), isAscii)) return "cut";
+    }
     const Statement again = compiled(sent.text);
     for (int i = 1; i <= markers; ++i) {
         const char* const name = again ? sqlite3_bind_parameter_name(again.get(), i) : nullptr;
