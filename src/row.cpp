@@ -187,20 +187,3 @@ PyTypeObject RowType = {
 int InitRowType(PyObject* module, const char* name, const char* doc) {
     return InitType(RowType, module, "Row", name, doc);
 }
-
-PyRef NewRow(int room, int encoding, PyObject* description) {
-    // One block for the row and its values: rows are made by the million.
-    const size_t size = sizeof(PyRow) + static_cast<size_t>(room) * sizeof(PyObject*);
-    void* const block = PyObject_Malloc(size);
-    if (block == nullptr) {
-        PyErr_NoMemory();
-        return PyRef();
-    }
-    PyRef object(PyObject_Init(static_cast<PyObject*>(block), &RowType));
-    PyRow* const row = AsRow(object.Get());
-    row->columns = 0;
-    row->encoding = encoding;
-    row->Description = PyRef::Borrow(description).Release();
-    row->values = reinterpret_cast<PyObject**>(row + 1);
-    return object;
-}

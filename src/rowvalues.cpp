@@ -65,7 +65,9 @@ PyObject* ReadDateTime(const ColumnPlan& column) {
 PyObject* DecodeText(const char* text, Py_ssize_t length) {
     PyRef value(PyUnicode_DecodeUTF8(text, length, "surrogateescape"));
     if (!value) return nullptr;
-    const bool isUtf8 = PyUnicode_IS_COMPACT_ASCII(value.Get()) || !HasSurrogate(value.Get());
+    // There are no surrogates among characters of one byte.
+    const bool isUtf8 =
+        PyUnicode_KIND(value.Get()) == PyUnicode_1BYTE_KIND || !HasSurrogate(value.Get());
     return isUtf8 ? value.Release() : nullptr;
 }
 
@@ -86,18 +88,15 @@ PyObject* ReadText(const ColumnPlan& column) {
     return DecodeText(column.Cell.Text, *column.Cell.Length);
 }
 
-PyObject* RefuseBinary(const ColumnPlan&) {
-    return Raise(NotSupportedError, "Binary type not supported yet").Release();
-}
-
-PyObject* ReadUnbound(const ColumnPlan&) {
+// A binary column, or one that is not bound.
+PyObject* ReadNothing(const ColumnPlan&) {
     return nullptr;
 }
 
 Reader ReaderFor(int dataType) {
     switch (dataType) {
         case DBTYPE_BINARY:
-            return RefuseBinary;
+            return ReadNothing;
         case DBTYPE_TINYINT:
             return ReadInt<std::uint8_t>;
         case DBTYPE_SMALLINT:
@@ -127,12 +126,9 @@ ColumnPlan PlanColumn(Dbs& dbs, int index) {
     // A column that is not bound, or of a type that is refused, is never looked at for NULL.
     static const std::ptrdiff_t notNull = 0;
     ColumnPlan column = {};
-    if (!dbs.GetCell(index, column.Cell)) {
-        column.Read = ReadUnbound;
-    } else {
-        column.Read = ReaderFor(column.Cell.DataType);
-    }
-    if (column.Read == RefuseBinary || column.Read == ReadUnbound) column.Cell.Length = &notNull;
+    const bool isBound = dbs.GetCell(index, column.Cell);
+    column.Read = isBound ? ReaderFor(column.Cell.DataType) : ReadNothing;
+    if (column.Read == ReadNothing) column.Cell.Length = &notNull;
     return column;
 }
 
@@ -163,13 +159,47 @@ struct RowPlan {
 
 namespace {
 
+// A row without any value yet, which `columns` counts as they are stored, or empty with an error
+// set.
+PyRef NewRow(size_t room, int encoding, PyObject* description) {
+    // One block for the row and its values: rows are made by the million.
+    void* const block = PyObject_Malloc(sizeof(PyRow) + room * sizeof(PyObject*));
+    if (block == nullptr) {
+        PyErr_NoMemory();
+        return PyRef();
+    }
+    PyRef object(PyObject_Init(static_cast<PyObject*>(block), &RowType));
+    const auto row = reinterpret_cast<PyRow*>(object.Get());
+    row->columns = 0;
+    row->encoding = encoding;
+    row->Description = PyRef::Borrow(description).Release();
+    row->values = reinterpret_cast<PyObject**>(row + 1);
+    return object;
+}
+
+// Reads the columns that the row does not have yet, and runs no Python code. False where one needs
+// a closer look: the row then ends before it. Inline, for each row goes through it.
+inline bool ReadPlainColumns(const RowPlan& plan, PyRow* row) {
+    PyObject** slot = row->values + row->columns;
+    const auto end = plan.Columns.end();
+    for (auto column = plan.Columns.begin() + row->columns; column != end; ++column) {
+        PyObject* const value =
+            column->Cell.IsNull() ? PyRef::Borrow(Py_None).Release() : column->Read(*column);
+        if (value == nullptr) return false;
+        *slot++ = value;
+        ++row->columns;
+    }
+    return true;
+}
+
+// Goes on where ReadPlainColumns has ended.
 class RowReader {
   public:
     RowReader(Dbs& dbs, RowPlan& plan, PyRow* row) : m_dbs(dbs), m_plan(plan), m_row(row) {}
 
     // False with an error set: that of the first column that has one.
-    bool Read() {
-        if (ReadColumns()) {
+    bool Read(bool isWhole) {
+        if (isWhole || ReadOtherColumns()) {
             if (!m_truncations.empty()) return Finish();
             return m_plan.Decimals.empty() || MakeDecimals();
         }
@@ -190,17 +220,12 @@ class RowReader {
         std::string ColumnName;
     };
 
-    bool ReadColumns() {
-        for (const ColumnPlan& column : m_plan.Columns) {
-            PyObject* value;
-            if (column.Cell.IsNull()) {
-                value = PyRef::Borrow(Py_None).Release();
-            } else if (value = column.Read(column); value == nullptr) {
-                value = ReadWithCare(column, m_row->columns).Release();
-                if (value == nullptr) return false;
-            }
+    bool ReadOtherColumns() {
+        do {
+            PyObject* const value = ReadWithCare(m_row->columns).Release();
+            if (value == nullptr) return false;
             m_row->values[m_row->columns++] = value;
-        }
+        } while (!ReadPlainColumns(m_plan, m_row));
         return true;
     }
 
@@ -217,11 +242,16 @@ class RowReader {
         return std::all_of(next, m_truncations.end(), Warn);
     }
 
-    // What a reader has left: a column that is not bound, a text that is not UTF-8, or one whose
-    // length is not what it should be.
-    PyRef ReadWithCare(const ColumnPlan& column, int index) {
+    // What a reader has left: a column that it does not read, a text that is not UTF-8, or one
+    // whose length is not what it should be.
+    PyRef ReadWithCare(int index) {
         if (PyErr_Occurred()) return PyRef();
-        if (column.Read == ReadUnbound) return RaiseProviderError(m_dbs, VORDA_INDEX_OUT_OF_RANGE);
+        const ColumnPlan& column = m_plan.Columns[static_cast<size_t>(index)];
+        if (column.Read == ReadNothing) {
+            return column.Cell.DataType == DBTYPE_BINARY
+                       ? Raise(NotSupportedError, "Binary type not supported yet")
+                       : RaiseProviderError(m_dbs, VORDA_INDEX_OUT_OF_RANGE);
+        }
         const DbExtent extent = column.Cell.Extent();
         const char* const text = column.Cell.Text;
         PyRef value(DecodeText(text, extent.Length));
@@ -276,6 +306,21 @@ class RowReader {
     std::vector<Truncation> m_truncations;
 };
 
+// Few rows come here, or to FinishRow: kept apart, they cost the others nothing.
+[[gnu::noinline]] void MakePlan(PyCursor* cursor) {
+    if (!cursor->Plan) cursor->Plan.reset(new RowPlan);
+    cursor->Plan->Make(*cursor->dbs);
+}
+
+// What ReadPlainColumns has left of a row. The cursor goes without its plan meanwhile: the code
+// that a row runs may fetch from it, too.
+[[gnu::noinline]] bool FinishRow(PyCursor* cursor, PyRow* row, bool isWhole) {
+    auto plan = std::move(cursor->Plan);
+    const bool isMade = RowReader(*cursor->dbs, *plan, row).Read(isWhole);
+    cursor->Plan = std::move(plan);
+    return isMade;
+}
+
 }  // namespace
 
 void DeleteRowPlan::operator()(RowPlan* plan) const {
@@ -285,13 +330,12 @@ void DeleteRowPlan::operator()(RowPlan* plan) const {
 PyRef PyRow_New(PyCursor* cursor) {
     Dbs& dbs = *cursor->dbs;
     if (dbs.FetchFailed()) return RaiseProviderError(dbs, VORDA_ODBC_ERROR);
-    // The cursor goes without its plan meanwhile: the code that a row runs may fetch from it, too.
-    auto plan = std::move(cursor->Plan);
-    if (!plan) plan.reset(new RowPlan);
-    if (plan->ResultNumber != dbs.GetResultNumber()) plan->Make(dbs);
-    PyRef row = NewRow(static_cast<int>(plan->Columns.size()), cursor->Connection->encoding,
-                       cursor->Description);
-    if (row && !RowReader(dbs, *plan, reinterpret_cast<PyRow*>(row.Get())).Read()) row = PyRef();
-    cursor->Plan = std::move(plan);
-    return row;
+    if (!cursor->Plan || cursor->Plan->ResultNumber != dbs.GetResultNumber()) MakePlan(cursor);
+    const RowPlan& plan = *cursor->Plan;
+    PyRef object = NewRow(plan.Columns.size(), cursor->Connection->encoding, cursor->Description);
+    if (!object) return object;
+    const auto row = reinterpret_cast<PyRow*>(object.Get());
+    const bool isWhole = ReadPlainColumns(plan, row);
+    const bool isMade = (isWhole && plan.Decimals.empty()) || FinishRow(cursor, row, isWhole);
+    return isMade ? std::move(object) : PyRef();
 }

@@ -15,9 +15,6 @@ extern PyTypeObject RowType;
 
 int InitRowType(PyObject* module, const char* name, const char* doc);
 
-// A row without any value yet, which `columns` counts as they are stored, or empty with an error
-// set.
-PyRef NewRow(int room, int encoding, PyObject* description);
 // A row made of the provider's current one, or empty with an error set. The cursor is validated and
 // its result set has columns.
 PyRef PyRow_New(PyCursor* cursor);

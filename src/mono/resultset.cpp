@@ -213,10 +213,11 @@ const DbColumnInfo* ODBCResultSetImpl::GetColumnInfo(int index) const {
     return index < m_infoCount ? m_columns.Get(index) : &none;
 }
 
-// Zeroes what the last row has left. Whatever lengths the driver will report, no byte of one row
-// may pass for another's.
+// Zeroes what the last row has left, block by block. Whatever lengths the driver will report, no
+// byte of one row may pass for another's.
 void ODBCResultSetImpl::WipeBuffers() {
-    constexpr size_t kShort = 64;
+    constexpr size_t kBlock = 64;
+    static_assert(kTextBufferSize % kBlock == 0 && kBinaryBufferSize % kBlock == 0);
     for (const BoundBuffer& buffer : m_buffers) {
         const SQLLEN reported = std::exchange(*buffer.Length, SQL_NULL_DATA);
         size_t used = reported == SQL_NULL_DATA ? 0 : static_cast<size_t>(reported);
@@ -226,11 +227,12 @@ void ODBCResultSetImpl::WipeBuffers() {
             std::memcpy(&behind, buffer.Bytes + used, sizeof behind);
         }
         if (behind != 0) used = buffer.Size;
-        if (used <= kShort) {
-            std::memset(buffer.Bytes, 0, kShort);
-        } else {
-            std::memset(buffer.Bytes, 0, used);
-        }
+        char* block = buffer.Bytes;
+        const char* const end = block + used;
+        do {
+            std::memset(block, 0, kBlock);
+            block += kBlock;
+        } while (block < end);
     }
 }
 

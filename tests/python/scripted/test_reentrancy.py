@@ -311,6 +311,18 @@ def test_warnings(runtime, opened, intrude, intrusion, call, monkeypatch):
         assert tuple(result[0]) == ("x" * 2047, decimal.Decimal("1.5"))
 
 
+@pytest.mark.filterwarnings("always")
+def test_a_row_is_finished_by_its_own_plan(runtime, connection, monkeypatch):
+    """Its code fetches from the same cursor, where other columns are decimals now."""
+    decimals = [Column("d", DECIMAL), Column("e", DECIMAL)]
+    runtime.result(Column("t", WVARCHAR), *decimals, rows=[["x" * 3000, "1.5", "2.5"]])
+    cursor = connection.execute("SELECT *")
+    runtime.result(*decimals, rows=[["3.5", "4.5"]])
+    monkeypatch.setattr(warnings, "showwarning",
+                        lambda *arguments, **more: cursor.execute("SELECT *").fetchone())
+    assert cursor.fetchone()[2] == decimal.Decimal("2.5")
+
+
 @pytest.mark.parametrize("call", [
     lambda cursor: cursor.executemany(UPDATE + ", b = ?", [("x", "y"), ("x", "\ud800")]),
     lambda cursor: cursor.executemany(UPDATE, [(1,), (2 ** 70,)]),
