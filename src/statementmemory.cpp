@@ -18,7 +18,8 @@ void Check(int status) {
 }  // namespace
 
 const StatementMemory::Normalized& StatementMemory::Normalize(const char* text, Normalized& made) {
-    if (!m_text.empty() && m_text == text) return m_normalized;
+    // In one pass, where operator== measures the text first.
+    if (!m_text.empty() && std::strcmp(m_text.c_str(), text) == 0) return m_normalized;
     Check(NormalizeSQL(text, made.Text, &made.Verb, &made.ParamCount));
     const size_t length = std::strlen(text);
     if (length > kLongestKept) return made;
