@@ -87,8 +87,9 @@ class OdbcProgram final : public Program {
     bool sendBooleans(OdbcParameters& parameters, const Error& error);
     bool renewPlan(const Error& error);
     Outcome outcomeOf(SQLRETURN result);
+    bool isDone(const Error& error);
     SQLRETURN toNextResult();
-    std::unique_ptr<ResultSet> noRows();
+    std::vector<Column> describedAnew();
     void noteTypes(ResultSet& rows);
     void store();
     void close() const { m_statement->manager().SQLFreeStmt(m_statement->get(), SQL_CLOSE); }
@@ -251,9 +252,28 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
 Outcome OdbcProgram::runOne(ParameterSets& sets, OdbcParameters& parameters) {
     parameters.bind(*m_statement, 0, 1);
     try {
-        return outcomeOf(executeOnce());
+        const SQLRETURN result = executeOnce();
+        try {
+            return outcomeOf(result);
+        } catch (const Error& error) {
+            if (!isDone(error)) throw;
+        }
+        m_statement.reset();
+        return changedBy(-1);
     } catch (const Error& error) {
         throw sets.failed(0, error);
+    }
+}
+
+/// After `error`, behind an execution that went well: whether all that is lost is how many rows it
+/// changed. The driver manager forgets an execution that is cancelled between its end and our look.
+bool OdbcProgram::isDone(const Error& error) {
+    const bool isPlain = m_kind == StatementKind::Change || m_kind == StatementKind::Other;
+    if (!isPlain || m_sql.hasParts || m_call || !m_statement->isOutOfOrder(error)) return false;
+    try {
+        return describedAnew().empty();
+    } catch (const Error&) {
+        return false;
     }
 }
 
@@ -332,8 +352,12 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
         } else if (columns > 0) {
             Outcome outcome;
             if (m_kind == StatementKind::Change) outcome.changed = countChanges();
-            outcome.rows =
-                result == SQL_NO_DATA ? noRows() : makeOdbcRows(m_statement, !m_allResults);
+            // For the driver manager a change that finds no row is the end of the results.
+            if (result == SQL_NO_DATA) {
+                outcome.rows = std::make_unique<StoredRows>(describedAnew());
+            } else {
+                outcome.rows = makeOdbcRows(m_statement, !m_allResults);
+            }
             noteTypes(*outcome.rows);
             return outcome;
         } else if (result != SQL_NO_DATA) {
@@ -389,16 +413,15 @@ SQLRETURN OdbcProgram::toNextResult() {
     return result;
 }
 
-/// Of a change that answers with rows and has found none: the driver manager takes that for the end
-/// of the results, and describes them to another statement only.
-std::unique_ptr<ResultSet> OdbcProgram::noRows() {
+/// The columns that another statement would have.
+std::vector<Column> OdbcProgram::describedAnew() {
     const OdbcStatement statement(m_session);
     statement.prepare(m_sql.text);
     std::vector<Column> columns;
     for (OdbcColumn& described : describeColumns(statement)) {
         columns.push_back(std::move(described.column));
     }
-    return std::make_unique<StoredRows>(std::move(columns));
+    return columns;
 }
 
 std::unique_ptr<ResultSet> OdbcProgram::nextResult(std::unique_ptr<ResultSet> rows) {

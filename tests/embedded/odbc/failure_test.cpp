@@ -6,6 +6,7 @@
 #include <climits>
 #include <thread>
 #include <tuple>
+#include <utility>
 
 #include "driver_fixture.h"
 #include "extensions.h"
@@ -332,24 +333,44 @@ TEST_F(DriverConnections, AreCancelledByOtherThreads) {
     script.diagnostics = {{u"HY008", 1, u"cancelled"}};
     script.answers["SQLCancel"] = [&](const Call&) { return tell(cancelled); };
     Connection connection(kDriverText);
-    for (const char* function : {"SQLExecDirectW", "SQLFetch"}) {
+    // Runs `sql`, whose call of `function` ends with `answer` when it has been cancelled.
+    const auto cancel = [&](Statement& statement, const char* sql, const char* function,
+                            SQLRETURN answer) {
         running = cancelled = false;
-        script.answers[function] = [&](const Call&) {
+        script.answers[function] = [&, answer](const Call&) {
             tell(running);
             cancelled.wait(false);
-            return SQLRETURN{SQL_ERROR};
+            return answer;
         };
-        Statement statement(connection.handle);
         std::thread other([&] {
             running.wait(false);
             EXPECT_EQ(SQL_SUCCESS, RT_SQLCancel(kDriver, statement.handle));
         });
-        SQLRETURN result = statement.run("SELECT 1");
-        if (result == SQL_SUCCESS) result = statement.fetch();
-        EXPECT_EQ("HY008", statement.stateOf(result)) << function;
+        SQLRETURN result = statement.run(sql);
+        if (result == SQL_SUCCESS && statement.columns() > 0) result = statement.fetch();
         other.join();
         script.answers.erase(function);
+        return statement.stateOf(result);
+    };
+    for (const char* function : {"SQLExecDirectW", "SQLFetch"}) {
+        Statement statement(connection.handle);
+        EXPECT_EQ("HY008", cancel(statement, "SELECT 1", function, SQL_ERROR)) << function;
     }
+    // A change that had ended well is done, even if its count is lost. If it has rows, they are.
+    const std::vector<Result> rows = std::exchange(script.results, {Result{}});
+    script.diagnostics = {{u"HY010", 1, u"out of order"}};
+    script.answers["SQLRowCount"] = failing();
+    {
+        Statement statement(connection.handle);
+        EXPECT_EQ("", cancel(statement, "DELETE FROM t", "SQLExecDirectW", kUsual));
+        EXPECT_EQ(-1, statement.rowCount());
+    }
+    script.results = rows;
+    {
+        Statement statement(connection.handle);
+        EXPECT_EQ("HY008", cancel(statement, "DELETE FROM t", "SQLExecDirectW", kUsual));
+    }
+    script.answers.clear();
     // A statement that does not run is not disturbed.
     Statement statement(connection.handle);
     EXPECT_EQ(SQL_SUCCESS, statement.run("SELECT 1"));
