@@ -85,7 +85,7 @@ constexpr DriverQuirks kSqlite{.arrays = false,
 
 // It does not know that these answer with rows, leaves the rows on the wire, and crashes when it
 // reads the answer to the next statement. DO, which it does not know at all, leaves its lock taken.
-constexpr UnreadableStatement kUnreadByMaria[] = {
+constexpr StatementPattern kUnreadByMaria[] = {
     {{"VALUES", ""}},
     {{"(", "VALUES"}},
     {{"HELP", ""}},
@@ -103,8 +103,18 @@ constexpr UnreadableStatement kUnreadByMaria[] = {
     {{"ALTER", "TABLE"}, {"REPAIR", "PARTITION"}},
 };
 
+// With an array the server ends them early when it is told to (KILL QUERY, a limit of its own), and
+// says that all went well; a SELECT it refuses.
+constexpr StatementPattern kSingleForMaria[] = {
+    {{"UPDATE", ""}},
+    {{"DELETE", ""}},
+    {{"WITH", ""}},
+    {{"INSERT", ""}, {"SELECT", ""}},
+    {{"REPLACE", ""}, {"SELECT", ""}},
+};
+
 // It waits for ever for an answer that is in another protocol.
-constexpr UnreadableStatement kUnreadByPostgres[] = {
+constexpr StatementPattern kUnreadByPostgres[] = {
     {{"COPY", ""}, {"FROM", "STDIN"}},
     {{"COPY", ""}, {"TO", "STDOUT"}},
 };
@@ -123,7 +133,8 @@ constexpr NamedQuirks kQuirks[] = {
     // result of the second.
     {"maodbc",
      "mariadb",
-     {.utf8Texts = true,
+     {.single = kSingleForMaria,
+      .utf8Texts = true,
       .comesAsText = AsText::Temporals,
       .keepsNul = true,
       .unreadable = kUnreadByMaria,

@@ -50,8 +50,8 @@ struct WordPair {
     std::string_view second;  ///< empty: any
 };
 
-/// A statement that a driver must not be given: how it begins, and what stands further on in it.
-struct UnreadableStatement {
+/// How a statement begins, and what stands further on in it.
+struct StatementPattern {
     WordPair start;
     WordPair inside = {};  ///< empty: anything
 };
@@ -61,14 +61,15 @@ struct DriverQuirks {
     /// To be added to the connection string unless it has this key; null for nothing.
     const char* key = nullptr;
     const char* value = nullptr;
-    bool arrays = true;           ///< its arrays of parameters can be used
-    bool describesScales = true;  ///< of times and timestamps
-    bool utf8Texts = false;       ///< texts come and go whole only as bytes, which are UTF-8
+    bool arrays = true;                             ///< its arrays of parameters can be used
+    std::span<const StatementPattern> single = {};  ///< not with these statements
+    bool describesScales = true;                    ///< of times and timestamps
+    bool utf8Texts = false;  ///< texts come and go whole only as bytes, which are UTF-8
     /// Which values, besides texts, it delivers right only as texts.
     enum class AsText { None, Temporals, All } comesAsText = AsText::None;
     bool keepsNul = false;       ///< a parameter's text goes on behind a NUL character
     bool textTemporals = false;  ///< dates and times have to be sent as texts
-    std::span<const UnreadableStatement> unreadable = {};
+    std::span<const StatementPattern> unreadable = {};  ///< it must not be given these
     /// It splits texts at their semicolons, those of a body too, behind which it must not be asked
     /// for the next result; what is not read of several results keeps everything else waiting.
     bool splitsTexts = false;

@@ -52,13 +52,14 @@ struct Executed {
 class OdbcProgram final : public Program {
   public:
     OdbcProgram(OdbcTransactions& transactions, IdleStatements& idle, MarkedSql sql,
-                StatementKind kind, Further further, std::optional<DriverCall> call)
+                StatementKind kind, Further further, bool arrays, std::optional<DriverCall> call)
         : m_transactions(transactions),
           m_session(transactions.session()),
           m_idle(idle),
           m_sql(std::move(sql)),
           m_kind(kind),
           m_further(further),
+          m_arrays(arrays),
           m_call(std::move(call)) {}
     ~OdbcProgram() override { giveBack(); }
 
@@ -102,6 +103,7 @@ class OdbcProgram final : public Program {
     MarkedSql m_sql;
     const StatementKind m_kind;
     const Further m_further;
+    const bool m_arrays;                              ///< several sets of parameters may go at once
     std::deque<std::unique_ptr<ResultSet>> m_stored;  ///< results that are read already
     std::optional<DriverCall> m_call;
     std::shared_ptr<OdbcStatement> m_statement;  ///< null before the first use
@@ -531,8 +533,8 @@ class ParameterArray {
 
 Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
     OdbcTransactions::Atomic atomic(m_transactions);
-    const bool arrays =
-        m_session.quirks().arrays && ParameterArray(*m_statement, sets.count()).accepted();
+    const OdbcSession::Batch batch(m_session);
+    const bool arrays = m_arrays && ParameterArray(*m_statement, sets.count()).accepted();
     SQLLEN changed = 0;
     try {
         for (SQLULEN first = 0; first < sets.count();) {
@@ -540,6 +542,7 @@ Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
             changed +=
                 arrays ? runArray(sets, parameters, first, count) : runSet(sets, parameters, first);
             first += count;
+            if (m_statement->interrupted) throw OdbcStatement::whyOutOfOrder();
         }
         atomic.release();
     } catch (const Error& error) {
@@ -599,11 +602,13 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
     sql = sql.substr(0, sql.find_last_not_of('\0') + 1);
     refuseNul(sql, "statement");
     const StatementText text(sql, session.dialect());
-    for (const UnreadableStatement& pattern : session.quirks().unreadable) {
-        if (text.isUnreadable(pattern)) {
-            throw notSupported("The driver cannot read what this statement answers.");
-        }
-    }
+    const DriverQuirks& quirks = session.quirks();
+    const auto isOneOf = [&text](std::span<const StatementPattern> patterns) {
+        return std::any_of(patterns.begin(), patterns.end(),
+                           [&text](const StatementPattern& pattern) { return text.has(pattern); });
+    };
+    if (isOneOf(quirks.unreadable))
+        throw notSupported("The driver cannot read what this statement answers.");
     if (auto program = prepareParameterQuery(session, text)) return program;
     auto call = driverCall(session, text);
     MarkedSql marked =
@@ -612,7 +617,8 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
         throw Error("54000", "The driver takes 32767 parameter markers at most in one statement.");
     }
     return std::make_unique<OdbcProgram>(transactions, idle, std::move(marked), text.kind(),
-                                         furtherResults(text, session.quirks()), std::move(call));
+                                         furtherResults(text, quirks),
+                                         quirks.arrays && !isOneOf(quirks.single), std::move(call));
 }
 
 }  // namespace embedded

@@ -125,9 +125,9 @@ void OdbcSession::require() const {
 
 void OdbcSession::interrupt() noexcept {
     const std::lock_guard lock(m_runningMutex);
-    if (!m_running) return;
+    if (!m_running && !m_inBatch) return;
     m_wasInterrupted = true;
-    m_manager.SQLCancel(m_running);
+    if (m_running) m_manager.SQLCancel(m_running);
 }
 
 }  // namespace embedded

@@ -51,15 +51,32 @@ class OdbcSession {
         Running(OdbcSession& session, SQLHSTMT statement) : m_session(session) { set(statement); }
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
-        ~Running() { set(SQL_NULL_HSTMT); }
-        /// Answers whether it was cancelled.
+        ~Running() { end(); }
+        /// Answers whether it was cancelled, or its batch before it began.
         bool end() noexcept { return set(SQL_NULL_HSTMT); }
 
       private:
         bool set(SQLHSTMT statement) noexcept {
             const std::lock_guard lock(m_session.m_runningMutex);
             m_session.m_running = statement;
-            return std::exchange(m_session.m_wasInterrupted, false);
+            return statement == SQL_NULL_HSTMT && std::exchange(m_session.m_wasInterrupted, false);
+        }
+        OdbcSession& m_session;
+    };
+
+    /// Executions of one batch, which `interrupt` reaches between two of them, too.
+    class Batch {
+      public:
+        explicit Batch(OdbcSession& session) : m_session(session) { set(true); }
+        Batch(const Batch&) = delete;
+        Batch& operator=(const Batch&) = delete;
+        ~Batch() { set(false); }
+
+      private:
+        void set(bool on) noexcept {
+            const std::lock_guard lock(m_session.m_runningMutex);
+            m_session.m_inBatch = on;
+            m_session.m_wasInterrupted = false;
         }
         OdbcSession& m_session;
     };
@@ -76,7 +93,8 @@ class OdbcSession {
     bool m_unusable = false;
     std::mutex m_runningMutex;
     SQLHSTMT m_running = SQL_NULL_HSTMT;
-    bool m_wasInterrupted = false;  ///< it was
+    bool m_inBatch = false;
+    bool m_wasInterrupted = false;  ///< what runs was
 };
 
 }  // namespace embedded

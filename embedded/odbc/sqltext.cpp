@@ -93,7 +93,7 @@ std::string StatementText::numbered() const {
 
 // ---- what it does
 
-bool StatementText::isUnreadable(const UnreadableStatement& pattern) const noexcept {
+bool StatementText::has(const StatementPattern& pattern) const noexcept {
     const auto isEnd = [](const Token& token) { return token.text == ";"; };
     for (size_t first = 0; first < m_tokens.size();) {
         const auto begin = m_tokens.begin() + static_cast<std::ptrdiff_t>(first);
@@ -116,7 +116,7 @@ bool StatementText::hasParts() const noexcept {
 }
 
 bool StatementText::isBlock() const noexcept {
-    return isUnreadable({{"END", ""}}) || isUnreadable({{"UNTIL", ""}});
+    return has({{"END", ""}}) || has({{"UNTIL", ""}});
 }
 
 bool StatementText::isAnonymousBlock() const noexcept {

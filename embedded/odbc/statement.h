@@ -24,7 +24,7 @@ class OdbcStatement {
     /// an answer here.
     template <class Call>
     SQLRETURN run(Call&& call) const {
-        OdbcSession::Running running(m_session, get());
+        OdbcSession::Running running(m_session, isDeaf ? SQL_NULL_HSTMT : get());
         const SQLRETURN result = call();
         interrupted |= running.end();
         if (SQL_SUCCEEDED(result) || result == SQL_NO_DATA) return result;
@@ -60,6 +60,8 @@ class OdbcStatement {
         m_timeout = seconds;
     }
     SQLULEN timeout() const noexcept { return m_timeout; }
+
+    bool isDeaf = false;  ///< no interruption reaches it
 
     // What became of it, while it is used for one text.
     mutable bool interrupted = false;  ///< in the middle of an execution, or of its rows

@@ -14,8 +14,25 @@ OdbcTransactions::~OdbcTransactions() {
     m_session.manager().SQLEndTran(SQL_HANDLE_DBC, m_session.handle().get(), SQL_ROLLBACK);
 }
 
-void OdbcTransactions::runScript(std::string_view sql) {
-    OdbcStatement(m_session).executeDirect(sql);
+/// Runs what keeps or undoes the work of others: it is not the one to be cancelled.
+void OdbcTransactions::run(std::string_view sql) {
+    OdbcStatement statement(m_session);
+    statement.isDeaf = true;
+    statement.executeDirect(sql);
+}
+
+/// For what may be repeated and must succeed: a cancel that was meant for the statement before may
+/// reach the server as late as now.
+template <class Call>
+void OdbcTransactions::insist(Call&& call) {
+    constexpr int kAttempts = 3;
+    for (int attempt = 1;; ++attempt) {
+        try {
+            return call();
+        } catch (const Error& error) {
+            if (attempt == kAttempts || isUndoneBy(error) || m_session.isDead()) throw;
+        }
+    }
 }
 
 void OdbcTransactions::driverAutocommit(bool on) const {
@@ -28,7 +45,7 @@ void OdbcTransactions::driverAutocommit(bool on) const {
 /// Otherwise nothing that comes would ever be committed.
 void OdbcTransactions::returnToAutocommit() noexcept {
     try {
-        driverAutocommit(true);
+        insist([this] { driverAutocommit(true); });
     } catch (...) {
         m_session.setUnusable();
     }
@@ -77,11 +94,18 @@ void OdbcTransactions::endTransaction(bool commit) {
     m_lost = m_opened = m_settled = false;
     if (!commit) m_cursors.closeCursors();
     const bool begun = std::exchange(m_begun, false);
-    try {
+    const auto end = [&] {
         if (m_autocommit && begun) {
-            runScript(commit ? "COMMIT" : "ROLLBACK");
+            run(commit ? "COMMIT" : "ROLLBACK");
         } else {
             endDriverTransaction(commit);
+        }
+    };
+    try {
+        if (commit) {
+            end();
+        } else {
+            insist(end);
         }
     } catch (const Error& error) {
         if (!commit && isUndoneBy(error)) return;
@@ -95,7 +119,7 @@ void OdbcTransactions::endTransaction(bool commit) {
 void OdbcTransactions::begin(StatementKind kind) {
     const char* const first = m_session.dialect().beforeSavepoint;
     if (kind != StatementKind::Savepoint || !first || m_autocommit || m_settled) return;
-    runScript(first);
+    run(first);
     m_settled = true;
 }
 
@@ -159,7 +183,7 @@ OdbcTransactions::Atomic::Atomic(OdbcTransactions& transactions) : m_transaction
     }
     transactions.begin(StatementKind::Savepoint);
     m_savepoint = "vorda_" + std::to_string(++transactions.m_savepoints);
-    transactions.runScript(dialect.savepoint + m_savepoint);
+    transactions.run(dialect.savepoint + m_savepoint);
 }
 
 OdbcTransactions::Atomic::~Atomic() {
@@ -174,7 +198,7 @@ void OdbcTransactions::Atomic::release() {
     } else {
         if (const char* release = m_transactions.m_session.dialect().release) {
             try {
-                m_transactions.runScript(release + m_savepoint);
+                m_transactions.run(release + m_savepoint);
             } catch (const Error& error) {
                 // A node that has undone the transaction just now may know of no savepoint.
                 if (error.state() != "42000") throw;
@@ -195,13 +219,14 @@ void OdbcTransactions::Atomic::failed(const Error& error) noexcept {
 void OdbcTransactions::Atomic::undo() noexcept {
     try {
         if (m_savepoint.empty()) {
-            m_transactions.endDriverTransaction(false);
+            m_transactions.insist([this] { m_transactions.endDriverTransaction(false); });
             m_transactions.returnToAutocommit();
             return;
         }
         const Dialect& dialect = m_transactions.m_session.dialect();
-        m_transactions.runScript(dialect.rollbackTo + m_savepoint);
-        if (dialect.release) m_transactions.runScript(dialect.release + m_savepoint);
+        for (const char* verb : {dialect.rollbackTo, dialect.release}) {
+            if (verb) m_transactions.insist([&] { m_transactions.run(verb + m_savepoint); });
+        }
     } catch (...) {
         m_transactions.m_session.setUnusable();
     }

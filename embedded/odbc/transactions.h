@@ -63,7 +63,9 @@ class OdbcTransactions {
     };
 
   private:
-    void runScript(std::string_view sql);
+    void run(std::string_view sql);
+    template <class Call>
+    void insist(Call&& call);
     void driverAutocommit(bool on) const;
     void returnToAutocommit() noexcept;
     void endDriverTransaction(bool commit) const;

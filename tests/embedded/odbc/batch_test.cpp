@@ -1,5 +1,6 @@
 // Batches and transactions: all or nothing, whatever the driver does.
 #include <array>
+#include <thread>
 #include <utility>
 
 #include "driver_fixture.h"
@@ -34,7 +35,7 @@ struct DriverBatches : DriverTest {
         static const std::array<SQLINTEGER, 3> values{1, 2, 3};
         static std::array<SQLLEN, 3> lengths{4, 4, 4};
         statement.set(SQL_ATTR_PARAMSET_SIZE, values.size());
-        statement.prepare("INSERT INTO t VALUES (@1 )");
+        statement.prepare(text);
         statement.bind(1, SQL_C_LONG, values.data(), lengths.data());
         if (statement.execute() != SQL_ERROR) return std::to_string(statement.rowCount());
         const std::string message = statement.error().message;
@@ -42,12 +43,15 @@ struct DriverBatches : DriverTest {
         return statement.error().state + message.substr(own + 1);
     }
 
+    std::string text = "INSERT INTO t VALUES (@1 )";  ///< of the batches
+
     /// The calls about transactions since the last look, in short.
     std::string transactions() {
         static const std::map<std::string, std::string> kShort{
             {"SQLSetConnectAttrW 102=0", "off"},
             {"SQLSetConnectAttrW 102=1", "on"},
             {"SQLExecDirectW INSERT INTO t VALUES (? )", "one"},
+            {"SQLExecDirectW UPDATE t SET a = (? )", "one"},
             {"SQLExecDirectW INSERT INTO t VALUES (? ) sets=3", "array"},
             {"SQLExecute", "again"},
             {"SQLExecute  sets=3", "array"},
@@ -123,13 +127,45 @@ TEST_F(DriverBatches, AreDoneWholeOrUndone) {
     const Sets bad{kBad, kUnused, kUnused};
     executions(reporting(SQL_ERROR, 1, bad));
     script.answers["SQLEndTran"] = failing(1, 1);
-    EXPECT_EQ("23505 there already (parameter set 1 of 3): off, array, rollback lost", alone());
+    const std::string first = "23505 there already (parameter set 1 of 3)";
+    // The server may have been told to cancel this.
+    EXPECT_EQ(first + ": off, array, rollback, rollback, on", alone());
+    executions(reporting(SQL_ERROR, 1, bad));
+    script.answers["SQLEndTran"] = failing(1);
+    EXPECT_EQ(first + ": off, array, rollback, rollback, rollback lost", alone());
     executions(reporting(SQL_ERROR, 1, bad));
     script.answers["SQLSetConnectAttrW"] = failing(2);
-    EXPECT_EQ("23505 there already (parameter set 1 of 3)" + undone + " lost", alone());
+    EXPECT_EQ(first + undone + ", on, on lost", alone());
     // This batch is there; what comes later would never be.
     script.answers["SQLSetConnectAttrW"] = failing(2);
-    EXPECT_EQ("3: off, array, commit, on lost", alone());
+    EXPECT_EQ("3: off, array, commit, on, on, on lost", alone());
+}
+
+TEST_F(DriverBatches, GoOneByOneWhereAServerEndsThemEarlyAndDoesNotSay) {
+    script.texts[SQL_DRIVER_NAME] = u"libmaodbc.so";
+    EXPECT_EQ("3: off, array, commit, on", alone());
+    text = "UPDATE t SET a = (@1 )";
+    EXPECT_EQ("9: off, one, again, again, commit, on", alone());
+}
+
+TEST_F(DriverBatches, AreUndoneWhenTheyAreCancelled) {
+    for (const char* function : {"SQLNumResultCols", "SQLExecute"}) {
+        Connection connection(kDriverText);
+        Statement statement(connection.handle);
+        transactions();
+        script.calls.clear();
+        script.answers["SQLSetStmtAttrW"] = failing(1, 1);
+        // Between two executions, or in one that is done all the same.
+        script.answers[function] = [&](const Call& call) {
+            if (call.number == 2)
+                std::thread([&] { RT_SQLCancel(kDriver, statement.handle); }).join();
+            return kUsual;
+        };
+        EXPECT_EQ("HY008", batch(statement).substr(0, 5)) << function;
+        const std::string calls = transactions();
+        EXPECT_TRUE(calls.ends_with("again, rollback, on")) << calls;
+        script.answers.clear();
+    }
 }
 
 TEST_F(DriverBatches, InATransactionOfTheApplicationAreUndoneAlone) {
