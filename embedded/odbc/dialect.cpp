@@ -120,12 +120,13 @@ constexpr StatementPattern kUnreadByPostgres[] = {
 };
 
 constexpr NamedQuirks kQuirks[] = {
-    // It shows a Boolean as a text unless told not to, and a date it does not understand as today.
+    // It shows a Boolean as a text unless told not to. A date as a text takes it twice as long.
     {"psqlodbc",
      "postgresql",
      {.key = "BoolsAsChar",
       .value = "0",
-      .comesAsText = AsText::Temporals,
+      .rowArrays = true,
+      .makesUpToday = true,
       .unreadable = kUnreadByPostgres}},
     // It counts wide texts wrong, both ways: it takes U+00D8 to U+00DB for halves of surrogate
     // pairs, for one. It shows a date that is none as NULL. A body with semicolons it takes for

@@ -65,6 +65,9 @@ struct DriverQuirks {
     std::span<const StatementPattern> single = {};  ///< not with these statements
     bool describesScales = true;                    ///< of times and timestamps
     bool utf8Texts = false;  ///< texts come and go whole only as bytes, which are UTF-8
+    bool rowArrays = false;  ///< it fetches many rows at once, and gives longer values of each
+    /// It takes a date that it does not understand for today, unless it delivers a text.
+    bool makesUpToday = false;
     /// Which values, besides texts, it delivers right only as texts.
     enum class AsText { None, Temporals, All } comesAsText = AsText::None;
     bool keepsNul = false;       ///< a parameter's text goes on behind a NUL character

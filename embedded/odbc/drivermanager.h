@@ -45,6 +45,7 @@ namespace embedded {
     X(SQLProcedureColumnsW)         \
     X(SQLProceduresW)               \
     X(SQLRowCount)                  \
+    X(SQLSetPos)                    \
     X(SQLSetConnectAttrW)           \
     X(SQLSetEnvAttr)                \
     X(SQLSetStmtAttrW)              \

@@ -12,6 +12,8 @@
 namespace embedded {
 namespace {
 
+constexpr std::time_t kDay = 24 * 60 * 60;
+
 /// The value of `key` in a connection string, or an empty text.
 std::string_view valueOf(const ConnectString& text, std::string_view key) noexcept {
     for (const ConnectString::Pair& pair : text.pairs()) {
@@ -44,7 +46,8 @@ bool needsNarrowCall(const ConnectString& text) noexcept {
 OdbcSession::OdbcSession(const ConnectString& text, Diagnostics& diagnostics, SQLULEN loginTimeout)
     : m_manager(DriverManager::instance()),
       m_environment(SQL_HANDLE_ENV, nullptr),
-      m_connection(SQL_HANDLE_DBC, &m_environment) {
+      m_connection(SQL_HANDLE_DBC, &m_environment),
+      m_nextDay(std::time(nullptr) - kDay) {
     // A driver that has none takes as long as it takes.
     if (loginTimeout != 0) {
         m_manager.SQLSetConnectAttrW(m_connection.get(), SQL_ATTR_LOGIN_TIMEOUT,
@@ -86,6 +89,20 @@ void OdbcSession::connect(const std::string& text, bool narrow, Diagnostics& dia
         const Error warning = m_connection.failure();
         diagnostics.warning(warning.state(), warning.what());
     }
+}
+
+bool OdbcSession::mayBeToday(int month, int day) noexcept {
+    const auto indexOf = [](int oneMonth, int oneDay) {
+        return static_cast<size_t>(oneMonth * 32 + oneDay) % 512;
+    };
+    // A day more on each side, for the time zones.
+    for (const std::time_t end = std::time(nullptr) + 2 * kDay; m_nextDay <= end;
+         m_nextDay += kDay) {
+        std::tm date{};
+        gmtime_r(&m_nextDay, &date);
+        m_days.set(indexOf(date.tm_mon + 1, date.tm_mday));
+    }
+    return m_days.test(indexOf(month, day));
 }
 
 std::string OdbcSession::textInfo(SQLUSMALLINT type) const {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <bitset>
+#include <ctime>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -28,6 +30,9 @@ class OdbcSession {
 
     /// Whether SQLGetData reads bound columns again, from their start.
     bool rereadsBound() const noexcept { return m_rereadsBound; }
+
+    /// Whether this day of any year may have been today, somewhere, since the session began.
+    bool mayBeToday(int month, int day) noexcept;
 
     std::string textInfo(SQLUSMALLINT type) const;
     SQLUINTEGER numberInfo(SQLUSMALLINT type) const;
@@ -91,6 +96,8 @@ class OdbcSession {
     const DriverQuirks* m_quirks = nullptr;
     bool m_rereadsBound = false;
     bool m_unusable = false;
+    std::time_t m_nextDay;
+    std::bitset<512> m_days;  ///< of all years, that have been today
     std::mutex m_runningMutex;
     SQLHSTMT m_running = SQL_NULL_HSTMT;
     bool m_inBatch = false;

@@ -127,7 +127,8 @@ class PostgreSQL(Sourced):
     # Not a DATE before Christ, nor a TIMESTAMP 'infinity': the driver makes other dates of them.
     beyond = [("TIMESTAMP", "'10000-01-01'"), ("TIMESTAMP", "'0044-03-15 BC'"),
               ("DATE", "'10000-01-01'"),
-              ("DATE", "'infinity'"), ("NUMERIC", "'NaN'")]
+              ("DATE", "'infinity'"), ("DATE", "'-infinity'"), ("TIMESTAMP", "'-infinity'"),
+              ("NUMERIC", "'NaN'")]
     failures = [("SELECT * FROM nowhere", "42P01", "nowhere"), ("SELEC 1", "42601", "SELEC"),
                 ("INSERT INTO t VALUES (1, 'again')", "23505", "duplicate key"),
                 ("INSERT INTO t VALUES (NULL, NULL)", "23502", "null value"),

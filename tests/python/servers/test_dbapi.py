@@ -1,5 +1,6 @@
 """What vorda.dbapi does on servers only."""
 
+import datetime
 import os
 import signal
 import subprocess
@@ -326,4 +327,35 @@ def test_a_frame_goes_from_table_to_table(engine):
         connection.commit()
     assert connection.execute("SELECT * FROM other ORDER BY c9").fetchall() == [
         row for row in rows for _ in range(2)]
+    connection.close()
+
+
+def test_what_is_rare_is_exact_in_the_middle_of_many_rows(engine):
+    """Some drivers show a date that they do not understand as today."""
+    if engine.name == "sqliteodbc":
+        pytest.skip("its driver's numbers come as texts")
+    connection = dbapi.connect(engine.string)
+    today = datetime.datetime.combine(datetime.date.today(), datetime.time())
+    rare = {20: (today.date(), today, "é" * 5000), 30: (None, None, None),
+            40: (datetime.date.max, datetime.datetime.max, "\U0001F600" * 100)}
+    rows = [(n, *rare.get(n % 50, (datetime.date(2020, 1, 1) + datetime.timedelta(n),
+                                   datetime.datetime(1, 1, 1, 0, 0, 0, n), "word %d" % n)))
+            for n in range(500)]
+    kinds = [engine.kind(name).declared for name in ("integer", "date", "timestamp", "text")]
+    for table in ("rare", "other"):
+        connection.execute("DROP TABLE IF EXISTS " + table)
+        connection.execute("CREATE TABLE %s (n %s, d %s, w %s, t %s)" % (table, *kinds))
+    connection.executemany("INSERT INTO rare VALUES (?, ?, ?, ?)", rows)
+    connection.commit()
+    query = "SELECT * FROM %s ORDER BY n"
+    assert connection.execute(query % "rare").fetchall() == rows
+    dbapi.ingest(connection, "other", connection.execute(query % "rare").fetch_arrow())
+    assert connection.execute(query % "other").fetchall() == rows
+    if engine.name == "postgresql":
+        connection.execute("UPDATE rare SET d = 'infinity' WHERE n = 270")
+        cursor = connection.execute(query % "rare")
+        assert cursor.fetchmany(270) == rows[:270]
+        with pytest.raises(dbapi.DataError, match='"d", row 271'):
+            cursor.fetchone()
+        assert cursor.fetchall() == rows[271:]
     connection.close()
