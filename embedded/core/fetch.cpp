@@ -18,9 +18,12 @@ Statement::Work& Statement::requireCursor() {
 
 Statement::Work& Statement::askedCursor() {
     Work& work = requireCursor();
-    if (!work.described) {
+    if (!work.asked) {
         // Types of expressions come from the first row, which is still there.
-        work.described = &work.rows->columns();
+        work.rows->columnCount();
+        // The rest can wait, unless the program goes with the last row.
+        if (!work.prepared) work.rows->columns();
+        work.asked = true;
         m_connection->removeUnasked(*this);
     }
     return work;
@@ -46,12 +49,12 @@ bool Statement::isOver() const {
 
 const std::vector<Column>& Statement::columns() {
     static const std::vector<Column> kNone;
-    if (hasCursor()) return *askedCursor().described;
+    if (hasCursor()) return askedCursor().rows->columns();
     return isOver() ? kNone : requireProgram().columns();
 }
 
 int Statement::columnCount() {
-    if (hasCursor()) return static_cast<int>(askedCursor().described->size());
+    if (hasCursor()) return askedCursor().rows->columnCount();
     return isOver() ? 0 : requireProgram().columnCount();
 }
 
@@ -165,18 +168,20 @@ void Statement::chooseRoutes() {
     const StatementOptions& options = settings().options;
     const bool byRow = options.rowSize != SQL_BIND_BY_COLUMN;
     const std::vector<ColumnBinding>& bindings = settings().columns;
-    const std::vector<Column>& described = work.rows->columns();
+    const auto count = static_cast<size_t>(work.rows->columnCount());
     work.routes.clear();
+    work.routes.reserve(count);
     work.unbound.clear();
-    for (size_t i = 0; i < described.size(); ++i) {
+    for (size_t i = 0; i < count; ++i) {
         const int index = static_cast<int>(i);
         if (i >= bindings.size() || !bindings[i].target) {
             work.unbound.push_back(index);
             continue;
         }
         const ColumnBinding& binding = bindings[i];
-        const size_t size = elementSize(binding.cType, described[i].type);
-        work.routes.push_back({converterFor(binding.cType, described[i].type), index, &described[i],
+        const ColumnType& type = work.rows->type(index);
+        const size_t size = elementSize(binding.cType, type);
+        work.routes.push_back({converterFor(binding.cType, type), index, &type,
                                Target{binding.target, binding.capacity, binding.indicator, nullptr,
                                       binding.cType == kCellCType},
                                byRow      ? options.rowSize
@@ -206,12 +211,12 @@ void Statement::deliverRow() {
                 reinterpret_cast<SQLLEN*>(moved(target.indicator, route.indicatorStep));
         }
         const Cell cell = work.rows->cell(route.index);
-        if (deliver(route.convert, cell, route.index, *route.column, target) != Delivery::Truncated)
+        if (deliver(route.convert, cell, route.index, *route.type, target) != Delivery::Truncated)
             continue;
         if (!single || work.unbound.empty()) keep(route.index, cell);
         if (target.tagged) continue;  // its indicator tells all
-        diagnostics.warning("01004", place(*route.column, route.index) +
-                                         ": the value was cut to the size of its buffer.");
+        diagnostics.warning("01004",
+                            place(route.index) + ": the value was cut to the size of its buffer.");
     }
 }
 
@@ -238,19 +243,18 @@ Cell Statement::currentCell(int column) {
     return cell;
 }
 
-Delivery Statement::deliver(const Converter& convert, const Cell& cell, int index,
-                            const Column& column, const Target& target) {
+Delivery Statement::deliver(const Converter& convert, const Cell& cell, int column,
+                            const ColumnType& type, const Target& target) {
     try {
-        return cell.kind == Cell::Kind::Null ? deliverNull(target)
-                                             : convert(cell, column.type, target);
+        return cell.kind == Cell::Kind::Null ? deliverNull(target) : convert(cell, type, target);
     } catch (const ConversionError& error) {
-        throw Error(error.state(), place(column, index) + ": " + error.what() + ".",
-                    native::kMismatch);
+        throw Error(error.state(), place(column) + ": " + error.what() + ".", native::kMismatch);
     }
 }
 
-std::string Statement::place(const Column& column, int index) const {
-    return "Column " + std::to_string(index + 1) + " \"" + column.name + "\", row " +
+std::string Statement::place(int column) const {
+    const std::string& name = m_work->rows->columns()[static_cast<size_t>(column)].name;
+    return "Column " + std::to_string(column + 1) + " \"" + name + "\", row " +
            std::to_string(m_work->rowNumber());
 }
 
@@ -268,8 +272,7 @@ void Statement::setPosition(SQLULEN row) {
 SQLRETURN Statement::getData(SQLUSMALLINT column, SQLSMALLINT cType, Target target) {
     Work& work = requireCursor();
     if (work.block == 0) throw Error("24000", "The cursor is not on a row.", native::kMisuse);
-    const std::vector<Column>& described = work.rows->columns();
-    if (column == 0 || column > described.size()) {
+    if (column == 0 || column > work.rows->columnCount()) {
         throw Error("07009", "There is no column " + std::to_string(column) + ".", native::kRange);
     }
     const Cell cell = currentCell(column - 1);
@@ -277,15 +280,14 @@ SQLRETURN Statement::getData(SQLUSMALLINT column, SQLSMALLINT cType, Target targ
         work.partColumn = column;
         work.partOffset = 0;
     }
-    const Column& source = described[column - 1U];
+    const ColumnType& type = work.rows->type(column - 1);
     target.partOffset = &work.partOffset;
     target.tagged = cType == kCellCType;
-    switch (deliver(converterFor(cType, source.type), cell, column - 1, source, target)) {
+    switch (deliver(converterFor(cType, type), cell, column - 1, type, target)) {
         case Delivery::Nothing:
             return SQL_NO_DATA;
         case Delivery::Truncated:
-            diagnostics.warning("01004",
-                                place(source, column - 1) + ": there is more of the value.");
+            diagnostics.warning("01004", place(column - 1) + ": there is more of the value.");
             return SQL_SUCCESS_WITH_INFO;
         default:
             return SQL_SUCCESS;

@@ -24,7 +24,17 @@ class ResultSet {
     ResultSet& operator=(const ResultSet&) = delete;
     virtual ~ResultSet() = default;
 
-    /// The columns' descriptions; to be asked for before the first `next`.
+    /// To be asked for before the first `next`, from which on the types of expressions stay as they
+    /// are.
+    virtual int columnCount() { return static_cast<int>(columns().size()); }
+
+    /// What the 0-based column is delivered as.
+    virtual const ColumnType& type(int column) {
+        return columns()[static_cast<size_t>(column)].type;
+    }
+
+    /// All that describes the columns, which may cost more than the count and the types. Can be
+    /// asked for as long as the program is there.
     virtual const std::vector<Column>& columns() = 0;
 
     /// Moves to the next row; false at the end. Throws an `Error` when the engine fails, which ends
@@ -49,7 +59,6 @@ class StoredRows final : public ResultSet {
     void append(const std::vector<Cell>& row);
 
     const std::vector<Column>& columns() override { return m_columns; }
-    int columnCount() const { return static_cast<int>(m_columns.size()); }
     bool next() override;
     Cell cell(int column) override;
 

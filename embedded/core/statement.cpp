@@ -212,8 +212,7 @@ void Statement::overtake() noexcept {
 void Statement::Work::forgetRows() noexcept {
     routes.clear();
     kept.clear();
-    routed = ended = false;
-    described = nullptr;
+    asked = routed = ended = false;
     failure = nullptr;
     rowsRead = block = 0;
 }

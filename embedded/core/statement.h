@@ -128,7 +128,7 @@ class Statement final : public Handle, public Attached {
     struct Route {
         Converter convert;
         int index;
-        const Column* column;
+        const ColumnType* type;
         Target target;  ///< of the first row
         size_t valueStep;
         size_t indicatorStep;
@@ -159,9 +159,8 @@ class Statement final : public Handle, public Attached {
         std::vector<KeptCell> kept;  ///< of these rows, by row and column
         bool ended = false;
         std::exception_ptr failure;  ///< of the engine, behind these rows
-        /// Of `rows`, once somebody has asked for them.
-        const std::vector<Column>* described = nullptr;
-        bool routed = false;  ///< `routes` fit the bindings
+        bool asked = false;          ///< whether somebody has asked for `rows`
+        bool routed = false;         ///< `routes` fit the bindings
         std::vector<Route> routes;
         std::vector<int> unbound;  ///< the columns that no route leads to
         SQLUSMALLINT partColumn =
@@ -221,9 +220,9 @@ class Statement final : public Handle, public Attached {
     void deliverRow();
     void keep(int column, const Cell& cell);
     Cell currentCell(int column);
-    Delivery deliver(const Converter& convert, const Cell& cell, int index, const Column& column,
+    Delivery deliver(const Converter& convert, const Cell& cell, int column, const ColumnType& type,
                      const Target& target);
-    std::string place(const Column& column, int index) const;
+    std::string place(int column) const;
 
     const std::shared_ptr<Connection> m_connection;
     std::unique_ptr<Work> m_work;

@@ -10,21 +10,23 @@
 
 namespace embedded {
 
-/// The type of an expression, from the SQLITE_… storage class of its first value.
-ColumnType typeOfStorage(int storageClass) noexcept;
-
 /// What of a statement's columns only changes when SQLite compiles it anew: all but the types of
 /// expressions, which come from the rows.
 class ColumnMemory {
   public:
-    /// The columns of `statement`. The types of expressions come from its current row, if it stands
-    /// on one (`onRow`); `sql` is its text. Executions that differ in nothing share one
-    /// description.
-    std::shared_ptr<const std::vector<Column>> describe(sqlite3_stmt* statement, bool onRow,
+    /// What the columns of `statement` are delivered as. The types of expressions come from its
+    /// current row, if it stands on one (`onRow`). Executions that differ in nothing share them.
+    std::shared_ptr<const std::vector<ColumnType>> types(sqlite3_stmt* statement, bool onRow);
+
+    /// The columns of `statement`, whose text is `sql`, of the types that `types` has told. Made
+    /// when somebody asks, and shared likewise.
+    std::shared_ptr<const std::vector<Column>> describe(sqlite3_stmt* statement,
+                                                        const std::vector<ColumnType>& types,
                                                         std::string_view sql);
 
   private:
-    std::shared_ptr<std::vector<Column>> m_columns;
+    std::shared_ptr<std::vector<ColumnType>> m_types;
+    std::shared_ptr<std::vector<Column>> m_columns;  ///< null until somebody asks
     int m_compilations =
         -1;  ///< how often SQLite had compiled the statement then; -1 for never asked
 };

@@ -60,7 +60,7 @@ int SqliteProgram::columnCount() {
 const std::vector<Column>& SqliteProgram::columns() {
     static const std::vector<Column> kNone;
     if (m_procedure) return kNone;
-    if (!m_described) m_described = m_compiled.sql().describe(false);
+    if (!m_described) m_described = m_compiled.sql().describe(*m_compiled.sql().types(false));
     return *m_described;
 }
 

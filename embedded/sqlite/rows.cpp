@@ -66,8 +66,16 @@ class LiveRows final : public ResultSet {
     }
     ~LiveRows() override { sqlite3_reset(m_statement); }
 
+    int columnCount() override {
+        if (!m_types) m_types = m_sql.types(m_unread);
+        return static_cast<int>(m_types->size());
+    }
+
+    const ColumnType& type(int column) override { return (*m_types)[static_cast<size_t>(column)]; }
+
     const std::vector<Column>& columns() override {
-        if (!m_columns) m_columns = m_sql.describe(m_unread);
+        columnCount();
+        if (!m_columns) m_columns = m_sql.describe(*m_types);
         return *m_columns;
     }
 
@@ -106,10 +114,11 @@ class LiveRows final : public ResultSet {
 
     Session& m_session;
     const SQLULEN m_timeout;
-    CompiledSql& m_sql;         ///< not to be used behind the last row, either
+    CompiledSql& m_sql;
     sqlite3_stmt* m_statement;  ///< null behind the last row
     bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
     std::exception_ptr m_failure;  ///< of a step ahead
+    std::shared_ptr<const std::vector<ColumnType>> m_types;
     std::shared_ptr<const std::vector<Column>> m_columns;
 };
 
@@ -129,7 +138,7 @@ SQLLEN drain(Session& session, CompiledSql& sql, std::unique_ptr<StoredRows>& ro
     int result = session.step(statement);
     if (!rows && (result == SQLITE_ROW || result == SQLITE_DONE) &&
         sqlite3_column_count(statement) > 0) {
-        rows = std::make_unique<StoredRows>(*sql.describe(result == SQLITE_ROW));
+        rows = std::make_unique<StoredRows>(*sql.describe(*sql.types(result == SQLITE_ROW)));
     }
     for (; result == SQLITE_ROW; result = session.step(statement)) append(*rows, statement);
     if (result != SQLITE_DONE) throw session.failure();

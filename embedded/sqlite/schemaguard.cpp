@@ -69,7 +69,9 @@ void SchemaGuard::install(sqlite3* db) noexcept {
 int SchemaGuard::authorize(void* guard, int action, const char* first, const char* second,
                            const char*, const char* trigger) noexcept {
     auto& self = *static_cast<SchemaGuard*>(guard);
-    self.m_effect = std::max(self.m_effect, effectOf(action, first));
+    const Effect effect = effectOf(action, first);
+    if (effect == Effect::None) return SQLITE_OK;
+    self.m_effect = std::max(self.m_effect, effect);
     // A trigger is an application's, whoever fires it.
     if (self.m_lifted && !trigger) return SQLITE_OK;
     bool refused = false;

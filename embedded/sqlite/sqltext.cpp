@@ -19,6 +19,13 @@ bool isOneOf(std::string_view word, std::initializer_list<std::string_view> word
                        [word](std::string_view other) { return sameWord(word, other); });
 }
 
+bool mayHoldJoin(std::string_view sql) noexcept {
+    for (size_t i = 0; i < sql.size(); ++i) {
+        if ((sql[i] == 'J' || sql[i] == 'j') && sameWord(sql.substr(i, 4), "JOIN")) return true;
+    }
+    return false;
+}
+
 Token firstToken(SqlScanner& scanner) noexcept {
     Token token = scanner.next();
     while (token.text == ";") token = scanner.next();
@@ -87,6 +94,8 @@ SqliteText readSql(std::string_view sql) {
 }
 
 bool mayJoinOuter(std::string_view sql) noexcept {
+    // No outer join goes without the word JOIN, and most texts do.
+    if (!mayHoldJoin(sql)) return false;
     SqlScanner scanner(sql);
     for (Token token = scanner.next(); token.kind != Kind::End; token = scanner.next()) {
         if (token.kind == Kind::Word && isOneOf(token.text, {"LEFT", "RIGHT", "FULL"})) return true;

@@ -29,9 +29,14 @@ struct CompiledSql {
         return sql->text;
     }
 
-    /// Its columns. The types of expressions come from its current row, if it stands on one.
-    std::shared_ptr<const std::vector<Column>> describe(bool onRow) {
-        return columns.describe(statement.get(), onRow, text);
+    /// Its columns' types: those of expressions come from its current row, if it stands on one.
+    std::shared_ptr<const std::vector<ColumnType>> types(bool onRow) {
+        return columns.types(statement.get(), onRow);
+    }
+
+    /// Its columns, of these types.
+    std::shared_ptr<const std::vector<Column>> describe(const std::vector<ColumnType>& types) {
+        return columns.describe(statement.get(), types, text);
     }
 };
 

@@ -15,7 +15,9 @@ bool isContinuation(char c) noexcept {
 
 constexpr size_t kMaxQuoted = 40;
 
-constexpr std::string_view kBlanks = " \t\r\n\f\v";
+bool isBlank(char c) noexcept {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
 
 }  // namespace
 
@@ -48,9 +50,9 @@ std::string lower(std::string_view text) {
 }
 
 std::string_view trimmed(std::string_view text) noexcept {
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+    while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+    while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+    return text;
 }
 
 std::string shortened(std::string text, size_t limit) {
