@@ -74,14 +74,14 @@ void refuseSystemName(const Token& token) {
 }  // namespace
 
 SqliteText readSql(std::string_view sql) {
-    SqliteText result{.sql = std::string(sql)};
+    SqliteText result;
     SqlScanner scanner(sql);
     Token token = firstToken(scanner);
     result.inserts = isOneOf(token.text, {"INSERT", "REPLACE"});
     const bool alters = sameWord(token.text, "ALTER");
     // Most texts have nothing that the rest would be read for.
     if (!alters && sql.find('@') == std::string_view::npos) return result;
-    MarkerSpeller markers(result.sql);
+    MarkerSpeller markers(result.respelled.emplace(sql));
     for (; token.kind != Kind::End; token = scanner.next()) {
         if (token.kind == Kind::Marker) {
             markers.spell(token.text, scanner.position() - token.text.size());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -9,8 +10,9 @@ namespace embedded {
 struct SqliteText {
     /// The statement with every marker "@1", "@2", … written "?1", "?2", …: the spelling in which
     /// SQLite takes the number from the text, and counts a following "?" on from the largest number
-    /// so far; or "?" where that gives the same. The length stays, and with it all offsets.
-    std::string sql;
+    /// so far; or "?" where that gives the same. The length stays, and with it all offsets. Nothing
+    /// when there is none.
+    std::optional<std::string> respelled;
     bool inserts = false;  ///< its first word is INSERT or REPLACE
 };
 

@@ -52,21 +52,21 @@ CompiledStatement StatementCache::compileNew(std::string_view sql) {
     }
     const SqliteText read = readSql(text);
     auto compiled = std::make_unique<CompiledSql>();
+    compiled->text = sql;
+    const char* const begin = (read.respelled ? *read.respelled : compiled->text).c_str();
     m_guard.takeEffect();
     sqlite3_stmt* raw = nullptr;
     const char* tail = nullptr;
-    const int result =
-        sqlite3_prepare_v3(m_db, read.sql.c_str(), static_cast<int>(read.sql.size()) + 1,
-                           SQLITE_PREPARE_PERSISTENT, &raw, &tail);
+    const int result = sqlite3_prepare_v3(m_db, begin, static_cast<int>(text.size()) + 1,
+                                          SQLITE_PREPARE_PERSISTENT, &raw, &tail);
     compiled->statement.reset(raw);
     if (result != SQLITE_OK) throw compileError(m_db);
 
     if (!raw) throw Error("42000", "The statement is empty.");
-    if (!isBlankSql(std::string_view(tail, read.sql.data() + read.sql.size()))) {
+    if (!isBlankSql(std::string_view(tail, begin + text.size()))) {
         throw Error("42000",
                     "The text holds more than one statement; only one is allowed at a time.");
     }
-    compiled->text = sql;
     compiled->effect = effectOf(raw, m_guard.takeEffect());
     compiled->readOnly = sqlite3_stmt_readonly(raw) != 0;
     compiled->inserts = read.inserts;

@@ -105,6 +105,9 @@ ColumnType plain(SQLSMALLINT sqlType) noexcept {
 }
 
 ColumnType typeOfDeclaration(std::string_view text) {
+    // What most columns are needs no taking apart.
+    if (sameWord(text, "INTEGER")) return plain(SQL_BIGINT);
+    if (sameWord(text, "TEXT")) return plain(SQL_WVARCHAR);
     const Declaration declaration = takeApart(text);
     const std::string& name = declaration.name;
     const auto contains = [&name](std::string_view part) {
