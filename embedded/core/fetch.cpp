@@ -19,9 +19,7 @@ Statement::Work& Statement::requireCursor() {
 Statement::Work& Statement::askedCursor() {
     Work& work = requireCursor();
     if (!work.asked) {
-        // Types of expressions come from the first row, which is still there.
-        work.rows->columnCount();
-        // The rest can wait, unless the program goes with the last row.
+        // They can be described later, unless the program goes with the last row.
         if (!work.prepared) work.rows->columns();
         work.asked = true;
         m_connection->removeUnasked(*this);
@@ -168,6 +166,7 @@ void Statement::chooseRoutes() {
     const StatementOptions& options = settings().options;
     const bool byRow = options.rowSize != SQL_BIND_BY_COLUMN;
     const std::vector<ColumnBinding>& bindings = settings().columns;
+    // Types of expressions come from the first row, which is still there.
     const auto count = static_cast<size_t>(work.rows->columnCount());
     work.routes.clear();
     work.routes.reserve(count);

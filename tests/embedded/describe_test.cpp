@@ -73,6 +73,19 @@ TEST_F(DescribeTest, ExpressionsTakeTheTypeOfTheFirstRow) {
               described("SELECT 1+1, 1.5, 'x', x'00', NULL UNION ALL SELECT 9, 9, 9, 9, 9", types));
     EXPECT_EQ(2U, statement.rows().size());  // describing reads nothing away
     EXPECT_EQ(Rows{" -9 2"}, described("SELECT count(*) AS n WHERE 0 HAVING 0", types));
+    // Nor does it matter that the rows are read by then, and other statements run.
+    for (const bool prepared : {true, false}) {
+        statement.close();
+        // A text that comes again would be kept compiled.
+        const std::string sql =
+            "SELECT 1 AS one UNION ALL SELECT 'x" + std::to_string(prepared) + "'";
+        if (prepared) statement.prepare(sql);
+        EXPECT_EQ(SQL_SUCCESS, prepared ? statement.execute() : statement.run(sql));
+        EXPECT_EQ(2U, statement.rows().size());
+        for (const char* other : {"SELECT 2", "SELECT 3"}) connection.must(other);
+        EXPECT_EQ(SQL_BIGINT, statement.attribute(1, SQL_COLUMN_TYPE));
+        EXPECT_EQ("one", statement.text(1, SQL_COLUMN_NAME));
+    }
 }
 
 TEST_F(DescribeTest, NullabilityIsOnlyClaimedWhereItHolds) {
