@@ -14,7 +14,7 @@ OdbcTransactions::~OdbcTransactions() {
     m_session.manager().SQLEndTran(SQL_HANDLE_DBC, m_session.handle().get(), SQL_ROLLBACK);
 }
 
-/// Runs what keeps or undoes the work of others: it is not the one to be cancelled.
+/// Runs what keeps or undoes the work of others, and is not the one to be cancelled.
 void OdbcTransactions::run(std::string_view sql) {
     OdbcStatement statement(m_session);
     statement.isDeaf = true;
@@ -155,6 +155,7 @@ bool OdbcTransactions::inTransaction() {
 
 bool OdbcTransactions::answersYes(std::string_view query) {
     auto statement = std::make_shared<OdbcStatement>(m_session);
+    statement->isDeaf = true;
     statement->executeDirect(query);
     const auto rows = makeOdbcRows(std::move(statement));
     if (!rows->next()) return false;

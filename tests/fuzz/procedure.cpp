@@ -94,7 +94,7 @@ void checkScanner(const std::string& sql) {
     const std::size_t known = checkBoundaries(sql);
     std::string numbered;
     try {
-        numbered = readSql(sql).sql;
+        numbered = readSql(sql).respelled.value_or(sql);
     } catch (const Error&) {  // an ALTER with a name of the runtime's
         return;
     }
