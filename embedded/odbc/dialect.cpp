@@ -117,6 +117,9 @@ constexpr StatementPattern kSingleForMaria[] = {
 constexpr StatementPattern kUnreadByPostgres[] = {
     {{"COPY", ""}, {"FROM", "STDIN"}},
     {{"COPY", ""}, {"TO", "STDOUT"}},
+    // It takes all texts for UTF-8 as before, and reads on behind their ends.
+    {{"SET", ""}, {"CLIENT_ENCODING", ""}, "utf"},
+    {{"SET", "NAMES"}, {}, "utf"},
 };
 
 constexpr NamedQuirks kQuirks[] = {

@@ -53,7 +53,8 @@ struct WordPair {
 /// How a statement begins, and what stands further on in it.
 struct StatementPattern {
     WordPair start;
-    WordPair inside = {};  ///< empty: anything
+    WordPair inside = {};          ///< empty: anything
+    std::string_view unless = {};  ///< stands in a word or text of it; empty: nothing does
 };
 
 /// What is to be known about a driver and cannot be asked of it.

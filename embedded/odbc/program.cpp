@@ -608,7 +608,7 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
                            [&text](const StatementPattern& pattern) { return text.has(pattern); });
     };
     if (isOneOf(quirks.unreadable))
-        throw notSupported("The driver cannot read what this statement answers.");
+        throw notSupported("The driver cannot read what the server sends after this statement.");
     if (auto program = prepareParameterQuery(session, text)) return program;
     auto call = driverCall(session, text);
     MarkedSql marked =

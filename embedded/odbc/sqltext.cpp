@@ -93,17 +93,22 @@ std::string StatementText::numbered() const {
 
 // ---- what it does
 
-bool StatementText::has(const StatementPattern& pattern) const noexcept {
+bool StatementText::has(const StatementPattern& pattern) const {
+    constexpr size_t npos = std::string::npos;
     const auto isEnd = [](const Token& token) { return token.text == ";"; };
     for (size_t first = 0; first < m_tokens.size();) {
         const auto begin = m_tokens.begin() + static_cast<std::ptrdiff_t>(first);
         const auto end =
             static_cast<size_t>(std::find_if(begin, m_tokens.end(), isEnd) - m_tokens.begin());
         if (matches(pairAt(first), pattern.start)) {
-            if (pattern.inside.first.empty()) return true;
+            bool found = pattern.inside.first.empty();
+            bool excused = false;
             for (size_t i = first + 1; i < end; ++i) {
-                if (matches(pairAt(i), pattern.inside)) return true;
+                found = found || matches(pairAt(i), pattern.inside);
+                excused = excused || (!pattern.unless.empty() &&
+                                      lower(m_tokens[i].text).find(pattern.unless) != npos);
             }
+            if (found && !excused) return true;
         }
         first = end + 1;
     }

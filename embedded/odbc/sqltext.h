@@ -51,7 +51,7 @@ class StatementText {
     bool isAnonymousBlock() const noexcept;
 
     /// Whether one of its statements is one that `pattern` describes.
-    bool has(const StatementPattern& pattern) const noexcept;
+    bool has(const StatementPattern& pattern) const;
 
     /// The text with its markers "@1", "@2", … and "?" rewritten. A "?" counts on from the largest
     /// number so far. Throws 07009 for a number beyond 65535, and 42000 for a marker "@1" within a

@@ -69,7 +69,8 @@ class Engine:
     # b.
     procedures = ["CREATE PROCEDURE put (a INTEGER, b TEXT) AS INSERT INTO t VALUES ($a, $b)",
                   "CREATE PROCEDURE tell (a INTEGER, b TEXT) AS SELECT $a AS a, $b AS b"]
-    refused = []  # what a driver would hang or crash on
+    refused = []  # what a driver would hang or crash on, or misread
+    accepted = []  # what is like that, and no such thing
     drop = "DROP PROCEDURE IF EXISTS "
     marked_comments = True
 
@@ -138,7 +139,9 @@ class PostgreSQL(Sourced):
                   "CREATE FUNCTION tell(a integer, b text) RETURNS TABLE (x integer, y text) "
                   "LANGUAGE sql"
                   " AS 'SELECT a, b'"]
-    refused = ["copy t to stdout", "COPY t FROM STDIN", "SET x.y = 1; COPY (SELECT 1) TO STDOUT"]
+    refused = ["copy t to stdout", "COPY t FROM STDIN", "SET x.y = 1; COPY (SELECT 1) TO STDOUT",
+               "SET SESSION client_encoding = 'LATIN1'", "set names latin1"]
+    accepted = ["SET client_encoding TO 'UTF8'", "SET NAMES 'utf-8'"]
     drop = "DROP ROUTINE IF EXISTS "
 
     def source(self):

@@ -415,6 +415,8 @@ def test_what_a_driver_cannot_answer_is_refused(table, engine, driver):
         with pytest.raises(driver.DatabaseError, match="driver cannot read what"):
             table.execute(sql)
         assert column(table, "SELECT 1") == [1]
+    for sql in engine.accepted:
+        table.execute(sql)
 
 
 # --- errors, and the ODBC functions of the module -------------------------------------------------
