@@ -12,7 +12,7 @@
 namespace embedded {
 namespace {
 
-constexpr std::time_t kDay = 24 * 60 * 60;
+constexpr std::time_t kDay = 86'400;  // in seconds
 
 /// The value of `key` in a connection string, or an empty text.
 std::string_view valueOf(const ConnectString& text, std::string_view key) noexcept {
