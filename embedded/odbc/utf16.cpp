@@ -125,6 +125,13 @@ WideText wideText(std::string_view text) {
     WideText wide;
     appendWide(text, wide);
     wide.push_back(0);
+    // MariaDB's driver takes U+00D8 to U+00DB for two units each, and reads so far behind the end:
+    // there have to be zeros.
+    const size_t size = wide.size();
+    wide.resize(size + static_cast<size_t>(std::count_if(wide.begin(), wide.end(), [](SQLWCHAR c) {
+                    return (c & 0xFCU) == 0xD8 || (c & 0xFC00U) == 0xD800;
+                })));
+    wide.resize(size);
     return wide;
 }
 

@@ -12,8 +12,8 @@ namespace embedded {
 /// Text for the driver manager's wide functions: UTF-16, lengths in units of two bytes.
 using WideText = std::vector<SQLWCHAR>;
 
-/// `text`, UTF-8, with a terminator behind it, which `size` counts. Throws 22021 for a text that is
-/// not UTF-8.
+/// `text`, UTF-8, with a terminator behind it, which `size` counts, and room for drivers that read
+/// on. Throws 22021 for a text that is not UTF-8.
 WideText wideText(std::string_view text);
 
 inline constexpr const char* kNotUtf8 = "A text is not UTF-8.";
