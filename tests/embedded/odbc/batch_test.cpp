@@ -166,6 +166,19 @@ TEST_F(DriverBatches, AreUndoneWhenTheyAreCancelled) {
         EXPECT_TRUE(calls.ends_with("again, rollback, on")) << calls;
         script.answers.clear();
     }
+    // What undoes them is not.
+    Connection connection(kDriverText);
+    connection.autocommit(false);
+    Statement statement(connection.handle);
+    script.calls.clear();
+    calls({});
+    script.answers["SQLExecDirectW"] = [&](const Call& call) {
+        if (call.number > 2) std::thread([&] { RT_SQLCancel(kDriver, statement.handle); }).join();
+        return call.number == 2 ? SQLRETURN{SQL_ERROR} : kUsual;
+    };
+    EXPECT_EQ("23505", batch(statement).substr(0, 5));
+    EXPECT_EQ(Rows{}, calls({"SQLCancel"}));
+    EXPECT_EQ(4, script.calls["SQLExecDirectW"]);
 }
 
 TEST_F(DriverBatches, InATransactionOfTheApplicationAreUndoneAlone) {
