@@ -78,16 +78,21 @@ class Ledger:
         self._apply(word, batch, *versions)
 
     def next_step(self, seed, rng):
-        """One to be taken: the batch, its versions before and after, the statement and its sets of
-        parameters."""
-        if len(self.versions) < 8 or rng.random() < 0.3 and len(self.versions) < 12:
-            batch = self.last + 1
-            return batch, 0, 1, PUT, rows_of(seed, batch, 1)
-        batch, old = rng.choice(list(self.versions.items()))
+        """The one of which a killed predecessor left no end, or one to be taken: the batch, its
+        versions before and after, the statement and its sets of parameters."""
+        batch, old, new = self.doubt or self._choice(rng)
         rows = rows_of(seed, batch, old + 1)
-        if rng.random() < 0.5:
-            return batch, old, old + 1, CHANGE, [(*row[2:3], *row[4:], *row[:2]) for row in rows]
-        return batch, old, 0, ERASE, [(*row[:2], 1) for row in rows]
+        if not old:
+            return batch, old, new, PUT, rows
+        if new:
+            return batch, old, new, CHANGE, [(*row[2:3], *row[4:], *row[:2]) for row in rows]
+        return batch, old, new, ERASE, [(*row[:2], 1) for row in rows]
+
+    def _choice(self, rng):
+        if len(self.versions) < 8 or rng.random() < 0.3 and len(self.versions) < 12:
+            return self.last + 1, 0, 1
+        batch, old = rng.choice(list(self.versions.items()))
+        return batch, old, old + 1 if rng.random() < 0.5 else 0
 
     def allowed(self, seed):
         """For each batch that may be there: the lists of rows that it may consist of."""

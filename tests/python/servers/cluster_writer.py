@@ -2,7 +2,8 @@
 STRING...`, with the servers in the order in which they are tried.
 
 Batches with an odd number are written with a key of their own; the others can be told by their
-rows. Ends with status 0 at SIGTERM, behind a step.
+rows. One that takes the place of a killed writer takes that one's last step again. Ends with status
+0 behind a step when SIGTERM, which is blocked, has come.
 """
 
 import collections
@@ -27,8 +28,9 @@ class Writer:
     def __init__(self, driver, ledger, seed, slot, strings):
         self.is_dbapi = driver.__name__.endswith("dbapi")
         self.driver, self.strings, self.seed = driver, collections.deque(strings), seed
-        self.ledger, self.rng = Ledger(ledger), random.Random("%d %d" % (seed, slot))
-        self.ledger.last = slot * 10**6
+        self.ledger = Ledger(ledger)
+        self.ledger.last = max(self.ledger.last, slot * 10**6)
+        self.rng = random.Random("%d %d" % (seed, self.ledger.last))
         self.met = collections.Counter()
         self.connect()
 
@@ -74,9 +76,11 @@ class Writer:
 
     def step(self):
         """Takes a step until it is known to be taken."""
+        doubtful = bool(self.ledger.doubt)
         batch, old, new, sql, sets = self.ledger.next_step(self.seed, self.rng)
-        self.ledger.note("about", batch, old, new)
-        first, doubtful, limit = True, False, time.monotonic() + PATIENCE
+        if not doubtful:
+            self.ledger.note("about", batch, old, new)
+        first, limit = not doubtful, time.monotonic() + PATIENCE
         while True:
             try:
                 self.write(batch, sql, sets, new, first)
@@ -112,11 +116,10 @@ class Writer:
 
 
 def main(driver, ledger, seed, slot, *strings):
-    stopping = []
-    signal.signal(signal.SIGTERM, lambda *_: stopping.append(True))
     writer = Writer(importlib.import_module("vorda." + driver), ledger, int(seed), int(slot),
                     strings)
-    while not stopping:
+    writer.step()
+    while signal.SIGTERM not in signal.sigpending():
         writer.step()
     print(json.dumps(writer.met))
 

@@ -9,6 +9,7 @@ import ctypes
 import glob
 import os
 import pwd
+import random
 import shutil
 import signal
 import socket
@@ -34,9 +35,16 @@ def driver(name):
 
 
 def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+    """One that nobody listens on, below those that connections are given: such a one may be taken
+    before its server starts, or while it is down."""
+    while True:
+        port = random.randrange(15000, 32000)
+        with socket.socket() as probe:
+            try:
+                probe.bind(("127.0.0.1", port))
+                return port
+            except OSError:
+                pass
 
 
 def free_ports(count):

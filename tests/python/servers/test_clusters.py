@@ -1,10 +1,11 @@
 """Clusters of real servers: conflicts between connections and nodes, and the soak's ledger while
-nodes are killed and come back."""
+nodes and writers are killed and come back."""
 
 import contextlib
 import json
 import os
 import random
+import signal
 import subprocess
 import sys
 import threading
@@ -135,37 +136,50 @@ def test_conflict(cluster, make, driver, many):
 # --- the ledger -----------------------------------------------------------------------------------
 
 
-def kill_and_return(cluster, number):
-    """One round: a server is gone for some seconds."""
+def kill_and_return(cluster, number, pause):
+    """One round: a server is gone for some seconds. One comes back without its files."""
+    cluster.nodes[number].kill()
     if isinstance(cluster, clusters.Galera):
-        node = cluster.nodes[number % 3]
-        node.kill()
-        time.sleep(3)
-        node.restart()
+        pause(3)
+        cluster.nodes[number].restart(["sh", "-ec", "rm -r data; mkdir data"] * (number == 1))
     else:
-        cluster.nodes[number % 2].kill()
-        time.sleep(1)
-        cluster.promote(1 - number % 2)
+        pause(1)
+        cluster.promote(1 - number)
 
 
 @pytest.fixture
 def writers(cluster, tmp_path, make):
-    """Processes that write until they are told to stop, each beginning at another server; `stop`
-    gives their ledgers, and what they met."""
+    """Processes that write until they are told to stop, each beginning at another server: `pause`
+    lets time pass in which some of them are killed, and others take their places; `stop` gives the
+    ledgers, and what the last ones met."""
     make(TABLE, "CREATE TABLE done (batch INTEGER, version INTEGER, PRIMARY KEY (batch, version))",
          "CREATE TABLE posting (id %s PRIMARY KEY, batch INTEGER, version INTEGER, n INTEGER)"
          % cluster.serial, "CREATE TABLE tally (id INTEGER PRIMARY KEY, steps INTEGER)",
          "INSERT INTO tally VALUES (1, 0)", "INSERT INTO tally VALUES (2, 0)")
-    processes, ledgers = [], []
-    for slot in range(4):
+    ledgers, in_a_step = [str(tmp_path / ("ledger-%d" % slot)) for slot in range(4)], [0] * 4
+
+    def start(slot):
         strings = cluster.writable[slot // 2:] + cluster.writable[:slot // 2]
-        ledgers.append(str(tmp_path / ("ledger-%d" % slot)))
-        processes.append(subprocess.Popen(
-            [sys.executable, cluster_writer.__file__, ("zelqa", "dbapi")[slot % 2], ledgers[-1],
-             str(SEED), str(slot), *strings], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            encoding="utf-8"))
+        return subprocess.Popen(
+            [sys.executable, cluster_writer.__file__, DRIVERS[slot], ledgers[slot], str(SEED),
+             str(slot), *strings], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            encoding="utf-8", preexec_fn=lambda: signal.pthread_sigmask(
+                signal.SIG_BLOCK, [signal.SIGTERM]))
+
+    processes = [start(slot) for slot in range(4)]
+
+    def pause(seconds):
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            time.sleep(random.uniform(0.2, 0.6))
+            slot = random.choice(MORTAL)
+            processes[slot].kill()
+            assert processes[slot].wait() == -signal.SIGKILL, processes[slot].stderr.read()
+            in_a_step[slot] += bool(Ledger(ledgers[slot]).doubt)
+            processes[slot] = start(slot)
 
     def stop():
+        assert all(in_a_step[slot] for slot in MORTAL), in_a_step
         for process in processes:
             process.terminate()
         met = []
@@ -175,22 +189,25 @@ def writers(cluster, tmp_path, make):
             met.append(json.loads(out))
         return ledgers, met
 
-    yield stop
+    yield pause, stop
     for process in processes:
         process.kill()
         process.wait()
 
 
+DRIVERS = ("zelqa", "dbapi", "zelqa", "dbapi")
+MORTAL = (0, 1)
 SEED = random.randrange(10**6)
 
 
 def test_ledger(cluster, writers):
+    pause, stop = writers
     # In the end the first server is the primary again.
     for number in range(2 if isinstance(cluster, clusters.Standby) else 3):
-        time.sleep(3)
-        kill_and_return(cluster, number)
-    time.sleep(2)
-    paths, met = writers()
+        pause(3)
+        kill_and_return(cluster, number, pause)
+    pause(2)
+    paths, met = stop()
     ledgers = [Ledger(path) for path in paths]
     allowed = {}
     for ledger in ledgers:
@@ -202,6 +219,9 @@ def test_ledger(cluster, writers):
         keys += [(int(batch), int(version)) for word, batch, version, *_ in noted
                  if word == "is" and int(batch) % 2]
     assert len(keys) > 20
+    for number, string in enumerate(cluster.writable):
+        with contextlib.closing(dbapi.connect(string, autocommit=True)) as connection:
+            connection.execute("INSERT INTO tally VALUES (?, ?)", (3 + number, number))
     for string in cluster.strings:
         connection = dbapi.connect(string + cluster.causal)
 
@@ -211,14 +231,15 @@ def test_ledger(cluster, writers):
         rows = ask("SELECT * FROM entry ORDER BY batch, n")
         assert list(differences(allowed, rows)) == []
         assert ask("SELECT batch, version FROM done ORDER BY batch, version") == sorted(keys)
-        assert ask("SELECT steps FROM tally") == [(len(keys),)] * 2
+        assert ask("SELECT steps FROM tally ORDER BY id") == [
+            (len(keys),), (len(keys),), *((number,) for number in range(len(cluster.writable)))]
         # Nothing keeps a row from coming twice, here.
         assert ask("SELECT batch, version, count(*), count(DISTINCT n) FROM posting"
                    " GROUP BY batch, version ORDER BY batch, version") == [
             (*key, *[len(rows_of(SEED, key[0], 1))] * 2) for key in sorted(keys)]
-    # Every writer has lost its server, and there were conflicts.
+    # Every writer that lived has lost its server, and there were conflicts.
     states = [{state for state in each if not state.startswith("connect")} for each in met]
-    assert all(each - set(cluster_writer.UNDONE) for each in states)
+    assert all(states[slot] - set(cluster_writer.UNDONE) for slot in (2, 3))
     assert set(cluster_writer.UNDONE) & set.union(*states)
 
 
