@@ -224,6 +224,9 @@ def two_scans(path, rows, peer, rounds):
     return [seconds(2) / seconds(1) for _ in range(rounds)]
 
 
+ALONE = "the ODBC driver alone"
+
+
 # --- measuring ------------------------------------------------------------------------------------
 
 def check_same(case, drivers):
@@ -238,8 +241,10 @@ def check_same(case, drivers):
 
 
 def measure(case, drivers, rounds):
-    """Seconds of each round by driver name."""
+    """Seconds of each round by driver name, and of the ODBC driver alone where a case has that."""
     seconds = {peer.name: [] for peer in drivers}
+    if case.alone:
+        seconds[ALONE] = []
     if case.result:
         check_same(case, drivers)
     for number in range(rounds):
@@ -249,6 +254,10 @@ def measure(case, drivers, rounds):
                 kept = case.run(peer, state)
                 seconds[peer.name].append(time.perf_counter() - start)
                 del kept
+        if case.alone:
+            start = time.perf_counter()
+            case.alone()
+            seconds[ALONE].append(time.perf_counter() - start)
     return seconds
 
 
@@ -322,6 +331,8 @@ def show(name, numbers, drivers, unit, place):
         median = statistics.median(parts)
         line += "   %5.2f%s (%.2f-%.2f)" % (
             median, aimed(name, drivers, peer, median, place), parts[0], parts[-1])
+    if ALONE in numbers:
+        line += "   %5.2f of %s" % (statistics.median(ratios(ours, numbers[ALONE])), ALONE)
     print(line, flush=True)
 
 

@@ -6,10 +6,11 @@ import datetime
 
 class Case:
     """One measurement: `run(peer, state)` is timed; `prepare(peer)` is a context that gives the
-    state."""
+    state. `alone` does the same with nothing but the ODBC driver."""
 
-    def __init__(self, name, prepare, run, result=None):
+    def __init__(self, name, prepare, run, result=None, alone=None):
         self.name, self.prepare, self.run, self.result = name, prepare, run, result
+        self.alone = alone
 
 
 def plain(value):

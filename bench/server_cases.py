@@ -5,6 +5,7 @@ import os
 import sys
 import tempfile
 
+import odbcloop
 from case import Case, connecting, fetchall, in_one_batch, plain
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python",
@@ -65,7 +66,9 @@ def reading(source, columns, rows):
         found = run(peer, cursor)
         return len(found), sorted(tuple(map(plain, row)) for row in found)[::97]
 
-    return Case("fetchall of %d rows, %d columns" % (rows, columns), prepare, run, result)
+    driver = odbcloop.Driver(source.string)
+    return Case("fetchall of %d rows, %d columns" % (rows, columns), prepare, run, result,
+                lambda: driver.read(sql))
 
 
 def points(source, count):
