@@ -116,19 +116,20 @@ class Dialect:
 _EXACT = Context(prec=1000)
 
 
-class Numeric(types.Numeric):
-    """Decimals of columns come as such, with as many digits as there are; expressions and other
-    columns may give integers and doubles."""
+class _Exact:
+    """Stands before SQLAlchemy's own type. Decimals of columns come as such, with as many digits as
+    there are; expressions and other columns may give integers and doubles."""
 
     def bind_processor(self, dialect: Any) -> Any:
         return None
 
     def result_processor(self, dialect: Any, coltype: Any) -> Any:
-        if not self.asdecimal:
+        this: Any = self
+        if not this.asdecimal:
             return None if coltype is float else _as_float
-        places = self._effective_decimal_return_scale
-        digits = "%%.%df" % places
-        is_declared = self.scale is not None or self.decimal_return_scale is not None
+        digits = "%%.%df" % this._effective_decimal_return_scale
+        declared = (getattr(this, "scale", None), this.decimal_return_scale)
+        is_declared = any(places is not None for places in declared)
         zero = Decimal(digits % 0) if is_declared else Decimal()
 
         def process(value: Any) -> Any:
@@ -141,7 +142,11 @@ class Numeric(types.Numeric):
         return process
 
 
-class Float(Numeric, types.Float):
+class Numeric(_Exact, types.Numeric):
+    pass
+
+
+class Float(_Exact, types.Float):
     pass
 
 

@@ -99,6 +99,10 @@ class MySQLExecutionContext_vorda(base.MySQLExecutionContext):
 class MySQLCompiler_vorda(base.MySQLCompiler):
     """Writes values where the server takes no marker, or takes one to be of no type."""
 
+    def visit_frame_clause(self, frameclause: Any, **kw: Any) -> Any:
+        return super().visit_frame_clause(frameclause, **{**kw, "literal_execute": True})
+
+    # The same before SQLAlchemy 2.1.
     def _format_frame_clause(self, range_: Any, **kw: Any) -> Any:
         return super()._format_frame_clause(range_, **{**kw, "literal_execute": True})
 

@@ -54,8 +54,9 @@ class _Numeric(common.Numeric):
         return _number
 
 
-class _Float(_Numeric, types.Float):
-    pass
+class _Float(common.Float):
+    def bind_processor(self, dialect: Any) -> Any:
+        return _number
 
 
 class SQLiteExecutionContext_vorda(base.SQLiteExecutionContext):
