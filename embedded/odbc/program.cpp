@@ -8,6 +8,7 @@
 #include "core/error.h"
 #include "core/parameters.h"
 #include "odbc/columns.h"
+#include "odbc/parameterarray.h"
 #include "odbc/parameters.h"
 #include "odbc/procedures.h"
 #include "odbc/rows.h"
@@ -49,6 +50,8 @@ struct Executed {
     ~Executed() { transactions.executed(kind); }
 };
 
+/// A statement's text, prepared or not, on one of the driver's statements: which is taken for each
+/// execution, and given up behind a failure.
 class OdbcProgram final : public Program {
   public:
     OdbcProgram(OdbcTransactions& transactions, IdleStatements& idle, MarkedSql sql,
@@ -470,66 +473,6 @@ SQLLEN OdbcProgram::countChanges() {
 }
 
 // ---- batches
-
-/// What SQL_ATTR_PARAMSET_SIZE and its companions are set to, for one execution.
-class ParameterArray {
-  public:
-    ParameterArray(OdbcStatement& statement, SQLULEN count)
-        : m_statement(statement), m_status(count, kUntouched) {
-        const SQLRETURN sized = set(SQL_ATTR_PARAMSET_SIZE, count);
-        m_sized = SQL_SUCCEEDED(sized);
-        m_accepted = sized == SQL_SUCCESS && point(SQL_ATTR_PARAM_STATUS_PTR, m_status.data()) &&
-                     point(SQL_ATTR_PARAMS_PROCESSED_PTR, &m_processed);
-    }
-    ParameterArray(const ParameterArray&) = delete;
-    ParameterArray& operator=(const ParameterArray&) = delete;
-    ~ParameterArray() {
-        if (!m_sized) return;
-        const bool single = SQL_SUCCEEDED(set(SQL_ATTR_PARAMSET_SIZE, 1));
-        const bool released = point(SQL_ATTR_PARAM_STATUS_PTR, nullptr);
-        const bool forgotten = point(SQL_ATTR_PARAMS_PROCESSED_PTR, nullptr);
-        if (!single || !released || !forgotten) m_statement.unusable = true;
-    }
-
-    /// Whether the driver has arrays. A warning says that it has changed the value.
-    bool accepted() const noexcept { return m_accepted; }
-
-    /// The only set that failed, if the driver tells.
-    std::optional<SQLULEN> failed() const noexcept {
-        const auto isFailure = [](SQLUSMALLINT status) { return status == SQL_PARAM_ERROR; };
-        if (std::count_if(m_status.begin(), m_status.end(), isFailure) != 1) return std::nullopt;
-        return static_cast<SQLULEN>(std::find_if(m_status.begin(), m_status.end(), isFailure) -
-                                    m_status.begin());
-    }
-
-    /// Whether each set was executed. Some drivers count them and say nothing of each.
-    bool complete() const noexcept {
-        const auto all = [this](auto... states) {
-            return std::all_of(m_status.begin(), m_status.end(),
-                               [&](SQLUSMALLINT status) { return ((status == states) || ...); });
-        };
-        return m_processed == m_status.size() &&
-               (all(kUntouched) ||
-                all(SQL_PARAM_SUCCESS, SQL_PARAM_SUCCESS_WITH_INFO, SQL_PARAM_DIAG_UNAVAILABLE));
-    }
-
-  private:
-    /// No status of a driver.
-    static constexpr SQLUSMALLINT kUntouched = 0xFFFF;
-
-    SQLRETURN set(SQLINTEGER attribute, SQLULEN value) const noexcept {
-        return m_statement.set(attribute, reinterpret_cast<SQLPOINTER>(value));
-    }
-    bool point(SQLINTEGER attribute, SQLPOINTER value) const noexcept {
-        return SQL_SUCCEEDED(m_statement.set(attribute, value));
-    }
-
-    OdbcStatement& m_statement;
-    std::vector<SQLUSMALLINT> m_status;
-    SQLULEN m_processed = 0;
-    bool m_sized = false;
-    bool m_accepted = false;
-};
 
 Outcome OdbcProgram::runBatch(ParameterSets& sets, OdbcParameters& parameters) {
     OdbcTransactions::Atomic atomic(m_transactions);
