@@ -42,14 +42,15 @@ struct DriverValues : DriverTest {
     }
 
     static std::string whole(Statement& statement) {
-        std::vector<char> value(300000);
+        std::vector<char> value(300000, '?');
         SQLLEN length = 0;
         const SQLRETURN result =
             RT_SQLGetData(kDriver, statement.handle, 1, SQL_C_WCHAR, value.data(),
                           static_cast<SQLLEN>(value.size()), &length);
         if (result != SQL_SUCCESS) return "!" + statement.error().state;
-        return length == SQL_NULL_DATA ? "NULL"
-                                       : std::string(value.data(), static_cast<size_t>(length));
+        if (length == SQL_NULL_DATA) return "NULL";
+        EXPECT_EQ('\0', value.at(static_cast<size_t>(length)));
+        return std::string(value.data(), static_cast<size_t>(length));
     }
 };
 
