@@ -16,7 +16,6 @@ constexpr size_t kNone = static_cast<size_t>(-1);
 /// A number without sign: digits with at most one point and an exponent, or 0x and hexadecimal
 /// digits. Whether it is a good one is left to the database.
 bool isNumber(std::string_view text) noexcept {
-    if (text.empty()) return false;
     // SQLite would take what follows the hexadecimal digits for the name of a column.
     if (sameWord(text.substr(0, 2), "0x")) {
         return text.size() > 2 &&
@@ -29,7 +28,8 @@ bool isNumber(std::string_view text) noexcept {
         if (isDigit(c) || c == '.' || ((c == '+' || c == '-') && afterE)) continue;
         if (!letter || i == 0) return false;
     }
-    return isDigit(text.front()) || (text.size() > 1 && isDigit(text[1]));
+    // At the beginning, or behind the point there.
+    return text.find_first_of("0123456789") <= 1;
 }
 
 bool isLiteral(std::string_view text) noexcept {

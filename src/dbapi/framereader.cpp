@@ -267,8 +267,7 @@ void Describe(ForeignColumn& column, const ArrowSchema& schema, size_t number) {
     const auto* const type =
         std::find_if(std::begin(kTypes), std::end(kTypes), [format](const ForeignType& entry) {
             const bool isBeginning = entry.format.back() == ':';
-            return isBeginning ? format.substr(0, entry.format.size()) == entry.format
-                               : format == entry.format;
+            return isBeginning ? format.starts_with(entry.format) : format == entry.format;
         });
     const auto refuse = [&](const std::string& why) {
         throw Failure("07006", "Column " + std::to_string(number) + " \"" + column.name +
@@ -278,7 +277,7 @@ void Describe(ForeignColumn& column, const ArrowSchema& schema, size_t number) {
     if (isFound) column.type = type;
     if (!isFound || schema.n_children != 0 ||
         !ReadDetails(column, format.substr(type->format.size()))) {
-        if (format.substr(0, 2) == "ts") {
+        if (format.starts_with("ts")) {
             refuse("times with a time zone are not sent, since a column without one would lose it");
         }
         refuse("the type " + std::string(format) + " of Arrow cannot be sent");

@@ -54,7 +54,6 @@ void ODBCSourceImpl::DropPrepared() {
 int ODBCSourceImpl::Close() {
     SetError(VORDA_OK, "");
     DropPrepared();
-    m_parameters.Reset();
     if (m_hdbc != nullptr) {
         SQLDisconnect(m_hdbc);
         SQLFreeConnect(m_hdbc);
