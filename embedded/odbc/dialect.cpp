@@ -130,7 +130,8 @@ constexpr NamedQuirks kQuirks[] = {
       .value = "0",
       .rowArrays = true,
       .makesUpToday = true,
-      .unreadable = kUnreadByPostgres}},
+      .unreadable = kUnreadByPostgres,
+      .hidesLoss = true}},
     // It counts wide texts wrong, both ways: it takes U+00D8 to U+00DB for halves of surrogate
     // pairs, for one. It shows a date that is none as NULL. A body with semicolons it takes for
     // several statements, unless BEGIN NOT ATOMIC opens it, and crashes when it is asked for the

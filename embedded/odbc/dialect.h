@@ -79,6 +79,8 @@ struct DriverQuirks {
     bool splitsTexts = false;
     bool staleTypes = false;  ///< a prepared statement keeps a table's old column types
     bool narrow = false;      ///< it knows no wide functions, and takes UTF-8 in the others
+    /// Where a connection is lost it may say HY000, and knows without asking the server.
+    bool hidesLoss = false;
     int cancelled = 0;  ///< the native code of what was cancelled, where its state does not say so
 };
 

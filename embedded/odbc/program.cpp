@@ -201,6 +201,7 @@ const std::vector<Column>& OdbcProgram::columns() {
         prepareOnce();
     } catch (const Error& error) {
         m_transactions.failed(error);
+        m_session.requireAfter(error);
         throw;
     }
     m_described.clear();
@@ -246,6 +247,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
         // MariaDB's driver crashes when it is to prepare the text then, and keeps results open.
         m_statement.reset();
         if (isOutOfOrder) throw OdbcStatement::whyOutOfOrder();
+        m_session.requireAfter(error);
         if (m_kind != StatementKind::Rollback || !m_transactions.isUndoneBy(error)) throw;
     }
     m_failed = false;

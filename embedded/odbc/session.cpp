@@ -140,6 +140,11 @@ void OdbcSession::require() const {
     }
 }
 
+void OdbcSession::requireAfter(const Error& error) const {
+    if (m_quirks->hidesLoss && error.state() == "HY000" && isDead())
+        throw Error::fromDriver("08S01", "The connection has been lost", error.native());
+}
+
 void OdbcSession::interrupt() noexcept {
     const std::lock_guard lock(m_runningMutex);
     if (!m_running && !m_inBatch) return;

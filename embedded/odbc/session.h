@@ -47,6 +47,9 @@ class OdbcSession {
     /// Throws when it is unusable.
     void require() const;
 
+    /// Throws when it is lost, of which `error` of the driver does not tell.
+    void requireAfter(const Error& error) const;
+
     /// Cancels the statement that is running. Callable from any thread.
     void interrupt() noexcept;
 

@@ -51,6 +51,8 @@ def test_between_statements(server, cursor, connect, lost):
             with_commit.commit()
     with pytest.raises(lost, match="."):
         connect()
+    with pytest.raises(lost, match="08S01|57P01"):
+        in_transaction.execute("INSERT INTO t VALUES (?, 'x')", (5,))
     with pytest.raises(lost, match="."):
         in_transaction.execute("COMMIT")
     check_that_it_is_over(in_transaction, lost)
