@@ -33,6 +33,8 @@ def _csv_lines(
     rows: Sequence[Sequence[Any]], delimiter: str, text_of: Callable[[Any], str], /
 ) -> str: ...
 
+def _set_face(functions: Mapping[str, Any], /) -> None: ...
+
 class Connection:
     autocommit: bool
     row_factory: Optional[_RowFactory]

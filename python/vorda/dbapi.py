@@ -139,12 +139,17 @@ _BY_CODE: Dict[Tuple[str, int], Type[Error]] = {
 }
 
 
-def _failure(records: List[Tuple[str, int, str]]) -> Error:
-    """The exception for what a driver says; called by the core."""
+def _failure(
+    records: List[Tuple[str, int, str]],
+    by_code: Dict[Tuple[str, int], Type[Error]] = _BY_CODE,
+    by_state: Dict[str, Type[Error]] = _BY_STATE,
+    other: Type[Error] = DatabaseError,
+) -> Error:
+    """The exception for what a driver says; called by the core, at the interpreter's end too."""
     state, native, _ = records[0]
-    kind = (_BY_CODE.get((state, native)) or _BY_STATE.get(state) or _BY_STATE.get(state[:3])
-            or _BY_STATE.get(state[:2]))
-    error = (kind or DatabaseError)("\n".join(words for _, _, words in records))
+    kind = (by_code.get((state, native)) or by_state.get(state) or by_state.get(state[:3])
+            or by_state.get(state[:2]))
+    error = (kind or other)("\n".join(words for _, _, words in records))
     error.sqlstate, error.native_code = state, native
     return error
 
@@ -573,3 +578,14 @@ def ingest(connection: Connection, table: str, data: Any, /) -> int:
     from . import frames
 
     return frames.ingest(connection, table, data)
+
+
+_statement._set_face(
+    {
+        "_failure": _failure,
+        "_adapt": _adapt,
+        "_positional": _positional,
+        "_log": _log,
+        "_logger": _logger,
+    }
+)

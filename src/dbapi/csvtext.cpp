@@ -99,7 +99,7 @@ class Lines {
     }
 
     void AppendMade(PyObject* cell) {
-        const PyRef text = Checked(PyObject_CallFunctionObjArgs(m_textOf, cell, nullptr));
+        const PyRef text = Checked(CallPython(m_textOf, cell));
         if (!PyUnicode_Check(text.Get())) {
             PyErr_SetString(PyExc_TypeError, "the text of a value is no str");
             throw PythonError();

@@ -120,10 +120,9 @@ PyRef Next(CursorObject* self, Statement& statement) {
     PyRef row = NextTuple(self, statement);
     if (!row || !self->rowFactory || self->rowFactory == Py_None) return row;
     if (!self->makeRow) {
-        self->makeRow =
-            Checked(PyObject_CallFunctionObjArgs(self->rowFactory, self, nullptr)).Release();
+        self->makeRow = Checked(CallPython(self->rowFactory, self)).Release();
     }
-    return Checked(PyObject_CallFunctionObjArgs(self->makeRow, row.Get(), nullptr));
+    return Checked(CallPython(self->makeRow, row.Get()));
 }
 
 PyRef FetchOne(PyObject* object, PyObject*) {

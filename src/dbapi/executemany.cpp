@@ -180,10 +180,12 @@ PyRef CursorExecuteMany(PyObject* object, PyObject* const* args, Py_ssize_t coun
     GiveStatementBack(self);
     self->rowCount = -1;
     Input input = InputOf(args[1]);
-    const PyRef rows = input.stream ? PyRef() : Checked(PyObject_GetIter(args[1]));
+    const PyRef rows =
+        input.stream ? PyRef() : Checked(InPython([&] { return PyObject_GetIter(args[1]); }));
     Run run(self);
     if (input.stream) run.AddAll(input, sql);
-    while (const PyRef row{rows ? PyIter_Next(rows.Get()) : nullptr}) run.Add(row.Get(), sql);
+    const auto next = [&] { return rows ? PyIter_Next(rows.Get()) : nullptr; };
+    while (const PyRef row{InPython(next)}) run.Add(row.Get(), sql);
     if (PyErr_Occurred()) throw PythonError();
     const SQLLEN changed = run.Finish();
     self->rowCount = changed;

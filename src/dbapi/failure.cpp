@@ -4,9 +4,13 @@
 #include <cstdarg>
 #include <cstring>
 
+#include "dbapi/waiting.h"
+
 namespace {
 
 constexpr SQLSMALLINT kWordsSize = 4096;
+
+PyObject* g_face = nullptr;  // a dictionary: modules may be gone when the interpreter ends
 
 }  // namespace
 
@@ -43,15 +47,33 @@ SQLHANDLE NewHandle(SQLSMALLINT type, SQLSMALLINT parentType, SQLHANDLE parent) 
     throw failure;
 }
 
+PyObject* SetFace(PyObject*, PyObject* functions) noexcept {
+    const PyRef old(std::exchange(g_face, PyRef::Borrow(functions).Release()));
+    return PyRef::Borrow(Py_None).Release();
+}
+
+PyRef OfFace(const char* name) {
+    if (!g_face) Checked(PyImport_ImportModule("vorda.dbapi"));
+    PyObject* const found = g_face ? PyMapping_GetItemString(g_face, name) : nullptr;
+    if (!found && !PyErr_Occurred()) PyErr_SetString(PyExc_ImportError, "vorda.dbapi is not whole");
+    return Checked(found);
+}
+
 PyRef CallFace(const char* function, const char* format, ...) {
-    const PyRef face = Checked(PyImport_ImportModule("vorda.dbapi"));
-    const PyRef callable = Checked(PyObject_GetAttrString(face.Get(), function));
+    const PyRef callable = OfFace(function);
     va_list values;
     va_start(values, format);
-    PyRef arguments(Py_VaBuildValue(format, values));
+    const PyRef arguments(Py_VaBuildValue(format, values));
     va_end(values);
     if (!arguments) throw PythonError();
-    return Checked(PyObject_CallObject(callable.Get(), arguments.Get()));
+    PyRef result(InPython([&] { return PyObject_CallObject(callable.Get(), arguments.Get()); }));
+    if (result) return result;
+    const bool wantsNames = PyErr_ExceptionMatches(PyExc_TypeError) ||
+                            PyErr_ExceptionMatches(PyExc_AttributeError) ||
+                            PyErr_ExceptionMatches(PyExc_ImportError);
+    if (!ProgramEnds() || !wantsNames) throw PythonError();
+    PyErr_Clear();
+    throw Failure("HY010", "The interpreter ends, and with it what reads such parameters.");
 }
 
 void Failure::Raise() const {
@@ -67,7 +89,7 @@ void Failure::Raise() const {
                 Checked(Py_BuildValue("(OlO)", state.Get(), record.native, words.Get()));
             if (PyList_Append(records.Get(), entry.Get()) < 0) return;
         }
-        const PyRef exception = CallFace("_failure", "(O)", records.Get());
+        const PyRef exception = Checked(CallPython(OfFace("_failure").Get(), records.Get()));
         PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exception.Get())), exception.Get());
     } catch (const PythonError&) {
         // There is an error, if not this one.

@@ -71,5 +71,8 @@ Result AtBoundary(Result failed, Body&& body) noexcept {
     });
 }
 
-// Calls a function of the face by name, and answers what it returns.
+// A function of the module: takes what the core uses of the face, by name.
+PyObject* SetFace(PyObject* module, PyObject* functions) noexcept;
+PyRef OfFace(const char* name);
+// Calls a function of the face, and answers what it returns.
 PyRef CallFace(const char* function, const char* format, ...);

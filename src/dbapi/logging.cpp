@@ -8,8 +8,11 @@ bool IsLogging() {
     // Not part of the logger's interface; without it, the logger is asked each time.
     static PyObject* answers = nullptr;
     if (!answers) {
-        const PyRef face(PyImport_ImportModule("vorda.dbapi"));
-        if (face && !logger) logger = PyObject_GetAttrString(face.Get(), "_logger");
+        try {
+            if (!logger) logger = OfFace("_logger").Release();
+        } catch (const PythonError&) {
+            // Asked for again by the next statement.
+        }
         if (!level) level = PyLong_FromLong(kDebug);
         if (logger && level) answers = PyObject_GetAttrString(logger, "_cache");
         PyErr_Clear();

@@ -44,6 +44,8 @@ PyMethodDef Functions[] = {
     {"_csv_lines", CsvLines, METH_VARARGS,
      "_csv_lines($module, rows, delimiter, text_of, /)\n--\n\nRows as lines of CSV. A function "
      "makes texts of cells that are none and no numbers; None is an empty field."},
+    {"_set_face", SetFace, METH_O,
+     "_set_face($module, functions, /)\n--\n\nTake what the core calls, by name."},
     {nullptr, nullptr, 0, nullptr},
 };
 

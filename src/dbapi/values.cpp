@@ -257,7 +257,7 @@ PyRef MakeValue(const Cell& cell, Meaning meaning) {
         case CellKind::Text: {
             PyRef text = MakeText(cell.bytes);
             if (meaning != Meaning::Uuid) return text;
-            return Made(PyObject_CallFunctionObjArgs(g_uuid, text.Get(), nullptr), "UUID");
+            return Made(CallPython(g_uuid, text.Get()), "UUID");
         }
         case CellKind::Blob:
             return Checked(PyBytes_FromStringAndSize(cell.bytes.data(), size));

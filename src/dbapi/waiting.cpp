@@ -242,12 +242,7 @@ bool HandlersRaise(PyThreadState* state, RaisedAside& raised) {
 }  // namespace
 
 void Relock(PyThreadState* state) noexcept {
-    try {
-        PyEval_RestoreThread(state);
-    } catch (...) {
-        // CPython ends the thread, which would run through frames that may not be left so.
-        for (;;) pause();
-    }
+    InPython([&] { PyEval_RestoreThread(state); });
 }
 
 bool ProgramEnds() {

@@ -4,6 +4,9 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include <cxxabi.h>
+#include <unistd.h>
+
 #include <new>
 #include <utility>
 
@@ -36,11 +39,36 @@ class PyRef {
     PyObject* m_object = nullptr;
 };
 
+// For a thread that nobody needs any more: it waits for the end of the process.
+[[noreturn]] inline void StayForEver() {
+    for (;;) pause();
+}
+
+// Runs what may run Python code or wait for the interpreter lock. When the program ends, CPython
+// ends other threads in there by unwinding their stack: our frames would be left without the lock.
+// Such a thread stays.
+template <class Call>
+auto InPython(Call&& call) noexcept {
+    try {
+        return call();
+    } catch (...) {
+        StayForEver();
+    }
+}
+
+// Calls an object so; a new reference, or null with an error set.
+template <class... Arguments>
+PyObject* CallPython(PyObject* callable, Arguments*... arguments) noexcept {
+    return InPython([&] { return PyObject_CallFunctionObjArgs(callable, arguments..., nullptr); });
+}
+
 // Runs `body` for a caller in C: an exception for want of memory becomes MemoryError.
 template <class Result, class Body>
 Result CalledFromPython(Result failed, Body&& body) noexcept {
     try {
         return body();
+    } catch (const abi::__forced_unwind&) {
+        StayForEver();
     } catch (...) {
         PyErr_NoMemory();
         return failed;

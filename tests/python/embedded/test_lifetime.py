@@ -159,6 +159,7 @@ ENDINGS = {  # code, exit status, rows added
             def __del__(self, connect=connect):
                 insert(2)
                 self.rows = connection.execute("SELECT * FROM t").fetchall()
+                refused(lambda: connection.execute("SELECT"), "incomplete input")
                 connect().execute("INSERT INTO t VALUES (3)")
         late = Late()""", 0, 2),
     "an exit in a call-back": ("""
@@ -176,6 +177,15 @@ ENDINGS = {  # code, exit status, rows added
         started = threading.Event()
         threading.Thread(target=work, daemon=True).start()
         started.wait()""", 0, 0),
+    "a thread in an iterator": ("""
+        def rows():
+            while True:
+                started.set() or time.sleep(0.0001)
+            yield
+        started = threading.Event()
+        work = lambda: connect().cursor().executemany("INSERT INTO t VALUES (?)", rows())
+        threading.Thread(target=work, daemon=True).start()
+        started.wait()""", 0, 0),
     "a signal between rows": ("""
         signal.signal(signal.SIGALRM, lambda *arguments: sys.exit(7))
         signal.setitimer(signal.ITIMER_REAL, 0.05)
@@ -190,7 +200,7 @@ ENDINGS = {  # code, exit status, rows added
 def test_exit_with_live_objects(path, driver, ending):
     code, status, added = ENDINGS[ending]
     run(path, """
-    import atexit, signal, threading
+    import atexit, signal, threading, time
     connection = connect()
     connection.execute("CREATE TABLE t AS SELECT 1 AS n UNION SELECT 10")
     cursor = connection.execute("SELECT * FROM t")
