@@ -343,6 +343,14 @@ def _positional(sql: str, given: Any, dbms: str) -> Tuple[str, Sequence[Any]]:
     return sql, tuple(given)
 
 
+# What begins or ends a transaction, at the beginning of a statement; called by the core.
+_ends_transaction = re.compile(
+    r"(?:[\s;]|--[^\n]*\n|\#[^\n]*\n|/\*.*?\*/)*"
+    r"(?:BEGIN|START|COMMIT|END|ABORT|ROLLBACK(?!(?:\s+(?:WORK|TRANSACTION))?\s+TO\b))\b",
+    re.DOTALL | re.IGNORECASE,
+).match
+
+
 # --- rows ---------------------------------------------------------------------------------------
 
 
@@ -585,6 +593,7 @@ _statement._set_face(
         "_failure": _failure,
         "_adapt": _adapt,
         "_positional": _positional,
+        "_ends_transaction": _ends_transaction,
         "_log": _log,
         "_logger": _logger,
     }

@@ -21,6 +21,11 @@ void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
     }
 }
 
+void RefuseToEndBatch(const Link& link, PyObject* sql) {
+    if (link.IsInBatch() && CallFace("_ends_transaction", "(O)", sql).Get() != Py_None)
+        link.RefuseInBatch();
+}
+
 void GiveStatementBack(CursorObject* self) {
     if (self->statement) self->link->GiveBack(std::move(self->statement));
     Py_CLEAR(self->makeRow);
@@ -30,6 +35,7 @@ Statement& UseStatement(CursorObject* self, PyObject* sql) {
     Py_CLEAR(self->makeRow);
     self->rowCount = -1;
     self->link->FinishUndo();
+    self->link->RefuseLostBatch();
     if (sql && self->statement && self->statement->IsFor(sql)) {
         self->statement->Close();
     } else {
@@ -58,6 +64,7 @@ PyRef CursorExecute(PyObject* object, PyObject* const* args, Py_ssize_t count) {
         throw;
     }
     Link& link = *self->link;
+    RefuseToEndBatch(link, sql.Get());
     Logged logged(sql.Get(), self->values.size());
     const Link::Turn turn(link);
     Statement& statement = UseStatement(self, sql.Get());

@@ -32,6 +32,8 @@ class Atomic {
         m_ownTransaction = m_link.Autocommit() && !m_link.InTransaction();
         if (m_ownTransaction) {
             m_link.SetAutocommit(false);
+            m_began = true;  // whatever comes now
+            m_link.BeginOnSqlite();
         } else {
             m_link.SetSavepoint();
         }
@@ -176,6 +178,7 @@ PyRef CursorExecuteMany(PyObject* object, PyObject* const* args, Py_ssize_t coun
     CursorObject* const self = AsCursor(object);
     LinkOf(reinterpret_cast<PyObject*>(self->connection));
     const PyRef sql = Checked(PyUnicode_FromObject(args[0]));
+    RefuseToEndBatch(*self->link, sql.Get());
     // Without any row, and where one fails, nothing is left of what came before.
     GiveStatementBack(self);
     self->rowCount = -1;

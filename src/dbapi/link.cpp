@@ -14,6 +14,10 @@ constexpr const char* kClosedWords = "The connection is closed.";
 // The batches that this thread is in the middle of.
 thread_local const Link::Batch* t_batches = nullptr;
 
+Failure LostBatch() {
+    return Failure("40003", "The transaction of executemany() is gone in the middle: roll back.");
+}
+
 SQLPOINTER AsPointer(std::uintptr_t number) {
     return reinterpret_cast<SQLPOINTER>(number);
 }
@@ -128,11 +132,15 @@ Link::Batch::~Batch() {
     t_batches = m_outer;
 }
 
+bool Link::IsInBatch() const {
+    const Batch* batch = t_batches;
+    while (batch && &batch->m_link != this) batch = batch->m_outer;
+    return batch != nullptr;
+}
+
 void Link::RefuseInBatch() const {
-    for (const Batch* batch = t_batches; batch; batch = batch->m_outer) {
-        if (&batch->m_link == this)
-            throw Failure("HY010", "executemany() is not over: all of it is kept, or nothing.");
-    }
+    if (IsInBatch())
+        throw Failure("HY010", "executemany() is not over: all of it is kept, or nothing.");
 }
 
 void Link::Commit(bool keep) {
@@ -151,21 +159,30 @@ void Link::Run(const char* sql, bool canBeCancelled) {
          [&] { CheckFound(SQLExecDirectW(statement, AsWideText(sql), SQL_NTS), statement); });
 }
 
+void Link::BeginOnSqlite() {
+    if (m_database.isSqlite && !InTransaction()) Run("BEGIN");
+}
+
+void Link::RefuseLostBatch() {
+    if (KeepsOut() && m_database.isSqlite && !InTransaction()) throw LostBatch();
+}
+
 void Link::SetSavepoint() {
     // On SQLite, a savepoint outside of a transaction is one of its own, committed when released.
-    if (m_database.isSqlite && !InTransaction()) Run("BEGIN");
+    BeginOnSqlite();
     m_touched = true;
     Run("SAVEPOINT vorda_executemany");
 }
 
 void Link::ReleaseSavepoint(bool keep) {
-    if (!keep) Run("ROLLBACK TO SAVEPOINT vorda_executemany", false);
     try {
+        if (!keep) Run("ROLLBACK TO SAVEPOINT vorda_executemany", false);
         Run("RELEASE SAVEPOINT vorda_executemany", false);
     } catch (const Failure& failure) {
-        // A node that has undone the transaction just now may know of no savepoint.
-        if (!keep || failure.Records().front().state != "42000") throw;
-        throw Failure("40003", "The savepoint of executemany() is gone, with its transaction.");
+        // By a statement that committed, or a node that has undone the transaction just now.
+        const std::string& state = failure.Records().front().state;
+        if (state != "42000" && state != "3B001") throw;
+        throw LostBatch();
     }
 }
 

@@ -58,7 +58,7 @@ class Link {
         const Link& m_link;
         const Batch* const m_outer;
     };
-    // Throws within a batch of this thread.
+    bool IsInBatch() const;  // of this thread
     void RefuseInBatch() const;
 
     // Keeps other threads out from one turn to the next, for what is done in several.
@@ -108,6 +108,10 @@ class Link {
     // For the holder of a turn, as all that follows up to Close. Rolling back ends open results.
     void EndTransaction(bool keep);
     void SetAutocommit(bool on);
+    // Has a transaction be open on SQLite, which would begin one with the next change only.
+    void BeginOnSqlite();
+    // Throws where another statement has ended that, in the middle of a batch.
+    void RefuseLostBatch();
     // A point in the transaction to come back to, and doing so, or keeping what came behind it.
     void SetSavepoint();
     void ReleaseSavepoint(bool keep);

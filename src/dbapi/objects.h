@@ -93,5 +93,7 @@ PyObject* CsvLines(PyObject* module, PyObject* args) noexcept;
 // Reads what was given as parameters into the cursor's values. A mapping makes `sql` the statement
 // with plain markers.
 void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql);
+// Throws where a statement would end the transaction of a batch that this thread is in.
+void RefuseToEndBatch(const Link& link, PyObject* sql);
 // Has the cursor hold a statement for the text, or one without; for the holder of a turn.
 Statement& UseStatement(CursorObject* self, PyObject* sql);

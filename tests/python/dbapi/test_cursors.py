@@ -155,12 +155,15 @@ def test_executemany_is_all_or_nothing(table, autocommit, begin):
         yield from ((i, "y") for i in range(4000, 8000))
         yield error
 
-    def ends():
+    def ends(end):
         yield (4000, "y")
-        table.commit()
+        table.executescript("SAVEPOINT s; ROLLBACK TRANSACTION TO s; RELEASE s")
+        end()
 
-    with pytest.raises(dbapi.ProgrammingError, match="not over"):
-        table.executemany("INSERT INTO t VALUES (?, ?)", ends())
+    for end in (table.commit, lambda: table.execute("; -- x\n /* */ commit"),
+                lambda: table.executemany("ROLLBACK", [()])):
+        with pytest.raises(dbapi.ProgrammingError, match="not over"):
+            table.executemany("INSERT INTO t VALUES (?, ?)", ends(end))
     for bad, error in (((4000, "twice"), dbapi.IntegrityError),
                        ((9000, object()), dbapi.ProgrammingError),
                        ((1, 2, 3), dbapi.ProgrammingError)):
@@ -169,6 +172,18 @@ def test_executemany_is_all_or_nothing(table, autocommit, begin):
         assert count(table) == 1002 and table.autocommit is autocommit
     table.rollback()
     assert count(table) == (1002 if autocommit and not begin else 1000)
+
+    def loses():
+        yield from ((i, "y") for i in range(4000, 8000))
+        with pytest.raises(dbapi.IntegrityError):
+            table.execute("INSERT OR ROLLBACK INTO t VALUES (1, ''), (1, '')")
+        yield (9000, "y")
+
+    before = count(table)
+    table.executescript(begin)
+    with pytest.raises(dbapi.OperationalError, match="gone in the middle"):
+        table.executemany("INSERT INTO t VALUES (?, ?)", loses())
+    assert (count(table), table.in_transaction, table.autocommit) == (before, False, autocommit)
 
 
 def test_executemany_takes_rows_of_any_kind(table):
