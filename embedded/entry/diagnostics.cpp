@@ -32,7 +32,7 @@ SQLRETURN writeRecord(const DiagnosticRecord& record, const Output& output) noex
 void writeNone(const Output& output) noexcept {
     if (output.state) std::memcpy(output.state, "00000", SQL_SQLSTATE_SIZE + 1);
     if (output.native) *output.native = 0;
-    outputText("", output.message, output.capacity, output.length);
+    outputText({}, output.message, output.capacity, output.length);
 }
 
 template <class T, class Read>
