@@ -72,7 +72,7 @@ ConnectString::ConnectString(std::string_view text) : m_text(text) {
         Pair pair{std::string(key), {}, behindSecret};
         rest = trimmed(rest);
         if (rest.starts_with('{')) {
-            pair.value = takeBraced(rest, behindSecret ? "a key" : quoted(key));
+            pair.value = takeBraced(rest, behindSecret ? "a key" : inQuotes(key));
         } else {
             pair.value = trimmed(rest.substr(0, rest.find(';')));
             behindSecret = behindSecret || namesSecret(key);

@@ -122,10 +122,10 @@ std::vector<size_t> matchArguments(const std::string& procedure,
                                            std::to_string(i + 1));
         }
         const size_t index = name.empty() ? i : indexOf(parameters, name).value_or(kNone);
-        if (index == kNone) throw callError(procedure, "has no parameter " + quoted(name));
+        if (index == kNone) throw callError(procedure, "has no parameter " + inQuotes(name));
         if (positions[index] != kNone) {
             throw callError(procedure, "is given two values for its parameter " +
-                                           quoted(parameters[index].name));
+                                           inQuotes(parameters[index].name));
         }
         positions[index] = i;
     }
@@ -133,13 +133,13 @@ std::vector<size_t> matchArguments(const std::string& procedure,
     if (missing != positions.end()) {
         const auto index = static_cast<size_t>(missing - positions.begin());
         throw callError(procedure,
-                        "is given no value for its parameter " + quoted(parameters[index].name));
+                        "is given no value for its parameter " + inQuotes(parameters[index].name));
     }
     return positions;
 }
 
 Error callError(const std::string& procedure, const std::string& what) {
-    return {"42000", "Procedure " + quoted(procedure) + " " + what + "."};
+    return {"42000", "Procedure " + inQuotes(procedure) + " " + what + "."};
 }
 
 }  // namespace embedded

@@ -63,7 +63,7 @@ void SqlReader::expectEnd() {
 
 void SqlReader::fail(const std::string& what) const {
     throw Error("42000", "Syntax error " +
-                             (atEnd() ? "at the end" : "near " + quoted(m_token.text)) + ": " +
+                             (atEnd() ? "at the end" : "near " + inQuotes(m_token.text)) + ": " +
                              what + ".");
 }
 

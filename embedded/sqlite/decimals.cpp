@@ -169,8 +169,8 @@ void DecimalWatch::check() const {
         const Decimal& decimal = m_decimals[loss.decimal];
         throw Error("22003",
                     "Parameter " + std::to_string(decimal.number) + ": column " +
-                        quoted(column.text(0)) + " would store " + quoted(decimal.text) + " as " +
-                        loss.stored +
+                        inQuotes(column.text(0)) + " would store " + inQuotes(decimal.text) +
+                        " as " + loss.stored +
                         "; SQLite keeps 15 digits of a decimal in it, all of them in "
                         "a column of type TEXT.",
                     native::kMismatch);

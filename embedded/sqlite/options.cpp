@@ -28,7 +28,7 @@ int openFlagsOf(std::string_view mode) {
         if (sameWord(entry.name, mode)) return entry.flags;
     }
     throw Error(kBadAttribute,
-                "Connection string: Mode must be rwc, rw or ro, not " + quoted(mode) + ".");
+                "Connection string: Mode must be rwc, rw or ro, not " + inQuotes(mode) + ".");
 }
 
 int timeoutOf(std::string_view seconds) {
@@ -39,7 +39,7 @@ int timeoutOf(std::string_view seconds) {
     if (parsed.ec != std::errc{} || parsed.ptr != end || !(value >= 0 && value <= kLongest)) {
         throw Error(kBadAttribute,
                     "Connection string: Timeout must be a number of seconds from 0 to " +
-                        std::to_string(static_cast<int>(kLongest)) + ", not " + quoted(seconds) +
+                        std::to_string(static_cast<int>(kLongest)) + ", not " + inQuotes(seconds) +
                         ".");
     }
     return static_cast<int>(value * 1000);

@@ -131,7 +131,7 @@ bool mayWrite(Session& session, const ProcedureDefinition& procedure,
 void create(Session& session, const ProcedureDefinition& procedure, const std::string& sql) {
     Savepoint savepoint(session, true);
     if (!procedure.replaces && storedProcedure(session.db(), procedure.name)) {
-        throw Error("42S01", "There is a procedure " + quoted(procedure.name) + " already.");
+        throw Error("42S01", "There is a procedure " + inQuotes(procedure.name) + " already.");
     }
     checkProcedure(session, procedure);
     session.finishUndo();  // of the check
@@ -143,7 +143,7 @@ void drop(Session& session, const ProcedureRemoval& removal) {
     if (storedProcedure(session.db(), removal.name)) {
         removeProcedure(session, removal.name);
     } else if (!removal.ifExists) {
-        throw Error("42S02", "There is no procedure " + quoted(removal.name) + ".");
+        throw Error("42S02", "There is no procedure " + inQuotes(removal.name) + ".");
     }
 }
 

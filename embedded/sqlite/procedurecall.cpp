@@ -8,12 +8,12 @@ namespace embedded {
 
 ProcedureDefinition loadProcedure(sqlite3* db, const std::string& name) {
     const auto stored = storedProcedure(db, name);
-    if (!stored) throw Error("42000", "There is no procedure " + quoted(name) + ".");
+    if (!stored) throw Error("42000", "There is no procedure " + inQuotes(name) + ".");
     auto command = parseProcedureCommand(stored->text);
     if (auto* definition = command ? std::get_if<ProcedureDefinition>(&*command) : nullptr) {
         return std::move(*definition);
     }
-    throw Error("HY000", "The stored text of procedure " + quoted(name) + " is damaged.",
+    throw Error("HY000", "The stored text of procedure " + inQuotes(name) + " is damaged.",
                 SQLITE_CORRUPT);
 }
 
@@ -36,13 +36,13 @@ std::vector<size_t> matchMarkers(sqlite3_stmt* statement, const ProcedureDefinit
         const char* name = sqlite3_bind_parameter_name(statement, static_cast<int>(i) + 1);
         const std::string_view text = name ? name : "?";
         if (!text.starts_with('$')) {
-            throw Error("42000", "The marker " + quoted(text) +
+            throw Error("42000", "The marker " + inQuotes(text) +
                                      " has no meaning in a procedure; a parameter is written with "
                                      "a $ in front of its name.");
         }
         const auto index = indexOf(procedure.parameters, text.substr(1));
         if (!index) {
-            throw callError(procedure.name, "has no parameter " + quoted(text.substr(1)));
+            throw callError(procedure.name, "has no parameter " + inQuotes(text.substr(1)));
         }
         parameters[i] = *index;
     }
@@ -50,13 +50,13 @@ std::vector<size_t> matchMarkers(sqlite3_stmt* statement, const ProcedureDefinit
 }
 
 std::string placeIn(const ProcedureDefinition& procedure, size_t statement) {
-    return "procedure " + quoted(procedure.name) + ", statement " + std::to_string(statement + 1);
+    return "procedure " + inQuotes(procedure.name) + ", statement " + std::to_string(statement + 1);
 }
 
 void refuseDepth(const ProcedureDefinition& procedure) {
     throw Error("54001", "Procedures call each other more than " +
                              std::to_string(kMaxProcedureDepth) + " deep, the last of them " +
-                             quoted(procedure.name) + ".");
+                             inQuotes(procedure.name) + ".");
 }
 
 std::optional<ProcedureCall> nestedCall(std::string_view statement) {

@@ -42,7 +42,7 @@ std::vector<ProcedureParameter> parseParameters(SqlReader& reader) {
     do {
         std::string name = parameterName(reader);
         if (indexOf(parameters, name)) {
-            throw Error("42000", "Two parameters are named " + quoted(name) + ".");
+            throw Error("42000", "Two parameters are named " + inQuotes(name) + ".");
         }
         parameters.push_back({std::move(name), parameterType(reader)});
     } while (reader.accept(","));

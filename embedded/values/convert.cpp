@@ -32,7 +32,7 @@ std::string shown(const Cell& cell) {
         case Cell::Kind::Real:
             return "the number " + std::string(formatDouble(cell.real, buffer));
         case Cell::Kind::Text:
-            return "the text " + quoted(cell.bytes);
+            return "the text " + inQuotes(cell.bytes);
         case Cell::Kind::Temporal:
             return formatTemporal(*cell.temporal);
         default:

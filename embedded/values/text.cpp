@@ -64,7 +64,7 @@ std::string shortened(std::string text, size_t limit) {
     return text;
 }
 
-std::string quoted(std::string_view value) {
+std::string inQuotes(std::string_view value) {
     return "'" + shortened(std::string(value.substr(0, kMaxQuoted + 1)), kMaxQuoted) + "'";
 }
 

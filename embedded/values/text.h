@@ -26,7 +26,8 @@ std::string_view trimmed(std::string_view text) noexcept;
 /// `text`, or what fits into `limit` bytes of it with an ellipsis behind.
 std::string shortened(std::string text, size_t limit);
 
-/// A value from the user's data as it appears in a message: quoted and short.
-std::string quoted(std::string_view value);
+/// A value from the user's data as it appears in a message: quoted and short. Not named
+/// `quoted`: of a std::string that may be the C++ library's.
+std::string inQuotes(std::string_view value);
 
 }  // namespace embedded
