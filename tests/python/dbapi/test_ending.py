@@ -82,10 +82,16 @@ def test_a_transaction_that_an_end_has_undone_keeps_nothing_else(connection):
             end()
         connection.execute("INSERT INTO t VALUES (?)", (number + 3,))
         connection.commit()
-    connection.execute("DELETE FROM t")
-    with pytest.raises(dbapi.IntegrityError):  # which says so itself
-        connection.execute("INSERT OR ROLLBACK INTO t VALUES (5), (5)")
-    assert connection.execute("SELECT a FROM t").fetchall() == [(3,), (4,)]
+    for rows in ("(5), (5)", "(5), (5) RETURNING a"):
+        connection.execute("DELETE FROM t")
+        with pytest.raises(dbapi.IntegrityError):  # which says so itself
+            connection.execute("INSERT OR ROLLBACK INTO t VALUES " + rows)
+        assert not connection.in_transaction
+    connection.execute("INSERT INTO t VALUES (6)")
+    with pytest.raises(dbapi.DataError, match="overflow"):  # in a fetch, which undoes nothing
+        connection.execute(SLOW.replace("count(*)", "iif(i < 9000, i, abs(-1 << 63))")).fetchall()
+    connection.commit()
+    assert connection.execute("SELECT a FROM t").fetchall() == [(3,), (4,), (6,)]
 
 
 def test_what_is_done_is_not_told_as_cancelled(connection):
