@@ -75,9 +75,14 @@ CompiledStatement StatementCache::compileNew(std::string_view sql) {
     return {*this, std::move(compiled)};
 }
 
-/// Whether a text was noted before, which it now is.
+/// Whether a text was noted before, which it now is. One too long to be kept never is; of others
+/// as much is looked at as most are long: a mistake keeps a statement for nothing.
 bool StatementCache::isNoted(std::string_view sql) noexcept {
-    const size_t hash = std::hash<std::string_view>()(sql);
+    if (sql.size() > kMaxCachedText) return false;
+    constexpr size_t kEnd = 512;
+    const std::hash<std::string_view> hashOf;
+    size_t hash = hashOf(sql.substr(0, kEnd));
+    if (sql.size() > kEnd) hash = hash * 31 + hashOf(sql.substr(sql.size() - kEnd)) + sql.size();
     return std::exchange(m_noted[hash % m_noted.size()], hash) == hash;
 }
 
