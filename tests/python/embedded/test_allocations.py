@@ -12,6 +12,8 @@ ALLOCATOR = os.path.join(os.environ.get("VORDA_BUILD", ""), "faults", "libfailin
 
 @pytest.mark.skipif(not os.path.exists(ALLOCATOR),
                     reason="the failing allocator is built for one interpreter")
+@pytest.mark.skipif(sys.version_info[:2] == (3, 13),
+                    reason="CPython 3.13 crashes where it has no memory for a function")
 @pytest.mark.skipif("libasan" in os.environ.get("LD_PRELOAD", ""),
                     reason="the sanitizer's allocator takes the requests itself")
 @pytest.mark.parametrize("interface", ["zelqa", "dbapi"])

@@ -333,7 +333,10 @@ class Terminal:
     """The shell on a pseudo-terminal."""
 
     def __init__(self, *arguments, columns=60, **environment):
-        self.pid, self.file = pty.fork()
+        try:
+            self.pid, self.file = pty.fork()
+        except OSError as error:
+            pytest.skip("no pseudo-terminal here: %s" % error)
         if self.pid == 0:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # which a job in the background may ignore
             os.environ.update({"TERM": "dumb", **environment})
@@ -373,10 +376,7 @@ class Terminal:
 
 @pytest.fixture
 def terminal(item, tmp_path):
-    try:
-        terminal = Terminal(item, XDG_STATE_HOME=str(tmp_path / "state"))
-    except OSError as error:
-        pytest.skip("no pseudo-terminal here: %s" % error)
+    terminal = Terminal(item, XDG_STATE_HOME=str(tmp_path / "state"))
     terminal.until("vorda> ")
     yield terminal
     try:
