@@ -109,42 +109,56 @@ std::string upToTerminator(const SQLWCHAR (&text)[kNameCapacity]) {
     return narrowText(text, static_cast<size_t>(end - text));
 }
 
+std::string typeNameOf(const OdbcStatement& statement, SQLUSMALLINT number) {
+    SQLWCHAR text[kNameCapacity] = {};
+    // The manager may take the bytes for characters.
+    const SQLRETURN result = statement.manager().SQLColAttributeW(
+        statement.get(), number, SQL_DESC_TYPE_NAME, text, kNameCapacity, nullptr, nullptr);
+    return SQL_SUCCEEDED(result) ? upToTerminator(text) : std::string();
+}
+
 OdbcColumn describe(const OdbcStatement& statement, SQLUSMALLINT number) {
     SQLSMALLINT driverType = 0;
     SQLULEN size = 0;
     SQLSMALLINT digits = 0;
-    SQLSMALLINT nullable = SQL_NULLABLE_UNKNOWN;
-    const DriverManager& manager = statement.manager();
-    const auto describeInto = [&](auto function, auto* text) {
-        statement.handle().check(function(statement.get(), number, text, kNameCapacity, nullptr,
-                                          &driverType, &size, &digits, &nullable));
-    };
     OdbcColumn result;
-    SQLWCHAR text[kNameCapacity] = {};
+    const DriverManager& manager = statement.manager();
+    // psqlodbc fails if it is asked for nothing of the name.
+    SQLSMALLINT nameLength = 0;
+    const auto describeBy = [&](auto function) {
+        statement.handle().check(function(statement.get(), number, nullptr, 0, &nameLength,
+                                          &driverType, &size, &digits, &result.column.nullable));
+    };
     if (statement.session().quirks().narrow) {
-        SQLCHAR name[kNameCapacity] = {};
-        describeInto(manager.SQLDescribeCol, name);
-        result.column.name = reinterpret_cast<const char*>(name);
+        describeBy(manager.SQLDescribeCol);
     } else {
-        describeInto(manager.SQLDescribeColW, text);
-        result.column.name = upToTerminator(text);
+        describeBy(manager.SQLDescribeColW);
     }
     SQLLEN isUnsigned = SQL_FALSE;
     manager.SQLColAttributeW(statement.get(), number, SQL_DESC_UNSIGNED, nullptr, 0, nullptr,
                              &isUnsigned);
-    std::fill(std::begin(text), std::end(text), SQLWCHAR{0});
-    // The manager may take the bytes for characters.
-    if (SQL_SUCCEEDED(manager.SQLColAttributeW(statement.get(), number, SQL_DESC_TYPE_NAME, text,
-                                               kNameCapacity, nullptr, nullptr))) {
-        result.column.typeName = upToTerminator(text);
-    }
     TypeEntry entry = entryOf(driverType, isUnsigned == SQL_TRUE);
     // psqlodbc calls it a float, which does not have its digits.
-    if (entry.form == Form::Real && sameWord(result.column.typeName, "money")) entry = kText;
+    if (entry.form == Form::Real && sameWord(typeNameOf(statement, number), "money")) entry = kText;
     result.form = formFor(entry.form, statement.session().quirks());
     result.column.type = typeOf(entry, size, digits, statement.session().quirks());
-    result.column.nullable = nullable;
     return result;
+}
+
+std::string nameOf(const OdbcStatement& statement, SQLUSMALLINT number) {
+    const DriverManager& manager = statement.manager();
+    const auto readInto = [&](auto function, auto* text) {
+        statement.handle().check(function(statement.get(), number, text, kNameCapacity, nullptr,
+                                          nullptr, nullptr, nullptr, nullptr));
+    };
+    if (statement.session().quirks().narrow) {
+        SQLCHAR name[kNameCapacity] = {};
+        readInto(manager.SQLDescribeCol, name);
+        return reinterpret_cast<const char*>(name);
+    }
+    SQLWCHAR name[kNameCapacity] = {};
+    readInto(manager.SQLDescribeColW, name);
+    return upToTerminator(name);
 }
 
 }  // namespace
@@ -153,9 +167,26 @@ std::vector<OdbcColumn> describeColumns(const OdbcStatement& statement) {
     SQLSMALLINT count = 0;
     statement.handle().check(statement.manager().SQLNumResultCols(statement.get(), &count));
     std::vector<OdbcColumn> columns;
+    columns.reserve(static_cast<size_t>(std::max<SQLSMALLINT>(count, 0)));
     for (int number = 1; number <= count; ++number) {
         columns.push_back(describe(statement, static_cast<SQLUSMALLINT>(number)));
     }
+    return columns;
+}
+
+void nameColumns(const OdbcStatement& statement, std::vector<Column>& columns) {
+    SQLUSMALLINT number = 0;
+    for (Column& column : columns) {
+        column.name = nameOf(statement, ++number);
+        column.typeName = typeNameOf(statement, number);
+    }
+}
+
+std::vector<Column> describeAndName(const OdbcStatement& statement) {
+    std::vector<Column> columns;
+    for (OdbcColumn& described : describeColumns(statement))
+        columns.push_back(std::move(described.column));
+    nameColumns(statement, columns);
     return columns;
 }
 

@@ -26,7 +26,12 @@ struct OdbcColumn {
     Form form;
 };
 
-/// The columns of a statement that is executed, or prepared.
+/// The columns of a statement that is executed, or prepared; without the names of columns and
+/// types, which take drivers longer than all else, and somebody has to ask for.
 std::vector<OdbcColumn> describeColumns(const OdbcStatement& statement);
+/// Adds these names.
+void nameColumns(const OdbcStatement& statement, std::vector<Column>& columns);
+/// Both.
+std::vector<Column> describeAndName(const OdbcStatement& statement);
 
 }  // namespace embedded

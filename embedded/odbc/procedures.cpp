@@ -103,7 +103,7 @@ std::vector<ProcedureParameter> parametersOf(OdbcSession& session, const Procedu
         const std::int64_t kind = rows->cell(kKind).integer;
         if (kind != SQL_PARAM_INPUT && kind != SQL_PARAM_INPUT_OUTPUT) continue;
         const std::int64_t ordinal =
-            rows->columns().size() > kOrdinal ? rows->cell(kOrdinal).integer : last + 1;
+            rows->columnCount() > kOrdinal ? rows->cell(kOrdinal).integer : last + 1;
         if (!parameters.empty() && (ordinal <= last || textOf(*rows, kSchema) != schema)) {
             throw notSupported("There are several procedures " + inQuotes(name.name) +
                                "; their parameters cannot be told apart.");

@@ -184,8 +184,8 @@ void OdbcProgram::keepTypes() {
     std::vector<std::string> types;
     try {
         prepareOnce();
-        for (const OdbcColumn& described : describeColumns(*m_statement))
-            types.push_back(described.column.typeName);
+        for (Column& column : describeAndName(*m_statement))
+            types.push_back(std::move(column.typeName));
     } catch (const Error&) {
         types.clear();
     }
@@ -204,10 +204,7 @@ const std::vector<Column>& OdbcProgram::columns() {
         m_session.requireAfter(error);
         throw;
     }
-    m_described.clear();
-    for (OdbcColumn& described : describeColumns(*m_statement)) {
-        m_described.push_back(std::move(described.column));
-    }
+    m_described = describeAndName(*m_statement);
     return m_described;
 }
 
@@ -383,7 +380,8 @@ Outcome OdbcProgram::outcomeOf(SQLRETURN result) {
 
 /// Of the first execution, for `keepTypes`.
 void OdbcProgram::noteTypes(ResultSet& rows) {
-    if (m_statement->prepared || !m_statement->answered.empty()) return;
+    if (!m_session.dialect().unguessed || m_statement->prepared || !m_statement->answered.empty())
+        return;
     for (const Column& column : rows.columns()) m_statement->answered.push_back(column.typeName);
 }
 
@@ -424,11 +422,7 @@ SQLRETURN OdbcProgram::toNextResult() {
 std::vector<Column> OdbcProgram::describedAnew() {
     const OdbcStatement statement(m_session);
     statement.prepare(m_sql.text);
-    std::vector<Column> columns;
-    for (OdbcColumn& described : describeColumns(statement)) {
-        columns.push_back(std::move(described.column));
-    }
-    return columns;
+    return describeAndName(statement);
 }
 
 std::unique_ptr<ResultSet> OdbcProgram::nextResult(std::unique_ptr<ResultSet> rows) {

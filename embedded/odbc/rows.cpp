@@ -48,6 +48,9 @@ constexpr size_t kMostRows = 64;
 constexpr size_t kMostBytes = size_t{64} * 1024;  // of a column
 constexpr size_t kLeastWidth = 256;
 
+/// Memory that a statement which waits to be used again keeps bound, in bytes.
+constexpr size_t kMostKept = size_t{32} * 1024;
+
 /// Bytes that the driver puts behind a value.
 size_t terminatorOf(Form form) noexcept {
     return traitsOf(form).cType == SQL_C_BINARY ? 0 : traitsOf(form).unit;
@@ -86,6 +89,10 @@ class OdbcRows final : public ResultSet {
     OdbcRows(std::shared_ptr<OdbcStatement> statement, bool last)
         : m_manager(statement->manager()),
           m_statement(std::move(statement)),
+          m_places(m_statement->places
+                       ? std::static_pointer_cast<std::vector<Slot>>(m_statement->places)
+                       : std::make_shared<std::vector<Slot>>()),
+          m_slots(*m_places),
           m_last(last),
           m_mayBlock(m_statement->session().quirks().rowArrays &&
                      m_statement->session().rereadsBound()) {}
@@ -94,7 +101,11 @@ class OdbcRows final : public ResultSet {
     /// To be called once; an object that could not be opened unbinds what it had bound.
     void open();
 
-    const std::vector<Column>& columns() override { return m_columns; }
+    int columnCount() override { return static_cast<int>(m_columns.size()); }
+    const ColumnType& type(int column) override {
+        return m_columns[static_cast<size_t>(column)].type;
+    }
+    const std::vector<Column>& columns() override;
     bool next() override;
     Cell cell(int column) override;
 
@@ -119,23 +130,28 @@ class OdbcRows final : public ResultSet {
         Temporal temporal{};      ///< of a date or timestamp
     };
 
+    bool takeBound(const std::vector<OdbcColumn>& described);
+    bool unbind();
+    bool mayStayBound() const;
     bool fetch();
     void layOut();
     bool setRows(size_t rows) noexcept;
     void complete(Slot& slot, SQLUSMALLINT number);
     bool isDoubtful(Slot& slot) const;
     void readWhole(Slot& slot, SQLUSMALLINT number);
-    void takeBytes(Slot& slot, SQLUSMALLINT number) const;
+    void takeBytes(Slot& slot, SQLUSMALLINT number);
     void bindColumns();
     void finish();
-    [[noreturn]] void refuse(size_t index, const std::string& what) const;
+    [[noreturn]] void refuse(size_t index, const std::string& what);
     static bool readTemporal(Slot& slot);
 
     const DriverManager& m_manager;
     const std::shared_ptr<OdbcStatement> m_statement;
+    const std::shared_ptr<std::vector<Slot>> m_places;
+    std::vector<Slot>& m_slots;
     const bool m_last;
     std::vector<Column> m_columns;
-    std::vector<Slot> m_slots;
+    bool m_isNamed = false;  ///< the columns are
     bool m_ended = false;
 
     // The rows that one fetch brings.
@@ -150,17 +166,56 @@ class OdbcRows final : public ResultSet {
 };
 
 void OdbcRows::open() {
-    for (OdbcColumn& described : describeColumns(*m_statement)) {
-        m_columns.push_back(std::move(described.column));
-        m_slots.emplace_back(described.form);
+    std::vector<OdbcColumn> described = describeColumns(*m_statement);
+    const bool isBound = takeBound(described);
+    for (OdbcColumn& column : described) {
+        m_columns.push_back(std::move(column.column));
+        if (!isBound) m_slots.emplace_back(column.form);
     }
-    bindColumns();
+    // Behind the last result nothing is described.
+    if (m_last) columns();
+    if (!isBound) bindColumns();
+}
+
+/// Whether the columns are bound already, since the execution before had the same.
+bool OdbcRows::takeBound(const std::vector<OdbcColumn>& described) {
+    if (!m_statement->places) return false;
+    m_statement->places.reset();
+    const bool isSame = std::equal(
+        m_slots.begin(), m_slots.end(), described.begin(), described.end(),
+        [](const Slot& slot, const OdbcColumn& column) { return slot.form == column.form; });
+    if (!isSame) m_statement->handle().check(unbind() ? SQL_SUCCESS : SQL_ERROR);
+    for (Slot& slot : m_slots) slot.longest = 0;
+    return isSame;
+}
+
+bool OdbcRows::unbind() {
+    const bool done = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND));
+    if (done) m_slots.clear();
+    return done;
+}
+
+const std::vector<Column>& OdbcRows::columns() {
+    if (!m_isNamed) nameColumns(*m_statement, m_columns);
+    m_isNamed = true;
+    return m_columns;
+}
+
+/// Whether it is worth it for the next execution.
+bool OdbcRows::mayStayBound() const {
+    size_t bytes = 0;
+    for (const Slot& slot : m_slots) bytes += slot.buffer.size() + slot.whole.size();
+    const bool isComplete =
+        std::all_of(m_slots.begin(), m_slots.end(), [](const Slot& slot) { return slot.bound; });
+    return m_statement->prepared && isComplete && m_status.empty() && bytes <= kMostKept;
 }
 
 OdbcRows::~OdbcRows() {
     const bool closed = m_statement->keepsResults ||
                         SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE));
-    const bool unbound = SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_UNBIND));
+    const bool stays = mayStayBound();
+    if (stays) m_statement->places = m_places;
+    const bool unbound = stays || unbind();
     const bool single = m_status.empty() || setRows(1);
     if (!closed || !unbound || !single || m_statement->interrupted) m_statement->unusable = true;
 }
@@ -303,7 +358,7 @@ bool OdbcRows::isDoubtful(Slot& slot) const {
 
 /// Takes a value of any length as it lies there. A length in characters instead of bytes, say,
 /// would truncate a text unseen.
-void OdbcRows::takeBytes(Slot& slot, SQLUSMALLINT number) const {
+void OdbcRows::takeBytes(Slot& slot, SQLUSMALLINT number) {
     const size_t terminator = terminatorOf(slot.is);
     const char* const end = slot.value + slot.length;
     const bool whole = terminator <= 1 || slot.length % 2 == 0;
@@ -378,10 +433,10 @@ void OdbcRows::readWhole(Slot& slot, SQLUSMALLINT number) {
     }
 }
 
-void OdbcRows::refuse(size_t index, const std::string& what) const {
+void OdbcRows::refuse(size_t index, const std::string& what) {
     throw Error(
         "22018",
-        "Column " + std::to_string(index + 1) + " \"" + m_columns[index].name + "\": " + what + ".",
+        "Column " + std::to_string(index + 1) + " \"" + columns()[index].name + "\": " + what + ".",
         native::kMismatch);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -60,6 +61,10 @@ class OdbcStatement {
         m_timeout = seconds;
     }
     SQLULEN timeout() const noexcept { return m_timeout; }
+
+    /// Where the driver puts rows, with what `OdbcRows` knows of it, while it stays bound between
+    /// two executions. In front of the handle, which goes first.
+    std::shared_ptr<void> places;
 
     bool isDeaf = false;  ///< no interruption reaches it
 

@@ -45,6 +45,9 @@ class Block {
     // Fetches; false when the rows are over.
     bool Load(SQLHSTMT statement);
     bool HasRow() const { return m_next < m_count; }
+    // Whether the last fetch has told already that these are the last rows: it found fewer than it
+    // had room for.
+    bool KnowsEnd() const { return !m_cellByCell && m_count > 0 && m_count < m_size; }
     // The next of the rows; throws for one that cannot be told, which then is passed over.
     PyRef Take();
     // For who reads the rows at hand column by column: how many come before one that cannot be

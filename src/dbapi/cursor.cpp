@@ -115,6 +115,7 @@ PyRef Next(CursorObject* self, Statement& statement) {
         Link& link = *self->link;
         const Link::Turn turn(link);
         // It may have been lost meanwhile.
+        if (statement.WantsLoading() && statement.KnowsEnd()) statement.Load();
         if (statement.WantsLoading()) link.Wait(statement.Handle(), [&] { statement.Load(); });
     }
     PyRef row = NextTuple(self, statement);

@@ -51,6 +51,8 @@ class Statement {
     bool WantsLoading() const {
         return m_hasRows && !m_block.HasRow() && !m_failed && !m_lost.state;
     }
+    // Whether that needs no wait.
+    bool KnowsEnd() const { return m_block.KnowsEnd(); }
     void Load();
     // The next row as a tuple, or null after the last. A failure behind the rows so far is thrown
     // when they are read; one of a row, when that comes; one of a cell, as a CellFailure.

@@ -21,8 +21,13 @@ constexpr std::chrono::milliseconds kAgain{200};
 
 unsigned g_forks = 0;
 unsigned long g_mainThread = 0;
-PyObject* g_getsignal = nullptr;
+PyObject* g_signals = nullptr;         // the module
+PyCFunction g_getsignal = nullptr;     // of it
 PyObject* g_defaultHandler = nullptr;  // of Ctrl-C
+
+// Functions of real-time signals are not looked for: they run after the call.
+constexpr int kFirstRealTime = 32;
+PyObject* g_numbers[kFirstRealTime] = {};
 
 void BlockSignals() {
     sigset_t all;
@@ -104,22 +109,21 @@ Worker* TakeWorker() {
     return new Worker();
 }
 
-// Whether no signal runs a function in Python but Ctrl-C, and that the one which raises
-// KeyboardInterrupt. Functions of real-time signals are not looked for: they run after the call.
-bool OnlyCtrlCIsHandled() {
-    struct sigaction installed {};
-    sigaction(SIGINT, nullptr, &installed);
-    // Another library's, in front of Python's.
-    if ((static_cast<unsigned>(installed.sa_flags) & SA_SIGINFO) != 0) return false;
-    constexpr int kFirstRealTime = 32;
+enum class Handled { Nothing, CtrlC, Others };
+
+// Which signals run functions in Python: none, Ctrl-C alone, and the one which raises
+// KeyboardInterrupt, or others, too. Asked before every call.
+Handled WhatIsHandled() {
+    Handled handled = Handled::Nothing;
     for (int number = 1; number < kFirstRealTime; ++number) {
-        const PyRef boxed = Checked(PyLong_FromLong(number));
-        const PyRef handler =
-            Checked(PyObject_CallFunctionObjArgs(g_getsignal, boxed.Get(), nullptr));
-        const bool isDefault = number == SIGINT && handler.Get() == g_defaultHandler;
-        if (!isDefault && PyCallable_Check(handler.Get())) return false;
+        const PyRef handler = Checked(g_getsignal(g_signals, g_numbers[number]));
+        if (number == SIGINT && handler.Get() == g_defaultHandler) {
+            handled = Handled::CtrlC;
+        } else if (PyCallable_Check(handler.Get())) {
+            return Handled::Others;
+        }
     }
-    return true;
+    return handled;
 }
 
 // Has Ctrl-C cancel what the main thread does itself, from a thread that waits for it. Like a
@@ -133,33 +137,49 @@ class CtrlCWatch {
         return *watch;
     }
 
-    void Run(const std::function<void()>& work, const std::function<void()>& cancel) {
-        struct sigaction python {};
-        sigaction(SIGINT, nullptr, &python);
-        struct sigaction ours = python;
-        ours.sa_handler = OnCtrlC;
-        // In a child that was forked in the middle of a call it is there already.
-        if (python.sa_handler != OnCtrlC) s_next = python.sa_handler;
-        const bool isHandled = s_next != SIG_DFL && s_next != SIG_IGN;
+    // False if what is there is not of Python's kind, and nothing is done.
+    bool Run(const std::function<void()>& work, const std::function<void()>& cancel) {
         SetCancel(&cancel);
         s_watch = this;
-        if (isHandled) sigaction(SIGINT, &ours, nullptr);
+        if (!Install()) {
+            SetCancel(nullptr);
+            return false;
+        }
         // Nobody has seen what came just before.
         const bool isLate = PyErr_CheckSignals() < 0;
         bool wasCancelled = false;
         {
             const Unlocked unlocked;
             if (!isLate) work();
-            if (isHandled) sigaction(SIGINT, &python, nullptr);
+            sigaction(SIGINT, &m_theirs, nullptr);
             wasCancelled = SetCancel(nullptr);
         }
         if (isLate || (wasCancelled && PyErr_CheckSignals() < 0)) throw PythonError();
+        return true;
     }
 
   private:
     CtrlCWatch() : m_forks(ForkCount()) {
         sem_init(&m_wake, 0, 0);
         std::thread([this] { Serve(); }).detach();
+    }
+
+    // Puts ours in front of what is there, which mostly is what was there the last time: a call of
+    // the system for each wait counts.
+    bool Install() {
+        const bool isTried = m_ours.sa_handler != nullptr;
+        sigaction(SIGINT, isTried ? &m_ours : nullptr, &m_theirs);
+        const auto theirs = m_theirs.sa_handler;
+        if (isTried && theirs == s_next) return true;
+        if (isTried) sigaction(SIGINT, &m_theirs, nullptr);
+        const bool isOther = (static_cast<unsigned>(m_theirs.sa_flags) & SA_SIGINFO) != 0;
+        if (isOther || theirs == SIG_DFL || theirs == SIG_IGN) return false;
+        // In a child that was forked in the middle of a call it is there already.
+        if (theirs != OnCtrlC) s_next = theirs;
+        m_ours = m_theirs;
+        m_ours.sa_handler = OnCtrlC;
+        sigaction(SIGINT, &m_ours, nullptr);
+        return true;
     }
 
     // In front of Python's own.
@@ -201,6 +221,8 @@ class CtrlCWatch {
     static inline std::atomic<void (*)(int)> s_next;
 
     const unsigned m_forks;
+    struct sigaction m_ours {};
+    struct sigaction m_theirs {};
     sem_t m_wake{};
     std::mutex m_mutex;
     const std::function<void()>* m_cancel = nullptr;
@@ -268,11 +290,23 @@ bool InitWaiting() {
     if (!number) return false;
     g_mainThread = PyLong_AsUnsignedLong(number.Get());
     // Not that of the module "signal", which makes an enum of each answer.
-    const PyRef signals(PyImport_ImportModule("_signal"));
+    PyRef signals(PyImport_ImportModule("_signal"));
     if (!signals || PyErr_Occurred()) return false;
-    g_getsignal = PyObject_GetAttrString(signals.Get(), "getsignal");
+    const PyRef getsignal(PyObject_GetAttrString(signals.Get(), "getsignal"));
     g_defaultHandler = PyObject_GetAttrString(signals.Get(), "default_int_handler");
-    return g_getsignal && g_defaultHandler;
+    if (!getsignal || !g_defaultHandler) return false;
+    // For a function with one argument the interpreter does no more.
+    if (!PyCFunction_Check(getsignal.Get()) || PyCFunction_GetFlags(getsignal.Get()) != METH_O) {
+        PyErr_SetString(PyExc_ImportError, "signal.getsignal() is none of the interpreter's own");
+        return false;
+    }
+    g_getsignal = PyCFunction_GetFunction(getsignal.Get());
+    for (int signal = 1; signal < kFirstRealTime; ++signal) {
+        g_numbers[signal] = PyLong_FromLong(signal);
+        if (!g_numbers[signal]) return false;
+    }
+    g_signals = signals.Release();
+    return true;
 }
 
 bool InMainThread() {
@@ -299,7 +333,13 @@ void Watched::Restore() {
 }
 
 void WaitCancellably(const std::function<void()>& work, const std::function<void()>& cancel) {
-    if (OnlyCtrlCIsHandled()) return CtrlCWatch::Get().Run(work, cancel);
+    const Handled handled = WhatIsHandled();
+    if (handled == Handled::Nothing) {
+        const Unlocked unlocked;
+        work();
+        return;
+    }
+    if (handled == Handled::CtrlC && CtrlCWatch::Get().Run(work, cancel)) return;
     Worker* const worker = TakeWorker();
     RaisedAside raised;
     PyThreadState* const state = PyEval_SaveThread();
