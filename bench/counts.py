@@ -79,7 +79,7 @@ def measure():
 
     def point():
         for _ in range(EXECUTES):
-            full.execute("SELECT 1 text 1 WHERE a = ?", (5,)).fetchone()
+            full.execute("SELECT 1 text 1 WHERE a = ?", (5,)).fetchall()
 
     counted("statement without rows", execute, "UPDATE t SET a = 1")
     counted("query of one column", execute, "SELECT 1 int 0")

@@ -36,6 +36,10 @@ constexpr Dialect mariaDb() noexcept {
 constexpr std::string_view kUnreadForPostgres[] = {"0A000", "22019", "22021", "22025",
                                                    "22P06", "42601", "42622", "54001"};
 
+// What its driver says of itself when the savepoint of its own before a statement, or the way back
+// to it, was cancelled or failed: it has rolled back the whole transaction, and says no more.
+constexpr int kUndoneByPostgresDriver[] = {8};
+
 constexpr NamedDialect kDialects[] = {
     {"PostgreSQL",
      {.syntax = {.escapeStrings = true,
@@ -43,6 +47,7 @@ constexpr NamedDialect kDialects[] = {
                  .nestedComments = true,
                  .dollarQuotes = true},
       .unreadable = kUnreadForPostgres,
+      .undone = kUndoneByPostgresDriver,
       // Its driver takes no savepoint for the beginning of a transaction: if the next statement
       // fails, it rolls back all, with the savepoint.
       .beforeSavepoint = "SELECT 1",

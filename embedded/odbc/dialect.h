@@ -19,8 +19,8 @@ struct Dialect {
     /// SQLSTATEs of texts that the server cannot even read. The driver's savepoint is in the same
     /// message, and so was never made: the driver rolls back the whole transaction.
     std::span<const std::string_view> unreadable = {};
-    /// The native codes behind which the server itself has rolled back the whole transaction, with
-    /// its savepoints.
+    /// The native codes behind which the server itself, or its driver, has rolled back the whole
+    /// transaction, with its savepoints.
     std::span<const int> undone = {};
     /// What has to come before the first savepoint of a transaction; null for nothing.
     const char* beforeSavepoint = nullptr;

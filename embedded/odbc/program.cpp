@@ -509,8 +509,7 @@ SQLLEN OdbcProgram::runArray(ParameterSets& sets, OdbcParameters& parameters, SQ
         if (!array.accepted()) throw Error("HY000", "The driver takes arrays of some sizes only.");
         const SQLRETURN result = executeOnce();
         // Later calls would replace what the driver has to say.
-        if (result == SQL_SUCCESS_WITH_INFO && !array.complete())
-            throw m_statement->handle().failure();
+        if (result == SQL_SUCCESS_WITH_INFO && !array.complete()) throw m_statement->failure();
         const SQLLEN changed = countAll(result);
         if (!array.complete()) {
             throw Error("HY000", "The driver has not executed every parameter set of the batch.");

@@ -29,10 +29,15 @@ class OdbcStatement {
         const SQLRETURN result = call();
         interrupted |= running.end();
         if (SQL_SUCCEEDED(result) || result == SQL_NO_DATA) return result;
-        const Error error = m_handle.failure();
+        const Error error = failure();
         const int cancelled = m_session.quirks().cancelled;
         const bool isCancelled = cancelled != 0 && error.native() == cancelled;
         throw isCancelled || isOutOfOrder(error) ? whyOutOfOrder() : error;
+    }
+
+    /// What the last call reported. Interrupted, a driver may fail without a word.
+    Error failure() const {
+        return interrupted && m_handle.state().empty() ? whyOutOfOrder() : m_handle.failure();
     }
 
     /// Whether it is because of an interruption.

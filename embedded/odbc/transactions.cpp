@@ -228,6 +228,9 @@ void OdbcTransactions::Atomic::undo() noexcept {
         for (const char* verb : {dialect.rollbackTo, dialect.release}) {
             if (verb) m_transactions.insist([&] { m_transactions.run(verb + m_savepoint); });
         }
+    } catch (const Error& error) {
+        m_transactions.failed(error);
+        if (!m_transactions.m_lost) m_transactions.m_session.setUnusable();
     } catch (...) {
         m_transactions.m_session.setUnusable();
     }
