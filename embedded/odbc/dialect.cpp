@@ -51,6 +51,7 @@ constexpr NamedDialect kDialects[] = {
       // Its driver takes no savepoint for the beginning of a transaction: if the next statement
       // fails, it rolls back all, with the savepoint.
       .beforeSavepoint = "SELECT 1",
+      .noSavepoint = "3B001",
       .wrongCall = "42809",
       .stalePlan = "0A000",
       .unguessed = "42P18",

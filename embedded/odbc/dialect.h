@@ -27,6 +27,8 @@ struct Dialect {
     const char* savepoint = "SAVEPOINT ";
     const char* rollbackTo = "ROLLBACK TO SAVEPOINT ";
     const char* release = "RELEASE SAVEPOINT ";  ///< null: there is none, and no need
+    /// What the server says to a savepoint that it does not have; null for nothing of its own.
+    const char* noSavepoint = nullptr;
 
     /// What the server says to the driver's call escape for a procedure that has to be called with
     /// CALL; null where no such thing happens.

@@ -547,6 +547,11 @@ std::unique_ptr<Program> prepareOdbc(OdbcTransactions& transactions, IdleStateme
     };
     if (isOneOf(quirks.unreadable))
         throw notSupported("The driver cannot read what the server sends after this statement.");
+    if (quirks.splitsTexts && text.hasParts() && !text.isBlock() && text.has({{"CALL", ""}})) {
+        throw notSupported(
+            "The driver cannot read what the server sends for a CALL among other statements; BEGIN "
+            "NOT ATOMIC … END around them lets it.");
+    }
     if (auto program = prepareParameterQuery(session, text)) return program;
     auto call = driverCall(session, text);
     MarkedSql marked =

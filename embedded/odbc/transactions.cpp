@@ -229,6 +229,10 @@ void OdbcTransactions::Atomic::undo() noexcept {
             if (verb) m_transactions.insist([&] { m_transactions.run(verb + m_savepoint); });
         }
     } catch (const Error& error) {
+        // One that went with all of its transaction: drivers roll back when they are cancelled
+        // between two steps of theirs.
+        const char* const gone = m_transactions.m_session.dialect().noSavepoint;
+        m_transactions.m_lost |= !m_savepoint.empty() && gone && error.state() == gone;
         m_transactions.failed(error);
         if (!m_transactions.m_lost) m_transactions.m_session.setUnusable();
     } catch (...) {

@@ -180,6 +180,21 @@ TEST_F(DriverBatches, AreUndoneWhenTheyAreCancelled) {
     EXPECT_EQ("23505", batch(statement).substr(0, 5));
     EXPECT_EQ(Rows{}, calls({"SQLCancel"}));
     EXPECT_EQ(4, script.calls["SQLExecDirectW"]);
+    // A driver may have ended all of the transaction then.
+    dialect(u"PostgreSQL");
+    Connection lost(kDriverText);
+    lost.autocommit(false);
+    {
+        Statement other(lost.handle);
+        script.calls.clear();
+        script.diagnostics = {{u"3B001", 1, u"no such savepoint"}};
+        script.answers["SQLExecDirectW"] = failing(3, 9);
+        EXPECT_EQ("3B001", batch(other).substr(0, 5));
+        script.answers.clear();
+    }
+    lost.expect("DELETE FROM t => !25P02");
+    lost.expect("ROLLBACK");
+    lost.expect("DELETE FROM t => #3");
 }
 
 TEST_F(DriverBatches, InATransactionOfTheApplicationAreUndoneAlone) {

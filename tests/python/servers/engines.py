@@ -182,7 +182,7 @@ class MariaDB(Sourced):
                 ("INSERT INTO t VALUES (NULL, NULL)", "23000", "cannot be null")]
     # A body with semicolons is one statement.
     refused = ["VALUES (1)", "/* c */ OPTIMIZE TABLE t", "XA RECOVER", "(VALUES (1))", "DO 1",
-               "ALTER TABLE t CHECK PARTITION ALL"]
+               "ALTER TABLE t CHECK PARTITION ALL", "SELECT 1; CALL nothing()"]
     procedures = ["CREATE OR REPLACE PROCEDURE put(a INTEGER, b TEXT)"
                   " BEGIN DECLARE n INTEGER DEFAULT a; INSERT INTO t VALUES (n, b); END",
                   "CREATE PROCEDURE tell(a INTEGER, b TEXT) SELECT a, b"]

@@ -300,7 +300,8 @@ def test_large_batches_are_stored_as_they_are(table, connect):
     assert stored(connect()) == rows
     table.executemany("UPDATE t SET b = ? WHERE a = ?", [("", i) for i in range(1, 11)])
     table.executemany("DELETE FROM t WHERE a = ?", [(i,) for i in range(11, 5001)])
-    assert stored(connect()) == [(i, "") for i in range(1, 11)]
+    table.executemany("INSERT INTO t SELECT a + 10, b FROM t WHERE a = ?", [(9,), (10,), (2000,)])
+    assert stored(connect()) == [(i, "") for i in [*range(1, 11), 19, 20]]
 
 
 def test_transactions(table, connect):
