@@ -160,11 +160,11 @@ void Link::Run(const char* sql, bool canBeCancelled) {
 }
 
 void Link::BeginOnSqlite() {
-    if (m_database.isSqlite && !InTransaction()) Run("BEGIN");
+    if (IsSqliteItself() && !InTransaction()) Run("BEGIN");
 }
 
 void Link::RefuseLostBatch() {
-    if (KeepsOut() && m_database.isSqlite && !InTransaction()) throw LostBatch();
+    if (KeepsOut() && IsSqliteItself() && !InTransaction()) throw LostBatch();
 }
 
 void Link::SetSavepoint() {

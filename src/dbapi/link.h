@@ -180,6 +180,8 @@ class Link {
     static int LookIn(void* link);
     static bool IsThisThread(unsigned long thread) { return thread == PyThread_get_thread_ident(); }
 
+    // Not behind a driver, which has a transaction begin by itself.
+    bool IsSqliteItself() const { return m_database.isSqlite && m_isWatched; }
     void Enter();
     void NoteRunning(SQLHSTMT statement);
     void FreeHandles();
