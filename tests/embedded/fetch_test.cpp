@@ -253,9 +253,9 @@ TEST_F(FetchTest, AFailureBehindRowsIsReportedByTheNextFetch) {
         statement.set(SQL_ATTR_ROW_ARRAY_SIZE, block);
         RT_SQLBindCol(kDriver, statement.handle, 1, SQL_C_SBIGINT, values, 0, nullptr);
         ASSERT_EQ(SQL_SUCCESS, statement.run("SELECT abs(column1) FROM"
-                                             " (VALUES (1), (-2), (-9223372036854775808))"));
-        for (SQLULEN row = 0; row < 2; row += block) EXPECT_EQ(SQL_SUCCESS, statement.fetch());
-        EXPECT_EQ(2, values[block == 1 ? 0 : 1]);
+                                             " (VALUES (-2), (-9223372036854775808))"));
+        EXPECT_EQ(SQL_SUCCESS, statement.fetch());
+        EXPECT_EQ(2, values[0]);
         EXPECT_EQ("22003", statement.stateOf(statement.fetch()));
         EXPECT_EQ("24000", statement.stateOf(statement.fetch()));  // the cursor is closed
     }

@@ -45,6 +45,7 @@ EXEC zero => !no value for its parameter 'x'
 )");
     EXPECT_EQ(SQL_ERROR, early.execute());  // prepared for the old one
     connection.expect(R"(
+DROP PROCEDURE zero, other => !end of the statement expected
 DROP PROCEDURE "ZERO";
 DROP PROCEDURE zero => !42S02
 DROP PROCEDURE IF EXISTS zero
