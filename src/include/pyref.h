@@ -4,9 +4,9 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
-#include <cxxabi.h>
 #include <unistd.h>
 
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -67,9 +67,9 @@ template <class Result, class Body>
 Result CalledFromPython(Result failed, Body&& body) noexcept {
     try {
         return body();
-    } catch (const abi::__forced_unwind&) {
-        StayForEver();
     } catch (...) {
+        // What ends a thread is no exception of C++.
+        if (!std::current_exception()) StayForEver();
         PyErr_NoMemory();
         return failed;
     }
