@@ -43,6 +43,11 @@ provide_servers() {
     rm -f "$no_cluster"
 }
 
+# A bare Debian has Python without it.
+provide_pip() {
+    "$python" -m pip --version >/dev/null 2>&1 || ! is_debian_python || get python3-pip
+}
+
 # For the tests of both in one program.
 provide_pyodbc() {
     PYTHONPATH=$pytest_folder "$python" -c 'import pyodbc' 2>/dev/null && return
@@ -88,6 +93,7 @@ select_tests() {
 
 setup
 provide_servers
+provide_pip
 provide_pyodbc
 provide_public_suite
 provide_sqlalchemy
