@@ -203,7 +203,6 @@ _FUNCTIONS = {"?": "jsonb_exists", "?|": "jsonb_exists_any", "?&": "jsonb_exists
 
 class PGDialect_vorda(common.Dialect, _Reflection, base.PGDialect):
     supports_statement_cache = True
-    supports_sane_rowcount_returning = False
     statement_compiler = PGCompiler_vorda
     colspecs = _COLSPECS
     odbc_driver = "PostgreSQL Unicode"

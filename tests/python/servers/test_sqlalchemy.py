@@ -11,6 +11,7 @@ import time
 import pytest
 
 sa = pytest.importorskip("sqlalchemy")
+from sqlalchemy import orm  # noqa: E402
 from sqlalchemy.dialects import mysql, postgresql  # noqa: E402
 
 pytestmark = pytest.mark.parametrize("engine", ["sqlite", "postgresql", "mariadb"],
@@ -87,6 +88,30 @@ def test_values_come_back(engine, db):
                 query = sa.select(column.label("x")).distinct().order_by(column.desc())
                 assert len(connection.execute(query).all()) == 2
         table.drop(connection)
+
+
+def test_the_orm_sees_that_another_was_faster(engine, db):
+    """With a default of the server's, the update comes with RETURNING where there is that."""
+    class Row:
+        pass
+
+    table = sa.Table("t", sa.MetaData(), sa.Column("id", sa.Integer, primary_key=True),
+                     sa.Column("version", sa.Integer, nullable=False), sa.Column("x", sa.Integer),
+                     sa.Column("y", sa.Integer, server_onupdate=sa.FetchedValue()))
+    registry = orm.registry(metadata=table.metadata)
+    registry.map_imperatively(Row, table, version_id_col=table.c.version, eager_defaults=True)
+    table.create(db)
+    with orm.Session(db) as session:
+        session.add(Row(id=1, x=0))
+        session.commit()
+        mine = session.get(Row, 1)
+        with db.begin() as other:
+            other.execute(table.update().values(version=9))
+        mine.x = 1
+        with pytest.raises(orm.exc.StaleDataError):
+            session.flush()
+        session.rollback()
+    table.drop(db)
 
 
 KILL = {"postgresql": "SELECT pg_terminate_backend(pg_backend_pid())",

@@ -34,7 +34,11 @@ def url_of(engine):
 @pytest.mark.parametrize("engine", ["sqlite", "postgresql", "mariadb"], indirect=True)
 def test_sqlalchemys_own_suite_passes(engine, tmp_path):
     suite = shutil.copytree(str(FOLDER), str(tmp_path / "suite"))
+    # A choice among our tests is none among these.
+    environment = {key: value for key, value in os.environ.items() if key != "PYTEST_ADDOPTS"}
     done = subprocess.run([sys.executable, "-m", "pytest", "--dburi", url_of(engine)], cwd=suite,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8")
+                          env=environment, encoding="utf-8",
+                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     assert done.returncode == 0, done.stdout[-20000:]
-    assert int(re.search(r"(\d+) passed", done.stdout).group(1)) > 900
+    least = 450 if sqlalchemy.__version__.startswith("1.") else 900
+    assert int(re.search(r"(\d+) passed", done.stdout).group(1)) > least
