@@ -83,8 +83,6 @@ references() {
         return
     fi
     with "$(command -v python3-dbg)"
-    # By its canonical name Debian's Python.h finds the configuration of the release build beside it.
-    export CXXFLAGS=-fno-canonical-system-headers
     build release $package_targets vorda_scripted_runtime vorda_scripted_compat
     export PYTEST_ADDOPTS="-k 'test_references or test_reentrancy or keep_and_lose_no_reference'"
     run_tests references references
