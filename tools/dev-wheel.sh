@@ -12,12 +12,14 @@ provide_tools() {
     "$python" -m venv --system-site-packages "$work/tools"
 }
 
-# pip_wheel PYTHON SOURCE TARGET [OPTION]...: the build folder stands in the same place in each source, for
-# the compiler cache's sake.
+# pip_wheel PYTHON SOURCE TARGET [OPTION]...: the compiler is called as for the tests, and in a folder at the same
+# depth: the compiler cache has it all then.
 pip_wheel() {
     builder=$1; source=$2; target=$3; shift 3
     rm -rf "$source/build/wheel"
-    CCACHE_BASEDIR=$source "$builder" -m pip wheel --quiet --disable-pip-version-check --no-deps \
+    CXX=c++ CMAKE_GENERATOR="Unix Makefiles" CMAKE_BUILD_PARALLEL_LEVEL=$jobs CCACHE_BASEDIR=$source \
+        "$builder" -m pip wheel --quiet --disable-pip-version-check --no-deps \
+        --config-settings "cmake.define.VORDA_WARNINGS_AS_ERRORS=$strict" \
         --config-settings build-dir=build/wheel --wheel-dir "$target" "$@" "$source"
 }
 
@@ -112,11 +114,11 @@ clean="$work/clean Ü"
 trap 'rm -rf "$work"' EXIT
 say "tools to build with"
 if provide_tools; then
-    use_compiler_cache
-    say "building the sdist and the wheel"
-    build_all || fail "cannot build"
     # What a few tests compare an installed package with.
     build release vorda_scripted_runtime vorda_scripted_compat
+    strict=$(sed -n 's/^VORDA_WARNINGS_AS_ERRORS:.*=//p' "$folder/CMakeCache.txt")
+    say "building the sdist and the wheel"
+    build_all || fail "cannot build"
     for step in wheel_tests installed_tests types uninstall; do
         say "$step"
         $step || failed="$failed, $step"
