@@ -101,5 +101,6 @@ say "building for $python"
 build release $package_targets
 start_tests
 [ $# = 0 ] || select_tests "$1"
-run_tests servers servers
+# Clusters' tests wait for their servers most of the time.
+run_tests servers servers -j $((jobs + 1))
 finish_tests
