@@ -149,7 +149,8 @@ constexpr NamedQuirks kQuirks[] = {
       .comesAsText = AsText::Temporals,
       .keepsNul = true,
       .unreadable = kUnreadByMaria,
-      .splitsTexts = true}},
+      .splitsTexts = true,
+      .mistakesDirect = true}},
     {"sqlite3odbc", "sqlite", kSqlite},
     {"sqliteodbc", "sqlite", kSqlite},
 };

@@ -79,6 +79,9 @@ struct DriverQuirks {
     /// It splits texts at their semicolons, those of a body too, behind which it must not be asked
     /// for the next result; what is not read of several results keeps everything else waiting.
     bool splitsTexts = false;
+    /// What it is to execute once it sends along with its preparation. Where the server refuses
+    /// that, it executes the statement that was prepared before, whichever that is.
+    bool mistakesDirect = false;
     bool staleTypes = false;  ///< a prepared statement keeps a table's old column types
     bool narrow = false;      ///< it knows no wide functions, and takes UTF-8 in the others
     /// Where a connection is lost it may say HY000, and knows without asking the server.

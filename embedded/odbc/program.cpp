@@ -159,7 +159,7 @@ bool OdbcProgram::mayPrepare() const {
 }
 
 SQLRETURN OdbcProgram::executeOnce() {
-    if (m_statement->executed && mayPrepare()) prepareOnce();
+    if ((m_statement->executed || m_session.quirks().mistakesDirect) && mayPrepare()) prepareOnce();
     m_statement->executed = true;
     m_statement->interrupted = false;
     if (!m_statement->prepared) return m_statement->executeDirect(m_sql.text);

@@ -156,7 +156,8 @@ bool OdbcTransactions::inTransaction() {
 bool OdbcTransactions::answersYes(std::string_view query) {
     auto statement = std::make_shared<OdbcStatement>(m_session);
     statement->isDeaf = true;
-    statement->executeDirect(query);
+    statement->prepare(query);
+    statement->run([&] { return statement->manager().SQLExecute(statement->get()); });
     const auto rows = makeOdbcRows(std::move(statement));
     if (!rows->next()) return false;
     const Cell answer = rows->cell(0);  // a text where the number is unsigned

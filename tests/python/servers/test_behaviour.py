@@ -269,6 +269,21 @@ def test_several_cursors_of_one_connection(table):
 # --- batches and transactions ---------------------------------------------------------------------
 
 
+@pytest.mark.parametrize("engine", ["mariadb"], indirect=True)
+def test_what_cannot_be_prepared_is_not_another_statement(table, connect, driver):
+    table.execute("INSERT INTO t VALUES (1, 'old')")
+    with contextlib.closing(connect()) as other:
+        for _ in range(2):
+            table.execute("UPDATE t SET b = concat(b, ?)", ("!",))
+        other.execute("SET GLOBAL max_prepared_stmt_count = 0")
+        try:
+            with pytest.raises(driver.DatabaseError, match="max_prepared_stmt_count"):
+                table.execute("SELECT a FROM t WHERE b = ?", ("?",))
+        finally:
+            other.execute("SET GLOBAL max_prepared_stmt_count = DEFAULT")
+        assert stored(other) == [(1, "old!!")]
+
+
 @pytest.mark.parametrize("failing, rows", [
     ("a duplicate", [(i, "new") for i in range(1, 201)]),
     ("behind many", [(i, "new") for i in range(1000, 12000)] + [(100, "new")]),
