@@ -104,15 +104,16 @@ class Writer:
 
     def recover(self, state):
         """Goes on behind a failure: with a connection that lives, or a new one."""
-        if state not in UNDONE and not state.startswith("23"):
-            with contextlib.suppress(self.driver.DatabaseError):
-                self.connection.close()
-            self.strings.rotate(-1)
-            self.connect()
-        elif self.is_dbapi:
-            self.connection.rollback()
-        elif self.within:
-            self.connection.cursor().execute("ROLLBACK")
+        with contextlib.suppress(self.driver.DatabaseError):  # the server may be gone since
+            if state in UNDONE or state.startswith("23"):
+                if self.is_dbapi:
+                    self.connection.rollback()
+                elif self.within:
+                    self.connection.cursor().execute("ROLLBACK")
+                return
+            self.connection.close()
+        self.strings.rotate(-1)
+        self.connect()
 
 
 def main(driver, ledger, seed, slot, *strings):

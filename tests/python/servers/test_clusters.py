@@ -161,7 +161,9 @@ def writers(cluster, tmp_path, make):
     slots = itertools.cycle(MORTAL)
 
     def start(slot):
-        strings = cluster.writable[slot // 2:] + cluster.writable[:slot // 2]
+        # The next server has what the last one acknowledged.
+        strings = [string + cluster.causal
+                   for string in cluster.writable[slot // 2:] + cluster.writable[:slot // 2]]
         return subprocess.Popen(
             [sys.executable, cluster_writer.__file__, DRIVERS[slot], ledgers[slot], str(SEED),
              str(slot), *strings], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
