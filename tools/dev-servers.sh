@@ -6,7 +6,7 @@ want() {
     packages=
     while [ "$1" != for ]; do packages="$packages $1"; shift; done
     # shellcheck disable=SC2086
-    [ -n "$(find /usr/lib /usr/sbin -path "$2" 2>/dev/null | head -n 1)" ] || echo $packages
+    [ -n "$(find /usr/lib /usr/sbin /usr/bin -path "$2" 2>/dev/null | head -n 1)" ] || echo $packages
 }
 
 # Debian's postgresql makes a database cluster and starts it, which nobody asked for: not while this file is there.
@@ -32,6 +32,7 @@ provide_servers() {
         want mariadb-server-core mariadb-client-core for '*/mariadbd'
         # Several of it in one cluster.
         want galera-4 for '*/libgalera_smm.so'
+        want rsync for '/usr/bin/rsync'
         want odbc-mariadb for '*/odbc/libmaodbc.so'
         want libsqliteodbc for '*/odbc/libsqlite3odbc.so')
     [ $# -gt 0 ] || return 0

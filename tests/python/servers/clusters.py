@@ -62,24 +62,31 @@ class Cluster:
         shutil.rmtree(self.folder, ignore_errors=True)
 
 
-# A node that joins asks another one for what it does not have. All begin with the same data, so
-# that the other's log of changes is enough, and only the position in it has to be told.
+# A node that joins asks another one for what it does not have. Where the other's log of changes
+# goes back far enough, only the position in it has to be told; else it sends all its files, and
+# writes nothing meanwhile.
 TRANSFER = """#!/bin/sh
 while [ $# -gt 0 ]; do
     case $1 in
     --role) role=$2 ;;
     --address) address=$2 ;;
-    --datadir) pipe=${2%/}/transfer ;;
+    --datadir) data=${2%/} ;;
     --gtid) position=$2 ;;
     --bypass) bypass=yes ;;
     esac
     shift
 done
 if [ "$role" = joiner ]; then
-    rm -f "$pipe"; mkfifo "$pipe"
-    echo "ready $pipe"; cat "$pipe"
+    rm -f "$data/transfer"; mkfifo "$data/transfer"
+    echo "ready $data/transfer"; cat "$data/transfer"
 else
-    [ "$bypass" ] || { echo "the log does not go back far enough" >&2; exit 1; }
+    if [ ! "$bypass" ]; then
+        echo "flush tables"
+        until [ -s "$data/tables_flushed" ]; do sleep 0.05; done
+        read -r position _ <"$data/tables_flushed"; rm "$data/tables_flushed"
+        rsync -a --exclude=/transfer --exclude=/grastate.dat --exclude=/gvwstate.dat \\
+            --exclude=/galera.cache "$data/" "${address%/*}" >&2 || exit 1
+    fi
     echo continue; echo "$position" >"$address"; echo "done $position"
 fi
 """
@@ -89,7 +96,7 @@ WRAPPER = """PATH={tools}:$PATH; export PATH; state=data/grastate.dat
 if grep -qs 'seqno: *-1' $state; then
     set -- "$@" --wsrep-start-position=$("$@" --wsrep-recover 2>&1 |
         sed -n 's/.*Recovered position: *//p')
-elif ! grep -qs 'safe_to_bootstrap: 0' $state; then
+elif [ -d data/mysql ] && ! grep -qs 'safe_to_bootstrap: 0' $state; then
     set -- "$@" --wsrep-cluster-address=gcomm://
 fi
 exec "$@" """
@@ -115,6 +122,8 @@ class Galera(Cluster):
     def missing(cls):
         if not servers.program("mariadbd") or not cls.provider():
             return "there is no MariaDB with Galera (mariadb-server-core, galera-4)"
+        if not servers.program("rsync"):
+            return "there is no rsync"
         return super().missing()
 
     @property

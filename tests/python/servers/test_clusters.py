@@ -138,11 +138,11 @@ def test_conflict(cluster, make, driver, many):
 
 
 def kill_and_return(cluster, number, pause):
-    """One round: a server is gone for some seconds."""
+    """One round: a server is gone for some seconds. One comes back without its files."""
     cluster.nodes[number].kill()
     if isinstance(cluster, clusters.Galera):
         pause(3)
-        cluster.nodes[number].restart()
+        cluster.nodes[number].restart(["sh", "-ec", "rm -r data; mkdir data"] * (number == 1))
     else:
         pause(1)
         cluster.promote(1 - number)
