@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 
 namespace embedded {
@@ -57,6 +58,17 @@ std::optional<Record> recordOf(const DriverManager& manager, SQLSMALLINT type, S
                   readableText(message, static_cast<size_t>(end - message))};
 }
 
+bool isOutOfOrder(const DriverManager& manager, SQLHANDLE statement) noexcept {
+    SQLWCHAR state[SQL_SQLSTATE_SIZE + 1] = {};
+    SQLWCHAR message[SQL_MAX_MESSAGE_LENGTH] = {};
+    SQLINTEGER code = 0;
+    SQLSMALLINT length = 0;
+    const SQLRETURN result = manager.SQLGetDiagRecW(SQL_HANDLE_STMT, statement, 1, state, &code,
+                                                    message, SQL_MAX_MESSAGE_LENGTH, &length);
+    constexpr SQLWCHAR kOutOfOrder[] = {'H', 'Y', '0', '1', '0'};
+    return SQL_SUCCEEDED(result) && std::equal(kOutOfOrder, std::end(kOutOfOrder), state);
+}
+
 }  // namespace
 
 const DriverManager& DriverManager::instance() {
@@ -81,9 +93,13 @@ OdbcHandle::~OdbcHandle() {
     if (m_type == SQL_HANDLE_DBC) m_manager.SQLDisconnect(m_handle);
     if (SQL_SUCCEEDED(m_manager.SQLFreeHandle(m_type, m_handle)) || m_type != SQL_HANDLE_STMT)
         return;
-    // A statement in the middle of something is let go of only when that is over.
-    m_manager.SQLCancel(m_handle);
-    m_manager.SQLFreeHandle(m_type, m_handle);
+    // In the middle of something it is let go of only when that is over. PostgreSQL's driver
+    // refuses without a word when the connection is lost, and some versions of it crash if
+    // cancelled then.
+    if (isOutOfOrder(m_manager, m_handle)) {
+        m_manager.SQLCancel(m_handle);
+        m_manager.SQLFreeHandle(m_type, m_handle);
+    }
 }
 
 SQLRETURN OdbcHandle::check(SQLRETURN result) const {
