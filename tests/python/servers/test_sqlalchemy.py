@@ -101,10 +101,10 @@ def test_the_orm_sees_that_another_was_faster(engine, db):
     registry = orm.registry(metadata=table.metadata)
     registry.map_imperatively(Row, table, version_id_col=table.c.version, eager_defaults=True)
     table.create(db)
-    with orm.Session(db) as session:
-        session.add(Row(id=1, x=0))
+    with orm.Session(db, expire_on_commit=False) as session:
+        mine = Row(id=1, x=0)
+        session.add(mine)
         session.commit()
-        mine = session.get(Row, 1)
         with db.begin() as other:
             other.execute(table.update().values(version=9))
         mine.x = 1
