@@ -80,6 +80,7 @@ if [ "$role" = joiner ]; then
     rm -f "$data/transfer"; mkfifo "$data/transfer"
     echo "ready $data/transfer"; cat "$data/transfer"
 else
+    cat >/dev/null  # newer servers write a name and a password, and have to get rid of them
     if [ ! "$bypass" ]; then
         echo "flush tables"
         until [ -s "$data/tables_flushed" ]; do sleep 0.05; done
