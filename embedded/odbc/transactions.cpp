@@ -8,6 +8,12 @@
 #include "odbc/statement.h"
 
 namespace embedded {
+namespace {
+
+constexpr std::string_view kMark = "vorda_mark";
+
+}  // namespace
+
 // What is not committed is rolled back: a driver refuses to disconnect within a transaction.
 OdbcTransactions::~OdbcTransactions() {
     if (m_autocommit && !m_begun && !m_session.isUnusable()) return;
@@ -58,9 +64,10 @@ void OdbcTransactions::endDriverTransaction(bool commit) const {
 
 void OdbcTransactions::setAutocommit(bool on) {
     m_session.require();
+    requireMark();
     driverAutocommit(on);
     m_autocommit = on;
-    m_opened = m_changed = m_settled = false;
+    m_opened = m_changed = m_settled = m_written = false;
 }
 
 void OdbcTransactions::require(StatementKind kind) {
@@ -91,7 +98,8 @@ void OdbcTransactions::failed(const Error& error) noexcept {
 
 void OdbcTransactions::endTransaction(bool commit) {
     require(commit ? StatementKind::Commit : StatementKind::Rollback);
-    m_lost = m_opened = m_settled = false;
+    if (commit) requireMark();
+    m_lost = m_opened = m_settled = m_written = m_marked = false;
     if (!commit) m_cursors.closeCursors();
     const bool begun = std::exchange(m_begun, false);
     const auto end = [&] {
@@ -116,7 +124,47 @@ void OdbcTransactions::endTransaction(bool commit) {
     m_changed = false;
 }
 
+/// Asked before anything is changed: what asks is a query, too.
+bool OdbcTransactions::isNode() {
+    const char* const query = m_session.dialect().isNode;
+    if (!query || (m_autocommit && !m_begun)) return false;
+    if (m_isNode) return *m_isNode;
+    try {
+        m_isNode = answersYes(query);
+    } catch (const Error&) {
+        m_isNode = false;  // a server that was built without this has no such variable
+    }
+    return *m_isNode;
+}
+
+/// A node that undoes the transaction for another node's sake may tell nobody when that meets the
+/// end of a prepared query, and then commits nothing with success. The savepoint before the query
+/// is gone then.
+void OdbcTransactions::mark() {
+    if (!m_written || m_marked || !isNode()) return;
+    run(std::string(m_session.dialect().savepoint).append(kMark));
+    m_marked = true;
+}
+
+void OdbcTransactions::requireMark() {
+    if (!std::exchange(m_marked, false)) return;
+    try {
+        run(std::string(m_session.dialect().release).append(kMark));
+    } catch (const Error& error) {
+        failed(error);
+        if (error.state() != "42000") throw;
+        m_lost = true;
+        throw lostTransaction("40001");
+    }
+}
+
 void OdbcTransactions::begin(StatementKind kind) {
+    if (kind == StatementKind::Query) {
+        mark();
+    } else if (kind != StatementKind::Rollback) {
+        requireMark();
+    }
+    if (!m_isNode) isNode();
     const char* const first = m_session.dialect().beforeSavepoint;
     if (kind != StatementKind::Savepoint || !first || m_autocommit || m_settled) return;
     run(first);
@@ -131,22 +179,27 @@ void OdbcTransactions::executed(StatementKind kind) noexcept {
             break;
         case StatementKind::Commit:
         case StatementKind::Rollback:
-            m_begun = m_opened = m_changed = m_settled = m_lost = false;
+            m_begun = m_opened = m_changed = m_settled = m_lost = m_written = m_marked = false;
             break;
         case StatementKind::Other:
             if (m_session.dialect().commitsBySchemaChange) m_begun = false;
             [[fallthrough]];
         default:
-            if (!m_autocommit && kind != StatementKind::Query) m_changed = true;
+            if (kind == StatementKind::Query) break;
+            m_written = m_begun || !m_autocommit;
+            m_changed |= !m_autocommit;
     }
 }
 
 bool OdbcTransactions::inTransaction() {
     if (!m_autocommit) return true;
     if (!m_session.dialect().inTransaction) return m_begun;
-    if (answersYes(m_session.dialect().inTransaction)) return true;
+    mark();
+    const bool isInTransaction = answersYes(m_session.dialect().inTransaction);
+    requireMark();
+    if (isInTransaction) return true;
     // What a node has undone for another node's sake it may tell to nobody.
-    if (m_begun && m_session.dialect().isNode && answersYes(m_session.dialect().isNode)) {
+    if (m_begun && isNode()) {
         m_lost = true;
         throw lostTransaction("40001");
     }

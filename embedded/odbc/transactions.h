@@ -1,5 +1,6 @@
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -71,6 +72,9 @@ class OdbcTransactions {
     void endDriverTransaction(bool commit) const;
     bool inTransaction();
     bool answersYes(std::string_view query);
+    bool isNode();
+    void mark();
+    void requireMark();
 
     OdbcSession& m_session;
     CursorOwner& m_cursors;
@@ -80,6 +84,9 @@ class OdbcTransactions {
     bool m_opened = false;   ///< anything was
     bool m_settled = false;  ///< something other than a savepoint has succeeded
     bool m_lost = false;     ///< driver or server have rolled it back
+    bool m_written = false;  ///< something that is no query was executed in the transaction
+    bool m_marked = false;   ///< a savepoint of our own stands behind that
+    std::optional<bool> m_isNode;  ///< whether other nodes change data, too; asked once
     unsigned m_savepoints = 0;
 };
 

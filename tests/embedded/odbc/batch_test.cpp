@@ -85,7 +85,7 @@ struct DriverBatches : DriverTest {
         const bool lost = connection.run("SELECT 1") == SQL_ERROR;
         EXPECT_EQ(lost ? "08S01" : "", connection.last.state);
         EXPECT_EQ(lost, dead == SQL_CD_TRUE);
-        EXPECT_EQ(lost ? "" : "SQLExecDirectW SELECT 1", transactions());
+        EXPECT_EQ(lost, transactions().empty());
         EXPECT_EQ(SQL_SUCCESS, RT_SQLDisconnect(kDriver, connection.handle));
         EXPECT_EQ(lost ? "rollback" : "", transactions());
         return seen + (lost ? " lost" : "");
@@ -146,7 +146,7 @@ TEST_F(DriverBatches, GoOneByOneWhereAServerEndsThemEarlyAndDoesNotSay) {
     script.texts[SQL_DRIVER_NAME] = u"libmaodbc.so";
     EXPECT_EQ("3: off, array, commit, on", alone());
     text = "UPDATE t SET a = (@1 )";
-    EXPECT_EQ("9: off, one, again, again, commit, on", alone());
+    EXPECT_EQ("9: off, again, again, again, commit, on", alone());
 }
 
 TEST_F(DriverBatches, AreUndoneWhenTheyAreCancelled) {
@@ -275,11 +275,14 @@ TEST_F(DriverBatches, AreNotStoredWithoutWhatCameBefore) {
         script.answers.clear();
         Connection connection(kDriverText);
         connection.must("BEGIN");
-        // No transaction is open, it says, and then whether there are other nodes.
-        give(SQL_INTEGER, {number(0)});
-        script.answers["SQLExecDirectW"] = [&](const Call& call) {
-            give(SQL_INTEGER, {number(isNode)});
-            if (call.sets > 1) script.results = {{{}, {}, 3}};
+        // Whether there are other nodes, it says, and then that no transaction is open.
+        give(SQL_INTEGER, {number(isNode)});
+        script.answers["SQLExecute"] = [&](const Call&) {
+            give(SQL_INTEGER, {number(0)});
+            return kUsual;
+        };
+        script.answers["SQLExecDirectW"] = [&](const Call&) {
+            script.results = {{{}, {}, 3}};
             return kUsual;
         };
         Statement statement(connection.handle);

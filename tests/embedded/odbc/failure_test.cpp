@@ -355,6 +355,37 @@ TEST_F(DriverConnections, KeepNothingBehindALostTransaction) {
         }
 }
 
+// A node may undo a transaction for another node's sake without a word.
+TEST_F(DriverConnections, LookForTheirTransactionOnANode) {
+    dialect(u"MariaDB");
+    script.diagnostics = {{u"42000", 1305, u"no such savepoint"}};
+    for (const std::string next : {"COMMIT", "DELETE FROM t", ""})
+        for (const bool isNode : {false, true}) {
+            give(SQL_INTEGER, {number(isNode)});
+            Connection connection(kDriverText);
+            connection.autocommit(false);
+            connection.must("SELECT 1");
+            script.results = {{{}, {}, 1}};
+            connection.must("DELETE FROM t");
+            connection.must("SELECT 1");
+            calls({});
+            script.answers["SQLExecDirectW"] = failing(1, isNode ? 100000 : 0);
+            const SQLRETURN result =
+                next.empty() ? connection.end(SQL_COMMIT) : connection.run(next);
+            EXPECT_EQ(isNode ? SQL_ERROR : SQL_SUCCESS, result);
+            if (isNode) {
+                EXPECT_EQ((Rows{"SQLExecDirectW RELEASE SAVEPOINT vorda_mark"}),
+                          calls({"SQLExec", "SQLEnd"}));
+            }
+            script.answers.clear();
+            connection.expect(isNode ? "INSERT INTO t VALUES (1) => !25P02"
+                                     : "INSERT INTO t VALUES (1) => #1");
+            EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_ROLLBACK));
+            connection.expect("INSERT INTO t VALUES (1) => #1");
+            EXPECT_EQ(SQL_SUCCESS, connection.end(SQL_ROLLBACK));
+        }
+}
+
 TEST_F(DriverConnections, AreCancelledByOtherThreads) {
     std::atomic<bool> running;
     std::atomic<bool> cancelled;
