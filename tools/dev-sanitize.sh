@@ -51,7 +51,7 @@ addresses_and_leaks() {
     unset ASAN_OPTIONS UBSAN_OPTIONS
 }
 
-# No suppressions: SQLite, which is not built for it, is never seen to race.
+# SQLite, which is not built for it, is never seen to race; the C library's loader is.
 threads() {
     if ! starts_with thread; then
         skip_tests threads "the compiler's ThreadSanitizer does not work here"
