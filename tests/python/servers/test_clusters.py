@@ -101,7 +101,8 @@ def test_conflict(cluster, make, driver, many):
     is_galera = isinstance(cluster, clusters.Galera)
     make("CREATE TABLE contested (a INTEGER PRIMARY KEY, b INTEGER)",
          "INSERT INTO contested VALUES (1, 0)", "INSERT INTO contested VALUES (2, 0)")
-    first, second = [driver.connect(string).cursor()
+    # What is done again waits for the other node's change.
+    first, second = [driver.connect(string + cluster.causal).cursor()
                      for string in (cluster.strings[:2] if is_galera else [cluster.together] * 2)]
 
     def begin(cursor):
