@@ -131,10 +131,12 @@ bool OdbcTransactions::isNode() {
     if (m_isNode) return *m_isNode;
     try {
         m_isNode = answersYes(query);
-    } catch (const Error&) {
-        m_isNode = false;  // a server that was built without this has no such variable
+    } catch (const Error& error) {
+        // A server that was built without this has no such variable; another failure tells nothing.
+        constexpr int kUnknownVariable = 1193;
+        if (error.native() == kUnknownVariable) m_isNode = false;
     }
-    return *m_isNode;
+    return m_isNode.value_or(false);
 }
 
 /// A node that undoes the transaction for another node's sake may tell nobody when that meets the
