@@ -175,8 +175,10 @@ class CursorOwner {
 
 /// Opens the database that a connection string names, with the engine that its keys ask for. What
 /// deserves a warning goes to `diagnostics`. A driver is told to give up after `loginTimeout`
-/// seconds; 0: never.
+/// seconds; 0: never. Null, and nothing done, for a driver's data source where `onlyFiles` are
+/// wanted.
 std::unique_ptr<Database> openDatabase(std::string_view text, CursorOwner& cursors,
-                                       Diagnostics& diagnostics, SQLULEN loginTimeout);
+                                       Diagnostics& diagnostics, SQLULEN loginTimeout,
+                                       bool onlyFiles);
 
 }  // namespace embedded

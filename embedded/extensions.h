@@ -61,6 +61,10 @@ struct VordaProgress {
 };
 inline constexpr SQLINTEGER kProgressAttribute = 0x7003;
 
+/// SQL_ATTR_VORDA_FILES_ONLY, an attribute of connections, 0 or 1: whether SQLDriverConnect, where
+/// it would have to wait for a driver, answers SQL_NO_DATA at once instead.
+inline constexpr SQLINTEGER kFilesOnlyAttribute = 0x7004;
+
 inline constexpr SQLLEN kSmallestCell = sizeof(VordaCell);
 static_assert(kSmallestCell == 24 && offsetof(VordaCell, bytes) == 8);
 

@@ -8,18 +8,21 @@ namespace embedded {
 
 Connection::~Connection() = default;
 
-void Connection::open(std::string_view text) {
+bool Connection::open(std::string_view text) {
     if (isOpen()) throw Error("08002", "The connection is already open.", native::kMisuse);
     if (forkCount() != 0) {
         for (const auto& other : HandleRegistry::instance().all<Connection>()) {
             other->forgetInherited();
         }
     }
-    std::unique_ptr<Database> database = openDatabase(text, *this, diagnostics, loginTimeout);
+    std::unique_ptr<Database> database =
+        openDatabase(text, *this, diagnostics, loginTimeout, opensFilesOnly);
+    if (!database) return false;
     if (!m_autocommit) database->setAutocommit(false);
     const std::lock_guard lock(m_interruptMutex);
     m_forks = forkCount();
     m_database = std::move(database);
+    return true;
 }
 
 void Connection::close() {

@@ -51,8 +51,11 @@ class Connection final : public Handle, private CursorOwner {
 
     SQLULEN loginTimeout = 0;  ///< seconds after which the driver may give up connecting; 0: none
 
+    bool opensFilesOnly = false;
+
     bool isOpen() const noexcept { return m_database != nullptr; }
-    void open(std::string_view text);
+    /// False, and nothing done, for a driver's data source where only files are wanted.
+    bool open(std::string_view text);
 
     /// Whether the database was opened by the process from which this one was forked. Its engine
     /// must not be called then: the locks, the socket and the transaction are the parent's, and

@@ -111,6 +111,10 @@ void setConnection(Connection& connection, SQLINTEGER attribute, SQLPOINTER valu
         case SQL_ATTR_LOGIN_TIMEOUT:
             connection.loginTimeout = number;
             return;
+        case kFilesOnlyAttribute:
+            if (number > 1) throw badValue(attribute);
+            connection.opensFilesOnly = number == 1;
+            return;
         case kProgressAttribute:
             if (connection.database().setProgress(static_cast<const VordaProgress*>(value))) return;
             throw unknownAttribute(attribute);
@@ -128,6 +132,8 @@ SQLUINTEGER connectionAttribute(Connection& connection, SQLINTEGER attribute) {
                                                                              : SQL_MODE_READ_WRITE;
         case SQL_ATTR_LOGIN_TIMEOUT:
             return static_cast<SQLUINTEGER>(connection.loginTimeout);
+        case kFilesOnlyAttribute:
+            return connection.opensFilesOnly;
         case SQL_ATTR_CONNECTION_DEAD:
             return connection.isOpen() && !connection.database().isDead() ? SQL_CD_FALSE
                                                                           : SQL_CD_TRUE;

@@ -167,9 +167,10 @@ SQLRETURN RT_SQLDriverConnect(const char*, SQLHDBC handle, SQLHWND, SQLCHAR* tex
     return withHandle<Connection>(handle, [&](Connection& connection) {
         const std::string_view given = inputText(text, textLength);
         if (completedCapacity < 0) throw Error("HY090", "Invalid buffer length.");
-        connection.open(given);
+        if (!connection.open(given)) return SQLRETURN{SQL_NO_DATA};
         answerText(connection.diagnostics, given, completed, completedCapacity, completedLength,
                    "The connection string was cut.");
+        return SQLRETURN{SQL_SUCCESS};
     });
 }
 

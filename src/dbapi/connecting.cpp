@@ -13,6 +13,9 @@
 
 namespace {
 
+// An attribute of the embedded runtime's connections.
+constexpr SQLINTEGER kFilesOnly = 0x7004;
+
 SQLPOINTER AsPointer(long number) {
     return reinterpret_cast<SQLPOINTER>(static_cast<std::uintptr_t>(number));
 }
@@ -55,17 +58,19 @@ Connecting::~Connecting() {
     static_cast<void>(m_left.release());
 }
 
-void Connecting::Make(const std::string& text, bool autocommit, long timeout) noexcept {
+bool Connecting::Make(const std::string& text, bool autocommit, long timeout,
+                      bool onlyFile) noexcept {
     try {
-        Open(text, timeout);
+        if (!Open(text, timeout, onlyFile)) return false;
         Describe();
-        if (autocommit) return;
+        if (autocommit) return true;
         Check(SQLSetConnectAttrW(database.connection, SQL_ATTR_AUTOCOMMIT,
                                  AsPointer(SQL_AUTOCOMMIT_OFF), 0),
               SQL_HANDLE_DBC, database.connection);
     } catch (...) {
         m_thrown = std::current_exception();
     }
+    return true;
 }
 
 void Connecting::Judge() const {
@@ -78,18 +83,24 @@ void Connecting::Release() {
     database.connection = nullptr;
 }
 
-void Connecting::Open(const std::string& text, long timeout) {
+bool Connecting::Open(const std::string& text, long timeout, bool onlyFile) {
     if (text.size() > std::numeric_limits<SQLSMALLINT>::max())
         throw Failure("HY090", "The connection string is too long.");
-    Check(SQLSetEnvAttr(environment, SQL_ATTR_ODBC_VERSION, AsPointer(SQL_OV_ODBC3), 0),
-          SQL_HANDLE_ENV, environment);
-    database.connection = NewHandle(SQL_HANDLE_DBC, SQL_HANDLE_ENV, environment);
+    if (!database.connection) {
+        Check(SQLSetEnvAttr(environment, SQL_ATTR_ODBC_VERSION, AsPointer(SQL_OV_ODBC3), 0),
+              SQL_HANDLE_ENV, environment);
+        database.connection = NewHandle(SQL_HANDLE_DBC, SQL_HANDLE_ENV, environment);
+    }
+    const bool isHeeded = OdbcSucceeded(
+        SQLSetConnectAttrW(database.connection, kFilesOnly, AsPointer(onlyFile ? 1 : 0), 0));
+    if (onlyFile && !isHeeded) return false;
     // A runtime that knows no limit is left alone when the time is over.
     if (timeout > 0)
         SQLSetConnectAttrW(database.connection, SQL_ATTR_LOGIN_TIMEOUT, AsPointer(timeout), 0);
     const SQLRETURN status = SQLDriverConnectW(
         database.connection, nullptr, AsWideText(text.c_str()),
         static_cast<SQLSMALLINT>(text.size()), nullptr, 0, nullptr, SQL_DRIVER_NOPROMPT);
+    if (onlyFile && status == SQL_NO_DATA) return false;
     // Whatever it says: it may be.
     m_isConnected = true;
     if (!OdbcSucceeded(status)) {
@@ -98,11 +109,12 @@ void Connecting::Open(const std::string& text, long timeout) {
         if (records.front().state == "HY000") records.front().state = "08001";
         throw Failure(std::move(records));
     }
-    if (status != SQL_SUCCESS_WITH_INFO) return;
+    if (status != SQL_SUCCESS_WITH_INFO) return true;
     // What a server remarks on each connection is nobody's business; a key that is not
     // known is.
     const Diagnostic remark = ReadDiagnostics(SQL_HANDLE_DBC, database.connection).front();
     if (remark.state == "01S00") warning = remark.words;
+    return true;
 }
 
 void Connecting::Describe() {
@@ -125,11 +137,18 @@ std::shared_ptr<Connecting> Connect(const std::string& text, bool autocommit, lo
     const std::unique_ptr<bool, void (*)(bool*)> end(&autocommit,
                                                      [](bool*) { Connecting::FreeLeft(); });
     auto attempt = std::make_shared<Connecting>();
-    if (timeout == 0 && !InMainThread()) {
+    const auto make = [=](bool onlyFile) {
+        return attempt->Make(text, autocommit, timeout, onlyFile);
+    };
+    const bool mayBeLeft = timeout > 0 || InMainThread();
+    bool isMade = false;
+    {
+        // Whoever may leave waits for no file: a second thread would make all slower that the
+        // process does from then on.
         const Unlocked unlocked;
-        attempt->Make(text, autocommit, timeout);
-    } else if (!WaitOrLeave([=] { attempt->Make(text, autocommit, timeout); },
-                            std::chrono::seconds(timeout))) {
+        isMade = make(mayBeLeft);
+    }
+    if (!isMade && !WaitOrLeave([=] { make(false); }, std::chrono::seconds(timeout))) {
         throw Failure("HYT00", "There is no connection after " + std::to_string(timeout) +
                                    " second(s), the timeout.");
     }

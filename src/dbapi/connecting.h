@@ -17,8 +17,9 @@ class Connecting {
     Connecting(const Connecting&) = delete;
     Connecting& operator=(const Connecting&) = delete;
 
-    // Connects; needs no interpreter lock.
-    void Make(const std::string& text, bool autocommit, long timeout) noexcept;
+    // Connects; needs no interpreter lock. Where only a file is to be opened, nothing is done, and
+    // false the answer, if the runtime may have to wait for somebody.
+    bool Make(const std::string& text, bool autocommit, long timeout, bool onlyFile) noexcept;
     // Throws what it came to, if there is no connection.
     void Judge() const;
     // From now on the handles are the caller's.
@@ -30,7 +31,7 @@ class Connecting {
 
   private:
     struct Left;
-    void Open(const std::string& text, long timeout);
+    bool Open(const std::string& text, long timeout, bool onlyFile);
     void Describe();
     static void FreeLeft();
     friend std::shared_ptr<Connecting> Connect(const std::string& text, bool autocommit,

@@ -5,6 +5,8 @@ import itertools
 import logging
 import pickle
 import re
+import subprocess
+import sys
 import threading
 import warnings
 
@@ -289,6 +291,16 @@ def test_connecting(tmp_path):
         dbapi.connect(tmp_path / "a;=b}.db").close()
         dbapi.connect(Database=str(tmp_path / "a;=b}.db"), Mode="rw", Timeout=None).close()
     assert (tmp_path / "a;=b}.db").exists()
+
+
+def test_a_file_needs_no_second_thread(tmp_path):
+    """With one, all that a process does is slower."""
+    program = ("import os, sys\nfrom vorda import dbapi\n"
+               "before = len(os.listdir('/proc/self/task'))\n"
+               "with dbapi.connect(sys.argv[1], timeout=5) as connection:\n"
+               "    connection.execute('SELECT 1').fetchall()\n"
+               "assert len(os.listdir('/proc/self/task')) == before")
+    subprocess.run([sys.executable, "-c", program, str(tmp_path / "t.db")], check=True)
 
 
 # --- the rest ------------------------------------------------------------------------------------

@@ -88,7 +88,7 @@ FAILED = {
         r"^SQLFetch\(.*\) = (?!0$|1$|100$)"),
     "dbapi": re.compile(
         r"(?m)^SQL(?!Free|Disconnect|Fetch|Get|SetPos|NumParams|Describe|ColAttribute|BindCol|"
-        r"SetStmtAttr|SetConnectAttrW\(\w+, 28675|EndTran\(2, \w+, 1\)).* = -1$")}
+        r"SetStmtAttr|SetConnectAttrW\(\w+, 2867[56]|EndTran\(2, \w+, 1\)).* = -1$")}
 # What cannot be done as arrays is done row by row.
 BATCH = re.compile(r"SQLSetStmtAttrW\(\w+, 22, .*\nSQLExecute.*")
 
