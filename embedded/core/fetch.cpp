@@ -75,7 +75,6 @@ SQLRETURN Statement::fetch() {
         std::rethrow_exception(failure);
     }
     if (work.ended) return SQL_NO_DATA;
-    if (!work.routed) chooseRoutes();
     const Running running(*this);
     SQLULEN failed = 0;
     while (work.block < most && nextRow()) {
@@ -166,7 +165,6 @@ void Statement::chooseRoutes() {
     const StatementOptions& options = settings().options;
     const bool byRow = options.rowSize != SQL_BIND_BY_COLUMN;
     const std::vector<ColumnBinding>& bindings = settings().columns;
-    // Types of expressions come from the first row, which is still there.
     const auto count = static_cast<size_t>(work.rows->columnCount());
     work.routes.clear();
     work.routes.reserve(count);
@@ -193,6 +191,7 @@ void Statement::chooseRoutes() {
 
 void Statement::deliverRow() {
     Work& work = *m_work;
+    if (!work.routed) chooseRoutes();
     const StatementOptions& options = settings().options;
     const bool single = options.rowArraySize == 1;
     const size_t offset = options.rowOffset ? *options.rowOffset : 0;

@@ -24,11 +24,9 @@ class ResultSet {
     ResultSet& operator=(const ResultSet&) = delete;
     virtual ~ResultSet() = default;
 
-    /// To be asked for before the first `next`, from which on the types of expressions stay as they
-    /// are.
     virtual int columnCount() { return static_cast<int>(columns().size()); }
 
-    /// What the 0-based column is delivered as.
+    /// What the 0-based column is delivered as, an expression as what the first row has.
     virtual const ColumnType& type(int column) {
         return columns()[static_cast<size_t>(column)].type;
     }

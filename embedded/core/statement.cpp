@@ -29,10 +29,7 @@ void Statement::endWork() noexcept {
     m_work.reset();
 }
 
-const Statement::Settings& Statement::settings() const noexcept {
-    static const Settings kUntouched;
-    return m_settings ? *m_settings : kUntouched;
-}
+const Statement::Settings Statement::kUntouched;
 
 Statement::Settings& Statement::changeSettings() {
     if (!m_settings) m_settings = std::make_unique<Settings>();
@@ -41,12 +38,18 @@ Statement::Settings& Statement::changeSettings() {
 
 void Statement::prepare(std::string_view sql) {
     if (hasCursor()) throw Error("24000", "A cursor is open on the statement.", native::kMisuse);
-    m_work.reset();
     m_executed = false;
     m_rowCount = -1;
     m_lastRow.reset();
     if (m_settings) m_settings->surplusParameter = 0;
-    auto work = std::make_unique<Work>();
+    // Of the text before, memory for the rows may be there.
+    std::unique_ptr<Work> work = std::move(m_work);
+    if (work) {
+        work->program.reset();
+        work->forgetRows();
+    } else {
+        work = std::make_unique<Work>();
+    }
     {
         const Running running(*this);
         const SQLULEN timeout = settings().options.execution.timeout;

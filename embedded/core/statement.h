@@ -189,18 +189,25 @@ class Statement final : public Handle, public Attached {
             m_statement.m_call.store(Call::Running, std::memory_order_relaxed);
         }
         ~Running() {
-            if (m_statement.m_call.exchange(Call::None) == Call::Interrupted) {
-                m_statement.m_connection->forgetInterrupt();
-            }
+            if (end() == Call::Interrupted) m_statement.m_connection->forgetInterrupt();
         }
         Running(const Running&) = delete;
         Running& operator=(const Running&) = delete;
 
       private:
+        Call end() noexcept {
+            std::atomic<Call>& call = m_statement.m_call;
+            if (!isOnlyThread()) return call.exchange(Call::None);
+            const Call was = call.load(std::memory_order_relaxed);
+            call.store(Call::None, std::memory_order_relaxed);
+            return was;
+        }
+
         Statement& m_statement;
     };
 
-    const Settings& settings() const noexcept;
+    static const Settings kUntouched;
+    const Settings& settings() const noexcept { return m_settings ? *m_settings : kUntouched; }
     Settings& changeSettings();
     Work& requireCursor();
     Work& askedCursor();

@@ -1,6 +1,7 @@
 #include "sqlite/procedureparser.h"
 
 #include "core/error.h"
+#include "sqlite/sqltext.h"
 #include "values/text.h"
 
 namespace embedded {
@@ -104,6 +105,7 @@ ProcedureRemoval parseRemoval(SqlReader& reader) {
 }  // namespace
 
 std::optional<ProcedureCommand> parseProcedureCommand(std::string_view sql) {
+    if (!mayBeginWith("cde", sql)) return std::nullopt;
     // Terminating characters that the caller counted in are no part of the statement.
     SqlReader reader(sql.substr(0, sql.find_last_not_of('\0') + 1));
     while (reader.accept(";")) {

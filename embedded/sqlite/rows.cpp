@@ -61,21 +61,21 @@ class LiveRows final : public ResultSet {
           m_timeout(timeout),
           m_sql(sql),
           m_statement(onRow ? sql.statement.get() : nullptr),
+          m_onFirst(onRow),
           m_unread(onRow) {
         if (!onRow) sqlite3_reset(sql.statement.get());
     }
     ~LiveRows() override { sqlite3_reset(m_statement); }
 
     int columnCount() override {
-        if (!m_types) m_types = m_sql.types(m_unread);
-        return static_cast<int>(m_types->size());
+        return m_types ? static_cast<int>(m_types->size())
+                       : sqlite3_column_count(m_sql.statement.get());
     }
 
-    const ColumnType& type(int column) override { return (*m_types)[static_cast<size_t>(column)]; }
+    const ColumnType& type(int column) override { return types()[static_cast<size_t>(column)]; }
 
     const std::vector<Column>& columns() override {
-        columnCount();
-        if (!m_columns) m_columns = m_sql.describe(*m_types);
+        if (!m_columns) m_columns = m_sql.describe(types());
         return *m_columns;
     }
 
@@ -86,6 +86,8 @@ class LiveRows final : public ResultSet {
             return true;
         }
         if (!m_statement) return false;
+        types();
+        m_onFirst = false;
         const Session::TimeLimit limit(m_session, m_timeout);
         const int result = sqlite3_step(m_statement);
         if (result == SQLITE_ROW) return true;
@@ -105,6 +107,12 @@ class LiveRows final : public ResultSet {
     Cell cell(int column) override { return cellOf(m_statement, column); }
 
   private:
+    // Those of expressions are what the first row has.
+    const std::vector<ColumnType>& types() {
+        if (!m_types) m_types = m_sql.types(m_onFirst);
+        return *m_types;
+    }
+
     // At the end the statement is reset at once, so that it holds no lock, and let go: from here on
     // its owner may use it for something else.
     void end(int result) {
@@ -116,6 +124,7 @@ class LiveRows final : public ResultSet {
     const SQLULEN m_timeout;
     CompiledSql& m_sql;
     sqlite3_stmt* m_statement;  ///< null behind the last row
+    bool m_onFirst;             ///< the statement stands on the first row
     bool m_unread;              ///< the statement stands on a row that `next` has not answered yet
     std::exception_ptr m_failure;  ///< of a step ahead
     std::shared_ptr<const std::vector<ColumnType>> m_types;

@@ -75,12 +75,14 @@ void refuseSystemName(const Token& token) {
 
 SqliteText readSql(std::string_view sql) {
     SqliteText result;
+    const bool isMarked = sql.find('@') != std::string_view::npos;
+    if (!isMarked && !mayBeginWith("air", sql)) return result;
     SqlScanner scanner(sql);
     Token token = firstToken(scanner);
     result.inserts = isOneOf(token.text, {"INSERT", "REPLACE"});
     const bool alters = sameWord(token.text, "ALTER");
     // Most texts have nothing that the rest would be read for.
-    if (!alters && sql.find('@') == std::string_view::npos) return result;
+    if (!alters && !isMarked) return result;
     MarkerSpeller markers(result.respelled.emplace(sql));
     for (; token.kind != Kind::End; token = scanner.next()) {
         if (token.kind == Kind::Marker) {
@@ -101,6 +103,12 @@ bool mayJoinOuter(std::string_view sql) noexcept {
         if (token.kind == Kind::Word && isOneOf(token.text, {"LEFT", "RIGHT", "FULL"})) return true;
     }
     return false;
+}
+
+bool mayBeginWith(std::string_view letters, std::string_view sql) noexcept {
+    if (sql.empty()) return false;
+    const char lower = static_cast<char>(sql.front() | 0x20);
+    return lower < 'a' || lower > 'z' || letters.find(lower) != std::string_view::npos;
 }
 
 bool isBlankSql(std::string_view sql) noexcept {

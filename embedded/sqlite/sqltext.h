@@ -24,6 +24,10 @@ SqliteText readSql(std::string_view sql);
 /// into NULL.
 bool mayJoinOuter(std::string_view sql) noexcept;
 
+/// Whether the first word of `sql` can begin with one of these letters. Answers false only where
+/// that takes no more than a look at the first character.
+bool mayBeginWith(std::string_view letters, std::string_view sql) noexcept;
+
 /// Whether `sql` holds nothing but blanks, comments and semicolons.
 bool isBlankSql(std::string_view sql) noexcept;
 

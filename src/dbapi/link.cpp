@@ -69,12 +69,12 @@ Link::Turn::Turn(Link& link) : m_link(link), m_isWithin(link.KeepsOut()) {
         if (!m_isWithin) link.m_mutex.unlock();
         throw Failure(kClosed, kClosedWords);
     }
-    link.m_owner = PyThread_get_thread_ident();
+    Set(link.m_owner, PyThread_get_thread_ident());
 }
 
 Link::Turn::~Turn() {
     m_link.TakeInWaiting();
-    m_link.m_owner = 0;
+    Set(m_link.m_owner, 0);
     if (!m_isWithin) m_link.m_mutex.unlock();
 }
 
@@ -94,15 +94,20 @@ void Link::Enter() {
 
 void Link::KeepOthersOut() {
     Enter();
-    m_keeper = PyThread_get_thread_ident();
+    Set(m_keeper, PyThread_get_thread_ident());
 }
 
 void Link::LetOthersIn() {
-    m_keeper = 0;
+    Set(m_keeper, 0);
     m_mutex.unlock();
 }
 
 void Link::NoteRunning(SQLHSTMT statement) {
+    // Without another thread nobody cancels.
+    if (IsOnlyThread()) {
+        m_running = statement;
+        return;
+    }
     const std::lock_guard lock(m_runningMutex);
     m_running = statement;
 }
@@ -124,15 +129,18 @@ void Link::EndTransaction(bool keep) {
     m_touched = false;
 }
 
-Link::Batch::Batch(const Link& link) : m_link(link), m_outer(t_batches) {
+Link::Batch::Batch(Link& link) : m_link(link), m_outer(t_batches) {
     t_batches = this;
+    ++link.m_batches;
 }
 
 Link::Batch::~Batch() {
+    --m_link.m_batches;
     t_batches = m_outer;
 }
 
 bool Link::IsInBatch() const {
+    if (m_batches == 0) return false;
     const Batch* batch = t_batches;
     while (batch && &batch->m_link != this) batch = batch->m_outer;
     return batch != nullptr;
@@ -266,6 +274,8 @@ std::unique_ptr<Statement> Link::TakeStatement(PyObject* text) {
         if (text && m_database.isSqlite) statement = m_idle.TakeSurplus();
         if (!statement) statement = std::make_unique<Statement>(m_database);
         if (text) statement->SetText(text);
+        // A server takes longer to prepare one than all that is saved here.
+        if (!m_database.isSqlite || m_idle.IsNoted(statement->Hash())) statement->ComesAgain();
     }
     // Giving back must not fail.
     m_waiting.reserve(m_waiting.size() + m_taken.size() + 1);

@@ -48,14 +48,14 @@ class Link {
     // A batch of this thread, whose transaction that thread cannot end before the batch does.
     class Batch {
       public:
-        explicit Batch(const Link& link);
+        explicit Batch(Link& link);
         ~Batch();
         Batch(const Batch&) = delete;
         Batch& operator=(const Batch&) = delete;
 
       private:
         friend class Link;
-        const Link& m_link;
+        Link& m_link;
         const Batch* const m_outer;
     };
     bool IsInBatch() const;  // of this thread
@@ -178,7 +178,16 @@ class Link {
         if (raised) throw PythonError();
     }
     static int LookIn(void* link);
-    static bool IsThisThread(unsigned long thread) { return thread == PyThread_get_thread_ident(); }
+    // A thread finds its own number in there if it has written that, and else another or none:
+    // nothing has to come before or behind.
+    using Thread = std::atomic<unsigned long>;
+    static bool IsThisThread(const Thread& thread) {
+        const unsigned long number = thread.load(std::memory_order_relaxed);
+        return number != 0 && number == PyThread_get_thread_ident();
+    }
+    static void Set(Thread& thread, unsigned long number) {
+        thread.store(number, std::memory_order_relaxed);
+    }
 
     // Not behind a driver, which has a transaction begin by itself.
     bool IsSqliteItself() const { return m_database.isSqlite && m_isWatched; }
@@ -198,8 +207,9 @@ class Link {
     const Progress m_progress{LookIn, this};
 
     std::mutex m_mutex;
-    std::atomic<unsigned long> m_owner = 0;   // the thread that has the turn
-    std::atomic<unsigned long> m_keeper = 0;  // the thread that keeps others out
+    Thread m_owner = 0;   // the one that has the turn
+    Thread m_keeper = 0;  // the one that keeps others out
+    int m_batches = 0;    // of all threads; under the interpreter lock
     Undone m_toUndo = Undone::Nothing;
     bool m_isUndoing = false;
     std::mutex m_runningMutex;

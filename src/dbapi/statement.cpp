@@ -53,7 +53,7 @@ Statement::~Statement() {
 }
 
 void Statement::SetText(PyObject* text) {
-    m_prepared = m_isDescribed = false;
+    m_cameBefore = m_prepared = m_isDescribed = false;
     m_columns.clear();
     m_text = PyRef::Borrow(text);
     m_hash = PyObject_Hash(text);
@@ -121,7 +121,11 @@ void Statement::Executed(SQLRETURN status) {
     m_hasRows = m_columnCount > 0;
     // SQLite knows it behind the last row only.
     if (!m_hasRows || !m_database.isSqlite) Called(SQLRowCount(m_handle, &m_rowCount));
-    if (!m_hasRows) return;
+    if (!m_hasRows) {
+        // Nor is there anything behind a result without columns.
+        m_isOpen = !m_database.isSqlite;
+        return;
+    }
     // Cells tell what they are, but for what some texts of servers mean: as long as there are as
     // many, they need no new description.
     const auto count = static_cast<size_t>(m_columnCount);

@@ -30,6 +30,9 @@ class Statement {
     }
     Py_hash_t Hash() const { return m_hash; }  // of the text
     bool HasText() const { return m_text.Get() != nullptr; }
+    // Whether the text came before this statement was made for it, or has come again since.
+    bool CameBefore() const { return m_cameBefore; }
+    void ComesAgain() { m_cameBefore = true; }
     SQLHSTMT Handle() const { return m_handle; }
     // Asks the catalogue by what calls a function of it, and loads the first rows.
     void Ask(const std::function<SQLRETURN(SQLHSTMT)>& function);
@@ -128,6 +131,7 @@ class Statement {
     const char* m_utf8 = nullptr;
     Py_ssize_t m_length = 0;
     SQLHSTMT m_handle = nullptr;
+    bool m_cameBefore = false;
     bool m_prepared = false;
     int m_parameterCount = -1;  // markers, -1 if the driver does not tell
     std::vector<Parameter> m_parameters;

@@ -7,6 +7,10 @@
 
 #include "include/pyref.h"
 
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#endif
+
 // Takes the interpreter lock back. At the end of the program, which goes on without this thread, it
 // waits for ever.
 void Relock(PyThreadState* state) noexcept;
@@ -30,6 +34,14 @@ class Unlocked {
 bool InitWaiting();
 // Whether signals are handled by this thread.
 bool InMainThread();
+// Whether this is the only thread of its process, where that can be told.
+inline bool IsOnlyThread() {
+#if __has_include(<sys/single_threaded.h>)
+    return __libc_single_threaded != 0;
+#else
+    return false;
+#endif
+}
 
 // The same with the lock taken back and given up again now and then, for a call in this thread
 // whose runtime looks in at the middle of it: Look() sees to signals, and answers whether a handler
