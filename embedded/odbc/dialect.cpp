@@ -137,6 +137,7 @@ constexpr NamedQuirks kQuirks[] = {
       .rowArrays = true,
       .makesUpToday = true,
       .unreadable = kUnreadByPostgres,
+      .copiesPrepared = true,
       .hidesLoss = true}},
     // It counts wide texts wrong, both ways: it takes U+00D8 to U+00DB for halves of surrogate
     // pairs, for one. It shows a date that is none as NULL. A body with semicolons it takes for

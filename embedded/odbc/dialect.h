@@ -82,8 +82,9 @@ struct DriverQuirks {
     /// What it is to execute once it sends along with its preparation. Where the server refuses
     /// that, it executes the statement that was prepared before, whichever that is.
     bool mistakesDirect = false;
-    bool staleTypes = false;  ///< a prepared statement keeps a table's old column types
-    bool narrow = false;      ///< it knows no wide functions, and takes UTF-8 in the others
+    bool copiesPrepared = false;  ///< it keeps the rows of what is prepared twice, for a while
+    bool staleTypes = false;      ///< a prepared statement keeps a table's old column types
+    bool narrow = false;          ///< it knows no wide functions, and takes UTF-8 in the others
     /// Where a connection is lost it may say HY000, and knows without asking the server.
     bool hidesLoss = false;
     int cancelled = 0;  ///< the native code of what was cancelled, where its state does not say so

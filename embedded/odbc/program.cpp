@@ -153,6 +153,8 @@ void OdbcProgram::prepareOnce() {
 // driver loses sight of a transaction that a prepared one has opened.
 bool OdbcProgram::mayPrepare() const {
     using enum StatementKind;
+    const bool copiesMuch = m_session.quirks().copiesPrepared && m_statement->hasManyRows;
+    if (copiesMuch && m_sql.numbers.empty()) return false;
     return (m_kind == Query || m_kind == Change || m_kind == Other) &&
            !m_session.quirks().staleTypes && m_further != Further::AtOnce &&
            !m_statement->staysDirect;

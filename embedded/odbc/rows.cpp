@@ -45,6 +45,8 @@ bool isTemporal(Form form) noexcept {
 // the values before ask for.
 constexpr size_t kSingleRows = 16;
 constexpr size_t kMostRows = 64;
+/// What is done for each row of so many costs more than to have the server plan the query.
+constexpr size_t kManyRows = 10'000;
 constexpr size_t kMostBytes = size_t{64} * 1024;  // of a column
 constexpr size_t kLeastWidth = 256;
 
@@ -211,6 +213,7 @@ bool OdbcRows::mayStayBound() const {
 }
 
 OdbcRows::~OdbcRows() {
+    m_statement->hasManyRows |= m_rowsRead >= kManyRows;
     const bool closed = m_statement->keepsResults ||
                         SQL_SUCCEEDED(m_manager.SQLFreeStmt(m_statement->get(), SQL_CLOSE));
     const bool stays = mayStayBound();

@@ -78,6 +78,7 @@ class OdbcStatement {
     bool executed = false;
     bool prepared = false;
     bool staysDirect = false;           ///< it means something else when it is prepared
+    bool hasManyRows = false;           ///< one of its results
     std::vector<std::string> answered;  ///< types of the rows' columns, executed directly
     bool keepsResults = false;          ///< rows that end leave those of the next result
     bool unusable = false;  ///< not to be used again: the driver holds on to rows or addresses

@@ -27,12 +27,15 @@ struct Binding {
 struct Statement {
     std::vector<Result> results;
     size_t result = 0;
-    size_t row = 0;  ///< counted from 1
+    size_t row = 0;    ///< the current one, counted from 1
+    size_t block = 0;  ///< rows in front of those that were fetched last
+    size_t read = 0;   ///< rows that were fetched
     size_t offset = 0;
     SQLUSMALLINT partColumn = 0;
     std::map<SQLUSMALLINT, Binding> columns;
     std::map<SQLINTEGER, SQLPOINTER> attributes;
 
+    void rewind() { row = block = read = 0; }
     Result& current() {
         static Result none;
         return result < results.size() ? results[result] : none;
@@ -102,6 +105,22 @@ SQLRETURN deliver(const Cell& cell, const Binding& to, size_t& offset) {
     return kept < rest.size() ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
 }
 
+/// Delivers a row into the given elements of the arrays, by column. Answers whether something was
+/// cut. What an earlier result was bound to is written, too, as drivers do.
+bool deliverRow(const Statement& statement, const std::vector<Cell>& row, size_t element) {
+    bool cut = false;
+    for (const auto& [number, binding] : statement.columns) {
+        if (!binding.target) continue;
+        Binding to = binding;
+        to.target += element * static_cast<size_t>(to.capacity);
+        if (to.indicator) to.indicator += element;
+        size_t offset = 0;
+        const Cell cell = number <= row.size() ? row[number - 1U] : Cell{};
+        cut |= deliver(cell, to, offset) != SQL_SUCCESS;
+    }
+    return cut;
+}
+
 SQLRETURN execute(SQLHANDLE handle, const std::string& text,
                   const char* name = __builtin_FUNCTION()) {
     Statement& statement = statementOf(handle);
@@ -112,7 +131,8 @@ SQLRETURN execute(SQLHANDLE handle, const std::string& text,
     call.status = static_cast<SQLUSMALLINT*>(attributes[SQL_ATTR_PARAM_STATUS_PTR]);
     call.processed = static_cast<SQLULEN*>(attributes[SQL_ATTR_PARAMS_PROCESSED_PTR]);
     statement.results = script().results;
-    statement.result = statement.row = 0;
+    statement.result = 0;
+    statement.rewind();
     const auto work = [&call] {
         if (call.status) std::fill_n(call.status, call.sets, SQL_PARAM_SUCCESS);
         store(call.processed, call.sets);
@@ -264,18 +284,31 @@ SQLRETURN SQLBindCol(SQLHSTMT handle, SQLUSMALLINT number, SQLSMALLINT cType, SQ
 SQLRETURN SQLFetch(SQLHSTMT handle) {
     return answerOr("", [&] {
         Statement& statement = statementOf(handle);
-        const Result& result = statement.current();
+        const auto& rows = statement.current().rows;
+        const auto size = reinterpret_cast<SQLULEN>(statement.attributes[SQL_ATTR_ROW_ARRAY_SIZE]);
+        auto* const states =
+            static_cast<SQLUSMALLINT*>(statement.attributes[SQL_ATTR_ROW_STATUS_PTR]);
         statement.partColumn = 0;
-        if (statement.row >= result.rows.size()) return SQL_NO_DATA;
-        const auto& row = result.rows[statement.row++];
+        statement.block = statement.read;
+        statement.read = std::min(rows.size(), statement.read + std::max<SQLULEN>(size, 1));
+        statement.row = statement.block + 1;
+        const size_t count = statement.read - statement.block;
+        store(static_cast<SQLULEN*>(statement.attributes[SQL_ATTR_ROWS_FETCHED_PTR]), count);
         bool cut = false;
-        // What an earlier result was bound to is written, too, as drivers do.
-        for (const auto& [number, binding] : statement.columns) {
-            size_t offset = 0;
-            const Cell cell = number <= row.size() ? row[number - 1U] : Cell{};
-            if (binding.target) cut |= deliver(cell, binding, offset) != SQL_SUCCESS;
+        for (size_t i = 0; i < count; ++i) {
+            const bool isCut = deliverRow(statement, rows[statement.block + i], i);
+            if (states) states[i] = isCut ? SQL_ROW_SUCCESS_WITH_INFO : SQL_ROW_SUCCESS;
+            cut |= isCut;
         }
-        return cut ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
+        return count == 0 ? SQL_NO_DATA : cut ? SQL_SUCCESS_WITH_INFO : SQL_SUCCESS;
+    });
+}
+
+SQLRETURN SQLSetPos(SQLHSTMT handle, SQLSETPOSIROW row, SQLUSMALLINT, SQLUSMALLINT) {
+    return answerOr(std::to_string(row), [&] {
+        statementOf(handle).row = statementOf(handle).block + row;
+        statementOf(handle).partColumn = 0;
+        return SQL_SUCCESS;
     });
 }
 
@@ -300,7 +333,7 @@ SQLRETURN SQLGetData(SQLHSTMT handle, SQLUSMALLINT number, SQLSMALLINT cType, SQ
 SQLRETURN SQLMoreResults(SQLHSTMT handle) {
     return answerOr("", [&] {
         Statement& statement = statementOf(handle);
-        statement.row = 0;
+        statement.rewind();
         return ++statement.result < statement.results.size() ? SQL_SUCCESS : SQL_NO_DATA;
     });
 }
@@ -333,7 +366,8 @@ SQLRETURN SQLProcedureColumnsW(SQLHSTMT handle, SQLWCHAR*, SQLSMALLINT, SQLWCHAR
     const std::string text = (schema ? narrow(schema, SQL_NTS) + "." : "") + narrow(name, SQL_NTS);
     return answerOr(text, [&] {
         statementOf(handle).results = {script().catalog};
-        statementOf(handle).result = statementOf(handle).row = 0;
+        statementOf(handle).result = 0;
+        statementOf(handle).rewind();
         return SQL_SUCCESS;
     });
 }

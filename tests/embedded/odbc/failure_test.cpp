@@ -188,6 +188,43 @@ TEST_F(DriverResults, ComeFromANewPlanWhereTheOldOneIsStale) {
     EXPECT_LT(0, script.calls["SQLExecute"]);
 }
 
+TEST_F(DriverResults, OfManyRowsComeInBlocksWhateverTheirLengths) {
+    script.texts[SQL_DRIVER_NAME] = u"psqlodbcw.so";
+    Connection connection(kDriverText);
+    std::vector<Cell> cells;
+    Rows expected;
+    for (size_t row = 0; row < 300; ++row) {
+        // Now and then a longer one than cells are wide, and then more often.
+        const size_t length = row % 40 == 7 || (row > 200 && row % 3 == 0) ? 500 + row : row % 9;
+        cells.push_back(wide(std::u16string(length, u'x')));
+        expected.push_back(std::string(length, 'x'));
+    }
+    give(SQL_WVARCHAR, cells);
+    Statement statement(connection.handle);
+    statement.prepare("SELECT c FROM t");
+    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_EQ(expected, statement.rows());
+    EXPECT_GT(40, script.calls["SQLFetch"]);
+    EXPECT_LT(0, script.calls["SQLSetPos"]);
+}
+
+TEST_F(DriverResults, OfManyRowsAreNotPreparedWhereThatCopiesThem) {
+    script.texts[SQL_DRIVER_NAME] = u"psqlodbcw.so";
+    Connection connection(kDriverText);
+    for (const size_t rows : {9'999, 10'000}) {
+        give(SQL_INTEGER, std::vector<Cell>(rows, number(1)));
+        Statement statement(connection.handle);
+        statement.prepare("SELECT c FROM t WHERE d = " + std::to_string(rows));
+        script.calls.clear();
+        for (int execution = 0; execution < 3; ++execution) {
+            statement.execute();
+            EXPECT_EQ(rows, statement.rows().size());
+            statement.close();
+        }
+        EXPECT_EQ(rows < 10'000 ? 1 : 3, script.calls["SQLExecDirectW"]);
+    }
+}
+
 TEST_F(DriverResults, OfChangesHaveColumnsOrNone) {
     Connection connection(kDriverText);
     Statement statement(connection.handle);
