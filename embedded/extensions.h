@@ -65,6 +65,11 @@ inline constexpr SQLINTEGER kProgressAttribute = 0x7003;
 /// it would have to wait for a driver, answers SQL_NO_DATA at once instead.
 inline constexpr SQLINTEGER kFilesOnlyAttribute = 0x7004;
 
+/// Types of ODBC 4, for SQLBindParameter: a time, and a timestamp, with a time zone. The value is a
+/// text as in ISO 8601, and refused (22007) where the database would drop the time zone.
+inline constexpr SQLSMALLINT kZonedTime = 94;
+inline constexpr SQLSMALLINT kZonedTimestamp = 95;
+
 inline constexpr SQLLEN kSmallestCell = sizeof(VordaCell);
 static_assert(kSmallestCell == 24 && offsetof(VordaCell, bytes) == 8);
 

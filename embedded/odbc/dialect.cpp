@@ -53,6 +53,9 @@ constexpr NamedDialect kDialects[] = {
       .beforeSavepoint = "SELECT 1",
       .noSavepoint = "3B001",
       .wrongCall = "42809",
+      .typeOfParameter = "SELECT DISTINCT CAST(parameter_types[#] AS text)"
+                         " FROM pg_prepared_statements WHERE prepare_time ="
+                         " (SELECT max(prepare_time) FROM pg_prepared_statements)",
       .stalePlan = "0A000",
       .unguessed = "42P18",
       .strictBooleans = true}},

@@ -33,6 +33,10 @@ struct Dialect {
     /// What the server says to the driver's call escape for a procedure that has to be called with
     /// CALL; null where no such thing happens.
     const char* wrongCall = nullptr;
+    /// A query for the name of a parameter's type, for drivers that tell one type for times with
+    /// and without a time zone: the parameter of the statement prepared last whose number stands
+    /// for #; null where nobody tells.
+    const char* typeOfParameter = nullptr;
     /// What the server says when the plan of a prepared statement is out of date; null where it
     /// makes a new one by itself.
     const char* stalePlan = nullptr;

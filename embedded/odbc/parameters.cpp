@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "core/error.h"
+#include "extensions.h"
 
 namespace embedded {
 
@@ -62,6 +63,10 @@ const ParameterForm& formOf(SQLSMALLINT boundType) noexcept {
 bool isTemporal(const ParameterForm& form) noexcept {
     return form.cType == SQL_C_TYPE_DATE || form.cType == SQL_C_TYPE_TIME ||
            form.cType == SQL_C_TYPE_TIMESTAMP;
+}
+
+bool isZoned(SQLSMALLINT sqlType) noexcept {
+    return sqlType == kZonedTime || sqlType == kZonedTimestamp;
 }
 
 const ParameterForm& formFor(const ParameterForm& form, const DriverQuirks& quirks) noexcept {
@@ -154,7 +159,9 @@ OdbcParameters::OdbcParameters(ParameterSets& sets, const std::vector<int>& numb
     : m_sets(sets), m_keepsNul(quirks.keepsNul), m_arrays(numbers.size()) {
     for (size_t i = 0; i < numbers.size(); ++i) {
         m_arrays[i].number = numbers[i];
-        m_arrays[i].form = &formFor(formOf(sets.binding(numbers[i]).cType), quirks);
+        const ParameterBinding& binding = sets.binding(numbers[i]);
+        m_arrays[i].form = &formFor(formOf(binding.cType), quirks);
+        if (isZoned(binding.sqlType)) m_arrays[i].zonedType = binding.sqlType;
     }
 }
 
@@ -164,7 +171,10 @@ void OdbcParameters::sendAsBooleans(size_t position) {
 
 std::string OdbcParameters::types() const {
     std::string types;
-    for (const Array& array : m_arrays) types += static_cast<char>(array.form->sqlType);
+    for (const Array& array : m_arrays) {
+        types += static_cast<char>(array.form->sqlType);
+        if (array.zonedType != 0) types += static_cast<char>(array.zonedType);
+    }
     return types;
 }
 

@@ -24,6 +24,10 @@ class OdbcParameters {
     /// A short text that is the same for parameters of the same types.
     std::string types() const;
 
+    /// The ODBC type, of a time with a time zone, that the values of the marker at `position`, from
+    /// 0, are bound as, which come as texts; 0 for others.
+    SQLSMALLINT zonedType(size_t position) const { return m_arrays[position].zonedType; }
+
     /// Whether every value of the marker at `position`, from 0, is 0, 1 or NULL, and some is not
     /// NULL.
     bool mayBeBooleans(size_t position) const;
@@ -41,6 +45,7 @@ class OdbcParameters {
     struct Array {
         int number = 0;  ///< of its parameter
         const ParameterForm* form = nullptr;
+        SQLSMALLINT zonedType = 0;
         size_t width = 0;        ///< bytes from value to value
         size_t wanted = 0;       ///< the same if one more set joins
         SQLSMALLINT digits = 0;  ///< of the fractions of seconds

@@ -7,6 +7,7 @@
 
 #include "core/error.h"
 #include "core/parameters.h"
+#include "extensions.h"
 #include "odbc/columns.h"
 #include "odbc/parameterarray.h"
 #include "odbc/parameters.h"
@@ -81,6 +82,8 @@ class OdbcProgram final : public Program {
     void prepareOnce();
     void renewStatement();
     void keepTypes();
+    void requireZones(const OdbcParameters& parameters);
+    bool isOfType(size_t position, std::string_view type);
     Outcome runOne(ParameterSets& sets, OdbcParameters& parameters);
     Outcome runBatch(ParameterSets& sets, OdbcParameters& parameters);
     SQLLEN runArray(ParameterSets& sets, OdbcParameters& parameters, SQLULEN first, SQLULEN& count);
@@ -196,6 +199,42 @@ void OdbcProgram::keepTypes() {
     m_statement->staysDirect = true;
 }
 
+/// Whether the marker at `position` has this type in the statement prepared last.
+bool OdbcProgram::isOfType(size_t position, std::string_view type) {
+    std::string query = m_session.dialect().typeOfParameter;
+    query.replace(query.find('#'), 1, std::to_string(position + 1));
+    auto statement = std::make_shared<OdbcStatement>(m_session);
+    statement->executeDirect(query);
+    const auto rows = makeOdbcRows(std::move(statement));
+    return rows->next() && rows->cell(0).bytes == type && !rows->next();
+}
+
+/// Servers drop a time zone without a word where a type has none.
+void OdbcProgram::requireZones(const OdbcParameters& parameters) {
+    std::optional<OdbcStatement> described;
+    for (size_t position = 0; position < parameters.count() && !m_statement->keepsZones;
+         ++position) {
+        const SQLSMALLINT zoned = parameters.zonedType(position);
+        if (zoned == 0) continue;
+        const char* const type =
+            zoned == kZonedTime ? "time with time zone" : "timestamp with time zone";
+        const std::string place = "Parameter " + std::to_string(m_sql.numbers[position]);
+        if (!m_session.dialect().typeOfParameter)
+            throw Error("22007", place + ": times with a time zone cannot be sent here.");
+        if (!described) described.emplace(m_session).prepare(m_sql.text);
+        SQLSMALLINT ignored = SQL_UNKNOWN_TYPE;  // has the driver prepare it on the server
+        described->handle().check(described->manager().SQLDescribeParam(
+            described->get(), static_cast<SQLUSMALLINT>(position + 1), &ignored, nullptr, nullptr,
+            nullptr));
+        if (m_sql.hasParts || !isOfType(position, type)) {
+            throw Error(
+                "22007",
+                place + ": its time zone would be lost, since it does not go to a " + type + ".");
+        }
+    }
+    m_statement->keepsZones = true;
+}
+
 const std::vector<Column>& OdbcProgram::columns() {
     m_transactions.require(StatementKind::Query);
     if (!m_statement) useStatement({});
@@ -215,6 +254,7 @@ Outcome OdbcProgram::execute(ParameterSets& sets, const ExecutionOptions& option
     sets.require(m_sql.parameters);
     OdbcParameters parameters(sets, m_sql.numbers, m_session.quirks());
     const auto run = [&] {
+        requireZones(parameters);
         if (sets.count() > 1) return runBatch(sets, parameters);
         return runOne(sets, parameters);
     };

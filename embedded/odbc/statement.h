@@ -81,7 +81,8 @@ class OdbcStatement {
     bool hasManyRows = false;           ///< one of its results
     std::vector<std::string> answered;  ///< types of the rows' columns, executed directly
     bool keepsResults = false;          ///< rows that end leave those of the next result
-    bool unusable = false;  ///< not to be used again: the driver holds on to rows or addresses
+    bool unusable = false;    ///< not to be used again: the driver holds on to rows or addresses
+    bool keepsZones = false;  ///< of its parameters
     std::vector<size_t> booleans;  ///< positions of markers that the server wants Booleans for
 
     const DriverManager& manager() const noexcept { return DriverManager::instance(); }

@@ -31,6 +31,10 @@ size_t SizeOf(SQLSMALLINT cType) {
     }
 }
 
+bool IsZoned(SQLSMALLINT sqlType) {
+    return sqlType == kZonedTime || sqlType == kZonedTimestamp;
+}
+
 size_t WidthOf(const Value& value) {
     const size_t size = SizeOf(TypeInArray(value));
     return size > 0 ? size : std::max<size_t>(value.bytes.size(), 1);
@@ -44,7 +48,10 @@ bool Batch::Fits(const std::vector<Value>& row) const {
         const Column& column = m_columns[i];
         width += column.width;
         if (row[i].isNull) continue;
-        if (column.cType != 0 && column.cType != TypeInArray(row[i])) return false;
+        const bool isZoned = IsZoned(column.sqlType) || IsZoned(row[i].sqlType);
+        const bool isOther =
+            column.cType != TypeInArray(row[i]) || (isZoned && column.sqlType != row[i].sqlType);
+        if (column.cType != 0 && isOther) return false;
         width += std::max(WidthOf(row[i]), column.width) - column.width;
     }
     return m_count < kMostRows && width * (m_count + 1) <= kMostBytes;

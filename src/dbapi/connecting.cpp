@@ -130,6 +130,7 @@ void Connecting::Describe() {
     SQLGetInfoW(database.connection, SQL_GETDATA_EXTENSIONS, &extensions, sizeof extensions,
                 nullptr);
     database.hasCells = (extensions & kBlocks) == kBlocks;
+    database.keepsZones = database.hasCells && database.product == "PostgreSQL";
 }
 
 std::shared_ptr<Connecting> Connect(const std::string& text, bool autocommit, long timeout) {

@@ -13,7 +13,7 @@ void ReadParameters(CursorObject* self, PyObject* given, PyRef& sql) {
         sequence = PyRef::Borrow(PyTuple_GetItem(pair.Get(), 1));
         if (!sql || !sequence) throw PythonError();
     }
-    const Sending sending{self->link->Behind().isSqlite};
+    const Sending sending = self->link->Behind().HowToSend();
     // A list may change while adapters run.
     for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(sequence.Get()); ++i) {
         const PyRef item = PyRef::Borrow(PySequence_Fast_GET_ITEM(sequence.Get(), i));

@@ -71,7 +71,7 @@ class Run {
     }
 
     void AddAll(Input& input, const PyRef& sql) {
-        const Sending sending{m_self->link->Behind().isSqlite};
+        const Sending sending = m_self->link->Behind().HowToSend();
         m_inArraysSql = std::move(input.inArrays);
         while (input.stream->NextRow()) {
             input.stream->Read(m_self->values, sending);

@@ -101,17 +101,36 @@ SQL_DATE_STRUCT DayOf(PyObject* day) {
             Narrow<SQLUSMALLINT>(PyDateTime_GET_DAY(day))};
 }
 
-void RefuseZone(PyObject* when, Py_ssize_t position) {
-    const PyRef zone = Checked(PyObject_GetAttrString(when, "tzinfo"));
-    if (zone.Get() == Py_None) return;
-    Refuse("22007", position,
-           "times with a time zone are not sent, since a column without one would lose it; send "
-           "value.isoformat() to a column that has one, else "
-           "value.astimezone(timezone.utc).replace(tzinfo=None)");
+// As a text with microseconds, whatever a derived class adds.
+void ReadIsoText(Value& value, PyObject* when, PyTypeObject* type, Py_ssize_t position) {
+    const PyRef text =
+        Checked(PyObject_CallMethod(reinterpret_cast<PyObject*>(type), "isoformat", "O", when));
+    ReadText(value, text.Get(), position);
 }
 
-void ReadStamp(Value& value, PyObject* when, Py_ssize_t position) {
-    RefuseZone(when, position);
+// Whether it has one. Throws where that cannot be sent.
+bool HasZone(PyObject* when, Py_ssize_t position, const Sending& sending) {
+    const PyRef zone = Checked(PyObject_GetAttrString(when, "tzinfo"));
+    if (zone.Get() == Py_None) return false;
+    if (!sending.keepsZones) {
+        Refuse(
+            "22007", position,
+            "times with a time zone are not sent, since a column without one would lose it; send "
+            "value.isoformat() to a column that has one, else "
+            "value.astimezone(timezone.utc).replace(tzinfo=None)");
+    }
+    const PyRef offset = Checked(PyObject_CallMethod(when, "utcoffset", nullptr));
+    if (offset.Get() == Py_None)
+        Refuse("22007", position, "the time zone does not tell how far it is from UTC");
+    return true;
+}
+
+void ReadStamp(Value& value, PyObject* when, Py_ssize_t position, const Sending& sending) {
+    if (HasZone(when, position, sending)) {
+        ReadIsoText(value, when, PyDateTimeAPI->DateTimeType, position);
+        value.sqlType = kZonedTimestamp;
+        return;
+    }
     const SQL_DATE_STRUCT day = DayOf(when);
     value.cType = SQL_C_TYPE_TIMESTAMP;
     value.sqlType = SQL_TYPE_TIMESTAMP;
@@ -126,10 +145,10 @@ void ReadStamp(Value& value, PyObject* when, Py_ssize_t position) {
 }
 
 // As a text: the standard's structure has no fraction.
-void ReadTime(Value& value, PyObject* when, Py_ssize_t position) {
-    RefuseZone(when, position);
-    const PyRef text = Checked(PyObject_CallMethod(when, "isoformat", nullptr));
-    ReadText(value, text.Get(), position);
+void ReadTime(Value& value, PyObject* when, Py_ssize_t position, const Sending& sending) {
+    const bool hasZone = HasZone(when, position, sending);
+    ReadIsoText(value, when, PyDateTimeAPI->TimeType, position);
+    if (hasZone) value.sqlType = kZonedTime;
 }
 
 // The types that need no look at adapters. Anything else is false.
@@ -160,13 +179,13 @@ bool ReadPlain(Value& value, PyObject* object, Py_ssize_t position, const Sendin
 // The types that adapters may make of others.
 bool ReadOther(Value& value, PyObject* object, Py_ssize_t position, const Sending& sending) {
     if (PyDateTime_Check(object)) {
-        ReadStamp(value, object, position);
+        ReadStamp(value, object, position, sending);
     } else if (PyDate_Check(object)) {
         value.cType = SQL_C_TYPE_DATE;
         value.sqlType = SQL_TYPE_DATE;
         value.day = DayOf(object);
     } else if (PyTime_Check(object)) {
-        ReadTime(value, object, position);
+        ReadTime(value, object, position, sending);
     } else if (PyObject_TypeCheck(object, reinterpret_cast<PyTypeObject*>(g_decimal))) {
         ReadDecimal(value, object, position, sending);
     } else {

@@ -7,6 +7,10 @@
 #include "dbapi/cells.h"
 #include "dbapi/failure.h"
 
+// ODBC's types of times with a time zone, which are sent as texts.
+constexpr SQLSMALLINT kZonedTime = 94;
+constexpr SQLSMALLINT kZonedTimestamp = 95;
+
 // A value to send, in the form in which it is bound.
 struct Value {
     SQLSMALLINT cType = SQL_C_WCHAR;
@@ -25,7 +29,8 @@ struct Value {
 
 // What is known of a connection that decides how values are sent.
 struct Sending {
-    bool toSqlite;  // it has no decimals: what would be rounded is refused
+    bool toSqlite;    // it has no decimals: what would be rounded is refused
+    bool keepsZones;  // of times, or says that it does not
 };
 
 // Reads a Python value, which may run any code. Throws what names the 1-based `position`.

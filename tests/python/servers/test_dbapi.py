@@ -43,6 +43,41 @@ def test_output_parameters_are_replaced_or_a_row(engine):
     connection.close()
 
 
+def test_times_with_a_zone_go_where_one_is_kept(engine):
+    summer, winter = (datetime.datetime(2024, 10, 27, 2, 30, 0, 5, tzinfo=datetime.timezone(
+        datetime.timedelta(hours=hours))) for hours in (2, 1))
+    connection = dbapi.connect(engine.string)
+    cursor = connection.cursor()
+
+    def refused(call, *arguments):
+        with pytest.raises(dbapi.DataError, match="time zone") as caught:
+            call(*arguments)
+        assert caught.value.sqlstate == "22007"
+
+    if engine.name != "postgresql":
+        refused(cursor.execute, "SELECT ?", (summer,))
+        return
+    cursor.execute("SET TIME ZONE 'Europe/Berlin'")
+    cursor.execute("CREATE TEMPORARY TABLE zones (a TIMESTAMPTZ, b TIMESTAMP, c TIMETZ)")
+    connection.commit()
+    for when in (summer, winter, None):
+        cursor.execute("INSERT INTO zones (a) VALUES (?)", (when,))
+        refused(dbapi.connect(engine.string).execute, "SELECT ? < localtimestamp", (summer,))
+    cursor.executemany("INSERT INTO zones VALUES (?, ?, ?)", [
+        (winter, summer.replace(tzinfo=None), None), (str(summer), None, winter.timetz()),
+        (summer, None, None)])
+    connection.commit()
+    rows = cursor.execute("SELECT extract(epoch FROM a), b, CAST(c AS text) FROM zones").fetchall()
+    seconds = [Decimal(when.timestamp()).quantize(Decimal("1e-6")) for when in (summer, winter)]
+    assert [row[0] for row in rows] == [*seconds, None, seconds[1], *seconds[:1] * 2]
+    assert rows[3][1] == summer.replace(tzinfo=None) and rows[4][2] == "02:30:00.000005+01"
+    for mixed in ([(winter.replace(tzinfo=None),), (winter,)], [("2024-01-01",), (winter,)]):
+        refused(cursor.executemany, "INSERT INTO zones (b) VALUES (?)", mixed)
+        connection.rollback()
+    refused(cursor.executemany, "INSERT INTO zones (c) VALUES (?)", [(winter.timetz(),), (winter,)])
+    connection.close()
+
+
 def test_results_of_one_text_come_one_after_the_other(engine):
     if engine.name not in engines.SERVERS:
         pytest.skip("no server")
