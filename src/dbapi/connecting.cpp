@@ -144,7 +144,7 @@ std::shared_ptr<Connecting> Connect(const std::string& text, bool autocommit, lo
     const bool mayBeLeft = timeout > 0 || InMainThread();
     bool isMade = false;
     {
-        // Whoever may leave waits for no file: a second thread would make all slower that the
+        // Nobody has to wait for a file, and with a second thread all would be slower that the
         // process does from then on.
         const Unlocked unlocked;
         isMade = make(mayBeLeft);
