@@ -14,6 +14,7 @@ there. Nothing makes those of one interpreter or C library comparable with those
 """
 
 import argparse
+import gc
 import glob
 import json
 import os
@@ -35,6 +36,7 @@ def measure():
     """Runs in the process that callgrind watches; each dump is one number."""
     import probe
     from vorda import dbapi, zelqa
+    gc.disable()  # it would come into one count or another
 
     def counted(label, work, *args):
         work(*args)  # whatever is made once is made now

@@ -9,9 +9,8 @@ constexpr size_t kFixedWidth = sizeof(SQL_TIMESTAMP_STRUCT);
 constexpr size_t kTextWidth = 48;
 constexpr size_t kWidest = size_t{48} * 1024;
 
-// A single row is told from several by fetching two; many rows come in larger blocks from block to
-// block. No block is larger than what a processor keeps at hand.
-constexpr size_t kFirstRows = 2;
+// Many rows come in larger blocks from block to block. No block is larger than what a processor
+// keeps at hand.
 constexpr size_t kGrowth = 8;
 constexpr size_t kMostRows = 256;
 constexpr size_t kMostBytes = size_t{192} * 1024;

@@ -42,6 +42,8 @@ class Block {
     // cells tell what they are, it may be empty.
     void Begin(SQLHSTMT statement, const std::vector<ColumnInfo>& columns, size_t count,
                bool& hasCells);
+    // What comes next is not like what came before: no more memory is kept than for a single row.
+    void Renew() { m_isBound = m_isBound && m_size <= kFirstRows; }
     // Fetches; false when the rows are over.
     bool Load(SQLHSTMT statement);
     bool HasRow() const { return m_next < m_count; }
@@ -65,6 +67,9 @@ class Block {
   private:
     // The indicator and the cell's tag, in front of the value.
     static constexpr size_t kHead = sizeof(SQLLEN) + kCellTag;
+
+    // A single row is told from several by fetching two.
+    static constexpr size_t kFirstRows = 2;
 
     // Where a column's part of a row lies: the indicator, and the cell behind it.
     struct Place {

@@ -55,6 +55,7 @@ Statement::~Statement() {
 void Statement::SetText(PyObject* text) {
     m_cameBefore = m_prepared = m_isDescribed = false;
     m_columns.clear();
+    m_block.Renew();
     m_text = PyRef::Borrow(text);
     m_hash = PyObject_Hash(text);
     m_utf8 = PyUnicode_AsUTF8AndSize(text, &m_length);
