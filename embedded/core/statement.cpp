@@ -42,11 +42,10 @@ void Statement::prepare(std::string_view sql) {
     m_rowCount = -1;
     m_lastRow.reset();
     if (m_settings) m_settings->surplusParameter = 0;
-    // Of the text before, memory for the rows may be there.
+    // Of the text before, whose rows are over, memory for others may be there.
     std::unique_ptr<Work> work = std::move(m_work);
     if (work) {
         work->program.reset();
-        work->forgetRows();
     } else {
         work = std::make_unique<Work>();
     }

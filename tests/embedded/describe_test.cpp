@@ -86,6 +86,12 @@ TEST_F(DescribeTest, ExpressionsTakeTheTypeOfTheFirstRow) {
         EXPECT_EQ(SQL_BIGINT, statement.attribute(1, SQL_COLUMN_TYPE));
         EXPECT_EQ("one", statement.text(1, SQL_COLUMN_NAME));
     }
+    // Nor that nobody has looked at the first row.
+    statement.close();
+    statement.prepare("SELECT 1 UNION ALL SELECT 'x'");
+    EXPECT_EQ(SQL_SUCCESS, statement.execute());
+    EXPECT_EQ(SQL_SUCCESS, (statement.fetch(), statement.fetch()));
+    EXPECT_EQ(SQL_BIGINT, statement.attribute(1, SQL_COLUMN_TYPE));
 }
 
 TEST_F(DescribeTest, NullabilityIsOnlyClaimedWhereItHolds) {

@@ -279,6 +279,7 @@ def test_texts_that_come_again_stay_prepared(scripted_library, tmp_path):
     forward(runtime)
     connection = dbapi.connect(str(tmp_path / "t.db"))
     for texts, prepared in ((["SELECT 'a'", "SELECT 'b'"] * 9, 4),
+                            (["SELECT 'c'", "SELECT 'c'", "SELECT 'd'", "SELECT 'c'"], 2),
                             (["SELECT %d" % n for n in range(300)], 300),
                             (["SELECT 'a'", "SELECT 'b'"], 0)):
         before = runtime.count("SQLPrepareW")
