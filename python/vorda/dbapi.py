@@ -12,7 +12,6 @@ import datetime
 import enum
 import functools
 import io
-import logging
 import operator
 import os
 import re
@@ -417,12 +416,12 @@ def dict_row(cursor: Any) -> Callable[[Tuple[Any, ...]], Dict[str, Any]]:
 
 # --- connections and cursors --------------------------------------------------------------------
 
-_logger = logging.getLogger("vorda")
-
 
 def _log(operation: str, values: int, rows: int, seconds: float, failed: bool) -> None:
     """Tells what was executed, and no value of it; called by the core if somebody listens."""
-    _logger.debug(
+    import logging
+
+    logging.getLogger("vorda").debug(
         "%s [%d values, %s, %.3f ms]",
         operation,
         values,
@@ -595,6 +594,5 @@ _statement._set_face(
         "_positional": _positional,
         "_ends_transaction": _ends_transaction,
         "_log": _log,
-        "_logger": _logger,
     }
 )

@@ -1,5 +1,20 @@
 #include "dbapi/logging.h"
 
+namespace {
+
+// Null where nobody has imported the module yet, without which nobody listens. The import of this
+// driver leaves it to others: it would take a third of its time.
+PyRef FindLogger() {
+    static PyObject* name = nullptr;
+    if (!name) name = PyUnicode_InternFromString("logging");
+    PyObject* const modules = PyImport_GetModuleDict();
+    if (!name || !modules || !PyDict_CheckExact(modules)) return PyRef();
+    const PyRef module = PyRef::Borrow(PyDict_GetItemWithError(modules, name));
+    return PyRef(module ? PyObject_CallMethod(module.Get(), "getLogger", "s", "vorda") : nullptr);
+}
+
+}  // namespace
+
 bool IsLogging() {
     constexpr long kDebug = 10;
     // Not initialised by their declarations: who waits for that has the interpreter lock.
@@ -8,11 +23,7 @@ bool IsLogging() {
     // Not part of the logger's interface; without it, the logger is asked each time.
     static PyObject* answers = nullptr;
     if (!answers) {
-        try {
-            if (!logger) logger = OfFace("_logger").Release();
-        } catch (const PythonError&) {
-            // Asked for again by the next statement.
-        }
+        if (!logger) logger = FindLogger().Release();
         if (!level) level = PyLong_FromLong(kDebug);
         if (logger && level) answers = PyObject_GetAttrString(logger, "_cache");
         PyErr_Clear();
