@@ -211,7 +211,7 @@ TEST_F(DriverResults, OfManyRowsComeInBlocksWhateverTheirLengths) {
 TEST_F(DriverResults, OfManyRowsAreNotPreparedWhereThatCopiesThem) {
     script.texts[SQL_DRIVER_NAME] = u"psqlodbcw.so";
     Connection connection(kDriverText);
-    for (const size_t rows : {9'999, 10'000}) {
+    for (const size_t rows : {size_t{9'999}, size_t{10'000}}) {
         give(SQL_INTEGER, std::vector<Cell>(rows, number(1)));
         Statement statement(connection.handle);
         statement.prepare("SELECT c FROM t WHERE d = " + std::to_string(rows));
