@@ -6,6 +6,7 @@
 #include <string>
 
 #include "dbapi/ascii.h"
+#include "dbapi/latin1.h"
 #include "include/pydatetime.h"
 
 PyDateTime_CAPI* PyDateTimeAPI = nullptr;
@@ -201,6 +202,14 @@ PyRef MakeText(std::string_view bytes) {
     if (bytes.size() > 1 && IsAscii(bytes)) {
         PyRef text = Checked(PyUnicode_New(static_cast<Py_ssize_t>(bytes.size()), 127));
         std::memcpy(PyUnicode_1BYTE_DATA(text.Get()), bytes.data(), bytes.size());
+        return text;
+    }
+    // Nor does it share single letters of Latin-1 with a text of more bytes than these.
+    const std::optional<size_t> letters =
+        bytes.size() > 2 ? latin1::CountLetters(bytes) : std::nullopt;
+    if (letters) {
+        PyRef text = Checked(PyUnicode_New(static_cast<Py_ssize_t>(*letters), 255));
+        latin1::Decode(bytes, PyUnicode_1BYTE_DATA(text.Get()));
         return text;
     }
     PyRef text(PyUnicode_DecodeUTF8(bytes.data(), static_cast<Py_ssize_t>(bytes.size()), nullptr));

@@ -3,6 +3,7 @@
 import collections
 import datetime
 import enum
+import sys
 import uuid
 from decimal import Decimal
 
@@ -43,6 +44,27 @@ def test_values_come_back_as_they_went_in(connection, declared, values):
     assert back == values and list(map(type, back)) == list(map(type, values))
     assert cursor.description[0][0] == "x" and type(values[0]) is cursor.description[0][1]
     assert connection.execute("SELECT count(*) FROM t WHERE x = ?", values[:1]).fetchone() >= (1,)
+
+
+@pytest.mark.parametrize("bytes_within", [
+    b"x", b"\xc2\x80", b"\xc3\xbf", b"\xc3\xa9\xc3\xa4", b"\xc4\x80", b"\xe2\x82\xac",
+    b"\xf0\x9f\x98\x80", b"\xc3", b"\xc2x", b"\xc3\xc3", b"\xc1\xbf", b"\xc0\x80", b"\x80",
+    b"\xff", b"\xe9\xa9", b"\xed\xa0\x80",
+])
+def test_texts_are_those_that_python_reads(connection, bytes_within):
+    for length in (*range(20), 60):
+        for place in {0, length // 2, max(length - 1, 0), length}:
+            given = b"a" * place + bytes_within + b"z" * (length - place)
+            cursor = connection.execute("SELECT CAST(? AS TEXT)", (given,))
+            try:
+                text = given.decode()
+            except UnicodeDecodeError:
+                with pytest.raises(dbapi.DataError, match="UTF-8"):
+                    cursor.fetchone()
+            else:
+                back, = cursor.fetchone()
+                # Alike inside, too: the interpreter relies on it.
+                assert back == text and sys.getsizeof(back) == sys.getsizeof(text), given
 
 
 @pytest.mark.parametrize("given, sent", [
