@@ -219,14 +219,14 @@ void OdbcProgram::requireZones(const OdbcParameters& parameters) {
         const char* const type =
             zoned == kZonedTime ? "time with time zone" : "timestamp with time zone";
         const std::string place = "Parameter " + std::to_string(m_sql.numbers[position]);
-        if (!m_session.dialect().typeOfParameter)
+        if (!m_session.dialect().typeOfParameter || m_sql.hasParts)
             throw Error("22007", place + ": times with a time zone cannot be sent here.");
         if (!described) described.emplace(m_session).prepare(m_sql.text);
         SQLSMALLINT ignored = SQL_UNKNOWN_TYPE;  // has the driver prepare it on the server
         described->handle().check(described->manager().SQLDescribeParam(
             described->get(), static_cast<SQLUSMALLINT>(position + 1), &ignored, nullptr, nullptr,
             nullptr));
-        if (m_sql.hasParts || !isOfType(position, type)) {
+        if (!isOfType(position, type)) {
             throw Error(
                 "22007",
                 place + ": its time zone would be lost, since it does not go to a " + type + ".");

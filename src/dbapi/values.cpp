@@ -204,7 +204,7 @@ PyRef MakeText(std::string_view bytes) {
         std::memcpy(PyUnicode_1BYTE_DATA(text.Get()), bytes.data(), bytes.size());
         return text;
     }
-    // Nor does it share single letters of Latin-1 with a text of more bytes than these.
+    // A single letter of Latin-1, of two bytes, is shared, too.
     const std::optional<size_t> letters =
         bytes.size() > 2 ? latin1::CountLetters(bytes) : std::nullopt;
     if (letters) {

@@ -62,7 +62,8 @@ def test_times_with_a_zone_go_where_one_is_kept(engine):
     connection.commit()
     for when in (summer, winter, None):
         cursor.execute("INSERT INTO zones (a) VALUES (?)", (when,))
-        refused(dbapi.connect(engine.string).execute, "SELECT ? < localtimestamp", (summer,))
+        refused(cursor.execute, "SELECT ? < localtimestamp", (summer,))
+        refused(cursor.execute, "SELECT 1; SELECT CAST(? AS TIMESTAMPTZ)", (summer,))
     cursor.executemany("INSERT INTO zones VALUES (?, ?, ?)", [
         (winter, summer.replace(tzinfo=None), None), (str(summer), None, winter.timetz()),
         (summer, None, None)])
